@@ -1,0 +1,76 @@
+# Flags and the few functions that every folder's CMakeLists.txt is written in.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE Release CACHE STRING "" FORCE)
+endif()
+set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
+set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g")
+
+# What every target is compiled with, tests and benchmarks included.
+add_library(kiv_common INTERFACE)
+target_include_directories(kiv_common INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
+target_compile_options(kiv_common INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wold-style-cast -Wformat=2
+  $<$<BOOL:${KIV_WERROR}>:-Werror>)
+if(KIV_SANITIZE)
+  target_compile_options(kiv_common INTERFACE
+    -fsanitize=${KIV_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(kiv_common INTERFACE -fsanitize=${KIV_SANITIZE})
+endif()
+
+# What the product alone is compiled with: failure never unwinds.
+add_library(kiv_product INTERFACE)
+target_link_libraries(kiv_product INTERFACE kiv_common)
+target_compile_options(kiv_product INTERFACE
+  -fno-exceptions -fno-rtti -ffunction-sections -fdata-sections
+  -fstack-protector-strong -fcf-protection)
+if(NOT KIV_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+  # Fortified string calls hide the accesses that a sanitizer wants to see.
+  target_compile_options(kiv_product INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+endif()
+
+# kiv_library(NAME [DEPENDS targets...]): the static library of this folder, of
+# every .cc in it but the tests.
+function(kiv_library name)
+  cmake_parse_arguments(ARG "" "" "DEPENDS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS *.cc)
+  list(FILTER sources EXCLUDE REGEX "_test\\.cc$")
+  add_library(${name} STATIC ${sources})
+  add_library(kivtrap::${name} ALIAS ${name})
+  target_compile_features(${name} PUBLIC cxx_std_20)
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<INSTALL_INTERFACE:include/kivtrap>)
+  target_link_libraries(${name} PUBLIC ${ARG_DEPENDS} PRIVATE $<BUILD_INTERFACE:kiv_product>)
+endfunction()
+
+# kiv_program(NAME source... DEPENDS targets...): a program that needs libc alone
+# at run time.
+function(kiv_program name)
+  cmake_parse_arguments(ARG "" "" "DEPENDS" ${ARGN})
+  add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} kiv_product)
+  target_link_options(${name} PRIVATE
+    -pie -Wl,-z,relro,-z,now -Wl,--gc-sections -static-libgcc -static-libstdc++)
+endfunction()
+
+# kiv_folder_tests(): one test program for every product folder, of the
+# NAME_test.cc files in it, named FOLDER_test.
+function(kiv_folder_tests)
+  foreach(folder platform liblocal snmp rpc trap)
+    file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*_test.cc)
+    if(sources)
+      if(folder STREQUAL "trap")
+        set(subject command)
+      else()
+        set(subject ${folder})
+      endif()
+      kiv_test_program(${folder}_test ${sources} DEPENDS ${subject})
+    endif()
+  endforeach()
+endfunction()

@@ -1,0 +1,39 @@
+// Large descriptor sets (65536 bits) and the wait on them.
+//
+// Thread safety: a set is a plain value; distinct sets may be used from
+// distinct threads.
+#pragma once
+
+#include <sys/time.h>
+
+#include <cstdint>
+
+constexpr int kVxFdSetSize = 65536;  // descriptors that a set can name: 0 to 65535
+
+struct vx_fd_set {
+  uint64_t words[kVxFdSetSize / 64];
+};
+
+/// Empties `set`.
+inline void VX_FD_ZERO(vx_fd_set* set) { *set = {}; }
+
+/// Adds `fd` to `set`. A descriptor outside 0 to 65535 is not added.
+inline void VX_FD_SET(int fd, vx_fd_set* set) {
+  if (fd >= 0 && fd < kVxFdSetSize) set->words[fd / 64] |= uint64_t{1} << (fd % 64);
+}
+
+/// True when `fd` is in `set`; never for a descriptor outside 0 to 65535.
+[[nodiscard]] inline bool VX_FD_ISSET(int fd, const vx_fd_set* set) {
+  return fd >= 0 && fd < kVxFdSetSize && (set->words[fd / 64] >> (fd % 64) & 1) != 0;
+}
+
+/// Waits as the platform's select: until a descriptor below `count` is ready for
+/// what its set asks, or `timeout` (null: no limit) has passed. Sets may be null.
+/// The sets are replaced by what is ready.
+///
+/// REQUIRES: `count` <= 65536.
+///
+/// Returns the number of ready descriptors, 0 when the time is up, -1 with
+/// `errno` set on failure.
+[[nodiscard]] int vx_select(int count, vx_fd_set* readable, vx_fd_set* writable,
+                            vx_fd_set* exceptional, timeval* timeout);

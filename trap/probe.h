@@ -1,0 +1,6 @@
+// The question to the management station whether it wants its texts wrapped.
+#pragma once
+
+/// True when program 100122 version 0 is registered over UDP with a port mapper
+/// of `host`.
+[[nodiscard]] bool wants_wrapped_text(const char* host);
