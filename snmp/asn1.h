@@ -7,7 +7,8 @@
 // it used off the counter; on failure it returns nullptr, and the caller has
 // nothing to undo (a builder may have written a part of its item). Two of them
 // treat the counter differently and say so: asn_parse_length has none, and
-// asn_parse_header replaces it.
+// asn_parse_header replaces it. Every parser fails for an item that does not fit
+// into its counter and for a tag of several bytes.
 //
 // Nothing is printed, kept or shared: all of it is thread safe.
 #pragma once
@@ -21,8 +22,8 @@ constexpr uint8_t kAsnNull = 0x05;
 constexpr uint8_t kAsnObjectId = 0x06;
 constexpr uint8_t kAsnSequence = 0x30;
 
-constexpr int32_t kAsnMaxSubids = 64;        // sub-identifiers of one object identifier
-constexpr int32_t kAsnMaxObjidBytes = 64;    // its encoded contents
+constexpr int32_t kAsnMaxSubids = 64;          // sub-identifiers of one object identifier
+constexpr int32_t kAsnMaxObjidBytes = 64;      // its encoded contents
 constexpr int32_t kAsnMaxBuildLength = 65535;  // largest length that is written
 
 /// Writes `length` (0 to 65535) in the shortest definite form, 1 to 3 bytes.
@@ -61,8 +62,7 @@ constexpr int32_t kAsnMaxBuildLength = 65535;  // largest length that is written
 
 /// Reads a tag and a length and returns the first content byte. `*left` is
 /// replaced by the length, so that the contents are parsed with it as their
-/// bound. Fails when the item does not fit into `*left`, and for a tag of
-/// several bytes.
+/// bound.
 [[nodiscard]] const uint8_t* asn_parse_header(const uint8_t* at, int32_t* left, uint8_t* tag);
 
 /// Reads an integer of 1 to 4 content bytes, sign-extended, or of 5 of which the

@@ -46,10 +46,10 @@ struct session_entry {
   session_state* state;
 };
 
-extern session_entry* Sessions;   // open sessions, newest first
-extern long Reqid;                // last request id given out; 0 until seeded
-extern int snmp_errno;            // code of the last failure
-extern int snmp_dump_packet;      // non-zero: dump every packet on standard output
+extern session_entry* Sessions;               // open sessions, newest first
+extern long Reqid;                            // last request id given out; 0 until seeded
+extern int snmp_errno;                        // code of the last failure
+extern int snmp_dump_packet;                  // non-zero: dump every packet on standard output
 extern const uint64_t default_enterprise[9];  // for a trap without an enterprise
 
 /// Opens a session as `session_template` states, which is not used after the

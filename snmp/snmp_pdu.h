@@ -59,9 +59,9 @@ struct snmp_pdu {
 /// Releases `pdu` with all it owns. Null is allowed.
 void snmp_free_pdu(snmp_pdu* pdu);
 
-/// Appends a zeroed binding (type 0) to `pdu`, which owns it. Returns null
-/// without memory, and `pdu` is then as before.
-[[nodiscard]] snmp_var* snmp_append_var(snmp_pdu* pdu);
+/// Stores a new zeroed binding in `*link`, the null end of a binding list. Returns
+/// it, or null without memory; the list is then as before. It belongs to the list.
+[[nodiscard]] snmp_var* snmp_new_var(snmp_var** link);
 
 /// Appends a NULL binding with a copy of `name` (`name_length` sub-identifiers),
 /// as a request asks for a variable. Without memory `pdu` stays as it was.

@@ -1,0 +1,204 @@
+#include "snmp/asn1.h"
+
+#include <bit>
+#include <cstring>
+
+namespace {
+
+constexpr uint8_t kMultiByteTag = 0x1F;  // low five bits of a tag that goes on
+constexpr uint8_t kLongForm = 0x80;      // a length byte that counts length bytes
+constexpr uint8_t kMoreGroups = 0x80;    // not the last byte of a sub-identifier
+constexpr uint8_t kSignBit = 0x80;
+constexpr int kMaxLengthBytes = 8;
+constexpr uint64_t kMaxSubid = 0xFFFFFFFF;
+constexpr uint64_t kFirstArcFactor = 40;  // the first two arcs travel as 40 * a + b
+
+// Bytes of a number in base 128.
+int32_t groups_of(uint64_t number) {
+  return (static_cast<int32_t>(std::bit_width(number | 1)) + 6) / 7;
+}
+
+uint8_t* put_groups(uint8_t* at, uint64_t number, int32_t groups) {
+  for (int32_t group = groups - 1; group > 0; --group) {
+    *at++ = static_cast<uint8_t>(kMoreGroups | number >> (7 * group));
+  }
+  *at++ = static_cast<uint8_t>(number & 0x7F);
+  return at;
+}
+
+// Bytes of the shortest two's-complement form: those that the value reaches into
+// once its sign is folded away, with one bit left for the sign.
+int32_t int_size(int32_t value) {
+  uint32_t magnitude = static_cast<uint32_t>(value ^ (value >> 31));
+  return static_cast<int32_t>(std::bit_width(magnitude)) / 8 + 1;
+}
+
+// Reads tag and length of an item that lies in `left` bytes whole. Returns the
+// first content byte and leaves `left` alone.
+const uint8_t* parse_item(const uint8_t* at, int32_t left, uint8_t* tag, int32_t* length) {
+  if (left < 2 || (at[0] & kMultiByteTag) == kMultiByteTag) return nullptr;
+  uint8_t first = at[1];
+  if ((first & kLongForm) != 0 && (first & ~kLongForm) > left - 2) return nullptr;
+  *tag = at[0];
+  uint64_t declared = 0;
+  const uint8_t* contents = asn_parse_length(at + 1, &declared);
+  if (contents == nullptr) return nullptr;
+  if (declared > static_cast<uint64_t>(left - (contents - at))) return nullptr;
+  *length = static_cast<int32_t>(declared);
+  return contents;
+}
+
+void consume(int32_t* left, const uint8_t* from, const uint8_t* to) {
+  *left -= static_cast<int32_t>(to - from);
+}
+
+}  // namespace
+
+uint8_t* asn_build_length(uint8_t* at, int32_t* room, int32_t length) {
+  if (length < 0 || length > kAsnMaxBuildLength) return nullptr;
+  int32_t bytes = length < 0x80 ? 1 : length < 0x100 ? 2 : 3;
+  if (*room < bytes) return nullptr;
+  *room -= bytes;
+  if (bytes == 3) {
+    *at++ = 0x82;
+    *at++ = static_cast<uint8_t>(length >> 8);
+  } else if (bytes == 2) {
+    *at++ = 0x81;
+  }
+  *at++ = static_cast<uint8_t>(length);
+  return at;
+}
+
+uint8_t* asn_build_header(uint8_t* at, int32_t* room, uint8_t tag, int32_t length) {
+  if (*room < 1) return nullptr;
+  *at = tag;
+  *room -= 1;
+  return asn_build_length(at + 1, room, length);
+}
+
+uint8_t* asn_build_int(uint8_t* at, int32_t* room, uint8_t tag, const long* value,
+                       int32_t /*size*/) {
+  auto number = static_cast<int32_t>(*value);
+  int32_t bytes = int_size(number);
+  at = asn_build_header(at, room, tag, bytes);
+  if (at == nullptr || *room < bytes) return nullptr;
+  *room -= bytes;
+  for (int32_t shift = 8 * (bytes - 1); shift >= 0; shift -= 8) {
+    *at++ = static_cast<uint8_t>(number >> shift);
+  }
+  return at;
+}
+
+uint8_t* asn_build_string(uint8_t* at, int32_t* room, uint8_t tag, const uint8_t* bytes,
+                          int32_t count) {
+  at = asn_build_header(at, room, tag, count);
+  if (at == nullptr || *room < count) return nullptr;
+  *room -= count;
+  if (count > 0) memcpy(at, bytes, static_cast<size_t>(count));
+  return at + count;
+}
+
+uint8_t* asn_build_objid(uint8_t* at, int32_t* room, uint8_t tag, const uint64_t* subids,
+                         int32_t count) {
+  if (count > kAsnMaxSubids) return nullptr;
+  uint8_t contents[kAsnMaxObjidBytes];
+  int32_t length = 0;
+  for (int32_t i = 1; i < count; ++i) {
+    uint64_t number = i == 1 ? subids[0] * kFirstArcFactor + subids[1] : subids[i];
+    int32_t groups = groups_of(number);
+    if (length + groups > kAsnMaxObjidBytes) return nullptr;
+    put_groups(contents + length, number, groups);
+    length += groups;
+  }
+  return asn_build_string(at, room, tag, contents, length);
+}
+
+uint8_t* asn_build_null(uint8_t* at, int32_t* room, uint8_t tag) {
+  return asn_build_header(at, room, tag, 0);
+}
+
+const uint8_t* asn_parse_length(const uint8_t* at, uint64_t* length) {
+  uint8_t first = *at++;
+  if ((first & kLongForm) == 0) {
+    *length = first;
+    return at;
+  }
+  int bytes = first & ~kLongForm;
+  if (bytes == 0 || bytes > kMaxLengthBytes) return nullptr;
+  *length = 0;
+  for (; bytes > 0; --bytes) *length = *length << 8 | *at++;
+  return at;
+}
+
+const uint8_t* asn_parse_header(const uint8_t* at, int32_t* left, uint8_t* tag) {
+  int32_t length = 0;
+  const uint8_t* contents = parse_item(at, *left, tag, &length);
+  if (contents == nullptr) return nullptr;
+  *left = length;
+  return contents;
+}
+
+const uint8_t* asn_parse_int(const uint8_t* at, int32_t* left, uint8_t* tag, long* value,
+                             int32_t /*size*/) {
+  int32_t length = 0;
+  const uint8_t* contents = parse_item(at, *left, tag, &length);
+  if (contents == nullptr || length == 0) return nullptr;
+  bool leading_zero = length == 5 && *contents == 0;
+  if (leading_zero) {
+    ++contents;
+    --length;
+  }
+  if (length > 4) return nullptr;
+  const uint8_t* end = contents + length;
+  consume(left, at, end);
+  uint32_t number = (*contents & kSignBit) != 0 ? UINT32_MAX : 0;
+  while (contents < end) number = number << 8 | *contents++;
+  *value = leading_zero ? static_cast<long>(number) : static_cast<int32_t>(number);
+  return end;
+}
+
+const uint8_t* asn_parse_string(const uint8_t* at, int32_t* left, uint8_t* tag, uint8_t* bytes,
+                                int32_t* count) {
+  int32_t length = 0;
+  const uint8_t* contents = parse_item(at, *left, tag, &length);
+  if (contents == nullptr || length > *count) return nullptr;
+  if (length > 0) memcpy(bytes, contents, static_cast<size_t>(length));
+  *count = length;
+  consume(left, at, contents + length);
+  return contents + length;
+}
+
+const uint8_t* asn_parse_objid(const uint8_t* at, int32_t* left, uint8_t* tag, uint64_t* subids,
+                               int32_t* count) {
+  int32_t length = 0;
+  const uint8_t* contents = parse_item(at, *left, tag, &length);
+  if (contents == nullptr || length == 0) return nullptr;
+  const uint8_t* end = contents + length;
+  if ((end[-1] & kMoreGroups) != 0) return nullptr;
+  consume(left, at, end);
+  int32_t filled = 1;
+  while (contents < end) {
+    if (filled >= *count) return nullptr;
+    uint64_t number = 0;
+    uint8_t byte = 0;
+    do {
+      byte = *contents++;
+      number = number << 7 | (byte & 0x7F);
+      if (number > kMaxSubid) return nullptr;
+    } while ((byte & kMoreGroups) != 0);
+    subids[filled++] = number;
+  }
+  uint64_t combined = subids[1];
+  subids[0] = combined / kFirstArcFactor % 256;
+  subids[1] = combined % kFirstArcFactor;
+  *count = filled;
+  return end;
+}
+
+const uint8_t* asn_parse_null(const uint8_t* at, int32_t* left, uint8_t* tag) {
+  int32_t length = 0;
+  const uint8_t* contents = parse_item(at, *left, tag, &length);
+  if (contents == nullptr || length != 0) return nullptr;
+  consume(left, at, contents);
+  return contents;
+}

@@ -1,0 +1,399 @@
+#include "snmp/snmp.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+
+#include "liblocal/catgets.h"
+#include "liblocal/vxprint.h"
+#include "snmp/asn1.h"
+#include "snmp/snmp_auth.h"
+#include "snmp/snmp_pdu.h"
+#include "snmp/snmp_session.h"
+
+namespace {
+
+constexpr int32_t kAddressBytes = 4;
+constexpr int32_t kMessageSet = 41;  // catalog set of the engine's messages
+constexpr long kVersion1 = 0;        // SNMPv1 as a message states it
+constexpr int32_t kShortHeader = 2;  // bytes of a header whose length is below 128
+// Stands in for lengths that are not known yet; takes one length byte.
+constexpr int32_t kProvisionalLength = 90;
+
+// Bytes that a header of `length` content bytes takes beyond a short one.
+int32_t extra_length_bytes(int32_t length) { return length < 0x80 ? 0 : length < 0x100 ? 1 : 2; }
+
+int32_t distance(const uint8_t* from, const uint8_t* to) { return static_cast<int32_t>(to - from); }
+
+uint8_t* build_value(uint8_t* at, int32_t* room, uint8_t type, const void* value,
+                     int32_t value_length) {
+  switch (type) {
+    case kAsnInteger:
+    case kSnmpCounter:
+    case kSnmpGauge:
+    case kSnmpTimeTicks:
+      return asn_build_int(at, room, type, static_cast<const long*>(value), sizeof(long));
+    case kAsnOctetString:
+    case kSnmpIpAddress:
+    case kSnmpOpaque:
+      return asn_build_string(at, room, type, static_cast<const uint8_t*>(value), value_length);
+    case kAsnNull:
+      return asn_build_null(at, room, type);
+    case kAsnObjectId:
+      return asn_build_objid(at, room, type, static_cast<const uint64_t*>(value),
+                             value_length / static_cast<int32_t>(sizeof(uint64_t)));
+    default:
+      return nullptr;
+  }
+}
+
+uint8_t* build_long(uint8_t* at, int32_t* room, uint8_t tag, long value) {
+  return asn_build_int(at, room, tag, &value, sizeof value);
+}
+
+// The fields that a trap carries before its bindings.
+uint8_t* build_trap_fields(uint8_t* at, int32_t* room, const uint64_t* enterprise,
+                           int32_t enterprise_length, in_addr_t agent_address, long generic_trap,
+                           long specific_trap, unsigned long time_stamp) {
+  uint8_t address[kAddressBytes];
+  memcpy(address, &agent_address, sizeof address);
+  at = asn_build_objid(at, room, kAsnObjectId, enterprise, enterprise_length);
+  if (at == nullptr) return nullptr;
+  at = asn_build_string(at, room, kSnmpIpAddress, address, kAddressBytes);
+  if (at == nullptr) return nullptr;
+  at = build_long(at, room, kAsnInteger, generic_trap);
+  if (at == nullptr) return nullptr;
+  at = build_long(at, room, kAsnInteger, specific_trap);
+  if (at == nullptr) return nullptr;
+  return build_long(at, room, kSnmpTimeTicks, static_cast<long>(time_stamp));
+}
+
+uint8_t* build_pdu_fields(uint8_t* at, int32_t* room, const snmp_pdu* pdu) {
+  if (pdu->command == kSnmpTrap) {
+    return build_trap_fields(at, room, pdu->enterprise, pdu->enterprise_length, pdu->agent_address,
+                             pdu->generic_trap, pdu->specific_trap, pdu->time_stamp);
+  }
+  at = build_long(at, room, kAsnInteger, pdu->request_id);
+  if (at == nullptr) return nullptr;
+  at = build_long(at, room, kAsnInteger, pdu->error_status);
+  if (at == nullptr) return nullptr;
+  return build_long(at, room, kAsnInteger, pdu->error_index);
+}
+
+// Copies `count` bytes behind `at`; nullptr when `*room` cannot hold them.
+uint8_t* append(uint8_t* at, int32_t* room, const uint8_t* bytes, int32_t count) {
+  if (*room < count) return nullptr;
+  *room -= count;
+  memcpy(at, bytes, static_cast<size_t>(count));
+  return at + count;
+}
+
+// Copies a whole item, header and contents, behind `at`.
+uint8_t* append_item(uint8_t* at, int32_t* room, uint8_t tag, const uint8_t* contents,
+                     int32_t count) {
+  at = asn_build_header(at, room, tag, count);
+  return at != nullptr ? append(at, room, contents, count) : nullptr;
+}
+
+// --- Reading -----------------------------------------------------------------
+
+const uint8_t* parse_long(const uint8_t* at, int32_t* left, uint8_t wanted, long* value) {
+  uint8_t tag = 0;
+  at = asn_parse_int(at, left, &tag, value, sizeof *value);
+  return tag == wanted ? at : nullptr;
+}
+
+// Counter, Gauge and TimeTicks are unsigned, whatever their top bit (RFC 1155).
+long as_unsigned_32(long value) { return static_cast<long>(static_cast<uint32_t>(value)); }
+
+// Reads an object identifier of at most 64 sub-identifiers into a new array.
+const uint8_t* parse_new_objid(const uint8_t* at, int32_t* left, uint64_t** subids,
+                               int32_t* count) {
+  uint64_t decoded[kAsnMaxSubids];
+  int32_t decoded_count = kAsnMaxSubids;
+  uint8_t tag = 0;
+  at = asn_parse_objid(at, left, &tag, decoded, &decoded_count);
+  if (at == nullptr || tag != kAsnObjectId) return nullptr;
+  size_t bytes = static_cast<size_t>(decoded_count) * sizeof *decoded;
+  *subids = static_cast<uint64_t*>(malloc(bytes));
+  if (*subids == nullptr) return nullptr;
+  memcpy(*subids, decoded, bytes);
+  *count = decoded_count;
+  return at;
+}
+
+const uint8_t* parse_trap_fields(const uint8_t* at, int32_t* left, snmp_pdu* pdu) {
+  at = parse_new_objid(at, left, &pdu->enterprise, &pdu->enterprise_length);
+  if (at == nullptr) return nullptr;
+  uint8_t tag = 0;
+  uint8_t address[kAddressBytes];
+  int32_t address_length = kAddressBytes;
+  at = asn_parse_string(at, left, &tag, address, &address_length);
+  if (at == nullptr || tag != kSnmpIpAddress || address_length != kAddressBytes) return nullptr;
+  memcpy(&pdu->agent_address, address, sizeof address);
+  at = parse_long(at, left, kAsnInteger, &pdu->generic_trap);
+  if (at == nullptr) return nullptr;
+  at = parse_long(at, left, kAsnInteger, &pdu->specific_trap);
+  if (at == nullptr) return nullptr;
+  long ticks = 0;
+  at = parse_long(at, left, kSnmpTimeTicks, &ticks);
+  pdu->time_stamp = static_cast<unsigned long>(as_unsigned_32(ticks));
+  return at;
+}
+
+const uint8_t* parse_pdu_fields(const uint8_t* at, int32_t* left, snmp_pdu* pdu) {
+  if (pdu->command == kSnmpTrap) return parse_trap_fields(at, left, pdu);
+  at = parse_long(at, left, kAsnInteger, &pdu->request_id);
+  if (at == nullptr) return nullptr;
+  at = parse_long(at, left, kAsnInteger, &pdu->error_status);
+  if (at == nullptr) return nullptr;
+  return parse_long(at, left, kAsnInteger, &pdu->error_index);
+}
+
+bool parse_int_value(snmp_var* var, const uint8_t* item, int32_t left) {
+  auto* value = static_cast<long*>(malloc(sizeof(long)));
+  var->value = value;
+  if (value == nullptr) return false;
+  var->value_length = sizeof *value;
+  if (asn_parse_int(item, &left, &var->type, value, sizeof *value) == nullptr) return false;
+  if (var->type != kAsnInteger) *value = as_unsigned_32(*value);
+  return true;
+}
+
+// An empty string has no bytes to own: its value stays null.
+bool parse_string_value(snmp_var* var, const uint8_t* item, int32_t left, int32_t length) {
+  if (length == 0) return true;
+  auto* value = static_cast<uint8_t*>(malloc(static_cast<size_t>(length)));
+  var->value = value;
+  if (value == nullptr) return false;
+  var->value_length = length;
+  return asn_parse_string(item, &left, &var->type, value, &var->value_length) != nullptr;
+}
+
+bool parse_objid_value(snmp_var* var, const uint8_t* item, int32_t left) {
+  uint64_t* value = nullptr;
+  int32_t count = 0;
+  if (parse_new_objid(item, &left, &value, &count) == nullptr) return false;
+  var->value = value;
+  var->value_length = count * static_cast<int32_t>(sizeof *value);
+  return true;
+}
+
+// Decodes the value item of `length` content bytes that lies in the `left` bytes
+// at `item`. A type that is not ours leaves the binding without a value.
+bool parse_value(snmp_var* var, const uint8_t* item, int32_t left, int32_t length) {
+  switch (var->type) {
+    case kAsnInteger:
+    case kSnmpCounter:
+    case kSnmpGauge:
+    case kSnmpTimeTicks:
+      return parse_int_value(var, item, left);
+    case kAsnOctetString:
+    case kSnmpIpAddress:
+    case kSnmpOpaque:
+      return parse_string_value(var, item, left, length);
+    case kAsnNull:
+      return asn_parse_null(item, &left, &var->type) != nullptr;
+    case kAsnObjectId:
+      return parse_objid_value(var, item, left);
+    default:
+      vxfprintf(stderr, vxcatgets(Catd, kMessageSet, 63, "bad type returned (%x)\n"), var->type);
+      return true;
+  }
+}
+
+const uint8_t* parse_var(const uint8_t* at, int32_t* left, snmp_var* var) {
+  uint64_t name[kAsnMaxSubids];
+  int32_t name_length = kAsnMaxSubids;
+  int32_t value_length = 0;
+  const uint8_t* value = nullptr;
+  const uint8_t* end =
+      snmp_parse_var_op(at, name, &name_length, &var->type, &value_length, &value, left);
+  if (end == nullptr) return nullptr;
+  size_t bytes = static_cast<size_t>(name_length) * sizeof *name;
+  var->name = static_cast<uint64_t*>(malloc(bytes));
+  if (var->name == nullptr) return nullptr;
+  memcpy(var->name, name, bytes);
+  var->name_length = name_length;
+  return parse_value(var, value, distance(value, end), value_length) ? end : nullptr;
+}
+
+bool parse_variables(const uint8_t* at, int32_t left, snmp_pdu* pdu) {
+  uint8_t tag = 0;
+  at = asn_parse_header(at, &left, &tag);
+  if (at == nullptr || tag != kAsnSequence) return false;
+  for (snmp_var** link = &pdu->variables; left > 0; link = &(*link)->next) {
+    snmp_var* var = snmp_new_var(link);
+    if (var == nullptr) return false;
+    at = parse_var(at, &left, var);
+    if (at == nullptr) return false;
+  }
+  return true;
+}
+
+void report_version(long version) {
+  vxfprintf(stderr, vxcatgets(Catd, kMessageSet, 61, "Wrong version: %d\n"),
+            static_cast<int>(version));
+  vxfprintf(stderr, "%s", vxcatgets(Catd, kMessageSet, 62, "Continuing anyway\n"));
+}
+
+}  // namespace
+
+void shift_bytes(uint8_t* at, int32_t count, int32_t distance) {
+  memmove(at + distance, at, static_cast<size_t>(count));
+}
+
+uint8_t* snmp_build_var_op(uint8_t* at, const uint64_t* name, const int32_t* name_length,
+                           uint8_t type, int32_t value_length, const void* value, int32_t* room) {
+  uint8_t* contents = asn_build_header(at, room, kAsnSequence, 0);
+  if (contents == nullptr) return nullptr;
+  uint8_t* end = asn_build_objid(contents, room, kAsnObjectId, name, *name_length);
+  if (end == nullptr) return nullptr;
+  end = build_value(end, room, type, value, value_length);
+  if (end == nullptr) return nullptr;
+
+  int32_t length = distance(contents, end);
+  int32_t growth = extra_length_bytes(length);
+  if (*room < growth) return nullptr;
+  *room -= growth;
+  if (growth > 0) shift_bytes(contents, length, growth);
+  int32_t header_room = kShortHeader + growth;
+  contents = asn_build_header(at, &header_room, kAsnSequence, length);
+  return contents != nullptr ? contents + length : nullptr;
+}
+
+const uint8_t* snmp_parse_var_op(const uint8_t* at, uint64_t* name, int32_t* name_length,
+                                 uint8_t* type, int32_t* value_length, const uint8_t** value,
+                                 int32_t* left) {
+  uint8_t tag = 0;
+  int32_t contents = *left;
+  const uint8_t* start = at;
+  at = asn_parse_header(at, &contents, &tag);
+  if (at == nullptr || tag != kAsnSequence) return nullptr;
+  int32_t whole = distance(start, at) + contents;
+  at = asn_parse_objid(at, &contents, &tag, name, name_length);
+  if (at == nullptr || tag != kAsnObjectId) return nullptr;
+  *value = at;
+  *value_length = contents;
+  at = asn_parse_header(at, value_length, type);
+  if (at == nullptr) return nullptr;
+  const uint8_t* end = at + *value_length;
+  // Bytes behind the value would be taken for the next binding.
+  if (end != start + whole) return nullptr;
+  *left -= whole;
+  return end;
+}
+
+// Builds from the inside out: what stands in one buffer becomes the contents of
+// an item in the other.
+int snmp_build_packet(const snmp_session* session, const snmp_pdu* pdu, uint8_t* packet,
+                      int32_t* length) {
+  uint8_t work[kSnmpMaxPacket];
+
+  int32_t room = *length;
+  uint8_t* at = packet;
+  for (const snmp_var* var = pdu->variables; var != nullptr; var = var->next) {
+    at = snmp_build_var_op(at, var->name, &var->name_length, var->type, var->value_length,
+                           var->value, &room);
+    if (at == nullptr) return -1;
+  }
+  int32_t work_room = kSnmpMaxPacket;
+  uint8_t* work_end = append_item(work, &work_room, kAsnSequence, packet, distance(packet, at));
+  if (work_end == nullptr) return -1;
+
+  room = *length;
+  at = build_pdu_fields(packet, &room, pdu);
+  if (at == nullptr) return -1;
+  at = append(at, &room, work, distance(work, work_end));
+  if (at == nullptr) return -1;
+
+  work_room = kSnmpMaxPacket;
+  work_end = append_item(work, &work_room, static_cast<uint8_t>(pdu->command), packet,
+                         distance(packet, at));
+  if (work_end == nullptr) return -1;
+
+  room = *length;
+  int32_t pdu_length = distance(work, work_end);
+  at = snmp_auth_build(packet, &room, session->community, &session->community_length, &kVersion1,
+                       pdu_length);
+  if (at == nullptr) return -1;
+  at = append(at, &room, work, pdu_length);
+  if (at == nullptr) return -1;
+  *length = distance(packet, at);
+  return 0;
+}
+
+// Builds front to back with provisional lengths, then moves what has to make
+// room for longer headers and writes the headers again.
+int32_t snmp_build_trap(uint8_t* packet, int32_t* length, const uint64_t* enterprise,
+                        int32_t enterprise_length, in_addr_t agent_address, long generic_trap,
+                        long specific_trap, unsigned long time_stamp, const uint64_t* name,
+                        int32_t name_length, uint8_t type, int32_t value_length,
+                        const void* value) {
+  static constexpr uint8_t kPublic[] = {'p', 'u', 'b', 'l', 'i', 'c'};
+  constexpr int32_t kPublicLength = sizeof kPublic;
+
+  int32_t room = *length;
+  uint8_t* pdu =
+      snmp_auth_build(packet, &room, kPublic, &kPublicLength, &kVersion1, kProvisionalLength);
+  if (pdu == nullptr) return 0;
+  uint8_t* fields = asn_build_header(pdu, &room, kSnmpTrap, kProvisionalLength);
+  if (fields == nullptr) return 0;
+  uint8_t* bindings = build_trap_fields(fields, &room, enterprise, enterprise_length, agent_address,
+                                        generic_trap, specific_trap, time_stamp);
+  if (bindings == nullptr) return 0;
+  uint8_t* binding = asn_build_header(bindings, &room, kAsnSequence, kProvisionalLength);
+  if (binding == nullptr) return 0;
+  uint8_t* end = snmp_build_var_op(binding, name, &name_length, type, value_length, value, &room);
+  if (end == nullptr) return 0;
+
+  int32_t binding_length = distance(binding, end);
+  int32_t bindings_growth = extra_length_bytes(binding_length);
+  int32_t fields_length = distance(fields, bindings);
+  int32_t pdu_length = fields_length + kShortHeader + bindings_growth + binding_length;
+  int32_t pdu_growth = extra_length_bytes(pdu_length);
+  int32_t message_length =
+      distance(packet + kShortHeader, pdu) + kShortHeader + pdu_growth + pdu_length;
+  int32_t message_growth = extra_length_bytes(message_length);
+  int32_t outer_growth = message_growth + pdu_growth;
+  if (room < outer_growth + bindings_growth) return 0;
+
+  shift_bytes(binding, binding_length, outer_growth + bindings_growth);
+  shift_bytes(fields, fields_length, outer_growth);
+  fields += outer_growth;
+  bindings += outer_growth;
+  binding += outer_growth + bindings_growth;
+  pdu += message_growth;
+
+  room = *length;
+  if (snmp_auth_build(packet, &room, kPublic, &kPublicLength, &kVersion1,
+                      kShortHeader + pdu_growth + pdu_length) != pdu ||
+      asn_build_header(pdu, &room, kSnmpTrap, pdu_length) != fields ||
+      asn_build_header(bindings, &room, kAsnSequence, binding_length) != binding) {
+    return 0;
+  }
+  *length = kShortHeader + message_growth + message_length;
+  return *length;
+}
+
+SnmpParse snmp_parse_packet(const snmp_session* session, snmp_pdu* pdu,
+                            std::span<const uint8_t> packet) {
+  auto left = static_cast<int32_t>(packet.size());
+  uint8_t community[kSnmpMaxCommunity];
+  int32_t community_length = sizeof community;
+  long version = 0;
+  const uint8_t* at = snmp_auth_parse(packet.data(), &left, community, &community_length, &version);
+  if (at == nullptr) return SnmpParse::kMangled;
+  if (version != kVersion1) report_version(version);
+  if (session->auth_hook != nullptr) {
+    at = session->auth_hook(at, &left, community, community_length);
+    if (at == nullptr) return SnmpParse::kDropped;
+  }
+  uint8_t command = 0;
+  at = asn_parse_header(at, &left, &command);
+  if (at == nullptr) return SnmpParse::kMangled;
+  pdu->command = command;
+  at = parse_pdu_fields(at, &left, pdu);
+  if (at == nullptr) return SnmpParse::kMangled;
+  return parse_variables(at, left, pdu) ? SnmpParse::kDone : SnmpParse::kMangled;
+}

@@ -1,0 +1,151 @@
+#include "snmp/snmp_pdu.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <memory>
+
+#include "snmp/asn1.h"
+
+namespace {
+
+const char* const error_string[] = {
+    "No Error",
+    "Response message would have been too large.",
+    "There is no such variable name in this MIB.",
+    "The value given has the wrong type or length",
+    "This variable is read only",
+    "A general failure occured",
+};
+
+struct FreePdu {
+  void operator()(snmp_pdu* pdu) const { snmp_free_pdu(pdu); }
+};
+using unique_pdu = std::unique_ptr<snmp_pdu, FreePdu>;
+
+// A copy of `bytes` bytes at `from`, or null for none; `*ok` turns false without
+// memory.
+template <typename T>
+T* duplicate(const T* from, size_t bytes, bool* ok) {
+  if (bytes == 0) return nullptr;
+  void* copy = malloc(bytes);
+  if (copy == nullptr) {
+    *ok = false;
+    return nullptr;
+  }
+  memcpy(copy, from, bytes);
+  return static_cast<T*>(copy);
+}
+
+size_t subid_bytes(int32_t count) { return static_cast<size_t>(count) * sizeof(uint64_t); }
+
+bool copy_name(snmp_var* var, const uint64_t* name, int32_t name_length) {
+  bool ok = true;
+  var->name = duplicate(name, subid_bytes(name_length), &ok);
+  if (ok) var->name_length = name_length;
+  return ok;
+}
+
+bool copy_var(snmp_var** link, const snmp_var* from) {
+  snmp_var* var = snmp_new_var(link);
+  if (var == nullptr || !copy_name(var, from->name, from->name_length)) return false;
+  bool ok = true;
+  var->type = from->type;
+  if (from->value != nullptr) {
+    var->value = duplicate(static_cast<const char*>(from->value),
+                           static_cast<size_t>(from->value_length), &ok);
+  }
+  if (ok) var->value_length = from->value_length;
+  return ok;
+}
+
+// A copy of `pdu` that leaves out the binding at 1-based position `omitted` (0:
+// none).
+unique_pdu copy_pdu(const snmp_pdu* pdu, long omitted) {
+  unique_pdu copy(snmp_pdu_create(pdu->command));
+  if (copy == nullptr) return nullptr;
+  *copy = *pdu;
+  copy->variables = nullptr;
+  bool ok = true;
+  copy->enterprise = duplicate(pdu->enterprise, subid_bytes(pdu->enterprise_length), &ok);
+  if (!ok) return nullptr;
+  snmp_var** link = &copy->variables;
+  long position = 0;
+  for (const snmp_var* var = pdu->variables; var != nullptr; var = var->next) {
+    if (++position == omitted) continue;
+    if (!copy_var(link, var)) return nullptr;
+    link = &(*link)->next;
+  }
+  return copy;
+}
+
+long count_vars(const snmp_pdu* pdu) {
+  long count = 0;
+  for (const snmp_var* var = pdu->variables; var != nullptr; var = var->next) ++count;
+  return count;
+}
+
+}  // namespace
+
+snmp_pdu* snmp_pdu_create(int32_t command) {
+  auto* pdu = static_cast<snmp_pdu*>(calloc(1, sizeof(snmp_pdu)));
+  if (pdu == nullptr) return nullptr;
+  pdu->command = command;
+  pdu->error_status = -1;
+  pdu->error_index = -1;
+  return pdu;
+}
+
+void snmp_free_pdu(snmp_pdu* pdu) {
+  if (pdu == nullptr) return;
+  snmp_var* var = pdu->variables;
+  while (var != nullptr) {
+    snmp_var* next = var->next;
+    free(var->name);
+    free(var->value);
+    free(var);
+    var = next;
+  }
+  free(pdu->enterprise);
+  free(pdu);
+}
+
+snmp_var* snmp_new_var(snmp_var** link) {
+  *link = static_cast<snmp_var*>(calloc(1, sizeof(snmp_var)));
+  return *link;
+}
+
+void snmp_add_null_var(snmp_pdu* pdu, const uint64_t* name, int32_t name_length) {
+  snmp_var** link = &pdu->variables;
+  while (*link != nullptr) link = &(*link)->next;
+  snmp_var* var = snmp_new_var(link);
+  if (var == nullptr) return;
+  if (!copy_name(var, name, name_length)) {
+    free(var);
+    *link = nullptr;
+    return;
+  }
+  var->type = kAsnNull;
+}
+
+snmp_pdu* snmp_clone_pdu(const snmp_pdu* pdu) { return copy_pdu(pdu, 0).release(); }
+
+snmp_pdu* snmp_fix_pdu(const snmp_pdu* pdu, int32_t command) {
+  if (pdu->command != kSnmpGetResponse || pdu->error_status == 0 || pdu->error_index < 1) {
+    return nullptr;
+  }
+  long bindings = count_vars(pdu);
+  if (bindings < 2 || pdu->error_index > bindings) return nullptr;
+  unique_pdu fixed = copy_pdu(pdu, pdu->error_index);
+  if (fixed == nullptr) return nullptr;
+  fixed->command = command;
+  fixed->request_id = 0;
+  fixed->error_status = -1;
+  fixed->error_index = -1;
+  return fixed.release();
+}
+
+const char* snmp_errstring(int32_t error_status) {
+  if (error_status < 0 || error_status >= std::ssize(error_string)) return "Unknown Error";
+  return error_string[error_status];
+}
