@@ -1,0 +1,77 @@
+#include "trap/message.h"
+
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+
+#include "liblocal/catgets.h"
+#include "liblocal/utf8.h"
+#include "liblocal/vxprint.h"
+
+namespace {
+
+constexpr int32_t kMessageSet = 41;  // catalog set of the command's messages
+constexpr int kReadLimit = 1023;     // a line of up to 1022 bytes and its terminator
+constexpr size_t kWrapColumn = 40;   // bytes of a segment that never need a break
+
+bool is_blank(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
+
+constexpr size_t kNoBreak = SIZE_MAX;
+
+// Where the segment from `start` to the end of `line` is to be broken: at the last
+// white space up to its 42nd byte. A longer word is left whole: the break is then
+// at the first white space behind it.
+size_t find_break(const char* line, size_t length, size_t start) {
+  size_t last = start + kWrapColumn + 1;
+  for (size_t at = last + 1; at > start; --at) {
+    if (is_blank(line[at - 1])) return at - 1;
+  }
+  for (size_t at = last + 1; at < length; ++at) {
+    if (is_blank(line[at])) return at;
+  }
+  return kNoBreak;
+}
+
+}  // namespace
+
+FILE* open_message_source(const char* file) {
+  FILE* source = stdin;
+  if (file != nullptr && strcmp(file, "-") != 0) {
+    source = utf8_fopen(file, "r");
+    if (source == nullptr) {
+      vxprintf(vxcatgets(Catd, kMessageSet, 25, "file %s does not exist\n"), file);
+      exit(1);
+    }
+  }
+  utf8_fp(source);
+  return source;
+}
+
+c_unique_ptr<char> read_message(FILE* source, bool wrap) {
+  c_unique_ptr<char> message;
+  char line[kLineSize];
+  char wrapped[kLineSize];
+  while (vxfgets(line, kReadLimit, source) != nullptr) {
+    if (message != nullptr) continue;
+    if (wrap) wrap_line(line, wrapped);
+    // Without memory for this line the next one gets its chance.
+    message.reset(strdup(wrap ? wrapped : line));
+  }
+  if (source != stdin) vxfclose(source);
+  if (message != nullptr && *message != '\0') message.get()[strlen(message.get()) - 1] = '\0';
+  return message;
+}
+
+void wrap_line(const char* line, char* wrapped) {
+  size_t length = strlen(line);
+  memcpy(wrapped, line, length + 1);
+  size_t start = 0;
+  while (length - start > kWrapColumn) {
+    size_t at = find_break(line, length, start);
+    if (at == kNoBreak) return;
+    start = at + 1;
+    // A run of blanks is broken at its first one; the rest of it stays.
+    while (at > 0 && is_blank(line[at - 1])) --at;
+    wrapped[at] = '\n';
+  }
+}

@@ -1,0 +1,20 @@
+#include "trap/uptime.h"
+
+#include <sys/time.h>
+#include <utmp.h>
+
+unsigned long boot_uptime() {
+  utmp key{};
+  key.ut_type = BOOT_TIME;
+  setutent();
+  unsigned long uptime = 0;
+  if (const utmp* boot = getutid(&key); boot != nullptr) {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    long seconds = now.tv_sec - boot->ut_tv.tv_sec;
+    // A record from the future (the clock was set back) tells no up-time.
+    if (seconds >= 0) uptime = static_cast<unsigned long>(seconds * 100 + now.tv_usec / 10000);
+  }
+  endutent();
+  return uptime;
+}
