@@ -1,48 +1,48 @@
 #include "snmp/asn1.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 
 namespace {
 
 constexpr uint8_t kMultiByteTag = 0x1F;  // low five bits of a tag that goes on
-constexpr uint8_t kLongForm = 0x80;      // a length byte that counts length bytes
+constexpr uint64_t kLongForm = 0x80;     // a length byte that counts length bytes
 constexpr uint8_t kMoreGroups = 0x80;    // not the last byte of a sub-identifier
 constexpr uint8_t kSignBit = 0x80;
 constexpr int kMaxLengthBytes = 8;
 constexpr uint64_t kMaxSubid = 0xFFFFFFFF;
 constexpr uint64_t kFirstArcFactor = 40;  // the first two arcs travel as 40 * a + b
 
-// Bytes of a number in base 128.
-int32_t groups_of(uint64_t number) {
-  return (static_cast<int32_t>(std::bit_width(number | 1)) + 6) / 7;
-}
+// Contents of up to 64 bytes never need more header than a tag and one length
+// byte, so the items that cannot grow longer put theirs in place at once.
+constexpr int32_t kShortHeader = 2;
+static_assert(kAsnMaxObjidBytes < kLongForm);
 
-uint8_t* put_groups(uint8_t* at, uint64_t number, int32_t groups) {
-  for (int32_t group = groups - 1; group > 0; --group) {
-    *at++ = static_cast<uint8_t>(kMoreGroups | number >> (7 * group));
+// Writes `number` in base 128, most significant group first. Returns the position
+// past it, or nullptr when it would pass `end`.
+uint8_t* put_subid(uint8_t* at, const uint8_t* end, uint64_t number) {
+  int groups = number <= 0x7F ? 1 : (static_cast<int>(std::bit_width(number)) + 6) / 7;
+  if (end - at < groups) return nullptr;
+  for (int shift = 7 * (groups - 1); shift > 0; shift -= 7) {
+    *at++ = static_cast<uint8_t>(kMoreGroups | number >> shift);
   }
   *at++ = static_cast<uint8_t>(number & 0x7F);
   return at;
 }
 
-// Bytes of the shortest two's-complement form: those that the value reaches into
-// once its sign is folded away, with one bit left for the sign.
-int32_t int_size(int32_t value) {
-  uint32_t magnitude = static_cast<uint32_t>(value ^ (value >> 31));
-  return static_cast<int32_t>(std::bit_width(magnitude)) / 8 + 1;
-}
-
 // Reads tag and length of an item that lies in `left` bytes whole. Returns the
 // first content byte and leaves `left` alone.
 const uint8_t* parse_item(const uint8_t* at, int32_t left, uint8_t* tag, int32_t* length) {
-  if (left < 2 || (at[0] & kMultiByteTag) == kMultiByteTag) return nullptr;
-  uint8_t first = at[1];
-  if ((first & kLongForm) != 0 && (first & ~kLongForm) > left - 2) return nullptr;
+  if (left < kShortHeader || (at[0] & kMultiByteTag) == kMultiByteTag) return nullptr;
   *tag = at[0];
-  uint64_t declared = 0;
-  const uint8_t* contents = asn_parse_length(at + 1, &declared);
-  if (contents == nullptr) return nullptr;
+  uint64_t declared = at[1];
+  const uint8_t* contents = at + kShortHeader;
+  if ((declared & kLongForm) != 0) {
+    if (static_cast<int32_t>(declared & ~kLongForm) > left - kShortHeader) return nullptr;
+    contents = asn_parse_length(at + 1, &declared);
+    if (contents == nullptr) return nullptr;
+  }
   if (declared > static_cast<uint64_t>(left - (contents - at))) return nullptr;
   *length = static_cast<int32_t>(declared);
   return contents;
@@ -56,7 +56,7 @@ void consume(int32_t* left, const uint8_t* from, const uint8_t* to) {
 
 uint8_t* asn_build_length(uint8_t* at, int32_t* room, int32_t length) {
   if (length < 0 || length > kAsnMaxBuildLength) return nullptr;
-  int32_t bytes = length < 0x80 ? 1 : length < 0x100 ? 2 : 3;
+  int32_t bytes = asn_length_size(length);
   if (*room < bytes) return nullptr;
   *room -= bytes;
   if (bytes == 3) {
@@ -71,18 +71,19 @@ uint8_t* asn_build_length(uint8_t* at, int32_t* room, int32_t length) {
 
 uint8_t* asn_build_header(uint8_t* at, int32_t* room, uint8_t tag, int32_t length) {
   if (*room < 1) return nullptr;
-  *at = tag;
+  *at++ = tag;
   *room -= 1;
-  return asn_build_length(at + 1, room, length);
+  return asn_build_length(at, room, length);
 }
 
 uint8_t* asn_build_int(uint8_t* at, int32_t* room, uint8_t tag, const long* value,
                        int32_t /*size*/) {
   auto number = static_cast<int32_t>(*value);
-  int32_t bytes = int_size(number);
-  at = asn_build_header(at, room, tag, bytes);
-  if (at == nullptr || *room < bytes) return nullptr;
-  *room -= bytes;
+  int32_t bytes = asn_int_size(number);
+  if (*room < kShortHeader + bytes) return nullptr;
+  *room -= kShortHeader + bytes;
+  *at++ = tag;
+  *at++ = static_cast<uint8_t>(bytes);
   for (int32_t shift = 8 * (bytes - 1); shift >= 0; shift -= 8) {
     *at++ = static_cast<uint8_t>(number >> shift);
   }
@@ -100,17 +101,19 @@ uint8_t* asn_build_string(uint8_t* at, int32_t* room, uint8_t tag, const uint8_t
 
 uint8_t* asn_build_objid(uint8_t* at, int32_t* room, uint8_t tag, const uint64_t* subids,
                          int32_t count) {
-  if (count > kAsnMaxSubids) return nullptr;
-  uint8_t contents[kAsnMaxObjidBytes];
-  int32_t length = 0;
+  if (count > kAsnMaxSubids || *room < kShortHeader) return nullptr;
+  uint8_t* contents = at + kShortHeader;
+  uint8_t* end = contents + std::min(*room - kShortHeader, kAsnMaxObjidBytes);
+  uint8_t* next = contents;
   for (int32_t i = 1; i < count; ++i) {
     uint64_t number = i == 1 ? subids[0] * kFirstArcFactor + subids[1] : subids[i];
-    int32_t groups = groups_of(number);
-    if (length + groups > kAsnMaxObjidBytes) return nullptr;
-    put_groups(contents + length, number, groups);
-    length += groups;
+    next = put_subid(next, end, number);
+    if (next == nullptr) return nullptr;
   }
-  return asn_build_string(at, room, tag, contents, length);
+  at[0] = tag;
+  at[1] = static_cast<uint8_t>(next - contents);
+  consume(room, at, next);
+  return next;
 }
 
 uint8_t* asn_build_null(uint8_t* at, int32_t* room, uint8_t tag) {
@@ -179,13 +182,11 @@ const uint8_t* asn_parse_objid(const uint8_t* at, int32_t* left, uint8_t* tag, u
   int32_t filled = 1;
   while (contents < end) {
     if (filled >= *count) return nullptr;
-    uint64_t number = 0;
-    uint8_t byte = 0;
-    do {
-      byte = *contents++;
-      number = number << 7 | (byte & 0x7F);
+    uint64_t number = *contents & 0x7F;
+    while ((*contents++ & kMoreGroups) != 0) {
+      number = number << 7 | (*contents & 0x7F);
       if (number > kMaxSubid) return nullptr;
-    } while ((byte & kMoreGroups) != 0);
+    }
     subids[filled++] = number;
   }
   uint64_t combined = subids[1];

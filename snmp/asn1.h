@@ -13,6 +13,7 @@
 // Nothing is printed, kept or shared: all of it is thread safe.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 
 // Tags: class, constructed bit and number in one byte.
@@ -25,6 +26,20 @@ constexpr uint8_t kAsnSequence = 0x30;
 constexpr int32_t kAsnMaxSubids = 64;          // sub-identifiers of one object identifier
 constexpr int32_t kAsnMaxObjidBytes = 64;      // its encoded contents
 constexpr int32_t kAsnMaxBuildLength = 65535;  // largest length that is written
+
+/// Bytes that `length` (0 to 65535) takes in its shortest definite form, 1 to 3.
+[[nodiscard]] constexpr int32_t asn_length_size(int32_t length) {
+  return length < 0x80 ? 1 : length < 0x100 ? 2 : 3;
+}
+
+/// Content bytes of the low 32 bits of `value` in the shortest two's-complement
+/// form, 1 to 4: those that it reaches into once its sign is folded away, with one
+/// bit left for the sign.
+[[nodiscard]] constexpr int32_t asn_int_size(long value) {
+  auto number = static_cast<int32_t>(value);
+  auto magnitude = static_cast<uint32_t>(number ^ (number >> 31));
+  return static_cast<int32_t>(std::bit_width(magnitude)) / 8 + 1;
+}
 
 /// Writes `length` (0 to 65535) in the shortest definite form, 1 to 3 bytes.
 /// Fails, with nothing written, when `*room` cannot hold that form.

@@ -17,11 +17,9 @@ constexpr int32_t kAddressBytes = 4;
 constexpr int32_t kMessageSet = 41;  // catalog set of the engine's messages
 constexpr long kVersion1 = 0;        // SNMPv1 as a message states it
 constexpr int32_t kShortHeader = 2;  // bytes of a header whose length is below 128
-// Stands in for lengths that are not known yet; takes one length byte.
-constexpr int32_t kProvisionalLength = 90;
 
 // Bytes that a header of `length` content bytes takes beyond a short one.
-int32_t extra_length_bytes(int32_t length) { return length < 0x80 ? 0 : length < 0x100 ? 1 : 2; }
+int32_t extra_length_bytes(int32_t length) { return asn_length_size(length) - 1; }
 
 int32_t distance(const uint8_t* from, const uint8_t* to) { return static_cast<int32_t>(to - from); }
 
@@ -80,19 +78,62 @@ uint8_t* build_pdu_fields(uint8_t* at, int32_t* room, const snmp_pdu* pdu) {
   return build_long(at, room, kAsnInteger, pdu->error_index);
 }
 
-// Copies `count` bytes behind `at`; nullptr when `*room` cannot hold them.
-uint8_t* append(uint8_t* at, int32_t* room, const uint8_t* bytes, int32_t count) {
-  if (*room < count) return nullptr;
-  *room -= count;
-  memcpy(at, bytes, static_cast<size_t>(count));
-  return at + count;
+uint8_t* build_variables(uint8_t* at, int32_t* room, const snmp_var* var) {
+  for (; at != nullptr && var != nullptr; var = var->next) {
+    at = snmp_build_var_op(at, var->name, &var->name_length, var->type, var->value_length,
+                           var->value, room);
+  }
+  return at;
 }
 
-// Copies a whole item, header and contents, behind `at`.
-uint8_t* append_item(uint8_t* at, int32_t* room, uint8_t tag, const uint8_t* contents,
-                     int32_t count) {
-  at = asn_build_header(at, room, tag, count);
-  return at != nullptr ? append(at, room, contents, count) : nullptr;
+struct Community {
+  const uint8_t* bytes;
+  int32_t length;
+};
+
+// Builds a whole message front to back, the three headers around fields and
+// bindings as short as for empty contents; then moves what has to make room for
+// longer headers, and writes the headers again. `build_fields` and
+// `build_bindings` build as asn_build_* do. Returns the message's length, or 0.
+template <typename BuildFields, typename BuildBindings>
+int32_t build_message(uint8_t* packet, int32_t size, Community community, uint8_t command,
+                      BuildFields build_fields, BuildBindings build_bindings) {
+  int32_t room = size;
+  uint8_t* pdu = snmp_auth_build(packet, &room, community.bytes, &community.length, &kVersion1, 0);
+  if (pdu == nullptr) return 0;
+  uint8_t* fields = asn_build_header(pdu, &room, command, 0);
+  if (fields == nullptr) return 0;
+  uint8_t* sequence = build_fields(fields, &room);
+  if (sequence == nullptr) return 0;
+  uint8_t* bindings = asn_build_header(sequence, &room, kAsnSequence, 0);
+  if (bindings == nullptr) return 0;
+  uint8_t* end = build_bindings(bindings, &room);
+  if (end == nullptr) return 0;
+
+  int32_t bindings_length = distance(bindings, end);
+  int32_t sequence_growth = extra_length_bytes(bindings_length);
+  int32_t fields_length = distance(fields, sequence);
+  int32_t pdu_length = fields_length + kShortHeader + sequence_growth + bindings_length;
+  int32_t pdu_growth = extra_length_bytes(pdu_length);
+  int32_t pdu_item = kShortHeader + pdu_growth + pdu_length;
+  if (pdu_item > kSnmpMaxPacket) return 0;
+  int32_t message_growth =
+      snmp_auth_size(community.length, kVersion1, pdu_item) - distance(packet, pdu);
+  int32_t pdu_shift = message_growth + pdu_growth;
+  if (room < pdu_shift + sequence_growth) return 0;
+
+  if (pdu_shift + sequence_growth > 0) {
+    shift_bytes(bindings, bindings_length, pdu_shift + sequence_growth);
+    shift_bytes(fields, fields_length, pdu_shift);
+  }
+  room = size;
+  pdu = snmp_auth_build(packet, &room, community.bytes, &community.length, &kVersion1, pdu_item);
+  if (pdu == nullptr) return 0;
+  fields = asn_build_header(pdu, &room, command, pdu_length);
+  if (fields == nullptr) return 0;
+  room -= fields_length;
+  bindings = asn_build_header(fields + fields_length, &room, kAsnSequence, bindings_length);
+  return bindings != nullptr ? distance(packet, bindings) + bindings_length : 0;
 }
 
 // --- Reading -----------------------------------------------------------------
@@ -284,96 +325,35 @@ const uint8_t* snmp_parse_var_op(const uint8_t* at, uint64_t* name, int32_t* nam
   return end;
 }
 
-// Builds from the inside out: what stands in one buffer becomes the contents of
-// an item in the other.
 int snmp_build_packet(const snmp_session* session, const snmp_pdu* pdu, uint8_t* packet,
                       int32_t* length) {
-  uint8_t work[kSnmpMaxPacket];
-
-  int32_t room = *length;
-  uint8_t* at = packet;
-  for (const snmp_var* var = pdu->variables; var != nullptr; var = var->next) {
-    at = snmp_build_var_op(at, var->name, &var->name_length, var->type, var->value_length,
-                           var->value, &room);
-    if (at == nullptr) return -1;
-  }
-  int32_t work_room = kSnmpMaxPacket;
-  uint8_t* work_end = append_item(work, &work_room, kAsnSequence, packet, distance(packet, at));
-  if (work_end == nullptr) return -1;
-
-  room = *length;
-  at = build_pdu_fields(packet, &room, pdu);
-  if (at == nullptr) return -1;
-  at = append(at, &room, work, distance(work, work_end));
-  if (at == nullptr) return -1;
-
-  work_room = kSnmpMaxPacket;
-  work_end = append_item(work, &work_room, static_cast<uint8_t>(pdu->command), packet,
-                         distance(packet, at));
-  if (work_end == nullptr) return -1;
-
-  room = *length;
-  int32_t pdu_length = distance(work, work_end);
-  at = snmp_auth_build(packet, &room, session->community, &session->community_length, &kVersion1,
-                       pdu_length);
-  if (at == nullptr) return -1;
-  at = append(at, &room, work, pdu_length);
-  if (at == nullptr) return -1;
-  *length = distance(packet, at);
+  int32_t built = build_message(
+      packet, *length, {session->community, session->community_length},
+      static_cast<uint8_t>(pdu->command),
+      [pdu](uint8_t* at, int32_t* room) { return build_pdu_fields(at, room, pdu); },
+      [pdu](uint8_t* at, int32_t* room) { return build_variables(at, room, pdu->variables); });
+  if (built == 0) return -1;
+  *length = built;
   return 0;
 }
 
-// Builds front to back with provisional lengths, then moves what has to make
-// room for longer headers and writes the headers again.
 int32_t snmp_build_trap(uint8_t* packet, int32_t* length, const uint64_t* enterprise,
                         int32_t enterprise_length, in_addr_t agent_address, long generic_trap,
                         long specific_trap, unsigned long time_stamp, const uint64_t* name,
                         int32_t name_length, uint8_t type, int32_t value_length,
                         const void* value) {
   static constexpr uint8_t kPublic[] = {'p', 'u', 'b', 'l', 'i', 'c'};
-  constexpr int32_t kPublicLength = sizeof kPublic;
-
-  int32_t room = *length;
-  uint8_t* pdu =
-      snmp_auth_build(packet, &room, kPublic, &kPublicLength, &kVersion1, kProvisionalLength);
-  if (pdu == nullptr) return 0;
-  uint8_t* fields = asn_build_header(pdu, &room, kSnmpTrap, kProvisionalLength);
-  if (fields == nullptr) return 0;
-  uint8_t* bindings = build_trap_fields(fields, &room, enterprise, enterprise_length, agent_address,
-                                        generic_trap, specific_trap, time_stamp);
-  if (bindings == nullptr) return 0;
-  uint8_t* binding = asn_build_header(bindings, &room, kAsnSequence, kProvisionalLength);
-  if (binding == nullptr) return 0;
-  uint8_t* end = snmp_build_var_op(binding, name, &name_length, type, value_length, value, &room);
-  if (end == nullptr) return 0;
-
-  int32_t binding_length = distance(binding, end);
-  int32_t bindings_growth = extra_length_bytes(binding_length);
-  int32_t fields_length = distance(fields, bindings);
-  int32_t pdu_length = fields_length + kShortHeader + bindings_growth + binding_length;
-  int32_t pdu_growth = extra_length_bytes(pdu_length);
-  int32_t message_length =
-      distance(packet + kShortHeader, pdu) + kShortHeader + pdu_growth + pdu_length;
-  int32_t message_growth = extra_length_bytes(message_length);
-  int32_t outer_growth = message_growth + pdu_growth;
-  if (room < outer_growth + bindings_growth) return 0;
-
-  shift_bytes(binding, binding_length, outer_growth + bindings_growth);
-  shift_bytes(fields, fields_length, outer_growth);
-  fields += outer_growth;
-  bindings += outer_growth;
-  binding += outer_growth + bindings_growth;
-  pdu += message_growth;
-
-  room = *length;
-  if (snmp_auth_build(packet, &room, kPublic, &kPublicLength, &kVersion1,
-                      kShortHeader + pdu_growth + pdu_length) != pdu ||
-      asn_build_header(pdu, &room, kSnmpTrap, pdu_length) != fields ||
-      asn_build_header(bindings, &room, kAsnSequence, binding_length) != binding) {
-    return 0;
-  }
-  *length = kShortHeader + message_growth + message_length;
-  return *length;
+  int32_t built = build_message(
+      packet, *length, {kPublic, sizeof kPublic}, kSnmpTrap,
+      [=](uint8_t* at, int32_t* room) {
+        return build_trap_fields(at, room, enterprise, enterprise_length, agent_address,
+                                 generic_trap, specific_trap, time_stamp);
+      },
+      [=, &name_length](uint8_t* at, int32_t* room) {
+        return snmp_build_var_op(at, name, &name_length, type, value_length, value, room);
+      });
+  if (built != 0) *length = built;
+  return built;
 }
 
 SnmpParse snmp_parse_packet(const snmp_session* session, snmp_pdu* pdu,

@@ -4,30 +4,28 @@
 
 namespace {
 
-constexpr int32_t kIntItemRoom = 6;  // tag, length and 4 bytes: the longest integer item
+constexpr int32_t kTagSize = 1;
 
-// Bytes of a length from 0 to 65535.
-int32_t length_bytes(int32_t length) {
-  uint8_t bytes[3];
-  int32_t room = sizeof bytes;
-  return asn_build_length(bytes, &room, length) != nullptr
-             ? static_cast<int32_t>(sizeof bytes) - room
-             : 0;
+// Bytes of a whole item with `length` content bytes.
+int32_t item_size(int32_t length) { return kTagSize + asn_length_size(length) + length; }
+
+// Bytes of the version item and the community item together.
+int32_t preamble_size(int32_t community_length, long version) {
+  return item_size(asn_int_size(version)) + item_size(community_length);
 }
 
 }  // namespace
 
+int32_t snmp_auth_size(int32_t community_length, long version, int32_t pdu_length) {
+  int32_t preamble = preamble_size(community_length, version);
+  return item_size(preamble + pdu_length) - pdu_length;
+}
+
 uint8_t* snmp_auth_build(uint8_t* at, int32_t* room, const uint8_t* community,
                          const int32_t* community_length, const long* version, int32_t pdu_length) {
   if (*community_length < 0 || *community_length > kAsnMaxBuildLength) return nullptr;
-  uint8_t version_item[kIntItemRoom];
-  int32_t version_room = kIntItemRoom;
-  uint8_t* version_end =
-      asn_build_int(version_item, &version_room, kAsnInteger, version, sizeof *version);
-  auto version_length = static_cast<int32_t>(version_end - version_item);
-  int32_t community_item = 1 + length_bytes(*community_length) + *community_length;
-
-  at = asn_build_header(at, room, kAsnSequence, version_length + community_item + pdu_length);
+  int32_t preamble = preamble_size(*community_length, *version);
+  at = asn_build_header(at, room, kAsnSequence, preamble + pdu_length);
   if (at == nullptr) return nullptr;
   at = asn_build_int(at, room, kAsnInteger, version, sizeof *version);
   if (at == nullptr) return nullptr;

@@ -4,6 +4,9 @@
 
 #include <cstdint>
 
+/// Bytes that snmp_auth_build writes before a PDU of `pdu_length` bytes.
+[[nodiscard]] int32_t snmp_auth_size(int32_t community_length, long version, int32_t pdu_length);
+
 /// Writes the message header, the version and the community; the PDU of
 /// `pdu_length` bytes is the caller's to write at the position returned. Fails
 /// (nullptr) when `*room` cannot hold the three.
