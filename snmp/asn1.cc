@@ -19,10 +19,10 @@ constexpr uint64_t kFirstArcFactor = 40;  // the first two arcs travel as 40 * a
 constexpr int32_t kShortHeader = 2;
 static_assert(kAsnMaxObjidBytes < kLongForm);
 
-// Writes `number` in base 128, most significant group first. Returns the position
-// past it, or nullptr when it would pass `end`.
-uint8_t* put_subid(uint8_t* at, const uint8_t* end, uint64_t number) {
-  int groups = number <= 0x7F ? 1 : (static_cast<int>(std::bit_width(number)) + 6) / 7;
+// Writes `number`, above 0x7F, in base 128, most significant group first. Returns
+// the position past it, or nullptr when it would pass `end`.
+uint8_t* put_groups(uint8_t* at, const uint8_t* end, uint64_t number) {
+  int groups = (static_cast<int>(std::bit_width(number)) + 6) / 7;
   if (end - at < groups) return nullptr;
   for (int shift = 7 * (groups - 1); shift > 0; shift -= 7) {
     *at++ = static_cast<uint8_t>(kMoreGroups | number >> shift);
@@ -30,6 +30,33 @@ uint8_t* put_subid(uint8_t* at, const uint8_t* end, uint64_t number) {
   *at++ = static_cast<uint8_t>(number & 0x7F);
   return at;
 }
+
+uint8_t* put_subid(uint8_t* at, const uint8_t* end, uint64_t number) {
+  if (number > 0x7F) return put_groups(at, end, number);
+  if (at == end) return nullptr;
+  *at++ = static_cast<uint8_t>(number);
+  return at;
+}
+
+uint8_t* put_length(uint8_t* at, int32_t length) {
+  if (length >= 0x100) {
+    *at++ = 0x82;
+    *at++ = static_cast<uint8_t>(length >> 8);
+  } else if (length >= 0x80) {
+    *at++ = 0x81;
+  }
+  *at++ = static_cast<uint8_t>(length);
+  return at;
+}
+
+// Takes `bytes` off the counter; false when it holds fewer.
+bool take(int32_t* room, int32_t bytes) {
+  if (*room < bytes) return false;
+  *room -= bytes;
+  return true;
+}
+
+bool can_build_length(int32_t length) { return length >= 0 && length <= kAsnMaxBuildLength; }
 
 // Reads tag and length of an item that lies in `left` bytes whole. Returns the
 // first content byte and leaves `left` alone.
@@ -55,33 +82,21 @@ void consume(int32_t* left, const uint8_t* from, const uint8_t* to) {
 }  // namespace
 
 uint8_t* asn_build_length(uint8_t* at, int32_t* room, int32_t length) {
-  if (length < 0 || length > kAsnMaxBuildLength) return nullptr;
-  int32_t bytes = asn_length_size(length);
-  if (*room < bytes) return nullptr;
-  *room -= bytes;
-  if (bytes == 3) {
-    *at++ = 0x82;
-    *at++ = static_cast<uint8_t>(length >> 8);
-  } else if (bytes == 2) {
-    *at++ = 0x81;
-  }
-  *at++ = static_cast<uint8_t>(length);
-  return at;
+  if (!can_build_length(length) || !take(room, asn_length_size(length))) return nullptr;
+  return put_length(at, length);
 }
 
 uint8_t* asn_build_header(uint8_t* at, int32_t* room, uint8_t tag, int32_t length) {
-  if (*room < 1) return nullptr;
-  *at++ = tag;
-  *room -= 1;
-  return asn_build_length(at, room, length);
+  if (!can_build_length(length) || !take(room, 1 + asn_length_size(length))) return nullptr;
+  *at = tag;
+  return put_length(at + 1, length);
 }
 
 uint8_t* asn_build_int(uint8_t* at, int32_t* room, uint8_t tag, const long* value,
                        int32_t /*size*/) {
   auto number = static_cast<int32_t>(*value);
   int32_t bytes = asn_int_size(number);
-  if (*room < kShortHeader + bytes) return nullptr;
-  *room -= kShortHeader + bytes;
+  if (!take(room, kShortHeader + bytes)) return nullptr;
   *at++ = tag;
   *at++ = static_cast<uint8_t>(bytes);
   for (int32_t shift = 8 * (bytes - 1); shift >= 0; shift -= 8) {
@@ -92,9 +107,9 @@ uint8_t* asn_build_int(uint8_t* at, int32_t* room, uint8_t tag, const long* valu
 
 uint8_t* asn_build_string(uint8_t* at, int32_t* room, uint8_t tag, const uint8_t* bytes,
                           int32_t count) {
-  at = asn_build_header(at, room, tag, count);
-  if (at == nullptr || *room < count) return nullptr;
-  *room -= count;
+  if (!can_build_length(count) || !take(room, 1 + asn_length_size(count) + count)) return nullptr;
+  *at = tag;
+  at = put_length(at + 1, count);
   if (count > 0) memcpy(at, bytes, static_cast<size_t>(count));
   return at + count;
 }
@@ -103,16 +118,14 @@ uint8_t* asn_build_objid(uint8_t* at, int32_t* room, uint8_t tag, const uint64_t
                          int32_t count) {
   if (count > kAsnMaxSubids || *room < kShortHeader) return nullptr;
   uint8_t* contents = at + kShortHeader;
-  uint8_t* end = contents + std::min(*room - kShortHeader, kAsnMaxObjidBytes);
+  const uint8_t* end = contents + std::min(*room - kShortHeader, kAsnMaxObjidBytes);
   uint8_t* next = contents;
-  for (int32_t i = 1; i < count; ++i) {
-    uint64_t number = i == 1 ? subids[0] * kFirstArcFactor + subids[1] : subids[i];
-    next = put_subid(next, end, number);
-    if (next == nullptr) return nullptr;
-  }
+  if (count >= 2) next = put_subid(next, end, subids[0] * kFirstArcFactor + subids[1]);
+  for (int32_t i = 2; next != nullptr && i < count; ++i) next = put_subid(next, end, subids[i]);
+  if (next == nullptr) return nullptr;
   at[0] = tag;
   at[1] = static_cast<uint8_t>(next - contents);
-  consume(room, at, next);
+  *room -= static_cast<int32_t>(next - at);
   return next;
 }
 
