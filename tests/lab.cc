@@ -1,0 +1,307 @@
+#include "tests/lab.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utmp.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+
+namespace fs = std::filesystem;
+
+namespace lab {
+namespace {
+
+constexpr char kMarker[] = "KIVTRAP_LAB";  // "new": namespaces are there; "ready": all is
+constexpr char kBootRecord[] = "/run/utmp";
+
+std::string reason_outside;
+
+void check(bool ok, const std::string& what) {
+  if (!ok) throw std::system_error(errno, std::generic_category(), what);
+}
+
+// The user ids of the namespace: all that the parent may give, or only its own.
+void map_ids(pid_t child) {
+  std::string proc = "/proc/" + std::to_string(child);
+  for (bool group : {false, true}) {
+    std::string file = group ? "/gid_map" : "/uid_map";
+    unsigned id = group ? getegid() : geteuid();
+    try {
+      write_file(proc + file, "0 0 65536");
+    } catch (const std::system_error&) {
+      if (group) write_file(proc + "/setgroups", "deny");
+      write_file(proc + file, "0 " + std::to_string(id) + " 1");
+    }
+  }
+}
+
+int exit_status(int wait_status) {
+  return WIFEXITED(wait_status) ? WEXITSTATUS(wait_status) : 128 + WTERMSIG(wait_status);
+}
+
+// Runs this program again in new namespaces and ends with its status. Returns
+// when that is impossible. A plain fork would not do: the thread sanitizer runs a
+// thread of its own, and no process with threads may change its user namespace.
+void run_again_in_namespaces(char** argv) {
+  int go[2];
+  check(pipe2(go, O_CLOEXEC) == 0, "pipe");
+  setenv(kMarker, "new", 1);
+  long flags = CLONE_NEWUSER | CLONE_NEWNET | CLONE_NEWNS | CLONE_NEWUTS | CLONE_NEWIPC | SIGCHLD;
+  long child = syscall(SYS_clone, flags, nullptr, nullptr, nullptr, 0);
+  if (child == 0) {
+    char ready = 0;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (read(go[0], &ready, 1) == 1) execv("/proc/self/exe", argv);
+    _exit(127);
+  }
+  unsetenv(kMarker);
+  check(child > 0, "clone");
+  try {
+    map_ids(static_cast<pid_t>(child));
+  } catch (...) {
+    close(go[1]);
+    waitpid(static_cast<pid_t>(child), nullptr, 0);
+    throw;
+  }
+  check(write(go[1], "", 1) == 1, "write");
+  int status = 0;
+  while (waitpid(static_cast<pid_t>(child), &status, 0) < 0 && errno == EINTR) {
+  }
+  exit(exit_status(status));
+}
+
+void mount_tmpfs(const char* path) {
+  check(mount("tmpfs", path, "tmpfs", 0, "mode=755") == 0, std::string("mount ") + path);
+}
+
+// An /etc of our own: links to the host's files, and the lab's over them.
+void mount_etc() {
+  fs::create_directories("/run/host-etc");
+  fs::create_directories("/run/etc");
+  check(mount("/etc", "/run/host-etc", nullptr, MS_BIND | MS_REC, nullptr) == 0, "mount /etc");
+  for (const fs::directory_entry& entry : fs::directory_iterator("/run/host-etc")) {
+    fs::create_symlink(entry.path(), "/run/etc" / entry.path().filename());
+  }
+  for (const auto& [name, text] : {std::pair{"hosts",
+                                             "127.0.0.1 localhost manager\n"
+                                             "192.0.2.1 lab-host\n"},
+                                   std::pair{"nsswitch.conf", "hosts: files\nservices: files\n"},
+                                   std::pair{"resolv.conf", ""}}) {
+    std::string path = std::string("/run/etc/") + name;
+    fs::remove(path);
+    write_file(path, text);
+  }
+  check(mount("/run/etc", "/etc", nullptr, MS_BIND, nullptr) == 0, "mount /etc");
+}
+
+void bring_up_loopback() {
+  int any = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  check(any >= 0, "socket");
+  ifreq request{};
+  strcpy(request.ifr_name, "lo");
+  request.ifr_flags = IFF_UP;
+  check(ioctl(any, SIOCSIFFLAGS, &request) == 0, "lo up");
+  close(any);
+}
+
+void furnish() {
+  check(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "mount /");
+  mount_tmpfs("/run");
+  mount_etc();
+  bring_up_loopback();
+  set_host_name(kHostName);
+}
+
+std::string drain(int descriptor) {
+  std::string all;
+  char buffer[4096];
+  ssize_t got = 0;
+  while ((got = read(descriptor, buffer, sizeof buffer)) > 0) {
+    all.append(buffer, static_cast<size_t>(got));
+  }
+  close(descriptor);
+  return all;
+}
+
+// In the child, between fork and exec.
+[[noreturn]] void become(const Command& command, const int (&streams)[3],
+                         const std::vector<char*>& argv) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  for (int i = 0; i < 3; ++i) dup2(streams[i], i);
+  signal(SIGPIPE, SIG_DFL);
+  for (const std::string& assignment : command.environment) {
+    putenv(const_cast<char*>(assignment.c_str()));
+  }
+  for (auto [resource, limit] : command.limits) {
+    rlimit both = {limit, limit};
+    setrlimit(static_cast<__rlimit_resource>(resource), &both);
+  }
+  execvp(argv[0], argv.data());
+  _exit(127);
+}
+
+// Waits for `child` until the time is up; then kills it.
+int wait_for(pid_t child, int seconds) {
+  int handle = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
+  pollfd ended = {handle, POLLIN, 0};
+  if (poll(&ended, 1, seconds * 1000) == 0) kill(child, SIGKILL);
+  close(handle);
+  int status = 0;
+  waitpid(child, &status, 0);
+  return exit_status(status);
+}
+
+}  // namespace
+
+void enter(char** argv) {
+  const char* marker = getenv(kMarker);
+  if (marker != nullptr && strcmp(marker, "ready") == 0) return;
+  try {
+    if (marker == nullptr) run_again_in_namespaces(argv);
+    furnish();
+    setenv(kMarker, "ready", 1);
+  } catch (const std::exception& failure) {
+    reason_outside = std::string("no private network here: ") + failure.what();
+    // Half a lab is none: on with the host's own files would be a surprise.
+    if (marker != nullptr) {
+      fprintf(stderr, "%s\n", reason_outside.c_str());
+      exit(1);
+    }
+  }
+}
+
+const std::string& why_outside() { return reason_outside; }
+
+void write_file(const std::string& path, std::string_view text) {
+  int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  check(file >= 0, path);
+  ssize_t written = write(file, text.data(), text.size());
+  int error = errno;
+  close(file);
+  errno = error;
+  check(written == static_cast<ssize_t>(text.size()), path);
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void set_boot_time(timeval time) {
+  utmp record{};
+  record.ut_type = BOOT_TIME;
+  record.ut_tv.tv_sec = static_cast<int32_t>(time.tv_sec);
+  record.ut_tv.tv_usec = static_cast<int32_t>(time.tv_usec);
+  write_file(kBootRecord, {reinterpret_cast<const char*>(&record), sizeof record});
+}
+
+void remove_boot_record() { fs::remove(kBootRecord); }
+
+void set_host_name(const std::string& name) {
+  check(sethostname(name.data(), name.size()) == 0, "sethostname");
+}
+
+Outcome run(const Command& command) {
+  std::vector<char*> argv;
+  for (const std::string& word : command.words) argv.push_back(const_cast<char*>(word.c_str()));
+  argv.push_back(nullptr);
+  int in[2], out[2], err[2];
+  check(pipe2(in, O_CLOEXEC) == 0 && pipe2(out, O_CLOEXEC) == 0 && pipe2(err, O_CLOEXEC) == 0,
+        "pipe");
+  pid_t child = fork();
+  check(child >= 0, "fork");
+  if (child == 0) become(command, {in[0], out[1], err[1]}, argv);
+  close(in[0]);
+  close(out[1]);
+  close(err[1]);
+
+  Outcome outcome;
+  std::thread writer([&] {
+    signal(SIGPIPE, SIG_IGN);
+    [[maybe_unused]] ssize_t written = write(in[1], command.input.data(), command.input.size());
+    close(in[1]);
+  });
+  std::thread out_reader([&] { outcome.out = drain(out[0]); });
+  std::thread err_reader([&] { outcome.err = drain(err[0]); });
+  outcome.status = wait_for(child, command.seconds);
+  writer.join();
+  out_reader.join();
+  err_reader.join();
+  return outcome;
+}
+
+UdpReceiver::UdpReceiver(uint16_t port, const std::string& address)
+    : socket_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_in own{};
+  own.sin_family = AF_INET;
+  own.sin_port = htons(port);
+  own.sin_addr.s_addr = inet_addr(address.c_str());
+  check(bind(socket_, reinterpret_cast<sockaddr*>(&own), sizeof own) == 0, "bind");
+}
+
+UdpReceiver::~UdpReceiver() { close(socket_); }
+
+std::optional<std::string> UdpReceiver::receive(int milliseconds) {
+  pollfd readable = {socket_, POLLIN, 0};
+  if (poll(&readable, 1, milliseconds) != 1) return std::nullopt;
+  std::string datagram(65536, '\0');
+  ssize_t got = recv(socket_, datagram.data(), datagram.size(), 0);
+  check(got >= 0, "recv");
+  datagram.resize(static_cast<size_t>(got));
+  return datagram;
+}
+
+uint16_t UdpReceiver::port() const {
+  sockaddr_in own{};
+  socklen_t size = sizeof own;
+  check(getsockname(socket_, reinterpret_cast<sockaddr*>(&own), &size) == 0, "getsockname");
+  return ntohs(own.sin_port);
+}
+
+}  // namespace lab
+
+void LabTest::SetUp() {
+  if (lab::why_outside().empty()) return;
+  if (getenv("CI") != nullptr) FAIL() << lab::why_outside();
+  GTEST_SKIP() << lab::why_outside();
+}
+
+std::string from_hex(std::string_view digits) {
+  std::string packed;
+  for (char c : digits) {
+    if (isspace(static_cast<unsigned char>(c)) == 0) packed += c;
+  }
+  std::string bytes;
+  for (size_t i = 0; i + 1 < packed.size(); i += 2) {
+    bytes += static_cast<char>(std::stoi(packed.substr(i, 2), nullptr, 16));
+  }
+  return bytes;
+}
+
+std::string to_hex(std::string_view bytes) {
+  std::string digits;
+  for (unsigned char byte : bytes) {
+    char two[3];
+    snprintf(two, sizeof two, "%02X", byte);
+    digits += two;
+  }
+  return digits;
+}

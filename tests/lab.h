@@ -1,0 +1,89 @@
+// The lab: a private user, network, mount, UTS and IPC namespace for everything
+// that touches the network, the host's name, /etc or the boot record.
+//
+// A program enters it once, at its start, and stays: it is then root of a machine
+// of its own, with loopback up, an empty /run, the names below and nothing to
+// reach outside. What it writes to /etc and /run disappears with it. Where the
+// host forbids such namespaces the program goes on outside, and every LabTest
+// skips with the reason (and fails when CI is set).
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/time.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace lab {
+
+constexpr char kHostName[] = "lab-host";  // 192.0.2.1 by the lab's hosts file
+
+/// Enters the lab, unless the process (or one it descends from) is in one. Runs
+/// the program again inside and ends with its exit status, so it returns only
+/// inside, or where the lab cannot be made. Call it first in main.
+void enter(char** argv);
+
+/// Empty inside the lab, else the reason why there is none.
+const std::string& why_outside();
+
+/// Writes a whole file; throws when it cannot.
+void write_file(const std::string& path, std::string_view text);
+std::string read_file(const std::string& path);
+
+/// Puts one boot record of that time into the accounting file.
+void set_boot_time(timeval time);
+void remove_boot_record();
+void set_host_name(const std::string& name);
+
+/// A program to run and its surroundings.
+struct Command {
+  std::vector<std::string> words;              // program and arguments
+  std::string input;                           // standard input
+  std::vector<std::string> environment;        // NAME=value, added to the own one
+  std::vector<std::pair<int, rlim_t>> limits;  // RLIMIT_..., set in the child
+  int seconds = 60;                            // then it is killed
+};
+
+struct Outcome {
+  int status = -1;  // exit status, or 128 + the signal that ended it
+  std::string out;
+  std::string err;
+};
+
+/// Runs `command` to its end.
+Outcome run(const Command& command);
+
+/// A UDP socket that keeps what arrives.
+class UdpReceiver {
+ public:
+  explicit UdpReceiver(uint16_t port, const std::string& address = "127.0.0.1");
+  ~UdpReceiver();
+  UdpReceiver(const UdpReceiver&) = delete;
+  UdpReceiver& operator=(const UdpReceiver&) = delete;
+
+  /// The next datagram, waiting up to `milliseconds` for it.
+  std::optional<std::string> receive(int milliseconds = 5000);
+  /// What is there without waiting. On loopback a datagram is delivered before
+  /// its send returns, so after a sender's end nothing can still be under way.
+  std::optional<std::string> receive_now() { return receive(0); }
+  int socket() const { return socket_; }
+  uint16_t port() const;
+
+ private:
+  int socket_;
+};
+
+}  // namespace lab
+
+/// A test that needs the lab.
+class LabTest : public testing::Test {
+ protected:
+  void SetUp() override;
+};
+
+/// The bytes that hex digits stand for; white space between them is ignored.
+std::string from_hex(std::string_view digits);
+std::string to_hex(std::string_view bytes);
