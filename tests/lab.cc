@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <net/if.h>
 #include <poll.h>
 #include <sched.h>
@@ -16,6 +18,7 @@
 #include <unistd.h>
 #include <utmp.h>
 
+#include <cstddef>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -141,6 +144,24 @@ std::string drain(int descriptor) {
   return all;
 }
 
+// Makes system calls of this process fail, as on a system that has run out of what
+// they ask for.
+void refuse_calls(const std::vector<std::pair<long, int>>& refused) {
+  if (refused.empty()) return;
+  std::vector<sock_filter> filter = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
+  for (auto [call, error] : refused) {
+    filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(call), 0, 1));
+    filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)));
+  }
+  filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+  sock_fprog program = {static_cast<unsigned short>(filter.size()), filter.data()};
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+      prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
+    _exit(126);
+  }
+}
+
 // In the child, between fork and exec.
 [[noreturn]] void become(const Command& command, const int (&streams)[3],
                          const std::vector<char*>& argv) {
@@ -150,10 +171,7 @@ std::string drain(int descriptor) {
   for (const std::string& assignment : command.environment) {
     putenv(const_cast<char*>(assignment.c_str()));
   }
-  for (auto [resource, limit] : command.limits) {
-    rlimit both = {limit, limit};
-    setrlimit(static_cast<__rlimit_resource>(resource), &both);
-  }
+  refuse_calls(command.refused);
   execvp(argv[0], argv.data());
   _exit(127);
 }
@@ -236,6 +254,7 @@ Outcome run(const Command& command) {
   Outcome outcome;
   std::thread writer([&] {
     signal(SIGPIPE, SIG_IGN);
+    if (command.before_input) command.before_input();
     [[maybe_unused]] ssize_t written = write(in[1], command.input.data(), command.input.size());
     close(in[1]);
   });

@@ -9,9 +9,9 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/time.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -40,11 +40,12 @@ void set_host_name(const std::string& name);
 
 /// A program to run and its surroundings.
 struct Command {
-  std::vector<std::string> words;              // program and arguments
-  std::string input;                           // standard input
-  std::vector<std::string> environment;        // NAME=value, added to the own one
-  std::vector<std::pair<int, rlim_t>> limits;  // RLIMIT_..., set in the child
-  int seconds = 60;                            // then it is killed
+  std::vector<std::string> words;             // program and arguments
+  std::string input;                          // standard input
+  std::vector<std::string> environment;       // NAME=value, added to the own one
+  std::vector<std::pair<long, int>> refused;  // system call and the errno it fails with
+  std::function<void()> before_input;         // runs once the program is started
+  int seconds = 60;                           // then it is killed
 };
 
 struct Outcome {

@@ -1,0 +1,273 @@
+// The command as a process: arguments, streams, exit status and datagrams.
+#include <sys/syscall.h>
+#include <time.h>
+
+#include <cerrno>
+#include <regex>
+
+#include "tests/lab.h"
+
+namespace {
+
+using lab::Outcome;
+
+constexpr char kUsage[] =
+    "usage: kivtrap [-c community] [-t trap_type] [-s specific_trap] [-v] management_station\n";
+
+std::string item(const char* tag, const std::string& contents) {
+  return from_hex(tag) + static_cast<char>(contents.size()) + contents;
+}
+
+// The message that is to arrive, for fewer than 128 bytes a field. `codes` is the
+// generic and the specific integer in hex.
+std::string trap_message(const std::string& text, const std::string& community = "public",
+                         const char* codes = "020106 020101", const char* agent = "C0000201",
+                         const char* time_stamp = "430100") {
+  std::string name = from_hex("06082B06010201010100");
+  return item("30", from_hex("020100") + item("04", community) +
+                        item("A4", from_hex("06072B06010401A73B") + item("40", from_hex(agent)) +
+                                       from_hex(codes) + from_hex(time_stamp) +
+                                       item("30", item("30", name + item("04", text)))));
+}
+
+class CommandTest : public LabTest {
+ protected:
+  void SetUp() override {
+    LabTest::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
+    lab::remove_boot_record();
+    lab::set_host_name(lab::kHostName);
+    station.emplace(uint16_t{162});
+  }
+
+  static lab::Command kivtrap(std::vector<std::string> words, std::string input = "disk full\n") {
+    words.insert(words.begin(), KIVTRAP);
+    lab::Command command;
+    command.words = std::move(words);
+    command.input = std::move(input);
+    return command;
+  }
+
+  // The datagram that arrived, in hex; "nothing" for none.
+  std::string arrived() {
+    auto datagram = station->receive_now();
+    return datagram ? to_hex(*datagram) : "nothing";
+  }
+
+  std::optional<lab::UdpReceiver> station;
+};
+
+TEST_F(CommandTest, CommandLine) {
+  lab::write_file("/run/message", "from a file\nsecond line\n");
+  const std::string sent = trap_message("disk full");
+  const std::string parameters = "community = public\ttrap = 6\tspecific=1\n";
+  struct Case {
+    std::vector<std::string> words;
+    int status;
+    std::string out;
+    std::string err;
+    std::string datagram;
+  };
+  const Case cases[] = {
+      {{}, 1, "", kUsage, ""},
+      {{""}, 1, "", kUsage, ""},
+      {{"manager"}, 0, "", "", sent},
+      {{"127.0.0.1"}, 0, "", "", sent},
+      {{"manager", "2", "7"}, 0, "", "", trap_message("disk full", "public", "020102 020107")},
+      {{"manager", "2", "7", "9"}, 0, "", "", trap_message("disk full", "public", "020102 020107")},
+      {{"manager", "-c", "private", "2"},
+       0,
+       "",
+       "",
+       trap_message("disk full", "private", "020102 020101")},
+      {{"manager", "-cx", "private", "-c"}, 0, "", "", trap_message("disk full", "private")},
+      {{"manager", "-f", "/run/message"}, 0, "", "", trap_message("from a file")},
+      {{"manager", "-x"}, 1, "invalid option: -x\n", kUsage, ""},
+      {{"manager", "-v"}, 1, "invalid option: -v\n", kUsage, ""},
+      {{"-v", "manager"}, 0, parameters, "", sent},
+      {{"-v", "-t", "3", "-s", "70000", "-c", "a b", "manager"},
+       0,
+       "community = a b\ttrap = 3\tspecific=70000\n",
+       "",
+       trap_message("disk full", "a b", "020103 0203011170")},
+      {{"-t", "abc", "-s", "-1", "manager"},
+       0,
+       "",
+       "",
+       trap_message("disk full", "public", "020100 0201FF")},
+      {{"-f", "-", "manager"}, 0, "", "", sent},
+      {{"-f", "/run/message", "manager"}, 0, "", "", trap_message("from a file")},
+      {{"-f", "/no/such", "manager"}, 1, "file /no/such does not exist\n", "", ""},
+      {{"-v", "-f", "/no/such", "manager"},
+       1,
+       parameters + "file /no/such does not exist\n",
+       "",
+       ""},
+      {{"-u", "1", "manager"}, 0, "", "Up time: 0\n", sent},
+      {{"-u", "manager"}, 1, "", kUsage, ""},
+      {{"-z", "manager"}, 1, "", kUsage, ""},
+      {{"-c"}, 1, "", kUsage, ""},
+      {{"-v"}, 1, "", kUsage, ""},
+      {{"-v", "a", "b"}, 1, "", kUsage, ""},
+      {{"-v", "--", "--help"}, 1, "", kUsage, ""},
+      {{"--help"}, 1, "", kUsage, ""},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(testing::PrintToString(test.words));
+    Outcome outcome = lab::run(kivtrap(test.words));
+    EXPECT_EQ(outcome.status, test.status);
+    EXPECT_EQ(outcome.out, test.out);
+    EXPECT_EQ(outcome.err, test.err);
+    EXPECT_EQ(arrived(), test.datagram.empty() ? "nothing" : to_hex(test.datagram));
+    EXPECT_EQ(arrived(), "nothing");
+  }
+}
+
+TEST_F(CommandTest, MessageIsTheFirstLineLessItsLastByte) {
+  const std::string long_line(3000, 'x');
+  const std::pair<std::string, std::string> cases[] = {
+      {"", ""},
+      {"\n", ""},
+      {"hello\nworld\n", "hello"},
+      {"hello", "hell"},
+      {"Gr\xC3\xBC\xC3\x9F \xFF\x80 %s%n\n", "Gr\xC3\xBC\xC3\x9F \xFF\x80 %s%n"},
+      {"first\n" + long_line + "\n" + long_line, "first"},
+  };
+  for (const auto& [input, text] : cases) {
+    SCOPED_TRACE(input.substr(0, 40));
+    EXPECT_EQ(lab::run(kivtrap({"manager"}, input)).status, 0);
+    EXPECT_EQ(arrived(), to_hex(trap_message(text)));
+  }
+}
+
+TEST_F(CommandTest, LongLinesAreCutAt1022Bytes) {
+  // Of what is read the last byte goes: the line end, or the last real byte.
+  const std::pair<size_t, size_t> cases[] = {
+      {1020, 1020}, {1021, 1021}, {1022, 1021}, {5000, 1021}};
+  for (auto [length, kept] : cases) {
+    SCOPED_TRACE(length);
+    EXPECT_EQ(lab::run(kivtrap({"manager"}, std::string(length, 'y') + "\nmore\n")).status, 0);
+    std::string datagram = station->receive_now().value_or("");
+    ASSERT_GT(datagram.size(), kept + 4);
+    EXPECT_EQ(datagram.substr(datagram.size() - kept), std::string(kept, 'y'));
+    std::string length_bytes = {static_cast<char>(kept >> 8), static_cast<char>(kept)};
+    EXPECT_EQ(datagram.substr(datagram.size() - kept - 4, 4), from_hex("0482") + length_bytes);
+  }
+}
+
+// Waits until `milliseconds` into a second, and sets the boot record to so many
+// seconds before the start of that second.
+void boot_seconds_ago(long seconds, long milliseconds) {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  timespec then = {now.tv_sec, milliseconds * 1'000'000};
+  if (now.tv_nsec > then.tv_nsec) ++then.tv_sec;
+  clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &then, nullptr);
+  lab::set_boot_time({then.tv_sec - seconds, 0});
+}
+
+TEST_F(CommandTest, ReferenceMessage) {
+  const std::string reference = to_hex(from_hex(
+      "30 3F 02 01 00 04 06 70 75 62 6C 69 63 A4 32 06 07 2B 06 01 04 01 A7 3B 40 04 0A 01 02 03"
+      "02 01 06 02 01 01 43 02 30 39 30 17 30 15 06 08 2B 06 01 02 01 01 01 00 04 09 64 69 73 6B"
+      "20 66 75 6C 6C"));
+  lab::set_host_name("10.1.2.3");
+  std::string hex;
+  // The time stamp holds for 10 ms after the input; a busy machine may miss that.
+  for (int attempt = 0; attempt < 30 && hex != reference; ++attempt) {
+    lab::Command command = kivtrap({"manager"});
+    command.before_input = [] { boot_seconds_ago(123, 450); };
+    ASSERT_EQ(lab::run(command).status, 0);
+    hex = arrived();
+  }
+  EXPECT_EQ(hex, reference);
+}
+
+TEST_F(CommandTest, UpTime) {
+  const std::tuple<long, std::string, std::string> cases[] = {
+      // seconds since the boot, what -u prints, the time stamp
+      {0, "\\d\\d?", "4301..|430200.."},
+      {21474836, "21474836\\d\\d", "43047FFFFF..|4304800000.."},  // about 2^31 hundredths
+      {21474837, "21474837\\d\\d", "43048000...."},
+      {-1000, "0", "430100"},  // a clock that was set back
+  };
+  for (const auto& [seconds, printed, time_stamp] : cases) {
+    SCOPED_TRACE(seconds);
+    lab::Command command = kivtrap({"-u", "x", "manager"});
+    boot_seconds_ago(seconds, 1);  // early, so that the second does not end meanwhile
+    Outcome outcome = lab::run(command);
+    EXPECT_TRUE(std::regex_match(outcome.err, std::regex("Up time: " + printed + "\n")))
+        << outcome.err;
+    std::string hex = arrived();
+    EXPECT_TRUE(std::regex_search(hex, std::regex("020106020101(" + time_stamp + ")3017"))) << hex;
+  }
+}
+
+TEST_F(CommandTest, PacketDump) {
+  Outcome outcome = lab::run(kivtrap({"-d", "-d", "manager"}));
+  std::string datagram = station->receive_now().value_or("");
+  std::string dump;
+  for (size_t i = 0; i < datagram.size(); ++i) {
+    dump += to_hex(datagram.substr(i, 1)) + " ";
+    if (i % 16 == 15) dump += "\n";
+  }
+  EXPECT_EQ(outcome.out, dump + "\n\n");
+  EXPECT_EQ(datagram, trap_message("disk full"));
+}
+
+TEST_F(CommandTest, AgentAddress) {
+  const std::string hosts = lab::read_file("/etc/hosts");
+  struct Case {
+    const char* host_name;
+    const char* hosts;
+    const char* agent;
+    const char* err;
+  };
+  const Case cases[] = {
+      {"10.9.8.7", "", "0A090807", ""},
+      {"lab-host", "10.4.4.4 LAB-HOST.example lab-host\n", "0A040404", ""},
+      {"nowhere", "127.0.0.2 localhost\n", "7F000002", ""},
+      {"nowhere", "", "00000000", "unknown host: localhost\n"},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.agent);
+    lab::set_host_name(test.host_name);
+    lab::write_file("/etc/hosts", test.hosts);
+    Outcome outcome = lab::run(kivtrap({"127.0.0.1"}));
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.err, test.err);
+    EXPECT_EQ(arrived(), to_hex(trap_message("disk full", "public", "020106 020101", test.agent)));
+  }
+  lab::write_file("/etc/hosts", hosts);
+}
+
+TEST_F(CommandTest, FailuresOfTheSystem) {
+  struct Case {
+    const char* host;
+    std::vector<std::pair<long, int>> refused;
+    const char* out;
+    const char* err;
+  };
+  const Case cases[] = {
+      {"no-such-host", {}, "Couldn't open snmp\n", "unknown host: no-such-host\n"},
+      {"manager", {{SYS_socket, EMFILE}}, "Couldn't open snmp\n", "socket: Too many open files\n"},
+      {"manager",
+       {{SYS_bind, EADDRINUSE}},
+       "Couldn't open snmp\n",
+       "bind: Address already in use\n"},
+      {"manager", {{SYS_sendto, EPERM}}, "error\n", "sendto: Operation not permitted\n"},
+      {"192.0.2.77", {}, "error\n", "sendto: Network is unreachable\n"},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.err);
+    lab::Command command = kivtrap({test.host});
+    command.refused = test.refused;
+    Outcome outcome = lab::run(command);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.out, test.out);
+    EXPECT_EQ(outcome.err, test.err);
+    EXPECT_EQ(arrived(), "nothing");
+  }
+}
+
+}  // namespace
