@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 #include <utmp.h>
 
@@ -131,6 +132,11 @@ void furnish() {
   mount_etc();
   bring_up_loopback();
   set_host_name(kHostName);
+  timespec now{};
+  timespec up{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  clock_gettime(CLOCK_BOOTTIME, &up);
+  set_boot_time({now.tv_sec - up.tv_sec, 0});
 }
 
 std::string drain(int descriptor) {

@@ -1,0 +1,226 @@
+#include "snmp/asn1.h"
+
+#include <climits>
+#include <functional>
+#include <numeric>
+
+#include "tests/lab.h"
+
+namespace {
+
+const uint8_t* bytes_of(const std::string& text) {
+  return reinterpret_cast<const uint8_t*>(text.data());
+}
+
+using Builder = std::function<uint8_t*(uint8_t*, int32_t*)>;
+
+// Builds into exactly the room that is needed, and sees that every smaller room
+// fails and is not overrun. Returns the item in hex.
+std::string build(const Builder& builder) {
+  uint8_t whole[70000];
+  int32_t room = sizeof whole;
+  uint8_t* end = builder(whole, &room);
+  if (end == nullptr) return "fails";
+  auto length = static_cast<int32_t>(end - whole);
+  EXPECT_EQ(room, static_cast<int32_t>(sizeof whole) - length);
+  for (int32_t less = 0; less < std::min(length, 200); ++less) {
+    std::vector<uint8_t> exact(static_cast<size_t>(less));  // overruns are seen by sanitizers
+    int32_t left = less;
+    EXPECT_EQ(builder(exact.data(), &left), nullptr) << less << " of " << length;
+  }
+  return to_hex({reinterpret_cast<char*>(whole), static_cast<size_t>(length)});
+}
+
+TEST(Asn1, BuildsIntegers) {
+  const std::pair<long, const char*> cases[] = {
+      {0, "020100"},
+      {127, "02017F"},
+      {128, "02020080"},
+      {255, "020200FF"},
+      {256, "02020100"},
+      {32767, "02027FFF"},
+      {32768, "0203008000"},
+      {8388608, "020400800000"},
+      {INT32_MAX, "02047FFFFFFF"},
+      {-1, "0201FF"},
+      {-128, "020180"},
+      {-129, "0202FF7F"},
+      {INT32_MIN, "020480000000"},
+      {2147483648, "020480000000"},
+      {4294967295, "0201FF"},
+      {0x500000001, "020101"},
+  };
+  for (auto [value, hex] : cases) {
+    EXPECT_EQ(build([&, number = value](uint8_t* at, int32_t* room) {
+                return asn_build_int(at, room, kAsnInteger, &number, sizeof number);
+              }),
+              hex)
+        << value;
+  }
+}
+
+TEST(Asn1, BuildsObjectIdentifiers) {
+  std::vector<uint64_t> longest(64, 1);
+  std::vector<uint64_t> wide = {1, 3};
+  wide.resize(14, 4294967295);  // 1 + 12 * 5 = 61 bytes
+  const std::pair<std::vector<uint64_t>, std::string> cases[] = {
+      {{1, 3, 6, 1, 4, 1, 5051}, "06072B06010401A73B"},
+      {{0, 0}, "060100"},
+      {{2, 39}, "060177"},
+      {{1, 3, 127, 128, 16383, 16384}, "06092B7F8100FF7F818000"},
+      {{1, 3, 4294967295}, "06062B8FFFFFFF7F"},
+      {{}, "0600"},
+      {{1}, "0600"},
+      {longest, "063F29" +
+                    [] {
+                      std::string ones;
+                      for (int i = 0; i < 62; ++i) ones += "01";
+                      return ones;
+                    }()},
+      {std::vector<uint64_t>(65, 1), "fails"},
+  };
+  for (const auto& [subids, hex] : cases) {
+    EXPECT_EQ(build([&](uint8_t* at, int32_t* room) {
+                return asn_build_objid(at, room, kAsnObjectId, subids.data(),
+                                       static_cast<int32_t>(subids.size()));
+              }),
+              hex);
+  }
+  // 64 encoded bytes are the limit: 61, then three and four more.
+  for (auto [extra, fits] : {std::pair{3, true}, {4, false}}) {
+    std::vector<uint64_t> subids = wide;
+    subids.insert(subids.end(), static_cast<size_t>(extra), 1);
+    EXPECT_EQ(build([&](uint8_t* at, int32_t* room) {
+                return asn_build_objid(at, room, kAsnObjectId, subids.data(),
+                                       static_cast<int32_t>(subids.size()));
+              }) != "fails",
+              fits);
+  }
+}
+
+TEST(Asn1, BuildsLengthsAndStrings) {
+  for (auto [length, header] : {std::pair{0, "0400"},
+                                {127, "047F"},
+                                {128, "048180"},
+                                {255, "0481FF"},
+                                {256, "04820100"},
+                                {65535, "0482FFFF"}}) {
+    const std::string text(static_cast<size_t>(length), 'x');
+    EXPECT_EQ(build([&](uint8_t* at, int32_t* room) {
+                return asn_build_string(at, room, kAsnOctetString, bytes_of(text),
+                                        static_cast<int32_t>(text.size()));
+              }),
+              header + to_hex(text));
+  }
+  for (int32_t length : {-1, 65536, INT_MAX}) {
+    EXPECT_EQ(build([&](uint8_t* at, int32_t* room) {
+                return asn_build_header(at, room, kAsnSequence, length);
+              }),
+              "fails")
+        << length;
+  }
+  EXPECT_EQ(build([](uint8_t* at, int32_t* room) { return asn_build_null(at, room, kAsnNull); }),
+            "0500");
+}
+
+// What a parser makes of `hex` with trailing bytes behind it, as text.
+using Parser = std::function<std::string(const uint8_t*, int32_t*, const uint8_t**)>;
+
+void expect_parsed(const std::string& hex, const std::string& wanted, const Parser& parse) {
+  SCOPED_TRACE(hex);
+  const std::string item = from_hex(hex);
+  for (size_t more : {0, 3}) {
+    const std::string bytes = item + std::string(more, '\x7F');
+    auto left = static_cast<int32_t>(bytes.size());
+    const uint8_t* end = nullptr;
+    std::string result = parse(bytes_of(bytes), &left, &end);
+    EXPECT_EQ(end == nullptr ? "fails" : result, wanted);
+    if (end == nullptr) continue;
+    EXPECT_EQ(end, bytes_of(bytes) + item.size());
+    EXPECT_EQ(left, static_cast<int32_t>(more));
+  }
+}
+
+TEST(Asn1, ParsesIntegers) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"020100", "2:0"},
+      {"0201FF", "2:-1"},
+      {"02020080", "2:128"},
+      {"020480000000", "2:-2147483648"},
+      {"02050080000000", "2:2147483648"},
+      {"0205 00FFFFFFFF", "2:4294967295"},
+      {"4301FF", "67:-1"},
+      {"02820001 05", "2:5"},  // a length longer than need be
+      {"0288000000000000000105", "2:5"},
+      {"0205 0100000000", "fails"},  // above 32 bits
+      {"0206 000000000001", "fails"},
+      {"0200", "fails"},
+      {"0280 01 0000", "fails"},  // indefinite length
+      {"0289000000000000000001 05", "fails"},
+      {"0284FFFFFFFF 05", "fails"},
+      {"0288FFFFFFFFFFFFFFFF 05", "fails"},
+      {"1F8101 0105", "fails"},  // tag of several bytes
+      {"02", "fails"},
+  };
+  for (auto [hex, wanted] : cases) {
+    expect_parsed(hex, wanted, [](const uint8_t* at, int32_t* left, const uint8_t** end) {
+      uint8_t tag = 0;
+      long value = 0;
+      *end = asn_parse_int(at, left, &tag, &value, sizeof value);
+      return std::to_string(tag) + ":" + std::to_string(value);
+    });
+  }
+}
+
+TEST(Asn1, ParsesObjectIdentifiers) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"06072B06010401A73B", "1.3.6.1.4.1.5051"},
+      {"060100", "0.0"},
+      {"060177", "2.39"},
+      {"06062B8FFFFFFF7F", "1.3.4294967295"},
+      {"06062B9080808000", "fails"},  // 2^32
+      {"06032B8080", "fails"},        // the last one has no end
+      {"0600", "fails"},
+      {"0609 2B06", "fails"},        // claims more than is there
+      {"0605 2B06010203", "fails"},  // seven do not fit into five places
+  };
+  for (auto [hex, wanted] : cases) {
+    int32_t capacity = std::string_view(hex) == "0605 2B06010203" ? 5 : 64;
+    expect_parsed(hex, wanted, [=](const uint8_t* at, int32_t* left, const uint8_t** end) {
+      uint8_t tag = 0;
+      uint64_t subids[64];
+      int32_t count = capacity;
+      *end = asn_parse_objid(at, left, &tag, subids, &count);
+      std::string dotted;
+      for (int32_t i = 0; *end != nullptr && i < count; ++i) {
+        dotted += (i > 0 ? "." : "") + std::to_string(subids[i]);
+      }
+      return dotted;
+    });
+  }
+}
+
+TEST(Asn1, ParsesStringsAndNulls) {
+  const std::pair<const char*, const char*> strings[] = {
+      {"0400", ""}, {"0403616263", "abc"}, {"0404 61626364", "fails"}, {"0481096162", "fails"}};
+  for (auto [hex, wanted] : strings) {
+    expect_parsed(hex, wanted, [](const uint8_t* at, int32_t* left, const uint8_t** end) {
+      uint8_t tag = 0;
+      uint8_t bytes[3];
+      int32_t count = sizeof bytes;
+      *end = asn_parse_string(at, left, &tag, bytes, &count);
+      return *end == nullptr
+                 ? ""
+                 : std::string(reinterpret_cast<char*>(bytes), static_cast<size_t>(count));
+    });
+  }
+  for (auto [hex, wanted] : {std::pair{"0500", ""}, {"050100", "fails"}}) {
+    expect_parsed(hex, wanted, [](const uint8_t* at, int32_t* left, const uint8_t** end) {
+      uint8_t tag = 0;
+      *end = asn_parse_null(at, left, &tag);
+      return std::string();
+    });
+  }
+}
+
+}  // namespace

@@ -1,0 +1,400 @@
+#include "snmp/snmp_api.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <climits>
+#include <thread>
+
+#include "snmp/asn1.h"
+#include "snmp/snmp.h"
+#include "snmp/snmp_client.h"
+#include "tests/failing_malloc.h"
+#include "tests/lab.h"
+
+namespace {
+
+const uint64_t kSysDescr[] = {1, 3, 6, 1, 2, 1, 1, 1, 0};
+
+// What a session's callback was called with, and what it does.
+struct Calls {
+  std::vector<std::pair<int, int32_t>> seen;  // operation and request id
+  int result = 1;
+  bool close_session = false;
+};
+
+int record_call(int operation, snmp_session* session, int32_t request_id, snmp_pdu*, void* calls) {
+  auto* record = static_cast<Calls*>(calls);
+  record->seen.emplace_back(operation, request_id);
+  if (record->close_session) snmp_close(session);
+  return record->result;
+}
+
+snmp_pdu* get_request() {
+  snmp_pdu* pdu = snmp_pdu_create(kSnmpGetRequest);
+  snmp_add_null_var(pdu, kSysDescr, 9);
+  return pdu;
+}
+
+class SessionTest : public LabTest {
+ protected:
+  void SetUp() override {
+    LabTest::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
+    agent.emplace(uint16_t{0});
+    wanted.peer_name = const_cast<char*>("127.0.0.1");
+    wanted.remote_port = agent->port();
+    wanted.retries = kSnmpDefaultRetries;
+    wanted.timeout = kSnmpDefaultTimeout;
+    wanted.callback = record_call;
+    wanted.callback_arg = &calls;
+  }
+  void TearDown() override {
+    while (Sessions != nullptr) snmp_close(Sessions->session);
+    snmp_dump_packet = 0;
+  }
+
+  // Sends `bytes` from the agent to the session that was opened last.
+  void answer(const std::string& bytes) {
+    sockaddr_in to{};
+    socklen_t size = sizeof to;
+    getsockname(Sessions->state->socket, reinterpret_cast<sockaddr*>(&to), &size);
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sendto(agent->socket(), bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), size);
+  }
+  // The request as the agent answers it.
+  static std::string response_to(std::string request, char command = '\xA2') {
+    size_t at = request.find('\xA0');
+    if (at != std::string::npos) request[at] = command;
+    return request;
+  }
+  void read_all() {
+    vx_fd_set readable{};
+    for (session_entry* entry = Sessions; entry != nullptr; entry = entry->next) {
+      VX_FD_SET(entry->state->socket, &readable);
+    }
+    snmp_read(&readable);
+  }
+  // Runs `action` and returns what it printed on standard error.
+  template <typename Action>
+  static std::string errors_of(Action action) {
+    testing::internal::CaptureStderr();
+    action();
+    return testing::internal::GetCapturedStderr();
+  }
+
+  std::optional<lab::UdpReceiver> agent;
+  snmp_session wanted{};
+  Calls calls;
+};
+
+TEST_F(SessionTest, DefaultsAndOwnCopies) {
+  char peer[] = "manager";
+  wanted.peer_name = peer;
+  wanted.remote_port = 0;
+  snmp_session* session = snmp_open(&wanted);
+  ASSERT_NE(session, nullptr);
+  peer[0] = '?';
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(session->community), 6), "public");
+  EXPECT_EQ(session->community_length, 6);
+  EXPECT_EQ(session->retries, 4);
+  EXPECT_EQ(session->timeout, 1000000);
+  EXPECT_STREQ(session->peer_name, "manager");
+  EXPECT_EQ(Sessions->state->peer_address.sin_port, htons(161));
+  EXPECT_NE(Reqid, 0);
+  EXPECT_EQ(snmp_close(session), 1);
+  EXPECT_EQ(snmp_close(session), 0);
+  EXPECT_EQ(snmp_errno, kSnmpErrUnknownSession);
+}
+
+TEST_F(SessionTest, FailuresToOpen) {
+  const int before = dup(0);
+  wanted.peer_name = const_cast<char*>("no-such-host");
+  EXPECT_EQ(errors_of([&] { EXPECT_EQ(snmp_open(&wanted), nullptr); }),
+            "unknown host: no-such-host\n");
+  EXPECT_EQ(snmp_errno, kSnmpErrUnknownHost);
+  wanted.peer_name = nullptr;
+  wanted.local_port = agent->port();
+  EXPECT_EQ(errors_of([&] { EXPECT_EQ(snmp_open(&wanted), nullptr); }),
+            "bind: Address already in use\n");
+  EXPECT_EQ(snmp_errno, kSnmpErrBadLocalPort);
+  EXPECT_EQ(Sessions, nullptr);
+  const int after = dup(0);
+  EXPECT_EQ(after, before + 1) << "a socket was left open";
+  close(before);
+  close(after);
+}
+
+TEST_F(SessionTest, TrapsAreSentOnceAndForgotten) {
+  snmp_session* session = snmp_open(&wanted);
+  snmp_pdu* trap = snmp_pdu_create(kSnmpTrap);
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(snmp_send(session, trap), 1);
+    std::string message = agent->receive().value_or("");
+    // The enterprise that a trap without one gets.
+    EXPECT_NE(message.find(from_hex("06082B06010401030101")), std::string::npos);
+  }
+  EXPECT_EQ(Sessions->state->requests, nullptr);
+  EXPECT_EQ(trap->enterprise_length, 9);
+  snmp_free_pdu(trap);
+}
+
+TEST_F(SessionTest, FailuresToSendLeaveNothingBehind) {
+  snmp_session* session = snmp_open(&wanted);
+  snmp_pdu* pdu = get_request();
+  EXPECT_EQ(snmp_send(session + 1, pdu), 0);
+  EXPECT_EQ(snmp_errno, kSnmpErrUnknownSession);
+
+  pdu->address.sin_family = AF_INET;
+  pdu->address.sin_port = htons(9);
+  pdu->address.sin_addr.s_addr = inet_addr("192.0.2.77");
+  EXPECT_EQ(errors_of([&] { EXPECT_EQ(snmp_send(session, pdu), 0); }),
+            "sendto: Network is unreachable\n");
+  EXPECT_EQ(snmp_errno, kSnmpErrGeneric);
+
+  pdu->variables->type = 0x46;
+  EXPECT_EQ(errors_of([&] { EXPECT_EQ(snmp_send(session, pdu), 0); }), "Error building packet\n");
+  EXPECT_EQ(snmp_errno, kSnmpErrGeneric);
+  EXPECT_EQ(Sessions->state->requests, nullptr);
+
+  wanted.peer_name = nullptr;
+  pdu->address = {};
+  snmp_session* no_peer = snmp_open(&wanted);
+  EXPECT_EQ(errors_of([&] { EXPECT_EQ(snmp_send(no_peer, pdu), 0); }),
+            "No remote IP address specified\n");
+  EXPECT_EQ(snmp_errno, kSnmpErrUnknownHost);
+  snmp_free_pdu(pdu);
+}
+
+TEST_F(SessionTest, RepeatsWithDoubledTimeOutsThenReports) {
+  snmp_session* session = snmp_open(&wanted);
+  int32_t id = snmp_send(session, get_request());
+  EXPECT_EQ(id, static_cast<int32_t>(Reqid));
+  request_record* request = Sessions->state->requests;
+  const std::string first = agent->receive().value_or("");
+  snmp_timeout();  // its time is not up yet
+  EXPECT_EQ(agent->receive_now(), std::nullopt);
+  for (int sends : {2, 3, 4}) {
+    request->expires_at = {};
+    snmp_timeout();
+    EXPECT_EQ(agent->receive(), first);
+    EXPECT_EQ(request->retries, sends);
+    EXPECT_EQ(request->timeout, 1000000L << (sends - 1));
+    timeval wait{};
+    timersub(&request->expires_at, &request->sent_at, &wait);
+    EXPECT_EQ(wait.tv_sec * 1000000 + wait.tv_usec, request->timeout);
+  }
+  EXPECT_TRUE(calls.seen.empty());
+  request->expires_at = {};
+  snmp_timeout();
+  EXPECT_EQ(calls.seen, (std::vector{std::pair{kSnmpTimedOut, id}}));
+  EXPECT_EQ(Sessions->state->requests, nullptr);
+  EXPECT_EQ(agent->receive_now(), std::nullopt);
+}
+
+TEST_F(SessionTest, ResponsesReachTheirRequest) {
+  snmp_session* session = snmp_open(&wanted);
+  int32_t id = snmp_send(session, get_request());
+  std::string request = agent->receive().value_or("");
+
+  // The last byte of the request id stands behind its tag and length.
+  std::string stranger = response_to(request);
+  size_t id_tag = stranger.find('\xA2') + 2;
+  stranger[id_tag + 1 + static_cast<size_t>(stranger[id_tag + 1])] ^= 1;
+  answer(stranger);
+  read_all();
+  EXPECT_TRUE(calls.seen.empty());
+
+  calls.result = 0;  // not taken: goes on waiting
+  answer(response_to(request));
+  read_all();
+  EXPECT_NE(Sessions->state->requests, nullptr);
+  calls.result = 1;
+  answer(response_to(request));
+  read_all();
+  EXPECT_EQ(Sessions->state->requests, nullptr);
+  answer(response_to(request));  // comes twice: not wanted any more
+  read_all();
+  EXPECT_EQ(calls.seen, (std::vector(2, std::pair{kSnmpReceivedMessage, id})));
+
+  calls.seen.clear();
+  answer(request);  // somebody else's request is shown as it is
+  answer(response_to(request, '\xA9'));
+  read_all();
+  read_all();
+  EXPECT_EQ(calls.seen.size(), 1u);
+}
+
+TEST_F(SessionTest, MangledPacketEndsTheRound) {
+  ASSERT_NE(snmp_open(&wanted), nullptr);
+  answer("good for the next round");
+  Calls newer;
+  wanted.callback_arg = &newer;
+  ASSERT_NE(snmp_open(&wanted), nullptr);
+  answer("rubbish");
+  EXPECT_EQ(errors_of([&] { read_all(); }), "Mangled packet\n");
+  EXPECT_EQ(errors_of([&] { read_all(); }), "Mangled packet\n");
+  EXPECT_EQ(errors_of([&] { read_all(); }), "");
+}
+
+TEST_F(SessionTest, CallbackMayCloseItsSession) {
+  calls.close_session = true;
+  snmp_session* session = snmp_open(&wanted);
+  int32_t sent = snmp_send(session, get_request());
+  ASSERT_NE(sent, 0);
+  answer(response_to(agent->receive().value_or("")));
+  read_all();
+  EXPECT_EQ(Sessions, nullptr);
+
+  session = snmp_open(&wanted);
+  sent = snmp_send(session, get_request());
+  ASSERT_NE(sent, 0);
+  session->retries = 1;
+  Sessions->state->requests->expires_at = {};
+  snmp_timeout();
+  EXPECT_EQ(Sessions, nullptr);
+  EXPECT_EQ(calls.seen.size(), 2u);
+}
+
+TEST_F(SessionTest, SelectInfo) {
+  vx_fd_set readable{};
+  int count = 0;
+  int block = 1;
+  timeval timeout = {5, 0};
+  EXPECT_EQ(snmp_select_info(&count, &readable, &timeout, &block), 0);
+  snmp_session* session = snmp_open(&wanted);
+  ASSERT_NE(snmp_open(&wanted), nullptr);
+  EXPECT_EQ(snmp_select_info(&count, &readable, &timeout, &block), 2);
+  EXPECT_EQ(count, std::max(Sessions->state->socket, Sessions->next->state->socket) + 1);
+  EXPECT_TRUE(VX_FD_ISSET(Sessions->state->socket, &readable));
+  EXPECT_EQ(block, 1);
+  EXPECT_EQ(timeout.tv_sec, 5);
+
+  ASSERT_NE(snmp_send(session, get_request()), 0);
+  timeval short_wait = {0, 1};
+  block = 0;
+  snmp_select_info(&count, &readable, &short_wait, &block);
+  EXPECT_EQ(short_wait.tv_usec, 1);  // shorter than what the request asks for
+  snmp_select_info(&count, &readable, &timeout, &block);
+  EXPECT_TRUE(timeout.tv_sec < 1 || (timeout.tv_sec == 1 && timeout.tv_usec == 0));
+  Sessions->next->state->requests->expires_at = {};
+  block = 1;
+  snmp_select_info(&count, &readable, &timeout, &block);
+  EXPECT_EQ(block, 0);
+  EXPECT_EQ(timeout.tv_sec + timeout.tv_usec, 0);
+}
+
+TEST_F(SessionTest, DumpsWhatIsSentAndReceived) {
+  snmp_session* session = snmp_open(&wanted);
+  snmp_dump_packet = 1;
+  testing::internal::CaptureStdout();
+  int32_t id = snmp_send(session, get_request());
+  std::string request = agent->receive().value_or("");
+  answer(response_to(request));
+  read_all();
+  std::string printed = testing::internal::GetCapturedStdout();
+  EXPECT_NE(id, 0);
+  std::string head = to_hex(request.substr(0, 2));
+  EXPECT_EQ(printed.substr(0, 6), head.substr(0, 2) + " " + head.substr(2) + " ");
+  EXPECT_NE(printed.find("00 \n\nrecieved " + std::to_string(request.size()) +
+                         " bytes from 127.0.0.1:\n30 "),
+            std::string::npos)
+      << printed;
+}
+
+TEST_F(SessionTest, Synchronous) {
+  wanted.timeout = 1000;
+  wanted.retries = 1;
+  snmp_session* session = snmp_open(&wanted);
+  EXPECT_EQ(snmp_synch_setup(session), &snmp_synch_state);
+  snmp_pdu* response = nullptr;
+  EXPECT_EQ(snmp_synch_response(session, get_request(), &response), kSnmpSynchTimeout);
+  EXPECT_EQ(response, nullptr);
+  agent->receive();
+
+  session->timeout = 60'000'000;
+  // The id arrives in a message that is no response: an error, and nothing stale.
+  for (auto [command, status] : {std::pair{'\xA2', kSnmpSynchSuccess}, {'\xA1', kSnmpSynchError}}) {
+    std::thread answering(
+        [&, reply = command] { answer(response_to(agent->receive().value_or(""), reply)); });
+    EXPECT_EQ(snmp_synch_response(session, get_request(), &response), status);
+    answering.join();
+    EXPECT_EQ(response != nullptr, status == kSnmpSynchSuccess);
+    snmp_free_pdu(response);
+    read_all();
+  }
+
+  EXPECT_EQ(snmp_synch_response(session + 1, get_request(), &response), kSnmpSynchError);
+  // A wait that fails ends with an error. Here a second session lost its socket.
+  ASSERT_NE(snmp_open(&wanted), nullptr);
+  close(Sessions->state->socket);
+  EXPECT_EQ(errors_of([&] {
+              EXPECT_EQ(snmp_synch_response(session, get_request(), &response), kSnmpSynchError);
+            }),
+            "select: Bad file descriptor\n");
+  dup2(agent->socket(), Sessions->state->socket);  // something for snmp_close to close
+}
+
+TEST_F(SessionTest, EveryAllocationMayFail) {
+  // From the first to the last allocation of an exchange: no leak, no crash, and
+  // nothing remembered of what failed.
+  bool failed = true;
+  for (int granted = 0; failed; ++granted) {
+    {
+      FailingMalloc failing(granted);
+      snmp_session* session = snmp_open(&wanted);
+      if (session != nullptr) {
+        snmp_pdu* pdu = snmp_pdu_create(kSnmpTrap);
+        if (pdu != nullptr) {
+          snmp_add_null_var(pdu, kSysDescr, 9);
+          EXPECT_TRUE(snmp_send(session, pdu) == 1 || snmp_errno == kSnmpErrGeneric);
+        }
+        snmp_pdu* request = snmp_clone_pdu(pdu != nullptr ? pdu : snmp_pdu_create(0));
+        if (request != nullptr) {
+          request->command = kSnmpGetRequest;
+          if (snmp_send(session, request) == 0) {
+            EXPECT_EQ(Sessions->state->requests, nullptr);
+            snmp_free_pdu(request);
+          }
+        }
+        snmp_free_pdu(pdu);
+      } else {
+        EXPECT_EQ(Sessions, nullptr);
+        EXPECT_EQ(snmp_errno, kSnmpErrGeneric);
+      }
+      failed = failing.failed();
+    }
+    if (Sessions != nullptr) snmp_close(Sessions->session);
+  }
+  EXPECT_TRUE(agent->receive().has_value());
+}
+
+TEST_F(SessionTest, DecodingWithoutMemory) {
+  std::string message = from_hex(
+      "302A 020100 04067075626C6963 A41D 06022B06 4004C0000201 020106 020101 430100 300A"
+      "3008 06022B06 06022B06");
+  std::vector<uint8_t> packet(message.begin(), message.end());
+  SnmpParse result = SnmpParse::kMangled;
+  for (int granted = 0; granted < 20 && result != SnmpParse::kDone; ++granted) {
+    snmp_pdu* pdu = snmp_pdu_create(0);
+    {
+      FailingMalloc failing(granted);
+      result = snmp_parse_packet(&wanted, pdu, packet);
+      EXPECT_EQ(result == SnmpParse::kDone, !failing.failed());
+    }
+    snmp_free_pdu(pdu);
+  }
+  EXPECT_EQ(result, SnmpParse::kDone);
+}
+
+TEST(SnmpErrors, Texts) {
+  EXPECT_STREQ(api_errors(0), "Unknown session");
+  EXPECT_STREQ(api_errors(1), "Unknown host");
+  EXPECT_STREQ(api_errors(2), "Invalid local port");
+  EXPECT_STREQ(api_errors(3), "Unknown Error");
+  EXPECT_STREQ(api_errors(99), "Unknown Error");
+  EXPECT_STREQ(api_errstring(-3), "Unknown Error");
+}
+
+}  // namespace

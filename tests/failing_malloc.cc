@@ -1,0 +1,30 @@
+#include "tests/failing_malloc.h"
+
+#include <atomic>
+#include <climits>
+#include <cstddef>
+
+namespace {
+
+std::atomic<int> left = INT_MAX;
+
+bool grant() { return left == INT_MAX || --left >= 0; }
+
+}  // namespace
+
+FailingMalloc::FailingMalloc(int count) { left = count; }
+FailingMalloc::~FailingMalloc() { left = INT_MAX; }
+bool FailingMalloc::failed() const { return left < 0; }
+
+// The names that the linker's --wrap gives to what is called and to the real one.
+extern "C" {
+void* __real_malloc(size_t size);
+void* __real_calloc(size_t count, size_t size);
+char* __real_strdup(const char* text);
+
+void* __wrap_malloc(size_t size) { return grant() ? __real_malloc(size) : nullptr; }
+void* __wrap_calloc(size_t count, size_t size) {
+  return grant() ? __real_calloc(count, size) : nullptr;
+}
+char* __wrap_strdup(const char* text) { return grant() ? __real_strdup(text) : nullptr; }
+}

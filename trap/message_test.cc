@@ -1,0 +1,87 @@
+#include "trap/message.h"
+
+#include <cstring>
+
+#include "tests/failing_malloc.h"
+#include "tests/lab.h"
+#include "trap/delivery.h"
+
+namespace {
+
+std::string letters(char letter, size_t count) { return std::string(count, letter); }
+
+TEST(WrapLine, Breaks) {
+  const std::string a38 = letters('a', 38), a40 = letters('a', 40), a41 = letters('a', 41),
+                    b20 = letters('b', 20);
+  const std::pair<std::string, std::string> cases[] = {
+      {"", ""},
+      {"short line\n", "short line\n"},
+      {a40, a40},
+      {a40 + " ", a40 + "\n"},
+      {a38 + " " + b20, a38 + "\n" + b20},
+      {a41 + " b", a41 + "\nb"},
+      {a38 + "   " + b20, a38 + "\n  " + b20},
+      {a40 + "  b", a40 + "\n b"},
+      // the next segment counts from its own start
+      {a38 + " " + a40 + " c\n", a38 + "\n" + a40 + "\nc\n"},
+      {b20 + " " + letters('c', 19) + "\t" + b20 + " " + b20 + "\n",
+       b20 + " " + letters('c', 19) + "\n" + b20 + " " + b20 + "\n"},
+      // a word of more than 41 bytes is left whole
+      {letters('x', 100) + " " + b20, letters('x', 100) + "\n" + b20},
+      {letters('x', 100), letters('x', 100)},
+      {"one " + letters('x', 100) + " two", "one\n" + letters('x', 100) + "\ntwo"},
+      {letters(' ', 60), "\n" + letters(' ', 59)},
+  };
+  for (const auto& [line, wanted] : cases) {
+    char wrapped[kLineSize];
+    wrap_line(line.c_str(), wrapped);
+    EXPECT_EQ(wrapped, wanted) << line;
+  }
+}
+
+std::string read(std::string input, bool wrap) {
+  FILE* source = fmemopen(input.data(), input.size(), "r");
+  c_unique_ptr<char> message = read_message(source, wrap);
+  return message == nullptr ? "none" : message.get();
+}
+
+TEST(ReadMessage, WrapsWhenAsked) {
+  const std::string line = letters('a', 41) + " b";
+  EXPECT_EQ(read(line + "\nmore\n", false), line);
+  EXPECT_EQ(read(line + "\nmore\n", true), letters('a', 41) + "\nb");
+  EXPECT_EQ(read("\n", true), "");
+}
+
+TEST(ReadMessage, WithoutMemoryTheNextLineGetsItsChance) {
+  std::string input = "first\nsecond\n";
+  FILE* source = fmemopen(input.data(), input.size(), "r");
+  setvbuf(source, nullptr, _IONBF, 0);
+  FailingMalloc failing(0);
+  EXPECT_EQ(read_message(source, false), nullptr);
+}
+
+using DeliveryTest = LabTest;
+
+TEST_F(DeliveryTest, EveryAllocationMayFail) {
+  lab::UdpReceiver station(162);
+  TrapOptions options;
+  options.community = "public";
+  options.trap = options.specific = "1";
+  options.host = "127.0.0.1";
+  char message[] = "text";
+  int status = 1;
+  int refused = 0;
+  for (; status != 0 && refused < 50; ++refused) {
+    testing::internal::CaptureStdout();
+    {
+      FailingMalloc failing(refused);
+      status = deliver_trap(options, "10.0.0.1", message);
+    }
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(station.receive_now().has_value(), status == 0);
+  }
+  EXPECT_EQ(status, 0);
+  EXPECT_GT(refused, 5);
+}
+
+}  // namespace
