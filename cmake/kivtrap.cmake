@@ -58,19 +58,3 @@ function(kiv_program name)
   target_link_options(${name} PRIVATE
     -pie -Wl,-z,relro,-z,now -Wl,--gc-sections -static-libgcc -static-libstdc++)
 endfunction()
-
-# kiv_folder_tests(): one test program for every product folder, of the
-# NAME_test.cc files in it, named FOLDER_test.
-function(kiv_folder_tests)
-  foreach(folder platform liblocal snmp rpc trap)
-    file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*_test.cc)
-    if(sources)
-      if(folder STREQUAL "trap")
-        set(subject command)
-      else()
-        set(subject ${folder})
-      endif()
-      kiv_test_program(${folder}_test ${sources} DEPENDS ${subject})
-    endif()
-  endforeach()
-endfunction()
