@@ -59,6 +59,13 @@ TEST(Asn1, BuildsIntegers) {
   }
 }
 
+std::string build_objid(const std::vector<uint64_t>& subids) {
+  return build([&](uint8_t* at, int32_t* room) {
+    return asn_build_objid(at, room, kAsnObjectId, subids.data(),
+                           static_cast<int32_t>(subids.size()));
+  });
+}
+
 TEST(Asn1, BuildsObjectIdentifiers) {
   std::vector<uint64_t> longest(64, 1);
   std::vector<uint64_t> wide = {1, 3};
@@ -79,22 +86,12 @@ TEST(Asn1, BuildsObjectIdentifiers) {
                     }()},
       {std::vector<uint64_t>(65, 1), "fails"},
   };
-  for (const auto& [subids, hex] : cases) {
-    EXPECT_EQ(build([&](uint8_t* at, int32_t* room) {
-                return asn_build_objid(at, room, kAsnObjectId, subids.data(),
-                                       static_cast<int32_t>(subids.size()));
-              }),
-              hex);
-  }
+  for (const auto& [subids, hex] : cases) EXPECT_EQ(build_objid(subids), hex);
   // 64 encoded bytes are the limit: 61, then three and four more.
   for (auto [extra, fits] : {std::pair{3, true}, {4, false}}) {
     std::vector<uint64_t> subids = wide;
     subids.insert(subids.end(), static_cast<size_t>(extra), 1);
-    EXPECT_EQ(build([&](uint8_t* at, int32_t* room) {
-                return asn_build_objid(at, room, kAsnObjectId, subids.data(),
-                                       static_cast<int32_t>(subids.size()));
-              }) != "fails",
-              fits);
+    EXPECT_EQ(build_objid(subids) != "fails", fits);
   }
 }
 
@@ -129,7 +126,7 @@ using Parser = std::function<std::string(const uint8_t*, int32_t*, const uint8_t
 void expect_parsed(const std::string& hex, const std::string& wanted, const Parser& parse) {
   SCOPED_TRACE(hex);
   const std::string item = from_hex(hex);
-  for (size_t more : {0, 3}) {
+  for (size_t more : {0U, 3U}) {
     const std::string bytes = item + std::string(more, '\x7F');
     auto left = static_cast<int32_t>(bytes.size());
     const uint8_t* end = nullptr;

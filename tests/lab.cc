@@ -323,9 +323,9 @@ std::string from_hex(std::string_view digits) {
 
 std::string to_hex(std::string_view bytes) {
   std::string digits;
-  for (unsigned char byte : bytes) {
+  for (char byte : bytes) {
     char two[3];
-    snprintf(two, sizeof two, "%02X", byte);
+    snprintf(two, sizeof two, "%02X", static_cast<unsigned char>(byte));
     digits += two;
   }
   return digits;
