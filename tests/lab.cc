@@ -19,11 +19,14 @@
 #include <unistd.h>
 #include <utmp.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <mutex>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -182,12 +185,26 @@ void refuse_calls(const std::vector<std::pair<long, int>>& refused) {
   _exit(127);
 }
 
-// Waits for `child` until the time is up; then kills it.
+// Waits for `child`, which is killed when the time is up.
 int wait_for(pid_t child, int seconds) {
-  int handle = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
-  pollfd ended = {handle, POLLIN, 0};
-  if (poll(&ended, 1, seconds * 1000) == 0) kill(child, SIGKILL);
-  close(handle);
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool ended = false;
+  std::thread watchdog([&] {
+    std::unique_lock lock(mutex);
+    if (!changed.wait_for(lock, std::chrono::seconds(seconds), [&] { return ended; })) {
+      kill(child, SIGKILL);
+    }
+  });
+  // It keeps its process id until the watchdog is gone.
+  siginfo_t info{};
+  waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT);
+  {
+    std::lock_guard lock(mutex);
+    ended = true;
+  }
+  changed.notify_one();
+  watchdog.join();
   int status = 0;
   waitpid(child, &status, 0);
   return exit_status(status);
