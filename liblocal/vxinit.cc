@@ -38,9 +38,11 @@ void vx_set_progname(const char* path) {
   std::string_view name(path);
   while (name.size() > 1 && name.back() == '/') name.remove_suffix(1);
   if (size_t slash = name.rfind('/'); slash != name.npos) name.remove_prefix(slash + 1);
-  name = name.substr(0, name.find('.')).substr(0, kNameLimit - 1);
   size_t length = 0;
-  for (char c : name) program_name[length++] = lower(c);
+  for (char c : name) {
+    if (c == '.' || length == kNameLimit - 1) break;
+    program_name[length++] = lower(c);
+  }
   program_name[length] = '\0';
 }
 

@@ -14,12 +14,16 @@
 namespace {
 
 constexpr int32_t kAddressBytes = 4;
-constexpr int32_t kMessageSet = 41;  // catalog set of the engine's messages
-constexpr long kVersion1 = 0;        // SNMPv1 as a message states it
-constexpr int32_t kShortHeader = 2;  // bytes of a header whose length is below 128
+constexpr int32_t kMessageSet = 41;   // catalog set of the engine's messages
+constexpr long kVersion1 = 0;         // SNMPv1 as a message states it
+constexpr int32_t kLongLength = 128;  // the first length that takes more than a byte
+constexpr int32_t kShortHeader = 2;   // bytes of a header with a shorter one
 
 // Bytes that a header of `length` content bytes takes beyond a short one.
 int32_t extra_length_bytes(int32_t length) { return asn_length_size(length) - 1; }
+
+// Completes a short header whose contents came to `length` bytes, below 128.
+void set_short_length(uint8_t* header, int32_t length) { header[1] = static_cast<uint8_t>(length); }
 
 int32_t distance(const uint8_t* from, const uint8_t* to) { return static_cast<int32_t>(to - from); }
 
@@ -92,8 +96,9 @@ struct Community {
 };
 
 // Builds a whole message front to back, the three headers around fields and
-// bindings as short as for empty contents; then moves what has to make room for
-// longer headers, and writes the headers again. `build_fields` and
+// bindings as short as for empty contents. The usual message is then complete but
+// for their lengths; in a longer one, fields and bindings first move to make room
+// for longer headers. `build_fields` and
 // `build_bindings` build as asn_build_* do. Returns the message's length, or 0.
 template <typename BuildFields, typename BuildBindings>
 int32_t build_message(uint8_t* packet, int32_t size, Community community, uint8_t command,
@@ -111,6 +116,12 @@ int32_t build_message(uint8_t* packet, int32_t size, Community community, uint8_
   if (end == nullptr) return 0;
 
   int32_t bindings_length = distance(bindings, end);
+  if (int32_t length = distance(packet, end) - kShortHeader; length < kLongLength) {
+    set_short_length(packet, length);
+    set_short_length(pdu, distance(fields, end));
+    set_short_length(sequence, bindings_length);
+    return kShortHeader + length;
+  }
   int32_t sequence_growth = extra_length_bytes(bindings_length);
   int32_t fields_length = distance(fields, sequence);
   int32_t pdu_length = fields_length + kShortHeader + sequence_growth + bindings_length;
@@ -122,10 +133,8 @@ int32_t build_message(uint8_t* packet, int32_t size, Community community, uint8_
   int32_t pdu_shift = message_growth + pdu_growth;
   if (room < pdu_shift + sequence_growth) return 0;
 
-  if (pdu_shift + sequence_growth > 0) {
-    shift_bytes(bindings, bindings_length, pdu_shift + sequence_growth);
-    shift_bytes(fields, fields_length, pdu_shift);
-  }
+  shift_bytes(bindings, bindings_length, pdu_shift + sequence_growth);
+  shift_bytes(fields, fields_length, pdu_shift);
   room = size;
   pdu = snmp_auth_build(packet, &room, community.bytes, &community.length, &kVersion1, pdu_item);
   if (pdu == nullptr) return 0;
@@ -296,8 +305,12 @@ uint8_t* snmp_build_var_op(uint8_t* at, const uint64_t* name, const int32_t* nam
   int32_t length = distance(contents, end);
   int32_t growth = extra_length_bytes(length);
   if (*room < growth) return nullptr;
+  if (growth == 0) {
+    set_short_length(at, length);
+    return end;
+  }
   *room -= growth;
-  if (growth > 0) shift_bytes(contents, length, growth);
+  shift_bytes(contents, length, growth);
   int32_t header_room = kShortHeader + growth;
   contents = asn_build_header(at, &header_room, kAsnSequence, length);
   return contents != nullptr ? contents + length : nullptr;
