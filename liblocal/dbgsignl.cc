@@ -1,0 +1,161 @@
+#include "liblocal/dbgsignl.h"
+
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "liblocal/debug.h"
+#include "liblocal/debug_command.h"
+#include "liblocal/vx_thread.h"
+#include "liblocal/vxinit.h"
+
+char Dbgcmdpath[kDbgcmdpathSize];
+std::atomic<int> Debug_me;
+std::atomic<int> Force_debug;
+
+namespace {
+
+constexpr size_t kNameSize = 64;     // the part of the program's name that lines show
+constexpr size_t kPathLimit = 1024;  // bytes of a base name, terminator included
+constexpr long kDebuggerWaitMillis = 10000;
+
+char handler_name[kNameSize];  // written before the handler is installed
+
+// One line of output built without the platform's formatter, which a signal
+// handler may not call.
+class SignalLine {
+ public:
+  SignalLine() { *this << handler_name << ": "; }
+
+  SignalLine& operator<<(std::string_view text) {
+    size_t room = sizeof text_ - length_;
+    length_ += text.copy(text_ + length_, text.size() < room ? text.size() : room);
+    return *this;
+  }
+
+  SignalLine& operator<<(int number) {
+    char digits[12];
+    char* start = digits + sizeof digits;
+    unsigned rest = number < 0 ? 0U - static_cast<unsigned>(number) : static_cast<unsigned>(number);
+    do *--start = static_cast<char>('0' + rest % 10);
+    while ((rest /= 10) != 0);
+    if (number < 0) *--start = '-';
+    return *this << std::string_view(start, static_cast<size_t>(digits + sizeof digits - start));
+  }
+
+  void send() const {
+    if (write(debug_descriptor(), text_, length_) < 0) return;  // nobody is left to be told
+  }
+
+ private:
+  char text_[kNameSize + kDebugCommandLimit + 128];  // name and value stand in one command
+  size_t length_ = 0;
+};
+
+struct Level {
+  std::string_view name;
+  std::string_view title;  // what the change line calls it
+  std::atomic<int>* value;
+};
+
+const Level kLevels[] = {
+    {"Debug", "Debug level", &Debug},
+    {"Vflag", "Vflag level", &Vflag},
+    {"PrintDevInfo", "PrintDevInfo", &PrintDevInfo},
+};
+
+void apply(const debug_command& command) {
+  if (command.value < 0) {
+    if (Debug > 2) {
+      (SignalLine() << command.value_text << " is an invalid value for " << command.name << "\n")
+          .send();
+    }
+    return;
+  }
+  for (const Level& level : kLevels) {
+    if (!names_debug_level(command.name, level.name)) continue;
+    if (Debug >= 0) {
+      (SignalLine() << "Changing " << level.title << " of process (id " << getpid() << ") from "
+                    << level.value->load() << " to " << command.value << "\n")
+          .send();
+    }
+    *level.value = command.value;
+    return;
+  }
+}
+
+// Takes the command off the debug command file into `text`, of kDebugCommandLimit
+// bytes. The file may lie where others can write, so nothing but a regular file
+// is accepted, and opening never follows a link nor waits for a FIFO's writer.
+// Returns the number of bytes, 0 when there is no command.
+size_t take_command(char* text) {
+  int file = open(Dbgcmdpath, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (file < 0) return 0;
+  ssize_t length = 0;
+  struct stat status;
+  if (fstat(file, &status) == 0 && S_ISREG(status.st_mode)) {
+    length = read(file, text, kDebugCommandLimit);
+    unlink(Dbgcmdpath);
+  }
+  close(file);
+  return length > 0 ? static_cast<size_t>(length) : 0;
+}
+
+// Copies the last component of `path`, up to its last dot and in lower case, into
+// `name`, of kPathLimit bytes.
+void copy_base_name(const char* path, char* name) {
+  std::string_view rest(path, strnlen(path, kPathLimit - 1));
+  while (!rest.empty() && rest.back() == '/') rest.remove_suffix(1);
+  if (size_t slash = rest.rfind('/'); slash != rest.npos) rest.remove_prefix(slash + 1);
+  rest = rest.substr(0, rest.rfind('.'));
+  for (char c : rest) *name++ = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  *name = '\0';
+}
+
+// True when an item of `list` begins with `name`.
+bool is_listed(const char* list, const char* name) {
+  size_t length = strlen(name);
+  for (const char* item = list; item != nullptr;) {
+    if (strncasecmp(item, name, length) == 0) return true;
+    item = strchr(item, ',');
+    if (item != nullptr) ++item;
+  }
+  return false;
+}
+
+}  // namespace
+
+void ondbgintr_prepare() { vx_get_progname(handler_name, sizeof handler_name); }
+
+void ondbgintr(int signal) {
+  if (signal != SIGUSR2) return;
+  int saved_errno = errno;
+  char text[kDebugCommandLimit];
+  if (auto command = parse_debug_command({text, take_command(text)})) apply(*command);
+  errno = saved_errno;
+}
+
+void debug_check(const char* path) {
+  char name[kPathLimit] = "";
+  if (path != nullptr) copy_base_name(path, name);
+  if (Force_debug.exchange(0) != 0) {
+    Debug_me = 1;
+  } else {
+    const char* list = Debug_me != 0 ? getenv("KIV_DEBUGPROCS") : nullptr;
+    if (list == nullptr || !is_listed(list, name)) return;
+  }
+  while (Debug_me != 0) {
+    if (Debug >= 0) {
+      debugprintf("%s (%d) waiting to be debugged\n", name, static_cast<int>(getpid()));
+    }
+    vx_thread_sleep(kDebuggerWaitMillis);
+  }
+}

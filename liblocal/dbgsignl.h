@@ -1,0 +1,42 @@
+// Debug signals: changing the levels of a running process, and holding a process
+// at its start until a debugger has it.
+//
+// An operator writes a command (debug_command.h) into the debug command file and
+// sends the process SIGUSR2; the process applies the command and deletes the
+// file.
+#pragma once
+
+#include <atomic>
+
+constexpr int kDbgcmdpathSize = 12288;
+constexpr int kDebugCommandLimit = 1024;  // bytes of a command file that are read
+
+/// Path of the debug command file; set once, before the handler is installed.
+extern char Dbgcmdpath[kDbgcmdpathSize];
+
+extern std::atomic<int> Debug_me;     // not 0 at the start: wait to be debugged
+extern std::atomic<int> Force_debug;  // not 0 at the start: wait, whatever the program's name
+
+/// Takes down what the handler needs and may not ask for itself: the program's
+/// name as it is now, for the lines it writes. Call before installing it.
+void ondbgintr_prepare();
+
+/// The debug command handler: for SIGUSR2 reads at most kDebugCommandLimit bytes
+/// of the debug command file, deletes it, and sets the level that the command
+/// names. Any other signal, a file that cannot be opened and one that is no
+/// regular file (a symbolic link among them) are left alone, without waiting for
+/// anything.
+///
+/// A change is told in one debug line unless `Debug` is negative; a negative
+/// value changes nothing and is told when `Debug` is above 2.
+///
+/// Async-signal-safe throughout, and keeps `errno`. Therefore its lines carry no
+/// time stamp, and what standard output holds in its buffer stays there.
+void ondbgintr(int signal);
+
+/// The wait at the start of the program of the path `path`. Returns at once
+/// unless `Force_debug` is set, or `Debug_me` is and an item of the list in the
+/// environment variable "KIV_DEBUGPROCS" (separated by commas) begins with the
+/// program's base name, in any case. Otherwise says so every 10 seconds (when
+/// `Debug` is 0 or more) until a debugger has cleared `Debug_me`.
+void debug_check(const char* path);
