@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,7 +26,7 @@ namespace {
 
 constexpr size_t kNameSize = 64;     // the part of the program's name that lines show
 constexpr size_t kPathLimit = 1024;  // bytes of a base name, terminator included
-constexpr long kDebuggerWaitMillis = 10000;
+constexpr uint32_t kDebuggerWaitMillis = 10000;
 
 char handler_name[kNameSize];  // written before the handler is installed
 
