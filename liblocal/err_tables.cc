@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "liblocal/catgets.h"
+#include "liblocal/liblvarp.h"
 #include "liblocal/vx_once.h"
 #include "liblocal/xmalloc.h"
 
@@ -120,15 +121,18 @@ char* copy_of(const CatalogText& entry) {
   return xstrdup(vxcatgets(Catd, kCatalogSet, entry.number, entry.text));
 }
 
+// Part of every table's making, so here the texts get their release.
 void build_rpc_errlist() {
+  liblocal_set_release(LiblocalRelease::kErrorTables, err_unsetall);
+  get_liblocal_p_varp();
   for (int32_t code = 0; code < kRpcErrorCodes; ++code)
     rpc_errlist[code] = copy_of(kRpcTexts[code]);
 }
 
 void build_tables() {
   generic_errlist[0] = xstrdup("Success");
-  generic_errlist[1] = static_cast<char*>(xmalloc(kErrorTextSize));
-  snprintf(generic_errlist[1], kErrorTextSize, "Unknown error");
+  generic_errlist[1] = static_cast<char*>(xmalloc(kMessageSize));
+  snprintf(generic_errlist[1], kMessageSize, "Unknown error");
   init_rpc_errlist();
   for (int32_t code = 0; code < kRapErrorCodes; ++code)
     rap_errlist[code] = copy_of(kRapTexts[code]);

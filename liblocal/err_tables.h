@@ -17,7 +17,6 @@ constexpr int32_t kErrTypeJobs = 9;
 constexpr int32_t kErrTypeSlots = 11;     // slots 0 to 10; records know the types 1 to 10
 constexpr size_t kErrTypeNameSize = 132;  // terminator included
 constexpr int32_t kRpcErrorCodes = 28;    // RPC call status codes 0 to 27
-constexpr size_t kErrorTextSize = 18432;  // bytes of the longest message, terminator included
 
 /// One type. `texts` and `severities` have `max_code` + 1 elements each.
 struct err_type {
