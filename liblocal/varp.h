@@ -10,7 +10,8 @@
 // and once in its source the same with DEFINE. That gives it
 //
 //   get_M_t_varp()     the calling thread's block, made on first use; never null
-//   get_M_p_varp()     the process's block, made on first use
+//   get_M_p_varp()     the process's block, made on first use; null once the exit-time
+//                      cleanup has released it
 //   Global_M_p_varp    the same, null until made: what hot paths read first
 //
 // A thread's block goes when the thread ends; the exiting thread's blocks go by the
@@ -29,16 +30,17 @@
 
 /// Registers the per-process block `data` for `clean` at process exit; a null
 /// `clean` is skipped then. Waits for memory. The cleaner runs under the registry's
-/// lock: it must call neither varp_add_data nor is_proc_exiting itself. What is
-/// registered after the exit-time cleanup has run is never cleaned. Thread safe.
+/// lock: it must not call varp_add_data or is_proc_exiting itself, nor wait for a
+/// thread that does. What is registered after the exit-time cleanup has run is never
+/// cleaned. Thread safe.
 void varp_add_data(void* data, void (*clean)(void* data));
 
 /// 1 once the exit-time cleanup of the registry has begun, else 0. Thread safe.
 [[nodiscard]] int is_proc_exiting();
 
-/// Names the printer of the registry's own failure: `format` has one "%s", for
-/// `detail`. Until then they go to standard error as they are.
-void varp_set_error_printer(void (*print)(const char* format, const char* detail));
+/// Names the printer of error messages, for the registry's one message; until then
+/// it goes to standard error as it is. Thread safe.
+void varp_set_error_printer(void (*print)(const char* text));
 
 /// A new key for the thread blocks of `module`. Without one the process ends with
 /// status 1 and a message on standard error.
@@ -91,6 +93,7 @@ struct VarpProcessBlock {
   static void clean(void* block) {
     VarpThreadBlock<typename M::Thread>::clean_own();
     M::clean(block);
+    M::global().store(nullptr, std::memory_order_release);
   }
 };
 
