@@ -58,6 +58,7 @@ TEST(ErrSet, NumbersAndTexts) {
 }
 
 TEST(ErrSet, WholeTables) {
+  err_tables_init();
   const struct {
     int32_t type;
     std::string severities;
@@ -114,7 +115,7 @@ TEST(ErrPrint, ByteForByte) {
       {{101007, "new"}, "notice, new", " (type 10, severity 1, number 7)"},
       {{-10001, "chain"}, "error, chain", " (number -10001)"}};
   for (const auto& [record, plain, detail] : cases) {
-    auto print = [&] { err_print(&record); };
+    auto print = [&record = record] { err_print(&record); };
     EXPECT_EQ(printed(0, print), "kivtrap: " + plain + "\n");
     EXPECT_EQ(printed(1, print), "kivtrap: " + plain + detail + "\n");
   }
