@@ -1,23 +1,31 @@
 // The debug command's parser on arbitrary bytes: what it returns lies within the
-// text, and writing it out again means the same.
+// text, and written out again it means the same.
 #undef NDEBUG
 #include <cassert>
-#include <climits>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "liblocal/debug_command.h"
 
+namespace {
+
+bool lies_within(std::string_view part, std::string_view whole) {
+  return part.data() >= whole.data() && part.end() <= whole.end();
+}
+
+}  // namespace
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const std::string text(data, data + size);
+  const std::vector<char> bytes(data, data + size);  // of its exact size, so over-reads are seen
+  const std::string_view text(bytes.data(), size);
   auto command = parse_debug_command(text);
   if (!command) return 0;
-  assert(text.find(command->name) != std::string::npos);
-  assert(text.find(command->value_text) != std::string::npos);
+  assert(lies_within(command->name, text) && lies_within(command->value_text, text));
   assert(command->value_text.find_first_not_of("-0123456789") == std::string_view::npos);
 
-  auto again =
-      parse_debug_command(std::string(command->name) + "=" + std::to_string(command->value));
+  const std::string line = std::string(command->name) + "=" + std::to_string(command->value);
+  auto again = parse_debug_command(line);
   assert(again && again->name == command->name && again->value == command->value);
   return 0;
 }

@@ -36,6 +36,7 @@ std::optional<debug_command> parse_debug_command(std::string_view text) {
   take_run(&text, is_blank);
   debug_command command{take_run(&text, is_letter), {}, 0};
   take_run(&text, is_blank);
+  command.value_text = text.substr(0, 0);
   if (text.empty()) return command;
   if (text.front() != '=') return std::nullopt;
   text.remove_prefix(1);
