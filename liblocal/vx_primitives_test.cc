@@ -195,7 +195,9 @@ TEST(VxReference, ReusesTheLowestSlotAndReportsNoRoom) {
   EXPECT_EQ(more.back().header.slot, -1);
   EXPECT_EQ(vx_error_get_last(), 53);
   for (auto& p : more) {
-    if (p.header.slot >= 0) EXPECT_EQ(destroy_probe(&p), 101);
+    if (p.header.slot >= 0) {
+      EXPECT_EQ(destroy_probe(&p), 101);
+    }
   }
   for (auto& p : probes) vx_unreference(&p);
 }
