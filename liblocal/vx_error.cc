@@ -11,93 +11,27 @@ namespace {
 
 // The system error of each library code, 0 for a code without one. The codes
 // follow the alphabetical order of the names.
+// clang-format off
 constexpr int32_t kErrnoOfCode[] = {
-    0,
-    0,
-    0,
-    E2BIG,
-    EACCES,  // 0
-    EADDRINUSE,
-    EADDRNOTAVAIL,
-    EAFNOSUPPORT,
-    EAGAIN,
-    EINPROGRESS,  // 5
-    EBADF,
-    EBADMSG,
-    EBUSY,
-    0,
-    ECHILD,  // 10
-    ECONNABORTED,
-    ECONNREFUSED,
-    ECONNRESET,
-    EDEADLK,
-    EDESTADDRREQ,  // 15
-    EDOM,
-    EDQUOT,
-    EEXIST,
-    EFAULT,
-    EFBIG,  // 20
-    0,
-    EHOSTUNREACH,
-    EIDRM,
-    EILSEQ,
-    EINPROGRESS,  // 25
-    EINTR,
-    EINVAL,
-    EIO,
-    EISCONN,
-    EISDIR,  // 30
-    ELOOP,
-    EMFILE,
-    EMLINK,
-    EMSGSIZE,
-    EMULTIHOP,  // 35
-    ENAMETOOLONG,
-    ENETDOWN,
-    ENETRESET,
-    ENETUNREACH,
-    ENFILE,  // 40
-    0,
-    ENOBUFS,
-    ENODATA,
-    ENODEV,
-    ENOENT,  // 45
-    ENOEXEC,
-    ENOLCK,
-    ENOLINK,
-    ENOMEM,
-    ENOMSG,  // 50
-    ENOPROTOOPT,
-    ENOSPC,
-    ENOSR,
-    ENOSTR,
-    ENOSYS,  // 55
-    ENOTCONN,
-    ENOTDIR,
-    ENOTEMPTY,
-    ENOTSOCK,
-    ENOTSUP,  // 60
-    ENOTTY,
-    ENXIO,
-    0,
-    EOVERFLOW,
-    EPERM,  // 65
-    EPIPE,
-    EPROTO,
-    EPROTONOSUPPORT,
-    EPROTOTYPE,
-    ERANGE,  // 70
-    EROFS,
-    0,
-    ESPIPE,
-    ESRCH,
-    ESTALE,  // 75
-    ETIME,
-    ETIMEDOUT,
-    ETXTBSY,
-    0,
-    EXDEV,  // 80
+    0,               0,               0,               E2BIG,           EACCES,            // 0
+    EADDRINUSE,      EADDRNOTAVAIL,   EAFNOSUPPORT,    EAGAIN,          EINPROGRESS,       // 5
+    EBADF,           EBADMSG,         EBUSY,           0,               ECHILD,            // 10
+    ECONNABORTED,    ECONNREFUSED,    ECONNRESET,      EDEADLK,         EDESTADDRREQ,      // 15
+    EDOM,            EDQUOT,          EEXIST,          EFAULT,          EFBIG,             // 20
+    0,               EHOSTUNREACH,    EIDRM,           EILSEQ,          EINPROGRESS,       // 25
+    EINTR,           EINVAL,          EIO,             EISCONN,         EISDIR,            // 30
+    ELOOP,           EMFILE,          EMLINK,          EMSGSIZE,        EMULTIHOP,         // 35
+    ENAMETOOLONG,    ENETDOWN,        ENETRESET,       ENETUNREACH,     ENFILE,            // 40
+    0,               ENOBUFS,         ENODATA,         ENODEV,          ENOENT,            // 45
+    ENOEXEC,         ENOLCK,          ENOLINK,         ENOMEM,          ENOMSG,            // 50
+    ENOPROTOOPT,     ENOSPC,          ENOSR,           ENOSTR,          ENOSYS,            // 55
+    ENOTCONN,        ENOTDIR,         ENOTEMPTY,       ENOTSOCK,        ENOTSUP,           // 60
+    ENOTTY,          ENXIO,           0,               EOVERFLOW,       EPERM,             // 65
+    EPIPE,           EPROTO,          EPROTONOSUPPORT, EPROTOTYPE,      ERANGE,            // 70
+    EROFS,           0,               ESPIPE,          ESRCH,           ESTALE,            // 75
+    ETIME,           ETIMEDOUT,       ETXTBSY,         0,               EXDEV              // 80
 };
+// clang-format on
 constexpr int32_t kCodes = sizeof kErrnoOfCode / sizeof *kErrnoOfCode;
 static_assert(kCodes == 85);
 

@@ -31,7 +31,7 @@ int32_t operate(vx_mutex* mutex, int (*operation)(pthread_mutex_t*)) {
 
 void finish(vx_mutex* mutex) {
   // Locked first if it is free, so that the unlocking is always of a locked mutex.
-  pthread_mutex_trylock(&mutex->system);
+  static_cast<void>(pthread_mutex_trylock(&mutex->system));
   pthread_mutex_unlock(&mutex->system);
   pthread_mutex_destroy(&mutex->system);
 }

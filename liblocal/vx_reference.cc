@@ -30,15 +30,14 @@ class TableLock {
 };
 
 bool grow() {
-  if (_VX_reference_table == nullptr) {
-    _VX_reference_table = static_cast<Slot*>(xcalloc(kGrowth, sizeof(Slot)));
-  } else {
-    size_t slots = static_cast<size_t>(table_size) + kGrowth;
-    void* larger = reallocarray(_VX_reference_table, slots, sizeof(Slot));
-    if (larger == nullptr) return false;
-    _VX_reference_table = static_cast<Slot*>(larger);
-    memset(_VX_reference_table + table_size, 0, kGrowth * sizeof(Slot));
-  }
+  size_t old_size = static_cast<size_t>(table_size);
+  size_t size = old_size + kGrowth;
+  // The first slots are waited for.
+  void* larger = table_size == 0 ? xcalloc(size, sizeof(Slot)) : calloc(size, sizeof(Slot));
+  if (larger == nullptr) return false;
+  if (table_size > 0) memcpy(larger, _VX_reference_table, old_size * sizeof(Slot));
+  free(_VX_reference_table);
+  _VX_reference_table = static_cast<Slot*>(larger);
   table_size += kGrowth;
   return true;
 }

@@ -1,6 +1,7 @@
 #include "snmp/snmp_api.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -236,6 +237,27 @@ TEST_F(SessionTest, MangledPacketEndsTheRound) {
   EXPECT_EQ(errors_of([&] { read_all(); }), "Mangled packet\n");
   EXPECT_EQ(errors_of([&] { read_all(); }), "Mangled packet\n");
   EXPECT_EQ(errors_of([&] { read_all(); }), "");
+}
+
+TEST_F(SessionTest, FailuresWhileWaiting) {
+  snmp_session* session = snmp_open(&wanted);
+  ASSERT_NE(snmp_send(session, get_request()), 0);
+  request_record* request = Sessions->state->requests;
+  agent->receive();
+  request->pdu->address.sin_addr.s_addr = inet_addr("192.0.2.77");
+  request->expires_at = {};
+  EXPECT_EQ(errors_of(snmp_timeout), "sendto: Network is unreachable\n");
+  // What cannot be built is not sent, and counts.
+  request->pdu->variables->type = 0x46;
+  request->expires_at = {};
+  EXPECT_EQ(errors_of(snmp_timeout), "Error building packet\n");
+  EXPECT_EQ(request->retries, 3);
+  EXPECT_EQ(agent->receive_now(), std::nullopt);
+
+  int no_socket = open("/dev/null", O_RDONLY);
+  dup2(no_socket, Sessions->state->socket);
+  close(no_socket);
+  EXPECT_EQ(errors_of([&] { read_all(); }), "recvfrom: Socket operation on non-socket\n");
 }
 
 TEST_F(SessionTest, CallbackMayCloseItsSession) {
