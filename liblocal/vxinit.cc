@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <string_view>
 
+#include "liblocal/vx_thread.h"
+
 namespace {
 
 constexpr size_t kNameLimit = 1024;  // bytes of a program name, terminator included
@@ -27,6 +29,7 @@ char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + '
 
 void _vxinit(const char* /*name*/, int /*argc*/, char** /*argv*/) {
   if (!initialised) give_up_privileges();
+  _vx_thr_libinit();
   opterr = 0;
   initialised = true;
 }

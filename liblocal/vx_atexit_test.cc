@@ -1,0 +1,93 @@
+#include "liblocal/vx_atexit.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csignal>
+
+#include "liblocal/vx_error.h"
+#include "liblocal/vx_list.h"
+#include "tests/failing_malloc.h"
+#include "tests/threads.h"
+
+namespace {
+
+template <char kLetter>
+void say() {
+  fputc(kLetter, stderr);
+}
+
+void say_and_add() {
+  say<'b'>();
+  vx_atexit(say<'n'>);
+}
+
+void fill() {
+  vx_atexit(say<'a'>);
+  vx_atexit(say_and_add);
+  vx_atexit(say<'x'>);
+  vx_atexit(say<'c'>);
+  EXPECT_EQ(vx_unatexit(say<'x'>), 0);
+}
+
+TEST(VxAtexit, RunsNewestFirst) {
+  auto exits = testing::ExitedWithCode(3);
+  EXPECT_EXIT((fill(), exit(3)), exits, "^cbna$");
+  EXPECT_EXIT((fill(), vx_atexit_disable(), exit(3)), exits, "^$");
+  EXPECT_EXIT((fill(), vx_atexit_disable(), vx_atexit_enable(), exit(3)), exits, "^cbna$");
+}
+
+TEST(VxAtexit, ReportsWhatItCannotDo) {
+  EXPECT_EQ(vx_atexit(nullptr), 2);
+  EXPECT_EQ(vx_unatexit(nullptr), 2);
+  EXPECT_EQ(vx_unatexit(say<'?'>), 49);
+  FailingMalloc nothing(0);
+  EXPECT_EQ(vx_atexit(say<'?'>), 53);
+}
+
+TEST(VxAtexit, ServesSeveralThreads) {
+  in_threads(8, [](int) {
+    for (int i = 0; i < 200; ++i) {
+      EXPECT_EQ(vx_atexit(say<'y'>), 0);
+      EXPECT_EQ(vx_atexit(say<'z'>), 0);
+      EXPECT_EQ(vx_unatexit(say<'z'>), 0);
+    }
+  });
+  int left = 0;
+  while (vx_unatexit(say<'y'>) == 0) ++left;
+  EXPECT_EQ(left, 8 * 200);
+  EXPECT_EQ(vx_unatexit(say<'z'>), 49);
+}
+
+// The first use of the list, in a process that has used nothing yet, with memory
+// for `allocations` only.
+void first_use(int allocations) {
+  vx_error_set_last(0, 1);
+  FailingMalloc after(allocations);
+  vx_atexit(say<'?'>);
+}
+
+TEST(VxAtexit, EndsTheProcessThatCannotHaveAList) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  testing::KilledBySignal terminated(SIGTERM);
+  const char* no_list = "^Failed to create internal atexit list: Cannot allocate memory\n$";
+  EXPECT_EXIT(first_use(0), terminated, no_list);  // the list
+  EXPECT_EXIT(first_use(1), terminated, no_list);  // the flag
+  EXPECT_EXIT(first_use(3), terminated,            // the mutex, after the reference table
+              "^Failed to create progname mutex: Cannot allocate memory\n$");
+}
+
+TEST(VxList, KeepsItsOrder) {
+  vx_list* list = vx_list_new();
+  int a, b;
+  EXPECT_TRUE(vx_list_is_empty(list));
+  for (int* entry : {&a, &b, &a}) EXPECT_EQ(vx_list_add_first(list, entry), 0);
+  EXPECT_EQ(vx_list_remove(list, &a), 0);  // the first of two
+  EXPECT_FALSE(vx_list_is_empty(list));
+  EXPECT_EQ(vx_list_take_first(list), &b);
+  EXPECT_EQ(vx_list_take_first(list), &a);
+  EXPECT_EQ(vx_list_take_first(list), nullptr);
+  free(list);
+}
+
+}  // namespace

@@ -1,0 +1,20 @@
+// Allocators that never fail: they wait until memory is there.
+//
+// Memory comes from the C allocators and is released with free. Thread safe.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+/// Memory of `size` bytes, never null. A failed allocation is tried again every
+/// 5000 ms, without limit.
+[[nodiscard, gnu::malloc]] void* xmalloc(size_t size);
+
+/// Zeroed memory for `count` items of `size` bytes; waits as xmalloc.
+[[nodiscard, gnu::malloc]] void* xcalloc(size_t count, size_t size);
+
+/// A copy of `text`, made as by xmalloc; null for null.
+[[nodiscard]] char* xstrdup(const char* text);
+
+/// xcalloc with its own pause between attempts, for the variable blocks.
+[[nodiscard, gnu::malloc]] void* _vx_calloc_every(size_t count, size_t size, uint32_t pause_ms);
