@@ -4,6 +4,7 @@
 #include <netdb.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <map>
 #include <sstream>
@@ -111,7 +112,14 @@ TEST(VxError, EachThreadHasItsOwnAndMessagesAreCut) {
   EXPECT_EQ(std::string(text, 8), std::string("Ope\0xxxx", 8));
 }
 
+void first_error_without_memory() {
+  FailingMalloc nothing(0);
+  vx_error_set_last(EPERM, 1);
+}
+
 TEST(VxError, WithoutMemoryThereIsNoRecord) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // in a process without errors
+  EXPECT_EXIT(first_error_without_memory(), testing::KilledBySignal(SIGTERM), "");
   std::thread([] {
     FailingMalloc after_thread_record(1);
     EXPECT_EQ(vx_error_set_last(EPERM, 1), nullptr);
@@ -119,13 +127,6 @@ TEST(VxError, WithoutMemoryThereIsNoRecord) {
     vx_error_get_message(text, sizeof text);
     EXPECT_STREQ(text, "Unknown error");
   }).join();
-  auto fresh_thread = [] {
-    std::thread([] {
-      FailingMalloc nothing(0);
-      vx_error_set_last(EPERM, 1);
-    }).join();
-  };
-  EXPECT_EXIT(fresh_thread(), testing::KilledBySignal(SIGTERM), "");
 }
 
 }  // namespace

@@ -98,8 +98,8 @@ struct Community {
 // Builds a whole message front to back, the three headers around fields and
 // bindings as short as for empty contents. The usual message is then complete but
 // for their lengths; in a longer one, fields and bindings first move to make room
-// for longer headers. `build_fields` and
-// `build_bindings` build as asn_build_* do. Returns the message's length, or 0.
+// for longer headers. `build_fields` and `build_bindings` build as asn_build_* do.
+// Returns the message's length, or 0.
 template <typename BuildFields, typename BuildBindings>
 int32_t build_message(uint8_t* packet, int32_t size, Community community, uint8_t command,
                       BuildFields build_fields, BuildBindings build_bindings) {
