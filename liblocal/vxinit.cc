@@ -6,6 +6,10 @@
 #include <cstdio>
 #include <string_view>
 
+#include "liblocal/dbgsignl.h"
+#include "liblocal/print.h"
+#include "liblocal/regevent.h"
+#include "liblocal/varp.h"
 #include "liblocal/vx_thread.h"
 
 namespace {
@@ -27,11 +31,17 @@ char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + '
 
 }  // namespace
 
-void _vxinit(const char* /*name*/, int /*argc*/, char** /*argv*/) {
-  if (!initialised) give_up_privileges();
-  _vx_thr_libinit();
+void _vxinit(const char* name, int /*argc*/, char** argv) {
+  if (!initialised) {
+    regevent_setup();
+    _vx_thr_libinit();
+    varp_set_error_printer([](const char* text) { printerr("%s", text); });
+    give_up_privileges();
+    snprintf(Dbgcmdpath, sizeof Dbgcmdpath, "/%s/tmp/vxdbg.tmp", name != nullptr ? name : "");
+  }
   opterr = 0;
   initialised = true;
+  if (argv != nullptr && argv[0] != nullptr) debug_check(argv[0]);
 }
 
 int vxinit_done() { return initialised ? 1 : 0; }

@@ -1,9 +1,12 @@
 // The command as a process: arguments, streams, exit status and datagrams.
 #include <sys/syscall.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
+#include <filesystem>
 #include <regex>
 
 #include "tests/lab.h"
@@ -179,7 +182,7 @@ TEST_F(CommandTest, ReferenceMessage) {
   long early = 0;
   for (int attempt = 0; attempt < 30 && hex != reference; ++attempt) {
     lab::Command command = kivtrap({"manager"});
-    command.before_input = [=] { boot_seconds_ago(123, std::clamp(453 - early, 0L, 900L)); };
+    command.before_input = [=](pid_t) { boot_seconds_ago(123, std::clamp(453 - early, 0L, 900L)); };
     ASSERT_EQ(lab::run(command).status, 0);
     hex = arrived();
     ASSERT_EQ(hex.size(), reference.size());
@@ -244,6 +247,32 @@ TEST_F(CommandTest, AgentAddress) {
     EXPECT_EQ(arrived(), to_hex(trap_message("disk full", "public", "020106 020101", test.agent)));
   }
   lab::write_file("/etc/hosts", hosts);
+}
+
+// Until the program waits for its input.
+void wait_until_blocked(pid_t program) {
+  const std::string where = "/proc/" + std::to_string(program) + "/syscall";
+  while (!lab::read_file(where).starts_with("0 0x0 ")) usleep(1000);
+}
+
+TEST_F(CommandTest, DebugLevelOfARunningProcess) {
+  std::filesystem::create_directories("/kiv/tmp");
+  pid_t process = 0;
+  lab::Command command = kivtrap({"manager"});
+  command.before_input = [&](pid_t program) {
+    process = program;
+    wait_until_blocked(program);
+    lab::write_file("/kiv/tmp/vxdbg.tmp", "Debug = 3\n");
+    kill(program, SIGUSR2);
+    while (std::filesystem::exists("/kiv/tmp/vxdbg.tmp")) usleep(1000);
+    wait_until_blocked(program);
+  };
+  Outcome outcome = lab::run(command);
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.err, "kivtrap: Changing Debug level of process (id " + std::to_string(process) +
+                             ") from 0 to 3\n");
+  // The signal does not cost the message.
+  EXPECT_EQ(arrived(), to_hex(trap_message("disk full")));
 }
 
 TEST_F(CommandTest, FailuresOfTheSystem) {

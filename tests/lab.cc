@@ -95,28 +95,52 @@ void run_again_in_namespaces(char** argv) {
   exit(exit_status(status));
 }
 
-void mount_tmpfs(const char* path) {
-  check(mount("tmpfs", path, "tmpfs", 0, "mode=755") == 0, std::string("mount ") + path);
+void bind(const fs::path& from, const fs::path& to) {
+  fs::create_directory(to);
+  check(mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0,
+        "mount " + to.string());
 }
 
-// An /etc of our own: links to the host's files, and the lab's over them.
-void mount_etc() {
-  fs::create_directories("/run/host-etc");
-  fs::create_directories("/run/etc");
-  check(mount("/etc", "/run/host-etc", nullptr, MS_BIND | MS_REC, nullptr) == 0, "mount /etc");
-  for (const fs::directory_entry& entry : fs::directory_iterator("/run/host-etc")) {
-    fs::create_symlink(entry.path(), "/run/etc" / entry.path().filename());
+// An /etc of our own: links to the host's files, and the lab's instead of some.
+void fill_etc(const fs::path& root) {
+  bind("/etc", root / "host-etc");
+  fs::create_directory(root / "etc");
+  for (const fs::directory_entry& entry : fs::directory_iterator("/etc")) {
+    fs::path name = entry.path().filename();
+    fs::create_symlink("/host-etc" / name, root / "etc" / name);
   }
   for (const auto& [name, text] : {std::pair{"hosts",
                                              "127.0.0.1 localhost manager\n"
                                              "192.0.2.1 lab-host\n"},
                                    std::pair{"nsswitch.conf", "hosts: files\nservices: files\n"},
                                    std::pair{"resolv.conf", ""}}) {
-    std::string path = std::string("/run/etc/") + name;
-    fs::remove(path);
-    write_file(path, text);
+    fs::remove(root / "etc" / name);
+    write_file(root / "etc" / name, text);
   }
-  check(mount("/run/etc", "/etc", nullptr, MS_BIND, nullptr) == 0, "mount /etc");
+}
+
+// Changes to a root directory in memory: the host's directories, but an /etc and an
+// empty /run of our own, and room for new ones.
+void change_root() {
+  const fs::path root = "/run";
+  const fs::path here = fs::current_path();
+  check(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "mount /");
+  check(mount("tmpfs", root.c_str(), "tmpfs", 0, "mode=755") == 0, "mount tmpfs");
+  fill_etc(root);
+  fs::create_directory(root / "run");
+  for (const fs::directory_entry& entry : fs::directory_iterator("/")) {
+    fs::path name = entry.path().filename();
+    if (name == "etc" || name == "run") continue;
+    if (entry.is_symlink()) {
+      fs::copy_symlink(entry.path(), root / name);
+    } else if (entry.is_directory()) {
+      bind(entry.path(), root / name);
+    }
+  }
+  fs::current_path(root);
+  check(syscall(SYS_pivot_root, ".", ".") == 0, "pivot_root");
+  check(umount2(".", MNT_DETACH) == 0, "umount");
+  fs::current_path(here);
 }
 
 void bring_up_loopback() {
@@ -130,9 +154,7 @@ void bring_up_loopback() {
 }
 
 void furnish() {
-  check(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "mount /");
-  mount_tmpfs("/run");
-  mount_etc();
+  change_root();
   bring_up_loopback();
   set_host_name(kHostName);
   timespec now{};
@@ -277,7 +299,7 @@ Outcome run(const Command& command) {
   Outcome outcome;
   std::thread writer([&] {
     signal(SIGPIPE, SIG_IGN);
-    if (command.before_input) command.before_input();
+    if (command.before_input) command.before_input(child);
     [[maybe_unused]] ssize_t written = write(in[1], command.input.data(), command.input.size());
     close(in[1]);
   });
@@ -296,7 +318,7 @@ UdpReceiver::UdpReceiver(uint16_t port, const std::string& address)
   own.sin_family = AF_INET;
   own.sin_port = htons(port);
   own.sin_addr.s_addr = inet_addr(address.c_str());
-  check(bind(socket_, reinterpret_cast<sockaddr*>(&own), sizeof own) == 0, "bind");
+  check(::bind(socket_, reinterpret_cast<sockaddr*>(&own), sizeof own) == 0, "bind");
 }
 
 UdpReceiver::~UdpReceiver() { close(socket_); }

@@ -3,7 +3,8 @@
 //
 // A program enters it once, at its start, and stays: it is then root of a machine
 // of its own, with loopback up, an empty /run, the names below and nothing to
-// reach outside. What it writes to /etc and /run disappears with it. Where the
+// reach outside. What it writes to /etc, /run and new directories of / disappears
+// with it. Where the
 // host forbids such namespaces the program goes on outside, and every LabTest
 // skips with the reason (and fails when CI is set).
 #pragma once
@@ -44,7 +45,7 @@ struct Command {
   std::string input;                          // standard input
   std::vector<std::string> environment;       // NAME=value, added to the own one
   std::vector<std::pair<long, int>> refused;  // system call and the errno it fails with
-  std::function<void()> before_input;         // runs once the program is started
+  std::function<void(pid_t)> before_input;    // runs once the program is started
   int seconds = 60;                           // then it is killed
 };
 
