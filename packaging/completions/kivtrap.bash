@@ -3,7 +3,10 @@ _kivtrap() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   COMPREPLY=()
   case $previous in
-  -f) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
+  -f)
+    compopt -o filenames
+    mapfile -t COMPREPLY < <(compgen -f -- "$current")
+    ;;
   -t) mapfile -t COMPREPLY < <(compgen -W "0 1 2 3 4 5 6" -- "$current") ;;
   -c | -s | -u) ;;
   *)
@@ -15,4 +18,4 @@ _kivtrap() {
     ;;
   esac
 }
-complete -o filenames -F _kivtrap kivtrap
+complete -F _kivtrap kivtrap
