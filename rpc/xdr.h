@@ -129,7 +129,7 @@ bool __brix_xdr_u_int(XDR* xdrs, uint32_t* value);
 // Narrower integers, one unit. Decoding keeps the low bits and checks no range.
 bool __brix_xdr_short(XDR* xdrs, int16_t* value);
 bool __brix_xdr_u_short(XDR* xdrs, uint16_t* value);
-bool __brix_xdr_char(XDR* xdrs, int8_t* value);
+bool __brix_xdr_char(XDR* xdrs, char* value);
 
 /// A boolean, one unit (RFC 4506, section 4.4): 1 for any value but 0, both ways.
 bool __brix_xdr_bool(XDR* xdrs, int32_t* value);

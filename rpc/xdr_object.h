@@ -13,7 +13,7 @@ void __brix_xdr_free(xdrproc_t filter, void* object);
 void __brix_xdr_free_pointer(xdrproc_t filter, void* object);
 
 /// Bytes that `*object` takes on the wire; 0 when its filter fails.
-[[nodiscard]] uint32_t __brix_xdr_sizeof(xdrproc_t filter, void* object);
+[[nodiscard]] uint64_t __brix_xdr_sizeof(xdrproc_t filter, void* object);
 
 /// A deep copy of `*object`, of `size` bytes; null when its filter fails or there is
 /// no memory. Give it back with __brix_xdr_free_pointer.
