@@ -51,7 +51,7 @@ TEST(RpcMessage, BuildsAndReadsCalls) {
 }
 
 TEST(RpcMessage, RefusesWhatIsNoCall) {
-  for (size_t word : {1, 2}) {  // direction, RPC version
+  for (size_t word : {1U, 2U}) {  // direction, RPC version
     std::string wire = from_hex(kCallHex);
     wire[word * 4 + 3] = 3;
     rpc_call_message back = {};

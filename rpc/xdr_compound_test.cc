@@ -243,7 +243,7 @@ TEST(XdrCompound, BelievesNoDeclaredCount) {
     EXPECT_FALSE(run_array(&in, &array, &count, UINT32_MAX));
     EXPECT_FALSE(nothing.failed());
   }
-  for (uint32_t sent : {0, 100, 16384, 16385, 50000}) {
+  for (uint32_t sent : {0U, 100U, 16384U, 16385U, 50000U}) {
     void* array = nullptr;
     uint32_t count = 0;
     TestStream in(from_hex("3FFFFFFF") + std::string(sent * 4, '\x01'), xdr_op::kDecode,

@@ -219,7 +219,7 @@ TEST(Xdr, BelievesNoDeclaredLength) {
 }
 
 TEST(Xdr, ReadsLongDataFromStreamsThatCannotTell) {
-  for (size_t length : {65535, 65536, 65537, 131072, 200001}) {
+  for (size_t length : {65535U, 65536U, 65537U, 131072U, 200001U}) {
     std::string text(length, 'x');
     text[length - 1] = 'y';
     TestStream out(std::string(length + 8, '\0'), xdr_op::kEncode);
