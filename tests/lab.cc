@@ -331,12 +331,16 @@ UdpReceiver::UdpReceiver(uint16_t port, const std::string& address)
 
 UdpReceiver::~UdpReceiver() { close(socket_); }
 
-std::optional<std::string> UdpReceiver::receive(int milliseconds) {
+std::optional<std::string> UdpReceiver::receive(int milliseconds, sockaddr_in* from) {
   pollfd readable = {socket_, POLLIN, 0};
   if (poll(&readable, 1, milliseconds) != 1) return std::nullopt;
   std::string datagram(65536, '\0');
-  ssize_t got = recv(socket_, datagram.data(), datagram.size(), 0);
-  check(got >= 0, "recv");
+  sockaddr_in sender{};
+  socklen_t size = sizeof sender;
+  ssize_t got = recvfrom(socket_, datagram.data(), datagram.size(), 0,
+                         reinterpret_cast<sockaddr*>(&sender), &size);
+  check(got >= 0, "recvfrom");
+  if (from != nullptr) *from = sender;
   datagram.resize(static_cast<size_t>(got));
   return datagram;
 }

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/time.h>
 
 #include <functional>
@@ -72,8 +73,8 @@ class UdpReceiver {
   UdpReceiver(const UdpReceiver&) = delete;
   UdpReceiver& operator=(const UdpReceiver&) = delete;
 
-  /// The next datagram, waiting up to `milliseconds` for it.
-  std::optional<std::string> receive(int milliseconds = 5000);
+  /// The next datagram, waiting up to `milliseconds` for it; who sent it, in `*from`.
+  std::optional<std::string> receive(int milliseconds = 5000, sockaddr_in* from = nullptr);
   /// What is there without waiting. On loopback a datagram is delivered before
   /// its send returns, so after a sender's end nothing can still be under way.
   std::optional<std::string> receive_now() { return receive(0); }
