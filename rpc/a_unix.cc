@@ -8,6 +8,7 @@
 
 #include "liblocal/c_memory.h"
 #include "liblocal/debug.h"
+#include "liblocal/localhost.h"
 #include "liblocal/vxids.h"
 #include "rpc/rpc_prot.h"
 #include "rpc/x_mem.h"
@@ -185,7 +186,7 @@ AUTH* __brix_authsys_create(const char* machine_name, uid_t uid, gid_t gid, uint
 
 AUTH* __brix_authsys_create_default() {
   char machine_name[kMaxMachineName + 1] = "";
-  if (gethostname(machine_name, kMaxMachineName) != 0) machine_name[0] = '\0';
+  if (vx_gethostname(machine_name, kMaxMachineName) != 0) machine_name[0] = '\0';
   machine_name[kMaxMachineName] = '\0';
   // The ids of the user who started a set-user-id program, not those it was lent.
   uid_t uid = 0;

@@ -47,19 +47,22 @@ enum clnt_stat : int32_t {
   RPC_CANCELLED = 27,
 };
 
+/// Two words about an unforeseen reply.
+struct rpc_err_words {
+  long s1;
+  long s2;
+};
+
 /// What a call came to. The status decides which detail counts; where there is none,
 /// it is zero.
 struct rpc_err {
   clnt_stat status;
   union {
+    rpc_err_words other;    // RPC_FAILED; the largest, so that {} clears all
     int32_t error_number;   // RPC_CANTSEND, RPC_CANTRECV, RPC_SYSTEMERROR: of the system
     int32_t why;            // RPC_AUTHERROR: auth_state
     int32_t first_word;     // of any detail
     rpc_versions versions;  // RPC_VERSMISMATCH, RPC_PROGVERSMISMATCH
-    struct {
-      long s1;
-      long s2;
-    } other;  // RPC_FAILED
   };
 };
 

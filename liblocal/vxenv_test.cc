@@ -1,0 +1,61 @@
+#include "liblocal/vxenv.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "tests/failing_malloc.h"
+
+namespace {
+
+constexpr char kName[] = "KIV_ENV_TEST";
+
+TEST(Vxenv, AsciiPassesAsItIs) {
+  EXPECT_EQ(vxgetenv("KIV_NO_SUCH_VARIABLE"), nullptr);
+  for (const char* value : {"", "plain", "a=b:\x7F"}) {
+    setenv(kName, value, 1);
+    EXPECT_EQ(vxgetenv(kName), getenv(kName));
+    EXPECT_STREQ(vxgetenv(kName), value);
+  }
+  static char text[] = "KIV_ENV_TEST=put";
+  EXPECT_EQ(vxputenv(text), 0);
+  EXPECT_EQ(getenv(kName), text + sizeof kName);
+  EXPECT_EQ(vxputenv(nullptr), 0);
+  unsetenv(kName);
+}
+
+TEST(Vxenv, AddsToTheEnvironment) {
+  const struct {
+    const char* value;
+    int prepend;
+    const char* wanted;
+  } cases[] = {{"first", 1, "first"},  // nothing there to stand before
+               {"second", 1, "second:first"},
+               {"third", 0, "third"},
+               {"", 1, ":third"},
+               {"third", 0, "third"},
+               {"", 0, ""}};
+  unsetenv(kName);
+  for (const auto& [value, prepend, wanted] : cases) {
+    EXPECT_EQ(add_to_environment(kName, value, prepend), 1);
+    EXPECT_STREQ(getenv(kName), wanted);
+  }
+  // Equal texts share one copy, whatever stood there between.
+  add_to_environment(kName, "third", 0);
+  const char* third = getenv(kName);
+  add_to_environment(kName, "other", 0);
+  add_to_environment(kName, "third", 0);
+  EXPECT_EQ(getenv(kName), third);
+  EXPECT_EQ(add_to_environment(kName, nullptr, 0), 0);
+  EXPECT_EQ(add_to_environment(nullptr, "x", 0), 0);
+  {
+    FailingMalloc none(0);
+    EXPECT_EQ(add_to_environment(kName, "more", 1), 0);
+    EXPECT_TRUE(none.failed());
+  }
+  EXPECT_EQ(getenv(kName), third);
+  unsetenv(kName);
+}
+
+}  // namespace

@@ -1,0 +1,236 @@
+// The start of the command as a process: where it finds itself, whose rights it
+// takes, and what becomes of its arguments.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "tests/lab.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using lab::Outcome;
+
+constexpr char kUsage[] =
+    "usage: kivtrap [-c community] [-t trap_type] [-s specific_trap] [-v] management_station\n";
+
+// Copies a program into a new directory of the lab.
+void install(const char* program, const fs::path& place) {
+  fs::create_directories(place.parent_path());
+  fs::copy_file(program, place, fs::copy_options::overwrite_existing);
+}
+
+class StartupTest : public LabTest {
+ protected:
+  void SetUp() override {
+    LabTest::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
+    station.emplace(uint16_t{162});
+    fs::remove_all("/startup");
+    install(KIVTRAP, "/startup/bin/kivtrap");
+    install(PROBE, "/startup/bin/startup_probe");
+  }
+
+  // Copies a program so that it runs with the rights of `owner`.
+  static void install_set_user_id(const char* program, const fs::path& place, unsigned owner) {
+    install(program, place);
+    ASSERT_EQ(chown(place.c_str(), owner, 0), 0);
+    ASSERT_EQ(chmod(place.c_str(), 04755), 0);
+  }
+
+  static lab::Command command(const std::string& file, std::vector<std::string> words,
+                              std::vector<std::string> environment = {}) {
+    lab::Command made;
+    made.file = file;
+    made.words = std::move(words);
+    made.environment = std::move(environment);
+    made.input = "disk full\n";
+    return made;
+  }
+
+  // As `command`, by a user without rights. No leak checker may look into a
+  // set-user-id program.
+  static lab::Command users_command(const std::string& file, std::vector<std::string> words,
+                                    std::vector<std::string> environment = {}) {
+    environment.push_back("ASAN_OPTIONS=detect_leaks=0");
+    lab::Command made = command(file, std::move(words), std::move(environment));
+    made.user = lab::kUser;
+    return made;
+  }
+
+  std::optional<lab::UdpReceiver> station;
+};
+
+TEST_F(StartupTest, Origin) {
+  const std::string program = "/startup/bin/kivtrap";
+  fs::create_symlink("bin/kivtrap", "/startup/link");
+  fs::create_directories("/startup/directory/kivtrap");
+  fs::create_directories("/startup/plain");
+  lab::write_file("/startup/plain/kivtrap", "");
+  fs::current_path("/startup/bin");
+  const std::string found = "/startup/bin/", none = "";
+  auto directory = [](size_t length) { return "/startup" + std::string(length - 11, '/') + "bin"; };
+  const struct {
+    std::string argv0, path, wanted;
+  } cases[] = {
+      {"/startup/bin/kivtrap", "PATH=/nowhere", found},
+      {"/startup/../startup/bin/kivtrap", "PATH=", found},
+      {"./kivtrap", "PATH=", found},
+      {"/startup/link", "PATH=", found},
+      {"/startup/bin/nowhere", "PATH=/startup/bin", none},
+      {"kivtrap", "PATH=/startup/bin", found},
+      {"kivtrap", "PATH=/nowhere:/startup/plain:/startup/directory:/startup/bin:/x", found},
+      {"kivtrap", "PATH=/nowhere::", none},
+      {"kivtrap", "PATH=.", found},
+      {"kivtrap", "PATH", found},  // unset
+      {"kivtrap", "PATH=" + directory(1015), found},
+      {"kivtrap", "PATH=" + directory(1016), none},
+      {"kivtrap", "PATH=" + directory(1016) + ":/startup/bin", found},
+      {std::string(1023, 'k'), "PATH=/startup/bin", none},
+  };
+  for (const auto& [argv0, path, wanted] : cases) {
+    SCOPED_TRACE(argv0 + " " + path);
+    Outcome outcome = lab::run(command(program, {argv0}, {path, "KIV_PRINT_ORIGIN=quit"}));
+    EXPECT_EQ(outcome.status, wanted == none ? 1 : 0);
+    EXPECT_EQ(outcome.out, "");
+    if (wanted == none) {
+      EXPECT_EQ(outcome.err.substr(0, 7), "usage: ");
+    } else {
+      const std::string name = argv0 == "/startup/link" ? "link" : "kivtrap";
+      EXPECT_EQ(outcome.err, name + ": origin for `" + argv0 + "' is `" + wanted + "'\n");
+    }
+  }
+  fs::current_path("/");
+
+  Outcome too_long = lab::run(command(program, {std::string(1024, 'k')}));
+  EXPECT_EQ(too_long.status, 111);
+  EXPECT_EQ(too_long.out + too_long.err, "");
+  for (const char* wish : {"KIV_PRINT_ORIGIN=", "KIV_PRINT_ORIGIN=1"}) {
+    Outcome outcome = lab::run(command(program, {program}, {wish}));
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err, "kivtrap: origin for `" + program + "' is `" + found + "'\n" + kUsage);
+  }
+}
+
+TEST_F(StartupTest, RefusesHardLinks) {
+  fs::create_hard_link("/startup/bin/kivtrap", "/startup/other");
+  fs::create_symlink("other", "/startup/link");
+  for (const char* path : {"/startup/bin/kivtrap", "/startup/other", "/startup/link"}) {
+    Outcome outcome = lab::run(command("/startup/bin/kivtrap", {path, "manager"}));
+    const std::string name = fs::path(path).filename();
+    const std::string real = name == "link" ? "/startup/other" : path;
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err, name + ": unable to execute with hard links to binary " + real + "\n");
+  }
+  EXPECT_FALSE(station->receive_now());
+  fs::remove("/startup/other");
+  EXPECT_EQ(lab::run(command("/startup/bin/kivtrap", {"/startup/bin/kivtrap", "manager"})).status,
+            0);
+  EXPECT_TRUE(station->receive_now());
+}
+
+TEST_F(StartupTest, Directories) {
+  const std::string program = "/startup/bin/startup_probe";
+  const struct {
+    const char *name, *argv0, *wanted;
+  } cases[] = {
+      {"kiv", "/startup/bin/startup_probe",
+       "installdir=/startup\nappdir=/kiv\nbindir=/startup/bin\ntmpdir=/kiv/tmp\nmoddir=/kiv/mod\n"
+       "securedir=/kiv/tmp/sec\ncommand=/kiv/tmp/vxdbg.tmp\n"},
+      {"qmo", "startup_probe",
+       "installdir=/startup\nappdir=/startup\nbindir=/startup/bin\ntmpdir=/startup/tmp\n"
+       "moddir=/startup/mod\nsecuredir=/startup/tmp/sec\ncommand=/startup/bin/vxdbg.tmp\n"},
+      {"tarn", "startup_probe",
+       "installdir=/startup\nappdir=/startup\nbindir=/startup/bin\ntmpdir=/startup/tmp\n"
+       "moddir=/startup/mod\nsecuredir=/startup/tmp/sec\ncommand=/startup/tmp/vxdbg.tmp\n"},
+      {"qmo", "nowhere",
+       "installdir=(none)\nappdir=/qmo\nbindir=(none)\ntmpdir=/qmo/tmp\nmoddir=/qmo/mod\n"
+       "securedir=/qmo/tmp/sec\ncommand=\n"},
+      {"-", "startup_probe",  // the first name to be given is the later "other"
+       "installdir=/startup\nappdir=/other\nbindir=/startup/bin\ntmpdir=/other/tmp\n"
+       "moddir=/other/mod\nsecuredir=/other/tmp/sec\ncommand=\n"},
+  };
+  for (const auto& [name, argv0, wanted] : cases) {
+    Outcome outcome = lab::run(command(program, {argv0, name}, {"PATH=/startup/bin"}));
+    EXPECT_EQ(outcome.status, 0);
+    const std::string before = std::string("before=0\nafter=1\nargv0=") + argv0 + "\n";
+    EXPECT_EQ(outcome.out.substr(0, outcome.out.find("started=")), before + wanted) << name;
+  }
+}
+
+TEST_F(StartupTest, RightsOfASetUserIdStart) {
+  if (!lab::has_users()) return skip("no users but root here");
+  const std::string program = "/setuid/bin/startup_probe";
+  const struct {
+    unsigned owner;
+    const char* ids;
+    const char* told;
+  } cases[] = {
+      {0,
+       "started=0,1000,1000\nprivileged=0,0,1000\nkept=0,0,1000\ndropped=0,1000,1000\n"
+       "saved=1000,0\ngroups=1000,1000\n",
+       "startup_probe: set_nonprivileged: new uid 0 euid 1000\n"
+       "startup_probe: set_privileged: new uid 0 euid 0\n"
+       "startup_probe: set_nonprivileged: new uid 0 euid 1000\n"},
+      {2000,  // cannot give its rights up for good, nor take those of root
+       "started=1000,2000,2000\nprivileged=1000,2000,2000\nkept=1000,2000,2000\n"
+       "dropped=1000,2000,2000\nsaved=1000,2000\ngroups=1000,1000\n",
+       "startup_probe: set_nonprivileged: new uid 1000 euid 2000\n"
+       "startup_probe: set_nonprivileged: new uid 1000 euid 2000\n"},
+      {lab::kUser,
+       "started=1000,1000,1000\nprivileged=1000,1000,1000\nkept=1000,1000,1000\n"
+       "dropped=1000,1000,1000\nsaved=1000,1000\ngroups=1000,1000\n",
+       ""},
+  };
+  for (const auto& [owner, ids, told] : cases) {
+    SCOPED_TRACE(owner);
+    install_set_user_id(PROBE, program, owner);
+    Outcome outcome =
+        lab::run(users_command(program, {program, "kiv"}, {"KIV_PRINT_UIDS=", "PATH=/nowhere"}));
+    EXPECT_EQ(outcome.status, 0);
+    size_t start = outcome.out.find("started=");
+    ASSERT_NE(start, outcome.out.npos) << outcome.out;
+    EXPECT_EQ(outcome.out.substr(start), ids);
+    EXPECT_EQ(outcome.err, told);
+  }
+}
+
+// What the caller says of the program's place does not count.
+TEST_F(StartupTest, PlaceOfASetUserIdProgram) {
+  if (!lab::has_users()) return skip("no users but root here");
+  install_set_user_id(PROBE, "/setuid/bin/startup_probe", 0);
+  install_set_user_id(KIVTRAP, "/setuid/bin/kivtrap", 0);
+  for (const char* argv0 : {"/startup/bin/startup_probe", "startup_probe", "/no/such/file"}) {
+    Outcome outcome = lab::run(users_command("/setuid/bin/startup_probe", {argv0, "tarn"},
+                                             {"PATH=/startup/bin", "KIV_PRINT_ORIGIN=1"}));
+    EXPECT_NE(outcome.out.find("\ninstalldir=/setuid\nappdir=/setuid\n"), outcome.out.npos);
+    EXPECT_NE(outcome.out.find("\ncommand=/setuid/tmp/vxdbg.tmp\n"), outcome.out.npos);
+    EXPECT_NE(outcome.err.find("' is `/setuid/bin/'\n"), outcome.err.npos) << outcome.err;
+  }
+  fs::create_hard_link("/setuid/bin/kivtrap", "/setuid/elsewhere");
+  Outcome linked =
+      lab::run(users_command("/setuid/elsewhere", {"/startup/bin/kivtrap", "manager"}));
+  EXPECT_EQ(linked.status, 1);
+  EXPECT_EQ(linked.err, "kivtrap: unable to execute with hard links to binary /setuid/elsewhere\n");
+  EXPECT_FALSE(station->receive_now());
+  fs::remove("/setuid/elsewhere");
+}
+
+TEST_F(StartupTest, TheCommandSetUserId) {
+  if (!lab::has_users()) return skip("no users but root here");
+  install_set_user_id(KIVTRAP, "/setuid/bin/kivtrap", 0);
+  lab::write_file("/setuid/secret", "of root alone\n");
+  chmod("/setuid/secret", 0600);
+  Outcome refused = lab::run(
+      users_command("/setuid/bin/kivtrap", {"kivtrap", "-f", "/setuid/secret", "manager"}));
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(refused.out, "file /setuid/secret does not exist\n");
+  EXPECT_FALSE(station->receive_now());
+  EXPECT_EQ(lab::run(users_command("/setuid/bin/kivtrap", {"kivtrap", "manager"})).status, 0);
+  EXPECT_TRUE(station->receive_now().value_or("").ends_with("disk full"));
+}
+
+}  // namespace
