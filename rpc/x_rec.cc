@@ -9,6 +9,7 @@
 
 #include "liblocal/debug.h"
 #include "liblocal/print.h"
+#include "rpc/common.h"
 #include "rpc/io_switches.h"
 #include "rpc/xdr_units.h"
 
@@ -29,11 +30,11 @@ struct RecordStream {
 
   uint8_t* out;
   uint32_t out_size;
-  uint32_t out_header;   // where the current fragment's header goes
-  uint32_t out_finger;   // where the next byte goes
-  uint32_t out_high;     // end of what was put, when the position was set back
-  bool out_begun;        // a fragment of this record was sent already
-  bool out_failed;       // sending this record failed
+  uint32_t out_header;  // where the current fragment's header goes
+  uint32_t out_finger;  // where the next byte goes
+  uint32_t out_high;    // end of what was put, when the position was set back
+  bool out_begun;       // a fragment of this record was sent already
+  bool out_failed;      // sending this record failed
 
   uint8_t* in;
   uint32_t in_size;
@@ -101,7 +102,8 @@ bool send_record(RecordStream* stream) {
 // the empty last fragment of one whose data was sent.
 bool may_delay(const RecordStream* stream) {
   constexpr uint32_t kFreeShare = 16;  // this part of the buffer has to be free
-  if (!stream->out_begun) return stream->out_size - stream->out_finger > stream->out_size / kFreeShare;
+  if (!stream->out_begun)
+    return stream->out_size - stream->out_finger > stream->out_size / kFreeShare;
   return fragment_length(stream) == 0 && rpc_get_io_switches().delayed_ends;
 }
 
@@ -173,8 +175,8 @@ uint32_t fill_offset(const RecordStream* stream, uint32_t direct) {
 bool fill(RecordStream* stream) {
   if (stream->broken) return false;
   uint32_t start = fill_offset(stream, 0);
-  int64_t got = stream->read(stream->transport, stream->in + start, stream->in_size - start,
-                             nullptr, 0);
+  int64_t got =
+      stream->read(stream->transport, stream->in + start, stream->in_size - start, nullptr, 0);
   if (got <= 0) return false;
   stream->in_finger = stream->in_fragment = start;
   stream->in_end = start + static_cast<uint32_t>(got);
@@ -186,8 +188,8 @@ bool fill(RecordStream* stream) {
 uint32_t read_past_buffer(RecordStream* stream, uint8_t* to, uint32_t length) {
   if (stream->broken) return 0;
   uint32_t start = fill_offset(stream, length);
-  int64_t got = stream->read(stream->transport, to, length, stream->in + start,
-                             stream->in_size - start);
+  int64_t got =
+      stream->read(stream->transport, to, length, stream->in + start, stream->in_size - start);
   if (got <= 0) return 0;
   uint32_t direct = static_cast<uint32_t>(std::min<int64_t>(got, length));
   stream->in_finger = stream->in_fragment = fill_offset(stream, direct);
@@ -280,8 +282,8 @@ bool get(XDR* xdrs, T* value) {
   const uint8_t* at = bytes;
   if (buffered(stream) >= sizeof(Wire)) {
     at = stream->in + stream->in_finger;
-    stream->in_finger += sizeof(Wire);
-    stream->in_left -= sizeof(Wire);
+    stream->in_finger += uint32_t{sizeof(Wire)};
+    stream->in_left -= uint32_t{sizeof(Wire)};
   } else if (!rec_get_bytes(xdrs, bytes, sizeof bytes)) {
     return false;
   }
@@ -369,8 +371,8 @@ constexpr xdr_ops kRecordOps = {
 
 bool __brix_xdrrec_create(XDR* xdrs, uint32_t send_size, uint32_t receive_size, void* transport,
                           xdrrec_read read, xdrrec_write write) {
-  send_size = xdrrec_buffer_size(send_size);
-  receive_size = xdrrec_buffer_size(receive_size);
+  send_size = rpc_buffer_size(send_size);
+  receive_size = rpc_buffer_size(receive_size);
   void* memory = calloc(1, sizeof(RecordStream) + send_size + size_t{receive_size});
   if (memory == nullptr) {
     errno = ENOMEM;

@@ -41,17 +41,7 @@ using xdrrec_read = int64_t (*)(void* transport, void* buffer, uint32_t length, 
 using xdrrec_write = int64_t (*)(void* transport, const void* buffer, uint32_t length,
                                  const void* second, uint32_t second_length);
 
-/// The size that a buffer of `size` bytes gets: 4000 for less than 100, and a whole
-/// number of units.
-[[nodiscard]] constexpr uint32_t xdrrec_buffer_size(uint32_t size) {
-  constexpr uint32_t kSmallest = 100;
-  constexpr uint32_t kDefault = 4000;
-  if (size < kSmallest) return kDefault;
-  uint32_t padding = xdr_padding(size);
-  return size <= UINT32_MAX - padding ? size + padding : size - size % kXdrUnit;
-}
-
-/// Makes `xdrs` a record stream with buffers of (at least) the two sizes over
+/// Makes `xdrs` a record stream with buffers of rpc_buffer_size of the two sizes over
 /// `transport`, which is handed to `read` and `write` and stays the caller's. The
 /// caller sets `xdrs->operation` before each use and releases the stream with its
 /// destroy operation. Returns false, with ENOMEM in errno, without memory.
