@@ -72,20 +72,34 @@ TcpPeer::TcpPeer(Script script) : listener_(::socket(AF_INET, SOCK_STREAM | SOCK
   require(bind(listener_, name, length) == 0 && listen(listener_, 8) == 0, "listen");
   require(getsockname(listener_, name, &length) == 0, "getsockname");
   port_ = ntohs(address.sin_port);
-  thread_ = std::jthread([this, run = std::move(script)] {
-    for (;;) {
-      int socket = accept(listener_, nullptr, nullptr);
-      if (socket < 0) return;
-      TcpConnection connection(socket);
-      run(connection);
-    }
-  });
+  thread_ = std::jthread([this, run = std::move(script)] { serve(run); });
 }
 
 TcpPeer::~TcpPeer() {
+  {
+    std::lock_guard lock(mutex_);
+    ended_ = true;
+    if (serving_ != -1) shutdown(serving_, SHUT_RDWR);
+  }
   shutdown(listener_, SHUT_RDWR);  // ends the accept
   thread_.join();
   close(listener_);
+}
+
+void TcpPeer::serve(const Script& script) {
+  for (;;) {
+    int socket = accept(listener_, nullptr, nullptr);
+    if (socket < 0) return;
+    TcpConnection connection(socket);
+    {
+      std::lock_guard lock(mutex_);
+      if (ended_) return;
+      serving_ = socket;
+    }
+    script(connection);
+    std::lock_guard lock(mutex_);
+    serving_ = -1;
+  }
 }
 
 std::string fragment(const std::string& bytes, bool last) {

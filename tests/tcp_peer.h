@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -31,7 +32,7 @@ class TcpConnection {
 };
 
 /// Accepts connections on a port of 127.0.0.1, one after the other, and runs a script on
-/// each, in a thread of its own.
+/// each, in a thread of its own. Its end ends the connection that it serves.
 class TcpPeer {
  public:
   using Script = std::function<void(TcpConnection& connection)>;
@@ -42,8 +43,13 @@ class TcpPeer {
   uint16_t port() const { return port_; }
 
  private:
+  void serve(const Script& script);
+
   int listener_;
   uint16_t port_ = 0;
+  std::mutex mutex_;  // guards the next two
+  int serving_ = -1;
+  bool ended_ = false;
   std::jthread thread_;  // the last member: it uses the others
 };
 
