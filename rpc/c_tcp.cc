@@ -92,7 +92,8 @@ clnt_stat read_reply(TcpRecord* record, rpc_reply_message* reply) {
     *reply = {};
     reply->accepted.verifier = __brix_null_auth;
     reply->accepted.results_filter = __brix_xdr_void;
-    if (!__brix_xdrrec_skiprecord(xdrs)) {
+    // A call that gave up before anything came has moved the stream already.
+    if (!xdrrec_at_record(xdrs) && !__brix_xdrrec_skiprecord(xdrs)) {
       // Input that no stream of this runtime sends.
       if (record->error.status == RPC_SUCCESS) tcp_finish(record, RPC_CANTRECV, ECONNRESET);
       return record->error.status;

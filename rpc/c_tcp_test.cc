@@ -584,6 +584,7 @@ TEST_F(TcpTest, TheOneCallOption) {
   EXPECT_EQ(call(), RPC_SUCCESS);
   EXPECT_EQ(call(), RPC_SUCCESS);
   EXPECT_EQ(requests_of_stream, "01") << "for one call";
+  destroy();  // while its table is there
 }
 
 TEST_F(TcpTest, Descriptors) {

@@ -43,6 +43,7 @@ struct RecordStream {
   uint32_t in_fragment;  // where the buffered part of the current fragment starts
   uint32_t in_left;      // bytes of the current fragment that were not consumed
   bool in_last;          // the current fragment is its record's last one
+  bool in_begun;         // a header of the current record was read
   uint8_t in_header[kHeader];
   uint32_t in_header_length;  // how much of the next header was read
   uint32_t in_empty;          // empty fragments in a row
@@ -209,6 +210,7 @@ bool accept_fragment(RecordStream* stream, uint32_t header) {
     dfprintf(1, "too many empty fragments, closing connection\n");
     return break_stream(stream);
   }
+  stream->in_begun = true;
   stream->in_left = length;
   stream->in_last = (header & kLastFragment) != 0;
   stream->in_fragment = stream->in_finger;
@@ -386,7 +388,7 @@ bool __brix_xdrrec_create(XDR* xdrs, uint32_t send_size, uint32_t receive_size, 
   stream->out_size = send_size;
   stream->in = stream->out + send_size;
   stream->in_size = receive_size;
-  stream->in_last = true;
+  stream->in_last = stream->in_begun = true;
   open_fragment(stream, 0);
   *xdrs = {xdr_op::kEncode, &kRecordOps, nullptr, stream, nullptr, 0};
   return true;
@@ -414,6 +416,7 @@ bool __brix_xdrrec_skiprecord(XDR* xdrs) {
     return break_stream(stream);
   }
   stream->in_last = false;
+  stream->in_begun = false;
   return true;
 }
 
@@ -428,4 +431,9 @@ bool xdrrec_at_header(XDR* xdrs) {
   RecordStream* stream = stream_of(xdrs);
   return stream->in_left == 0 && stream->in_header_length == 0 &&
          stream->in_finger == stream->in_end;
+}
+
+bool xdrrec_at_record(XDR* xdrs) {
+  RecordStream* stream = stream_of(xdrs);
+  return !stream->in_begun && !stream->broken;
 }

@@ -68,3 +68,8 @@ bool __brix_xdrrec_eof(XDR* xdrs);
 
 /// Whether the next byte of input is the first of a fragment's header, not yet read.
 [[nodiscard]] bool xdrrec_at_header(XDR* xdrs);
+
+/// Whether the stream stands before a record of which no whole header was read yet:
+/// where __brix_xdrrec_skiprecord moved it. Skipping would drop that record. Never on
+/// a broken stream.
+[[nodiscard]] bool xdrrec_at_record(XDR* xdrs);
