@@ -286,24 +286,29 @@ TEST_F(CommandTest, DebugLevelOfARunningProcess) {
 
 TEST_F(CommandTest, FailuresOfTheSystem) {
   struct Case {
-    const char* host;
+    std::vector<std::string> words;
     std::vector<std::pair<long, int>> refused;
     const char* out;
     const char* err;
   };
   const Case cases[] = {
-      {"no-such-host", {}, "Couldn't open snmp\n", "unknown host: no-such-host\n"},
-      {"manager", {{SYS_socket, EMFILE}}, "Couldn't open snmp\n", "socket: Too many open files\n"},
-      {"manager",
+      {{"no-such-host"}, {}, "Couldn't open snmp\n", "unknown host: no-such-host\n"},
+      {{"manager"},
+       {{SYS_socket, EMFILE}},
+       "Couldn't open snmp\n",
+       "socket: Too many open files\n"},
+      {{"manager"},
        {{SYS_bind, EADDRINUSE}},
        "Couldn't open snmp\n",
        "bind: Address already in use\n"},
-      {"manager", {{SYS_sendto, EPERM}}, "error\n", "sendto: Operation not permitted\n"},
-      {"192.0.2.77", {}, "error\n", "sendto: Network is unreachable\n"},
+      {{"manager"}, {{SYS_sendto, EPERM}}, "error\n", "sendto: Operation not permitted\n"},
+      {{"192.0.2.77"}, {}, "error\n", "sendto: Network is unreachable\n"},
+      {{"0.0.0.0"}, {}, "error\n", "No remote IP address specified\n"},
+      {{"manager", "-c", std::string(4500, 'c')}, {}, "error\n", "Error building packet\n"},
   };
   for (const Case& test : cases) {
     SCOPED_TRACE(test.err);
-    lab::Command command = kivtrap({test.host});
+    lab::Command command = kivtrap(test.words);
     command.refused = test.refused;
     Outcome outcome = lab::run(command);
     EXPECT_EQ(outcome.status, 1);
