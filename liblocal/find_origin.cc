@@ -54,7 +54,7 @@ bool ask_kernel(char* path) {
 bool find_program(const char* argv0, char* path) {
   if (getauxval(AT_SECURE) != 0) return ask_kernel(path);
   if (strchr(argv0, '/') == nullptr) return search_path(argv0, path);
-  strcpy(path, argv0);
+  memcpy(path, argv0, strlen(argv0) + 1);
   return true;
 }
 
