@@ -25,6 +25,27 @@ TEST(Vxenv, AsciiPassesAsItIs) {
   unsetenv(kName);
 }
 
+// In the plain locale, where every byte is a Latin-1 character.
+TEST(Vxenv, ConvertsOtherTexts) {
+  setenv(kName, "caf\xE9", 1);
+  EXPECT_STREQ(vxgetenv(kName), "caf\xC3\xA9");
+  static char text[] = "KIV_ENV_TEST=\xC3\xBC";
+  EXPECT_EQ(vxputenv(text), 0);
+  EXPECT_STREQ(getenv(kName), "\xFC");
+  EXPECT_EQ(add_to_environment(kName, "\xC3\xA4", 1), 1);
+  EXPECT_STREQ(getenv(kName), "\xE4:\xFC");
+  {
+    FailingMalloc none(0);
+    EXPECT_EQ(vxgetenv(kName), nullptr);
+    EXPECT_EQ(errno, ENOMEM);
+    errno = 0;
+    EXPECT_EQ(vxputenv(text), -1);
+    EXPECT_EQ(errno, ENOMEM);
+  }
+  EXPECT_STREQ(getenv(kName), "\xE4:\xFC");
+  unsetenv(kName);
+}
+
 TEST(Vxenv, AddsToTheEnvironment) {
   const struct {
     const char* value;

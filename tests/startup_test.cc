@@ -245,4 +245,64 @@ TEST_F(StartupTest, TheCommandSetUserId) {
   EXPECT_TRUE(station->receive_now().value_or("").ends_with("disk full"));
 }
 
+// A locale of that codeset, as assignments for a command's environment.
+std::vector<std::string> locale_of(const std::string& codeset) {
+  fs::create_directories("/startup/locale");
+  const std::string name = "POSIX." + codeset;
+  lab::Command make;  // its warnings are many, and its status tells of them too
+  make.words = {"localedef", "--no-archive", "-c",    "-i",
+                "POSIX",     "-f",           codeset, "/startup/locale/" + name};
+  lab::run(make);
+  EXPECT_TRUE(fs::exists("/startup/locale/" + name + "/LC_CTYPE")) << codeset;
+  return {"LOCPATH=/startup/locale", "LC_ALL=" + name};
+}
+
+// The texts of a trap: community and message.
+std::pair<std::string, std::string> texts_of(const std::string& trap) {
+  const size_t community = trap.find(from_hex("02010004")) + 4;
+  const size_t message = trap.find(from_hex("06082B0601020101010004")) + 11;
+  if (trap.size() < message) return {};
+  return {trap.substr(community + 1, static_cast<unsigned char>(trap[community])),
+          trap.substr(message + 1)};
+}
+
+TEST_F(StartupTest, TextsInEveryLocale) {
+  const std::string program = "/startup/bin/kivtrap";
+  std::string high;
+  for (int byte = 0x80; byte <= 0xBF; ++byte)
+    high += {static_cast<char>(byte + 0x40), static_cast<char>(byte)};
+  high.resize(100);
+  const struct {
+    std::string codeset, argument, wanted;
+  } cases[] = {{"ISO-8859-1", "caf\xE9", "caf\xC3\xA9"},
+               {"ISO-8859-15", "\xA4", "\xE2\x82\xAC"},
+               {"EUC-JP", "\xC6\xFC\xCB\xDC", "\xE6\x97\xA5\xE6\x9C\xAC"},
+               {"UTF-8", "caf\xC3\xA9", "caf\xC3\xA9"},
+               {"UTF-8", "plain", "plain"}};
+  for (const auto& [codeset, argument, wanted] : cases) {
+    SCOPED_TRACE(testing::Message() << codeset << " " << argument);
+    std::vector<std::string> environment = locale_of(codeset);
+    // A file of that name is found again, and its text is sent as it is.
+    const std::string file = "/startup/" + argument;
+    lab::write_file(file, high + "\n");
+    const std::vector<std::string> words = {program, "-c", argument, "-f", file, "manager"};
+    EXPECT_EQ(lab::run(command(program, words, environment)).status, 0);
+    EXPECT_EQ(texts_of(station->receive_now().value_or("")), std::pair(wanted, high));
+    environment.emplace_back("KIV_MAST=");
+    lab::Command kept = command(program, {program, "-c", argument, "manager"}, environment);
+    kept.input = high + "\n";
+    EXPECT_EQ(lab::run(kept).status, 0);
+    EXPECT_EQ(texts_of(station->receive_now().value_or("")), std::pair(argument, high));
+  }
+
+  // In the plain locale every byte is the Latin-1 character; a caller's own locales are
+  // not for a set-user-id program.
+  if (!lab::has_users()) return skip("no users but root here");
+  install_set_user_id(KIVTRAP, "/startup/setuid/bin/kivtrap", 0);
+  lab::Command trusted = users_command("/startup/setuid/bin/kivtrap",
+                                       {program, "-c", "\xC6\xFC", "manager"}, locale_of("EUC-JP"));
+  EXPECT_EQ(lab::run(trusted).status, 0);
+  EXPECT_EQ(texts_of(station->receive_now().value_or("")).first, "\xC3\x86\xC3\xBC");
+}
+
 }  // namespace
