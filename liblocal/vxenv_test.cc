@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "liblocal/c_memory.h"
 #include "liblocal/errinfo.h"
 #include "liblocal/print.h"
 #include "tests/failing_malloc.h"
@@ -30,10 +31,12 @@ TEST(Vxenv, AsciiPassesAsItIs) {
 // In the plain locale, where every byte is a Latin-1 character.
 TEST(Vxenv, ConvertsOtherTexts) {
   setenv(kName, "caf\xE9", 1);
-  EXPECT_STREQ(vxgetenv(kName), "caf\xC3\xA9");
+  c_unique_ptr<char> value(const_cast<char*>(vxgetenv(kName)));
+  EXPECT_STREQ(value.get(), "caf\xC3\xA9");
   static char text[] = "KIV_ENV_TEST=\xC3\xBC";
   EXPECT_EQ(vxputenv(text), 0);
   EXPECT_STREQ(getenv(kName), "\xFC");
+  c_unique_ptr<char> first(getenv(kName) - sizeof kName);  // the environment lets go of it now
   EXPECT_EQ(add_to_environment(kName, "\xC3\xA4", 1), 1);
   EXPECT_STREQ(getenv(kName), "\xE4:\xFC");
   testing::internal::CaptureStderr();
@@ -48,6 +51,7 @@ TEST(Vxenv, ConvertsOtherTexts) {
   }
   testing::internal::GetCapturedStderr();
   EXPECT_STREQ(getenv(kName), "\xE4:\xFC");
+  c_unique_ptr<char> second(getenv(kName) - sizeof kName);
   unsetenv(kName);
 }
 
