@@ -6,7 +6,7 @@
 
 #include "liblocal/c_memory.h"
 #include "liblocal/log_time.h"
-#include "liblocal/vxinit.h"
+#include "liblocal/progname.h"
 #include "liblocal/vxprint.h"
 
 namespace {

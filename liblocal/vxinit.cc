@@ -1,69 +1,73 @@
 #include "liblocal/vxinit.h"
 
 #include <getopt.h>
-#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
-#include <string_view>
+#include <cstdlib>
+#include <cstring>
 
+#include "liblocal/ascii.h"
 #include "liblocal/dbgsignl.h"
+#include "liblocal/locales.h"
 #include "liblocal/print.h"
 #include "liblocal/regevent.h"
+#include "liblocal/utf8_convert.h"
 #include "liblocal/varp.h"
 #include "liblocal/vx_thread.h"
+#include "liblocal/vxdirs.h"
+#include "liblocal/vxenv.h"
+#include "liblocal/vxids.h"
 
 namespace {
 
-constexpr size_t kNameLimit = 1024;  // bytes of a program name, terminator included
+constexpr size_t kUtf8Growth = 6;  // bytes that one byte may become
 
-bool initialised = false;
-char program_name[kNameLimit];  // empty while none is recorded
-
-// A set-user-id program runs with its caller's rights and keeps a real id of
-// root, from which it can go back. Failure leaves the ids as they were.
-void give_up_privileges() {
-  uid_t real = getuid();
-  if (real != geteuid() && setreuid(0, real) != 0) return;
+void name_debug_command_file(const char* name) {
+  bool with_programs = name != nullptr && strcmp(name, "qmo") == 0;
+  const char* directory = with_programs ? vx_get_bindir() : vx_get_tmpdir();
+  if (directory == nullptr) return;
+  snprintf(Dbgcmdpath, sizeof Dbgcmdpath, "%s%cvxdbg.tmp", directory, '/');
 }
 
-// ASCII only: a name must not depend on the locale.
-char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+// What the first call does. Until the ids are changed, a set-user-id program runs
+// with its owner's rights: nothing in here opens a file that its caller names.
+void set_up_process(const char* name, char** argv) {
+  find_appdir(name);
+  init_locales(name, "");
+  regevent_setup();
+  _vx_thr_libinit();
+  varp_set_error_printer([](const char* text) { printerr("%s", text); });
+  if (argv != nullptr) vx_find_installdir(argv[0]);
+  get_saved_uids(nullptr, nullptr);
+  _vx_print_uids(vxgetenv("KIV_PRINT_UIDS") != nullptr ? 1 : 0);
+  set_nonprivileged();
+  name_debug_command_file(name);
+}
+
+void convert_arguments(int argc, char** argv) {
+  if (argv == nullptr || argc < 1 || vxgetenv("KIV_MAST") != nullptr) return;
+  for (; argc > 0 && *argv != nullptr; --argc, ++argv) {
+    if (is_ascii_text(*argv)) continue;
+    size_t size = kUtf8Growth * strlen(*argv) + 1;
+    char* converted = static_cast<char*>(calloc(1, size));
+    if (converted == nullptr) {
+      errno = ENOMEM;
+      return;
+    }
+    utf8_mbs(converted, *argv, size);
+    *argv = converted;
+  }
+}
 
 }  // namespace
 
-void _vxinit(const char* name, int /*argc*/, char** argv) {
-  if (!initialised) {
-    regevent_setup();
-    _vx_thr_libinit();
-    varp_set_error_printer([](const char* text) { printerr("%s", text); });
-    give_up_privileges();
-    snprintf(Dbgcmdpath, sizeof Dbgcmdpath, "/%s/tmp/vxdbg.tmp", name != nullptr ? name : "");
-  }
+void _vxinit(const char* name, int argc, char** argv) {
+  if (vxinit_done() == 0) set_up_process(name, argv);
   opterr = 0;
-  initialised = true;
+  convert_arguments(argc, argv);
+  _vx_set_initialised();
   if (argv != nullptr && argv[0] != nullptr) debug_check(argv[0]);
 }
 
-int vxinit_done() { return initialised ? 1 : 0; }
-
-void vx_set_progname(const char* path) {
-  if (path == nullptr || *path == '\0') return;
-  std::string_view name(path);
-  while (name.size() > 1 && name.back() == '/') name.remove_suffix(1);
-  if (size_t slash = name.rfind('/'); slash != name.npos) name.remove_prefix(slash + 1);
-  size_t length = 0;
-  for (char c : name) {
-    if (c == '.' || length == kNameLimit - 1) break;
-    program_name[length++] = lower(c);
-  }
-  program_name[length] = '\0';
-}
-
-char* vx_get_progname(char* buffer, size_t size) {
-  if (program_name[0] != '\0') {
-    snprintf(buffer, size, "%s", program_name);
-  } else {
-    snprintf(buffer, size, "(pid %d)", static_cast<int>(getpid()));
-  }
-  return buffer;
-}
+void vxinit(const char* name) { _vxinit(name, 0, nullptr); }
