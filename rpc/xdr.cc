@@ -24,12 +24,14 @@ bool as_unit(XDR* xdrs, T* value) {
 }
 
 bool put_padding(XDR* xdrs, uint32_t length) {
-  return xdrs->ops->put_bytes(xdrs, kZeros, xdr_padding(length));
+  uint32_t padding = xdr_padding(length);
+  return padding == 0 || xdrs->ops->put_bytes(xdrs, kZeros, padding);
 }
 
 bool skip_padding(XDR* xdrs, uint32_t length) {
   uint8_t scratch[kXdrUnit];
-  return xdrs->ops->get_bytes(xdrs, scratch, xdr_padding(length));
+  uint32_t padding = xdr_padding(length);
+  return padding == 0 || xdrs->ops->get_bytes(xdrs, scratch, padding);
 }
 
 bool get_length(XDR* xdrs, uint32_t* length, uint32_t maximum) {
