@@ -12,11 +12,25 @@ namespace {
 
 constexpr uint8_t kZeros[kXdrUnit] = {};
 
+// Runs the slot of the stream that the operation asks for, if any.
+template <auto put, auto get, typename T>
+bool run_slot(XDR* xdrs, T* value) {
+  switch (xdrs->operation) {
+    case xdr_op::kEncode:
+      return (xdrs->ops->*put)(xdrs, value);
+    case xdr_op::kDecode:
+      return (xdrs->ops->*get)(xdrs, value);
+    default:
+      return true;
+  }
+}
+
 // One unit on the wire for a host type of another size: the low 32 bits go out, and
 // what comes in is taken as a Wire before it is cut or extended to a T.
 template <typename Wire, typename T>
 bool as_unit(XDR* xdrs, T* value) {
   int32_t unit = 0;
+  // NOLINTNEXTLINE(bugprone-signed-char-misuse): a char travels with its sign.
   if (xdrs->operation == xdr_op::kEncode) unit = static_cast<int32_t>(*value);
   if (!xdr_int32_t(xdrs, &unit)) return false;
   if (xdrs->operation == xdr_op::kDecode) *value = static_cast<T>(static_cast<Wire>(unit));
@@ -116,14 +130,7 @@ XDR __xdr = {xdr_op::kFree, nullptr, nullptr, nullptr, nullptr, 0};
 bool __brix_xdr_void(XDR* /*xdrs*/, void* /*object*/) { return true; }
 
 bool xdr_int32_t(XDR* xdrs, int32_t* value) {
-  switch (xdrs->operation) {
-    case xdr_op::kEncode:
-      return xdrs->ops->put_int32(xdrs, value);
-    case xdr_op::kDecode:
-      return xdrs->ops->get_int32(xdrs, value);
-    default:
-      return true;
-  }
+  return run_slot<&xdr_ops::put_int32, &xdr_ops::get_int32>(xdrs, value);
 }
 
 bool xdr_uint32_t(XDR* xdrs, uint32_t* value) {
@@ -149,14 +156,7 @@ bool __brix_xdr_bool(XDR* xdrs, int32_t* value) {
 }
 
 bool __brix_xdr_long(XDR* xdrs, long* value) {
-  switch (xdrs->operation) {
-    case xdr_op::kEncode:
-      return xdrs->ops->put_long(xdrs, value);
-    case xdr_op::kDecode:
-      return xdrs->ops->get_long(xdrs, value);
-    default:
-      return true;
-  }
+  return run_slot<&xdr_ops::put_long, &xdr_ops::get_long>(xdrs, value);
 }
 
 bool __brix_xdr_u_long(XDR* xdrs, unsigned long* value) {
@@ -167,14 +167,7 @@ bool __brix_xdr_u_long(XDR* xdrs, unsigned long* value) {
 }
 
 bool xdr_int64_t(XDR* xdrs, int64_t* value) {
-  switch (xdrs->operation) {
-    case xdr_op::kEncode:
-      return xdrs->ops->put_int64(xdrs, value);
-    case xdr_op::kDecode:
-      return xdrs->ops->get_int64(xdrs, value);
-    default:
-      return true;
-  }
+  return run_slot<&xdr_ops::put_int64, &xdr_ops::get_int64>(xdrs, value);
 }
 
 bool xdr_uint64_t(XDR* xdrs, uint64_t* value) {
