@@ -85,12 +85,14 @@ bool encode_bytes(XDR* xdrs, const uint8_t* bytes, uint32_t size, uint32_t maxim
 }
 
 bool decode_bytes(XDR* xdrs, uint8_t** bytes, uint32_t* size, uint32_t maximum) {
-  if (!get_length(xdrs, size, maximum)) return false;
-  if (*size == 0) return true;
+  uint32_t length = 0;
+  if (!get_length(xdrs, &length, maximum)) return false;
+  *size = length;
+  if (length == 0) return true;
   if (*bytes != nullptr) {
-    return xdrs->ops->get_bytes(xdrs, *bytes, *size) && skip_padding(xdrs, *size);
+    return xdrs->ops->get_bytes(xdrs, *bytes, length) && skip_padding(xdrs, length);
   }
-  uint32_t padded = *size + xdr_padding(*size);
+  uint32_t padded = length + xdr_padding(length);
   *bytes = get_new_bytes(xdrs, padded, padded).release();
   return *bytes != nullptr;
 }
