@@ -12,7 +12,6 @@
 #include <string>
 
 #include "liblocal/codesets.h"
-#include "liblocal/errinfo.h"
 #include "liblocal/mbt.h"
 #include "liblocal/utf8_codec.h"
 #include "liblocal/vx_error.h"
@@ -214,13 +213,12 @@ TEST(Utf8Convert, TextsOfThePlatform) {
         march.tm_year = 126;
         march.tm_mday = 1;
         char text[64];
-        EXPECT_EQ(vxstrftime(text, sizeof text, "%d. %B – %Y €", &march), 19U);
+        EXPECT_EQ(vxstrftime(text, sizeof text, "%d. %B – %Y €", &march), 20U);
         EXPECT_STREQ(text, "01. März ? 2026 €");
         EXPECT_EQ(vxstrftime(text, 6, "%B", &march), 5U);
         EXPECT_EQ(vxstrftime(text, 4, "%Y", &march), 3U);
         EXPECT_EQ(vxstrftime(text, sizeof text, std::string(700, 'x').c_str(), &march), 0U);
         EXPECT_EQ(vxstrftime(nullptr, 9, "%B", &march), 0U);
-        EXPECT_STREQ(brix_strerror(ENOENT), "No such file or directory");
       },
       "de_DE");
 }
@@ -233,7 +231,7 @@ TEST(Utf8Convert, LocaleTextLengthsAndTransparentForms) {
     char output[16];
     EXPECT_EQ(vx_utf8tombts(output, "a日", sizeof output), 1);
     EXPECT_STREQ(output, "a\xEF\xA3\x86\xEF\xA3\xBC");
-    EXPECT_EQ(vx_utf8tombts(output, "a日", 8), 0);
+    EXPECT_EQ(vx_utf8tombts(output, "a日", 7), 0);
     EXPECT_EQ(vx_utf8tombts(output, "", sizeof output), 0);
     EXPECT_EQ(vx_utf8tombts(output, "a\xEF\xA2", sizeof output), 0);
   });

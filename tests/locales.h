@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <iostream>
 #include <string>
 
 /// A new directory that goes with the object.
@@ -42,6 +43,16 @@ inline void enter_locale(const std::string& codeset, const std::string& source =
   ASSERT_NE(setlocale(LC_ALL, name.c_str()), nullptr) << name;
 }
 
+/// Writes the failures of this test, which GoogleTest keeps quiet about in a process of
+/// a death test, to standard error. Returns the exit status that tells of them.
+inline int report_failures() {
+  const auto* result = testing::UnitTest::GetInstance()->current_test_info()->result();
+  for (int i = 0; i < result->total_part_count(); ++i) {
+    if (result->GetTestPartResult(i).failed()) std::cerr << result->GetTestPartResult(i) << "\n";
+  }
+  return result->Failed() ? 1 : 0;
+}
+
 /// Runs `body` in that locale in a process of its own, for the first conversion fixes the
 /// codeset of a process.
 inline void in_locale(const std::string& codeset, const std::function<void()>& body,
@@ -51,7 +62,7 @@ inline void in_locale(const std::string& codeset, const std::function<void()>& b
       {
         enter_locale(codeset, source);
         body();
-        exit(testing::Test::HasFailure() ? 1 : 0);
+        exit(report_failures());
       },
       testing::ExitedWithCode(0), "")
       << codeset;
