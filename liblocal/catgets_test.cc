@@ -86,10 +86,9 @@ TEST(Locales, SetUp) {
 void make_catalog(const TemporaryDirectory& place, const std::string& name,
                   const std::string& messages) {
   lab::write_file(place.path() + "/source", messages);
-  ASSERT_EQ(
-      lab::run({.words = {"/usr/bin/gencat", place.path() + "/" + name, place.path() + "/source"}})
-          .status,
-      0);
+  lab::Command compile;
+  compile.words = {"/usr/bin/gencat", place.path() + "/" + name, place.path() + "/source"};
+  ASSERT_EQ(lab::run(compile).status, 0);
 }
 
 TEST(Catgets, OpensAndLooksUp) {

@@ -59,7 +59,7 @@ TEST(Utf8Streams, LinesArriveWholeAndOnce) {
         for (int size : {7, 8, 64, 1023, 9000, 18432}) {
           EXPECT_TRUE(read_in_pieces(raw, size, true) == wanted) << length << " " << size;
         }
-        if (length <= 1023) EXPECT_TRUE(read_in_pieces(raw, 900, false) == wanted) << length;
+        EXPECT_TRUE(length > 1023 || read_in_pieces(raw, 900, false) == wanted) << length;
       }
     });
   }
@@ -139,7 +139,7 @@ TEST(Utf8Streams, StandardStreams) {
     while (long_line.size() < 2 * tail.size()) long_line += vxgets(buffer.data());
     EXPECT_EQ(long_line.size(), 2 * tail.size());
     utf8_fp(stdin);
-    if (std::string(vxgets(buffer.data())).empty()) EXPECT_STREQ(vxgets(buffer.data()), "last");
+    EXPECT_STREQ(vxgets(buffer.data()), "last");
     EXPECT_EQ(vxgets(buffer.data()), nullptr);
 
     const std::string text = "€" + std::string(18430, 'x') + "€";
