@@ -86,12 +86,12 @@ void expect_cuts(Converter convert, const std::string& text) {
     // Of what is cut, no more than a character is given up.
     EXPECT_GE(got.size() + (size > whole.size() ? 0 : 4), std::min(whole.size(), size));
     EXPECT_TRUE(written == got.size() || (written == size && size <= whole.size()));
-    EXPECT_TRUE(convert == ansi_mbs || is_utf8_mbs(got.c_str()));
+    EXPECT_GE(is_utf8_mbs(got.c_str()), is_utf8_mbs(whole.c_str())) << "cut between characters";
   }
 }
 
 TEST(Utf8Convert, TooSmallAreas) {
-  for (const char* codeset : {"", "ISO-8859-15", "EUC-JP", "TCVN5712-1", "UTF-8"}) {
+  for (const char* codeset : {"", "ISO-8859-15", "EUC-JP", "UTF-8"}) {
     in_locale(codeset, [] {
       for (const char* text : {"plain", "\\~", "aéô€ z", "日本語", "é\xFFq", "ｱa日\xEF\xA3\xA9",
                                "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaê"}) {
