@@ -49,7 +49,7 @@ TEST(Utf8Streams, LinesArriveWholeAndOnce) {
                {"UTF-8", "日é", "日é"}};
   for (const auto& [codeset, ansi, utf8] : cases) {
     in_locale(codeset, [&ansi = ansi, &utf8 = utf8] {
-      for (size_t length : {0, 1, 7, 100, 1023, 20000}) {
+      for (size_t length : {0U, 1U, 7U, 100U, 1023U, 20000U}) {
         std::string raw;
         std::string wanted;
         while (raw.size() < length) raw += ansi, wanted += utf8;
