@@ -13,10 +13,13 @@
 #include <cstring>
 #include <string_view>
 
+#include "liblocal/ascii.h"
 #include "liblocal/debug.h"
 #include "liblocal/debug_command.h"
+#include "liblocal/progname.h"
 #include "liblocal/vx_thread.h"
-#include "liblocal/vxinit.h"
+#include "liblocal/vxenv.h"
+#include "liblocal/vxpath.h"
 
 char Dbgcmdpath[kDbgcmdpathSize];
 std::atomic<int> Debug_me;
@@ -24,8 +27,7 @@ std::atomic<int> Force_debug;
 
 namespace {
 
-constexpr size_t kNameSize = 64;     // the part of the program's name that lines show
-constexpr size_t kPathLimit = 1024;  // bytes of a base name, terminator included
+constexpr size_t kNameSize = 64;  // the part of the program's name that lines show
 constexpr uint32_t kDebuggerWaitMillis = 10000;
 
 char handler_name[kNameSize];  // written before the handler is installed
@@ -110,15 +112,12 @@ size_t take_command(char* text) {
   return length > 0 ? static_cast<size_t>(length) : 0;
 }
 
-// Copies the last component of `path`, up to its last dot and in lower case, into
-// `name`, of kPathLimit bytes.
+// The base name of `path`, up to its last dot and in lower case, in `name`, of
+// kPathComponentSize bytes.
 void copy_base_name(const char* path, char* name) {
-  std::string_view rest(path, strnlen(path, kPathLimit - 1));
-  while (!rest.empty() && rest.back() == '/') rest.remove_suffix(1);
-  if (size_t slash = rest.rfind('/'); slash != rest.npos) rest.remove_prefix(slash + 1);
-  rest = rest.substr(0, rest.rfind('.'));
-  for (char c : rest) *name++ = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  *name = '\0';
+  vx_path_basename(path, name, kPathComponentSize);
+  if (char* dot = strrchr(name, '.'); dot != nullptr) *dot = '\0';
+  for (char* c = name; *c != '\0'; ++c) *c = ascii_lower(*c);
 }
 
 // True when an item of `list` begins with `name`.
@@ -145,12 +144,12 @@ void ondbgintr(int signal) {
 }
 
 void debug_check(const char* path) {
-  char name[kPathLimit] = "";
-  if (path != nullptr) copy_base_name(path, name);
+  char name[kPathComponentSize] = "";
+  copy_base_name(path, name);
   if (Force_debug.exchange(0) != 0) {
     Debug_me = 1;
   } else {
-    const char* list = Debug_me != 0 ? getenv("KIV_DEBUGPROCS") : nullptr;
+    const char* list = Debug_me != 0 ? vxgetenv("KIV_DEBUGPROCS") : nullptr;
     if (list == nullptr || !is_listed(list, name)) return;
   }
   while (Debug_me != 0) {

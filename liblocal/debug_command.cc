@@ -2,13 +2,14 @@
 
 #include <climits>
 
+#include "liblocal/ascii.h"
+
 namespace {
 
 // ASCII only: neither the locale nor its locks matter inside a signal handler.
 bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n'; }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
-char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-bool is_letter(char c) { return lower(c) >= 'a' && lower(c) <= 'z'; }
+bool is_letter(char c) { return ascii_lower(c) >= 'a' && ascii_lower(c) <= 'z'; }
 
 // Takes the longest run of characters that `belongs` accepts off the front of `text`.
 std::string_view take_run(std::string_view* text, bool (*belongs)(char)) {
@@ -55,7 +56,7 @@ std::optional<debug_command> parse_debug_command(std::string_view text) {
 bool names_debug_level(std::string_view name, std::string_view word) {
   if (name.size() != word.size()) return false;
   for (size_t i = 0; i < name.size(); ++i) {
-    if (lower(name[i]) != lower(word[i])) return false;
+    if (ascii_lower(name[i]) != ascii_lower(word[i])) return false;
   }
   return true;
 }

@@ -7,7 +7,7 @@
 #include "liblocal/c_memory.h"
 #include "liblocal/i18n_printf.h"
 #include "liblocal/log_time.h"
-#include "liblocal/vxinit.h"
+#include "liblocal/progname.h"
 #include "liblocal/vxprint.h"
 
 namespace {
