@@ -4,12 +4,14 @@
 #include <cstring>
 #include <string_view>
 
+#include "liblocal/ascii.h"
+
 namespace {
 
 constexpr const char* kAbsentText = "null";
 
 // The same in every locale: a letter ends a conversion.
-bool is_letter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+bool is_letter(char c) { return ascii_lower(c) >= 'a' && ascii_lower(c) <= 'z'; }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
 bool is_floating(char letter) {
