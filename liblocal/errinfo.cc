@@ -12,6 +12,7 @@
 #include "liblocal/err_tables.h"
 #include "liblocal/i18n_printf.h"
 #include "liblocal/print.h"
+#include "liblocal/utf8_convert.h"
 #include "liblocal/xmalloc.h"
 
 namespace {
@@ -243,7 +244,7 @@ const char* brix_strerror(int error) {
   char system_text[kErrorTextSize];
   const char* found = strerror_r(error, system_text, sizeof system_text);
   if (found != nullptr && *found != '\0') {
-    snprintf(text, kErrorTextSize, "%s", found);
+    utf8_mbs(text, found, kErrorTextSize);
   } else {
     snprintf(text, kErrorTextSize, vxcatgets(Catd, kCatalogSet, 149, "Error %d\n"), error);
   }
