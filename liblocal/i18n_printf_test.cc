@@ -21,7 +21,6 @@
 // The formats here are tables, made up, or wrong on purpose.
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 #pragma GCC diagnostic ignored "-Wformat-security"
-#pragma GCC diagnostic ignored "-Wpsabi"  // a note on long doubles in a variant
 
 namespace {
 
@@ -98,7 +97,7 @@ TEST(Format, ColumnsOfTexts) {
 
 TEST(Format, Positions) {
   check({{formatted("%2$s %1$s", "a", "b"), "b a"},
-         {formatted("%1$d %d %1$d %s", 1, 2), "1 2 1 null"},
+         {formatted("%1$d %d %1$d %d", 1, 2), "1 2 1 2"},
          {formatted("%2$s %s %1$d", 1, "two", "three"), "two three 1"},
          {formatted("%1$*2$d|%1$-*2$d|%1$.*2$d", 7, 3), "  7|7  |007"},
          {formatted("%3$*1$.*2$f|%3$f", 6, 1, 2.0), "   2.0|2.000000"},
@@ -249,22 +248,29 @@ std::string make_format(std::vector<Kind>* kinds) {
   return format;
 }
 
-Argument make_argument(Kind kind) {
+void add_argument(Kind kind, std::vector<Argument>* arguments) {
   switch (kind) {
     case kInt:
-      return one_of({0, -1, 42, INT_MAX, INT_MIN, static_cast<int>(randomness())});
+      arguments->emplace_back(
+          one_of({0, -1, 42, INT_MAX, INT_MIN, static_cast<int>(randomness())}));
+      break;
     case kLong:
-      return one_of({0L, -1L, 42L, LONG_MAX, LONG_MIN, static_cast<long>(randomness()) << 20});
+      arguments->emplace_back(
+          one_of({0L, -1L, 42L, LONG_MAX, LONG_MIN, static_cast<long>(randomness()) << 20}));
+      break;
     case kDouble:
-      return one_of({0.0, -1.5, 1e308, 1e-300, static_cast<double>(NAN),
-                     1.0 / static_cast<int>(randomness())});
+      arguments->emplace_back(one_of({0.0, -1.5, 1e308, 1e-300, static_cast<double>(NAN),
+                                      1.0 / static_cast<int>(randomness())}));
+      break;
     case kLongDouble:
-      return one_of(
-          {0.0L, -1.5L, LDBL_MAX, LDBL_MIN, -HUGE_VALL, 1.0L / static_cast<int>(randomness())});
+      arguments->emplace_back(one_of(
+          {0.0L, -1.5L, LDBL_MAX, LDBL_MIN, -HUGE_VALL, 1.0L / static_cast<int>(randomness())}));
+      break;
     case kText:
-      return one_of({"", "text", "日本", "\xFF%d"});
+      arguments->emplace_back(one_of({"", "text", "日本", "\xFF%d"}));
+      break;
     default:
-      return static_cast<int>(below(50)) - 10;
+      arguments->emplace_back(static_cast<int>(below(50)) - 10);
   }
 }
 
@@ -290,7 +296,7 @@ TEST(MadeUpFormats, AsThePlatformHasThem) {
     const std::string format = make_format(&kinds);
     for (int set = 0; set < 20; ++set) {
       std::vector<Argument> arguments;
-      for (Kind kind : kinds) arguments.push_back(make_argument(kind));
+      for (Kind kind : kinds) add_argument(kind, &arguments);
       compare(format.c_str(), arguments);
     }
   }
