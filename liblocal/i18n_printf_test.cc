@@ -103,7 +103,7 @@ TEST(Format, Positions) {
          {formatted("%3$*1$.*2$f|%3$f", 6, 1, 2.0), "   2.0|2.000000"},
          {formatted("%2$*1$s|%3$*s", 3, "日", 2, "x"), " 日| x"},
          {formatted("%1$05d|%1$-5d|", 42), "00042|42   |"},
-         {formatted("%1$ld %1$d %2$.1Lf", 1L << 32 | 5, 2.0L), "4294967301 5 2.0"},
+         {formatted("%1$d %1$ld %2$.1Lf", 1L << 32 | 5, 2.0L), "5 4294967301 2.0"},
          {formatted("%3$s", 1, 2, "c"), "c"},  // 1 and 2 are skipped
          {formatted("%1$s %1$d", 5), "null 5"},
          {formatted("%1$d %1$s", "a"), "0 a"},
@@ -123,7 +123,7 @@ TEST(Format, PositionsWithoutEnd) {
   const Case cases[] = {{many, in_order},
                         {"$" + many, "$" + by_position},
                         {"%254$d %d %d", "7 7 0"},
-                        {"%256$s %0$*1$d|%4294967297$d", "null       0|0"},
+                        {"%256$s %0$*1$d|%4294967297$d", "null 0000000|0"},
                         {"%99999999999999999999$d", "0"},
                         {"%1$*256$.*999$d|%-0$d", "7|7"}};
   for (const auto& [format, wanted] : cases) EXPECT_EQ(in_own_area(format.c_str(), list), wanted);
@@ -139,9 +139,8 @@ TEST(Format, WhatIsNoConversion) {
          {formatted("%n%hn%ln|%d", 1, 2, &count, 3), "|3"},
          {formatted("%S%hs%hf%hp|%d", 1, 2, 3, 4, 5), "|5"},
          {formatted("%Ld%Ls|%d", 1.0L, 2.0L, 3), "|3"},
-         {formatted("%y %5%d", 1, 2), "%y %5d"},
-         {formatted(("%" + std::string(1000, '-') + "3d|").c_str(), 1), "1  |"},
-         {formatted("%99999999999d", 1), ""}});
+         {formatted("%y %5%d", 1, 2), "%y %d"},
+         {formatted(("%" + std::string(1000, '-') + "3d|").c_str(), 1), "1  |"}});
   EXPECT_EQ(count, 5);
 }
 
@@ -186,7 +185,7 @@ TEST(Format, RefusedMemory) {
     EXPECT_EQ(format_into(nullptr, "abc"), 0);
   }
   const std::string text(20000, 'x');
-  for (const char* format : {"ab%d%2$s", "ab%d%30000d", "ab%d%.30000f"}) {
+  for (const char* format : {"ab%d%2$s", "ab%d%30000d", "ab%d%.30000f", "ab%d%99999999999d"}) {
     FailingMalloc failing(1);
     EXPECT_EQ(format_into(&area, format, 5, text.c_str(), 1.0), 3) << format;
     EXPECT_STREQ(area, "ab5") << format;
@@ -270,7 +269,7 @@ void add_argument(Kind kind, std::vector<Argument>* arguments) {
       arguments->emplace_back(one_of({"", "text", "日本", "\xFF%d"}));
       break;
     default:
-      arguments->emplace_back(static_cast<int>(below(50)) - 10);
+      arguments->emplace_back(static_cast<int>(below(50)));
   }
 }
 
