@@ -17,6 +17,8 @@
 #include "liblocal/i18n_printf.h"
 #include "tests/word_arguments.h"
 
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+
 extern "C" const char* __asan_default_options() {
   return "allocator_may_return_null=1:max_allocation_size_mb=32";
 }

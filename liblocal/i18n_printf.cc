@@ -146,16 +146,18 @@ bool print_text(Output* output, const I18nConversion& conversion) {
   return true;
 }
 
-// Whether the platform takes the argument for what it is. Where it would take it for a
-// pointer, or from another place of the list, nothing is printed.
+// Whether the conversion is complete and the platform takes its argument for what it is.
+// Where the platform would take it for a pointer, or from another place of the list,
+// nothing is printed.
 bool suits_platform(const I18nConversion& conversion) {
   const char last = conversion.letters[conversion.letters[1] != '\0' ? 1 : 0];
   const auto is_one_of = [last](std::string_view set) { return set.find(last) != set.npos; };
+  if (last == '\0' || is_one_of("hlLqjzZtI")) return false;
   switch (conversion.kind) {
     case I18nKind::kInt:
       return !is_one_of("nspSaAeEfFgG");
     case I18nKind::kLong:
-      return !is_one_of("n");
+      return last != 'n';
     case I18nKind::kLongDouble:
       return is_one_of("aAeEfFgG");
     default:

@@ -56,6 +56,10 @@ void print_timestamps(int on) { timestamps = on; }
 
 void print_set_accrual_hook(print_accrual_hook hook) { accrual_hook = hook; }
 
+// The prefixed format takes the arguments that `format` does.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+
 void vprinterr(const char* format, va_list arguments) {
   c_unique_ptr<char> whole = prefixed(format);
   if (whole == nullptr) return;
@@ -68,16 +72,18 @@ void vprinterr(const char* format, va_list arguments) {
   vxfprintf(stderr, "%s", text.get());
 }
 
+void vprintinfo(const char* format, va_list arguments) {
+  c_unique_ptr<char> whole = prefixed(format);
+  if (whole != nullptr) vxvfprintf(stdout, whole.get(), arguments);
+}
+
+#pragma GCC diagnostic pop
+
 void printerr(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
   vprinterr(format, arguments);
   va_end(arguments);
-}
-
-void vprintinfo(const char* format, va_list arguments) {
-  c_unique_ptr<char> whole = prefixed(format);
-  if (whole != nullptr) vxvfprintf(stdout, whole.get(), arguments);
 }
 
 void printinfo(const char* format, ...) {
