@@ -1,36 +1,57 @@
 #include "liblocal/localhost.h"
 
-#include <netdb.h>
-#include <pthread.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 
+#include "liblocal/ascii.h"
 #include "liblocal/mtsfuncs.h"
+#include "liblocal/vx_error.h"
+#include "liblocal/vx_once.h"
+#include "platform/rpc_domain.h"
 
 namespace {
 
 constexpr size_t kHostNameSize = 256;  // bytes, terminator included
 
 char local_name[kHostNameSize] = "localhost";
-pthread_once_t resolved = PTHREAD_ONCE_INIT;
+vx_once_control resolved;
+
+void to_lower(char* text) {
+  for (; *text != '\0'; ++text) *text = ascii_lower(*text);
+}
+
+int fail(int error) {
+  vx_error_set_last(error, kVxErrorErrno);
+  return -1;
+}
 
 void resolve_own_name() {
   char own[kHostNameSize];
-  if (gethostname(own, sizeof own) != 0) return;
-  own[sizeof own - 1] = '\0';
+  if (vx_gethostname(own, sizeof own) != 0) return;
   const hostent* host = vx_ts_gethostbyname(own);
   if (host == nullptr) return;
   snprintf(local_name, sizeof local_name, "%s", host->h_name);
-  for (char* c = local_name; *c != '\0'; ++c) {
-    if (*c >= 'A' && *c <= 'Z') *c = static_cast<char>(*c - 'A' + 'a');
-  }
+  to_lower(local_name);
 }
 
 }  // namespace
 
 char* vx_getlocalhost(char* buffer, size_t size) {
-  pthread_once(&resolved, resolve_own_name);
+  vx_once(&resolved, resolve_own_name);
   snprintf(buffer, size, "%s", local_name);
   return buffer;
+}
+
+int vx_gethostname(char* buffer, size_t size) {
+  return gethostname(buffer, size) == 0 ? 0 : fail(errno);
+}
+
+int vx_getdomainname(char* buffer, size_t size) {
+  long needed = rpc_domain_name(buffer, size);
+  if (needed < 0) return fail(errno);
+  if (static_cast<size_t>(needed) > size) return fail(ERANGE);
+  to_lower(buffer);
+  return 0;
 }
