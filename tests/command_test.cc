@@ -361,7 +361,11 @@ TEST_F(CommandTest, FailuresOfTheSystem) {
        "Couldn't open snmp\n",
        cannot_bind + cannot_bind + "bind: Address already in use\n"},
       {"manager", {{SYS_sendto, EPERM}}, "error\n", "sendto: Operation not permitted\n"},
-      {"192.0.2.77", {}, "error\n", "sendto: Network is unreachable\n"},
+      {"192.0.2.77",
+       {},
+       "error\n",
+       "kivtrap: Reverse DNS lookup failed for host 192.0.2.77, address 192.0.2.77\n"
+       "sendto: Network is unreachable\n"},
   };
   for (const Case& test : cases) {
     SCOPED_TRACE(test.err);

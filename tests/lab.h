@@ -85,6 +85,25 @@ class UdpReceiver {
   int socket_;
 };
 
+/// A second machine: a network namespace whose one interface is tied to one of this
+/// machine's (10.9.0.1/24) by a cable.
+class SecondHost {
+ public:
+  /// The machine has these addresses of 10.9.0.0/24.
+  explicit SecondHost(const std::vector<std::string>& addresses);
+  ~SecondHost();
+  SecondHost(const SecondHost&) = delete;
+  SecondHost& operator=(const SecondHost&) = delete;
+
+  /// Runs `work` in this thread as on the second machine. Sockets opened and programs
+  /// started there stay there.
+  void inside(const std::function<void()>& work) const;
+
+ private:
+  int here_;  // the namespaces, as descriptors
+  int there_;
+};
+
 }  // namespace lab
 
 /// A test that needs the lab.
