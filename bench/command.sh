@@ -5,7 +5,12 @@ set -euo pipefail
 shopt -s inherit_errexit
 build=$1
 scratch=$(mktemp -d)
-trap 'rm -rf "$scratch"' EXIT
+"$build/examples/port_mapper" >"$scratch/mapper" & # answers at once that it knows nothing
+"$build/examples/port_mapper" --port 111 >"$scratch/standard_mapper" &
+trap 'kill %1 %2; rm -rf "$scratch"' EXIT
+until grep -qs Answering "$scratch/mapper" && grep -qs Answering "$scratch/standard_mapper"; do
+  sleep 0.05
+done
 echo "disk full" >"$scratch/text"
 kivtrap=("$build/trap/kivtrap" -f "$scratch/text" 127.0.0.1)
 floor=("$build/bench/minimal_sender")
