@@ -4,9 +4,9 @@
 // A program enters it once, at its start, and stays: it is then root of a machine
 // of its own, with loopback up, an empty /run, the names below and nothing to
 // reach outside. What it writes to /etc, /run and new directories of / disappears
-// with it. Where the
-// host forbids such namespaces the program goes on outside, and every LabTest
-// skips with the reason (and fails when CI is set).
+// with it, but /etc holds links to the host's files: remove one before writing it.
+// Where the host forbids such namespaces the program goes on outside, and every
+// LabTest skips with the reason (and fails when CI is set).
 #pragma once
 
 #include <gtest/gtest.h>
