@@ -352,6 +352,9 @@ TEST_F(CommandTest, PortMappersOfThisHostAreAskedOnLoopback) {
 }
 
 TEST_F(CommandTest, FailuresOfTheSystem) {
+  auto no_name = [](const std::string& host) {
+    return "kivtrap: Reverse DNS lookup failed for host " + host + ", address " + host + "\n";
+  };
   // Told for each of the two port mappers.
   const std::string cannot_bind =
       "kivtrap: Cannot bind socket to connection port in configured port range on system "
@@ -373,12 +376,8 @@ TEST_F(CommandTest, FailuresOfTheSystem) {
        "Couldn't open snmp\n",
        cannot_bind + cannot_bind + "bind: Address already in use\n"},
       {{"manager"}, {{SYS_sendto, EPERM}}, "error\n", "sendto: Operation not permitted\n"},
-      {{"192.0.2.77"},
-       {},
-       "error\n",
-       "kivtrap: Reverse DNS lookup failed for host 192.0.2.77, address 192.0.2.77\n"
-       "sendto: Network is unreachable\n"},
-      {{"0.0.0.0"}, {}, "error\n", "No remote IP address specified\n"},
+      {{"192.0.2.77"}, {}, "error\n", no_name("192.0.2.77") + "sendto: Network is unreachable\n"},
+      {{"0.0.0.0"}, {}, "error\n", no_name("0.0.0.0") + "No remote IP address specified\n"},
       {{"manager", "-c", std::string(4500, 'c')}, {}, "error\n", "Error building packet\n"},
   };
   for (const Case& test : cases) {

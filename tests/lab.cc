@@ -115,6 +115,10 @@ void fill_etc(const fs::path& root) {
                                              "192.0.2.1 lab-host\n"
                                              "10.9.0.1 lab-cable\n"
                                              "10.9.0.2 station\n"},
+                                   std::pair{"services",
+                                             "sunrpc 111/tcp portmapper\n"
+                                             "sunrpc 111/udp portmapper\n"
+                                             "snmp 161/udp\n"},
                                    std::pair{"nsswitch.conf", "hosts: files\nservices: files\n"},
                                    std::pair{"resolv.conf", ""}}) {
     fs::remove(root / "etc" / name);
