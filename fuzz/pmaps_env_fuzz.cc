@@ -25,7 +25,10 @@ std::vector<Entry> cache_from(const char* value) {
   rpc_t_varp* thread = get_rpc_t_varp();
   cleanup_mappers(thread);
   thread->port_cache_read = 0;
-  setenv(kVariable, value, 1);
+  // setenv would keep every value it was ever given.
+  static std::string assignment;
+  assignment = std::string(kVariable) + "=" + value;
+  putenv(assignment.data());
   (void)pmap_cached_port(0, 0, 0);
   std::vector<Entry> entries;
   for (const rpc_port_entry* each = thread->port_cache; each != nullptr; each = each->next) {
