@@ -26,13 +26,13 @@ bool is_local(const sockaddr_in& server) {
   return false;
 }
 
+// The sizes count over TCP alone.
 CLIENT* make_mapper_client(sockaddr_in* server, unsigned long protocol) {
   int socket = -1;
-  if (protocol == IPPROTO_UDP) {
-    return pmap_make_client(server, kPmapProgram, kPmapVersion, &kMapperTime, &socket, 0, 0);
-  }
-  return pmap_make_client(server, kPmapProgram, kPmapVersion, nullptr, &socket, kMapperTcpSize,
-                          kMapperTcpSize);
+  const timeval* retry = protocol == IPPROTO_UDP ? &kMapperTime : nullptr;
+  CLIENT* client = pmap_make_client(server, kPmapProgram, kPmapVersion, retry, &socket,
+                                    kMapperTcpSize, kMapperTcpSize);
+  return client;
 }
 
 // The mapper's answer; 0 with the creation error set.
