@@ -92,8 +92,7 @@ bool Output::print(const char* format, T value) {
   // A conversion may fail with part of it written, so a buffer without bound sees only
   // what was measured before.
   for (size_t limit = grows_ ? room() : 0;;) {
-    char* end = limit > 0 ? start_ + used_ : nullptr;
-    const int length = snprintf(end, limit, format, value);
+    const int length = snprintf(start_ + used_, limit, format, value);
     if (length < 0) return true;  // no text for such a conversion
     const auto count = static_cast<size_t>(length);
     if (count < limit) {
