@@ -89,16 +89,18 @@ class Output {
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 template <typename T>
 bool Output::print(const char* format, T value) {
-  for (;;) {
-    char* end = start_ + used_;
-    const int length = grows_ ? snprintf(end, room(), format, value) : sprintf(end, format, value);
+  // A conversion may fail with part of it written, so a buffer without bound sees only
+  // what was measured before.
+  for (size_t limit = grows_ ? room() : 0;;) {
+    const int length = snprintf(start_ + used_, limit, format, value);
     if (length < 0) return true;  // no text for such a conversion
     const auto count = static_cast<size_t>(length);
-    if (!grows_ || count < room()) {
+    if (count < limit) {
       used_ += count;
       return true;
     }
     if (!reserve(count)) return false;
+    limit = grows_ ? room() : count + 1;
   }
 }
 #pragma GCC diagnostic pop

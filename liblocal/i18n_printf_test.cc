@@ -136,6 +136,7 @@ TEST(Format, WhatIsNoConversion) {
          {formatted("a%5"), "a"},
          {formatted("a%l", 1L), "a"},
          {formatted("%lld|%zu", 1L, 2L), "d|u"},
+         {formatted("%0300lc|", 0x65E5L), "|"},  // a character that the locale lacks
          {formatted("%n%hn%ln|%d", 1, 2, &count, 3), "|3"},
          {formatted("%S%hs%hf%hp|%d", 1, 2, 3, 4, 5), "|5"},
          {formatted("%Ld%Ls|%d", 1.0L, 2.0L, 3), "|3"},
@@ -263,7 +264,7 @@ void add_argument(Kind kind, std::vector<Argument>* arguments) {
       break;
     case kLongDouble:
       arguments->emplace_back(
-          one_of({0.0L, -1.5L, 1e40L, 1e-40L, -HUGE_VALL, 1.0L / static_cast<int>(randomness())}));
+          one_of({0.0L, -1.5L, 1e40L, 1e-40L, 2.5L, 1.0L / static_cast<int>(randomness())}));
       break;
     case kText:
       arguments->emplace_back(one_of({"", "text", "日本", "\xFF%d"}));
@@ -277,8 +278,8 @@ void add_argument(Kind kind, std::vector<Argument>* arguments) {
 template <typename... Taken>
 void compare(const char* format, const std::vector<Argument>& all, Taken... taken) {
   if (sizeof...(taken) == all.size()) {
-    char wanted[16384];
-    char got[16384];
+    static char wanted[16384];  // not on the stack, which valgrind would follow
+    static char got[16384];
     const int length = snprintf(wanted, sizeof wanted, format, taken...);
     ASSERT_EQ(i18n_sprintf(got, format, taken...), length) << format;
     ASSERT_EQ(memcmp(got, wanted, static_cast<size_t>(length) + 1), 0) << format << "\n"

@@ -30,7 +30,8 @@ bool is_failure(const char* text) {
 // The prefix and `format` as one format; null without memory. A '%' in the program's
 // name is doubled, which makes it text.
 c_unique_ptr<char> prefixed(const char* format) {
-  c_unique_ptr<char> whole(static_cast<char*>(malloc(strlen(format) + kPrefixRoom)));
+  const size_t length = strlen(format);
+  c_unique_ptr<char> whole(static_cast<char*>(malloc(length + kPrefixRoom)));
   if (whole == nullptr) return nullptr;
   char prefix[kMessagePrefixSize];
   char* end = whole.get();
@@ -38,7 +39,7 @@ c_unique_ptr<char> prefixed(const char* format) {
     if (*at == '%') *end++ = '%';
     *end++ = *at;
   }
-  strcpy(end, format);
+  memcpy(end, format, length + 1);
   return whole;
 }
 
