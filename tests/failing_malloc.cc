@@ -20,11 +20,15 @@ bool FailingMalloc::failed() const { return left < 0; }
 extern "C" {
 void* __real_malloc(size_t size);
 void* __real_calloc(size_t count, size_t size);
+void* __real_realloc(void* memory, size_t size);
 char* __real_strdup(const char* text);
 
 void* __wrap_malloc(size_t size) { return grant() ? __real_malloc(size) : nullptr; }
 void* __wrap_calloc(size_t count, size_t size) {
   return grant() ? __real_calloc(count, size) : nullptr;
+}
+void* __wrap_realloc(void* memory, size_t size) {
+  return grant() ? __real_realloc(memory, size) : nullptr;
 }
 char* __wrap_strdup(const char* text) { return grant() ? __real_strdup(text) : nullptr; }
 }

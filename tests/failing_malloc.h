@@ -1,5 +1,5 @@
 // Allocations that fail on demand. A test program that links `failing_malloc` has
-// the malloc, calloc and strdup calls of its own objects and static libraries
+// the malloc, calloc, realloc and strdup calls of its own objects and static libraries
 // replaced; shared libraries keep theirs.
 #pragma once
 
