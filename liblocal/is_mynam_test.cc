@@ -35,7 +35,7 @@ const std::string kHosts =
     "198.51.100.3 mail.example.net mail\n";
 
 void pass(int64_t seconds) {
-  seconds_ahead += seconds;
+  now += seconds;
   svc_time_reset();
 }
 
@@ -55,6 +55,7 @@ class NameTest : public LabTest {
     lab::write_file("/etc/hosts", kHosts);
     free_dns_hostlist_cache();
     free_client_hostlist_cache();
+    now = 1'000'000'000;
     svc_time_reset();
     testing::internal::CaptureStderr();
   }
@@ -64,6 +65,8 @@ class NameTest : public LabTest {
     EXPECT_EQ(hostlist_fault(dns_hostlist_cache), "");
     lab::write_file("/etc/hosts", hosts_before_);
     resolver_is_down = false;
+    now = 0;
+    svc_time_reset();
     clu_set_localvirthost_hook(nullptr);
   }
 
@@ -121,9 +124,9 @@ TEST_F(NameTest, AskTheResolverOncePerTime) {
   };
   EXPECT_EQ(asked_by(all), 2);
   EXPECT_EQ(asked_by(all), 0);
-  seconds_ahead += 5000;
+  now += 5000;
   EXPECT_EQ(asked_by(all), 0) << "the service time stands until it is reset";
-  seconds_ahead -= 5000;
+  now -= 5000;
   pass(300);
   EXPECT_EQ(asked_by(all), 0);
   pass(1);

@@ -9,7 +9,7 @@
 
 namespace stand_ins {
 
-extern std::atomic<int64_t> seconds_ahead;          // of the real time
+extern std::atomic<int64_t> now;                    // what time answers; 0: the real time
 extern std::atomic<int> names_asked;                // calls of the resolver, by name
 extern std::atomic<int> addresses_asked;            // and by address
 extern std::atomic<bool> resolver_is_down;          // it knows nothing
