@@ -12,7 +12,7 @@ install(FILES README.md CHANGELOG.md docs/architecture.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT command)
 
 # The libraries: headers by folder, archives, a CMake package and pkg-config files.
-set(KIV_LIBRARIES platform liblocal snmp)
+set(KIV_LIBRARIES platform liblocal snmp rpc)
 foreach(library ${KIV_LIBRARIES})
   install(TARGETS ${library} EXPORT kivtrap
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}/kivtrap COMPONENT development)
@@ -25,12 +25,16 @@ write_basic_package_version_file(kivtrap-config-version.cmake COMPATIBILITY Same
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kivtrap-config-version.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kivtrap COMPONENT development)
 
-# One pkg-config file: kivtrap-snmp with all that stands under it.
-# It finds its prefix from its own place, so the whole tree may be moved.
+# A pkg-config file for each engine, with all that stands under it. It finds its
+# prefix from its own place, so the whole tree may be moved.
 file(RELATIVE_PATH KIV_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
-configure_file(packaging/kivtrap-snmp.pc.in kivtrap-snmp.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kivtrap-snmp.pc
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+function(kiv_pkg_config library description)
+  configure_file(packaging/kivtrap-library.pc.in kivtrap-${library}.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kivtrap-${library}.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+endfunction()
+kiv_pkg_config(snmp "SNMPv1 engine of kivtrap")
+kiv_pkg_config(rpc "ONC RPC client runtime of kivtrap")
 
 set(CPACK_PACKAGE_VENDOR "the kivtrap developers")
 set(CPACK_PACKAGE_CONTACT "the kivtrap developers <kivtrap@localhost>")

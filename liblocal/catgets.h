@@ -2,6 +2,9 @@
 //
 // Every text is written at its call site as an English default; a catalog, when
 // one is open, replaces it. Texts are UTF-8.
+//
+// Sets: 41 the command and the SNMP engine, 17 the runtime and the RPC engine, 21 more
+// of the RPC engine's. Message 264 of set 17 marks the version of a catalog.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +14,18 @@
 extern int64_t Catd;
 
 /// The text of message `number` of `set`: the catalog's, or `default_text`
-/// itself when no catalog is open or it holds no such message. Keeps `errno`.
-/// The caller neither frees nor changes the result. Thread safe.
+/// itself when no catalog is open or it holds no such message. Until _vxinit has
+/// ended, only set 17 and number 264 are looked up. Keeps `errno`. The caller neither
+/// frees nor changes the result. Thread safe.
 [[nodiscard, gnu::format_arg(4)]] const char* vxcatgets(int64_t catalog, int32_t set,
                                                         int32_t number, const char* default_text);
+
+/// Opens the catalog `name` ("vaultmre.cat" for null and "kiv"; ".cat" is appended to a
+/// name without '.') with the platform's catopen and `flags`, along its search path
+/// when the name has no '/'. Only while a language subdirectory is set (locales.h).
+/// Returns its descriptor, or -1: none found, or of another version, as debug lines tell
+/// from level 1 on. Give it back with vxcatclose. Thread safe.
+[[nodiscard]] int64_t vxcatopen(const char* name, int flags);
+
+/// Closes a catalog. Returns the result of the platform's catclose.
+int vxcatclose(int64_t catalog);

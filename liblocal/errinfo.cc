@@ -10,6 +10,7 @@
 #include "liblocal/debug.h"
 #include "liblocal/err_tables.h"
 #include "liblocal/print.h"
+#include "liblocal/utf8_convert.h"
 #include "liblocal/xmalloc.h"
 
 namespace {
@@ -233,7 +234,7 @@ const char* brix_strerror(int error) {
   char system_text[kErrorTextSize];
   const char* found = strerror_r(error, system_text, sizeof system_text);
   if (found != nullptr && *found != '\0') {
-    snprintf(text, kErrorTextSize, "%s", found);
+    utf8_mbs(text, found, kErrorTextSize);
   } else {
     snprintf(text, kErrorTextSize, vxcatgets(Catd, kCatalogSet, 149, "Error %d\n"), error);
   }

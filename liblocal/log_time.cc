@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "liblocal/vxstrftime.h"
+
 namespace {
 
 constexpr time_t kForever = 0x7fffffff;
@@ -18,9 +20,7 @@ char* log_entry_time(time_t time, char* buffer) {
   } else if (localtime_r(&time, &local) == nullptr) {
     snprintf(text, kLogTimeSize, "no-time");
   } else {
-    // The same in every locale, so the platform's strftime adds nothing.
-    snprintf(text, kLogTimeSize, "%02d/%02d/%02d %02d:%02d:%02d", local.tm_mon + 1, local.tm_mday,
-             (local.tm_year % 100 + 100) % 100, local.tm_hour, local.tm_min, local.tm_sec);
+    vxstrftime(text, kLogTimeSize, "%m/%d/%y %H:%M:%S", &local);
   }
   return text;
 }

@@ -39,10 +39,12 @@ bool is_failure(const char* text) {
 }  // namespace
 
 char* print_prefix(char* buffer) {
-  char stamp[kLogTimeSize + 1] = "";
+  char stamp[kLogTimeSize] = "";
   char name[kNameSize];
-  if (timestamps != 0) strcat(log_entry_time(time(nullptr), stamp), " ");
-  snprintf(buffer, kMessagePrefixSize, "%s%s: ", stamp, vx_get_progname(name, sizeof name));
+  const bool stamped = timestamps != 0;
+  if (stamped) log_entry_time(time(nullptr), stamp);
+  snprintf(buffer, kMessagePrefixSize, "%s%s%s: ", stamp, stamped ? " " : "",
+           vx_get_progname(name, sizeof name));
   return buffer;
 }
 

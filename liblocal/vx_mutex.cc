@@ -59,3 +59,13 @@ int32_t vx_mutex_trylock(vx_mutex* mutex) { return operate(mutex, pthread_mutex_
 int32_t vx_mutex_unlock(vx_mutex* mutex) { return operate(mutex, pthread_mutex_unlock); }
 
 int32_t vx_mutex_destroy(vx_mutex* mutex) { return _vx_object_destroy(mutex, finish); }
+
+vx_mutex* vx_mutex_made_once(std::atomic<vx_mutex*>* slot) {
+  vx_mutex* there = slot->load(std::memory_order_acquire);
+  if (there != nullptr) return there;
+  vx_mutex* made = vx_mutex_new();
+  if (made == nullptr) return nullptr;
+  if (slot->compare_exchange_strong(there, made, std::memory_order_acq_rel)) return made;
+  vx_mutex_destroy(made);
+  return there;
+}

@@ -6,6 +6,7 @@
 // are counted (vx_reference.h).
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 struct vx_mutex;
@@ -26,6 +27,10 @@ int32_t vx_mutex_unlock(vx_mutex* mutex);
 /// Drops one reference. With the last, unlocks, destroys and frees the mutex.
 /// Returns 0; 2 for a null handle; 49 for a handle that is no longer registered.
 int32_t vx_mutex_destroy(vx_mutex* mutex);
+
+/// The mutex in `slot`, made and put there by the first call, however many threads
+/// race; null when it cannot be made, which a later call tries again.
+[[nodiscard]] vx_mutex* vx_mutex_made_once(std::atomic<vx_mutex*>* slot);
 
 /// Holds a mutex for a scope. A scope entered by the thread that holds the mutex
 /// already leaves it locked.

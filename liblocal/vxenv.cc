@@ -10,11 +10,14 @@
 #include "liblocal/c_memory.h"
 #include "liblocal/errinfo.h"
 #include "liblocal/print.h"
+#include "liblocal/utf8_convert.h"
 #include "liblocal/vx_mutex.h"
 #include "liblocal/vx_once.h"
 #include "liblocal/xmalloc.h"
 
 namespace {
+
+constexpr size_t kValueSize = 18432;  // bytes of a converted text, terminator included
 
 // A text that add_to_environment has handed to the environment, which points at it
 // from then on: neither is ever freed.
@@ -52,16 +55,41 @@ char* listed(c_unique_ptr<char> text) {
   return added->text;
 }
 
+// An area for a converted text, of kValueSize zero bytes, that is never freed; null
+// without memory, which is told.
+char* new_area() {
+  char* area = static_cast<char*>(calloc(1, kValueSize));
+  if (area == nullptr) {
+    printerr("%s\n", brix_strerror(ENOMEM));
+    errno = ENOMEM;
+  }
+  return area;
+}
+
 }  // namespace
 
-const char* vxgetenv(const char* name) { return getenv(name); }
+const char* vxgetenv(const char* name) {
+  const char* value = getenv(name);
+  if (value == nullptr || is_ascii_text(value)) return value;
+  char* converted = new_area();
+  if (converted != nullptr) utf8_mbs(converted, value, kValueSize);
+  return converted;
+}
 
-int vxputenv(char* text) { return text == nullptr ? 0 : putenv(text); }
+int vxputenv(char* text) {
+  if (text == nullptr) return 0;
+  if (is_ascii_text(text)) return putenv(text);
+  char* converted = new_area();
+  if (converted == nullptr) return -1;
+  ansi_mbs(converted, text, kValueSize);
+  return putenv(converted);
+}
 
 int add_to_environment(const char* name, const char* value, int prepend) {
   if (name == nullptr || value == nullptr) return 0;
   const char* old = prepend != 0 ? vxgetenv(name) : nullptr;
   c_unique_ptr<char> text = make_assignment(name, value, old);
+  if (old != nullptr && !is_ascii_text(old)) free(const_cast<char*>(old));  // converted for this
   if (text == nullptr) return 0;
   return vxputenv(listed(std::move(text))) == 0 ? 1 : 0;
 }

@@ -4,9 +4,9 @@
 // A program enters it once, at its start, and stays: it is then root of a machine
 // of its own, with loopback up, an empty /run, the names below and nothing to
 // reach outside. What it writes to /etc, /run and new directories of / disappears
-// with it. Where the
-// host forbids such namespaces the program goes on outside, and every LabTest
-// skips with the reason (and fails when CI is set).
+// with it, but /etc holds links to the host's files: remove one before writing it.
+// Where the host forbids such namespaces the program goes on outside, and every
+// LabTest skips with the reason (and fails when CI is set).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -21,6 +21,7 @@
 namespace lab {
 
 constexpr char kHostName[] = "lab-host";  // 192.0.2.1 by the lab's hosts file
+constexpr unsigned kUser = 1000;          // a user and group without rights
 
 /// Enters the lab, unless the process (or one it descends from) is in one. Runs
 /// the program again inside and ends with its exit status, so it returns only
@@ -29,6 +30,9 @@ void enter(char** argv);
 
 /// Empty inside the lab, else the reason why there is none.
 const std::string& why_outside();
+
+/// False where the host lends the lab no users but root.
+bool has_users();
 
 /// Writes a whole file; throws when it cannot.
 void write_file(const std::string& path, std::string_view text);
@@ -47,6 +51,8 @@ struct Command {
   std::vector<std::pair<long, int>> refused;  // system call and the errno it fails with
   std::function<void(pid_t)> before_input;    // runs once the program is started
   int seconds = 60;                           // then it is killed
+  unsigned user = 0;                          // the user and group that it runs as
+  std::string file;                           // the program, when not found by words[0]
 };
 
 struct Outcome {
@@ -84,6 +90,8 @@ class UdpReceiver {
 class LabTest : public testing::Test {
  protected:
   void SetUp() override;
+  /// Skips the running test because the lab lacks something; in CI it fails.
+  static void skip(const std::string& reason);
 };
 
 /// The bytes that hex digits stand for; white space between them is ignored.

@@ -52,12 +52,21 @@ TEST(ReadMessage, WrapsWhenAsked) {
   EXPECT_EQ(read("\n", true), "");
 }
 
+// A stream of two lines; memory comes back between them.
+ssize_t next_line(void* lines_read, char* buffer, size_t) {
+  static std::optional<FailingMalloc> failing;
+  auto* count = static_cast<int*>(lines_read);
+  if (++*count > 2) return 0;
+  *count == 1 ? void(failing.emplace(0)) : failing.reset();
+  const std::string line = "line " + std::to_string(*count) + "\n";
+  return static_cast<ssize_t>(line.copy(buffer, line.size()));
+}
+
 TEST(ReadMessage, WithoutMemoryTheNextLineGetsItsChance) {
-  std::string input = "first\nsecond\n";
-  FILE* source = fmemopen(input.data(), input.size(), "r");
-  setvbuf(source, nullptr, _IONBF, 0);
-  FailingMalloc failing(0);
-  EXPECT_EQ(read_message(source, false), nullptr);
+  int lines_read = 0;
+  FILE* source = fopencookie(&lines_read, "r", {next_line, nullptr, nullptr, nullptr});
+  c_unique_ptr<char> message = read_message(source, false);
+  EXPECT_STREQ(message.get(), "line 2");
 }
 
 using DeliveryTest = LabTest;
@@ -77,7 +86,9 @@ TEST_F(DeliveryTest, EveryAllocationMayFail) {
       FailingMalloc failing(refused);
       status = deliver_trap(options, "10.0.0.1", message);
     }
-    testing::internal::GetCapturedStdout();
+    // Only the session says anything, and only of itself.
+    std::string printed = testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(printed.empty() || (status == 1 && printed == "Couldn't open snmp\n")) << printed;
     EXPECT_EQ(station.receive_now().has_value(), status == 0);
   }
   EXPECT_EQ(status, 0);

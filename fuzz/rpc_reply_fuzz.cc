@@ -1,0 +1,86 @@
+// A whole datagram decoded as a reply, from a stream that knows its end and from one
+// that does not. The first byte chooses what the results are; all of it is released.
+#undef NDEBUG
+#include <cassert>
+#include <cstdlib>
+#include <vector>
+
+#include "rpc/c_perror.h"
+#include "rpc/rpc_prot.h"
+#include "rpc/x_mem.h"
+#include "rpc/xdr_compound.h"
+#include "rpc/xdr_object.h"
+
+namespace {
+
+// Results that allocate in every way that there is.
+struct Results {
+  char* text;
+  uint32_t count;
+  char** texts;
+  uint32_t number_count;
+  uint64_t* numbers;
+  Results* next;
+  int32_t kind;
+  uint16_t port;
+};
+
+template <typename T>
+void** as_void(T** pointer) {
+  return reinterpret_cast<void**>(pointer);
+}
+
+bool results_filter(XDR* xdrs, Results* results) {
+  static const xdr_discrim kArms[] = {{1, xdr_arm<__brix_xdr_u_short>}, {0, nullptr}};
+  return __brix_xdr_wrapstring(xdrs, &results->text) &&
+         __brix_xdr_array(xdrs, as_void(&results->texts), &results->count, UINT32_MAX,
+                          sizeof(char*), xdr_filter<__brix_xdr_wrapstring>) &&
+         __brix_xdr_array(xdrs, as_void(&results->numbers), &results->number_count, UINT32_MAX,
+                          sizeof(uint64_t), xdr_filter<xdr_uint64_t>) &&
+         __brix_xdr_pointer(xdrs, as_void(&results->next), sizeof(Results),
+                            xdr_filter<results_filter>) &&
+         __brix_xdr_union(xdrs, &results->kind, &results->port, kArms, nullptr);
+}
+
+constexpr xdrproc_t kFilters[] = {xdr_filter<results_filter>, xdr_filter<__brix_xdr_u_short>,
+                                  __brix_xdr_void};
+
+int32_t unknown(XDR* /*xdrs*/) { return kXdrRemainingUnknown; }
+uint8_t* no_inline(XDR* /*xdrs*/, int32_t /*length*/) { return nullptr; }
+
+void decode(std::vector<uint8_t>& datagram, xdrproc_t filter, bool blind) {
+  XDR in;
+  __brix_xdrmem_create(&in, datagram.data(), static_cast<int32_t>(datagram.size()),
+                       xdr_op::kDecode);
+  xdr_ops ops = *in.ops;
+  if (blind) {
+    ops.get_remaining = unknown;
+    ops.get_inline = no_inline;
+    in.ops = &ops;
+  }
+  Results results = {};
+  rpc_reply_message reply = {};
+  reply.accepted.results = &results;
+  reply.accepted.results_filter = filter;
+  if (__brix_xdr_replymsg(&in, &reply)) {
+    // Strings end at their first NUL when they go out again, so that may take less.
+    uint64_t again = __brix_xdr_sizeof(xdr_filter<__brix_xdr_replymsg>, &reply);
+    assert(again > 0 && again <= in.ops->get_position(&in));
+    rpc_err error;
+    __brix_seterr_reply(&reply, &error);
+    assert(*clnt_sperror_rpc_err(&error, "reply") == 'r');
+  }
+  __brix_xdr_free(xdr_filter<__brix_xdr_opaque_auth>, &reply.accepted.verifier);
+  __brix_xdr_free(filter, &results);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size == 0) return 0;
+  std::vector<uint8_t> datagram(data + 1, data + size);  // exactly sized
+  xdrproc_t filter = kFilters[data[0] % std::size(kFilters)];
+  decode(datagram, filter, false);
+  decode(datagram, filter, true);
+  return 0;
+}

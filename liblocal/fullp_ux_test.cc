@@ -1,0 +1,266 @@
+// Full path names over a tree of real directories and links, in the lab.
+#include "liblocal/fullp_ux.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <tuple>
+
+#include "liblocal/liblvars.h"
+#include "liblocal/progname.h"
+#include "tests/lab.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr unsigned kPlain = 0, kFollow = kFullpathFollow, kSlash = kFullpathDirectorySlash;
+
+class Fullpath : public LabTest {
+ protected:
+  void SetUp() override {
+    LabTest::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
+    start = fs::current_path();
+    root = "/fullpath." + std::to_string(getpid());  // in the lab's own root directory
+    for (const char* name : {"/dir", "/.dot", "/deep/er"}) fs::create_directories(root + name);
+    for (const char* name : {"/dir/file", "/dir/.hidden", "/.dot/file"}) {
+      lab::write_file(root + name, "");
+    }
+    lab::write_file(root + ".file", "");
+    const std::pair<std::string, std::string> links[] = {
+        {"dir", "link_dir"},        {"dir/file", "link_file"},
+        {"../link_file", "dir/up"}, {"loop", "loop"},
+        {"nowhere", "broken"},      {root + "/dir/file", "absolute"},
+        {root + ".file", "above"},  {"../../dir/../dir/up", "deep/er/way"}};
+    for (const auto& [target, name] : links) fs::create_symlink(target, root + "/" + name);
+    for (int i = 1; i <= 20; ++i) {  // so many links from there
+      fs::create_symlink(i == 1 ? "dir/file" : "chain" + std::to_string(i - 1),
+                         root + "/chain" + std::to_string(i));
+    }
+    fs::current_path(root);
+    vx_set_progname("kivtrap");
+  }
+  void TearDown() override {
+    Debug = 0;
+    if (root.empty()) return;
+    fs::current_path(start);
+    fs::remove_all(root);
+    fs::remove(root + ".file");
+  }
+
+  // '@' stands for the root of the tree.
+  std::string in_tree(std::string text) const {
+    for (size_t at = 0; (at = text.find('@', at)) != text.npos; at += root.size()) {
+      text.replace(at, 1, root);
+    }
+    return text;
+  }
+
+  // The answer, or the name of the error; and the process stays where it was.
+  std::string resolved(const std::string& path, unsigned flags, size_t size = kPathSize) const {
+    struct stat before, after;
+    EXPECT_EQ(stat(".", &before), 0);
+    std::string output(size, 'x');
+    errno = 0;
+    char* result = fullpath2(in_tree(path).c_str(), output.data(), size, flags);
+    int error = errno;
+    EXPECT_EQ(stat(".", &after), 0);
+    EXPECT_EQ(before.st_ino, after.st_ino) << path;
+    if (result == nullptr) return strerrorname_np(error);
+    EXPECT_EQ(result, output.data());
+    output.resize(strlen(result));
+    return output;
+  }
+
+  // What a failing call says in debug lines of `level`.
+  std::string told(int level, const std::string& path, unsigned flags, size_t size = kPathSize) {
+    Debug = level;
+    testing::internal::CaptureStderr();
+    static_cast<void>(resolved(path, flags, size));
+    std::string lines = testing::internal::GetCapturedStderr();
+    Debug = 0;
+    return lines;
+  }
+
+  std::string root;
+  fs::path start;
+};
+
+TEST_F(Fullpath, Names) {
+  const struct {
+    unsigned flags;
+    const char *path, *wanted;
+  } cases[] = {
+      // absolute, and their own answer
+      {kPlain, "/", "/"},
+      {kPlain, "///", "/"},
+      {kPlain, "@", "@"},
+      {kPlain, "@/dir", "@/dir"},
+      {kPlain, "@/dir///", "@/dir"},
+      {kPlain, "@/dir/file", "@/dir/file"},
+      {kPlain, "@/dir/file/", "@/dir/file"},
+      {kPlain, "@/link_dir", "@/link_dir"},
+      {kPlain, "@/broken", "@/broken"},
+      {kFollow, "@/dir/file", "@/dir/file"},
+      // absolute, found by going there
+      {kPlain, "@/dir/../dir/file", "@/dir/file"},
+      {kPlain, "@/dir/..", "@"},
+      {kPlain, "@/./dir", "@/dir"},
+      {kPlain, "@//dir//file", "@/dir/file"},
+      {kPlain, "@/link_dir/file", "@/dir/file"},
+      {kPlain, "@/link_dir/up", "@/dir/up"},
+      {kPlain, "@/.dot/file", "@/.dot/file"},
+      {kPlain, "@/dir/.hidden", "@/dir/.hidden"},
+      // relative
+      {kPlain, "dir", "@/dir"},
+      {kPlain, "dir/file", "@/dir/file"},
+      {kPlain, ".", "@"},
+      {kPlain, "..", "/"},
+      {kPlain, "../", "/"},
+      {kPlain, "link_file", "@/link_file"},
+      {kPlain, "link_dir/", "@/dir"},
+      {kPlain, "link_dir/../link_dir/up", "@/dir/up"},
+      {kPlain, "loop", "@/loop"},
+      // following links
+      {kFollow, "@/link_file", "@/dir/file"},
+      {kFollow, "@/link_dir", "@/dir"},
+      {kFollow, "@/link_dir/up", "@/dir/file"},
+      {kFollow, "@/absolute", "@/dir/file"},
+      {kFollow, "@/above", "@.file"},
+      {kFollow, "deep/er/way", "@/dir/file"},
+      {kFollow, "link_file", "@/dir/file"},
+      {kFollow, "chain19", "@/dir/file"},
+      {kFollow, "chain20", "ELOOP"},
+      {kFollow, "loop", "ELOOP"},
+      {kFollow, "broken", "ENOENT"},
+      // a '/' behind directories
+      {kSlash, "/", "/"},
+      {kSlash, "..", "/"},
+      {kSlash, "@/dir", "@/dir/"},
+      {kSlash, "dir/", "@/dir/"},
+      {kSlash, "@/dir/file", "@/dir/file"},
+      {kSlash, "@/link_dir", "@/link_dir"},
+      {kSlash, "@.file", "@.file"},
+      {kSlash | kFollow, "@/link_dir", "@/dir/"},
+      // nothing there
+      {kPlain, "", "ENOENT"},
+      {kPlain, "@/nowhere", "ENOENT"},
+      {kPlain, "nowhere/..", "ENOENT"},
+      {kPlain, "dir/file/", "ENOTDIR"},
+      {kFollow, "@/dir/file/x", "ENOTDIR"},
+  };
+  for (const auto& [flags, path, wanted] : cases) {
+    EXPECT_EQ(resolved(path, flags), in_tree(wanted)) << path << " " << flags;
+  }
+  EXPECT_EQ(fullpath2(nullptr, root.data(), 1, 0), nullptr);
+  EXPECT_EQ(fullpath2("/", nullptr, 1, 0), nullptr);
+  EXPECT_EQ(fullpath2("/", root.data(), 0, 0), nullptr);
+  EXPECT_EQ(fullpath("dir/../link_file"), in_tree("@/link_file"));
+}
+
+TEST_F(Fullpath, OutputSizes) {
+  const struct {
+    unsigned flags;
+    const char *path, *wanted, *error;
+  } cases[] = {{kPlain, "@/dir/file", "@/dir/file", "ENAMETOOLONG"},
+               {kPlain, "dir/file", "@/dir/file", "ENAMETOOLONG"},
+               {kFollow, "chain3", "@/dir/file", "ENAMETOOLONG"},
+               {kPlain, "link_file", "@/link_file", "ENAMETOOLONG"},
+               {kPlain, "dir", "@/dir", "ERANGE"},
+               {kSlash, "dir", "@/dir", "ERANGE"}};
+  for (const auto& [flags, path, wanted, error] : cases) {
+    const std::string name = in_tree(wanted);
+    EXPECT_EQ(resolved(path, flags, name.size()), error) << path;
+    EXPECT_EQ(resolved(path, flags, name.size() + 1), name) << path;
+    EXPECT_EQ(resolved(path, flags, name.size() + 2), name + (flags == kSlash ? "/" : "")) << path;
+  }
+  EXPECT_EQ(resolved("/", kPlain, 2), "/");
+  EXPECT_EQ(resolved("..", kSlash, 1), "ERANGE");
+}
+
+TEST_F(Fullpath, LongNames) {
+  const std::string component(255, 'n');
+  EXPECT_EQ(resolved("@/" + component + "n", kPlain), "ENAMETOOLONG");
+  EXPECT_EQ(resolved(std::string(kPathSize, '/') + "tmp", kPlain), "ENAMETOOLONG");
+  std::string path = root;
+  for (int i = 0; i < 20; ++i, path += "/" + component) {  // deeper than the system takes at once
+    ASSERT_EQ(mkdir(component.c_str(), 0755), 0);
+    ASSERT_EQ(chdir(component.c_str()), 0);
+  }
+  lab::write_file("file", "");
+  EXPECT_EQ(resolved("file", kPlain), path + "/file");
+  // Into the directory itself it gets, but by that name not back.
+  EXPECT_EQ(resolved(".", kPlain), "ENAMETOOLONG");
+  EXPECT_EQ(told(1, "./file", kPlain),
+            "kivtrap: fullpath(./file) cannot restore cwd to " + path + ": File name too long\n");
+  EXPECT_EQ(told(1, path, kPlain), "kivtrap: cannot stat " + path + "\n");
+}
+
+TEST_F(Fullpath, ClosedDirectories) {
+  if (!lab::has_users()) return skip("no users but root here");
+  fs::create_directories(root + "/shut/open");
+  lab::write_file("shut/open/file", "");
+  fs::create_directory(root + "/unsearchable");
+  chmod("unsearchable", 0744);
+  chmod("shut", 0711);  // can be passed, but not read
+  ASSERT_EQ(seteuid(lab::kUser), 0);
+  EXPECT_EQ(resolved("shut/open/../open/file", kPlain), in_tree("@/shut/open/file"));
+  EXPECT_EQ(resolved("unsearchable", kPlain), "EACCES");
+  EXPECT_EQ(told(1, "unsearchable", kPlain),
+            "kivtrap: cannot chdir to unsearchable: Permission denied\n");
+  ASSERT_EQ(chdir("shut/open"), 0);
+  ASSERT_EQ(seteuid(0), 0);
+  chmod((root + "/shut").c_str(), 0700);
+  ASSERT_EQ(seteuid(lab::kUser), 0);
+  EXPECT_EQ(resolved("file", kPlain), in_tree("@/shut/open/file"));
+  EXPECT_EQ(resolved("@/shut/open/file", kPlain), "EACCES");
+  EXPECT_EQ(told(1, "./file", kPlain), in_tree("kivtrap: fullpath(./file) cannot restore cwd to "
+                                               "@/shut/open: Permission denied\n"));
+  EXPECT_EQ(seteuid(0), 0);
+}
+
+TEST_F(Fullpath, DebugLines) {
+  const std::string size_name = in_tree("@/dir/file");
+  const std::tuple<int, const char*, unsigned, size_t, const char*> cases[] = {
+      {0, "nowhere", kPlain, kPathSize, ""},
+      {1, "@/nowhere", kPlain, kPathSize, "cannot stat @/nowhere\n"},
+      {1, "dir", kPlain, 3, "getcwd failed on dir\n"},
+      {2, "dir/file", kPlain, 3, "fullpath getcwd failed on dir\n"},
+      {3, "dir/file", kPlain, 3,
+       "fullpath getcwd failed on dir\nkivtrap: fullpath failed to get the new cwd\n"},
+      {1, "dir/file", kPlain, size_name.size(), "@/dir/file path is too long\n"},
+      {1, "link_file", kPlain, 3, "@/link_file path is too long\n"},
+      {1, "chain20", kFollow, kPathSize,
+       "fullpath too many symlink loops for chain20: Too many levels of symbolic links\n"},
+      {2, "chain2", kFollow, kPathSize, ""},
+      {3, "chain2", kFollow, kPathSize, "fullpath follow_path returns `dir/file'\n"},
+      {3, "@/dir", kFollow, kPathSize, ""},
+  };
+  for (const auto& [level, path, flags, size, lines] : cases) {
+    EXPECT_EQ(told(level, path, flags, size), *lines == '\0' ? "" : "kivtrap: " + in_tree(lines))
+        << path << " " << level;
+  }
+}
+
+TEST_F(Fullpath, ADirectoryThatIsGone) {
+  fs::create_directory("gone");
+  fs::current_path("gone");
+  fs::remove("../gone");
+  const std::string path = in_tree("@/dir/../dir");
+  char output[kPathSize];
+  Debug = 1;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(fullpath2(path.c_str(), output, sizeof output, kPlain), nullptr);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "kivtrap: fullpath(" + path + "): cannot determine current directory\n");
+  EXPECT_STREQ(fullpath2(in_tree("@/dir").c_str(), output, sizeof output, kPlain),
+               in_tree("@/dir").c_str());
+}
+
+}  // namespace

@@ -1,0 +1,60 @@
+// Text between UTF-8, which everything inside uses, and the codeset of the process's
+// locale, in which the platform speaks.
+//
+// Where the locale's codeset is UTF-8 too, text passes as it is. Texts are
+// NUL-terminated unless a length is asked for. Every operation keeps `errno`.
+//
+// The first conversion fixes the codeset for the life of the process (see
+// codesets.h). When the lock of a direction cannot be made, that is said on
+// descriptor 2 and SIGTERM raised; where the process lives on, the text ends there.
+//
+// Thread safety: every operation may be called from any thread.
+#pragma once
+
+#include <cstddef>
+
+/// Converts `input` from the locale's codeset to UTF-8 into `output` of `size` bytes.
+/// Each byte that is not valid in the codeset becomes '?'. The text is always
+/// terminated, and cut before a character that does not fit. An absent or empty
+/// input gives an empty text. Returns the number of bytes written without the NUL;
+/// `size` when the cut text would have filled the last byte too.
+size_t utf8_mbs(char* output, const char* input, size_t size);
+
+/// Converts `input` from UTF-8 to the locale's codeset into `output` of `size`
+/// bytes, terminates and cuts as utf8_mbs, and returns the same. A transparent byte
+/// (see mbt.h) becomes the byte it stands for; bytes that are not UTF-8 are copied;
+/// each character that the codeset lacks becomes '?'. A broken transparent byte, 0xEF
+/// 0xA2 or 0xEF 0xA3 without its third byte, ends the text, and 0 is returned.
+size_t ansi_mbs(char* output, const char* input, size_t size);
+
+/// ansi_mbs within 12288 bytes and then vx_mbstombts into `output` of `size` bytes.
+/// Returns 1; 0 when there is nothing to convert or `output` is too small.
+int vx_utf8tombts(char* output, const char* input, size_t size);
+
+/// The number of characters of `text`, which is in the locale's codeset, by the
+/// platform's mblen; 0 for an absent or empty text, -1 when it is not valid. Needs no
+/// conversion; not for two threads at once where the codeset has shift states.
+[[nodiscard]] int ansi_mbslen(const char* text);
+
+/// utf8_mbs / ansi_mbs into a buffer of the calling thread, which has at least `size`
+/// bytes (and at least 6144). Returns it; it lasts until the thread's next call of the
+/// same operation. Null with ENOMEM in `errno` when it cannot grow.
+///
+/// REQUIRES: `text` is no earlier result of the same operation.
+[[nodiscard]] char* utf8encode(const char* text, size_t size);
+[[nodiscard]] char* utf8decode(const char* text, size_t size);
+
+/// What a conversion of part of a text did.
+struct Utf8Progress {
+  size_t consumed;  // bytes of the input
+  size_t written;   // bytes of the output
+};
+
+/// As utf8_mbs for `length` bytes, NUL bytes among them: fills `room` bytes at most,
+/// adds no NUL, and leaves a character that does not fit unconsumed. When `more` text
+/// follows elsewhere, so stays a character at the end that is not complete.
+Utf8Progress utf8_mbs_part(char* output, size_t room, const char* input, size_t length, bool more);
+
+/// As ansi_mbs for `length` bytes of a text, likewise. A broken transparent byte ends
+/// the output, and the rest of the input counts as consumed.
+Utf8Progress ansi_mbs_part(char* output, size_t room, const char* input, size_t length);

@@ -1,0 +1,51 @@
+// The directories of the installation and of the application, and the program's
+// argv[0], from which they come.
+//
+// The installation directory is the parent of the directory that holds the
+// executable: "/usr" for /usr/sbin/kivtrap. The application directory is "/" and
+// the application's name ("/kiv"), except for the applications "tarn" and "qmo",
+// which live in the installation directory once that is known.
+//
+// What a getter returns belongs to this service and stays as it is for the life of
+// the process; null means that the base is not known.
+//
+// Thread safety: from any thread, once _vxinit has run.
+#pragma once
+
+/// Records a copy of argv[0]. vx_get_argv0 returns it, null while there is none; it
+/// lasts until the next vx_set_argv0.
+void vx_set_argv0(const char* argv0);
+[[nodiscard]] const char* vx_get_argv0();
+
+/// Records `argv0`, finds the installation directory with it (find_origin.h) unless
+/// it is known, and returns it; null when it cannot be found, and for a null
+/// `argv0`.
+const char* vx_find_installdir(const char* argv0);
+
+/// The installation directory; null while it is not known.
+[[nodiscard]] const char* vx_get_installdir();
+
+/// The application directory. The first `name` that is given, and no later one, is
+/// the application's; null asks for the directory alone.
+const char* find_appdir(const char* name);
+
+/// "bin" in the installation directory.
+[[nodiscard]] const char* vx_get_bindir();
+
+/// The directory of that name in the application directory.
+[[nodiscard]] const char* vx_get_applogsdir();
+[[nodiscard]] const char* vx_get_coresdir();
+[[nodiscard]] const char* vx_get_debugdir();
+[[nodiscard]] const char* vx_get_etcdir();
+[[nodiscard]] const char* vx_get_glsdir();
+[[nodiscard]] const char* vx_get_indexdir();
+[[nodiscard]] const char* vx_get_libdir();
+[[nodiscard]] const char* vx_get_logsdir();
+[[nodiscard]] const char* vx_get_mmdir();
+[[nodiscard]] const char* vx_get_moddir();  // "mod"
+[[nodiscard]] const char* vx_get_rapdir();
+[[nodiscard]] const char* vx_get_resdir();
+[[nodiscard]] const char* vx_get_tmpdir();
+
+/// "sec" in the directory of vx_get_tmpdir.
+[[nodiscard]] const char* vx_get_securedir();

@@ -1,0 +1,91 @@
+#include "liblocal/vxenv.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "liblocal/c_memory.h"
+#include "liblocal/errinfo.h"
+#include "liblocal/print.h"
+#include "tests/failing_malloc.h"
+
+namespace {
+
+constexpr char kName[] = "KIV_ENV_TEST";
+
+TEST(Vxenv, AsciiPassesAsItIs) {
+  EXPECT_EQ(vxgetenv("KIV_NO_SUCH_VARIABLE"), nullptr);
+  for (const char* value : {"", "plain", "a=b:\x7F"}) {
+    setenv(kName, value, 1);
+    EXPECT_EQ(vxgetenv(kName), getenv(kName));
+    EXPECT_STREQ(vxgetenv(kName), value);
+  }
+  static char text[] = "KIV_ENV_TEST=put";
+  EXPECT_EQ(vxputenv(text), 0);
+  EXPECT_EQ(getenv(kName), text + sizeof kName);
+  EXPECT_EQ(vxputenv(nullptr), 0);
+  unsetenv(kName);
+}
+
+// In the plain locale, where every byte is a Latin-1 character.
+TEST(Vxenv, ConvertsOtherTexts) {
+  setenv(kName, "caf\xE9", 1);
+  c_unique_ptr<char> value(const_cast<char*>(vxgetenv(kName)));
+  EXPECT_STREQ(value.get(), "caf\xC3\xA9");
+  static char text[] = "KIV_ENV_TEST=\xC3\xBC";
+  EXPECT_EQ(vxputenv(text), 0);
+  EXPECT_STREQ(getenv(kName), "\xFC");
+  c_unique_ptr<char> first(getenv(kName) - sizeof kName);  // the environment lets go of it now
+  EXPECT_EQ(add_to_environment(kName, "\xC3\xA4", 1), 1);
+  EXPECT_STREQ(getenv(kName), "\xE4:\xFC");
+  testing::internal::CaptureStderr();
+  printerr("%s\n", brix_strerror(ENOMEM));  // has what it needs once before memory is gone
+  {
+    FailingMalloc none(0);
+    EXPECT_EQ(vxgetenv(kName), nullptr);
+    EXPECT_EQ(errno, ENOMEM);
+    errno = 0;
+    EXPECT_EQ(vxputenv(text), -1);
+    EXPECT_EQ(errno, ENOMEM);
+  }
+  testing::internal::GetCapturedStderr();
+  EXPECT_STREQ(getenv(kName), "\xE4:\xFC");
+  c_unique_ptr<char> second(getenv(kName) - sizeof kName);
+  unsetenv(kName);
+}
+
+TEST(Vxenv, AddsToTheEnvironment) {
+  const struct {
+    const char* value;
+    int prepend;
+    const char* wanted;
+  } cases[] = {{"first", 1, "first"},  // nothing there to stand before
+               {"second", 1, "second:first"},
+               {"third", 0, "third"},
+               {"", 1, ":third"},
+               {"third", 0, "third"},
+               {"", 0, ""}};
+  unsetenv(kName);
+  for (const auto& [value, prepend, wanted] : cases) {
+    EXPECT_EQ(add_to_environment(kName, value, prepend), 1);
+    EXPECT_STREQ(getenv(kName), wanted);
+  }
+  // Equal texts share one copy, whatever stood there between.
+  add_to_environment(kName, "third", 0);
+  const char* third = getenv(kName);
+  add_to_environment(kName, "other", 0);
+  add_to_environment(kName, "third", 0);
+  EXPECT_EQ(getenv(kName), third);
+  EXPECT_EQ(add_to_environment(kName, nullptr, 0), 0);
+  EXPECT_EQ(add_to_environment(nullptr, "x", 0), 0);
+  {
+    FailingMalloc none(0);
+    EXPECT_EQ(add_to_environment(kName, "more", 1), 0);
+    EXPECT_TRUE(none.failed());
+  }
+  EXPECT_EQ(getenv(kName), third);
+  unsetenv(kName);
+}
+
+}  // namespace

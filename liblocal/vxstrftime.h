@@ -1,0 +1,11 @@
+// Times as UTF-8 text in the locale's words.
+#pragma once
+
+#include <cstddef>
+#include <ctime>
+
+/// Formats `time` as the platform's strftime does with the UTF-8 text `format`, of at
+/// most 1023 bytes in the locale's codeset, into `output` of `size` bytes: UTF-8, cut to
+/// fit and terminated. Returns the text's length; 0 for an absent output, or when the
+/// text would take 600 bytes or more or is empty. Thread safe.
+size_t vxstrftime(char* output, size_t size, const char* format, const tm* time);

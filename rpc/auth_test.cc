@@ -1,0 +1,199 @@
+// The authentication flavours none and system, and the choice between them.
+#include "rpc/auth.h"
+
+#include <grp.h>
+#include <unistd.h>
+
+#include "rpc/a_none.h"
+#include "rpc/a_unix.h"
+#include "rpc/auth_choice.h"
+#include "rpc/rpc_prot.h"
+#include "tests/threads.h"
+#include "tests/xdr_streams.h"
+
+namespace {
+
+struct Destroyer {
+  void operator()(AUTH* auth) const { auth->ops->destroy(auth); }
+};
+using Auth = std::unique_ptr<AUTH, Destroyer>;
+
+std::string marshalled(AUTH* auth) {
+  TestStream out(std::string(1000, 'x'), xdr_op::kEncode);
+  EXPECT_TRUE(auth->ops->marshal(auth, out.get()));
+  EXPECT_FALSE(auth->ops->marshal(auth, TestStream("123456789012345", xdr_op::kEncode).get()));
+  return out.hex();
+}
+
+int32_t method_of(AUTH* auth) {
+  int32_t method = 0;
+  EXPECT_FALSE(auth->ops->control(auth, 3, &method));
+  EXPECT_FALSE(auth->ops->control(auth, 2, nullptr));
+  EXPECT_EQ(method, 0);
+  EXPECT_TRUE(auth->ops->control(auth, 2, &method));
+  return method;
+}
+
+Auth system_auth() {
+  const gid_t groups[] = {7, 8};
+  return Auth(__brix_authsys_create("box", 0xFFFFFFFE, 5, 2, groups));
+}
+
+// What system_auth marshals, without its time stamp (bytes 8 to 11).
+std::string without_time(std::string hex) { return hex.replace(16, 8, "TTTTTTTT"); }
+const std::string kFull =
+    "00000001"
+    "00000020"
+    "TTTTTTTT"
+    "00000003626F7800"
+    "FFFFFFFE"
+    "00000005"
+    "000000020000000700000008"
+    "0000000000000000";
+
+bool validate(AUTH* auth, int32_t flavour, const char* hex) {
+  std::string body = from_hex(hex);
+  opaque_auth verifier = {flavour, reinterpret_cast<uint8_t*>(body.data()),
+                          static_cast<uint32_t>(body.size())};
+  return auth->ops->validate(auth, &verifier);
+}
+
+TEST(AuthNone, IsOneForAll) {
+  AUTH* auth = nullptr;
+  in_threads(4, [](int) { EXPECT_EQ(marshalled(__brix_authnone_create()), std::string(32, '0')); });
+  auth = __brix_authnone_create();
+  auth->ops->next_verifier(auth);
+  EXPECT_TRUE(validate(auth, kAuthShort, "00"));
+  EXPECT_FALSE(auth->ops->refresh(auth));
+  EXPECT_FALSE(auth->ops->needs_refresh(auth, true, nullptr));
+  EXPECT_EQ(method_of(auth), 1);
+  auth->ops->destroy(auth);
+  EXPECT_EQ(auth_create_default(), auth);
+  EXPECT_EQ(marshalled(auth), std::string(32, '0'));
+}
+
+TEST(AuthSystem, SendsItsParameters) {
+  time_t before = time(nullptr);
+  Auth auth = system_auth();
+  std::string hex = marshalled(auth.get());
+  EXPECT_EQ(without_time(hex), kFull);
+  EXPECT_GE(std::stoll(hex.substr(16, 8), nullptr, 16), before);
+  EXPECT_LE(std::stoll(hex.substr(16, 8), nullptr, 16), time(nullptr));
+  auth->ops->next_verifier(auth.get());
+  EXPECT_FALSE(auth->ops->needs_refresh(auth.get(), false, nullptr));
+  EXPECT_EQ(method_of(auth.get()), 2);
+  EXPECT_FALSE(auth->ops->refresh(auth.get()));  // it is in full use
+  EXPECT_EQ(Auth(__brix_authsys_create(nullptr, 0, 0, 0, nullptr))->credential.length, 20u);
+}
+
+TEST(AuthSystem, BoundsItsParameters) {
+  const gid_t groups[18] = {};
+  for (auto [name, count, made] :
+       {std::tuple{255U, 17U, true}, {256U, 0U, false}, {0U, 18U, false}}) {
+    Auth auth(__brix_authsys_create(std::string(name, 'n').c_str(), 0, 0, count, groups));
+    EXPECT_EQ(auth != nullptr, made) << name << " " << count;
+  }
+  for (int granted = 0;; ++granted) {
+    FailingMalloc failing(granted);
+    errno = 0;
+    Auth auth(system_auth());
+    EXPECT_EQ(auth == nullptr, failing.failed());
+    if (auth != nullptr) break;
+    EXPECT_EQ(errno, ENOMEM);
+  }
+}
+
+TEST(AuthSystem, TakesAShortCredentialUntilItIsRefused) {
+  Auth auth = system_auth();
+  AUTH* handle = auth.get();
+  const std::string kShort =
+      "000000020000000341424300"
+      "0000000000000000";
+  EXPECT_TRUE(validate(handle, kAuthNone, "00000002 00000003 41424300"));
+  EXPECT_EQ(without_time(marshalled(handle)), kFull);
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_TRUE(validate(handle, kAuthShort, "00000002 00000003 41424300"));
+    EXPECT_TRUE(validate(handle, kAuthShort, "00000002 00000003 41424300"));
+    EXPECT_EQ(marshalled(handle), kShort);
+    EXPECT_TRUE(handle->ops->refresh(handle));
+    EXPECT_EQ(without_time(marshalled(handle)), kFull);
+    EXPECT_FALSE(handle->ops->refresh(handle));
+  }
+  // One that does not decode is dropped, as is the one before it.
+  for (const char* broken : {"", "00000002", "00000002 00000003 4142", "00000002 00007FE9"}) {
+    EXPECT_TRUE(validate(handle, kAuthShort, "00000002 00000003 41424300"));
+    EXPECT_TRUE(validate(handle, kAuthShort, broken));
+    EXPECT_EQ(without_time(marshalled(handle)), kFull) << broken;
+  }
+  EXPECT_TRUE(validate(handle, kAuthShort, "00000002 00000003 41424300"));
+  FailingMalloc nothing(0);
+  EXPECT_FALSE(handle->ops->refresh(handle));  // stays with the short one
+  EXPECT_EQ(handle->credential.flavour, kAuthShort);
+}
+
+class AuthSystemDefault : public LabTest {
+ protected:
+  static authsys_parms parms() {
+    Auth auth(__brix_authsys_create_default());
+    authsys_parms parms = {};
+    XDR xdrs;
+    __brix_xdrmem_create(&xdrs, auth->credential.body,
+                         static_cast<int32_t>(auth->credential.length), xdr_op::kDecode);
+    EXPECT_TRUE(__brix_xdr_authunix_parms(&xdrs, &parms));
+    return parms;
+  }
+};
+
+TEST_F(AuthSystemDefault, TellsTheProcess) {
+  std::vector<gid_t> groups(64);
+  groups.resize(static_cast<size_t>(std::max(getgroups(64, groups.data()), 0)));
+  if (groups.size() > 16) groups.clear();
+  groups.push_back(getegid());
+  authsys_parms own = parms();
+  EXPECT_STREQ(own.machine_name, lab::kHostName);
+  EXPECT_EQ(own.uid, static_cast<int32_t>(getuid()));
+  EXPECT_EQ(own.gid, static_cast<int32_t>(getgid()));
+  EXPECT_EQ(std::vector<uint32_t>(own.groups, own.groups + own.group_count), groups);
+  __brix_xdr_free(xdr_filter<__brix_xdr_authunix_parms>, &own);
+}
+
+// A client of which only the answer to the question about methods is seen.
+std::optional<uint32_t> mask;
+constexpr clnt_ops kOps = {
+    nullptr, nullptr, nullptr, nullptr, nullptr, [](CLIENT*, uint32_t request, void* information) {
+      if (request != CLGET_AUTH_METHODS || !mask.has_value()) return false;
+      *static_cast<uint32_t*>(information) = *mask;
+      return true;
+    }};
+
+TEST(AuthChoice, FallsBackToWhatIsAllowed) {
+  struct Case {
+    int32_t flavour;
+    std::optional<uint32_t> mask;
+    bool falls;
+    int32_t after;  // the flavour; -1: no authentication
+  } const kCases[] = {
+      {kAuthSystem, {}, true, kAuthNone},
+      {kAuthSystem, 1, true, kAuthNone},
+      {kAuthSystem, 6, false, -1},
+      {kAuthNone, {}, false, kAuthNone},
+      {kAuthShort, {}, false, kAuthShort},
+      {6, {}, true, kAuthSystem},
+      {30001, 1 | 4, true, kAuthNone},
+      {30013, 2, true, kAuthSystem},
+      {30013, 4, false, -1},
+      {30012, {}, false, 30012},
+  };
+  for (const Case& test : kCases) {
+    mask = test.mask;
+    CLIENT client = {nullptr, &kOps, nullptr};
+    EXPECT_FALSE(authfallback(&client));
+    client.auth = test.flavour == kAuthNone ? __brix_authnone_create() : system_auth().release();
+    client.auth->credential.flavour = test.flavour;
+    EXPECT_EQ(authfallback(&client), test.falls) << test.flavour;
+    Auth owned(client.auth);
+    EXPECT_EQ(owned == nullptr ? -1 : owned->credential.flavour, test.after) << test.flavour;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,178 @@
+// Call and reply messages against literal bytes (RFC 5531, section 9).
+#include "rpc/rpc_msg.h"
+
+#include "rpc/clnt.h"
+#include "rpc/rpc_cmsg.h"
+#include "rpc/rpc_prot.h"
+#include "tests/xdr_streams.h"
+
+namespace {
+
+constexpr xdrproc_t kAuthField = xdr_filter<__brix_xdr_opaque_auth>;
+constexpr xdrproc_t kCall = xdr_filter<__brix_xdr_callmsg>;
+
+rpc_call_message call_with(opaque_auth credential) {
+  return {0x11223344, kRpcCall, 2, 100000, 2, 3, credential, __brix_null_auth};
+}
+
+constexpr char kCallHex[] =
+    "11223344 00000000 00000002 000186A0 00000002 00000003 "
+    "00000001 00000003 0A0B0C00 00000000 00000000";
+
+TEST(RpcMessage, BuildsTheCallHeader) {
+  rpc_call_message call = call_with(__brix_null_auth);
+  call.direction = 7;
+  call.rpc_version = 7;
+  EXPECT_EQ(encoded(xdr_filter<__brix_xdr_callhdr>, &call),
+            "1122334400000000"
+            "00000002000186A0"
+            "00000002");
+  EXPECT_FALSE(__brix_xdr_callhdr(TestStream(std::string(20, 'x'), xdr_op::kDecode).get(), &call));
+  EXPECT_FALSE(__brix_xdr_callhdr(&__xdr, &call));
+}
+
+TEST(RpcMessage, BuildsAndReadsCalls) {
+  uint8_t body[] = {10, 11, 12};
+  rpc_call_message call = call_with({kAuthSystem, body, 3});
+  const std::string wire = from_hex(kCallHex);
+  EXPECT_EQ(encoded(kCall, &call), to_hex(wire));
+  for (TestStream::Kind kind : {TestStream::kPlain, TestStream::kBlind}) {
+    TestStream out(std::string(wire.size(), 'x'), xdr_op::kEncode, kind);
+    EXPECT_TRUE(__brix_xdr_callmsg(out.get(), &call));
+    EXPECT_EQ(out.hex(), to_hex(wire));
+    rpc_call_message back = {};
+    TestStream in(wire, xdr_op::kDecode, kind);
+    EXPECT_TRUE(__brix_xdr_callmsg(in.get(), &back));
+    EXPECT_EQ(encoded(kCall, &back), to_hex(wire));
+    __brix_xdr_free(kCall, &back);
+    EXPECT_EQ(back.credential.body, nullptr);
+  }
+  expect_failures_release<rpc_call_message>(kCall, wire);
+}
+
+TEST(RpcMessage, RefusesWhatIsNoCall) {
+  for (size_t word : {1U, 2U}) {  // direction, RPC version
+    std::string wire = from_hex(kCallHex);
+    wire[word * 4 + 3] = 3;
+    rpc_call_message back = {};
+    EXPECT_FALSE(__brix_xdr_callmsg(TestStream(wire, xdr_op::kDecode).get(), &back)) << word;
+    rpc_call_message call = call_with(__brix_null_auth);
+    (word == 1 ? call.direction = 1 : static_cast<int32_t>(call.rpc_version = 3));
+    EXPECT_EQ(encoded(kCall, &call), "fails");
+  }
+  rpc_call_message call = call_with(__brix_null_auth);
+  EXPECT_FALSE(__brix_xdr_callmsg(TestStream("", static_cast<xdr_op>(3)).get(), &call));
+}
+
+TEST(RpcMessage, BoundsAuthBodies) {
+  std::vector<uint8_t> body(32748);
+  for (auto [length, passes] : {std::pair{32743U, true}, {32744U, true}, {32745U, false}}) {
+    opaque_auth field = {kAuthSystem, body.data(), length};
+    rpc_call_message call = call_with(field);
+    rpc_call_message other = call_with(__brix_null_auth);
+    other.verifier = field;
+    EXPECT_EQ(encoded(kAuthField, &field) != "fails", passes) << length;
+    EXPECT_EQ(encoded(kCall, &call) != "fails", passes) << length;
+    EXPECT_EQ(encoded(kCall, &other) != "fails", passes) << length;
+    std::string wire = from_hex("00000001 00007FE9") + std::string(32748, 'x');
+    wire[7] = static_cast<char>(length - 0x7F00);
+    opaque_auth back = {};
+    EXPECT_EQ(__brix_xdr_opaque_auth(TestStream(wire, xdr_op::kDecode).get(), &back), passes);
+    __brix_xdr_free(kAuthField, &back);
+  }
+  uint8_t block[] = {1, 2, 3, 4, 5, 6, 7, 8};
+  EXPECT_EQ(encoded(xdr_filter<__brix_xdr_des_block>, block), "0102030405060708");
+}
+
+constexpr char kReply[] = "00000009 00000001 ";
+constexpr char kAccepted[] = "00000009 00000001 00000000 00000000 00000000 ";
+
+struct Failure {
+  clnt_stat status;
+  long detail[2];
+};
+
+struct ReplyCase {
+  std::string hex;
+  std::optional<Failure> says;  // none: it does not decode
+};
+
+// Without a detail both its words are zero.
+long detail_of(const rpc_err& error, int word) {
+  switch (error.status) {
+    case RPC_AUTHERROR:
+      return word == 0 ? error.why : 0;
+    case RPC_VERSMISMATCH:
+    case RPC_PROGVERSMISMATCH:
+      return static_cast<long>(word == 0 ? error.versions.low : error.versions.high);
+    default:
+      return word == 0 ? error.other.s1 : error.other.s2;
+  }
+}
+
+TEST(RpcMessage, TellsWhatAReplyMeans) {
+  const std::string accepted = kAccepted;
+  const std::string reply = kReply;
+  const ReplyCase kCases[] = {
+      {accepted + "00000000 0000002A", Failure{RPC_SUCCESS, {}}},
+      {accepted + "00000001", Failure{RPC_PROGUNAVAIL, {}}},
+      {accepted + "00000002 00000003 FFFFFFFF", Failure{RPC_PROGVERSMISMATCH, {3, 4294967295}}},
+      {accepted + "00000003", Failure{RPC_PROCUNAVAIL, {}}},
+      {accepted + "00000004", Failure{RPC_CANTDECODEARGS, {}}},
+      {accepted + "00000005", Failure{RPC_SYSTEMERROR, {}}},
+      {accepted + "00000007", Failure{RPC_FAILED, {0, 7}}},
+      {accepted + "FFFFFFFF", Failure{RPC_FAILED, {0, -1}}},
+      {reply + "00000001 00000000 00000002 00000003", Failure{RPC_VERSMISMATCH, {2, 3}}},
+      {reply + "00000001 00000001 00000002", Failure{RPC_AUTHERROR, {2}}},
+      {reply + "00000001 00000001 00000009", Failure{RPC_AUTHERROR, {9}}},
+      {reply + "00000001 00000002 00000000", {}},                     // denied for no known reason
+      {reply + "00000002 00000000 00000000", {}},                     // neither accepted nor denied
+      {"00000009 00000000 00000000 00000000 00000000 00000001", {}},  // a call
+      {"00000009 00000002 00000000 00000000 00000000 00000001", {}},
+      {reply + "00000000 00000002 00007FE9", {}},  // a verifier that is too long
+  };
+  for (const ReplyCase& test : kCases) {
+    uint32_t result = 0;
+    rpc_reply_message message = {};
+    message.accepted.results = &result;
+    message.accepted.results_filter = xdr_filter<__brix_xdr_u_int>;
+    TestStream in(from_hex(test.hex), xdr_op::kDecode);
+    ASSERT_EQ(__brix_xdr_replymsg(in.get(), &message), test.says.has_value()) << test.hex;
+    if (!test.says.has_value()) continue;
+    EXPECT_EQ(in.used(), from_hex(test.hex).size());
+    rpc_err error;
+    memset(&error, 0xFF, sizeof error);
+    __brix_seterr_reply(&message, &error);
+    EXPECT_EQ(error.status, test.says->status) << test.hex;
+    EXPECT_EQ(result, error.status == RPC_SUCCESS ? 42 : 0);
+    for (int word : {0, 1}) EXPECT_EQ(detail_of(error, word), test.says->detail[word]) << test.hex;
+    EXPECT_EQ(encoded(xdr_filter<__brix_xdr_replymsg>, &message), to_hex(from_hex(test.hex)));
+  }
+}
+
+TEST(RpcMessage, TellsOfRepliesThatNoDecoderLetsThrough) {
+  rpc_reply_message message = {};
+  rpc_err error;
+  message.state = 5;
+  __brix_seterr_reply(&message, &error);
+  EXPECT_TRUE(error.status == RPC_FAILED && error.other.s1 == 5 && error.other.s2 == 0);
+  message.state = kReplyDenied;
+  message.denied.state = 6;
+  __brix_seterr_reply(&message, &error);
+  EXPECT_TRUE(error.status == RPC_FAILED && error.other.s1 == 1 && error.other.s2 == 6);
+}
+
+TEST(RpcMessage, ReleasesRepliesThatFailHalfWay) {
+  char* text = nullptr;
+  rpc_reply_message start = {};
+  start.accepted.results = &text;
+  start.accepted.results_filter = xdr_filter<__brix_xdr_wrapstring>;
+  expect_failures_release(
+      xdr_filter<__brix_xdr_replymsg>,
+      from_hex("00000009 00000001 00000000 00000002 00000005 0102030405000000 00000000"
+               "00000006 616263646566 0000"),
+      start);
+  EXPECT_EQ(text, nullptr);
+}
+
+}  // namespace
