@@ -12,6 +12,7 @@
 #include "liblocal/mtsfuncs.h"
 #include "liblocal/vxenv.h"
 #include "rpc/auth_choice.h"
+#include "rpc/c_tcp.h"
 #include "rpc/c_udp.h"
 #include "rpc/p_getprt.h"
 #include "rpc/rpcvarp.h"
@@ -75,14 +76,6 @@ bool resolve(const char* host, sockaddr_in* server) {
   return true;
 }
 
-// The connection transport is not among this runtime's yet.
-CLIENT* create_connection_client(sockaddr_in* /*server*/, unsigned long /*program*/,
-                                 unsigned long /*version*/, int* /*socket*/, uint32_t /*send_size*/,
-                                 uint32_t /*receive_size*/) {
-  rpc_set_createerr(RPC_SYSTEMERROR, EPROTONOSUPPORT);
-  return nullptr;
-}
-
 }  // namespace
 
 CLIENT* __brix_clnt_create(const char* host, unsigned long program, unsigned long version,
@@ -117,7 +110,7 @@ CLIENT* clntgen_create(sockaddr_in* server, unsigned long program, unsigned long
     return __brix_clntudp_create(server, program, version, *retry, socket);
   }
   dfprintf(3, "Calling clnttcp_create function\n");
-  return create_connection_client(server, program, version, socket, send_size, receive_size);
+  return __brix_clnttcp_create(server, program, version, socket, send_size, receive_size);
 }
 
 CLIENT* clnt_create_with_auth(const char* host, unsigned long program, unsigned long version,

@@ -1,6 +1,5 @@
 #include "rpc/c_transport.h"
 
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -15,6 +14,7 @@
 #include "rpc/auth_choice.h"
 #include "rpc/brsvport.h"
 #include "rpc/common.h"
+#include "rpc/p_getprt.h"
 #include "rpc/rpc_prot.h"
 #include "rpc/rpcvarp.h"
 
@@ -32,6 +32,13 @@ bool bind_to_connection_port(int descriptor) {
 }
 
 }  // namespace
+
+bool rpc_find_port(sockaddr_in* server, unsigned long program, unsigned long version,
+                   unsigned long protocol) {
+  if (server->sin_port != 0) return true;
+  server->sin_port = htons(__brix_pmap_getport(server, program, version, protocol));
+  return server->sin_port != 0;
+}
 
 int rpc_open_client_socket(int type, int protocol) {
   int descriptor = socket(AF_INET, type | SOCK_CLOEXEC, protocol);

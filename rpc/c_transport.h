@@ -4,10 +4,17 @@
 // Thread safety: all operations may be called from any thread.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstdint>
 
 #include "rpc/clnt.h"
 #include "rpc/xdr.h"
+
+/// Has the port of the program in `*server`: asks the port mapper for a port of the IP
+/// protocol `protocol` when there is none yet. False with the creation error set.
+[[nodiscard]] bool rpc_find_port(sockaddr_in* server, unsigned long program, unsigned long version,
+                                 unsigned long protocol);
 
 /// Opens an IPv4 socket of `type` (flags of socket(2) may be added) and `protocol`,
 /// closed by exec, and binds it to a local port of the type "connection". Returns the

@@ -12,16 +12,12 @@
 #include "rpc/auth.h"
 #include "rpc/c_transport.h"
 #include "rpc/common.h"
-#include "rpc/p_getprt.h"
 #include "rpc/rpc_prot.h"
 #include "rpc/rpcvarp.h"
 #include "rpc/x_mem.h"
 
 namespace {
 
-constexpr uint32_t kSmallestSize = 100;  // a size below becomes the next one
-constexpr uint32_t kReplacedSize = 4000;
-constexpr uint32_t kLargestSize = 0xFFFFFFFC;  // that is a multiple of 4
 constexpr int32_t kRefreshTries = 2;
 constexpr long kMicrosecondsPerSecond = 1000000;
 constexpr timeval kNotSet = {-1, -1};
@@ -265,18 +261,6 @@ constexpr clnt_ops kUdpOps = {udp_call,    udp_abort,   udp_geterr,
 
 // --- Creation --------------------------------------------------------------------
 
-uint32_t adjusted(uint32_t size) {
-  if (size < kSmallestSize) size = kReplacedSize;
-  return size > kLargestSize ? kLargestSize : (size + 3) & ~3U;
-}
-
-// The port of the program is in `*server` afterwards. False with the creation error set.
-bool find_port(sockaddr_in* server, unsigned long program, unsigned long version) {
-  if (server->sin_port != 0) return true;
-  server->sin_port = htons(__brix_pmap_getport(server, program, version, IPPROTO_UDP));
-  return server->sin_port != 0;
-}
-
 // Takes the caller's socket, or opens one. False with the creation error set.
 bool take_socket(UdpRecord* record, int* socket) {
   if (*socket == -1) {
@@ -310,13 +294,14 @@ CLIENT* __brix_clntudp_bufcreate(sockaddr_in* server, unsigned long program, uns
                                  timeval retry, int* socket, uint32_t send_size,
                                  uint32_t receive_size) {
   c_unique_ptr<CLIENT> client(static_cast<CLIENT*>(calloc(1, sizeof(CLIENT))));
-  c_unique_ptr<UdpRecord> record = make_record(adjusted(send_size), adjusted(receive_size));
+  c_unique_ptr<UdpRecord> record =
+      make_record(rpc_buffer_size(send_size), rpc_buffer_size(receive_size));
   if (client == nullptr || record == nullptr) {
     errno = ENOMEM;
     rpc_set_createerr(RPC_SYSTEMERROR, ENOMEM);
     return nullptr;
   }
-  if (!find_port(server, program, version)) return nullptr;
+  if (!rpc_find_port(server, program, version, IPPROTO_UDP)) return nullptr;
   record->server = *server;
   record->server_length = sizeof record->server;
   record->retry = retry;
