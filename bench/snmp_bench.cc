@@ -1,8 +1,4 @@
-// The engine's hot paths, each measured beside its floor: the least that any
-// program has to do for the same result. Prints every path's ratio to its floor.
-//
-// The repetitions of all paths and floors are mixed, and the least disturbed one
-// of each counts, so that a busy machine troubles both sides alike.
+// The SNMP engine's hot paths, each beside its floor.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <sched.h>
@@ -17,10 +13,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <map>
 #include <string>
 #include <vector>
 
+#include "bench/paths.h"
 #include "snmp/asn1.h"
 #include "snmp/snmp.h"
 #include "snmp/snmp_api.h"
@@ -348,66 +344,15 @@ void request_floor(benchmark::State& state) {
   close(endpoint);
 }
 
-// --- The report ----------------------------------------------------------------
-
-struct Path {
-  const char* title;
-  const char* name;
-  void (*path)(benchmark::State&);
-  void (*floor)(benchmark::State&);
-  double budget;
-};
-
 constexpr Path kPaths[] = {
     {"build the reference trap", "build", build_trap, build_trap_floor, 2.5},
     {"decode the reference trap", "decode", decode_trap, decode_trap_floor, 2.0},
     {"synchronous request over loopback", "request", request, request_floor, 1.15},
 };
 
-std::string floor_of(const char* name) { return std::string(name) + "_floor"; }
-
-// Keeps the shortest time of every benchmark.
-class ShortestTimes : public benchmark::BenchmarkReporter {
- public:
-  bool ReportContext(const Context& /*context*/) override { return true; }
-
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      if (run.run_type != Run::RT_Iteration) continue;
-      double time = run.GetAdjustedRealTime();
-      auto [known, added] = shortest_.try_emplace(run.run_name.function_name, time);
-      known->second = std::min(known->second, time);
-    }
-  }
-
-  void Finalize() override {
-    for (const Path& path : kPaths) {
-      double ratio = shortest_[path.name] / shortest_[floor_of(path.name)];
-      printf("%-40s %5.2f x its floor  (budget %.2f)%s\n", path.title, ratio, path.budget,
-             ratio > path.budget ? "  OVER" : "");
-    }
-  }
-
- private:
-  std::map<std::string, double> shortest_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<std::string> words = {argv[0], "--benchmark_enable_random_interleaving=true",
-                                    "--benchmark_repetitions=30", "--benchmark_min_time=0.02"};
-  words.insert(words.end(), argv + 1, argv + argc);
-  std::vector<char*> flags;
-  for (std::string& word : words) flags.push_back(word.data());
-  int count = static_cast<int>(flags.size());
-  benchmark::Initialize(&count, flags.data());
   start_agent();
-  for (const Path& path : kPaths) {
-    benchmark::RegisterBenchmark(path.name, path.path);
-    benchmark::RegisterBenchmark(floor_of(path.name).c_str(), path.floor);
-  }
-  ShortestTimes report;
-  benchmark::RunSpecifiedBenchmarks(&report);
-  return 0;
+  return measure(argc, argv, kPaths);
 }

@@ -11,6 +11,7 @@
 #include <time.h>
 #include <wchar.h>
 
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -234,6 +235,7 @@ int listen_for_traps(const Arguments& arguments, int stop_signals) {
     int block = 1;
     snmp_select_info(&count, &readable, &timeout, &block);
     if (vx_select(count, &readable, nullptr, nullptr, nullptr) < 0) {
+      if (errno == EINTR) continue;  // a debug command came by signal
       perror("trap_listener: select");
       status = 1;
       break;

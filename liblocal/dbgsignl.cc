@@ -17,6 +17,7 @@
 #include "liblocal/debug.h"
 #include "liblocal/debug_command.h"
 #include "liblocal/progname.h"
+#include "liblocal/text_view.h"
 #include "liblocal/vx_thread.h"
 #include "liblocal/vxenv.h"
 #include "liblocal/vxpath.h"
@@ -40,7 +41,7 @@ class SignalLine {
 
   SignalLine& operator<<(std::string_view text) {
     size_t room = sizeof text_ - length_;
-    length_ += text.copy(text_ + length_, text.size() < room ? text.size() : room);
+    length_ += text_copy(text, text_ + length_, room);
     return *this;
   }
 

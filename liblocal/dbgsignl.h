@@ -11,7 +11,8 @@
 constexpr int kDbgcmdpathSize = 12288;
 constexpr int kDebugCommandLimit = 1024;  // bytes of a command file that are read
 
-/// Path of the debug command file; set once, before the handler is installed.
+/// Path of the debug command file; set once by _vxinit, and empty, which names no
+/// file, until then.
 extern char Dbgcmdpath[kDbgcmdpathSize];
 
 extern std::atomic<int> Debug_me;     // not 0 at the start: wait to be debugged

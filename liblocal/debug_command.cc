@@ -3,6 +3,7 @@
 #include <climits>
 
 #include "liblocal/ascii.h"
+#include "liblocal/text_view.h"
 
 namespace {
 
@@ -15,7 +16,7 @@ bool is_letter(char c) { return ascii_lower(c) >= 'a' && ascii_lower(c) <= 'z'; 
 std::string_view take_run(std::string_view* text, bool (*belongs)(char)) {
   size_t length = 0;
   while (length < text->size() && belongs((*text)[length])) ++length;
-  std::string_view run = text->substr(0, length);
+  std::string_view run = text_part(*text, 0, length);
   text->remove_prefix(length);
   return run;
 }
@@ -37,7 +38,7 @@ std::optional<debug_command> parse_debug_command(std::string_view text) {
   take_run(&text, is_blank);
   debug_command command{take_run(&text, is_letter), {}, 0};
   take_run(&text, is_blank);
-  command.value_text = text.substr(0, 0);
+  command.value_text = text_part(text, 0, 0);
   if (text.empty()) return command;
   if (text.front() != '=') return std::nullopt;
   text.remove_prefix(1);

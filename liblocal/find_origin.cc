@@ -12,6 +12,7 @@
 #include "liblocal/debug.h"
 #include "liblocal/fullp_ux.h"
 #include "liblocal/print.h"
+#include "liblocal/text_view.h"
 #include "liblocal/utf8_files.h"
 #include "liblocal/vxenv.h"
 
@@ -33,11 +34,11 @@ bool is_executable(const char* path) {
 bool search_path(std::string_view name, char* path) {
   const char* list = vxgetenv("PATH");
   for (std::string_view rest = list != nullptr ? list : ".";;) {
-    std::string_view directory = rest.substr(0, rest.find(':'));
+    std::string_view directory = text_part(rest, 0, rest.find(':'));
     if (directory.size() + name.size() + 1 < kProgramPathSize) {
-      char* at = path + directory.copy(path, directory.size());
+      char* at = path + text_copy(directory, path, directory.size());
       *at++ = '/';
-      at[name.copy(at, name.size())] = '\0';
+      at[text_copy(name, at, name.size())] = '\0';
       if (is_executable(path)) return true;
     }
     if (directory.size() == rest.size()) return false;
@@ -54,7 +55,7 @@ bool ask_kernel(char* path) {
 bool find_program(const char* argv0, char* path) {
   if (getauxval(AT_SECURE) != 0) return ask_kernel(path);
   if (strchr(argv0, '/') == nullptr) return search_path(argv0, path);
-  strcpy(path, argv0);
+  memcpy(path, argv0, strlen(argv0) + 1);
   return true;
 }
 

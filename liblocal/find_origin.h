@@ -2,11 +2,11 @@
 #pragma once
 
 /// Finds the executable of the program that was started as `argv0` and returns the
-/// full name of its directory, with a '/' at the end. A name without '/' is looked for in the
-/// directories of PATH ("." without that variable); links are followed. Once found
-/// it is not looked for again. The text belongs to this service.
+/// full name of its directory, with a '/' at the end. A name without '/' is looked
+/// for in the directories of PATH ("." without that variable); links are followed.
+/// Once found it is not looked for again. The text belongs to this service.
 ///
-/// A set-user-id program is started with an `argv0` and a PATH of its caller's choice, so its
+/// The caller of a set-user-id program chooses `argv0` and PATH. There the
 /// executable is what the kernel says it is.
 ///
 /// Returns null when there is no such file, and for a null `argv0`. Ends the process

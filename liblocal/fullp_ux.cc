@@ -65,7 +65,7 @@ bool take_as_it_is(const char* path, char* output, size_t size, bool follow) {
   if (*path != '/' || strlen(path) >= size || !copy_path(path, copy)) return false;
   Kind kind = kind_of(copy, false);
   if (kind == Kind::kMissing || (follow && kind == Kind::kLink)) return false;
-  strcpy(output, copy);
+  memcpy(output, copy, strlen(copy) + 1);
   for (char* slash = strrchr(copy, '/'); slash != copy; slash = strrchr(copy, '/')) {
     if (slash[1] == '\0' || slash[1] == '.') return false;
     *slash = '\0';
@@ -126,17 +126,14 @@ bool name_directory(const char* directory, const HomeDirectory& home, const char
 // path when it is absolute, else the last component.
 bool replace_link(char* path) {
   char link[kLinkTextSize];
-  ssize_t got = utf8_readlink(path, link, sizeof link);
-  if (got < 0) {
+  if (utf8_readlink(path, link, sizeof link) < 0) {
     tell(1, "fullpath could not readlink on %s: %s\n", path, brix_strerror(errno));
     return false;
   }
-  size_t length =
-      static_cast<size_t>(got) < sizeof link ? static_cast<size_t>(got) : sizeof link - 1;
-  link[length] = '\0';
   char* slash = strrchr(path, '/');
   char* at = *link == '/' || slash == nullptr ? path : slash + 1;
   *at = '\0';
+  size_t length = strlen(link);
   if (static_cast<size_t>(at - path) + length >= kPathSize) {
     errno = ENAMETOOLONG;
     tell(1, "fullpath path name too long %s%s: %s\n", path, link, brix_strerror(errno));
@@ -170,14 +167,15 @@ bool follow_links(const char* path, char* copy) {
 bool join(const char* directory, const char* name, char* output, size_t size) {
   size_t length = strlen(directory);
   size_t slash = strcmp(directory, "/") == 0 ? 0 : 1;
-  if (length + slash + strlen(name) >= size) {
+  size_t name_length = strlen(name);
+  if (length + slash + name_length >= size) {
     errno = ENAMETOOLONG;
     tell(1, "%s%c%s path is too long\n", directory, '/', name);
     return false;
   }
-  memmove(output, directory, length);
+  memmove(output, directory, length + 1);
   if (slash != 0) output[length] = '/';
-  strcpy(output + length + slash, name);
+  memcpy(output + length + slash, name, name_length + 1);
   return true;
 }
 
@@ -212,7 +210,7 @@ bool find_by_going_there(const char* path, char* output, size_t size, unsigned f
   if (!name_directory(copy, home, path, "", output, size)) return false;
   size_t length = strlen(output);
   if ((flags & kFullpathDirectorySlash) != 0 && length > 1 && length + 1 < size) {
-    strcpy(output + length, "/");
+    memcpy(output + length, "/", sizeof "/");
   }
   return true;
 }

@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
+#include <tuple>
 
 #include "liblocal/liblvars.h"
 #include "liblocal/progname.h"
@@ -71,7 +73,8 @@ class Fullpath : public LabTest {
     EXPECT_EQ(before.st_ino, after.st_ino) << path;
     if (result == nullptr) return strerrorname_np(error);
     EXPECT_EQ(result, output.data());
-    return output.c_str();
+    output.resize(strlen(result));
+    return output;
   }
 
   // What a failing call says in debug lines of `level`.
@@ -223,13 +226,7 @@ TEST_F(Fullpath, ClosedDirectories) {
 
 TEST_F(Fullpath, DebugLines) {
   const std::string size_name = in_tree("@/dir/file");
-  const struct {
-    int level;
-    const char* path;
-    unsigned flags;
-    size_t size;
-    const char* lines;
-  } cases[] = {
+  const std::tuple<int, const char*, unsigned, size_t, const char*> cases[] = {
       {0, "nowhere", kPlain, kPathSize, ""},
       {1, "@/nowhere", kPlain, kPathSize, "cannot stat @/nowhere\n"},
       {1, "dir", kPlain, 3, "getcwd failed on dir\n"},

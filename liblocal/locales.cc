@@ -8,6 +8,7 @@
 
 #include "liblocal/c_memory.h"
 #include "liblocal/debug.h"
+#include "liblocal/text_view.h"
 #include "liblocal/xmalloc.h"
 
 namespace {
@@ -49,7 +50,7 @@ std::string_view renamed(std::string_view name) {
     find_bare_name(name, &becomes);
     return becomes;
   }
-  std::string_view codeset = name.substr(dot);
+  std::string_view codeset = text_part(name, dot);
   if (codeset == ".eucJP") return "ja_JP.EUC";
   if (name == "zh_CN.EUC") return "zh_CN.GB2312-80";
   if (codeset == ".PCK") return "ja_JP.sjis";
@@ -66,8 +67,8 @@ bool normalise_locale(const char* name, char (&buffer)[kLocaleNameSize]) {
   // A longer name would have to be cut, and then be another locale's.
   if (text.size() >= kLocaleNameSize) return false;
   text = renamed(text);
-  std::string_view stem = text.substr(0, text.find('.'));
-  std::string_view codeset = text.substr(stem.size());
+  std::string_view stem = text_part(text, 0, text.find('.'));
+  std::string_view codeset = text_part(text, stem.size());
   if (codeset == ".iso88591" || codeset == ".ISO8859-1") codeset = ".8859-1";
   snprintf(buffer, kLocaleNameSize, "%.*s%.*s", static_cast<int>(stem.size()), stem.data(),
            static_cast<int>(codeset.size()), codeset.data());

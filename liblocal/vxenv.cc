@@ -89,6 +89,7 @@ int add_to_environment(const char* name, const char* value, int prepend) {
   if (name == nullptr || value == nullptr) return 0;
   const char* old = prepend != 0 ? vxgetenv(name) : nullptr;
   c_unique_ptr<char> text = make_assignment(name, value, old);
+  if (old != nullptr && !is_ascii_text(old)) free(const_cast<char*>(old));  // converted for this
   if (text == nullptr) return 0;
   return vxputenv(listed(std::move(text))) == 0 ? 1 : 0;
 }

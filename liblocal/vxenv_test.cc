@@ -5,6 +5,9 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "liblocal/c_memory.h"
+#include "liblocal/errinfo.h"
+#include "liblocal/print.h"
 #include "tests/failing_malloc.h"
 
 namespace {
@@ -22,6 +25,33 @@ TEST(Vxenv, AsciiPassesAsItIs) {
   EXPECT_EQ(vxputenv(text), 0);
   EXPECT_EQ(getenv(kName), text + sizeof kName);
   EXPECT_EQ(vxputenv(nullptr), 0);
+  unsetenv(kName);
+}
+
+// In the plain locale, where every byte is a Latin-1 character.
+TEST(Vxenv, ConvertsOtherTexts) {
+  setenv(kName, "caf\xE9", 1);
+  c_unique_ptr<char> value(const_cast<char*>(vxgetenv(kName)));
+  EXPECT_STREQ(value.get(), "caf\xC3\xA9");
+  static char text[] = "KIV_ENV_TEST=\xC3\xBC";
+  EXPECT_EQ(vxputenv(text), 0);
+  EXPECT_STREQ(getenv(kName), "\xFC");
+  c_unique_ptr<char> first(getenv(kName) - sizeof kName);  // the environment lets go of it now
+  EXPECT_EQ(add_to_environment(kName, "\xC3\xA4", 1), 1);
+  EXPECT_STREQ(getenv(kName), "\xE4:\xFC");
+  testing::internal::CaptureStderr();
+  printerr("%s\n", brix_strerror(ENOMEM));  // has what it needs once before memory is gone
+  {
+    FailingMalloc none(0);
+    EXPECT_EQ(vxgetenv(kName), nullptr);
+    EXPECT_EQ(errno, ENOMEM);
+    errno = 0;
+    EXPECT_EQ(vxputenv(text), -1);
+    EXPECT_EQ(errno, ENOMEM);
+  }
+  testing::internal::GetCapturedStderr();
+  EXPECT_STREQ(getenv(kName), "\xE4:\xFC");
+  c_unique_ptr<char> second(getenv(kName) - sizeof kName);
   unsetenv(kName);
 }
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "liblocal/text_view.h"
 #include "liblocal/vx_error.h"
 #include "liblocal/xmalloc.h"
 
@@ -28,7 +29,7 @@ bool are_given(const char* path, const char* buffer) {
 
 void copy_cut(std::string_view text, char* buffer, size_t size) {
   if (size == 0) return;
-  buffer[text.copy(buffer, size - 1)] = '\0';
+  buffer[text_copy(text, buffer, size - 1)] = '\0';
 }
 
 }  // namespace
@@ -36,7 +37,7 @@ void copy_cut(std::string_view text, char* buffer, size_t size) {
 int vx_path_basename(const char* path, char* buffer, size_t size) {
   if (!are_given(path, buffer)) return -1;
   std::string_view area = work_area(path);
-  copy_cut(area.substr(area.rfind('/') + 1), buffer, size);  // npos + 1 is 0
+  copy_cut(text_part(area, area.rfind('/') + 1), buffer, size);  // npos + 1 is 0
   return 0;
 }
 
@@ -49,8 +50,8 @@ int vx_path_dirname(const char* path, char* buffer, size_t size) {
     return 0;
   }
   // First cut to the buffer, then stripped: a cut may end in a '/', too.
-  std::string_view directory = area.substr(0, area.empty() ? 0 : slash);
-  if (size > 0) directory = directory.substr(0, size - 1);
+  std::string_view directory = text_part(area, 0, area.empty() ? 0 : slash);
+  if (size > 0) directory = text_part(directory, 0, size - 1);
   directory = without_trailing_slashes(directory);
   copy_cut(directory.empty() ? "/" : directory, buffer, size);
   return 0;

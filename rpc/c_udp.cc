@@ -47,12 +47,9 @@ bool is_zero(timeval time) { return time.tv_sec == 0 && time.tv_usec == 0; }
 bool is_below(timeval left, timeval right) { return timercmp(&left, &right, <); }
 
 timeval sum_of(timeval left, timeval right) {
-  left.tv_sec += right.tv_sec;
   left.tv_usec += right.tv_usec;
-  if (left.tv_usec >= kMicrosecondsPerSecond) {
-    left.tv_usec -= kMicrosecondsPerSecond;
-    ++left.tv_sec;
-  }
+  left.tv_sec += right.tv_sec + left.tv_usec / kMicrosecondsPerSecond;
+  left.tv_usec %= kMicrosecondsPerSecond;
   return left;
 }
 

@@ -26,15 +26,6 @@ bool is_local(const sockaddr_in& server) {
   return false;
 }
 
-CLIENT* make_mapper_client(sockaddr_in* server, unsigned long protocol) {
-  int socket = -1;
-  if (protocol == IPPROTO_UDP) {
-    return pmap_make_client(server, kPmapProgram, kPmapVersion, &kMapperTime, &socket, 0, 0);
-  }
-  return pmap_make_client(server, kPmapProgram, kPmapVersion, nullptr, &socket, kMapperTcpSize,
-                          kMapperTcpSize);
-}
-
 // The mapper's answer; 0 with the creation error set.
 uint16_t call_mapper(CLIENT* client, pmap wanted) {
   uint16_t port = 0;
@@ -52,8 +43,12 @@ uint16_t call_mapper(CLIENT* client, pmap wanted) {
 
 uint16_t ask_mapper(sockaddr_in* server, const pmap& wanted, uint16_t mapper_port) {
   uint16_t port = 0;
+  int socket = -1;
+  const timeval* retry = wanted.protocol == IPPROTO_UDP ? &kMapperTime : nullptr;
   server->sin_port = htons(mapper_port);
-  CLIENT* client = make_mapper_client(server, wanted.protocol);
+  // The sizes count over TCP alone.
+  CLIENT* client = pmap_make_client(server, kPmapProgram, kPmapVersion, retry, &socket,
+                                    kMapperTcpSize, kMapperTcpSize);
   if (client != nullptr) {
     port = call_mapper(client, wanted);
     client->ops->destroy(client);

@@ -86,8 +86,8 @@ bool rpc_set_server_transport(int32_t descriptor, rpc_server_transport* transpor
   if (descriptor < 0 || descriptor >= kServerTransportSlots) return false;
   rpc_t_varp* block = get_rpc_t_varp();
   if (block->transports == nullptr) {
-    block->transports = static_cast<rpc_server_transport**>(
-        calloc(kServerTransportSlots, sizeof(rpc_server_transport*)));
+    block->transports =
+        static_cast<rpc_server_transport**>(calloc(kServerTransportSlots, sizeof(void*)));
     if (block->transports == nullptr) return false;
   }
   block->transports[descriptor] = transport;

@@ -12,11 +12,25 @@ namespace {
 
 constexpr uint8_t kZeros[kXdrUnit] = {};
 
+// Runs the slot of the stream that the operation asks for, if any.
+template <auto put, auto get, typename T>
+bool run_slot(XDR* xdrs, T* value) {
+  switch (xdrs->operation) {
+    case xdr_op::kEncode:
+      return (xdrs->ops->*put)(xdrs, value);
+    case xdr_op::kDecode:
+      return (xdrs->ops->*get)(xdrs, value);
+    default:
+      return true;
+  }
+}
+
 // One unit on the wire for a host type of another size: the low 32 bits go out, and
 // what comes in is taken as a Wire before it is cut or extended to a T.
 template <typename Wire, typename T>
 bool as_unit(XDR* xdrs, T* value) {
   int32_t unit = 0;
+  // NOLINTNEXTLINE(bugprone-signed-char-misuse): a char travels with its sign.
   if (xdrs->operation == xdr_op::kEncode) unit = static_cast<int32_t>(*value);
   if (!xdr_int32_t(xdrs, &unit)) return false;
   if (xdrs->operation == xdr_op::kDecode) *value = static_cast<T>(static_cast<Wire>(unit));
@@ -24,12 +38,14 @@ bool as_unit(XDR* xdrs, T* value) {
 }
 
 bool put_padding(XDR* xdrs, uint32_t length) {
-  return xdrs->ops->put_bytes(xdrs, kZeros, xdr_padding(length));
+  uint32_t padding = xdr_padding(length);
+  return padding == 0 || xdrs->ops->put_bytes(xdrs, kZeros, padding);
 }
 
 bool skip_padding(XDR* xdrs, uint32_t length) {
   uint8_t scratch[kXdrUnit];
-  return xdrs->ops->get_bytes(xdrs, scratch, xdr_padding(length));
+  uint32_t padding = xdr_padding(length);
+  return padding == 0 || xdrs->ops->get_bytes(xdrs, scratch, padding);
 }
 
 bool get_length(XDR* xdrs, uint32_t* length, uint32_t maximum) {
@@ -69,12 +85,14 @@ bool encode_bytes(XDR* xdrs, const uint8_t* bytes, uint32_t size, uint32_t maxim
 }
 
 bool decode_bytes(XDR* xdrs, uint8_t** bytes, uint32_t* size, uint32_t maximum) {
-  if (!get_length(xdrs, size, maximum)) return false;
-  if (*size == 0) return true;
+  uint32_t length = 0;
+  if (!get_length(xdrs, &length, maximum)) return false;
+  *size = length;
+  if (length == 0) return true;
   if (*bytes != nullptr) {
-    return xdrs->ops->get_bytes(xdrs, *bytes, *size) && skip_padding(xdrs, *size);
+    return xdrs->ops->get_bytes(xdrs, *bytes, length) && skip_padding(xdrs, length);
   }
-  uint32_t padded = *size + xdr_padding(*size);
+  uint32_t padded = length + xdr_padding(length);
   *bytes = get_new_bytes(xdrs, padded, padded).release();
   return *bytes != nullptr;
 }
@@ -114,14 +132,7 @@ XDR __xdr = {xdr_op::kFree, nullptr, nullptr, nullptr, nullptr, 0};
 bool __brix_xdr_void(XDR* /*xdrs*/, void* /*object*/) { return true; }
 
 bool xdr_int32_t(XDR* xdrs, int32_t* value) {
-  switch (xdrs->operation) {
-    case xdr_op::kEncode:
-      return xdrs->ops->put_int32(xdrs, value);
-    case xdr_op::kDecode:
-      return xdrs->ops->get_int32(xdrs, value);
-    default:
-      return true;
-  }
+  return run_slot<&xdr_ops::put_int32, &xdr_ops::get_int32>(xdrs, value);
 }
 
 bool xdr_uint32_t(XDR* xdrs, uint32_t* value) {
@@ -147,14 +158,7 @@ bool __brix_xdr_bool(XDR* xdrs, int32_t* value) {
 }
 
 bool __brix_xdr_long(XDR* xdrs, long* value) {
-  switch (xdrs->operation) {
-    case xdr_op::kEncode:
-      return xdrs->ops->put_long(xdrs, value);
-    case xdr_op::kDecode:
-      return xdrs->ops->get_long(xdrs, value);
-    default:
-      return true;
-  }
+  return run_slot<&xdr_ops::put_long, &xdr_ops::get_long>(xdrs, value);
 }
 
 bool __brix_xdr_u_long(XDR* xdrs, unsigned long* value) {
@@ -165,14 +169,7 @@ bool __brix_xdr_u_long(XDR* xdrs, unsigned long* value) {
 }
 
 bool xdr_int64_t(XDR* xdrs, int64_t* value) {
-  switch (xdrs->operation) {
-    case xdr_op::kEncode:
-      return xdrs->ops->put_int64(xdrs, value);
-    case xdr_op::kDecode:
-      return xdrs->ops->get_int64(xdrs, value);
-    default:
-      return true;
-  }
+  return run_slot<&xdr_ops::put_int64, &xdr_ops::get_int64>(xdrs, value);
 }
 
 bool xdr_uint64_t(XDR* xdrs, uint64_t* value) {

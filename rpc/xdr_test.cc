@@ -148,6 +148,7 @@ TEST(Xdr, CarriesCountedBytes) {
   EXPECT_EQ(counted.bytes, nullptr);
   EXPECT_EQ(counted.size, 0u);
   EXPECT_FALSE(counted_filter<4>(TestStream(wire, xdr_op::kDecode).get(), &counted));
+  EXPECT_EQ(counted.size, 0u);  // a refused length is not stored
   expect_failures_release<Counted>(xdr_filter<counted_filter<5>>, wire);
 }
 

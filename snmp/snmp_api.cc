@@ -35,9 +35,12 @@ constexpr char kCommunity[] = "public";
 constexpr long kTrapRequestId = 1;
 constexpr int32_t kDumpColumns = 16;
 
-// Counts the closed sessions: a callback may close any of them, and the loop that
-// called it must then not go on with what it had in hand.
+// A callback may close any session, and the loop that called it must then not go on
+// with what it had in hand. The count tells that one was closed, and `delivering`,
+// the entry whose requests are being walked, turns null when it was that one: its
+// address alone would not tell, since a session opened since may have got it.
 unsigned closed_sessions = 0;
+const session_entry* delivering = nullptr;
 
 session_entry* find_entry(const snmp_session* session) {
   session_entry* entry = Sessions;
@@ -206,7 +209,7 @@ bool complete_trap(snmp_pdu* pdu) {
 
 bool complete_pdu(snmp_pdu* pdu) {
   if (!is_request(pdu->command) && pdu->command != kSnmpGetResponse) return complete_trap(pdu);
-  if (pdu->request_id == 0) pdu->request_id = next_request_id();
+  if (low_32_bits(pdu->request_id) == 0) pdu->request_id = next_request_id();
   if (pdu->error_status == -1) pdu->error_status = 0;
   if (pdu->error_index == -1) pdu->error_index = 0;
   return true;
@@ -263,12 +266,6 @@ int call_back(int operation, snmp_session* session, snmp_pdu* pdu) {
                            session->callback_arg);
 }
 
-bool is_open(const session_entry* wanted) {
-  const session_entry* entry = Sessions;
-  while (entry != nullptr && entry != wanted) entry = entry->next;
-  return entry != nullptr;
-}
-
 void unlink_request(session_state* state, const request_record* request) {
   request_record** link = &state->requests;
   while (*link != request) link = &(*link)->next;
@@ -280,12 +277,13 @@ void unlink_request(session_state* state, const request_record* request) {
 bool deliver_response(session_entry* entry, snmp_pdu* response) {
   int32_t id = low_32_bits(response->request_id);
   unsigned closed_before = closed_sessions;
+  delivering = entry;
   request_record* next = nullptr;
   for (request_record* request = entry->state->requests; request != nullptr; request = next) {
     next = request->next;
     if (low_32_bits(request->request_id) != id) continue;
     int taken = call_back(kSnmpReceivedMessage, entry->session, response);
-    if (closed_sessions != closed_before && !is_open(entry)) return false;
+    if (delivering == nullptr) return false;
     if (taken == 1) {
       unlink_request(entry->state, request);
       free_request(request);
@@ -412,6 +410,7 @@ int snmp_close(snmp_session* session) {
   session_entry** link = &Sessions;
   while (*link != entry) link = &(*link)->next;
   *link = entry->next;
+  if (delivering == entry) delivering = nullptr;
   free_entry(entry);
   ++closed_sessions;
   return 1;

@@ -2,10 +2,13 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <climits>
+#include <csignal>
+#include <filesystem>
 #include <thread>
 
 #include "snmp/asn1.h"
@@ -22,13 +25,13 @@ const uint64_t kSysDescr[] = {1, 3, 6, 1, 2, 1, 1, 1, 0};
 struct Calls {
   std::vector<std::pair<int, int32_t>> seen;  // operation and request id
   int result = 1;
-  bool close_session = false;
+  std::function<void(snmp_session*)> action;
 };
 
 int record_call(int operation, snmp_session* session, int32_t request_id, snmp_pdu*, void* calls) {
   auto* record = static_cast<Calls*>(calls);
   record->seen.emplace_back(operation, request_id);
-  if (record->close_session) snmp_close(session);
+  if (record->action) record->action(session);
   return record->result;
 }
 
@@ -109,6 +112,17 @@ TEST_F(SessionTest, DefaultsAndOwnCopies) {
   EXPECT_EQ(snmp_errno, kSnmpErrUnknownSession);
 }
 
+TEST_F(SessionTest, PortOfThePeer) {
+  // The lab's /etc holds links to the host's files.
+  std::filesystem::remove("/etc/services");
+  wanted.remote_port = 0;
+  for (auto [services, port] : {std::pair{"snmp 16100/tcp\nsnmp 10161/udp\n", 10161}, {"", 161}}) {
+    lab::write_file("/etc/services", services);
+    ASSERT_NE(snmp_open(&wanted), nullptr);
+    EXPECT_EQ(ntohs(Sessions->state->peer_address.sin_port), port);
+  }
+}
+
 TEST_F(SessionTest, FailuresToOpen) {
   const int before = dup(0);
   wanted.peer_name = const_cast<char*>("no-such-host");
@@ -139,6 +153,16 @@ TEST_F(SessionTest, TrapsAreSentOnceAndForgotten) {
   EXPECT_EQ(Sessions->state->requests, nullptr);
   EXPECT_EQ(trap->enterprise_length, 9);
   snmp_free_pdu(trap);
+}
+
+TEST_F(SessionTest, NoRequestIdLooksLikeAFailure) {
+  snmp_session* session = snmp_open(&wanted);
+  snmp_pdu* pdu = get_request();
+  pdu->request_id = 1L << 32;  // 0 on the wire
+  Reqid = 41;
+  EXPECT_EQ(snmp_send(session, pdu), 42);
+  Reqid = (1L << 32) - 1;
+  EXPECT_EQ(snmp_send(session, get_request()), 1);
 }
 
 TEST_F(SessionTest, FailuresToSendLeaveNothingBehind) {
@@ -227,6 +251,16 @@ TEST_F(SessionTest, ResponsesReachTheirRequest) {
   EXPECT_EQ(calls.seen.size(), 1u);
 }
 
+TEST_F(SessionTest, OneRoundReadsEverySession) {
+  for (int session : {1, 2}) {
+    SCOPED_TRACE(session);
+    ASSERT_NE(snmp_open(&wanted), nullptr);
+    answer(from_hex("3012 020100 0400 A00B 020109 020100 020100 3000"));
+  }
+  read_all();
+  EXPECT_EQ(calls.seen, (std::vector(2, std::pair{kSnmpReceivedMessage, 9})));
+}
+
 TEST_F(SessionTest, MangledPacketEndsTheRound) {
   ASSERT_NE(snmp_open(&wanted), nullptr);
   answer("good for the next round");
@@ -261,7 +295,7 @@ TEST_F(SessionTest, FailuresWhileWaiting) {
 }
 
 TEST_F(SessionTest, CallbackMayCloseItsSession) {
-  calls.close_session = true;
+  calls.action = snmp_close;
   snmp_session* session = snmp_open(&wanted);
   int32_t sent = snmp_send(session, get_request());
   ASSERT_NE(sent, 0);
@@ -277,6 +311,24 @@ TEST_F(SessionTest, CallbackMayCloseItsSession) {
   snmp_timeout();
   EXPECT_EQ(Sessions, nullptr);
   EXPECT_EQ(calls.seen.size(), 2u);
+}
+
+TEST_F(SessionTest, CallbackMayOpenASessionInPlaceOfItsOwn) {
+  calls.action = [&](snmp_session* session) {
+    // With the allocator's short lists full, the new entry gets the old one's place.
+    void* same_size[8];
+    for (void*& memory : same_size) memory = malloc(sizeof(session_entry));
+    for (void* memory : same_size) free(memory);
+    snmp_close(session);
+    EXPECT_NE(snmp_open(&wanted), nullptr);
+  };
+  int32_t sent = snmp_send(snmp_open(&wanted), get_request());
+  ASSERT_NE(sent, 0);
+  answer(response_to(agent->receive().value_or("")));
+  read_all();
+  EXPECT_EQ(calls.seen.size(), 1u);
+  ASSERT_NE(Sessions, nullptr);
+  EXPECT_EQ(Sessions->state->requests, nullptr);
 }
 
 TEST_F(SessionTest, SelectInfo) {
@@ -305,6 +357,13 @@ TEST_F(SessionTest, SelectInfo) {
   snmp_select_info(&count, &readable, &timeout, &block);
   EXPECT_EQ(block, 0);
   EXPECT_EQ(timeout.tv_sec + timeout.tv_usec, 0);
+
+  // A descriptor that no set can name is left out, and counted as a session.
+  const int named = std::exchange(Sessions->state->socket, kVxFdSetSize);
+  count = 0;
+  EXPECT_EQ(snmp_select_info(&count, &readable, &timeout, &block), 2);
+  EXPECT_EQ(count, Sessions->next->state->socket + 1);
+  Sessions->state->socket = named;
 }
 
 TEST_F(SessionTest, DumpsWhatIsSentAndReceived) {
@@ -336,16 +395,24 @@ TEST_F(SessionTest, Synchronous) {
   agent->receive();
 
   session->timeout = 60'000'000;
+  std::string last_request;
   // The id arrives in a message that is no response: an error, and nothing stale.
   for (auto [command, status] : {std::pair{'\xA2', kSnmpSynchSuccess}, {'\xA1', kSnmpSynchError}}) {
-    std::thread answering(
-        [&, reply = command] { answer(response_to(agent->receive().value_or(""), reply)); });
+    std::thread answering([&, reply = command] {
+      last_request = agent->receive().value_or("");
+      answer(response_to(last_request, reply));
+    });
     EXPECT_EQ(snmp_synch_response(session, get_request(), &response), status);
     answering.join();
     EXPECT_EQ(response != nullptr, status == kSnmpSynchSuccess);
     snmp_free_pdu(response);
     read_all();
   }
+  // The response after all: nobody waits for it any more.
+  snmp_synch_state.response = nullptr;
+  answer(response_to(last_request));
+  read_all();
+  EXPECT_EQ(snmp_synch_state.response, nullptr);
 
   EXPECT_EQ(snmp_synch_response(session + 1, get_request(), &response), kSnmpSynchError);
   // A wait that fails ends with an error. Here a second session lost its socket.
@@ -356,6 +423,53 @@ TEST_F(SessionTest, Synchronous) {
             }),
             "select: Bad file descriptor\n");
   dup2(agent->socket(), Sessions->state->socket);  // something for snmp_close to close
+}
+
+TEST_F(SessionTest, SynchronousOnAHighDescriptorWithSignals) {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = limit.rlim_max;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  wanted.timeout = 60'000'000;
+  snmp_session* session = snmp_open(&wanted);
+  snmp_synch_setup(session);
+  constexpr int kHigh = FD_SETSIZE + 500;
+  ASSERT_EQ(dup2(Sessions->state->socket, kHigh), kHigh);
+  close(std::exchange(Sessions->state->socket, kHigh));
+
+  struct sigaction interrupt {};
+  interrupt.sa_handler = [](int) {};  // no SA_RESTART: the wait ends with EINTR
+  struct sigaction before {};
+  sigaction(SIGUSR1, &interrupt, &before);
+  std::thread answering([&, waiting = pthread_self()] {
+    std::string request = agent->receive().value_or("");
+    for (int i = 0; i < 20; ++i) {
+      pthread_kill(waiting, SIGUSR1);
+      usleep(1000);
+    }
+    answer(response_to(request));
+  });
+  snmp_pdu* response = nullptr;
+  EXPECT_EQ(errors_of([&] {
+              EXPECT_EQ(snmp_synch_response(session, get_request(), &response), kSnmpSynchSuccess);
+            }),
+            "");
+  answering.join();
+  sigaction(SIGUSR1, &before, nullptr);
+  snmp_free_pdu(response);
+}
+
+TEST_F(SessionTest, SynchronousWaitEndsWhenItsSessionIsClosed) {
+  snmp_session* session = snmp_open(&wanted);
+  snmp_synch_setup(session);
+  calls.action = [&](snmp_session*) { snmp_close(session); };
+  ASSERT_NE(snmp_open(&wanted), nullptr);
+  // A request of somebody else reaches the second session while the first one waits.
+  std::thread asking([&] { answer(agent->receive().value_or("")); });
+  snmp_pdu* response = nullptr;
+  EXPECT_EQ(snmp_synch_response(session, get_request(), &response), kSnmpSynchError);
+  asking.join();
+  EXPECT_EQ(calls.seen.size(), 1u);
 }
 
 TEST_F(SessionTest, EveryAllocationMayFail) {

@@ -40,7 +40,10 @@ void wait_once() {
   vx_fd_set readable;
   VX_FD_ZERO(&readable);
   snmp_select_info(&count, &readable, &timeout, &block);
-  int ready = vx_select(count, &readable, nullptr, nullptr, block == 1 ? nullptr : &timeout);
+  // No request is pending any more: a callback of another session closed ours, and
+  // a wait without limit would have no end.
+  if (block == 1) return stop_waiting(kSnmpSynchError);
+  int ready = vx_select(count, &readable, nullptr, nullptr, &timeout);
   if (ready > 0) {
     snmp_read(&readable);
   } else if (ready == 0) {
@@ -74,6 +77,8 @@ int snmp_synch_response(snmp_session* session, snmp_pdu* pdu, snmp_pdu** respons
     return kSnmpSynchError;
   }
   while (snmp_synch_state.waiting != 0) wait_once();
+  // A response that comes after the end of its wait is nobody's.
+  snmp_synch_state.request_id = 0;
   *response = snmp_synch_state.response;
   return snmp_synch_state.status;
 }

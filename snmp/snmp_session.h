@@ -18,6 +18,8 @@ constexpr long kSnmpDefaultTimeout = -1;
 /// Filter for received messages, called between the community and the PDU. It
 /// returns the position to continue from (and may change `*left`, the bytes
 /// there), or null, which drops the message.
+///
+/// REQUIRES: it closes no session.
 using snmp_auth_hook = const uint8_t* (*)(const uint8_t* pdu, int32_t* left,
                                           const uint8_t* community, int32_t community_length);
 

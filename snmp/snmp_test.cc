@@ -150,6 +150,33 @@ TEST(SnmpMessage, RefusesMalformedBindings) {
   }
 }
 
+TEST(SnmpMessage, RequestAndLongTrapByteForByte) {
+  snmp_session session{};
+  session.community = reinterpret_cast<uint8_t*>(const_cast<char*>("public"));
+  session.community_length = 6;
+  Pdu get(snmp_pdu_create(kSnmpGetRequest), snmp_free_pdu);
+  get->request_id = 5;
+  get->error_status = get->error_index = 0;
+  snmp_add_null_var(get.get(), kSysDescr, 9);
+  uint8_t packet[kSnmpMaxPacket];
+  int32_t length = sizeof packet;
+  ASSERT_EQ(snmp_build_packet(&session, get.get(), packet, &length), 0);
+  EXPECT_EQ(to_hex({reinterpret_cast<char*>(packet), static_cast<size_t>(length)}),
+            to_hex(from_hex("3026 020100 04067075626C6963 A019 020105 020100 020100 300E 300C"
+                            "06082B06010201010100 0500")));
+
+  const std::string text(200, 't');
+  length = sizeof packet;
+  ASSERT_NE(snmp_build_trap(packet, &length, kEnterprise, 7, htonl(0x0A010203), 6, 1, 12345,
+                            kSysDescr, 9, kAsnOctetString, 200, text.data()),
+            0);
+  EXPECT_EQ(to_hex({reinterpret_cast<char*>(packet), static_cast<size_t>(length)}),
+            to_hex(from_hex("30820102 020100 04067075626C6963 A481F4 06072B06010401A73B"
+                            "40040A010203 020106 020101 43023039 3081D8 3081D5"
+                            "06082B06010201010100 0481C8") +
+                   text));
+}
+
 // A response with `count` bindings of `length` bytes each, and its session.
 struct Generated {
   Generated(int count, size_t length)

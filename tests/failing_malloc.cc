@@ -7,12 +7,19 @@
 namespace {
 
 std::atomic<int> left = INT_MAX;
+std::atomic<int> refusals_left = 0;
 
-bool grant() { return left == INT_MAX || --left >= 0; }
+bool grant() {
+  if (left == INT_MAX || --left >= 0) return true;
+  return --refusals_left < 0;
+}
 
 }  // namespace
 
-FailingMalloc::FailingMalloc(int count) { left = count; }
+FailingMalloc::FailingMalloc(int count, int refusals) {
+  refusals_left = refusals;
+  left = count;
+}
 FailingMalloc::~FailingMalloc() { left = INT_MAX; }
 bool FailingMalloc::failed() const { return left < 0; }
 
@@ -20,11 +27,15 @@ bool FailingMalloc::failed() const { return left < 0; }
 extern "C" {
 void* __real_malloc(size_t size);
 void* __real_calloc(size_t count, size_t size);
+void* __real_realloc(void* memory, size_t size);
 char* __real_strdup(const char* text);
 
 void* __wrap_malloc(size_t size) { return grant() ? __real_malloc(size) : nullptr; }
 void* __wrap_calloc(size_t count, size_t size) {
   return grant() ? __real_calloc(count, size) : nullptr;
+}
+void* __wrap_realloc(void* memory, size_t size) {
+  return grant() ? __real_realloc(memory, size) : nullptr;
 }
 char* __wrap_strdup(const char* text) { return grant() ? __real_strdup(text) : nullptr; }
 }

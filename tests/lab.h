@@ -4,9 +4,9 @@
 // A program enters it once, at its start, and stays: it is then root of a machine
 // of its own, with loopback up, an empty /run, the names below and nothing to
 // reach outside. What it writes to /etc, /run and new directories of / disappears
-// with it. Where the
-// host forbids such namespaces the program goes on outside, and every LabTest
-// skips with the reason (and fails when CI is set).
+// with it, but /etc holds links to the host's files: remove one before writing it.
+// Where the host forbids such namespaces the program goes on outside, and every
+// LabTest skips with the reason (and fails when CI is set).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -83,6 +83,25 @@ class UdpReceiver {
 
  private:
   int socket_;
+};
+
+/// A second machine: a network namespace whose one interface is tied to one of this
+/// machine's (10.9.0.1/24) by a cable.
+class SecondHost {
+ public:
+  /// The machine has these addresses of 10.9.0.0/24.
+  explicit SecondHost(const std::vector<std::string>& addresses);
+  ~SecondHost();
+  SecondHost(const SecondHost&) = delete;
+  SecondHost& operator=(const SecondHost&) = delete;
+
+  /// Runs `work` in this thread as on the second machine. Sockets opened and programs
+  /// started there stay there.
+  void inside(const std::function<void()>& work) const;
+
+ private:
+  int here_;  // the namespaces, as descriptors
+  int there_;
 };
 
 }  // namespace lab

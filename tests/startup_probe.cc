@@ -36,7 +36,6 @@ int main(int argc, char** argv) {
   printf("before=%d\n", vxinit_done());
   _vxinit(name, argc, argv);
   printf("after=%d\n", vxinit_done());
-  show("argv0", vx_get_argv0());
   show("installdir", vx_get_installdir());
   show("appdir", find_appdir("other"));
   show("bindir", vx_get_bindir());

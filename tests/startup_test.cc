@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "tests/lab.h"
+#include "tests/rpc_server.h"
 
 namespace {
 
@@ -16,10 +17,21 @@ using lab::Outcome;
 constexpr char kUsage[] =
     "usage: kivtrap [-c community] [-t trap_type] [-s specific_trap] [-v] management_station\n";
 
-// Copies a program into a new directory of the lab.
+// Copies a program into a new directory of the lab. Valgrind, which would put its own
+// words and rights in the place of the test's, leaves what is in /startup alone.
 void install(const char* program, const fs::path& place) {
   fs::create_directories(place.parent_path());
   fs::copy_file(program, place, fs::copy_options::overwrite_existing);
+}
+
+// What a program started as `argv0` writes when it shows its origin.
+std::string origin_line(const std::string& argv0, const std::string& origin) {
+  return fs::path(argv0).filename().string() + ": origin for `" + argv0 + "' is `" + origin + "'\n";
+}
+
+std::string hard_link_line(const std::string& argv0, const std::string& file) {
+  return fs::path(argv0).filename().string() + ": unable to execute with hard links to binary " +
+         file + "\n";
 }
 
 class StartupTest : public LabTest {
@@ -28,6 +40,7 @@ class StartupTest : public LabTest {
     LabTest::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
     station.emplace(uint16_t{162});
+    mappers.emplace();
     fs::remove_all("/startup");
     install(KIVTRAP, "/startup/bin/kivtrap");
     install(PROBE, "/startup/bin/startup_probe");
@@ -61,6 +74,7 @@ class StartupTest : public LabTest {
   }
 
   std::optional<lab::UdpReceiver> station;
+  std::optional<lab::EmptyPortMappers> mappers;
 };
 
 TEST_F(StartupTest, Origin) {
@@ -70,7 +84,7 @@ TEST_F(StartupTest, Origin) {
   fs::create_directories("/startup/plain");
   lab::write_file("/startup/plain/kivtrap", "");
   fs::current_path("/startup/bin");
-  const std::string found = "/startup/bin/", none = "";
+  const std::string found = "/startup/bin/", none;
   auto directory = [](size_t length) { return "/startup" + std::string(length - 11, '/') + "bin"; };
   const struct {
     std::string argv0, path, wanted;
@@ -91,16 +105,12 @@ TEST_F(StartupTest, Origin) {
       {std::string(1023, 'k'), "PATH=/startup/bin", none},
   };
   for (const auto& [argv0, path, wanted] : cases) {
-    SCOPED_TRACE(argv0 + " " + path);
+    SCOPED_TRACE(testing::Message() << argv0 << " " << path);
     Outcome outcome = lab::run(command(program, {argv0}, {path, "KIV_PRINT_ORIGIN=quit"}));
     EXPECT_EQ(outcome.status, wanted == none ? 1 : 0);
     EXPECT_EQ(outcome.out, "");
-    if (wanted == none) {
-      EXPECT_EQ(outcome.err.substr(0, 7), "usage: ");
-    } else {
-      const std::string name = argv0 == "/startup/link" ? "link" : "kivtrap";
-      EXPECT_EQ(outcome.err, name + ": origin for `" + argv0 + "' is `" + wanted + "'\n");
-    }
+    EXPECT_EQ(outcome.err.substr(0, wanted == none ? 7 : std::string::npos),
+              wanted == none ? "usage: " : origin_line(argv0, wanted));
   }
   fs::current_path("/");
 
@@ -110,7 +120,7 @@ TEST_F(StartupTest, Origin) {
   for (const char* wish : {"KIV_PRINT_ORIGIN=", "KIV_PRINT_ORIGIN=1"}) {
     Outcome outcome = lab::run(command(program, {program}, {wish}));
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.err, "kivtrap: origin for `" + program + "' is `" + found + "'\n" + kUsage);
+    EXPECT_EQ(outcome.err, origin_line(program, found).append(kUsage));
   }
 }
 
@@ -119,11 +129,10 @@ TEST_F(StartupTest, RefusesHardLinks) {
   fs::create_symlink("other", "/startup/link");
   for (const char* path : {"/startup/bin/kivtrap", "/startup/other", "/startup/link"}) {
     Outcome outcome = lab::run(command("/startup/bin/kivtrap", {path, "manager"}));
-    const std::string name = fs::path(path).filename();
-    const std::string real = name == "link" ? "/startup/other" : path;
+    const bool is_link = std::string(path) == "/startup/link";
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(outcome.err, name + ": unable to execute with hard links to binary " + real + "\n");
+    EXPECT_EQ(outcome.err, hard_link_line(path, is_link ? "/startup/other" : path));
   }
   EXPECT_FALSE(station->receive_now());
   fs::remove("/startup/other");
@@ -138,32 +147,36 @@ TEST_F(StartupTest, Directories) {
     const char *name, *argv0, *wanted;
   } cases[] = {
       {"kiv", "/startup/bin/startup_probe",
-       "installdir=/startup\nappdir=/kiv\nbindir=/startup/bin\ntmpdir=/kiv/tmp\nmoddir=/kiv/mod\n"
+       "before=0\nafter=1\ninstalldir=/startup\nappdir=/kiv\nbindir=/startup/bin\ntmpdir=/kiv/"
+       "tmp\nmoddir=/kiv/mod\n"
        "securedir=/kiv/tmp/sec\ncommand=/kiv/tmp/vxdbg.tmp\n"},
       {"qmo", "startup_probe",
-       "installdir=/startup\nappdir=/startup\nbindir=/startup/bin\ntmpdir=/startup/tmp\n"
+       "before=0\nafter=1\ninstalldir=/startup\nappdir=/startup\nbindir=/startup/bin\ntmpdir=/"
+       "startup/tmp\n"
        "moddir=/startup/mod\nsecuredir=/startup/tmp/sec\ncommand=/startup/bin/vxdbg.tmp\n"},
       {"tarn", "startup_probe",
-       "installdir=/startup\nappdir=/startup\nbindir=/startup/bin\ntmpdir=/startup/tmp\n"
+       "before=0\nafter=1\ninstalldir=/startup\nappdir=/startup\nbindir=/startup/bin\ntmpdir=/"
+       "startup/tmp\n"
        "moddir=/startup/mod\nsecuredir=/startup/tmp/sec\ncommand=/startup/tmp/vxdbg.tmp\n"},
       {"qmo", "nowhere",
-       "installdir=(none)\nappdir=/qmo\nbindir=(none)\ntmpdir=/qmo/tmp\nmoddir=/qmo/mod\n"
+       "before=0\nafter=1\ninstalldir=(none)\nappdir=/qmo\nbindir=(none)\ntmpdir=/qmo/tmp\nmoddir=/"
+       "qmo/mod\n"
        "securedir=/qmo/tmp/sec\ncommand=\n"},
       {"-", "startup_probe",  // the first name to be given is the later "other"
-       "installdir=/startup\nappdir=/other\nbindir=/startup/bin\ntmpdir=/other/tmp\n"
+       "before=0\nafter=1\ninstalldir=/startup\nappdir=/other\nbindir=/startup/bin\ntmpdir=/other/"
+       "tmp\n"
        "moddir=/other/mod\nsecuredir=/other/tmp/sec\ncommand=\n"},
   };
   for (const auto& [name, argv0, wanted] : cases) {
     Outcome outcome = lab::run(command(program, {argv0, name}, {"PATH=/startup/bin"}));
     EXPECT_EQ(outcome.status, 0);
-    const std::string before = std::string("before=0\nafter=1\nargv0=") + argv0 + "\n";
-    EXPECT_EQ(outcome.out.substr(0, outcome.out.find("started=")), before + wanted) << name;
+    EXPECT_EQ(outcome.out.substr(0, outcome.out.find("started=")), wanted) << name;
   }
 }
 
 TEST_F(StartupTest, RightsOfASetUserIdStart) {
   if (!lab::has_users()) return skip("no users but root here");
-  const std::string program = "/setuid/bin/startup_probe";
+  const std::string program = "/startup/setuid/bin/startup_probe";
   const struct {
     unsigned owner;
     const char* ids;
@@ -201,36 +214,98 @@ TEST_F(StartupTest, RightsOfASetUserIdStart) {
 // What the caller says of the program's place does not count.
 TEST_F(StartupTest, PlaceOfASetUserIdProgram) {
   if (!lab::has_users()) return skip("no users but root here");
-  install_set_user_id(PROBE, "/setuid/bin/startup_probe", 0);
-  install_set_user_id(KIVTRAP, "/setuid/bin/kivtrap", 0);
+  install_set_user_id(PROBE, "/startup/setuid/bin/startup_probe", 0);
+  install_set_user_id(KIVTRAP, "/startup/setuid/bin/kivtrap", 0);
   for (const char* argv0 : {"/startup/bin/startup_probe", "startup_probe", "/no/such/file"}) {
-    Outcome outcome = lab::run(users_command("/setuid/bin/startup_probe", {argv0, "tarn"},
+    Outcome outcome = lab::run(users_command("/startup/setuid/bin/startup_probe", {argv0, "tarn"},
                                              {"PATH=/startup/bin", "KIV_PRINT_ORIGIN=1"}));
-    EXPECT_NE(outcome.out.find("\ninstalldir=/setuid\nappdir=/setuid\n"), outcome.out.npos);
-    EXPECT_NE(outcome.out.find("\ncommand=/setuid/tmp/vxdbg.tmp\n"), outcome.out.npos);
-    EXPECT_NE(outcome.err.find("' is `/setuid/bin/'\n"), outcome.err.npos) << outcome.err;
+    EXPECT_NE(outcome.out.find("\ninstalldir=/startup/setuid\nappdir=/startup/setuid\n"),
+              outcome.out.npos);
+    EXPECT_NE(outcome.out.find("\ncommand=/startup/setuid/tmp/vxdbg.tmp\n"), outcome.out.npos);
+    EXPECT_NE(outcome.err.find("' is `/startup/setuid/bin/'\n"), outcome.err.npos) << outcome.err;
   }
-  fs::create_hard_link("/setuid/bin/kivtrap", "/setuid/elsewhere");
+  fs::create_hard_link("/startup/setuid/bin/kivtrap", "/startup/setuid/elsewhere");
   Outcome linked =
-      lab::run(users_command("/setuid/elsewhere", {"/startup/bin/kivtrap", "manager"}));
+      lab::run(users_command("/startup/setuid/elsewhere", {"/startup/bin/kivtrap", "manager"}));
   EXPECT_EQ(linked.status, 1);
-  EXPECT_EQ(linked.err, "kivtrap: unable to execute with hard links to binary /setuid/elsewhere\n");
+  EXPECT_EQ(linked.err, hard_link_line("kivtrap", "/startup/setuid/elsewhere"));
   EXPECT_FALSE(station->receive_now());
-  fs::remove("/setuid/elsewhere");
+  fs::remove("/startup/setuid/elsewhere");
 }
 
 TEST_F(StartupTest, TheCommandSetUserId) {
   if (!lab::has_users()) return skip("no users but root here");
-  install_set_user_id(KIVTRAP, "/setuid/bin/kivtrap", 0);
-  lab::write_file("/setuid/secret", "of root alone\n");
-  chmod("/setuid/secret", 0600);
-  Outcome refused = lab::run(
-      users_command("/setuid/bin/kivtrap", {"kivtrap", "-f", "/setuid/secret", "manager"}));
+  install_set_user_id(KIVTRAP, "/startup/setuid/bin/kivtrap", 0);
+  lab::write_file("/startup/setuid/secret", "of root alone\n");
+  chmod("/startup/setuid/secret", 0600);
+  Outcome refused = lab::run(users_command("/startup/setuid/bin/kivtrap",
+                                           {"kivtrap", "-f", "/startup/setuid/secret", "manager"}));
   EXPECT_EQ(refused.status, 1);
-  EXPECT_EQ(refused.out, "file /setuid/secret does not exist\n");
+  EXPECT_EQ(refused.out, "file /startup/setuid/secret does not exist\n");
   EXPECT_FALSE(station->receive_now());
-  EXPECT_EQ(lab::run(users_command("/setuid/bin/kivtrap", {"kivtrap", "manager"})).status, 0);
+  EXPECT_EQ(lab::run(users_command("/startup/setuid/bin/kivtrap", {"kivtrap", "manager"})).status,
+            0);
   EXPECT_TRUE(station->receive_now().value_or("").ends_with("disk full"));
+}
+
+// A locale of that codeset, as assignments for a command's environment.
+std::vector<std::string> locale_of(const std::string& codeset) {
+  fs::create_directories("/startup/locale");
+  const std::string name = "POSIX." + codeset;
+  lab::Command make;  // its warnings are many, and its status tells of them too
+  make.words = {"localedef", "--no-archive", "-c",    "-i",
+                "POSIX",     "-f",           codeset, "/startup/locale/" + name};
+  lab::run(make);
+  EXPECT_TRUE(fs::exists("/startup/locale/" + name + "/LC_CTYPE")) << codeset;
+  return {"LOCPATH=/startup/locale", "LC_ALL=" + name};
+}
+
+// The texts of a trap: community and message.
+std::pair<std::string, std::string> texts_of(const std::string& trap) {
+  const size_t community = trap.find(from_hex("02010004")) + 4;
+  const size_t message = trap.find(from_hex("06082B0601020101010004")) + 11;
+  if (trap.size() < message) return {};
+  return {trap.substr(community + 1, static_cast<unsigned char>(trap[community])),
+          trap.substr(message + 1)};
+}
+
+TEST_F(StartupTest, TextsInEveryLocale) {
+  const std::string program = "/startup/bin/kivtrap";
+  std::string high;
+  for (int byte = 0x80; byte <= 0xBF; ++byte)
+    high += {static_cast<char>(byte + 0x40), static_cast<char>(byte)};
+  high.resize(100);
+  const struct {
+    std::string codeset, argument, wanted;
+  } cases[] = {{"ISO-8859-1", "caf\xE9", "caf\xC3\xA9"},
+               {"ISO-8859-15", "\xA4", "\xE2\x82\xAC"},
+               {"EUC-JP", "\xC6\xFC\xCB\xDC", "\xE6\x97\xA5\xE6\x9C\xAC"},
+               {"UTF-8", "caf\xC3\xA9", "caf\xC3\xA9"},
+               {"UTF-8", "plain", "plain"}};
+  for (const auto& [codeset, argument, wanted] : cases) {
+    SCOPED_TRACE(testing::Message() << codeset << " " << argument);
+    std::vector<std::string> environment = locale_of(codeset);
+    // A file of that name is found again, and its text is sent as it is.
+    const std::string file = "/startup/" + argument;
+    lab::write_file(file, high + "\n");
+    const std::vector<std::string> words = {program, "-c", argument, "-f", file, "manager"};
+    EXPECT_EQ(lab::run(command(program, words, environment)).status, 0);
+    EXPECT_EQ(texts_of(station->receive_now().value_or("")), std::pair(wanted, high));
+    environment.emplace_back("KIV_MAST=");
+    lab::Command kept = command(program, {program, "-c", argument, "manager"}, environment);
+    kept.input = high + "\n";
+    EXPECT_EQ(lab::run(kept).status, 0);
+    EXPECT_EQ(texts_of(station->receive_now().value_or("")), std::pair(argument, high));
+  }
+
+  // In the plain locale every byte is the Latin-1 character; a caller's own locales are
+  // not for a set-user-id program.
+  if (!lab::has_users()) return skip("no users but root here");
+  install_set_user_id(KIVTRAP, "/startup/setuid/bin/kivtrap", 0);
+  lab::Command trusted = users_command("/startup/setuid/bin/kivtrap",
+                                       {program, "-c", "\xC6\xFC", "manager"}, locale_of("EUC-JP"));
+  EXPECT_EQ(lab::run(trusted).status, 0);
+  EXPECT_EQ(texts_of(station->receive_now().value_or("")).first, "\xC3\x86\xC3\xBC");
 }
 
 }  // namespace

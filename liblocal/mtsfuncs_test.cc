@@ -1,0 +1,180 @@
+#include "liblocal/mtsfuncs.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <set>
+#include <thread>
+
+#include "liblocal/localhost.h"
+#include "liblocal/svc_time.h"
+#include "liblocal/vx_error.h"
+#include "tests/lab.h"
+#include "tests/stand_ins.h"
+
+namespace {
+
+class LookUpTest : public LabTest {};
+
+TEST_F(LookUpTest, EachFindsItsOwn) {
+  const hostent* by_name = vx_ts_gethostbyname(" \t\nlocalhost");
+  ASSERT_NE(by_name, nullptr);
+  const in_addr lab = {inet_addr("192.0.2.1")};
+  const hostent* by_address = vx_ts_gethostbyaddr(&lab, sizeof lab, AF_INET);
+  ASSERT_NE(by_address, nullptr);
+  sethostent(0);
+  const hostent* first = vx_ts_gethostent();
+  ASSERT_NE(first, nullptr);
+  EXPECT_STREQ(by_name->h_name, "localhost");
+  EXPECT_STREQ(by_address->h_name, "lab-host") << "no wrapper writes over another's result";
+  EXPECT_STREQ(first->h_aliases[0], "manager");
+  endhostent();
+
+  const protoent* protocol = vx_ts_getprotobyname("udp");
+  EXPECT_TRUE(protocol == nullptr || protocol->p_proto == IPPROTO_UDP);
+  lab::write_file("/etc/services", "one 101/tcp\nsnmp 161/udp\n");
+  const servent* service = vx_ts_getservbyname("snmp", "udp");
+  const servent* by_port = vx_ts_getservbyport(htons(101), nullptr);
+  setservent(0);
+  const servent* next = vx_ts_getservent();
+  ASSERT_TRUE(service != nullptr && by_port != nullptr && next != nullptr);
+  EXPECT_EQ(service->s_port, htons(161));
+  EXPECT_STREQ(by_port->s_name, "one");
+  EXPECT_STREQ(next->s_name, "one");
+  endservent();
+  EXPECT_EQ(vx_ts_getservbyname("snmp", "tcp"), nullptr);
+}
+
+TEST_F(LookUpTest, Accounts) {
+  const passwd* root = vx_ts_getpwnam("root");
+  const passwd* zero = vx_ts_getpwuid(0);
+  const group* wheel = vx_ts_getgrgid(0);
+  ASSERT_TRUE(root != nullptr && zero != nullptr && wheel != nullptr);
+  EXPECT_NE(root, zero);
+  EXPECT_STREQ(root->pw_name, zero->pw_name);
+  EXPECT_STREQ(wheel->gr_name, "root");
+  EXPECT_EQ(vx_ts_getpwuid(54321), nullptr);
+}
+
+TEST_F(LookUpTest, NothingAndTooMuch) {
+  EXPECT_EQ(vx_ts_gethostbyname(nullptr), nullptr);
+  EXPECT_EQ(vx_ts_gethostbyname("   "), nullptr);
+  EXPECT_EQ(vx_ts_gethostbyname(std::string(100000, 'x').c_str()), nullptr);
+  EXPECT_EQ(vx_ts_gethostbyaddr(nullptr, 4, AF_INET), nullptr);
+  EXPECT_EQ(vx_ts_gethostbyaddr("x", 1, AF_INET), nullptr);
+  EXPECT_EQ(vx_ts_getprotobyname(nullptr), nullptr);
+  EXPECT_EQ(vx_ts_getservbyname(nullptr, "udp"), nullptr);
+  EXPECT_EQ(vx_ts_getpwnam(nullptr), nullptr);
+  const std::string hosts = lab::read_file("/etc/hosts");
+  lab::write_file("/etc/hosts", "192.0.2.7 long " + std::string(8192, 'x') + "\n");
+  EXPECT_EQ(vx_ts_gethostbyname("long"), nullptr) << "does not fit";
+  lab::write_file("/etc/hosts", hosts);
+}
+
+TEST(TimeLookUp, EachFindsItsOwn) {
+  setenv("TZ", "UTC-1", 1);
+  tzset();
+  const time_t second = 1'000'000'000, other = 0;
+  const tm* utc = vx_ts_gmtime(&second);
+  const tm* local = vx_ts_localtime(&second);
+  const char* text = vx_ts_ctime(&other);
+  EXPECT_STREQ(vx_ts_asctime(utc), "Sun Sep  9 01:46:40 2001\n");
+  EXPECT_EQ(local->tm_hour, 2);
+  EXPECT_STREQ(text, "Thu Jan  1 01:00:00 1970\n");
+  tm far = *utc;
+  far.tm_year = 100'000;
+  EXPECT_EQ(vx_ts_asctime(&far), nullptr);
+  std::thread([utc, &other] {
+    EXPECT_NE(vx_ts_gmtime(&other), utc);
+    EXPECT_EQ(utc->tm_year, 101);
+  }).join();
+  unsetenv("TZ");
+  tzset();
+}
+
+TEST(RandomNumbers, PerThread) {
+  stand_ins::now = 1'000'000'000'000;
+  for (uint32_t extra : {0U, 1U, 0xffffffffU}) {
+    uint64_t mixed = 1'000'000'000'000U * 231 + static_cast<uint64_t>(getpid());
+    if (extra != 0) mixed = mixed * 231 + extra;
+    const auto seed = static_cast<unsigned>((mixed >> 32) + (mixed & 0xffffffff));
+    std::thread([extra, seed] {
+      if (extra != 0) vx_ts_srand(extra);
+      unsigned once = seed;
+      EXPECT_EQ(vx_ts_rand(), rand_r(&once)) << extra;
+    }).join();
+    std::thread([extra, seed] {
+      vx_ts_srand(extra);
+      vx_ts_srand(extra);
+      unsigned twice = 2 * seed;
+      EXPECT_EQ(vx_ts_rand(), rand_r(&twice)) << "on top of the seed before";
+    }).join();
+  }
+  stand_ins::now = 0;
+  std::set<int> numbers;
+  for (int i = 0; i < 100; ++i) numbers.insert(vx_ts_rand());
+  EXPECT_GT(numbers.size(), 90U);
+  EXPECT_GE(*numbers.begin(), 0);
+}
+
+TEST(ServiceTime, StandsUntilReset) {
+  stand_ins::now = 5000;
+  svc_time_reset();
+  EXPECT_EQ(svc_time(), 5000);
+  stand_ins::now = 5100;
+  EXPECT_EQ(svc_time(), 5000);
+  EXPECT_EQ(vx_time(), 5100);
+  svc_time_reset();
+  EXPECT_EQ(svc_time(), 5100);
+  stand_ins::now = 0;
+  svc_time_reset();
+}
+
+TEST_F(LookUpTest, WhatThisHostIsCalled) {
+  char name[256];
+  EXPECT_EQ(vx_gethostname(name, sizeof name), 0);
+  EXPECT_STREQ(name, lab::kHostName);
+  EXPECT_EQ(vx_gethostname(name, 3), -1);
+  EXPECT_EQ(vx_error_get_last(), vx_error_from_errno(ENAMETOOLONG));
+
+  EXPECT_EQ(vx_getdomainname(name, sizeof name), 0);
+  EXPECT_STREQ(name, "");
+  ASSERT_EQ(setdomainname("Example.NET", 11), 0);
+  EXPECT_EQ(vx_getdomainname(name, 12), 0);
+  EXPECT_STREQ(name, "example.net");
+  EXPECT_EQ(vx_getdomainname(name, 11), -1);
+  EXPECT_EQ(vx_error_get_last(), vx_error_from_errno(ERANGE));
+  EXPECT_EQ(vx_getdomainname(name, 0), -1);
+  setdomainname("(none)", 6);
+}
+
+// The name is read once per process, so each case is a process of its own.
+TEST_F(LookUpTest, TheLocalHost) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const std::string long_name(300, 'L');
+  const struct {
+    std::string host, hosts, wanted;
+  } cases[] = {{"LAB", "192.0.2.1 Lab.Example.NET LAB\n", "lab.example.net"},
+               {"unknown", "127.0.0.1 localhost\n", "localhost"},
+               {"long", "192.0.2.1 " + long_name + " long\n", std::string(255, 'l')}};
+  const std::string hosts_before = lab::read_file("/etc/hosts");
+  for (const auto& [host, hosts, wanted] : cases) {
+    lab::set_host_name(host);
+    lab::write_file("/etc/hosts", hosts);
+    auto in_child = [&wanted = wanted] {
+      char name[512], cut[5];
+      if (vx_getlocalhost(name, sizeof name) != name || wanted != name) _exit(1);
+      lab::set_host_name("later");
+      vx_getlocalhost(cut, sizeof cut);
+      _exit(wanted.substr(0, 4) == cut ? 0 : 2);
+    };
+    EXPECT_EXIT(in_child(), testing::ExitedWithCode(0), "") << wanted;
+  }
+  lab::set_host_name(lab::kHostName);
+  lab::write_file("/etc/hosts", hosts_before);
+}
+
+}  // namespace
