@@ -103,6 +103,18 @@ TEST_F(StationTest, ARealPortMapper) {
   client->ops->destroy(client);
   EXPECT_EQ(send_trap(), "");
   EXPECT_TRUE(manager_->receive().value_or("").ends_with("x\nwrapped"));
+
+  // Look-ups for connections go over connections.
+  EXPECT_EQ(__brix_clnt_create("station", 100122, 0, "tcp"), nullptr);
+  EXPECT_EQ(__get_rpc_createerr()->status, RPC_PROGNOTREGISTERED);
+  client = __brix_clnt_create("station", kPmapProgram, kPmapVersion, nullptr);
+  ASSERT_NE(client, nullptr);
+  client->ops->control(client, CLGET_SERVER_ADDR, &server);
+  EXPECT_EQ(ntohs(server.sin_port), kStandardMapperPort);
+  EXPECT_EQ(
+      client->ops->call(client, 0, __brix_xdr_void, nullptr, __brix_xdr_void, nullptr, kLimit),
+      RPC_SUCCESS);
+  client->ops->destroy(client);
 }
 
 TEST_F(StationTest, AnIndependentDecoderReadsTheCalls) {
