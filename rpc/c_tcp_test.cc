@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <random>
 #include <semaphore>
 #include <thread>
 
@@ -265,6 +266,40 @@ TEST_F(TcpTest, Failures) {
     connect(peer);
     EXPECT_EQ(call(), status);
     expect_error(status, detail);
+    destroy();
+  }
+}
+
+// Echoes the bytes of a call, cut at random into fragments and segments.
+TEST_F(TcpTest, EveryByteComesBackOnceAndInOrder) {
+  std::mt19937 random(3);
+  TcpPeer peer([&random](TcpConnection& connection) {
+    while (auto request = connection.read_record()) {
+      std::string reply = lab::success_to(*request, "") + request->substr(40);
+      std::string wire;
+      for (size_t at = 0; at < reply.size();) {
+        size_t piece = 1 + random() % (1 + reply.size() / 5);
+        wire += fragment(reply.substr(at, piece), at + piece >= reply.size());
+        at += piece;
+      }
+      for (size_t at = 0; at < wire.size();) {
+        size_t piece = 1 + random() % (1 + wire.size() / 5);
+        connection.send(wire.substr(at, piece));
+        at += piece;
+      }
+    }
+  });
+  for (uint32_t size : {0U, 1U, 3999U, 7999U, 8001U, 100003U, 3U << 20}) {
+    connect(peer, -1, 100 + size % 9000);
+    std::string data(size, '\0');
+    for (char& byte : data) byte = static_cast<char>(random());
+    Bytes arguments = {reinterpret_cast<uint8_t*>(data.data()), size};
+    Bytes results = {nullptr, 0};
+    ASSERT_EQ(client_->ops->call(client_, 7, xdr_filter<bytes_filter>, &arguments,
+                                 xdr_filter<bytes_filter>, &results, kLong),
+              RPC_SUCCESS);
+    EXPECT_TRUE(std::string(results.data, results.data + results.size) == data) << size;
+    EXPECT_TRUE(client_->ops->freeres(client_, xdr_filter<bytes_filter>, &results));
     destroy();
   }
 }
@@ -679,12 +714,15 @@ TEST_F(TcpTest, AllowedMethodsComeFromTheTable) {
   rpc_install_auth_methods(nullptr);
 }
 
-// Calls in a process that has this in its environment; its status tells how the
-// socket was driven: bit 0 blocking with a limit, bit 1 without, bit 2 without while
-// input is watched.
-[[noreturn]] void show_modes(const char* value, uint16_t port) {
+// The two tests below use a process of their own for each environment, with a peer
+// that ends before it does.
+
+// How the socket was driven: bit 0 blocking with a limit, bit 1 without, bit 2 without
+// while input is watched.
+int modes_with(const char* value) {
   setenv("KIV_BLOCKING_RPC", value, 1);
-  sockaddr_in server = loopback(port);
+  TcpPeer peer(answer_all);
+  sockaddr_in server = loopback(peer.port());
   int socket = -1;
   CLIENT* client = __brix_clnttcp_create(&server, 5, 6, &socket, 0, 0);
   int modes = 0;
@@ -695,25 +733,32 @@ TEST_F(TcpTest, AllowedMethodsComeFromTheTable) {
     if ((fcntl(socket, F_GETFL) & O_NONBLOCK) == 0) modes |= 1 << bit;
   }
   client->ops->destroy(client);
-  _exit(modes);
+  return modes;
 }
 
 TEST_F(TcpTest, BlockingModes) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  TcpPeer peer(answer_all);
-  const std::pair<const char*, int> cases[] = {{"must", 7}, {"MUST", 7}, {"True", 6},
-                                               {"", 6},     {"no", 6},   {"false", 2}};
+  const std::pair<const char*, int> cases[] = {{"must", 7}, {"True", 6}, {"no", 6}, {"fALSE", 2}};
   for (const auto& [value, modes] : cases) {
-    EXPECT_EXIT(show_modes(value, peer.port()), testing::ExitedWithCode(modes), "") << value;
+    EXPECT_EXIT(_exit(modes_with(value)), testing::ExitedWithCode(modes), "") << value;
   }
 }
 
-// Sets buffer sizes and transfers much in a process with these settings.
-[[noreturn]] void use_switches(const std::string& directory, uint16_t port) {
-  setenv("KIV_DEBUG_DIR", directory.c_str(), 1);
+// Answers 100000 times the letter d with as many of the letter e.
+void answer_much(TcpConnection& connection) {
+  while (auto request = connection.read_record()) {
+    if (request->substr(40) != std::string(100000, 'd')) continue;
+    connection.send(fragment(lab::success_to(*request, "") + std::string(100000, 'e')));
+  }
+}
+
+// Whether socket buffers keep their size and much data comes through.
+bool works_with(const char* directory) {
+  setenv("KIV_DEBUG_DIR", directory, 1);
   setenv("KIV_SOCK_BUF_UNSET", "Yes", 1);
   Debug = 1;
-  sockaddr_in server = loopback(port);
+  TcpPeer peer(answer_much);
+  sockaddr_in server = loopback(peer.port());
   int socket = -1;
   CLIENT* client = __brix_clnttcp_create(&server, 5, 6, &socket, 0, 0);
   int before = 0;
@@ -724,23 +769,16 @@ TEST_F(TcpTest, BlockingModes) {
   std::string data(100001, 'd');
   auto opaque = [](XDR* xdrs, void* bytes) { return __brix_xdr_opaque(xdrs, bytes, 100000); };
   clnt_stat status = client->ops->call(client, 7, opaque, data.data(), opaque, data.data(), kLong);
-  bool back = data == std::string(100000, 'e') + 'd';
   client->ops->destroy(client);
-  _exit(kept && status == RPC_SUCCESS && back ? 0 : 1);
+  return kept && status == RPC_SUCCESS && data == std::string(100000, 'e') + 'd';
 }
 
 TEST_F(TcpTest, SwitchesOfTheDebugDirectory) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  TcpPeer peer([](TcpConnection& connection) {
-    while (auto request = connection.read_record()) {
-      if (request->substr(40) != std::string(100000, 'd')) continue;
-      connection.send(fragment(lab::success_to(*request, "") + std::string(100000, 'e')));
-    }
-  });
   mkdir("/run/debug", 0755);
-  for (const char* name : {"", "nowritev", "noreadv", "nodelayeor"}) {
+  for (const char* name : {"", "nowritev", "noreadv"}) {
     if (*name != '\0') lab::write_file(std::string("/run/debug/") + name, "");
-    EXPECT_EXIT(use_switches("/run/debug", peer.port()), testing::ExitedWithCode(0),
+    EXPECT_EXIT(_exit(works_with("/run/debug") ? 0 : 1), testing::ExitedWithCode(0),
                 "The environment variable KIV_SOCK_BUF_UNSET is set to 'Yes'. This overrides "
                 "default behavior");
   }

@@ -1,6 +1,7 @@
 #include "rpc/x_rec.h"
 
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -313,6 +314,28 @@ TEST(RecordMemory, NoneLeft) {
   XDR xdrs{};
   EXPECT_FALSE(__brix_xdrrec_create(&xdrs, 0, 0, nullptr, pipe_read, pipe_write));
   EXPECT_EQ(errno, ENOMEM);
+}
+
+// In a process that finds these switches: what each write sends.
+void show_writes(const char* directory) {
+  setenv("KIV_DEBUG_DIR", directory, 1);
+  Pipe pipe;
+  XDR xdrs{};
+  if (!__brix_xdrrec_create(&xdrs, 0, 0, &pipe, pipe_read, pipe_write)) _exit(1);
+  const std::string bytes = letters(8000);
+  bool put =
+      xdrs.ops->put_bytes(&xdrs, bytes.data(), 8000) && __brix_xdrrec_endofrecord(&xdrs, false);
+  xdrs.ops->destroy(&xdrs);
+  _exit(put ? static_cast<int>(pipe.writes.size()) : 0);
+}
+
+class RecordSwitches : public LabTest {};
+
+TEST_F(RecordSwitches, WithoutDelayedEnds) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(show_writes("/run/nowhere"), testing::ExitedWithCode(1), "");
+  lab::write_file("/run/nodelayeor", "");
+  EXPECT_EXIT(show_writes("/run"), testing::ExitedWithCode(2), "");
 }
 
 // Records of all sizes, cut at random on both sides of the stream.
