@@ -4,6 +4,8 @@
 
 #include <cstdlib>
 
+#include "liblocal/c_memory.h"
+#include "liblocal/i18n_printf.h"
 #include "liblocal/print.h"
 #include "liblocal/utf8.h"
 #include "liblocal/vxprint.h"
@@ -19,7 +21,10 @@ std::atomic<int> debug_file_descriptor{-1};  // of debug_file; a signal handler 
   if (file == nullptr) file = stderr;
   char prefix[kMessagePrefixSize];
   vxfprintf(file, "%s%s", print_prefix(prefix), word);
-  vxvfprintf(file, format, arguments);
+  char* area = nullptr;
+  i18n_vsprintf(nullptr, &area, format, arguments);
+  c_unique_ptr<char> text(area);
+  if (text != nullptr) vxfprintf(file, "%s", text.get());
 }
 
 // Forgets the debug file and closes it. Returns the result of closing.

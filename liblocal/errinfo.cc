@@ -6,9 +6,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "liblocal/c_memory.h"
 #include "liblocal/catgets.h"
 #include "liblocal/debug.h"
 #include "liblocal/err_tables.h"
+#include "liblocal/i18n_printf.h"
 #include "liblocal/print.h"
 #include "liblocal/utf8_convert.h"
 #include "liblocal/xmalloc.h"
@@ -70,6 +72,13 @@ char* message_buffer() {
   return block->message;
 }
 
+// Copies `text`, cut to fit, into the message buffer. It may be this very message.
+void copy_message(const char* text, char* message) {
+  size_t length = strnlen(text, kMessageSize - 1);
+  memmove(message, text, length);
+  message[length] = '\0';
+}
+
 const char* severity_word(int32_t severity) {
   switch (severity) {
     case kNotice:
@@ -120,20 +129,21 @@ vx_error_record* err_set(int32_t type, int32_t number) {
 vx_error_record* err_setstr(int32_t type, int32_t number, const char* format, ...) {
   char* message = message_buffer();
   if (format == nullptr || message == nullptr) return nullptr;
+  char* area = nullptr;
   va_list arguments;
   va_start(arguments, format);
-  vsnprintf(message, kMessageSize, format, arguments);
+  i18n_vsprintf(nullptr, &area, format, arguments);
   va_end(arguments);
+  c_unique_ptr<char> text(area);  // an argument may be the message that this replaces
+  if (text == nullptr) return nullptr;
+  copy_message(text.get(), message);
   return err_setall(type, severity_of(number), code_of(number), message);
 }
 
 vx_error_record* err_dup(const vx_error_record* record) {
   char* message = message_buffer();
   if (record == nullptr || message == nullptr) return nullptr;
-  const char* text = record->text != nullptr ? record->text : "";
-  size_t length = strnlen(text, kMessageSize - 1);
-  memmove(message, text, length);  // the text may be this very message
-  message[length] = '\0';
+  copy_message(record->text != nullptr ? record->text : "", message);
   vx_error_record* current = &get_liblocal_t_varp()->current_error;
   *current = {record->number, message};
   return current;

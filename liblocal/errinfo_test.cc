@@ -103,6 +103,7 @@ TEST(ErrPrint, ByteForByte) {
 TEST(ErrSetstr, FormatsAndCuts) {
   vx_error_record* record = err_setstr(3, 5012, "%s: %d", "host", 7);
   EXPECT_EQ(shown(record), "35012 host: 7");
+  EXPECT_EQ(shown(err_setstr(3, 5012, "on %s", record->text)), "35012 on host: 7");
   EXPECT_EQ(err_setstr(3, 1, nullptr), nullptr);
   EXPECT_EQ(record->number, 35012) << "a null format sets nothing";
   for (size_t length : {18430U, 18431U, 18432U}) {

@@ -5,13 +5,16 @@
 #include <cstring>
 
 #include "liblocal/c_memory.h"
+#include "liblocal/i18n_printf.h"
 #include "liblocal/log_time.h"
 #include "liblocal/progname.h"
 #include "liblocal/vxprint.h"
 
 namespace {
 
-constexpr size_t kNameSize = 64;  // the part of the program's name that messages show
+constexpr size_t kNameSize = 64;     // the part of the program's name that messages show
+constexpr size_t kPrefixRoom = 764;  // of a prefix that is part of a format
+static_assert(kPrefixRoom > kMessagePrefixSize + kNameSize - 1, "a name may be all '%'");
 
 std::atomic<int> timestamps;
 std::atomic<print_accrual_hook> accrual_hook;
@@ -24,16 +27,20 @@ bool is_failure(const char* text) {
   return true;
 }
 
-// The prefix and the formatted message; null without memory.
-[[gnu::format(printf, 1, 0)]] c_unique_ptr<char> format_message(const char* format,
-                                                                va_list arguments) {
+// The prefix and `format` as one format; null without memory. A '%' in the program's
+// name is doubled, which makes it text.
+c_unique_ptr<char> prefixed(const char* format) {
+  const size_t length = strlen(format);
+  c_unique_ptr<char> whole(static_cast<char*>(malloc(length + kPrefixRoom)));
+  if (whole == nullptr) return nullptr;
   char prefix[kMessagePrefixSize];
-  char* message = nullptr;
-  if (vasprintf(&message, format, arguments) < 0) return nullptr;
-  c_unique_ptr<char> owner(message);
-  char* text = nullptr;
-  if (asprintf(&text, "%s%s", print_prefix(prefix), message) < 0) return nullptr;
-  return c_unique_ptr<char>(text);
+  char* end = whole.get();
+  for (const char* at = print_prefix(prefix); *at != '\0'; ++at) {
+    if (*at == '%') *end++ = '%';
+    *end++ = *at;
+  }
+  memcpy(end, format, length + 1);
+  return whole;
 }
 
 }  // namespace
@@ -52,24 +59,34 @@ void print_timestamps(int on) { timestamps = on; }
 
 void print_set_accrual_hook(print_accrual_hook hook) { accrual_hook = hook; }
 
+// The prefixed format takes the arguments that `format` does.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+
 void vprinterr(const char* format, va_list arguments) {
-  c_unique_ptr<char> text = format_message(format, arguments);
+  c_unique_ptr<char> whole = prefixed(format);
+  if (whole == nullptr) return;
+  char* area = nullptr;
+  i18n_vsprintf(nullptr, &area, whole.get(), arguments);
+  c_unique_ptr<char> text(area);
   if (text == nullptr) return;
   print_accrual_hook hook = accrual_hook;
   if (hook != nullptr && is_failure(text.get())) hook(text.get());
   vxfprintf(stderr, "%s", text.get());
 }
 
+void vprintinfo(const char* format, va_list arguments) {
+  c_unique_ptr<char> whole = prefixed(format);
+  if (whole != nullptr) vxvfprintf(stdout, whole.get(), arguments);
+}
+
+#pragma GCC diagnostic pop
+
 void printerr(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
   vprinterr(format, arguments);
   va_end(arguments);
-}
-
-void vprintinfo(const char* format, va_list arguments) {
-  c_unique_ptr<char> text = format_message(format, arguments);
-  if (text != nullptr) vxfprintf(stdout, "%s", text.get());
 }
 
 void printinfo(const char* format, ...) {

@@ -1,5 +1,6 @@
 // Messages with the program's name before them: errors on standard error,
-// information on standard output.
+// information on standard output. Formats are those of i18n_printf.h. Without memory
+// nothing is printed.
 //
 // Thread safety: every operation may be called from any thread; a message is
 // written in one piece.
@@ -8,7 +9,7 @@
 #include <cstdarg>
 #include <cstddef>
 
-constexpr size_t kMessagePrefixSize = 704;  // a time stamp, a blank, a name of 63, ": "
+constexpr size_t kMessagePrefixSize = 666;  // a time stamp of 599, a blank, a name of 63, ": "
 
 /// Writes the prefix of a message made now into `buffer`, kMessagePrefixSize
 /// bytes: the time and a blank when time stamps are on, the program's name and

@@ -37,13 +37,13 @@ bool is_converted(FILE* stream) { return !utf8_is_marked(fileno(stream)); }
 size_t read_line(char* buffer, size_t room, FILE* stream) {
   size_t length = 0;
   while (length < room && (length == 0 || buffer[length - 1] != '\n')) {
-    int byte = getc_unlocked(stream);
+    int byte = getc(stream);
     if (byte != EOF) {
       buffer[length++] = static_cast<char>(byte);
-    } else if (feof_unlocked(stream) != 0) {
+    } else if (feof(stream) != 0) {
       break;
     } else if (errno == EINTR) {
-      clearerr_unlocked(stream);
+      clearerr(stream);
     } else {
       return 0;
     }

@@ -23,7 +23,7 @@ using std::string_view_literals::operator""sv;
 
 constexpr size_t kPathAreaSize = 12288;      // bytes of vx_utf8tombts's first step
 constexpr size_t kLeastThreadBuffer = 6144;  // bytes of a buffer of utf8encode
-constexpr size_t kHeldBack = 16;             // more bytes than a converter ever holds back
+constexpr size_t kHeldBack = 8;              // more bytes than a converter ever holds back
 
 // A conversion on its way. It goes on while there is input and more than `spare` bytes
 // are free: 1 where a NUL is to follow, else 0. The last character may use the spare
@@ -84,8 +84,8 @@ vx_mutex* lock_of(Direction* direction) {
 // Some converters hold a character back for what may combine with it. It belongs to the
 // input that was taken, so it must find room: the run then starts over with less.
 int run_converter(iconv_t descriptor, Conversion* conversion, size_t length, size_t room) {
-  for (size_t kept : {size_t{0}, kHeldBack}) {
-    size_t use = room - std::min(kept, room);
+  for (size_t kept = 0; kept <= std::min(kHeldBack, room); ++kept) {
+    size_t use = room - kept;
     char* in = const_cast<char*>(conversion->in);  // the platform's signature; it only reads
     size_t in_left = length;
     char* out = conversion->out;

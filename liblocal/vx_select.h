@@ -6,6 +6,7 @@
 
 #include <sys/time.h>
 
+#include <algorithm>
 #include <cstdint>
 
 constexpr int kVxFdSetSize = 65536;  // descriptors that a set can name: 0 to 65535
@@ -16,6 +17,11 @@ struct vx_fd_set {
 
 /// Empties `set`.
 inline void VX_FD_ZERO(vx_fd_set* set) { *set = {}; }
+
+/// Empties what a wait for descriptors up to `fd` looks at, and nothing behind it.
+///
+/// REQUIRES: `fd` is 0 to 65535.
+inline void VX_FD_ZERO_UP_TO(int fd, vx_fd_set* set) { std::fill_n(set->words, fd / 64 + 1, 0); }
 
 /// Adds `fd` to `set`. A descriptor outside 0 to 65535 is not added.
 inline void VX_FD_SET(int fd, vx_fd_set* set) {

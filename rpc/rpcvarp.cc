@@ -5,6 +5,7 @@
 #include "liblocal/vx_mutex.h"
 #include "liblocal/vx_thread.h"
 #include "liblocal/xmalloc.h"
+#include "rpc/io_switches.h"
 
 namespace {
 
@@ -47,6 +48,7 @@ VARP_DEFINE_THREAD_BLOCK(rpc)
 VARP_DEFINE_PROCESS_BLOCK(rpc)
 
 rpc_t_varp* rpc_t_init() {
+  (void)rpc_get_io_switches();  // settled with the process's first block
   return static_cast<rpc_t_varp*>(_vx_calloc_every(1, sizeof(rpc_t_varp), kBlockPauseMs));
 }
 

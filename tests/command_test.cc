@@ -1,4 +1,5 @@
 // The command as a process: arguments, streams, exit status and datagrams.
+#include <gmock/gmock.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <regex>
 
 #include "tests/lab.h"
+#include "tests/rpc_server.h"
 
 namespace {
 
@@ -42,6 +44,7 @@ class CommandTest : public LabTest {
     lab::remove_boot_record();
     lab::set_host_name(lab::kHostName);
     station.emplace(uint16_t{162});
+    mappers.emplace();
   }
 
   static lab::Command kivtrap(std::vector<std::string> words, std::string input = "disk full\n") {
@@ -59,6 +62,7 @@ class CommandTest : public LabTest {
   }
 
   std::optional<lab::UdpReceiver> station;
+  std::optional<lab::EmptyPortMappers> mappers;
 };
 
 TEST_F(CommandTest, CommandLine) {
@@ -232,7 +236,7 @@ TEST_F(CommandTest, AgentAddress) {
     const char* err;
   };
   const Case cases[] = {
-      {"10.9.8.7", "", "0A090807", ""},
+      {"10.9.8.7", "10.9.8.7 numbers\n", "0A090807", ""},
       {"lab-host", "10.4.4.4 LAB-HOST.example lab-host\n", "0A040404", ""},
       {"nowhere", "127.0.0.2 localhost\n", "7F000002", ""},
       {"nowhere", "", "00000000", "unknown host: localhost\n"},
@@ -240,7 +244,7 @@ TEST_F(CommandTest, AgentAddress) {
   for (const Case& test : cases) {
     SCOPED_TRACE(test.agent);
     lab::set_host_name(test.host_name);
-    lab::write_file("/etc/hosts", test.hosts);
+    lab::write_file("/etc/hosts", std::string("127.0.0.1 loopback\n") + test.hosts);
     Outcome outcome = lab::run(kivtrap({"127.0.0.1"}));
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.err, test.err);
@@ -284,12 +288,82 @@ TEST_F(CommandTest, DebugLevelOfARunningProcess) {
   EXPECT_EQ(arrived(), to_hex(trap_message("disk full")));
 }
 
+// The call that a port mapper gets, less the transaction id.
+const std::string kGetPort = to_hex(
+    from_hex("00000000 00000002 000186A0 00000002 00000003"  // call, RPC 2, port mapper 2, get port
+             "00000000 00000000 00000000 00000000"           // none credential and verifier
+             "0001871A 00000000 00000011 00000000"));        // program 100122 version 0 over UDP
+
+std::vector<std::string> calls_of(const lab::RpcServer& mapper) {
+  std::vector<std::string> calls;
+  for (const std::string& request : mapper.requests()) calls.push_back(to_hex(request.substr(4)));
+  return calls;
+}
+
+TEST_F(CommandTest, TextIsWrappedWhereTheStationIsRegistered) {
+  using Replies = lab::RpcServer::Script;
+  const Replies refusal = [](const std::string& request) {
+    return std::vector{lab::reply_to(request, "00000001 00000001 00000001 00000002")};
+  };
+  const Replies garbage = [](const std::string& request) {
+    return std::vector{std::string("no"), lab::reply_to(request, "FFFFFFFF"),
+                       lab::reply_to(request, "00000000 00000000")};
+  };
+  const std::string line = std::string(38, 'a') + " " + std::string(20, 'b');
+  const std::string wrapped = std::string(38, 'a') + "\n" + std::string(20, 'b');
+  const struct {
+    const char* title;
+    Replies own, standard;
+    size_t asked;  // how many of the two
+    std::string text;
+  } cases[] = {
+      {"own one knows it", lab::port_mapper(4711), lab::port_mapper(0), 1, wrapped},
+      {"standard one knows it", lab::port_mapper(0), lab::port_mapper(1), 2, wrapped},
+      {"neither knows it", lab::port_mapper(0), lab::port_mapper(0), 2, line},
+      {"port 65536 is port 0",
+       [](const std::string& request) { return std::vector{lab::success_to(request, "00010000")}; },
+       lab::port_mapper(0), 2, line},
+      {"own one refuses", refusal, lab::port_mapper(4711), 2, wrapped},
+      {"both answer garbage", garbage, garbage, 2, line},
+  };
+  mappers.reset();
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.title);
+    lab::RpcServer own(7938, "127.0.0.1", test.own);
+    lab::RpcServer standard(111, "127.0.0.1", test.standard);
+    Outcome outcome = lab::run(kivtrap({"manager"}, line + "\n"));
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.out + outcome.err, "");
+    EXPECT_EQ(arrived(), to_hex(trap_message(test.text)));
+    EXPECT_THAT(calls_of(own), testing::ElementsAre(kGetPort));
+    EXPECT_THAT(calls_of(standard), testing::SizeIs(test.asked - 1));
+    EXPECT_THAT(calls_of(standard), testing::Each(kGetPort));
+  }
+}
+
+// The trap itself goes to the name's own address, which is not reachable in the lab.
+TEST_F(CommandTest, PortMappersOfThisHostAreAskedOnLoopback) {
+  for (const char* host : {"lab-host", "LAB-Host", "192.0.2.1"}) {
+    SCOPED_TRACE(host);
+    size_t before = mappers->own.requests().size();
+    EXPECT_EQ(lab::run(kivtrap({host})).err, "sendto: Network is unreachable\n");
+    EXPECT_EQ(mappers->own.requests().size(), before + 1);
+  }
+}
+
 TEST_F(CommandTest, FailuresOfTheSystem) {
+  auto no_name = [](const std::string& host) {
+    return "kivtrap: Reverse DNS lookup failed for host " + host + ", address " + host + "\n";
+  };
+  // Told for each of the two port mappers.
+  const std::string cannot_bind =
+      "kivtrap: Cannot bind socket to connection port in configured port range on system "
+      "lab-host.\n";
   struct Case {
     std::vector<std::string> words;
     std::vector<std::pair<long, int>> refused;
     const char* out;
-    const char* err;
+    std::string err;
   };
   const Case cases[] = {
       {{"no-such-host"}, {}, "Couldn't open snmp\n", "unknown host: no-such-host\n"},
@@ -300,10 +374,10 @@ TEST_F(CommandTest, FailuresOfTheSystem) {
       {{"manager"},
        {{SYS_bind, EADDRINUSE}},
        "Couldn't open snmp\n",
-       "bind: Address already in use\n"},
+       cannot_bind + cannot_bind + "bind: Address already in use\n"},
       {{"manager"}, {{SYS_sendto, EPERM}}, "error\n", "sendto: Operation not permitted\n"},
-      {{"192.0.2.77"}, {}, "error\n", "sendto: Network is unreachable\n"},
-      {{"0.0.0.0"}, {}, "error\n", "No remote IP address specified\n"},
+      {{"192.0.2.77"}, {}, "error\n", no_name("192.0.2.77") + "sendto: Network is unreachable\n"},
+      {{"0.0.0.0"}, {}, "error\n", no_name("0.0.0.0") + "No remote IP address specified\n"},
       {{"manager", "-c", std::string(4500, 'c')}, {}, "error\n", "Error building packet\n"},
   };
   for (const Case& test : cases) {

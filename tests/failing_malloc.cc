@@ -7,12 +7,19 @@
 namespace {
 
 std::atomic<int> left = INT_MAX;
+std::atomic<int> refusals_left = 0;
 
-bool grant() { return left == INT_MAX || --left >= 0; }
+bool grant() {
+  if (left == INT_MAX || --left >= 0) return true;
+  return --refusals_left < 0;
+}
 
 }  // namespace
 
-FailingMalloc::FailingMalloc(int count) { left = count; }
+FailingMalloc::FailingMalloc(int count, int refusals) {
+  refusals_left = refusals;
+  left = count;
+}
 FailingMalloc::~FailingMalloc() { left = INT_MAX; }
 bool FailingMalloc::failed() const { return left < 0; }
 

@@ -3,11 +3,13 @@
 // replaced; shared libraries keep theirs.
 #pragma once
 
-/// Lets `count` allocations of this process succeed and every later one fail,
-/// until the object goes.
+#include <climits>
+
+/// Lets `count` allocations of this process succeed and the `refusals` after them
+/// fail (every later one, unless said), until the object goes.
 class FailingMalloc {
  public:
-  explicit FailingMalloc(int count);
+  explicit FailingMalloc(int count, int refusals = INT_MAX);
   ~FailingMalloc();
   FailingMalloc(const FailingMalloc&) = delete;
   FailingMalloc& operator=(const FailingMalloc&) = delete;

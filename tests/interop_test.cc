@@ -9,6 +9,7 @@
 #include "snmp/snmp_pdu.h"
 #include "snmp/snmp_session.h"
 #include "tests/lab.h"
+#include "tests/packets.h"
 
 namespace {
 
@@ -200,28 +201,10 @@ class Generator {
   snmp_pdu* pdu_ = nullptr;
 };
 
-template <typename T>
-void append(std::string* bytes, T value) {
-  bytes->append(reinterpret_cast<const char*>(&value), sizeof value);
-}
-
-// One packet of a capture file: record header, IPv4, UDP to port 161 or 162.
-void append_packet(std::string* capture, const std::string& payload, uint16_t port) {
-  auto udp_length = static_cast<uint16_t>(payload.size() + 8);
-  auto length = static_cast<uint16_t>(udp_length + 20);
-  for (uint32_t word : {0U, 0U, uint32_t{length}, uint32_t{length}}) append(capture, word);
-  append(capture, htons(0x4500));
-  append(capture, htons(length));
-  *capture += from_hex("00000000 40110000 7F000001 7F000001");
-  for (uint16_t word : {uint16_t{40000}, port, udp_length, uint16_t{0}})
-    append(capture, htons(word));
-  *capture += payload;
-}
-
 using InteropTest = LabTest;
 
 TEST_F(InteropTest, AnIndependentDecoderReadsWhatWentIn) {
-  std::string capture = from_hex("D4C3B2A1 02000400 00000000 00000000 FFFF0000 65000000");
+  std::string capture = kCaptureHeader;
   std::vector<std::string> wanted;
   Generator generator;
   for (int i = 0; i < kMessages; ++i) {

@@ -112,7 +112,13 @@ void fill_etc(const fs::path& root) {
   }
   for (const auto& [name, text] : {std::pair{"hosts",
                                              "127.0.0.1 localhost manager\n"
-                                             "192.0.2.1 lab-host\n"},
+                                             "192.0.2.1 lab-host\n"
+                                             "10.9.0.1 lab-cable\n"
+                                             "10.9.0.2 station\n"},
+                                   std::pair{"services",
+                                             "sunrpc 111/tcp portmapper\n"
+                                             "sunrpc 111/udp portmapper\n"
+                                             "snmp 161/udp\n"},
                                    std::pair{"nsswitch.conf", "hosts: files\nservices: files\n"},
                                    std::pair{"resolv.conf", ""}}) {
     fs::remove(root / "etc" / name);
@@ -331,12 +337,16 @@ UdpReceiver::UdpReceiver(uint16_t port, const std::string& address)
 
 UdpReceiver::~UdpReceiver() { close(socket_); }
 
-std::optional<std::string> UdpReceiver::receive(int milliseconds) {
+std::optional<std::string> UdpReceiver::receive(int milliseconds, sockaddr_in* from) {
   pollfd readable = {socket_, POLLIN, 0};
   if (poll(&readable, 1, milliseconds) != 1) return std::nullopt;
   std::string datagram(65536, '\0');
-  ssize_t got = recv(socket_, datagram.data(), datagram.size(), 0);
-  check(got >= 0, "recv");
+  sockaddr_in sender{};
+  socklen_t size = sizeof sender;
+  ssize_t got = recvfrom(socket_, datagram.data(), datagram.size(), 0,
+                         reinterpret_cast<sockaddr*>(&sender), &size);
+  check(got >= 0, "recvfrom");
+  if (from != nullptr) *from = sender;
   datagram.resize(static_cast<size_t>(got));
   return datagram;
 }
@@ -346,6 +356,54 @@ uint16_t UdpReceiver::port() const {
   socklen_t size = sizeof own;
   check(getsockname(socket_, reinterpret_cast<sockaddr*>(&own), &size) == 0, "getsockname");
   return ntohs(own.sin_port);
+}
+
+namespace {
+
+int open_own_network() {
+  int network = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+  check(network >= 0, "network namespace");
+  return network;
+}
+
+void ip(const std::vector<std::string>& arguments) {
+  Command command;
+  command.words = {"ip"};
+  command.words.insert(command.words.end(), arguments.begin(), arguments.end());
+  Outcome outcome = run(command);
+  if (outcome.status != 0) throw std::runtime_error("ip: " + outcome.err);
+}
+
+}  // namespace
+
+SecondHost::SecondHost(const std::vector<std::string>& addresses) : here_(open_own_network()) {
+  check(unshare(CLONE_NEWNET) == 0, "unshare");
+  there_ = open_own_network();
+  check(setns(here_, CLONE_NEWNET) == 0, "setns");
+  const std::string network = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(there_);
+  ip({"link", "add", "cable", "type", "veth", "peer", "name", "far"});
+  ip({"link", "set", "far", "netns", network});
+  ip({"address", "add", "10.9.0.1/24", "dev", "cable"});
+  ip({"link", "set", "cable", "up"});
+  inside([&] {
+    bring_up_loopback();
+    for (const std::string& address : addresses) {
+      ip({"address", "add", address + "/24", "dev", "far"});
+    }
+    ip({"link", "set", "far", "up"});
+  });
+}
+
+SecondHost::~SecondHost() {
+  [[maybe_unused]] int status = system("ip link delete cable");
+  close(there_);
+  close(here_);
+}
+
+void SecondHost::inside(const std::function<void()>& work) const {
+  check(setns(there_, CLONE_NEWNET) == 0, "setns");
+  work();
+  check(setns(here_, CLONE_NEWNET) == 0, "setns");
 }
 
 }  // namespace lab

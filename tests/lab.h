@@ -10,6 +10,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/time.h>
 
 #include <functional>
@@ -72,8 +73,8 @@ class UdpReceiver {
   UdpReceiver(const UdpReceiver&) = delete;
   UdpReceiver& operator=(const UdpReceiver&) = delete;
 
-  /// The next datagram, waiting up to `milliseconds` for it.
-  std::optional<std::string> receive(int milliseconds = 5000);
+  /// The next datagram, waiting up to `milliseconds` for it; who sent it, in `*from`.
+  std::optional<std::string> receive(int milliseconds = 5000, sockaddr_in* from = nullptr);
   /// What is there without waiting. On loopback a datagram is delivered before
   /// its send returns, so after a sender's end nothing can still be under way.
   std::optional<std::string> receive_now() { return receive(0); }
@@ -82,6 +83,25 @@ class UdpReceiver {
 
  private:
   int socket_;
+};
+
+/// A second machine: a network namespace whose one interface is tied to one of this
+/// machine's (10.9.0.1/24) by a cable.
+class SecondHost {
+ public:
+  /// The machine has these addresses of 10.9.0.0/24.
+  explicit SecondHost(const std::vector<std::string>& addresses);
+  ~SecondHost();
+  SecondHost(const SecondHost&) = delete;
+  SecondHost& operator=(const SecondHost&) = delete;
+
+  /// Runs `work` in this thread as on the second machine. Sockets opened and programs
+  /// started there stay there.
+  void inside(const std::function<void()>& work) const;
+
+ private:
+  int here_;  // the namespaces, as descriptors
+  int there_;
 };
 
 }  // namespace lab

@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "tests/lab.h"
+#include "tests/rpc_server.h"
 
 namespace {
 
@@ -39,6 +40,7 @@ class StartupTest : public LabTest {
     LabTest::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
     station.emplace(uint16_t{162});
+    mappers.emplace();
     fs::remove_all("/startup");
     install(KIVTRAP, "/startup/bin/kivtrap");
     install(PROBE, "/startup/bin/startup_probe");
@@ -72,6 +74,7 @@ class StartupTest : public LabTest {
   }
 
   std::optional<lab::UdpReceiver> station;
+  std::optional<lab::EmptyPortMappers> mappers;
 };
 
 TEST_F(StartupTest, Origin) {

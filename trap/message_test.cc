@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "liblocal/utf8.h"
 #include "tests/failing_malloc.h"
 #include "tests/lab.h"
 #include "trap/delivery.h"
@@ -52,19 +53,12 @@ TEST(ReadMessage, WrapsWhenAsked) {
   EXPECT_EQ(read("\n", true), "");
 }
 
-// A stream of two lines; memory comes back between them.
-ssize_t next_line(void* lines_read, char* buffer, size_t) {
-  static std::optional<FailingMalloc> failing;
-  auto* count = static_cast<int*>(lines_read);
-  if (++*count > 2) return 0;
-  *count == 1 ? void(failing.emplace(0)) : failing.reset();
-  const std::string line = "line " + std::to_string(*count) + "\n";
-  return static_cast<ssize_t>(line.copy(buffer, line.size()));
-}
-
 TEST(ReadMessage, WithoutMemoryTheNextLineGetsItsChance) {
-  int lines_read = 0;
-  FILE* source = fopencookie(&lines_read, "r", {next_line, nullptr, nullptr, nullptr});
+  FILE* source = tmpfile();
+  fputs("line 1\nline 2\n", source);
+  rewind(source);
+  utf8_fp(source);
+  FailingMalloc failing(0, 1);
   c_unique_ptr<char> message = read_message(source, false);
   EXPECT_STREQ(message.get(), "line 2");
 }

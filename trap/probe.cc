@@ -1,5 +1,17 @@
 #include "trap/probe.h"
 
-// No RPC runtime yet to ask a port mapper with, so every station counts as not
-// registered.
-bool wants_wrapped_text(const char* /*host*/) { return false; }
+#include "rpc/c_gen.h"
+
+namespace {
+
+constexpr unsigned long kProgram = 100122;  // registered by stations that want wrapping
+constexpr unsigned long kVersion = 0;
+
+}  // namespace
+
+bool wants_wrapped_text(const char* host) {
+  CLIENT* client = __brix_clnt_create(host, kProgram, kVersion, "udp");
+  if (client == nullptr) return false;
+  client->ops->destroy(client);
+  return true;
+}

@@ -2,5 +2,6 @@
 #pragma once
 
 /// True when program 100122 version 0 is registered over UDP with a port mapper
-/// of `host`.
+/// of `host`. A station whose port mappers are silent costs 50 s. Prints nothing of
+/// its own.
 [[nodiscard]] bool wants_wrapped_text(const char* host);

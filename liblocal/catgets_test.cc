@@ -1,0 +1,160 @@
+#include "liblocal/catgets.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <set>
+#include <string>
+
+#include "liblocal/answers.h"
+#include "liblocal/debug.h"
+#include "liblocal/i18n_3.h"
+#include "liblocal/locales.h"
+#include "liblocal/message_ids.h"
+#include "liblocal/progname.h"
+#include "liblocal/vxinit_done.h"
+#include "tests/lab.h"
+#include "tests/locales.h"
+#include "tests/threads.h"
+
+namespace {
+
+// What `speak` writes to standard error with `Debug` at 1.
+std::string debug_lines(const std::function<void()>& speak) {
+  vx_set_progname("prog");
+  Debug = 1;
+  testing::internal::CaptureStderr();
+  speak();
+  Debug = 0;
+  return testing::internal::GetCapturedStderr();
+}
+
+TEST(Locales, Names) {
+  const std::string longest(127, 'x');
+  const std::pair<std::string, std::string> cases[] = {
+      {"C", ""},  // the buffer as it was
+      {"en_US", ""},
+      {"en_US.UTF-8", ""},
+      {"en_US.utf8", ""},
+      {"ja_JP.eucJP", "ja_JP.EUC"},
+      {"xx.eucJP", "ja_JP.EUC"},
+      {"zh_CN.EUC", "zh_CN.GB2312-80"},
+      {"ja_JP.PCK", "ja_JP.sjis"},
+      {"ja", "ja_JP.EUC"},
+      {"japan", "ja_JP.EUC"},
+      {"ja_JP", "ja_JP.EUC"},
+      {"japanese", "ja_JP.EUC"},
+      {"fr", "fr_FR.8859-1"},
+      {"de", "de_DE.8859-1"},
+      {"chinese", "zh_CN.GB2312-80"},
+      {"zh", "zh_CN.GB2312-80"},
+      {"de_DE.ISO8859-1", "de_DE.8859-1"},
+      {"de_DE.iso88591", "de_DE.8859-1"},
+      {"de_DE.ISO8859-15", "de_DE.ISO8859-15"},
+      {"en_US.ISO8859-1", "en_US.8859-1"},
+      {"C.UTF-8", "C.UTF-8"},
+      {"sv", "sv"},
+      {longest, longest},
+      {longest + "x", ""},
+  };
+  for (const auto& [name, wanted] : cases) {
+    char buffer[kLocaleNameSize] = "";
+    EXPECT_EQ(normalise_locale(name.c_str(), buffer), !wanted.empty());
+    EXPECT_EQ(buffer, wanted) << name;
+  }
+}
+
+TEST(Locales, SetUp) {
+  in_locale("ISO-8859-1", [] {
+    setenv("LC_ALL", "de_DE.nowhere", 1);
+    const std::string subdir = "prog: Lang Subdir is\"unknown\".\n";
+    EXPECT_EQ(debug_lines([] { EXPECT_EQ(init_locales("kiv", ""), nullptr); }),
+              "prog: Locale\"\" found.\n" + subdir);
+    EXPECT_STREQ(get_rap_locale(), "C");
+    EXPECT_STREQ(get_user_locale(), "C");
+    setenv("LC_ALL", "C.UTF-8", 1);
+    set_lang_subdir("de");
+    EXPECT_EQ(debug_lines([] { EXPECT_STREQ(init_locales("kiv", ""), "C.UTF-8"); }),
+              "prog: Locale\"C.UTF-8\" found.\n" + subdir);
+    EXPECT_EQ(get_lang_subdir(), nullptr);
+    EXPECT_EQ(get_ansi_codeset(), nullptr);
+    EXPECT_EQ(Catd, -1);
+  });
+}
+
+// A catalog of the test, compiled by the platform, in the directory of `place`.
+void make_catalog(const TemporaryDirectory& place, const std::string& name,
+                  const std::string& messages) {
+  lab::write_file(place.path() + "/source", messages);
+  lab::Command compile;
+  compile.words = {"/usr/bin/gencat", place.path() + "/" + name, place.path() + "/source"};
+  ASSERT_EQ(lab::run(compile).status, 0);
+}
+
+TEST(Catgets, OpensAndLooksUp) {
+  in_locale("", [] {
+    TemporaryDirectory place;
+    const std::string marked = "$set 17\n264 #1\n17 J\n$set 41\n22 benutze\n264 vier\n";
+    make_catalog(place, "vaultmre.cat", marked);
+    make_catalog(place, "bare.cat", "$set 41\n22 bare\n");
+    make_catalog(place, "old.cat", "$set 17\n264 #0\n");
+    setenv("NLSPATH", (place.path() + "/%N").c_str(), 1);
+    EXPECT_EQ(vxcatopen("kiv", 0), -1) << "without a language";
+    set_lang_subdir("de");
+    int64_t catalog = -1;
+    EXPECT_EQ(debug_lines([&] { catalog = vxcatopen("kiv", 0); }),
+              "prog: Message catalog \"vaultmre.cat\" found.\n");
+    EXPECT_EQ(debug_lines([] { EXPECT_EQ(vxcatopen("old", 0), -1); }),
+              "prog: Message catalog \"old.cat\" incompatible version.\n");
+    EXPECT_EQ(debug_lines([] { EXPECT_EQ(vxcatopen("no.such", 0), -1); }),
+              "prog: Message catalog \"no.such\" NOT found.\n");
+    EXPECT_EQ(vxcatopen(std::string(20000, 'x').c_str(), 0), -1);
+    EXPECT_EQ(vxcatclose(vxcatopen("bare", 0)), 0);
+    EXPECT_EQ(vxcatclose(vxcatopen(nullptr, 0)), 0);
+
+    ASSERT_EQ(vxinit_done(), 0);
+    const char* text = "usage";
+    EXPECT_EQ(vxcatgets(catalog, 41, 22, text), text);
+    EXPECT_STREQ(vxcatgets(catalog, 41, 264, text), "vier");
+    EXPECT_STREQ(vxcatgets(catalog, 17, 17, text), "J");
+    _vx_set_initialised();
+    errno = EBUSY;
+    EXPECT_STREQ(vxcatgets(catalog, 41, 22, text), "benutze");
+    EXPECT_EQ(vxcatgets(catalog, 41, 23, text), text);
+    EXPECT_EQ(vxcatgets(catalog, 2, -1, text), text);
+    EXPECT_EQ(vxcatgets(-1, 41, 22, text), text);
+    EXPECT_EQ(errno, EBUSY);
+    Catd = catalog;
+    EXPECT_TRUE(is_yes("Ja") && is_yes("yes") && !is_yes("Yes"));
+    Catd = -1;
+    EXPECT_EQ(vxcatclose(catalog), 0);
+  });
+}
+
+TEST(Answers, Letters) {
+  EXPECT_TRUE(is_yes("yes") && is_yes("Yo") && !is_yes("no") && !is_yes("") && !is_yes(nullptr));
+  EXPECT_TRUE(is_no("n") && is_no("No") && is_quit("q") && is_quit("Quit"));
+  EXPECT_TRUE(is_rename("r") && is_rename("R") && !is_rename("q") && !is_quit("r"));
+  EXPECT_EQ(std::string(i18n_char_yes()) + i18n_char_no() + i18n_char_rename(), "YNR");
+}
+
+TEST(I18n3, JoinsAndRotates) {
+  const char* first = i18n_3("a", nullptr, "c");
+  for (int i = 1; i < kJoinedTexts; ++i) EXPECT_NE(i18n_3("", "x", ""), first);
+  EXPECT_STREQ(first, "ac");
+  EXPECT_EQ(i18n_3("d", "e", "f"), first);
+  const std::string long_text(4000, 'x');
+  EXPECT_EQ(std::string(i18n_3(long_text.c_str(), long_text.c_str(), "")).size(), kJoinedSize - 1);
+  in_threads(8, [](int number) {
+    const std::string text = std::to_string(number);
+    for (int i = 0; i < 25; ++i) EXPECT_EQ(i18n_3(text.c_str(), "-", ""), text + "-");
+  });
+}
+
+TEST(MessageIds, SignAndBits) {
+  static_assert(mc_facility_id(1) == 0x801);
+  static_assert(mc_message_id(1, 7) == 0x801 * 65536 + 7);
+  static_assert(mc_message_id(0x80000000, 0) == -int64_t{0x7FFFF800} * 65536);
+}
+
+}  // namespace

@@ -1,0 +1,72 @@
+#include "liblocal/mbt.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+TEST(Mbt, EveryByteThereAndBack) {
+  std::string raw;
+  std::string wanted;
+  for (int byte = 1; byte < 256; ++byte) {
+    raw += static_cast<char>(byte);
+    if (byte < 0x80) {
+      wanted += static_cast<char>(byte);
+    } else {
+      wanted += byte < 0xC0 ? "\xEF\xA2" : "\xEF\xA3";
+      wanted += static_cast<char>(byte & 0xBF);
+    }
+  }
+  char carried[1024];
+  char back[256];
+  ASSERT_EQ(vx_mbstombts(carried, raw.c_str(), sizeof carried), 1);
+  EXPECT_EQ(carried, wanted);
+  ASSERT_EQ(vx_mbtstombs(back, carried, sizeof back), 1);
+  EXPECT_EQ(back, raw);
+  EXPECT_EQ(vx_mbtstombs(back, carried, sizeof back - 1), 0);
+}
+
+TEST(Mbt, Room) {
+  const struct {
+    std::string raw;
+    size_t least;  // bytes that the transparent form asks for
+  } cases[] = {{"", 1}, {"ab", 3}, {"\x41\xE9", 5}, {"\xE9\x41", 5}, {"\xE9\xE9", 7}};
+  for (const auto& [raw, least] : cases) {
+    for (size_t size = 0; size <= least + 1; ++size) {
+      char output[9];
+      output[size] = '!';
+      EXPECT_EQ(vx_mbstombts(output, raw.c_str(), size), size >= least ? 1 : 0) << raw << size;
+      EXPECT_EQ(output[size], '!');
+    }
+  }
+  char output[8];
+  EXPECT_EQ(vx_mbstombts(nullptr, "a", 8) + vx_mbstombts(output, nullptr, 8), 0);
+  EXPECT_EQ(vx_mbtstombs(nullptr, "a", 8) + vx_mbtstombs(output, nullptr, 8), 0);
+}
+
+TEST(Mbt, WhatIsOne) {
+  const struct {
+    std::string text;
+    int contains;
+    int restores;
+  } cases[] = {{"abc", 0, 1},
+               {"\xEF\xA2\x80", 1, 1},
+               {"a\xEF\xA3\xBFz", 1, 1},
+               {"\xEF\xA1\x80", 0, 0},
+               {"\xEF\xA4\x80", 0, 0},
+               {"\xEF\xA2", 0, 0},
+               {"\xEF", 0, 0},
+               {"\xEF\xA2z\xEF\xA2\x80", 0, 0},  // the first one decides
+               {"\xEF\xBC\x81\xEF\xA2\x80", 1, 0},
+               {"é", 0, 0}};
+  for (const auto& [text, contains, restores] : cases) {
+    char output[16];
+    EXPECT_EQ(containsMBT(text.c_str()), contains) << testing::PrintToString(text);
+    EXPECT_EQ(vx_mbtstombs(output, text.c_str(), sizeof output), restores)
+        << testing::PrintToString(text);
+  }
+  EXPECT_EQ(containsMBT(nullptr), 0);
+}
+
+}  // namespace

@@ -1,0 +1,79 @@
+#include "liblocal/print.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "liblocal/progname.h"
+#include "liblocal/utf8_marks.h"
+#include "liblocal/vxprint.h"
+#include "tests/failing_malloc.h"
+
+// Formats here differ on purpose from what the compiler knows.
+#pragma GCC diagnostic ignored "-Wformat"
+
+namespace {
+
+// What `print` writes to a descriptor's stream.
+std::string on_stdout(auto print) {
+  testing::internal::CaptureStdout();
+  print();
+  return testing::internal::GetCapturedStdout();
+}
+std::string on_stderr(auto print) {
+  testing::internal::CaptureStderr();
+  print();
+  return testing::internal::GetCapturedStderr();
+}
+
+TEST(Print, PrefixAndStream) {
+  // A program's name may be any file name.
+  for (const char* name : {"kivtrap", "50%s%n", "%%%"}) {
+    vx_set_progname(name);
+    const std::string wanted = std::string(name) + ": x 5 b a\n";
+    EXPECT_EQ(on_stderr([] { printerr("x %d %3$s %2$s\n", 5, "a", "b"); }), wanted);
+    EXPECT_EQ(on_stdout([] { printinfo("x %d %3$s %2$s\n", 5, "a", "b"); }), wanted);
+  }
+}
+
+TEST(Print, LongestPrefix) {
+  const std::string name(70, '%');
+  vx_set_progname(name.c_str());
+  EXPECT_EQ(on_stderr([] { printerr("%s", "x"); }), name.substr(0, 63) + ": x");
+}
+
+TEST(Print, NothingWithoutMemory) {
+  vx_set_progname("kivtrap");
+  for (int granted : {0, 1}) {
+    auto print = [granted](auto printer) {
+      FailingMalloc failing(granted);
+      printer("%d", 5);
+    };
+    EXPECT_EQ(on_stderr([&] { print(printerr); }), "") << granted;
+    EXPECT_EQ(on_stdout([&] { print(printinfo); }), "") << granted;
+  }
+}
+
+TEST(Vxprintf, ConvertsUnlessMarked) {
+  auto print = [] { EXPECT_EQ(vxprintf("%-4s|", "é日"), 4); };
+  EXPECT_EQ(on_stdout(print), "\xE9? |") << "the C locale is Latin-1";
+}
+
+TEST(Vxprintf, WithoutMemory) {
+  auto print = [](int granted, int result) {
+    FailingMalloc failing(granted);
+    EXPECT_EQ(vxprintf("%s", "é"), result);
+  };
+  EXPECT_EQ(on_stdout([&] { print(0, 0); }), "");
+  EXPECT_EQ(on_stdout([&] { print(1, 2); }), "é") << "unconverted";
+}
+
+TEST(Vxprintf, MarkedStreamIsThePlatforms) {
+  utf8_fd(STDOUT_FILENO);
+  const std::string text = on_stdout([] { EXPECT_EQ(vxprintf("%5s|%lld", "é", 1LL << 40), 19); });
+  user_fd(STDOUT_FILENO);
+  EXPECT_EQ(text, "   é|1099511627776");
+}
+
+}  // namespace

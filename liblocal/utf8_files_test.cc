@@ -1,0 +1,154 @@
+#include "liblocal/utf8_files.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "liblocal/mbt.h"
+#include "liblocal/utf8.h"
+#include "tests/failing_malloc.h"
+#include "tests/locales.h"
+
+namespace {
+
+std::string transparent(const std::string& raw) {
+  std::string carried(3 * raw.size() + 5, '\0');
+  EXPECT_EQ(vx_mbstombts(carried.data(), raw.c_str(), carried.size()), 1);
+  return carried.c_str();
+}
+
+std::set<std::string> listed(const std::string& path) {
+  std::set<std::string> names;
+  DIR* directory = utf8_opendir(path.c_str());
+  auto* entry = static_cast<dirent*>(malloc(kUtf8DirentSize));
+  while (vx_readdir(directory, entry) != nullptr) {
+    const char* name = reinterpret_cast<char*>(entry) + offsetof(dirent, d_name);
+    if (name[0] != '.') names.insert(name);
+  }
+  free(entry);
+  closedir(directory);
+  return names;
+}
+
+TEST(Utf8Files, EveryByteInANameRoundTrips) {
+  for (const char* codeset : {"", "EUC-JP", "UTF-8"}) {
+    in_locale(codeset, [] {
+      TemporaryDirectory place;
+      std::set<std::string> names;
+      for (int byte = 1; byte < 256; ++byte) {
+        if (byte == '/') continue;
+        const std::string raw = std::string("n") + static_cast<char>(byte);
+        const std::string name = transparent(raw);
+        const std::string path = place.path() + "/" + name;
+        names.insert(name);
+        FILE* file = utf8_fopen(path.c_str(), "w");
+        ASSERT_NE(file, nullptr);
+        fputc(byte, file);
+        ASSERT_EQ(vxfclose(file), 0);
+        ASSERT_EQ(access((place.path() + "/" + raw).c_str(), F_OK), 0) << "the raw name";
+        ASSERT_EQ(utf8_link(path.c_str(), (path + "h").c_str()), 0);
+        ASSERT_EQ(utf8_symlink(name.c_str(), (path + "s").c_str()), 0);
+        char target[32];
+        ASSERT_EQ(utf8_readlink((path + "s").c_str(), target, sizeof target),
+                  static_cast<ssize_t>(name.size()));
+        ASSERT_EQ(target, name);
+        file = utf8_fopen((path + "s").c_str(), "r");
+        ASSERT_EQ(fgetc(file), byte);
+        vxfclose(file);
+        ASSERT_EQ(utf8_unlink((path + "h").c_str()) + utf8_unlink((path + "s").c_str()), 0);
+      }
+      EXPECT_EQ(listed(place.path()), names);
+      for (const std::string& name : names) {
+        ASSERT_EQ(utf8_unlink((place.path() + "/" + name).c_str()), 0);
+      }
+      EXPECT_EQ(listed(place.path()).size(), 0U);
+    });
+  }
+}
+
+TEST(Utf8Files, TheOtherCalls) {
+  in_locale("ISO-8859-15", [] {
+    TemporaryDirectory place;
+    const std::string path = place.path() + "/d€";
+    const std::string raw = place.path() + "/d\xA4";
+    EXPECT_EQ(utf8_mkdir(path.c_str(), 0755), 0);
+    EXPECT_EQ(access(raw.c_str(), F_OK), 0);
+    EXPECT_EQ(utf8_chmod(path.c_str(), 0700), 0);
+    EXPECT_EQ(utf8_chown(path.c_str(), getuid(), getgid()), 0);
+    const utimbuf times = {7, 9};
+    EXPECT_EQ(utf8_utime(path.c_str(), &times), 0);
+    struct stat status;
+    EXPECT_EQ(utf8_lstat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mtime, 9);
+    vx_stat_record record;
+    EXPECT_EQ(vx_stat(path.c_str(), &record), 0);
+    EXPECT_EQ(record.mode, kVxDirectory | 0700);
+    EXPECT_EQ(utf8_symlink("d€", (path + "l").c_str()), 0);
+    EXPECT_EQ(vx_lstat((path + "l").c_str(), &record), 0);
+    EXPECT_EQ(record.mode & kVxTypeMask, kVxSymbolicLink);
+    EXPECT_EQ(utf8_mknod((path + "/f").c_str(), S_IFIFO | 0600, 0), 0);
+    EXPECT_EQ(utf8_access((path + "/f").c_str(), R_OK), 0);
+    EXPECT_EQ(utf8_unlink((path + "/f").c_str()), 0);
+
+    EXPECT_EQ(utf8_chdir(path.c_str()), 0);
+    const std::string wanted = place.path() + "/d" + "\xEF\xA2\xA4";
+    char buffer[128];
+    EXPECT_STREQ(brix_getcwd(buffer, sizeof buffer), wanted.c_str());
+    char* made = utf8_getcwd(nullptr, wanted.size() + 2);
+    EXPECT_STREQ(made, wanted.c_str());
+    free(made);
+    EXPECT_EQ(utf8_getcwd(buffer, wanted.size()), nullptr);
+    EXPECT_EQ(errno, ERANGE);
+    EXPECT_EQ(utf8_chdir("/"), 0);
+    EXPECT_EQ(utf8_rmdir(path.c_str()), 0);
+  });
+}
+
+TEST(Utf8Files, Failures) {
+  TemporaryDirectory place;
+  const std::string link = place.path() + "/l";
+  ASSERT_EQ(utf8_symlink("0123456789", link.c_str()), 0);
+  char buffer[11];
+  EXPECT_EQ(utf8_readlink(link.c_str(), buffer, 11), 10);
+  EXPECT_EQ(utf8_readlink(link.c_str(), buffer, 10), 9);
+  EXPECT_STREQ(buffer, "012345678");
+  EXPECT_EQ(utf8_readlink("/", buffer, sizeof buffer), -1);
+  ASSERT_EQ(utf8_unlink(link.c_str()) + utf8_symlink("\xEF\xA3\xA9", link.c_str()), 0);
+  EXPECT_EQ(utf8_readlink(link.c_str(), buffer, 3), -1);
+  EXPECT_EQ(errno, ERANGE);
+
+  errno = EBUSY;
+  EXPECT_STREQ(syscalls_utf8dec("/a\xEF\xA3\xA9"), "/a\xE9");
+  EXPECT_EQ(errno, EBUSY);
+  EXPECT_STREQ(syscalls_utf8dec("/etc\xEF\xA2"), "") << "never a part of a name";
+  EXPECT_EQ(utf8_fopen("/nowhere/f", "r"), nullptr);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(utf8_access(std::string(20000, 'x').c_str(), F_OK), -1);
+  EXPECT_EQ(errno, ENAMETOOLONG);
+
+  FailingMalloc failing(0);
+  errno = 0;
+  EXPECT_EQ(utf8_link("/a", "/b"), -1);
+  EXPECT_EQ(errno, ENOMEM);
+  errno = 0;
+  EXPECT_EQ(utf8_readlink(link.c_str(), buffer, 4), -1);
+  EXPECT_EQ(errno, ENOMEM);
+  errno = 0;
+  EXPECT_EQ(utf8_getcwd(buffer, 4), nullptr);
+  EXPECT_EQ(errno, ENOMEM);
+}
+
+TEST(Utf8Files, Times) {
+  tm time = {};
+  const char* end = vxstrptime("2026-03-01 x", "%Y-%m-%d", &time);
+  EXPECT_STREQ(end, " x");
+  EXPECT_EQ(time.tm_mon, 2);
+  EXPECT_EQ(vxstrptime("x", "%Y", &time), nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,241 @@
+#include "liblocal/utf8.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+#include <string>
+
+#include "liblocal/utf8_codec.h"
+#include "liblocal/vx_error.h"
+#include "tests/failing_malloc.h"
+#include "tests/lab.h"
+#include "tests/locales.h"
+#include "tests/threads.h"
+
+namespace {
+
+// Everything that vxfgets reads from a file of `bytes` in pieces of a small buffer.
+std::string read_in_pieces(const std::string& bytes, int size, bool buffered) {
+  FILE* file = tmpfile();
+  if (!buffered) setvbuf(file, nullptr, _IONBF, 0);
+  fwrite(bytes.data(), 1, bytes.size(), file);
+  rewind(file);
+  std::string text;
+  std::string buffer(static_cast<size_t>(size), '!');
+  while (vxfgets(buffer.data(), size, file) != nullptr) {
+    const std::string piece = buffer.c_str();
+    EXPECT_NE(piece, "");
+    EXPECT_TRUE(piece.find('\n') >= piece.size() - 1) << "one line at a time";
+    EXPECT_EQ(is_utf8_mbs(piece.c_str()), 1);
+    text += piece;
+  }
+  vxfclose(file);
+  return text;
+}
+
+TEST(Utf8Streams, LinesArriveWholeAndOnce) {
+  const struct {
+    const char* codeset;
+    std::string ansi, utf8;
+  } cases[] = {{"", "\xE9x", "éx"},
+               {"ISO-8859-1", "\xFC", "ü"},
+               {"ISO-8859-15", "\xA4", "€"},
+               {"EUC-JP", "\xC6\xFC\x8F\xB0\xA1z", "日丂z"},
+               {"SHIFT_JIS", "\x93\xFA\xB1", "日ｱ"},
+               {"UTF-8", "日é", "日é"}};
+  for (const auto& [codeset, ansi, utf8] : cases) {
+    in_locale(codeset, [&ansi = ansi, &utf8 = utf8] {
+      for (size_t length : {0U, 1U, 7U, 100U, 1023U, 20000U}) {
+        std::string raw;
+        std::string wanted;
+        while (raw.size() < length) raw += ansi, wanted += utf8;
+        raw += "\nplain\n" + ansi;
+        wanted += "\nplain\n" + utf8;
+        for (int size : {7, 8, 64, 1023, 9000, 18432}) {
+          EXPECT_TRUE(read_in_pieces(raw, size, true) == wanted) << length << " " << size;
+        }
+        EXPECT_TRUE(length > 1023 || read_in_pieces(raw, 900, false) == wanted) << length;
+      }
+    });
+  }
+}
+
+TEST(Utf8Streams, BuffersWithoutRoomForACharacter) {
+  in_locale("EUC-JP", [] {
+    EXPECT_EQ(read_in_pieces("a\xC6\xFC\n", 2, true), "a??\n");
+    EXPECT_EQ(read_in_pieces("a\xC6\xFC\n", 4, true), "a日\n");
+    char buffer[2] = "x";
+    FILE* file = tmpfile();
+    EXPECT_EQ(vxfgets(buffer, 0, file), nullptr);
+    EXPECT_STREQ(vxfgets(buffer, 1, file), "");
+    FailingMalloc failing(0);
+    EXPECT_EQ(vxfgets(buffer, 2, file), nullptr);
+    vxfclose(file);
+  });
+}
+
+TEST(Utf8Streams, ThreadsShareAStream) {
+  in_locale("ISO-8859-15", [] {
+    FILE* file = tmpfile();
+    for (int line = 0; line < 2000; ++line) fputs("\xA4\xA4\xA4\n", file);
+    rewind(file);
+    std::atomic<int> whole = 0;
+    in_threads(4, [&](int) {
+      char buffer[11];
+      while (vxfgets(buffer, sizeof buffer, file) != nullptr) whole += strcmp(buffer, "€€€\n") == 0;
+    });
+    EXPECT_EQ(whole, 2000);
+    vxfclose(file);
+  });
+}
+
+TEST(Utf8Streams, MarkedTextPassesAsItIs) {
+  FILE* file = tmpfile();
+  utf8_fp(file);
+  const std::string line = std::string(2000, '\xE9') + "\n";
+  EXPECT_GE(vxfputs(line.c_str(), file), 0);
+  rewind(file);
+  char buffer[1023];
+  ASSERT_EQ(vxfgets(buffer, sizeof buffer, file), buffer);
+  EXPECT_EQ(std::string(buffer), line.substr(0, 1022));
+  ASSERT_EQ(vx_fgetmbts(buffer, sizeof buffer, file), buffer);
+  EXPECT_EQ(std::string(buffer), line.substr(1022));
+  EXPECT_EQ(vxfgets(buffer, sizeof buffer, file), nullptr);
+  int descriptor = fileno(file);
+  EXPECT_EQ(vxfclose(file), 0);
+  EXPECT_FALSE(utf8_is_marked(descriptor));
+}
+
+TEST(Utf8Streams, TransparentLines) {
+  FILE* file = tmpfile();
+  fputs("A\xE9\nlong\xE9\nz\n", file);
+  rewind(file);
+  char buffer[8];
+  ASSERT_EQ(vx_fgetmbts(buffer, sizeof buffer, file), buffer);
+  EXPECT_STREQ(buffer, "A\xEF\xA3\xA9\n");
+  EXPECT_EQ(vx_fgetmbts(buffer, sizeof buffer, file), nullptr);
+  char larger[16];
+  ASSERT_NE(vx_fgetmbts(larger, sizeof larger, file), nullptr);
+  EXPECT_STREQ(larger, "long\xEF\xA3\xA9\n");
+  vxfclose(file);
+}
+
+TEST(Utf8Streams, StandardStreams) {
+  in_locale("ISO-8859-15", [] {
+    TemporaryDirectory place;
+    const std::string path = place.path() + "/text";
+    const std::string tail(18431, '\xE9');
+    lab::write_file(path, "\xA4\n\n" + tail + "\nlast");
+    ASSERT_NE(freopen(path.c_str(), "r", stdin), nullptr);
+    std::string buffer(kGetsSize, '!');
+    EXPECT_STREQ(vxgets(buffer.data()), "€");
+    EXPECT_STREQ(vxgets(buffer.data()), "");
+    std::string long_line;
+    while (long_line.size() < 2 * tail.size()) long_line += vxgets(buffer.data());
+    EXPECT_EQ(long_line.size(), 2 * tail.size());
+    utf8_fp(stdin);
+    EXPECT_STREQ(vxgets(buffer.data()), "last");
+    EXPECT_EQ(vxgets(buffer.data()), nullptr);
+
+    const std::string text = "€" + std::string(18430, 'x') + "€";
+    ASSERT_NE(freopen(path.c_str(), "w", stdout), nullptr);
+    EXPECT_EQ(vxfputs(text.c_str(), stdout), 2);
+    EXPECT_GT(vxputs("é"), 0);
+    EXPECT_EQ(vxfputs(nullptr, stdout) + vxputs(nullptr), -2);
+    EXPECT_EQ(vxfputs("", stdout), 0);
+    utf8_fp(stdout);
+    EXPECT_GT(vxputs("é"), 0);
+    ansi_fputs("\xE9", stdout);
+    fflush(stdout);
+    EXPECT_EQ(lab::read_file(path), "\xA4" + std::string(18430, 'x') + "\xA4\xE9\né\n\xE9");
+    user_fp(stdout);
+    ASSERT_NE(freopen("/dev/full", "w", stdout), nullptr);
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    EXPECT_EQ(vxfputs("é", stdout), -1);
+    EXPECT_EQ(vxputs("é"), -1);
+  });
+}
+
+TEST(Utf8Streams, ASignalDoesNotEndAWait) {
+  for (bool marked : {true, false}) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    struct sigaction ignore = {};
+    ignore.sa_handler = [](int) {};  // without SA_RESTART
+    sigaction(SIGUSR1, &ignore, nullptr);
+    pid_t parent = getpid();
+    pid_t child = fork();
+    if (child == 0) {
+      for (const char* part : {"one ", "line\n"}) {
+        usleep(20000);
+        kill(parent, SIGUSR1);
+        usleep(20000);
+        [[maybe_unused]] ssize_t written = write(ends[1], part, strlen(part));
+      }
+      _exit(0);
+    }
+    close(ends[1]);
+    FILE* stream = fdopen(ends[0], "r");
+    if (marked) utf8_fp(stream);
+    char buffer[64];
+    EXPECT_STREQ(vxfgets(buffer, sizeof buffer, stream), "one line\n");
+    vxfclose(stream);
+    waitpid(child, nullptr, 0);
+  }
+}
+
+TEST(Utf8Marks, TenOfThem) {
+  for (int descriptor = 100; descriptor < 111; ++descriptor) {
+    utf8_fd(descriptor);
+    utf8_fd(descriptor);
+  }
+  EXPECT_TRUE(utf8_is_marked(100) && utf8_is_marked(109));
+  EXPECT_FALSE(utf8_is_marked(110));
+  user_fd(104);
+  EXPECT_FALSE(utf8_is_marked(104));
+  EXPECT_TRUE(utf8_is_marked(103) && utf8_is_marked(105) && utf8_is_marked(109));
+  utf8_fd(110);
+  EXPECT_TRUE(utf8_is_marked(110));
+  EXPECT_EQ(vxclose(110), -1);
+  for (int descriptor = 100; descriptor < 111; ++descriptor) {
+    user_fd(descriptor);
+    EXPECT_FALSE(utf8_is_marked(descriptor));
+  }
+  utf8_fd(-1);
+  utf8_fp(nullptr);
+  EXPECT_FALSE(utf8_is_marked(-1));
+  FILE* pipe_stream = popen("exit 3", "r");
+  utf8_fp(pipe_stream);
+  int descriptor = fileno(pipe_stream);
+  EXPECT_EQ(WEXITSTATUS(vxpclose(pipe_stream)), 3);
+  EXPECT_FALSE(utf8_is_marked(descriptor));
+}
+
+TEST(Utf8Marks, AMarkIsNeverMissedWhileOthersGo) {
+  utf8_fd(209);
+  in_threads(4, [](int number) {
+    for (int round = 0; round < 2000; ++round) {
+      utf8_fd(200 + number);
+      ASSERT_TRUE(utf8_is_marked(209));
+      user_fd(200 + number);
+    }
+  });
+  user_fd(209);
+}
+
+TEST(Utf8Marks, NoLock) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        vx_error_set_last(0, kVxErrorErrno);  // makes the thread's record
+        FailingMalloc failing(0);
+        utf8_fd(1);
+      },
+      testing::KilledBySignal(SIGTERM), "^$");
+}
+
+}  // namespace

@@ -1,0 +1,188 @@
+#include "rpc/p_getprt.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+
+#include <cstdlib>
+
+#include "rpc/pmap_cache.h"
+#include "rpc/rpcvarp.h"
+#include "tests/failing_malloc.h"
+#include "tests/rpc_server.h"
+
+namespace {
+
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr unsigned long kService = 390113;
+constexpr char kVariable[] = "KIVENV_PMAPS";
+
+struct Cached {
+  unsigned long program, version, protocol, port;
+  bool operator==(const Cached&) const = default;
+};
+
+// Starts each test like a new thread of a process that was handed `value`.
+void start_with(const char* value) {
+  rpc_t_varp* thread = get_rpc_t_varp();
+  cleanup_mappers(thread);
+  thread->port_cache_read = 0;
+  value != nullptr ? setenv(kVariable, value, 1) : unsetenv(kVariable);
+}
+
+std::vector<Cached> cache() {
+  std::vector<Cached> entries;
+  for (const rpc_port_entry* entry = get_rpc_t_varp()->port_cache; entry != nullptr;
+       entry = entry->next) {
+    entries.push_back({entry->program, entry->version, entry->protocol, entry->port});
+  }
+  return entries;
+}
+
+class PortTest : public LabTest {
+ protected:
+  void SetUp() override {
+    LabTest::SetUp();
+    start_with(nullptr);
+    *__get_rpc_createerr() = {};
+  }
+
+  static uint16_t ask(const char* address, unsigned long program, unsigned long version,
+                      unsigned long protocol) {
+    sockaddr_in server{};
+    server.sin_family = AF_INET;
+    server.sin_port = htons(77);
+    server.sin_addr.s_addr = inet_addr(address);
+    uint16_t port = __brix_pmap_getport(&server, program, version, protocol);
+    EXPECT_EQ(server.sin_port, 0);
+    return port;
+  }
+};
+
+TEST_F(PortTest, AnswersOfTheTwoMappers) {
+  const lab::RpcServer::Script refuses = [](const std::string& request) {
+    return std::vector{lab::reply_to(request, "00000001 00000000 00000000 00000000 00000001")};
+  };
+  const struct {
+    const char* title;
+    lab::RpcServer::Script own, standard;
+    uint16_t port;
+    size_t standard_asked;
+    clnt_stat status, cause;
+  } cases[] = {
+      {"own", lab::port_mapper(1000), lab::port_mapper(2000), 1000, 0, RPC_SUCCESS, RPC_SUCCESS},
+      {"standard", lab::port_mapper(0), lab::port_mapper(65535), 65535, 1, RPC_PROGNOTREGISTERED,
+       RPC_SUCCESS},
+      {"none", lab::port_mapper(0), lab::port_mapper(0), 0, 1, RPC_PROGNOTREGISTERED, RPC_SUCCESS},
+      {"own refuses", refuses, lab::port_mapper(0), 0, 1, RPC_PROGNOTREGISTERED, RPC_SUCCESS},
+      {"standard refuses", lab::port_mapper(0), refuses, 0, 1, RPC_PMAPFAILURE, RPC_PROGUNAVAIL},
+  };
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.title);
+    *__get_rpc_createerr() = {};
+    lab::RpcServer own(7938, "127.0.0.1", test.own);
+    lab::RpcServer standard(111, "127.0.0.1", test.standard);
+    EXPECT_EQ(ask("127.0.0.1", 3, 4, IPPROTO_UDP), test.port);
+    EXPECT_THAT(own.requests(), SizeIs(1));
+    EXPECT_THAT(standard.requests(), SizeIs(test.standard_asked));
+    EXPECT_EQ(__get_rpc_createerr()->status, test.status);
+    EXPECT_EQ(__get_rpc_createerr()->cause.status, test.cause);
+    EXPECT_THAT(cache(), IsEmpty());
+  }
+}
+
+TEST_F(PortTest, TheLastResortIsAskedLast) {
+  lab::EmptyPortMappers mappers;
+  pmap_fallback([](unsigned long program, unsigned long version, unsigned long protocol) {
+    return static_cast<uint16_t>(program * 100 + version * 10 + protocol);
+  });
+  EXPECT_EQ(ask("127.0.0.1", 3, 4, IPPROTO_UDP), 357);
+  EXPECT_THAT(mappers.standard.requests(), SizeIs(1));
+  pmap_fallback(nullptr);
+  EXPECT_EQ(ask("127.0.0.1", 3, 4, IPPROTO_UDP), 0);
+}
+
+TEST_F(PortTest, WhatTheEnvironmentKnowsHoldsForThisHostAlone) {
+  lab::RpcServer own(7938, "127.0.0.1", lab::port_mapper(5));
+  lab::RpcServer remote(7938, "127.0.0.2", lab::port_mapper(6));
+  start_with("{390113,2,17,7937}{390113,3,17,0}");
+  EXPECT_EQ(ask("127.0.0.1", kService, 2, IPPROTO_UDP), 7937);
+  EXPECT_THAT(own.requests(), IsEmpty());
+  EXPECT_EQ(ask("127.0.0.2", kService, 2, IPPROTO_UDP), 6);
+  EXPECT_EQ(ask("127.0.0.2", kService, 2, IPPROTO_UDP), 6);
+  EXPECT_THAT(remote.requests(), SizeIs(2));
+  EXPECT_EQ(ask("127.0.0.1", kService, 1, IPPROTO_UDP), 5);
+  EXPECT_EQ(ask("127.0.0.1", kService, 3, IPPROTO_UDP), 5);
+  EXPECT_THAT(cache(), SizeIs(2));  // nothing over UDP is added
+}
+
+TEST_F(PortTest, GroupsOfTheEnvironment) {
+  const struct {
+    const char* value;
+    std::vector<Cached> entries;
+  } cases[] = {
+      {nullptr, {}},
+      {"", {}},
+      {"{1,2,3}", {}},
+      {"{1,2,3,4", {}},
+      {"1,2,3,4}", {}},
+      {"{1,2,3,4}x{5,6,7,8}", {{1, 2, 3, 4}}},
+      {"{1,2,3,4}{5,6,7,8}", {{5, 6, 7, 8}, {1, 2, 3, 4}}},
+      {"{1,2,3,4}{1,2,3,9}", {{1, 2, 3, 9}}},
+      {"{1,2,3}{4,5,6,7}", {{1, 2, 3, 5}}},
+      {"{,b, -1,+2x,3}", {{0, 0, ~0UL, 2}}},
+      {"{99999999999999999999,0,0,0}", {{0x7FFFFFFFFFFFFFFF, 0, 0, 0}}},
+  };
+  for (const auto& test : cases) {
+    SCOPED_TRACE(testing::PrintToString(test.value));
+    start_with(test.value);
+    (void)pmap_cached_port(0, 1, 1);
+    EXPECT_EQ(cache(), test.entries);
+    EXPECT_STREQ(getenv(kVariable), test.value);
+  }
+}
+
+TEST_F(PortTest, CacheAndExport) {
+  populate_pmaps(kService, 2, IPPROTO_TCP, 10, 0);
+  populate_pmaps(390103, 1, IPPROTO_TCP, 11, 0);
+  populate_pmaps(kService, 2, IPPROTO_UDP, 12, 1);
+  populate_pmaps(100003, 2, IPPROTO_TCP, 13, 1);
+  EXPECT_EQ(getenv(kVariable), nullptr);
+  populate_pmaps(kService, 2, IPPROTO_TCP, 14, 1);
+  EXPECT_STREQ(getenv(kVariable), "{390103,1,6,11}{390113,2,6,14}");
+  setenv(kVariable, "", 1);
+  add_pamp_to_env(kService, 3);
+  EXPECT_STREQ(getenv(kVariable), "");
+  add_pamp_to_env(kService, 2);
+  EXPECT_STREQ(getenv(kVariable), "{390103,1,6,11}{390113,2,6,14}");
+
+  // As much as fits; the group that passes 12188 bytes is the last.
+  for (unsigned long version = 1; version <= 1000; ++version) {
+    populate_pmaps(390105, version + 1000, IPPROTO_TCP, 65535, 0);
+  }
+  populate_pmaps(kService, 2, IPPROTO_TCP, 14, 1);
+  std::string value = getenv(kVariable);
+  constexpr size_t kGroup = sizeof "{390105,2000,6,65535}" - 1;
+  EXPECT_EQ(value.size(), (12188 / kGroup + 1) * kGroup);
+  EXPECT_TRUE(value.starts_with("{390105,2000,6,65535}{390105,1999,6,65535}"));
+}
+
+TEST_F(PortTest, WithoutMemoryNothingIsCached) {
+  FailingMalloc failing(0);
+  populate_pmaps(kService, 2, IPPROTO_TCP, 10, 0);
+  EXPECT_THAT(cache(), IsEmpty());
+}
+
+TEST_F(PortTest, CachesSwitchedOff) {
+  lab::RpcServer own(7938, "127.0.0.1", lab::port_mapper(5));
+  start_with("{390113,2,17,7937}");
+  disable_cacheable_pmap();
+  EXPECT_EQ(ask("127.0.0.1", kService, 2, IPPROTO_UDP), 5);
+  populate_pmaps(kService, 2, IPPROTO_TCP, 10, 1);
+  EXPECT_THAT(cache(), IsEmpty());
+  EXPECT_STREQ(getenv(kVariable), "{390113,2,17,7937}");
+  get_rpc_p_varp()->pmap_cache_off = 0;  // there is no other way back
+}
+
+}  // namespace

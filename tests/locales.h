@@ -1,0 +1,69 @@
+// Locales for tests, compiled on the spot from the platform's own sources.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <string>
+
+/// A new directory that goes with the object.
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory() {
+    char name[] = "/tmp/kiv-test-XXXXXX";
+    path_ = mkdtemp(name);
+  }
+  ~TemporaryDirectory() { std::filesystem::remove_all(path_); }
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+/// Puts this process into a locale whose codeset is `codeset`, made of the locale source
+/// `source`; "" is the plain locale.
+inline void enter_locale(const std::string& codeset, const std::string& source = "POSIX") {
+  if (codeset.empty()) {
+    setlocale(LC_ALL, "C");
+    return;
+  }
+  TemporaryDirectory place;
+  const std::string name = source + "." + codeset;
+  // Its warnings are many, and its status tells of them too.
+  std::string command = "localedef --no-archive -c -i " + source + " -f " + codeset + " " +
+                        place.path() + "/" + name + " >/dev/null 2>&1 || true";
+  ASSERT_EQ(system(command.c_str()), 0);
+  setenv("LOCPATH", place.path().c_str(), 1);
+  ASSERT_NE(setlocale(LC_ALL, name.c_str()), nullptr) << name;
+}
+
+/// Writes the failures of this test, which GoogleTest keeps quiet about in a process of
+/// a death test, to standard error. Returns the exit status that tells of them.
+inline int report_failures() {
+  const auto* result = testing::UnitTest::GetInstance()->current_test_info()->result();
+  for (int i = 0; i < result->total_part_count(); ++i) {
+    if (result->GetTestPartResult(i).failed()) std::cerr << result->GetTestPartResult(i) << "\n";
+  }
+  return result->Failed() ? 1 : 0;
+}
+
+/// Runs `body` in that locale in a process of its own, for the first conversion fixes the
+/// codeset of a process.
+inline void in_locale(const std::string& codeset, const std::function<void()>& body,
+                      const std::string& source = "POSIX") {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        enter_locale(codeset, source);
+        body();
+        exit(report_failures());
+      },
+      testing::ExitedWithCode(0), "")
+      << codeset;
+}

@@ -1,0 +1,62 @@
+#include "tests/rpc_server.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdio>
+
+namespace lab {
+
+namespace {
+
+constexpr int kPauseMs = 20;  // between looks whether the test is over
+
+}  // namespace
+
+RpcServer::RpcServer(uint16_t port, const std::string& address, Script script)
+    : receiver_(port, address),
+      script_(std::move(script)),
+      thread_([this](const std::stop_token& stop) { serve(stop); }) {}
+
+RpcServer::~RpcServer() = default;
+
+std::vector<std::string> RpcServer::requests() const {
+  std::lock_guard lock(mutex_);
+  return requests_;
+}
+
+void RpcServer::serve(const std::stop_token& stop) {
+  while (!stop.stop_requested()) {
+    sockaddr_in from{};
+    auto request = receiver_.receive(kPauseMs, &from);
+    if (!request) continue;
+    {
+      std::lock_guard lock(mutex_);
+      requests_.push_back(*request);
+    }
+    for (const std::string& answer : script_(*request)) {
+      sendto(receiver_.socket(), answer.data(), answer.size(), 0,
+             reinterpret_cast<const sockaddr*>(&from), sizeof from);
+    }
+  }
+}
+
+std::string reply_to(const std::string& request, const std::string& hex) {
+  return request.substr(0, 4) + from_hex(hex);
+}
+
+std::string success_to(const std::string& request, const std::string& hex) {
+  return reply_to(request, "00000001 00000000 00000000 00000000 00000000" + hex);
+}
+
+RpcServer::Script port_mapper(uint16_t port) {
+  char hex[9];
+  snprintf(hex, sizeof hex, "%08X", unsigned{port});
+  return [hex = std::string(hex)](const std::string& request) {
+    return std::vector{success_to(request, hex)};
+  };
+}
+
+std::vector<std::string> silence(const std::string& /*request*/) { return {}; }
+
+}  // namespace lab

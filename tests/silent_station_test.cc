@@ -1,0 +1,89 @@
+// Port mappers that do not answer: the waits are fixed, so all cases run at once.
+#include <gmock/gmock.h>
+#include <time.h>
+
+#include <memory>
+#include <thread>
+
+#include "rpc/c_gen.h"
+#include "rpc/rpcvarp.h"
+#include "tests/rpc_server.h"
+
+namespace {
+
+using SilentStationTest = LabTest;
+
+double now() {
+  timespec time{};
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+// A station on the second machine, asked by the command and through the interface.
+struct Station {
+  const char* address;
+  lab::RpcServer::Script own, standard;
+  bool registered;
+  clnt_stat status, cause;  // of the creation error
+  double seconds;           // at least; no machine waits less
+};
+
+TEST_F(SilentStationTest, EachMapperGetsOneDatagramAnd25Seconds) {
+  const lab::RpcServer::Script strangers_reply = [](std::string request) {
+    request[0] ^= 1;
+    return std::vector{lab::success_to(request, "00000017")};
+  };
+  const Station stations[] = {
+      {"10.9.0.2", lab::silence, lab::silence, false, RPC_PMAPFAILURE, RPC_TIMEDOUT, 50},
+      {"10.9.0.3", lab::silence, lab::port_mapper(4711), true, RPC_PMAPFAILURE, RPC_TIMEDOUT, 25},
+      {"10.9.0.4", strangers_reply, lab::port_mapper(0), false, RPC_PROGNOTREGISTERED, RPC_SUCCESS,
+       25},
+      // Nobody listens: an ICMP message comes back, and changes nothing.
+      {"10.9.0.5", nullptr, nullptr, false, RPC_PMAPFAILURE, RPC_TIMEDOUT, 50},
+  };
+  lab::SecondHost second({"10.9.0.2", "10.9.0.3", "10.9.0.4", "10.9.0.5"});
+  const std::string hosts = lab::read_file("/etc/hosts");
+  lab::write_file("/etc/hosts", hosts + "10.9.0.3 three\n10.9.0.4 four\n10.9.0.5 five\n");
+
+  std::vector<std::unique_ptr<lab::RpcServer>> mappers;
+  std::vector<std::unique_ptr<lab::UdpReceiver>> managers;
+  second.inside([&] {
+    for (const Station& station : stations) {
+      managers.push_back(std::make_unique<lab::UdpReceiver>(162, station.address));
+      if (station.own == nullptr) continue;
+      mappers.push_back(std::make_unique<lab::RpcServer>(7938, station.address, station.own));
+      mappers.push_back(std::make_unique<lab::RpcServer>(111, station.address, station.standard));
+    }
+  });
+  const std::string line = std::string(38, 'a') + " " + std::string(20, 'b');
+  const std::string wrapped = std::string(38, 'a') + "\n" + std::string(20, 'b');
+  std::vector<std::jthread> runs;
+  for (const Station& station : stations) {
+    runs.emplace_back([&station, &line] {
+      double start = now();
+      lab::Command command;
+      command.words = {KIVTRAP, station.address};
+      command.input = line + "\n";
+      command.seconds = 200;
+      lab::Outcome outcome = lab::run(command);
+      EXPECT_EQ(outcome.status, 0) << station.address;
+      EXPECT_EQ(outcome.out + outcome.err, "") << station.address;
+      EXPECT_GE(now() - start, station.seconds) << station.address;
+    });
+    runs.emplace_back([&station] {
+      CLIENT* client = __brix_clnt_create(station.address, 100122, 0, "udp");
+      EXPECT_EQ(client != nullptr, station.registered) << station.address;
+      if (client != nullptr) client->ops->destroy(client);
+      EXPECT_EQ(__get_rpc_createerr()->status, station.status) << station.address;
+      EXPECT_EQ(__get_rpc_createerr()->cause.status, station.cause) << station.address;
+    });
+  }
+  runs.clear();
+  for (const auto& mapper : mappers) EXPECT_EQ(mapper->requests().size(), 2U);
+  for (size_t i = 0; i < managers.size(); ++i) {
+    std::string trap = managers[i]->receive().value_or("");
+    EXPECT_TRUE(trap.ends_with(stations[i].registered ? wrapped : line)) << stations[i].address;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,117 @@
+#include "tests/tcp_peer.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace lab {
+namespace {
+
+void require(bool done, const char* what) {
+  if (!done) throw std::system_error(errno, std::generic_category(), what);
+}
+
+sockaddr_in loopback(uint16_t port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+}  // namespace
+
+TcpConnection::~TcpConnection() { close(socket_); }
+
+// Shorter at the end of input.
+std::string TcpConnection::read_bytes(size_t count) const {
+  std::string bytes(count, '\0');
+  size_t done = 0;
+  while (done < count) {
+    ssize_t got = recv(socket_, bytes.data() + done, count - done, 0);
+    if (got <= 0) break;
+    done += static_cast<size_t>(got);
+  }
+  bytes.resize(done);
+  return bytes;
+}
+
+std::optional<std::string> TcpConnection::read_record() {
+  std::string record;
+  for (;;) {
+    std::string header = read_bytes(4);
+    if (header.size() < 4) return std::nullopt;
+    uint32_t word = 0;
+    header.copy(reinterpret_cast<char*>(&word), sizeof word);
+    word = ntohl(word);
+    record += read_bytes(word & 0x7FFFFFFF);
+    if ((word & 0x80000000) != 0) return record;
+  }
+}
+
+void TcpConnection::send(const std::string& bytes) const {
+  for (size_t done = 0; done < bytes.size();) {
+    ssize_t sent = ::send(socket_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+    if (sent <= 0) return;  // the client is gone
+    done += static_cast<size_t>(sent);
+  }
+}
+
+void TcpConnection::reset_at_end() const {
+  const linger now = {1, 0};
+  setsockopt(socket_, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+}
+
+TcpPeer::TcpPeer(Script script) : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_in address = loopback(0);
+  socklen_t length = sizeof address;
+  auto* name = reinterpret_cast<sockaddr*>(&address);
+  require(bind(listener_, name, length) == 0 && listen(listener_, 8) == 0, "listen");
+  require(getsockname(listener_, name, &length) == 0, "getsockname");
+  port_ = ntohs(address.sin_port);
+  thread_ = std::jthread([this, run = std::move(script)] { serve(run); });
+}
+
+TcpPeer::~TcpPeer() {
+  {
+    std::lock_guard lock(mutex_);
+    ended_ = true;
+    if (serving_ != -1) shutdown(serving_, SHUT_RDWR);
+  }
+  shutdown(listener_, SHUT_RDWR);  // ends the accept
+  thread_.join();
+  close(listener_);
+}
+
+void TcpPeer::serve(const Script& script) {
+  for (;;) {
+    int socket = accept(listener_, nullptr, nullptr);
+    if (socket < 0) return;
+    TcpConnection connection(socket);
+    {
+      std::lock_guard lock(mutex_);
+      if (ended_) return;
+      serving_ = socket;
+    }
+    script(connection);
+    std::lock_guard lock(mutex_);
+    serving_ = -1;
+  }
+}
+
+std::string fragment(const std::string& bytes, bool last) {
+  uint32_t word = htonl(static_cast<uint32_t>(bytes.size()) | (last ? 0x80000000 : 0));
+  return std::string(reinterpret_cast<const char*>(&word), sizeof word) + bytes;
+}
+
+int connect_to_port(uint16_t port) {
+  int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = loopback(port);
+  require(connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0, "connect");
+  return socket;
+}
+
+}  // namespace lab
