@@ -15,7 +15,8 @@
 
 namespace {
 
-constexpr int32_t kLowRoom = 2;  // free slots at which an insertion makes room
+constexpr size_t kSlotSize = sizeof(void*);  // of the table, which holds pointers
+constexpr int32_t kLowRoom = 2;              // free slots at which an insertion makes room
 
 vx_once_control lock_once;
 vx_mutex* cache_lock = nullptr;
@@ -77,7 +78,7 @@ int32_t maximum_of(const hostlist_limits* limits) {
 bool grow(hostlist_cache* cache) {
   auto old_size = static_cast<size_t>(cache->capacity);
   auto added = static_cast<size_t>(cache->limits->step);
-  void* larger = realloc(cache->table, (old_size + added) * sizeof *cache->table);
+  void* larger = realloc(cache->table, (old_size + added) * kSlotSize);
   if (larger == nullptr) {
     no_memory();
     return false;

@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <random>
 
+#include "liblocal/errinfo.h"
 #include "liblocal/svc_time.h"
 #include "tests/failing_malloc.h"
 #include "tests/hostlist_check.h"
@@ -168,6 +170,7 @@ TEST(HostlistCache, TheEnvironmentOnlyRaisesTheMaximum) {
 }
 
 TEST(HostlistCache, EveryAllocationRefused) {
+  err_set(1, ENOMEM);  // its tables wait for memory
   testing::internal::CaptureStderr();
   for (int granted = 0;; ++granted) {
     Cache cache;
@@ -287,9 +290,9 @@ class RandomWalk {
     std::vector<std::string> aliases(static_cast<size_t>(pick(0, 3)));
     for (std::string& alias : aliases) alias = random_name();
     const std::string key = pick(0, 1) == 0 ? "" : random_name();
-    std::vector<const char*> list;
-    for (const std::string& alias : aliases) list.push_back(alias.c_str());
-    list.push_back(nullptr);
+    std::vector<const char*> list(aliases.size() + 1);  // the last one null
+    std::transform(aliases.begin(), aliases.end(), list.begin(),
+                   [](const std::string& alias) { return alias.c_str(); });
     const uint32_t state = pick(0, 4) == 0 ? HOST_UNRESOLVED : HOST_LIVE;
     const int64_t expiry = now_ + pick(-1, 1);
     host_entry* host = hostlist_cache_add_host(&cache_, key.empty() ? nullptr : key.c_str(),
