@@ -78,10 +78,13 @@ void end(const Waiter& waiter) { waiter.record->cancelled_at_end = is_cancelled(
 
 bool means_waiting(int error) { return error == EAGAIN || error == ENOMEM || error == EINPROGRESS; }
 
-// The next wait: a step, or what is left of the limit. False when nothing is left.
+// The next wait: a step, or what is left of the limit. The limit itself is the last
+// moment; one of zero still has its look. A step of zero stands for none. False when
+// nothing is left.
 bool next_step(const Waiter& waiter, timeval* step) {
   const TcpRecord* record = waiter.record;
   *step = tamed(record->waiting.step);
+  if (!timerisset(step)) *step = {kLongestStep, 0};
   if (record->wait_state == kWaitNoLimit) return true;
   const timeval limit = tamed(record->wait);
   timeval left;
@@ -103,6 +106,11 @@ void count_wait(Waiter* waiter, int ready, timeval step, timeval start) {
   timeradd(&waiter->elapsed, &step, &waiter->elapsed);
 }
 
+void hold_only(int fd, vx_fd_set* set) {
+  VX_FD_ZERO_UP_TO(fd, set);
+  VX_FD_SET(fd, set);
+}
+
 enum class Ready { kNo, kYes, kInput };
 
 // One wait until the socket is ready for what the waiter wants, or has input when
@@ -119,10 +127,9 @@ bool wait_step(Waiter* waiter, bool watched, Ready* outcome) {
   vx_fd_set input;
   vx_fd_set room;
   vx_fd_set exceptional;
-  for (vx_fd_set* set : {&input, &room, &exceptional}) {
-    VX_FD_ZERO_UP_TO(fd, set);
-    VX_FD_SET(fd, set);
-  }
+  hold_only(fd, &input);
+  hold_only(fd, &room);
+  hold_only(fd, &exceptional);
   const timeval start = monotonic_now();
   timeval time = step;
   int ready = vx_select(fd + 1, !writing || watched ? &input : nullptr, writing ? &room : nullptr,

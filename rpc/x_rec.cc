@@ -103,8 +103,8 @@ bool send_record(RecordStream* stream) {
 // the empty last fragment of one whose data was sent.
 bool may_delay(const RecordStream* stream) {
   constexpr uint32_t kFreeShare = 16;  // this part of the buffer has to be free
-  if (!stream->out_begun)
-    return stream->out_size - stream->out_finger > stream->out_size / kFreeShare;
+  const uint32_t room = stream->out_size - stream->out_finger;
+  if (!stream->out_begun) return room > stream->out_size / kFreeShare;
   return fragment_length(stream) == 0 && rpc_get_io_switches().delayed_ends;
 }
 
@@ -373,7 +373,8 @@ constexpr xdr_ops kRecordOps = {
 
 bool __brix_xdrrec_create(XDR* xdrs, uint32_t send_size, uint32_t receive_size, void* transport,
                           xdrrec_read read, xdrrec_write write) {
-  send_size = rpc_buffer_size(send_size);
+  // What a buffer holds has to be an acceptable fragment.
+  send_size = std::min(rpc_buffer_size(send_size), kXdrRecMaxFragment + kHeader);
   receive_size = rpc_buffer_size(receive_size);
   void* memory = calloc(1, sizeof(RecordStream) + send_size + size_t{receive_size});
   if (memory == nullptr) {

@@ -41,10 +41,11 @@ using xdrrec_read = int64_t (*)(void* transport, void* buffer, uint32_t length, 
 using xdrrec_write = int64_t (*)(void* transport, const void* buffer, uint32_t length,
                                  const void* second, uint32_t second_length);
 
-/// Makes `xdrs` a record stream with buffers of rpc_buffer_size of the two sizes over
-/// `transport`, which is handed to `read` and `write` and stays the caller's. The
-/// caller sets `xdrs->operation` before each use and releases the stream with its
-/// destroy operation. Returns false, with ENOMEM in errno, without memory.
+/// Makes `xdrs` a record stream with buffers of rpc_buffer_size of the two sizes (for
+/// sending at most the largest fragment and its header) over `transport`, which is
+/// handed to `read` and `write` and stays the caller's. The caller sets
+/// `xdrs->operation` before each use and releases the stream with its destroy
+/// operation. Returns false, with ENOMEM in errno, without memory.
 [[nodiscard]] bool __brix_xdrrec_create(XDR* xdrs, uint32_t send_size, uint32_t receive_size,
                                         void* transport, xdrrec_read read, xdrrec_write write);
 

@@ -149,6 +149,15 @@ TEST_F(RecordTest, LargePutsGoOutWithWhatIsBuffered) {
 }
 
 TEST_F(RecordTest, FragmentsStayAcceptable) {
+  make(kXdrRecMaxFragment * 3, 100);
+  const std::string small(kXdrRecLargePut - 8, 'x');
+  for (size_t put_bytes = 0; put_bytes <= kXdrRecMaxFragment; put_bytes += small.size()) {
+    ASSERT_TRUE(put(small));
+  }
+  ASSERT_EQ(pipe_.writes.size(), 1U) << "a buffer that was wished larger";
+  EXPECT_EQ(to_hex(pipe_.writes[0].substr(0, 4)), "01000000");
+  make(100, 100);
+  pipe_.writes.clear();
   const std::string bytes(kXdrRecMaxFragment, 'x');
   ASSERT_TRUE(put("head") && put(bytes) && __brix_xdrrec_endofrecord(&xdrs_, true));
   ASSERT_EQ(pipe_.writes.size(), 2U);
