@@ -60,7 +60,7 @@ class SignalLine {
   }
 
  private:
-  char text_[kNameSize + kDebugCommandLimit + 128];  // name and value stand in one command
+  char text_[kNameSize + kDebugCommandLimit + 128] = {};  // name and value stand in one command
   size_t length_ = 0;
 };
 
@@ -139,8 +139,9 @@ void ondbgintr_prepare() { vx_get_progname(handler_name, sizeof handler_name); }
 void ondbgintr(int signal) {
   if (signal != SIGUSR2) return;
   int saved_errno = errno;
-  char text[kDebugCommandLimit];
-  if (auto command = parse_debug_command({text, take_command(text)})) apply(*command);
+  char text[kDebugCommandLimit] = {};
+  const size_t length = take_command(text);
+  if (auto command = parse_debug_command({text, length})) apply(*command);
   errno = saved_errno;
 }
 

@@ -132,7 +132,7 @@ void store_slot(sockaddr_in* slot, const sockaddr_in& address) {
 }
 
 sockaddr_in load_slot(const sockaddr_in* slot) {
-  uint64_t words[kSlotWords];
+  uint64_t words[kSlotWords] = {};
   auto* shared = reinterpret_cast<const SlotWord*>(slot);
   for (size_t i = 0; i < kSlotWords; ++i) words[i] = __atomic_load_n(&shared[i], __ATOMIC_RELAXED);
   sockaddr_in address;

@@ -352,7 +352,8 @@ char* convert_into(vx_text_buffer* buffer, Converter convert, const char* text, 
       return nullptr;
     }
     free(buffer->text);
-    *buffer = {grown, size};
+    buffer->text = grown;
+    buffer->size = size;
   }
   convert(buffer->text, text, buffer->size);
   return buffer->text;

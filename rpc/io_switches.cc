@@ -5,6 +5,7 @@
 
 #include <cstdio>
 
+#include "liblocal/utf8_files.h"
 #include "liblocal/vx_once.h"
 #include "liblocal/vxenv.h"
 
@@ -17,7 +18,7 @@ rpc_io_switches switches = {true, true, true};
 bool is_there(const char* directory, const char* name) {
   char path[PATH_MAX];
   int length = snprintf(path, sizeof path, "%s/%s", directory, name);
-  return length > 0 && length < PATH_MAX && access(path, F_OK) == 0;
+  return length > 0 && length < PATH_MAX && utf8_access(path, F_OK) == 0;
 }
 
 void look_up() {
