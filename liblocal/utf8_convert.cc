@@ -270,7 +270,7 @@ size_t finish(const Conversion& conversion, char* output, size_t size) {
     *conversion.out = '\0';
     return conversion.broken ? 0 : size - conversion.out_left;
   }
-  *conversion.last = '\0';
+  if (conversion.last != nullptr) *conversion.last = '\0';
   output[size - 1] = '\0';
   return size;
 }

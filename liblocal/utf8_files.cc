@@ -125,7 +125,7 @@ dirent* utf8_readdir(DIR* directory, dirent* entry) {
     return nullptr;
   }
   memcpy(bytes, next, kHeader);
-  strcpy(bytes + kHeader, name);
+  memcpy(bytes + kHeader, name, strlen(name) + 1);
   return entry;
 }
 
@@ -140,7 +140,7 @@ char* utf8_getcwd(char* buffer, size_t size) {
     buffer = made.get();
   }
   if (buffer == nullptr || !make_transparent(buffer, path.get(), size)) return nullptr;
-  made.release();
+  static_cast<void>(made.release());  // the caller's now
   return buffer;
 }
 

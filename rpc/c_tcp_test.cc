@@ -655,6 +655,7 @@ TEST_F(TcpTest, Descriptors) {
 }
 
 TEST_F(TcpTest, CreationFails) {
+  get_rpc_p_varp();  // the block waits for its memory
   sockaddr_in nobody = loopback(9);
   auto create = [&nobody](int socket) {
     return __brix_clnttcp_create(&nobody, 5, 6, &socket, 0, 0);

@@ -169,6 +169,8 @@ TEST_F(PortTest, CacheAndExport) {
 }
 
 TEST_F(PortTest, WithoutMemoryNothingIsCached) {
+  get_rpc_t_varp();  // the blocks wait for their memory
+  get_rpc_p_varp();
   FailingMalloc failing(0);
   populate_pmaps(kService, 2, IPPROTO_TCP, 10, 0);
   EXPECT_THAT(cache(), IsEmpty());

@@ -1,5 +1,6 @@
 #include "rpc/rpcvarp.h"
 
+#include <cerrno>
 #include <cstdlib>
 
 #include "liblocal/vx_mutex.h"
@@ -76,7 +77,9 @@ void rpc_p_clean(void* memory) {
 rpc_createerr* __get_rpc_createerr() { return &get_rpc_t_varp()->create_error; }
 
 void rpc_set_createerr(clnt_stat status, int32_t error_number) {
+  const int saved_errno = errno;  // making the block looks for files
   rpc_createerr* error = __get_rpc_createerr();
+  errno = saved_errno;
   *error = {};
   error->status = status;
   error->cause.error_number = error_number;

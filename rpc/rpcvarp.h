@@ -64,7 +64,7 @@ VARP_DECLARE_PROCESS_BLOCK(rpc)
 [[nodiscard]] rpc_createerr* __get_rpc_createerr();
 
 /// Makes `status` the calling thread's creation error, with `error_number` as its
-/// cause (0: none).
+/// cause (0: none). Keeps `errno`.
 void rpc_set_createerr(clnt_stat status, int32_t error_number);
 
 /// Puts `transport` (null: none) into the calling thread's slot of `descriptor`, which
