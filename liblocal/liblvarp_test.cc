@@ -106,15 +106,6 @@ TEST(Liblvarp, EveryThreadHasABlockForItsLife) {
   EXPECT_EQ(cleaned, made);
 }
 
-TEST(Liblvarp, TheProcessHasOneBlock) {
-  in_threads(16, [](int) {
-    liblocal_p_varp* block = get_liblocal_p_varp();
-    EXPECT_NE(block, nullptr);
-    EXPECT_EQ(block, Global_liblocal_p_varp);
-  });
-  EXPECT_EQ(is_proc_exiting(), 0);
-}
-
 void exit_with_blocks() {
   speaking = true;
   get_probe_t_varp();  // its exit function is older than the registry's

@@ -6,7 +6,6 @@
 #include <csignal>
 
 #include "liblocal/vx_error.h"
-#include "liblocal/vx_list.h"
 #include "tests/failing_malloc.h"
 #include "tests/threads.h"
 
@@ -75,19 +74,6 @@ TEST(VxAtexit, EndsTheProcessThatCannotHaveAList) {
   EXPECT_EXIT(first_use(1), terminated, no_list);  // the flag
   EXPECT_EXIT(first_use(3), terminated,            // the mutex, after the reference table
               "^Failed to create progname mutex: Cannot allocate memory\n$");
-}
-
-TEST(VxList, KeepsItsOrder) {
-  vx_list* list = vx_list_new();
-  int a, b;
-  EXPECT_TRUE(vx_list_is_empty(list));
-  for (int* entry : {&a, &b, &a}) EXPECT_EQ(vx_list_add_first(list, entry), 0);
-  EXPECT_EQ(vx_list_remove(list, &a), 0);  // the first of two
-  EXPECT_FALSE(vx_list_is_empty(list));
-  EXPECT_EQ(vx_list_take_first(list), &b);
-  EXPECT_EQ(vx_list_take_first(list), &a);
-  EXPECT_EQ(vx_list_take_first(list), nullptr);
-  free(list);
 }
 
 }  // namespace

@@ -35,14 +35,11 @@ TEST(VxThread, RunsAndIsJoined) {
 }
 
 TEST(VxThread, RunsOnWithoutItsCreator) {
-  static std::atomic<int> ended;
-  ended = 0;
-  for (int i = 0; i < 20; ++i) {
-    vx_thread* thread = vx_thread_new([](void*) -> void* { return ++ended, nullptr; }, nullptr);
-    vx_thread_start(thread);
-    EXPECT_EQ(vx_thread_destroy(thread), 0);
-  }
-  while (ended < 20) EXPECT_EQ(vx_thread_yield(), 0);
+  static std::atomic<bool> ended;
+  vx_thread* thread = vx_thread_new([](void*) -> void* { return ended = true, nullptr; }, nullptr);
+  vx_thread_start(thread);
+  EXPECT_EQ(vx_thread_destroy(thread), 0);
+  while (!ended) EXPECT_EQ(vx_thread_yield(), 0);
 }
 
 TEST(VxThread, ReportsNullAndMissingMemory) {

@@ -60,14 +60,4 @@ TEST(Xmalloc, WaitsForMemoryAndGoesOn) {
   Global_liblocal_p_varp = published;
 }
 
-TEST(Xmalloc, CopiesAndClears) {
-  char* copy = xstrdup("text");
-  EXPECT_STREQ(copy, "text");
-  EXPECT_EQ(xstrdup(nullptr), nullptr);
-  char* zeroed = static_cast<char*>(xcalloc(3, 100));
-  EXPECT_EQ(std::string(zeroed, 300), std::string(300, '\0'));
-  free(zeroed);
-  free(copy);
-}
-
 }  // namespace
