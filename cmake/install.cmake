@@ -1,5 +1,4 @@
 # What `cmake --install` and `cpack -G DEB` put where their users look.
-include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 install(TARGETS kivtrap DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT command)
