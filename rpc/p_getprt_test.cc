@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdlib>
 
@@ -10,6 +12,7 @@
 #include "tests/failing_malloc.h"
 #include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
+#include "tests/tcp_peer.h"
 
 namespace {
 
@@ -106,6 +109,23 @@ TEST_F(PortTest, WhatTheEnvironmentKnowsHoldsForThisHostAlone) {
   EXPECT_EQ(ask("127.0.0.1", kService, 1, IPPROTO_UDP), 5);
   EXPECT_EQ(ask("127.0.0.1", kService, 3, IPPROTO_UDP), 5);
   EXPECT_THAT(cache(), SizeIs(2));  // nothing over UDP is added
+}
+
+TEST_F(PortTest, TheOwnMappersAnswerIsKept) {
+  const sockaddr_in address = lab::loopback(7938);
+  int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+  ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(listener, 1), 0);
+  std::thread mapper([listener] {
+    lab::TcpConnection connection(accept(listener, nullptr, nullptr));
+    std::string request = connection.read_record().value_or("");
+    connection.send(lab::fragment(lab::success_to(request, "00000007")));
+  });
+  EXPECT_EQ(ask("127.0.0.1", kService, 2, IPPROTO_TCP), 7);
+  mapper.join();
+  close(listener);
+  EXPECT_EQ(ask("127.0.0.1", kService, 2, IPPROTO_TCP), 7);  // nobody is there to ask
+  EXPECT_EQ(getenv(kVariable), nullptr);
 }
 
 TEST_F(PortTest, GroupsOfTheEnvironment) {
