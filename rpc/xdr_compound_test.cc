@@ -41,8 +41,7 @@ bool text_arm(XDR* xdrs, void* object, int32_t discriminant) {
 }
 
 bool item_filter(XDR* xdrs, Item* item) {
-  static const xdr_discrim kArms[] = {
-      {1, xdr_arm<__brix_xdr_u_short>}, {2, text_arm}, {0, nullptr}};
+  static const xdr_discrim kArms[] = {{1, xdr_arm<__brix_xdr_u_short>}, {0, nullptr}};
   return __brix_xdr_string(xdrs, &item->name, 30) &&
          __brix_xdr_bytes(xdrs, &item->data, &item->data_size, 30) &&
          __brix_xdr_array(xdrs, as_void(&item->names), &item->name_count, 5, sizeof(char*),
@@ -53,7 +52,7 @@ bool item_filter(XDR* xdrs, Item* item) {
                               xdr_filter<xdr_int64_t>) &&
          __brix_xdr_pointer(xdrs, as_void(&item->optional), sizeof(Item),
                             xdr_filter<item_filter>) &&
-         __brix_xdr_union(xdrs, &item->kind, &item->of, kArms, nullptr) &&
+         __brix_xdr_union(xdrs, &item->kind, &item->of, kArms, text_arm) &&
          __brix_xdr_vector(xdrs, item->pair, 2, sizeof(uint64_t), xdr_filter<xdr_uint64_t>);
 }
 
@@ -130,17 +129,14 @@ TEST(XdrCompound, CopiesOrGivesUp) {
   item.kind = 3;  // encodes nowhere
   EXPECT_EQ(__brix_xdr_dup(kItem, &item, sizeof item), nullptr);
   EXPECT_EQ(__brix_xdr_sizeof(kItem, &item), 0u);
-  __brix_xdr_free(kItem, nullptr);
-  __brix_xdr_free_pointer(kItem, nullptr);
-  const std::string wire = Generator(1).item();
-  ASSERT_TRUE(item_filter(TestStream(wire, xdr_op::kDecode).get(), &item));
-  for (int granted = 0;; ++granted) {
+  ASSERT_TRUE(item_filter(TestStream(Generator(1).item(), xdr_op::kDecode).get(), &item));
+  void* copy = nullptr;
+  for (int granted = 0; copy == nullptr; ++granted) {
     FailingMalloc failing(granted);
-    void* copy = __brix_xdr_dup(kItem, &item, sizeof item);
+    copy = __brix_xdr_dup(kItem, &item, sizeof item);
     EXPECT_EQ(copy == nullptr, failing.failed());
-    __brix_xdr_free_pointer(kItem, copy);
-    if (copy != nullptr) break;
   }
+  __brix_xdr_free_pointer(kItem, copy);
   __brix_xdr_free(kItem, &item);
 }
 
@@ -151,23 +147,22 @@ bool slow(XDR* xdrs, void* object) {
 }
 
 template <auto filter>
-std::string carry(xdrproc_t element, xdr_op operation, size_t room, uint32_t count) {
-  const std::string wire = from_hex("0102030405060708 F1F2F3F4F5F6F7F8 1112131415161718");
-  constexpr uint32_t kSize = sizeof(typename xdr_detail::ObjectOf<decltype(filter)>::Type);
-  std::string values = "abcdefghijklmnopqrstuvwx";
-  TestStream stream(wire.substr(0, room), operation);
-  bool done =
-      __brix_xdr_vector(stream.get(), values.data(), std::min(count, 24 / kSize), kSize, element);
-  return std::to_string(done) + values + stream.hex();
-}
-
-template <auto filter>
 void expect_same_as_slow() {
+  constexpr uint32_t kSize = sizeof(typename xdr_detail::ObjectOf<decltype(filter)>::Type);
+  auto carry = [](xdrproc_t element, xdr_op operation, size_t room, uint32_t count) {
+    std::string values = "abcdefghijklmnopqrstuvwx";
+    TestStream stream(std::string_view("123456789\xF0\xF1\xF2"
+                                       "ABCDEFGHIJKL",
+                                       room),
+                      operation);
+    bool done = __brix_xdr_vector(stream.get(), values.data(), count, kSize, element);
+    return std::to_string(done) + values + stream.hex();
+  };
   for (xdr_op operation : {xdr_op::kEncode, xdr_op::kDecode, xdr_op::kFree}) {
     for (size_t room = 0; room <= 24; ++room) {
-      for (uint32_t count = 0; count <= 6; ++count) {
-        EXPECT_EQ(carry<filter>(xdr_filter<filter>, operation, room, count),
-                  carry<filter>(slow<filter>, operation, room, count))
+      for (uint32_t count = 0; count <= 24 / kSize; ++count) {
+        EXPECT_EQ(carry(xdr_filter<filter>, operation, room, count),
+                  carry(slow<filter>, operation, room, count))
             << room << " " << count;
       }
     }
@@ -245,38 +240,19 @@ TEST(XdrCompound, BelievesNoDeclaredCount) {
 }
 
 TEST(XdrCompound, FollowsPointers) {
-  int32_t seven = 7;
-  void* object = &seven;
+  void* object = nullptr;
   auto run = [&](auto filter, std::string_view hex, xdr_op operation) {
     TestStream stream(from_hex(hex), operation);
-    bool done = filter(stream.get(), &object, sizeof seven, xdr_filter<xdr_int32_t>);
-    return done ? "done " + stream.hex() : "fails";
+    bool done = filter(stream.get(), &object, sizeof(int32_t), xdr_filter<xdr_int32_t>);
+    return (done ? "done " : "fails ") + stream.hex();
   };
-  EXPECT_EQ(run(__brix_xdr_pointer, "0000000000000000", xdr_op::kEncode), "done 0000000100000007");
-  EXPECT_EQ(run(__brix_xdr_pointer, "00000000", xdr_op::kDecode), "done 00000000");
-  EXPECT_EQ(object, nullptr);
   EXPECT_EQ(run(__brix_xdr_pointer, "01010101", xdr_op::kEncode), "done 00000000");
-  EXPECT_EQ(run(__brix_xdr_pointer, "", xdr_op::kFree), "done ");
   EXPECT_EQ(run(__brix_xdr_reference, "", xdr_op::kFree), "done ");
   // Any flag but 0 announces an object.
   EXPECT_EQ(run(__brix_xdr_pointer, "0000000200000009", xdr_op::kDecode), "done 0000000200000009");
-  EXPECT_EQ(*static_cast<int32_t*>(object), 9);
+  EXPECT_EQ(run(__brix_xdr_reference, "00000000", xdr_op::kEncode), "done 00000009");
   EXPECT_EQ(run(__brix_xdr_reference, "", xdr_op::kFree), "done ");
   EXPECT_EQ(object, nullptr);
-}
-
-TEST(XdrCompound, TakesTheDefaultArmWhenNoOtherFits) {
-  static const xdr_discrim kArms[] = {{5, [](XDR*, void*, int32_t) { return false; }},
-                                      {0, nullptr}};
-  auto other = [](XDR*, void* object, int32_t value) {
-    return (*static_cast<int32_t*>(object) = value) != 0;
-  };
-  int32_t discriminant = 0;
-  int32_t seen = 0;
-  TestStream in(from_hex("00000005 00000006"), xdr_op::kDecode);
-  EXPECT_FALSE(__brix_xdr_union(in.get(), &discriminant, &seen, kArms, other));
-  EXPECT_TRUE(__brix_xdr_union(in.get(), &discriminant, &seen, kArms, other));
-  EXPECT_EQ(seen, 6);
 }
 
 }  // namespace
