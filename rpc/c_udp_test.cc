@@ -25,8 +25,10 @@ using Replies = std::vector<std::string>;
 
 timeval milliseconds(long count) { return {count / 1000, count % 1000 * 1000}; }
 
+// Success with a verifier that has a body, and 3 or "abc" for results.
 Replies answer_abc(const std::string& request) {
-  return {lab::success_to(request, "00000003 61626300")};
+  return {lab::reply_to(request,
+                        "00000001 00000000 00000002 00000004 61626364 00000000 00000003 61626300")};
 }
 
 class UdpTest : public lab::ClientTest {
@@ -47,6 +49,7 @@ TEST_F(UdpTest, CallsAreSentInFullAndAnswered) {
   ASSERT_NE(connect(server.port()), nullptr);
   for (int i = 0; i < 300; ++i) ASSERT_EQ(call(), RPC_SUCCESS);
   EXPECT_EQ(result_, 3);
+  EXPECT_EQ(error().status, RPC_SUCCESS);
   auto requests = server.requests();
   ASSERT_EQ(requests.size(), 300U);
   std::string id = requests[0].substr(0, 4);
@@ -67,45 +70,16 @@ TEST_F(UdpTest, CallsAreSentInFullAndAnswered) {
   EXPECT_EQ(call(), RPC_SUCCESS);
 }
 
-// What each reply comes to; none is asked for twice.
-TEST_F(UdpTest, RepliesAndWhatTheyMean) {
-  const struct {
-    const char* hex;  // behind the transaction id
-    clnt_stat status;
-    int32_t detail;
-  } cases[] = {
-      {"00000001 00000000 00000002 00000004 61626364 00000000 00000001", RPC_SUCCESS, 0},
-      {"00000001 00000000 00000002 00000004 61626364 00000000", RPC_CANTDECODERES, 0},
-      {"", RPC_CANTDECODERES, 0},
-      {"00000001 00000000 00000000 00000004 61626364 00000001", RPC_PROGUNAVAIL, 0},
-      {"00000001 00000000 00000000 00000000 00000002 00000003 00000009", RPC_PROGVERSMISMATCH, 3},
-      {"00000001 00000001 00000001 00000002", RPC_AUTHERROR, 2},
-  };
-  std::string hex;
-  RpcServer server(0, "127.0.0.1", [&hex](const std::string& request) {
-    return Replies{lab::reply_to(request, hex)};
-  });
-  connect(server.port());
-  for (const auto& test : cases) {
-    SCOPED_TRACE(test.hex);
-    hex = test.hex;
-    size_t before = server.requests().size();
-    EXPECT_EQ(call(), test.status);
-    EXPECT_EQ(error().first_word, test.detail);
-    EXPECT_EQ(server.requests().size(), before + 1);
-  }
-}
-
 TEST_F(UdpTest, DatagramsThatAreNotTheReplyAreDropped) {
   RpcServer server(0, "127.0.0.1", [](const std::string& request) {
     std::string other = request;
     other[3] ^= 1;
     return Replies{"", request.substr(0, 3), lab::success_to(other, "00000007"),
-                   std::string(9000, '\xFF'), lab::success_to(request, "00000009")};
+                   std::string(9000, '\xFF'), request};
   });
   connect(server.port());
-  EXPECT_EQ(call(), RPC_SUCCESS);
-  EXPECT_EQ(result_, 9);
+  EXPECT_EQ(call(), RPC_CANTDECODERES);  // as what comes last is no reply
+  EXPECT_EQ(error().status, RPC_CANTDECODERES);
   EXPECT_EQ(server.requests().size(), 1U);
 }
 
@@ -246,13 +220,10 @@ TEST_F(UdpTest, DescriptorsUpTo65535CanBeWaitedOn) {
 
 TEST_F(UdpTest, NoMemory) {
   get_rpc_t_varp();  // the block waits for its memory
-  for (int allowed = 0; allowed < 2; ++allowed) {
-    errno = 0;
+  for (int granted = 0; granted < 2; ++granted) {
     *__get_rpc_createerr() = {};
-    {
-      FailingMalloc failing(allowed);
-      EXPECT_EQ(connect(9), nullptr);
-    }
+    FailingMalloc failing(granted);
+    EXPECT_EQ(connect(9), nullptr);
     EXPECT_EQ(errno, ENOMEM);
     EXPECT_EQ(__get_rpc_createerr()->status, RPC_SYSTEMERROR);
     EXPECT_EQ(__get_rpc_createerr()->cause.error_number, ENOMEM);

@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <thread>
+#include <vector>
+
 #include "liblocal/vx_threadstorage.h"
 #include "tests/failing_malloc.h"
-#include "tests/threads.h"
 
 namespace {
 
@@ -60,11 +62,6 @@ TEST(RpcVarp, TouchesOnlyWhatWasUsed) {
     vx_threadstorage_set(Key_rpc_t_varp, nullptr);
     EXPECT_LT(taken, 64);  // the slots alone would take 128 pages
   }).join();
-}
-
-TEST(RpcVarp, IsOneForTheProcess) {
-  rpc_p_varp* block = get_rpc_p_varp();
-  in_threads(4, [block](int) { EXPECT_EQ(get_rpc_p_varp(), block); });
 }
 
 }  // namespace
