@@ -55,11 +55,11 @@ TEST_F(BindTest, ThreadsFindEveryPortOfTheRanges) {
   ASSERT_EQ(rpcport_add_range(40000, 40600, kPortReserved), 0);
   ASSERT_EQ(rpcport_add_range(50000, 50000, kPortReserved), 0);
   EXPECT_EQ(rpcport_count(kPortReserved), 602);
-  std::vector<int> ports(602);
+  int ports[602];
   in_threads(7, [&](int thread) {
     for (int i = 0; i < 86; ++i) ports[thread * 86 + i] = bind_new(kPortReserved);
   });
-  const std::set<int> found(ports.begin(), ports.end());
+  const std::set<int> found(std::begin(ports), std::end(ports));
   EXPECT_EQ(found.size(), 602U);
   EXPECT_GE(*found.begin(), 40000);
   EXPECT_EQ(*found.rbegin(), 50000);
