@@ -51,7 +51,6 @@ class NameTest : public LabTest {
     LabTest::SetUp();
     if (IsSkipped()) return;
     hosts_before_ = lab::read_file("/etc/hosts");
-    lab::write_file("/etc/host.conf", "multi on\n");  // all lines of a name count
     lab::write_file("/etc/hosts", kHosts);
     free_dns_hostlist_cache();
     free_client_hostlist_cache();
