@@ -32,31 +32,19 @@ struct vx_text_buffer {
   size_t size;
 };
 
-/// What the runtime keeps for each thread; zeroed at first. Pointer members called
-/// owned are freed with the block.
+/// What the runtime keeps for each thread; zeroed at first but for the texts at the end.
+/// Pointer members called owned are freed with the block.
 struct liblocal_t_varp {
-  char strerror_text[kErrorTextSize];  // brix_strerror
-  vx_error_record saved_error;         // err_save; its text is owned
-  vx_error_record current_error;       // err_set and its kin
-  char* accrued_text;                  // err_accrue; owned
-  int32_t accruing;                    // 1 while printerr hands its messages to err_accrue
-  char* message;                       // err_setstr: kMessageSize bytes; owned
-  vx_text_buffer utf8_encoded;         // utf8encode; owned
-  vx_text_buffer utf8_decoded;         // utf8decode; owned
-  vx_text_buffer utf8_path;            // the last path in the locale's codeset; owned
-  uint32_t random_seed;                // vx_ts_rand; 0 until seeded
-  char value_text[kValueTextSize];     // val_str
-  char asctime_text[kTimeTextSize];
-  char ctime_text[kTimeTextSize];
+  vx_error_record saved_error;    // err_save; its text is owned
+  vx_error_record current_error;  // err_set and its kin
+  char* accrued_text;             // err_accrue; owned
+  int32_t accruing;               // 1 while printerr hands its messages to err_accrue
+  char* message;                  // err_setstr: kMessageSize bytes; owned
+  vx_text_buffer utf8_encoded;    // utf8encode; owned
+  vx_text_buffer utf8_decoded;    // utf8decode; owned
+  vx_text_buffer utf8_path;       // the last path in the locale's codeset; owned
+  uint32_t random_seed;           // vx_ts_rand; 0 until seeded
   group grgid_entry;
-  char grgid_text[kDatabaseTextSize];
-  char hostbyaddr_text[kDatabaseTextSize];
-  char hostbyname_text[kHostByNameTextSize];
-  char hostent_text[kDatabaseTextSize];
-  char protobyname_text[kDatabaseTextSize];
-  char servbyname_text[kDatabaseTextSize];
-  char servbyport_text[kDatabaseTextSize];
-  char servent_text[kDatabaseTextSize];
   hostent hostbyaddr_entry;
   hostent hostbyname_entry;
   hostent hostent_entry;
@@ -65,14 +53,26 @@ struct liblocal_t_varp {
   int hostent_error;
   protoent protobyname_entry;
   passwd pwnam_entry;
-  char pwnam_text[kDatabaseTextSize];
   passwd pwuid_entry;
-  char pwuid_text[kDatabaseTextSize];
   servent servbyname_entry;
   servent servbyport_entry;
   servent servent_entry;
   tm gmtime_fields;
   tm localtime_fields;
+  char strerror_text[kErrorTextSize];  // brix_strerror; the first of the texts
+  char value_text[kValueTextSize];     // val_str
+  char asctime_text[kTimeTextSize];
+  char ctime_text[kTimeTextSize];
+  char grgid_text[kDatabaseTextSize];
+  char hostbyaddr_text[kDatabaseTextSize];
+  char hostbyname_text[kHostByNameTextSize];
+  char hostent_text[kDatabaseTextSize];
+  char protobyname_text[kDatabaseTextSize];
+  char servbyname_text[kDatabaseTextSize];
+  char servbyport_text[kDatabaseTextSize];
+  char servent_text[kDatabaseTextSize];
+  char pwnam_text[kDatabaseTextSize];
+  char pwuid_text[kDatabaseTextSize];
 };
 
 /// What the runtime keeps for the process.
