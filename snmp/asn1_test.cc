@@ -32,24 +32,21 @@ std::string build(const Builder& builder) {
 }
 
 TEST(Asn1, BuildsIntegers) {
-  const std::pair<long, const char*> cases[] = {
-      {0, "020100"},
-      {127, "02017F"},
-      {128, "02020080"},
-      {255, "020200FF"},
-      {256, "02020100"},
-      {32767, "02027FFF"},
-      {32768, "0203008000"},
-      {8388608, "020400800000"},
-      {INT32_MAX, "02047FFFFFFF"},
-      {-1, "0201FF"},
-      {-128, "020180"},
-      {-129, "0202FF7F"},
-      {INT32_MIN, "020480000000"},
-      {2147483648, "020480000000"},
-      {4294967295, "0201FF"},
-      {0x500000001, "020101"},
-  };
+  const std::pair<long, const char*> cases[] = {{0, "020100"},
+                                                {127, "02017F"},
+                                                {128, "02020080"},
+                                                {255, "020200FF"},
+                                                {32767, "02027FFF"},
+                                                {32768, "0203008000"},
+                                                {8388608, "020400800000"},
+                                                {INT32_MAX, "02047FFFFFFF"},
+                                                {-1, "0201FF"},
+                                                {-128, "020180"},
+                                                {-129, "0202FF7F"},
+                                                {INT32_MIN, "020480000000"},
+                                                {2147483648, "020480000000"},
+                                                {4294967295, "0201FF"},
+                                                {0x500000001, "020101"}};
   for (auto [value, hex] : cases) {
     EXPECT_EQ(build([&, number = value](uint8_t* at, int32_t* room) {
                 return asn_build_int(at, room, kAsnInteger, &number, sizeof number);
@@ -78,12 +75,7 @@ TEST(Asn1, BuildsObjectIdentifiers) {
       {{1, 3, 4294967295}, "06062B8FFFFFFF7F"},
       {{}, "0600"},
       {{1}, "0600"},
-      {longest, "063F29" +
-                    [] {
-                      std::string ones;
-                      for (int i = 0; i < 62; ++i) ones += "01";
-                      return ones;
-                    }()},
+      {longest, "063F29" + to_hex(std::string(62, '\1'))},
       {std::vector<uint64_t>(65, 1), "fails"},
   };
   for (const auto& [subids, hex] : cases) EXPECT_EQ(build_objid(subids), hex);
@@ -110,11 +102,9 @@ TEST(Asn1, BuildsLengthsAndStrings) {
               header + to_hex(text));
   }
   for (int32_t length : {-1, 65536, INT_MAX}) {
-    EXPECT_EQ(build([&](uint8_t* at, int32_t* room) {
-                return asn_build_header(at, room, kAsnSequence, length);
-              }),
-              "fails")
-        << length;
+    uint8_t item[8];
+    int32_t room = sizeof item;
+    EXPECT_EQ(asn_build_header(item, &room, kAsnSequence, length), nullptr) << length;
   }
   EXPECT_EQ(build([](uint8_t* at, int32_t* room) { return asn_build_null(at, room, kAsnNull); }),
             "0500");
@@ -144,21 +134,19 @@ TEST(Asn1, ParsesIntegers) {
       {"0201FF", "2:-1"},
       {"02020080", "2:128"},
       {"020480000000", "2:-2147483648"},
-      {"02050080000000", "2:2147483648"},
       {"0205 00FFFFFFFF", "2:4294967295"},
       {"4301FF", "67:-1"},
       {"02820001 05", "2:5"},  // a length longer than need be
       {"0288000000000000000105", "2:5"},
+      {"0289000000000000000001 05", "fails"},
       {"0205 0100000000", "fails"},  // above 32 bits
       {"0206 000000000001", "fails"},
       {"0200", "fails"},
+      {"02", "fails"},
       {"0280 01 0000", "fails"},  // indefinite length
-      {"0289000000000000000001 05", "fails"},
       {"0284FFFFFFFF 05", "fails"},
       {"0288FFFFFFFFFFFFFFFF 05", "fails"},
-      {"1F8101 0105", "fails"},  // tag of several bytes
-      {"02", "fails"},
-  };
+      {"1F8101 0105", "fails"}};  // tag of several bytes
   for (auto [hex, wanted] : cases) {
     expect_parsed(hex, wanted, [](const uint8_t* at, int32_t* left, const uint8_t** end) {
       uint8_t tag = 0;
