@@ -170,7 +170,7 @@ TEST_F(Fullpath, LongLinks) {
   lab::write_file(here + "/f", "");
   std::string link = "." + std::string(kPathSize - 4 - path.size(), '/') + "f";  // just fits
   const char* reasons[] = {"fullpath could not lstat ", "fullpath path name too long "};
-  for (size_t longer : {0, 1}) {
+  for (size_t longer : {0U, 1U}) {
     link.insert(link.size() - 1, longer, '/');
     fs::create_symlink(link, here + "/l" + std::to_string(longer));
     EXPECT_EQ(told(1, path + "/l" + std::to_string(longer), kFollow),
