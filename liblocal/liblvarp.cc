@@ -36,8 +36,7 @@ VARP_DEFINE_THREAD_BLOCK(liblocal)
 VARP_DEFINE_PROCESS_BLOCK(liblocal)
 
 liblocal_t_varp* liblocal_t_init() {
-  return static_cast<liblocal_t_varp*>(_vx_block_every(
-      sizeof(liblocal_t_varp), offsetof(liblocal_t_varp, strerror_text), kBlockPauseMs));
+  return static_cast<liblocal_t_varp*>(_vx_calloc_every(1, sizeof(liblocal_t_varp), kBlockPauseMs));
 }
 
 void liblocal_t_clean(void* memory) {
@@ -52,8 +51,8 @@ void liblocal_t_clean(void* memory) {
 }
 
 void liblocal_p_init() {
-  auto* block = static_cast<liblocal_p_varp*>(
-      _vx_block_every(sizeof(liblocal_p_varp), sizeof(liblocal_p_varp), kBlockPauseMs));
+  auto* block =
+      static_cast<liblocal_p_varp*>(_vx_calloc_every(1, sizeof(liblocal_p_varp), kBlockPauseMs));
   block->shutdown_stdio = take_shutdown_request() ? 1 : 0;
   Global_liblocal_p_varp.store(block, std::memory_order_release);
 }

@@ -32,37 +32,23 @@ struct vx_text_buffer {
   size_t size;
 };
 
-/// What the runtime keeps for each thread; zeroed at first but for the texts at the end.
-/// Pointer members called owned are freed with the block.
+/// What the runtime keeps for each thread; zeroed at first. Pointer members called
+/// owned are freed with the block.
 struct liblocal_t_varp {
-  vx_error_record saved_error;    // err_save; its text is owned
-  vx_error_record current_error;  // err_set and its kin
-  char* accrued_text;             // err_accrue; owned
-  int32_t accruing;               // 1 while printerr hands its messages to err_accrue
-  char* message;                  // err_setstr: kMessageSize bytes; owned
-  vx_text_buffer utf8_encoded;    // utf8encode; owned
-  vx_text_buffer utf8_decoded;    // utf8decode; owned
-  vx_text_buffer utf8_path;       // the last path in the locale's codeset; owned
-  uint32_t random_seed;           // vx_ts_rand; 0 until seeded
-  group grgid_entry;
-  hostent hostbyaddr_entry;
-  hostent hostbyname_entry;
-  hostent hostent_entry;
-  int hostbyaddr_error;
-  int hostbyname_error;
-  int hostent_error;
-  protoent protobyname_entry;
-  passwd pwnam_entry;
-  passwd pwuid_entry;
-  servent servbyname_entry;
-  servent servbyport_entry;
-  servent servent_entry;
-  tm gmtime_fields;
-  tm localtime_fields;
-  char strerror_text[kErrorTextSize];  // brix_strerror; the first of the texts
+  char strerror_text[kErrorTextSize];  // brix_strerror
+  vx_error_record saved_error;         // err_save; its text is owned
+  vx_error_record current_error;       // err_set and its kin
+  char* accrued_text;                  // err_accrue; owned
+  int32_t accruing;                    // 1 while printerr hands its messages to err_accrue
+  char* message;                       // err_setstr: kMessageSize bytes; owned
+  vx_text_buffer utf8_encoded;         // utf8encode; owned
+  vx_text_buffer utf8_decoded;         // utf8decode; owned
+  vx_text_buffer utf8_path;            // the last path in the locale's codeset; owned
+  uint32_t random_seed;                // vx_ts_rand; 0 until seeded
   char value_text[kValueTextSize];     // val_str
   char asctime_text[kTimeTextSize];
   char ctime_text[kTimeTextSize];
+  group grgid_entry;
   char grgid_text[kDatabaseTextSize];
   char hostbyaddr_text[kDatabaseTextSize];
   char hostbyname_text[kHostByNameTextSize];
@@ -71,8 +57,22 @@ struct liblocal_t_varp {
   char servbyname_text[kDatabaseTextSize];
   char servbyport_text[kDatabaseTextSize];
   char servent_text[kDatabaseTextSize];
+  hostent hostbyaddr_entry;
+  hostent hostbyname_entry;
+  hostent hostent_entry;
+  int hostbyaddr_error;
+  int hostbyname_error;
+  int hostent_error;
+  protoent protobyname_entry;
+  passwd pwnam_entry;
   char pwnam_text[kDatabaseTextSize];
+  passwd pwuid_entry;
   char pwuid_text[kDatabaseTextSize];
+  servent servbyname_entry;
+  servent servbyport_entry;
+  servent servent_entry;
+  tm gmtime_fields;
+  tm localtime_fields;
 };
 
 /// What the runtime keeps for the process.

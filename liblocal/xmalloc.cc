@@ -22,11 +22,7 @@ void* xmalloc(size_t size) {
   return memory;
 }
 
-void* xcalloc(size_t count, size_t size) {
-  void* memory;
-  while ((memory = calloc(count, size)) == nullptr) wait_for_memory(kPauseMs);
-  return memory;
-}
+void* xcalloc(size_t count, size_t size) { return _vx_calloc_every(count, size, kPauseMs); }
 
 char* xstrdup(const char* text) {
   if (text == nullptr) return nullptr;
@@ -34,8 +30,8 @@ char* xstrdup(const char* text) {
   return static_cast<char*>(memcpy(xmalloc(size), text, size));
 }
 
-void* _vx_block_every(size_t size, size_t zeroed, uint32_t pause_ms) {
+void* _vx_calloc_every(size_t count, size_t size, uint32_t pause_ms) {
   void* memory;
-  while ((memory = malloc(size)) == nullptr) wait_for_memory(pause_ms);
-  return memset(memory, 0, zeroed);
+  while ((memory = calloc(count, size)) == nullptr) wait_for_memory(pause_ms);
+  return memory;
 }

@@ -16,7 +16,5 @@
 /// A copy of `text`, made as by xmalloc; null for null.
 [[nodiscard]] char* xstrdup(const char* text);
 
-/// What the variable blocks are made with: memory of `size` bytes, the first `zeroed` of
-/// them 0, with its own pause between attempts. The rest is not touched, so that a text
-/// buffer at the end of a block costs nothing until it is used.
-[[nodiscard, gnu::malloc]] void* _vx_block_every(size_t size, size_t zeroed, uint32_t pause_ms);
+/// xcalloc with its own pause between attempts, for the variable blocks.
+[[nodiscard, gnu::malloc]] void* _vx_calloc_every(size_t count, size_t size, uint32_t pause_ms);

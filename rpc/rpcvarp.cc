@@ -50,8 +50,7 @@ VARP_DEFINE_PROCESS_BLOCK(rpc)
 
 rpc_t_varp* rpc_t_init() {
   (void)rpc_get_io_switches();  // settled with the process's first block
-  return static_cast<rpc_t_varp*>(
-      _vx_block_every(sizeof(rpc_t_varp), offsetof(rpc_t_varp, text), kBlockPauseMs));
+  return static_cast<rpc_t_varp*>(_vx_calloc_every(1, sizeof(rpc_t_varp), kBlockPauseMs));
 }
 
 void rpc_t_clean(void* memory) {
@@ -62,8 +61,7 @@ void rpc_t_clean(void* memory) {
 }
 
 void rpc_p_init() {
-  auto* block = static_cast<rpc_p_varp*>(
-      _vx_block_every(sizeof(rpc_p_varp), sizeof(rpc_p_varp), kBlockPauseMs));
+  auto* block = static_cast<rpc_p_varp*>(_vx_calloc_every(1, sizeof(rpc_p_varp), kBlockPauseMs));
   block->lock = new_lock();
   block->transport_lock = new_lock();
   Global_rpc_p_varp.store(block, std::memory_order_release);

@@ -37,16 +37,16 @@ struct rpc_server_transport {
   void (*destroy)(rpc_server_transport* transport);
 };
 
-/// What the runtime keeps for each thread; zeroed at first but for the text.
+/// What the runtime keeps for each thread; zeroed at first.
 struct rpc_t_varp {
   rpc_createerr create_error;
+  char text[kRpcTextSize];            // c_perror.h
   rpc_port_entry* port_cache;         // newest first; owned, each from malloc
   int32_t port_cache_read;            // 1 once the environment was read into it
   rpc_started_mapper* mappers;        // owned, each from malloc
   rpc_server_transport** transports;  // kServerTransportSlots, by descriptor; null until
                                       // the first; owned
   int32_t transports_end;             // one past the highest slot ever used
-  char text[kRpcTextSize];            // c_perror.h
 };
 
 /// What the runtime keeps for the process.
