@@ -262,12 +262,8 @@ TEST_F(ClientTest, AddAskRemove) {
   EXPECT_EQ(sameclient("unknown", "Unknown"), 1);
   EXPECT_EQ(sameclient(nullptr, nullptr), 0);
   EXPECT_EQ(owned(get_primaryclientname("www")), "web");
-  EXPECT_EQ(get_primaryclientname(nullptr), nullptr);
   client_list_remove_byname("www");
   EXPECT_EQ(get_primaryclientname("web"), nullptr) << "at once, not with the next purge";
-  EXPECT_EQ(sameclient("web", "web.example.net"), 0);
-  client_list_remove_byname("web");
-  client_list_remove_byname(nullptr);
   EXPECT_EQ(client_list_add_client("web", nullptr), 1);
   EXPECT_EQ(owned(get_primaryclientname("web")), "web");
 }
@@ -276,7 +272,6 @@ TEST_F(ClientTest, ExpireByStyle) {
   client_list_add_client("hour", nullptr);
   set_client_cache_update_style(kClientsNeverExpire);
   client_list_add_client("ever", nullptr);
-  EXPECT_EQ(get_client_cache_update_style(), kClientsNeverExpire);
   pass(3600);
   EXPECT_EQ(owned(get_primaryclientname("hour")), "hour");
   pass(1);
