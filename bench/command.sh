@@ -13,13 +13,21 @@ echo "disk full" >"$scratch/text"
 kivtrap=("$build/trap/kivtrap" -f "$scratch/text" 127.0.0.1)
 floor=("$build/bench/minimal_sender")
 
-# Between the two nothing changes but the program: hyperfine starts both without a
-# shell, in several rounds, and the shortest run of each counts.
-for round in 1 2 3; do
-  hyperfine -N --style none --warmup 50 --runs 500 --export-csv "$scratch/$round.csv" \
-    -n kivtrap "${kivtrap[*]}" -n floor "${floor[*]}" \
-    2>"$scratch/warnings" || { cat "$scratch/warnings" >&2 && exit 1; }
-done
+# measure LOCALE: both programs in that locale, which the command alone puts itself into.
+# Between the two nothing changes but the program: hyperfine starts both without a shell,
+# in several rounds, and the shortest run of each counts.
+measure() {
+  export LC_ALL=$1
+  for round in 1 2 3; do
+    hyperfine -N --style none --warmup 50 --runs 500 --export-csv "$scratch/$round.csv" \
+      -n kivtrap "${kivtrap[*]}" -n floor "${floor[*]}" \
+      2>"$scratch/warnings" || { cat "$scratch/warnings" >&2 && exit 1; }
+  done
+  kivtrap_peak=$(peak "${kivtrap[@]}")
+  floor_peak=$(peak "${floor[@]}")
+  report "whole command in $1, wall time" "$(shortest kivtrap)" "$(shortest floor)"
+  report "whole command in $1, peak memory" "$kivtrap_peak" "$floor_peak"
+}
 
 # shortest NAME: seconds.
 shortest() { awk -F, -v name="$1" '$1 == name { print $7 }' "$scratch"/?.csv | sort -g | head -n 1; }
@@ -40,7 +48,5 @@ report() {
   }'
 }
 
-kivtrap_peak=$(peak "${kivtrap[@]}")
-floor_peak=$(peak "${floor[@]}")
-report "whole command, wall time" "$(shortest kivtrap)" "$(shortest floor)"
-report "whole command, peak memory" "$kivtrap_peak" "$floor_peak"
+measure C
+measure C.UTF-8

@@ -3,7 +3,11 @@
 #include <arpa/inet.h>
 #include <strings.h>
 
+#include <array>
+#include <bit>
+#include <charconv>
 #include <cstring>
+#include <iterator>
 #include <span>
 
 #include "liblocal/c_memory.h"
@@ -37,9 +41,15 @@ struct DottedText {
   char text[INET_ADDRSTRLEN];
 };
 
+// By hand, since the platform's conversion brings its whole formatter along.
 DottedText dotted(in_addr address) {
   DottedText result;
-  inet_ntop(AF_INET, &address, result.text, sizeof result.text);
+  char* at = result.text;
+  for (uint8_t byte : std::bit_cast<std::array<uint8_t, sizeof address>>(address)) {
+    at = std::to_chars(at, std::end(result.text), byte).ptr;
+    *at++ = '.';
+  }
+  at[-1] = '\0';
   return result;
 }
 

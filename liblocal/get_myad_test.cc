@@ -17,10 +17,8 @@
 
 namespace {
 
-in_addr address(const char* text) { return {inet_addr(text)}; }
-
 int is_mine(const char* text) {
-  const in_addr asked = address(text);
+  const in_addr asked = {inet_addr(text)};
   return is_myaddr(AF_INET, &asked, sizeof asked);
 }
 
@@ -108,24 +106,18 @@ TEST_F(AddressTest, LoopbackOnlyAndNothing) {
   ip("link add kiv0 type veth peer name kiv1\naddress add 127.0.0.1/8 dev lo\n");
 }
 
-TEST_F(AddressTest, HundredsAndThousands) {
-  auto commands = [](int first, int end) {
-    std::string lines;
-    for (int i = first; i < end; ++i) {
-      lines += "address add 10.20." + std::to_string(i / 250) + "." + std::to_string(i % 250 + 1) +
-               "/32 dev kiv0\n";
-    }
-    return lines;
-  };
+TEST_F(AddressTest, Thousands) {
   sockaddr_in* table = nullptr;
   ip("address del 10.8.0.1/24 dev kiv1\n");  // down, but it would take a place in the list
-  ip(commands(0, 300));
-  EXPECT_EQ(get_myaddrs(&table), 303);
-  EXPECT_EQ(is_mine("10.20.1.50"), 1);
   // Two on the veth and one on loopback are there already.
-  for (auto [from, to, wanted] :
-       {std::tuple{300, 1024, 1027}, {1024, 2045, 2048}, {2045, 2046, 2048}}) {
-    ip(commands(from, to));
+  int added = 0;
+  for (auto [end, wanted] : {std::pair{1024, 1027}, {2045, 2048}, {2046, 2048}}) {
+    std::string lines;
+    for (; added < end; ++added) {
+      lines += "address add 10.20." + std::to_string(added / 250) + "." +
+               std::to_string(added % 250 + 1) + "/32 dev kiv0\n";
+    }
+    ip(lines);
     EXPECT_EQ(get_myaddrs(&table), wanted);
   }
   EXPECT_EQ(table[2047].sin_family, AF_INET);
@@ -134,32 +126,22 @@ TEST_F(AddressTest, HundredsAndThousands) {
 }
 
 TEST_F(AddressTest, WhatFails) {
-  const struct {
-    unsigned long request;
-    int error;
-    const char* told;
-    int32_t count;
-  } cases[] = {
-      {SIOCGIFCONF, EINVAL, "set_ifconf_buffer: ioctl(SIOCGIFNUM) failed with 22\n", 0},
-      {SIOCGIFCONF, EIO, "set_ifconf_buffer: ioctl(SIOCGIFCONF): Input/output error\n", 0},
-      {SIOCGIFFLAGS, ENODEV, "", 0},
+  const std::tuple<unsigned long, int, const char*> cases[] = {
+      {SIOCGIFCONF, EINVAL, "set_ifconf_buffer: ioctl(SIOCGIFNUM) failed with 22\n"},
+      {SIOCGIFCONF, EIO, "set_ifconf_buffer: ioctl(SIOCGIFCONF): Input/output error\n"},
+      {SIOCGIFFLAGS, ENODEV, ""},
   };
-  for (const auto& [request, error, told, count] : cases) {
+  sockaddr_in* table = nullptr;
+  for (const auto& [request, error, told] : cases) {
     stand_ins::refused_request = request;
     stand_ins::refusal = error;
     Debug = 1;
-    const std::string all = told_by([wanted = count] {
-      sockaddr_in* table = nullptr;
-      EXPECT_EQ(get_myaddrs(&table), wanted);
-    });
+    const std::string all = told_by([&] { EXPECT_EQ(get_myaddrs(&table), 0); });
     Debug = 0;
     EXPECT_NE(all.find(told), std::string::npos) << all;
   }
-  EXPECT_EQ(told_by([] { EXPECT_EQ(first_address(), "0.0.0.0"); }),
-            "get_myaddress: flags ioctl: No such device\n"
-            "get_myaddress: flags ioctl: No such device\n"
-            "get_myaddress: flags ioctl: No such device\n"
-            "get_myaddress: flags ioctl: No such device\n");
+  const std::string told = told_by([] { EXPECT_EQ(first_address(), "0.0.0.0"); });
+  EXPECT_TRUE(told.starts_with("get_myaddress: flags ioctl: No such device\n")) << told;
 }
 
 TEST_F(AddressTest, NoSocketAndNoMemory) {

@@ -3,10 +3,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 
 #include "liblocal/ascii.h"
 #include "liblocal/mtsfuncs.h"
+#include "liblocal/text_view.h"
 #include "liblocal/vx_error.h"
 #include "liblocal/vx_once.h"
 #include "platform/rpc_domain.h"
@@ -32,7 +32,7 @@ void resolve_own_name() {
   if (vx_gethostname(own, sizeof own) != 0) return;
   const hostent* host = vx_ts_gethostbyname(own);
   if (host == nullptr) return;
-  snprintf(local_name, sizeof local_name, "%s", host->h_name);
+  text_copy_cut(host->h_name, local_name, sizeof local_name);
   to_lower(local_name);
 }
 
@@ -40,7 +40,7 @@ void resolve_own_name() {
 
 char* vx_getlocalhost(char* buffer, size_t size) {
   vx_once(&resolved, resolve_own_name);
-  snprintf(buffer, size, "%s", local_name);
+  text_copy_cut(local_name, buffer, size);
   return buffer;
 }
 

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "liblocal/ascii.h"
+#include "liblocal/text_view.h"
 #include "liblocal/vx_atexit.h"
 #include "liblocal/vx_mutex.h"
 #include "liblocal/vxpath.h"
@@ -33,7 +34,7 @@ void vx_set_progname(const char* path) {
 char* vx_get_progname(char* buffer, size_t size) {
   VxMutexLock lock(_vx_progname_mutex());
   if (recorded) {
-    snprintf(buffer, size, "%s", program_name);
+    text_copy_cut(program_name, buffer, size);
   } else {
     snprintf(buffer, size, "(pid %d)", static_cast<int>(getpid()));
   }

@@ -23,3 +23,9 @@ constexpr size_t text_copy(std::string_view text, char* to, size_t count) {
   std::copy_n(text.data(), count, to);
   return count;
 }
+
+/// Copies `text` to `to`, of `size` bytes, cut to fit and terminated; without room for
+/// a terminator nothing.
+constexpr void text_copy_cut(std::string_view text, char* to, size_t size) {
+  if (size != 0) to[text_copy(text, to, size - 1)] = '\0';
+}

@@ -3,21 +3,23 @@
 #include <getopt.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "liblocal/ascii.h"
+#include "liblocal/c_memory.h"
 #include "liblocal/dbgsignl.h"
 #include "liblocal/locales.h"
 #include "liblocal/print.h"
 #include "liblocal/regevent.h"
+#include "liblocal/text_view.h"
 #include "liblocal/utf8_convert.h"
 #include "liblocal/varp.h"
 #include "liblocal/vx_thread.h"
 #include "liblocal/vxdirs.h"
 #include "liblocal/vxenv.h"
 #include "liblocal/vxids.h"
+#include "liblocal/vxpath.h"
 
 namespace {
 
@@ -27,7 +29,8 @@ void name_debug_command_file(const char* name) {
   bool with_programs = name != nullptr && strcmp(name, "qmo") == 0;
   const char* directory = with_programs ? vx_get_bindir() : vx_get_tmpdir();
   if (directory == nullptr) return;
-  snprintf(Dbgcmdpath, sizeof Dbgcmdpath, "%s%cvxdbg.tmp", directory, '/');
+  c_unique_ptr<char> path(path_concat(directory, "vxdbg.tmp"));
+  text_copy_cut(path.get(), Dbgcmdpath, sizeof Dbgcmdpath);
 }
 
 // What the first call does. Until the ids are changed, a set-user-id program runs

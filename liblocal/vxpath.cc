@@ -27,17 +27,12 @@ bool are_given(const char* path, const char* buffer) {
   return false;
 }
 
-void copy_cut(std::string_view text, char* buffer, size_t size) {
-  if (size == 0) return;
-  buffer[text_copy(text, buffer, size - 1)] = '\0';
-}
-
 }  // namespace
 
 int vx_path_basename(const char* path, char* buffer, size_t size) {
   if (!are_given(path, buffer)) return -1;
   std::string_view area = work_area(path);
-  copy_cut(text_part(area, area.rfind('/') + 1), buffer, size);  // npos + 1 is 0
+  text_copy_cut(text_part(area, area.rfind('/') + 1), buffer, size);  // npos + 1 is 0
   return 0;
 }
 
@@ -46,14 +41,14 @@ int vx_path_dirname(const char* path, char* buffer, size_t size) {
   std::string_view area = work_area(path);
   size_t slash = area.rfind('/');
   if (!area.empty() && slash == area.npos) {
-    copy_cut(".", buffer, size);
+    text_copy_cut(".", buffer, size);
     return 0;
   }
   // First cut to the buffer, then stripped: a cut may end in a '/', too.
   std::string_view directory = text_part(area, 0, area.empty() ? 0 : slash);
   if (size > 0) directory = text_part(directory, 0, size - 1);
   directory = without_trailing_slashes(directory);
-  copy_cut(directory.empty() ? "/" : directory, buffer, size);
+  text_copy_cut(directory.empty() ? "/" : directory, buffer, size);
   return 0;
 }
 

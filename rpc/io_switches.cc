@@ -1,13 +1,12 @@
 #include "rpc/io_switches.h"
 
-#include <limits.h>
 #include <unistd.h>
 
-#include <cstdio>
-
+#include "liblocal/c_memory.h"
 #include "liblocal/utf8_files.h"
 #include "liblocal/vx_once.h"
 #include "liblocal/vxenv.h"
+#include "liblocal/vxpath.h"
 
 namespace {
 
@@ -16,9 +15,8 @@ constexpr char kDefaultDirectory[] = "/kiv/debug";
 rpc_io_switches switches = {true, true, true};
 
 bool is_there(const char* directory, const char* name) {
-  char path[PATH_MAX];
-  int length = snprintf(path, sizeof path, "%s/%s", directory, name);
-  return length > 0 && length < PATH_MAX && utf8_access(path, F_OK) == 0;
+  c_unique_ptr<char> path(path_concat(directory, name));
+  return utf8_access(path.get(), F_OK) == 0;
 }
 
 void look_up() {

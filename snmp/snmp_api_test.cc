@@ -97,30 +97,21 @@ TEST_F(SessionTest, DefaultsAndOwnCopies) {
   char peer[] = "manager";
   wanted.peer_name = peer;
   wanted.remote_port = 0;
-  snmp_session* session = snmp_open(&wanted);
-  ASSERT_NE(session, nullptr);
+  for (auto [services, port] : {std::pair{"snmp 16100/tcp\nsnmp 10161/udp\n", 10161}, {"", 161}}) {
+    lab::write_file("/etc/services", services);
+    ASSERT_NE(snmp_open(&wanted), nullptr);
+    EXPECT_EQ(ntohs(Sessions->state->peer_address.sin_port), port);
+  }
+  snmp_session* session = Sessions->session;
   peer[0] = '?';
   EXPECT_EQ(std::string(reinterpret_cast<char*>(session->community), 6), "public");
   EXPECT_EQ(session->community_length, 6);
   EXPECT_EQ(session->retries, 4);
   EXPECT_EQ(session->timeout, 1000000);
   EXPECT_STREQ(session->peer_name, "manager");
-  EXPECT_EQ(Sessions->state->peer_address.sin_port, htons(161));
-  EXPECT_NE(Reqid, 0);
   EXPECT_EQ(snmp_close(session), 1);
   EXPECT_EQ(snmp_close(session), 0);
   EXPECT_EQ(snmp_errno, kSnmpErrUnknownSession);
-}
-
-TEST_F(SessionTest, PortOfThePeer) {
-  // The lab's /etc holds links to the host's files.
-  std::filesystem::remove("/etc/services");
-  wanted.remote_port = 0;
-  for (auto [services, port] : {std::pair{"snmp 16100/tcp\nsnmp 10161/udp\n", 10161}, {"", 161}}) {
-    lab::write_file("/etc/services", services);
-    ASSERT_NE(snmp_open(&wanted), nullptr);
-    EXPECT_EQ(ntohs(Sessions->state->peer_address.sin_port), port);
-  }
 }
 
 TEST_F(SessionTest, FailuresToOpen) {
@@ -141,22 +132,18 @@ TEST_F(SessionTest, FailuresToOpen) {
   close(after);
 }
 
-TEST_F(SessionTest, TrapsAreSentOnceAndForgotten) {
+TEST_F(SessionTest, TrapsAreForgottenAndNoIdLooksLikeAFailure) {
   snmp_session* session = snmp_open(&wanted);
   snmp_pdu* trap = snmp_pdu_create(kSnmpTrap);
   for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(snmp_send(session, trap), 1);
-    std::string message = agent->receive().value_or("");
     // The enterprise that a trap without one gets.
-    EXPECT_NE(message.find(from_hex("06082B06010401030101")), std::string::npos);
+    EXPECT_NE(agent->receive().value_or("").find(from_hex("06082B06010401030101")),
+              std::string::npos);
   }
   EXPECT_EQ(Sessions->state->requests, nullptr);
-  EXPECT_EQ(trap->enterprise_length, 9);
   snmp_free_pdu(trap);
-}
 
-TEST_F(SessionTest, NoRequestIdLooksLikeAFailure) {
-  snmp_session* session = snmp_open(&wanted);
   snmp_pdu* pdu = get_request();
   pdu->request_id = 1L << 32;  // 0 on the wire
   Reqid = 41;
@@ -168,27 +155,21 @@ TEST_F(SessionTest, NoRequestIdLooksLikeAFailure) {
 TEST_F(SessionTest, FailuresToSendLeaveNothingBehind) {
   snmp_session* session = snmp_open(&wanted);
   snmp_pdu* pdu = get_request();
-  EXPECT_EQ(snmp_send(session + 1, pdu), 0);
-  EXPECT_EQ(snmp_errno, kSnmpErrUnknownSession);
-
+  auto expect_refused = [pdu](snmp_session* by, int error, const char* told) {
+    EXPECT_EQ(errors_of([&] { EXPECT_EQ(snmp_send(by, pdu), 0); }), told);
+    EXPECT_EQ(snmp_errno, error);
+    EXPECT_EQ(Sessions->state->requests, nullptr);
+  };
+  expect_refused(session + 1, kSnmpErrUnknownSession, "");
   pdu->address.sin_family = AF_INET;
   pdu->address.sin_port = htons(9);
   pdu->address.sin_addr.s_addr = inet_addr("192.0.2.77");
-  EXPECT_EQ(errors_of([&] { EXPECT_EQ(snmp_send(session, pdu), 0); }),
-            "sendto: Network is unreachable\n");
-  EXPECT_EQ(snmp_errno, kSnmpErrGeneric);
-
+  expect_refused(session, kSnmpErrGeneric, "sendto: Network is unreachable\n");
   pdu->variables->type = 0x46;
-  EXPECT_EQ(errors_of([&] { EXPECT_EQ(snmp_send(session, pdu), 0); }), "Error building packet\n");
-  EXPECT_EQ(snmp_errno, kSnmpErrGeneric);
-  EXPECT_EQ(Sessions->state->requests, nullptr);
-
+  expect_refused(session, kSnmpErrGeneric, "Error building packet\n");
   wanted.peer_name = nullptr;
   pdu->address = {};
-  snmp_session* no_peer = snmp_open(&wanted);
-  EXPECT_EQ(errors_of([&] { EXPECT_EQ(snmp_send(no_peer, pdu), 0); }),
-            "No remote IP address specified\n");
-  EXPECT_EQ(snmp_errno, kSnmpErrUnknownHost);
+  expect_refused(snmp_open(&wanted), kSnmpErrUnknownHost, "No remote IP address specified\n");
   snmp_free_pdu(pdu);
 }
 
@@ -222,55 +203,40 @@ TEST_F(SessionTest, ResponsesReachTheirRequest) {
   snmp_session* session = snmp_open(&wanted);
   int32_t id = snmp_send(session, get_request());
   std::string request = agent->receive().value_or("");
-
   // The last byte of the request id stands behind its tag and length.
   std::string stranger = response_to(request);
   size_t id_tag = stranger.find('\xA2') + 2;
   stranger[id_tag + 1 + static_cast<size_t>(stranger[id_tag + 1])] ^= 1;
-  answer(stranger);
-  read_all();
-  EXPECT_TRUE(calls.seen.empty());
 
-  calls.result = 0;  // not taken: goes on waiting
-  answer(response_to(request));
-  read_all();
-  EXPECT_NE(Sessions->state->requests, nullptr);
-  calls.result = 1;
-  answer(response_to(request));
-  read_all();
-  EXPECT_EQ(Sessions->state->requests, nullptr);
-  answer(response_to(request));  // comes twice: not wanted any more
-  read_all();
-  EXPECT_EQ(calls.seen, (std::vector(2, std::pair{kSnmpReceivedMessage, id})));
-
-  calls.seen.clear();
-  answer(request);  // somebody else's request is shown as it is
-  answer(response_to(request, '\xA9'));
-  read_all();
-  read_all();
-  EXPECT_EQ(calls.seen.size(), 1u);
+  const struct {
+    std::string message;
+    int result;        // of the callback
+    size_t calls;      // so far
+    bool is_answered;  // the request
+  } steps[] = {{stranger, 1, 0, false},
+               {response_to(request), 0, 1, false},  // not taken: goes on waiting
+               {response_to(request), 1, 2, true},
+               {response_to(request), 1, 2, true},  // comes twice: not wanted any more
+               {request, 1, 3, true},               // somebody else's request is shown
+               {response_to(request, '\xA9'), 1, 3, true}};
+  for (const auto& step : steps) {
+    calls.result = step.result;
+    answer(step.message);
+    read_all();
+    EXPECT_EQ(calls.seen, (std::vector(step.calls, std::pair{kSnmpReceivedMessage, id})));
+    EXPECT_EQ(Sessions->state->requests == nullptr, step.is_answered);
+  }
 }
 
-TEST_F(SessionTest, OneRoundReadsEverySession) {
-  for (int session : {1, 2}) {
-    SCOPED_TRACE(session);
+TEST_F(SessionTest, OneRoundReadsEverySessionUpToAMangledPacket) {
+  for (const char* packet : {"", "3012 020100 0400 A00B 020109 020100 020100 3000"}) {
     ASSERT_NE(snmp_open(&wanted), nullptr);
     answer(from_hex("3012 020100 0400 A00B 020109 020100 020100 3000"));
+    if (*packet != '\0') answer("rubbish");
   }
-  read_all();
-  EXPECT_EQ(calls.seen, (std::vector(2, std::pair{kSnmpReceivedMessage, 9})));
-}
-
-TEST_F(SessionTest, MangledPacketEndsTheRound) {
-  ASSERT_NE(snmp_open(&wanted), nullptr);
-  answer("good for the next round");
-  Calls newer;
-  wanted.callback_arg = &newer;
-  ASSERT_NE(snmp_open(&wanted), nullptr);
-  answer("rubbish");
-  EXPECT_EQ(errors_of([&] { read_all(); }), "Mangled packet\n");
-  EXPECT_EQ(errors_of([&] { read_all(); }), "Mangled packet\n");
   EXPECT_EQ(errors_of([&] { read_all(); }), "");
+  EXPECT_EQ(calls.seen, (std::vector(2, std::pair{kSnmpReceivedMessage, 9})));
+  EXPECT_EQ(errors_of([&] { read_all(); }), "Mangled packet\n");
 }
 
 TEST_F(SessionTest, FailuresWhileWaiting) {
@@ -281,8 +247,7 @@ TEST_F(SessionTest, FailuresWhileWaiting) {
   request->pdu->address.sin_addr.s_addr = inet_addr("192.0.2.77");
   request->expires_at = {};
   EXPECT_EQ(errors_of(snmp_timeout), "sendto: Network is unreachable\n");
-  // What cannot be built is not sent, and counts.
-  request->pdu->variables->type = 0x46;
+  request->pdu->variables->type = 0x46;  // cannot be built, and counts
   request->expires_at = {};
   EXPECT_EQ(errors_of(snmp_timeout), "Error building packet\n");
   EXPECT_EQ(request->retries, 3);
@@ -297,66 +262,49 @@ TEST_F(SessionTest, FailuresWhileWaiting) {
 TEST_F(SessionTest, CallbackMayCloseItsSession) {
   calls.action = snmp_close;
   snmp_session* session = snmp_open(&wanted);
-  int32_t sent = snmp_send(session, get_request());
-  ASSERT_NE(sent, 0);
-  answer(response_to(agent->receive().value_or("")));
-  read_all();
-  EXPECT_EQ(Sessions, nullptr);
-
-  session = snmp_open(&wanted);
-  sent = snmp_send(session, get_request());
-  ASSERT_NE(sent, 0);
+  ASSERT_NE(snmp_send(session, get_request()), 0);
   session->retries = 1;
   Sessions->state->requests->expires_at = {};
   snmp_timeout();
   EXPECT_EQ(Sessions, nullptr);
-  EXPECT_EQ(calls.seen.size(), 2u);
-}
 
-TEST_F(SessionTest, CallbackMayOpenASessionInPlaceOfItsOwn) {
-  calls.action = [&](snmp_session* session) {
-    // With the allocator's short lists full, the new entry gets the old one's place.
+  calls.action = [&](snmp_session* own) {
+    // With the allocator's short lists full, a new entry gets the old one's place.
     void* same_size[8];
     for (void*& memory : same_size) memory = malloc(sizeof(session_entry));
     for (void* memory : same_size) free(memory);
-    snmp_close(session);
+    snmp_close(own);
     EXPECT_NE(snmp_open(&wanted), nullptr);
   };
-  int32_t sent = snmp_send(snmp_open(&wanted), get_request());
-  ASSERT_NE(sent, 0);
+  ASSERT_NE(snmp_send(snmp_open(&wanted), get_request()), 0);
+  agent->receive();
   answer(response_to(agent->receive().value_or("")));
   read_all();
-  EXPECT_EQ(calls.seen.size(), 1u);
+  EXPECT_EQ(calls.seen.size(), 2u);
   ASSERT_NE(Sessions, nullptr);
   EXPECT_EQ(Sessions->state->requests, nullptr);
 }
 
 TEST_F(SessionTest, SelectInfo) {
   vx_fd_set readable{};
-  int count = 0;
-  int block = 1;
+  int count = 0, block = 1;
   timeval timeout = {5, 0};
-  EXPECT_EQ(snmp_select_info(&count, &readable, &timeout, &block), 0);
   snmp_session* session = snmp_open(&wanted);
   ASSERT_NE(snmp_open(&wanted), nullptr);
   EXPECT_EQ(snmp_select_info(&count, &readable, &timeout, &block), 2);
   EXPECT_EQ(count, std::max(Sessions->state->socket, Sessions->next->state->socket) + 1);
   EXPECT_TRUE(VX_FD_ISSET(Sessions->state->socket, &readable));
-  EXPECT_EQ(block, 1);
-  EXPECT_EQ(timeout.tv_sec, 5);
+  EXPECT_EQ(block + timeout.tv_sec, 6) << "both as they were";
 
   ASSERT_NE(snmp_send(session, get_request()), 0);
   timeval short_wait = {0, 1};
   block = 0;
   snmp_select_info(&count, &readable, &short_wait, &block);
   EXPECT_EQ(short_wait.tv_usec, 1);  // shorter than what the request asks for
-  snmp_select_info(&count, &readable, &timeout, &block);
-  EXPECT_TRUE(timeout.tv_sec < 1 || (timeout.tv_sec == 1 && timeout.tv_usec == 0));
   Sessions->next->state->requests->expires_at = {};
   block = 1;
   snmp_select_info(&count, &readable, &timeout, &block);
-  EXPECT_EQ(block, 0);
-  EXPECT_EQ(timeout.tv_sec + timeout.tv_usec, 0);
+  EXPECT_EQ(block + timeout.tv_sec + timeout.tv_usec, 0);
 
   // A descriptor that no set can name is left out, and counted as a session.
   const int named = std::exchange(Sessions->state->socket, kVxFdSetSize);
@@ -366,22 +314,16 @@ TEST_F(SessionTest, SelectInfo) {
   Sessions->state->socket = named;
 }
 
-TEST_F(SessionTest, DumpsWhatIsSentAndReceived) {
-  snmp_session* session = snmp_open(&wanted);
-  snmp_dump_packet = 1;
-  testing::internal::CaptureStdout();
-  int32_t id = snmp_send(session, get_request());
+TEST_F(SessionTest, DumpsWhatIsReceived) {
+  ASSERT_NE(snmp_send(snmp_open(&wanted), get_request()), 0);
   std::string request = agent->receive().value_or("");
   answer(response_to(request));
+  snmp_dump_packet = 1;
+  testing::internal::CaptureStdout();
   read_all();
-  std::string printed = testing::internal::GetCapturedStdout();
-  EXPECT_NE(id, 0);
-  std::string head = to_hex(request.substr(0, 2));
-  EXPECT_EQ(printed.substr(0, 6), head.substr(0, 2) + " " + head.substr(2) + " ");
-  EXPECT_NE(printed.find("00 \n\nrecieved " + std::to_string(request.size()) +
-                         " bytes from 127.0.0.1:\n30 "),
-            std::string::npos)
-      << printed;
+  EXPECT_EQ(testing::internal::GetCapturedStdout().substr(0, 43),
+            "recieved " + std::to_string(request.size()) + " bytes from 127.0.0.1:\n30 " +
+                to_hex(request.substr(1, 1)) + " 02 ");
 }
 
 TEST_F(SessionTest, Synchronous) {
@@ -394,12 +336,24 @@ TEST_F(SessionTest, Synchronous) {
   EXPECT_EQ(response, nullptr);
   agent->receive();
 
+  // From now on with a descriptor beyond the platform's sets.
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+  const int high = dup2(Sessions->state->socket, FD_SETSIZE + 500);
+  ASSERT_GT(high, FD_SETSIZE);
+  close(std::exchange(Sessions->state->socket, high));
+  struct sigaction interrupt {};
+  interrupt.sa_handler = [](int) {};  // no SA_RESTART: the wait ends with EINTR
+  sigaction(SIGUSR1, &interrupt, nullptr);
   session->timeout = 60'000'000;
   std::string last_request;
   // The id arrives in a message that is no response: an error, and nothing stale.
   for (auto [command, status] : {std::pair{'\xA2', kSnmpSynchSuccess}, {'\xA1', kSnmpSynchError}}) {
-    std::thread answering([&, reply = command] {
+    std::thread answering([&, reply = command, waiting = pthread_self()] {
       last_request = agent->receive().value_or("");
+      for (int i = 0; i < 20; ++i, usleep(1000)) pthread_kill(waiting, SIGUSR1);
       answer(response_to(last_request, reply));
     });
     EXPECT_EQ(snmp_synch_response(session, get_request(), &response), status);
@@ -408,6 +362,7 @@ TEST_F(SessionTest, Synchronous) {
     snmp_free_pdu(response);
     read_all();
   }
+  signal(SIGUSR1, SIG_DFL);
   // The response after all: nobody waits for it any more.
   snmp_synch_state.response = nullptr;
   answer(response_to(last_request));
@@ -425,40 +380,6 @@ TEST_F(SessionTest, Synchronous) {
   dup2(agent->socket(), Sessions->state->socket);  // something for snmp_close to close
 }
 
-TEST_F(SessionTest, SynchronousOnAHighDescriptorWithSignals) {
-  rlimit limit{};
-  getrlimit(RLIMIT_NOFILE, &limit);
-  limit.rlim_cur = limit.rlim_max;
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-  wanted.timeout = 60'000'000;
-  snmp_session* session = snmp_open(&wanted);
-  snmp_synch_setup(session);
-  constexpr int kHigh = FD_SETSIZE + 500;
-  ASSERT_EQ(dup2(Sessions->state->socket, kHigh), kHigh);
-  close(std::exchange(Sessions->state->socket, kHigh));
-
-  struct sigaction interrupt {};
-  interrupt.sa_handler = [](int) {};  // no SA_RESTART: the wait ends with EINTR
-  struct sigaction before {};
-  sigaction(SIGUSR1, &interrupt, &before);
-  std::thread answering([&, waiting = pthread_self()] {
-    std::string request = agent->receive().value_or("");
-    for (int i = 0; i < 20; ++i) {
-      pthread_kill(waiting, SIGUSR1);
-      usleep(1000);
-    }
-    answer(response_to(request));
-  });
-  snmp_pdu* response = nullptr;
-  EXPECT_EQ(errors_of([&] {
-              EXPECT_EQ(snmp_synch_response(session, get_request(), &response), kSnmpSynchSuccess);
-            }),
-            "");
-  answering.join();
-  sigaction(SIGUSR1, &before, nullptr);
-  snmp_free_pdu(response);
-}
-
 TEST_F(SessionTest, SynchronousWaitEndsWhenItsSessionIsClosed) {
   snmp_session* session = snmp_open(&wanted);
   snmp_synch_setup(session);
@@ -472,25 +393,20 @@ TEST_F(SessionTest, SynchronousWaitEndsWhenItsSessionIsClosed) {
   EXPECT_EQ(calls.seen.size(), 1u);
 }
 
+// From the first to the last allocation of an exchange: no leak, no crash, and nothing
+// remembered of what failed.
 TEST_F(SessionTest, EveryAllocationMayFail) {
-  // From the first to the last allocation of an exchange: no leak, no crash, and
-  // nothing remembered of what failed.
   bool failed = true;
   for (int granted = 0; failed; ++granted) {
     {
       FailingMalloc failing(granted);
       snmp_session* session = snmp_open(&wanted);
       EXPECT_TRUE(session != nullptr || (Sessions == nullptr && snmp_errno == kSnmpErrGeneric));
-      snmp_pdu* trap = snmp_pdu_create(kSnmpTrap);
       snmp_pdu* request = snmp_pdu_create(kSnmpGetRequest);
       if (request != nullptr) snmp_add_null_var(request, kSysDescr, 9);
-      if (session != nullptr && trap != nullptr) {
-        EXPECT_TRUE(snmp_send(session, trap) == 1 || snmp_errno == kSnmpErrGeneric);
-      }
       bool kept = session != nullptr && request != nullptr && snmp_send(session, request) != 0;
       EXPECT_EQ(kept, session != nullptr && Sessions->state->requests != nullptr);
       if (!kept) snmp_free_pdu(request);
-      snmp_free_pdu(trap);
       failed = failing.failed();
     }
     if (Sessions != nullptr) snmp_close(Sessions->session);
@@ -503,25 +419,23 @@ TEST_F(SessionTest, DecodingWithoutMemory) {
       "302C 020100 04067075626C6963 A41F 06022B06 4004C0000201 020106 020101 430100 300A"
       "3008 06022B06 06022B06");
   std::vector<uint8_t> packet(message.begin(), message.end());
-  SnmpParse result = SnmpParse::kMangled;
-  for (int granted = 0; granted < 20 && result != SnmpParse::kDone; ++granted) {
+  bool failed = true;
+  for (int granted = 0; failed; ++granted) {
     snmp_pdu* pdu = snmp_pdu_create(0);
     {
       FailingMalloc failing(granted);
-      result = snmp_parse_packet(&wanted, pdu, packet);
-      EXPECT_EQ(result == SnmpParse::kDone, !failing.failed());
+      const SnmpParse result = snmp_parse_packet(&wanted, pdu, packet);
+      failed = failing.failed();
+      EXPECT_EQ(result == SnmpParse::kDone, !failed);
     }
     snmp_free_pdu(pdu);
   }
-  EXPECT_EQ(result, SnmpParse::kDone);
 }
 
 TEST(SnmpErrors, Texts) {
   EXPECT_STREQ(api_errors(0), "Unknown session");
-  EXPECT_STREQ(api_errors(1), "Unknown host");
   EXPECT_STREQ(api_errors(2), "Invalid local port");
   EXPECT_STREQ(api_errors(3), "Unknown Error");
-  EXPECT_STREQ(api_errors(99), "Unknown Error");
   EXPECT_STREQ(api_errstring(-3), "Unknown Error");
 }
 

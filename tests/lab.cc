@@ -120,6 +120,7 @@ void fill_etc(const fs::path& root) {
                                              "sunrpc 111/udp portmapper\n"
                                              "snmp 161/udp\n"},
                                    std::pair{"nsswitch.conf", "hosts: files\nservices: files\n"},
+                                   std::pair{"host.conf", "multi on\n"},  // all lines of a name
                                    std::pair{"resolv.conf", ""}}) {
     fs::remove(root / "etc" / name);
     write_file(root / "etc" / name, text);
@@ -268,7 +269,8 @@ bool has_users() {
 }
 
 void write_file(const std::string& path, std::string_view text) {
-  int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  // Not through a link of the lab's /etc, behind which is the host's own file.
+  int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
   check(file >= 0, path);
   ssize_t written = write(file, text.data(), text.size());
   int error = errno;

@@ -86,9 +86,7 @@ TEST_F(ListenerTest, PrintsATrapWholeAndOutlivesSignalsAndRubbish) {
 }
 
 TEST_F(ListenerTest, EndsOnRequest) {
-  for (int signal : {SIGINT, SIGTERM}) {
-    EXPECT_EQ(listen({}, [=](pid_t listener) { kill(listener, signal); }).status, 0) << signal;
-  }
+  EXPECT_EQ(listen({}, [](pid_t listener) { kill(listener, SIGTERM); }).status, 0);
 }
 
 TEST_F(ListenerTest, SaysWhyItCannotListen) {

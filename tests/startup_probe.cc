@@ -45,6 +45,7 @@ int main(int argc, char** argv) {
   show("command", Dbgcmdpath);
   show_ids("started");
   set_privileged();
+  vxinit(name);  // once more, which changes nothing
   show_ids("privileged");
   set_vxinit_uid_flag(0);
   set_nonprivileged();

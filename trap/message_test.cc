@@ -40,19 +40,6 @@ TEST(WrapLine, Breaks) {
   }
 }
 
-std::string read(std::string input, bool wrap) {
-  FILE* source = fmemopen(input.data(), input.size(), "r");
-  c_unique_ptr<char> message = read_message(source, wrap);
-  return message == nullptr ? "none" : message.get();
-}
-
-TEST(ReadMessage, WrapsWhenAsked) {
-  const std::string line = letters('a', 41) + " b";
-  EXPECT_EQ(read(line + "\nmore\n", false), line);
-  EXPECT_EQ(read(line + "\nmore\n", true), letters('a', 41) + "\nb");
-  EXPECT_EQ(read("\n", true), "");
-}
-
 TEST(ReadMessage, WithoutMemoryTheNextLineGetsItsChance) {
   FILE* source = tmpfile();
   fputs("line 1\nline 2\n", source);
