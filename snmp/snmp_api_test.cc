@@ -210,15 +210,15 @@ TEST_F(SessionTest, ResponsesReachTheirRequest) {
 
   const struct {
     std::string message;
-    int result;        // of the callback
     size_t calls;      // so far
+    int result;        // of the callback
     bool is_answered;  // the request
-  } steps[] = {{stranger, 1, 0, false},
-               {response_to(request), 0, 1, false},  // not taken: goes on waiting
-               {response_to(request), 1, 2, true},
-               {response_to(request), 1, 2, true},  // comes twice: not wanted any more
-               {request, 1, 3, true},               // somebody else's request is shown
-               {response_to(request, '\xA9'), 1, 3, true}};
+  } steps[] = {{stranger, 0, 1, false},
+               {response_to(request), 1, 0, false},  // not taken: goes on waiting
+               {response_to(request), 2, 1, true},
+               {response_to(request), 2, 1, true},  // comes twice: not wanted any more
+               {request, 3, 1, true},               // somebody else's request is shown
+               {response_to(request, '\xA9'), 3, 1, true}};
   for (const auto& step : steps) {
     calls.result = step.result;
     answer(step.message);

@@ -75,7 +75,7 @@ TEST_F(CommandTest, CommandLine) {
   const struct {
     std::vector<std::string> words;
     std::string datagram;  // none: a failure
-    std::string out = "", err = "";
+    std::string out{}, err{};
   } cases[] = {
       {{}, "", "", kUsage},
       {{""}, "", "", kUsage},

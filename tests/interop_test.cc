@@ -63,7 +63,8 @@ std::string message(uint8_t command) {
     snmp_var* var = *link;
     var->type = type;
     var->value_length = static_cast<int32_t>(bytes.size());
-    var->value = memcpy(malloc(bytes.size() + 1), bytes.data(), bytes.size());
+    var->value = malloc(bytes.size());
+    bytes.copy(static_cast<char*>(var->value), bytes.size());
     link = &var->next;
   }
   snmp_session session{};
