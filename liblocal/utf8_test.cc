@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <string>
@@ -14,6 +15,7 @@
 #include "tests/failing_malloc.h"
 #include "tests/lab.h"
 #include "tests/locales.h"
+#include "tests/stand_ins.h"
 #include "tests/threads.h"
 
 namespace {
@@ -42,10 +44,10 @@ TEST(Utf8Streams, LinesArriveWholeAndOnce) {
     const char* codeset;
     std::string ansi, utf8;
   } cases[] = {{"", "\xE9x", "éx"},
-               {"ISO-8859-1", "\xFC", "ü"},
                {"ISO-8859-15", "\xA4", "€"},
                {"EUC-JP", "\xC6\xFC\x8F\xB0\xA1z", "日丂z"},
                {"SHIFT_JIS", "\x93\xFA\xB1", "日ｱ"},
+               {"TCVN5712-1", "o\xB3oo\xB3", "óoó"},  // of two characters each
                {"UTF-8", "日é", "日é"}};
   for (const auto& [codeset, ansi, utf8] : cases) {
     in_locale(codeset, [&ansi = ansi, &utf8 = utf8] {
@@ -69,11 +71,31 @@ TEST(Utf8Streams, BuffersWithoutRoomForACharacter) {
     EXPECT_EQ(read_in_pieces("a\xC6\xFC\n", 2, true), "a??\n");
     EXPECT_EQ(read_in_pieces("a\xC6\xFC\n", 4, true), "a日\n");
     char buffer[2] = "x";
+    EXPECT_EQ(vxfgets(buffer, 0, stdin), nullptr);
+    EXPECT_STREQ(vxfgets(buffer, 1, stdin), "");
+  });
+}
+
+TEST(Utf8Streams, RefusedMemory) {
+  in_locale("ISO-8859-15", [] {
+    signal(SIGTERM, SIG_IGN);
+    vx_error_set_last(0, kVxErrorErrno);  // makes the thread's record
     FILE* file = tmpfile();
-    EXPECT_EQ(vxfgets(buffer, 0, file), nullptr);
-    EXPECT_STREQ(vxfgets(buffer, 1, file), "");
-    FailingMalloc failing(0);
-    EXPECT_EQ(vxfgets(buffer, 2, file), nullptr);
+    char buffer[8];
+    auto with = [&](int granted, auto work) {
+      FailingMalloc failing(granted);
+      return work();
+    };
+    auto read = [&] { return vxfgets(buffer, 5, file); };
+    EXPECT_EQ(with(0, [&] { return vxfputs("a€", file); }), -1) << "no lock for the '€'";
+    fputs("\xA4\xA4\xA4\nz", file);
+    rewind(file);
+    EXPECT_EQ(with(0, read), nullptr) << "no area";
+    EXPECT_STREQ(with(1, read), "a") << "no lock: what needs no converter";
+    EXPECT_STREQ(with(1, read), "?");
+    stand_ins::no_push_back = true;
+    EXPECT_EQ(read(), nullptr);
+    EXPECT_STREQ(read(), "z");
     vxfclose(file);
   });
 }
@@ -143,10 +165,9 @@ TEST(Utf8Streams, StandardStreams) {
 
     const std::string text = "€" + std::string(18430, 'x') + "€";
     ASSERT_NE(freopen(path.c_str(), "w", stdout), nullptr);
-    EXPECT_EQ(vxfputs(text.c_str(), stdout), 2);
-    EXPECT_GT(vxputs("é"), 0);
-    EXPECT_EQ(vxfputs(nullptr, stdout) + vxputs(nullptr), -2);
-    EXPECT_EQ(vxfputs("", stdout), 0);
+    EXPECT_EQ(vxfputs(text.c_str(), stdout), 2) << "pieces";
+    EXPECT_EQ(vxputs("é"), 2);
+    EXPECT_EQ(vxfputs(nullptr, stdout) + vxputs(nullptr) + vxfputs("", stdout), -2);
     utf8_fp(stdout);
     EXPECT_GT(vxputs("é"), 0);
     ansi_fputs("\xE9", stdout);
@@ -155,8 +176,7 @@ TEST(Utf8Streams, StandardStreams) {
     user_fp(stdout);
     ASSERT_NE(freopen("/dev/full", "w", stdout), nullptr);
     setvbuf(stdout, nullptr, _IONBF, 0);
-    EXPECT_EQ(vxfputs("é", stdout), -1);
-    EXPECT_EQ(vxputs("é"), -1);
+    EXPECT_EQ(vxfputs("é", stdout) + vxputs("é"), -2);
   });
 }
 
@@ -178,13 +198,19 @@ TEST(Utf8Streams, ASignalDoesNotEndAWait) {
       }
       _exit(0);
     }
-    close(ends[1]);
     FILE* stream = fdopen(ends[0], "r");
     if (marked) utf8_fp(stream);
     char buffer[64];
     EXPECT_STREQ(vxfgets(buffer, sizeof buffer, stream), "one line\n");
-    vxfclose(stream);
     waitpid(child, nullptr, 0);
+    // Where it does not wait, what is there of a line is not lost.
+    fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    ASSERT_EQ(write(ends[1], "part", 4), 4);
+    EXPECT_STREQ(vxfgets(buffer, sizeof buffer, stream), "part");
+    EXPECT_EQ(vxfgets(buffer, sizeof buffer, stream), nullptr);
+    EXPECT_EQ(errno, EAGAIN);
+    vxfclose(stream);
+    close(ends[1]);
   }
 }
 
@@ -193,19 +219,17 @@ TEST(Utf8Marks, TenOfThem) {
     utf8_fd(descriptor);
     utf8_fd(descriptor);
   }
-  EXPECT_TRUE(utf8_is_marked(100) && utf8_is_marked(109));
-  EXPECT_FALSE(utf8_is_marked(110));
+  EXPECT_TRUE(utf8_is_marked(100) && utf8_is_marked(109) && !utf8_is_marked(110));
   user_fd(104);
-  EXPECT_FALSE(utf8_is_marked(104));
-  EXPECT_TRUE(utf8_is_marked(103) && utf8_is_marked(105) && utf8_is_marked(109));
   utf8_fd(110);
-  EXPECT_TRUE(utf8_is_marked(110));
-  EXPECT_EQ(vxclose(110), -1);
   for (int descriptor = 100; descriptor < 111; ++descriptor) {
-    user_fd(descriptor);
+    EXPECT_EQ(utf8_is_marked(descriptor), descriptor != 104);
+  }
+  EXPECT_EQ(vxclose(110), -1);
+  for (int descriptor = 100; descriptor < 110; ++descriptor) user_fd(descriptor);
+  for (int descriptor = 100; descriptor < 111; ++descriptor) {
     EXPECT_FALSE(utf8_is_marked(descriptor));
   }
-  utf8_fd(-1);
   utf8_fp(nullptr);
   EXPECT_FALSE(utf8_is_marked(-1));
   FILE* pipe_stream = popen("exit 3", "r");
@@ -228,14 +252,13 @@ TEST(Utf8Marks, AMarkIsNeverMissedWhileOthersGo) {
 }
 
 TEST(Utf8Marks, NoLock) {
+  vx_error_set_last(0, kVxErrorErrno);  // makes the thread's record
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        vx_error_set_last(0, kVxErrorErrno);  // makes the thread's record
-        FailingMalloc failing(0);
-        utf8_fd(1);
-      },
-      testing::KilledBySignal(SIGTERM), "^$");
+  auto mark = [] {
+    FailingMalloc failing(0);
+    utf8_fd(1);
+  };
+  EXPECT_EXIT(mark(), testing::KilledBySignal(SIGTERM), "^$");
 }
 
 }  // namespace
