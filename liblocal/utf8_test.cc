@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "liblocal/utf8_codec.h"
+#include "liblocal/utf8_convert.h"
 #include "liblocal/vx_error.h"
 #include "tests/failing_malloc.h"
 #include "tests/lab.h"
@@ -101,15 +102,19 @@ TEST(Utf8Streams, RefusedMemory) {
   });
 }
 
-TEST(Utf8Streams, ThreadsShareAStream) {
+TEST(Utf8Streams, ThreadsShareAStreamAndTheConverters) {
   in_locale("ISO-8859-15", [] {
     FILE* file = tmpfile();
     for (int line = 0; line < 2000; ++line) fputs("\xA4\xA4\xA4\n", file);
     rewind(file);
     std::atomic<int> whole = 0;
     in_threads(4, [&](int) {
-      char buffer[11];
-      while (vxfgets(buffer, sizeof buffer, file) != nullptr) whole += strcmp(buffer, "€€€\n") == 0;
+      char buffer[11], ansi[11], utf8[11];
+      while (vxfgets(buffer, sizeof buffer, file) != nullptr) {
+        ansi_mbs(ansi, buffer, sizeof ansi);
+        utf8_mbs(utf8, ansi, sizeof utf8);
+        whole += strcmp(buffer, "€€€\n") == 0 && strcmp(buffer, utf8) == 0;
+      }
     });
     EXPECT_EQ(whole, 2000);
     vxfclose(file);
