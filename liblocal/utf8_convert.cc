@@ -198,8 +198,8 @@ size_t character_length(const char* text, size_t length) {
 }
 
 // The number of bytes, the first character's `first` among them, that may go through
-// the converter in one run with the same result as one by one. It stops by itself at
-// what is not UTF-8.
+// the converter in one run with the same result as one by one. What is not UTF-8 may be
+// among them: there the converter stops.
 size_t run_of_characters(const char* text, size_t length, size_t first) {
   size_t count = first;
   for (;;) {
