@@ -35,12 +35,10 @@ bool is_converted(FILE* stream) { return !utf8_is_marked(fileno(stream)); }
 // interrupts the wait for more. Here the wait goes on. Reads up to the line end or
 // `room` bytes; returns their number, 0 at the end of the file and on an error. What is
 // there of a line on a descriptor that does not wait is not lost.
-//
-// REQUIRES: the caller keeps the stream to itself.
 size_t read_line(char* buffer, size_t room, FILE* stream) {
   size_t length = 0;
   while (length < room && (length == 0 || buffer[length - 1] != '\n')) {
-    int byte = getc_unlocked(stream);
+    int byte = getc(stream);
     if (byte != EOF) {
       buffer[length++] = static_cast<char>(byte);
     } else if (feof(stream) != 0 || errno == EAGAIN) {
