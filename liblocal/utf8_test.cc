@@ -48,7 +48,7 @@ TEST(Utf8Streams, LinesArriveWholeAndOnce) {
                {"ISO-8859-15", "\xA4", "€"},
                {"EUC-JP", "\xC6\xFC\x8F\xB0\xA1z", "日丂z"},
                {"SHIFT_JIS", "\x93\xFA\xB1", "日ｱ"},
-               {"TCVN5712-1", "o\xB3oo\xB3", "óoó"},  // of two characters each
+               {"TCVN5712-1", "xxxxxxxo\xB3", "xxxxxxxó"},  // of two characters
                {"UTF-8", "日é", "日é"}};
   for (const auto& [codeset, ansi, utf8] : cases) {
     in_locale(codeset, [&ansi = ansi, &utf8 = utf8] {
