@@ -331,7 +331,7 @@ size_t ansi_mbs(char* output, const char* input, size_t size) {
   if (!needs_conversion()) {
     // Most texts hold nothing that begins as a transparent byte does, and fit.
     const auto same = static_cast<size_t>(strchrnul(input, kMbtLead) - input);
-    if (input[same] == '\0' && same < size) {
+    if (same < size && input[same] == '\0') {
       memcpy(output, input, same + 1);
       return same;
     }
