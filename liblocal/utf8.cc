@@ -33,8 +33,8 @@ bool is_converted(FILE* stream) { return !utf8_is_marked(fileno(stream)); }
 
 // The platform's fgets gives up, and what it has read with it, when a signal
 // interrupts the wait for more. Here the wait goes on. Reads up to the line end or
-// `room` bytes; returns their number, 0 at the end of the file and on an error. What is
-// there of a line on a descriptor that does not wait is not lost.
+// `room` bytes, or what is there on a descriptor that does not wait; returns their number,
+// 0 at the end of the file and on an error.
 size_t read_line(char* buffer, size_t room, FILE* stream) {
   size_t length = 0;
   while (length < room && (length == 0 || buffer[length - 1] != '\n')) {
