@@ -1,27 +1,145 @@
-// Both converters in the plain locale, where every byte is a character, on arbitrary
-// text in areas of every size: terminated, never beyond the area, and there and back the
-// same.
+// Both converters on arbitrary text, in the locale that the first byte chooses and in
+// areas of the size that the second one gives: never beyond the area and terminated, and
+// piece by piece, in memory and on a stream, the same text as in one.
 #undef NDEBUG
+#include <iconv.h>
+
+#include <algorithm>
 #include <cassert>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <string>
-#include <vector>
 
+#include "liblocal/codesets.h"
+#include "liblocal/mbt.h"
+#include "liblocal/utf8.h"
+#include "liblocal/utf8_codec.h"
 #include "liblocal/utf8_convert.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size == 0) return 0;
-  const std::string text(reinterpret_cast<const char*>(data) + 1, size - 1);
-  std::vector<char> small(data[0]);
-  for (auto* convert : {utf8_mbs, ansi_mbs}) {
-    assert(convert(small.data(), text.c_str(), small.size()) <= small.size());
-    assert(small.empty() || strlen(small.data()) < small.size());
+// The names that the linker's --wrap gives to the real ones.
+extern "C" {
+iconv_t __real_iconv_open(const char* to, const char* from);
+size_t __real_iconv(iconv_t descriptor, char** in, size_t* in_left, char** out, size_t* out_left);
+}
+
+namespace {
+
+// The plain locale's first, a UTF-8 one's last; TCVN composes characters, and BIG5-HKSCS
+// makes two of one.
+constexpr const char* kCodesets[] = {"ISO8859-1",  "ISO-8859-15", "EUC-JP", "SHIFT_JIS",
+                                     "TCVN5712-1", "BIG5-HKSCS",  "UTF-8"};
+size_t codeset;  // the index of this input's
+
+// The two descriptors of the process, which the linker's --wrap leads to those of the codeset.
+enum Way { kToUtf8, kFromUtf8, kWays };
+char ways[kWays];
+
+iconv_t platforms(size_t way) {
+  static iconv_t opened[std::size(kCodesets)][kWays];
+  iconv_t& descriptor = opened[codeset][way];
+  if (descriptor == nullptr) {
+    const char* other = kCodesets[codeset];
+    descriptor =
+        way == kToUtf8 ? __real_iconv_open("UTF-8", other) : __real_iconv_open(other, "UTF-8");
+    assert(reinterpret_cast<intptr_t>(descriptor) != -1);
   }
-  std::vector<char> utf8(2 * text.size() + 1);
-  std::vector<char> back(text.size() + 1);
-  utf8_mbs(utf8.data(), text.c_str(), utf8.size());
-  ansi_mbs(back.data(), utf8.data(), back.size());
-  assert(strcmp(back.data(), text.c_str()) == 0);
+  return descriptor;
+}
+
+constexpr size_t kRoomy = 8;  // bytes that hold the longest character, whichever codeset
+
+std::string converted(size_t (*convert)(char*, const char*, size_t), const std::string& text,
+                      size_t size) {
+  std::string area(size, '!');
+  const size_t written = convert(area.data(), text.c_str(), size);
+  assert(written <= size);
+  if (size == 0) return area;
+  area.resize(strlen(area.c_str()));  // which finds a NUL
+  assert(area.size() < size && (written == area.size() || written == size || written == 0));
+  return area;
+}
+
+std::string whole(size_t (*convert)(char*, const char*, size_t), const std::string& text) {
+  return converted(convert, text, 6 * text.size() + 1);
+}
+
+// What `convert_part` makes of a text in areas of `room` bytes.
+template <typename ConvertPart>
+std::string in_parts(ConvertPart convert_part, const std::string& text, size_t room) {
+  std::string all;
+  for (size_t at = 0; at < text.size();) {
+    std::string area(room, '!');
+    const Utf8Progress done = convert_part(area.data(), room, text.data() + at, text.size() - at);
+    assert(done.written <= room && done.consumed > 0);
+    all.append(area, 0, done.written);
+    at += done.consumed;
+  }
+  return all;
+}
+
+std::string through_stream(const std::string& text, size_t size) {
+  std::string all;
+  if (text.empty()) return all;
+  FILE* stream = fmemopen(const_cast<char*>(text.data()), text.size(), "r");
+  std::string area(size, '!');
+  while (vxfgets(area.data(), static_cast<int>(size), stream) != nullptr) all += area.c_str();
+  vxfclose(stream);
+  return all;
+}
+
+// Character by character, up to a broken transparent byte.
+std::string one_by_one(const std::string& text) {
+  std::string all;
+  for (size_t at = 0; at < text.size();) {
+    const int carried = mbt_byte(text.data() + at, text.size() - at);
+    if (carried == kMbtBroken) break;
+    const int length = carried != kMbtNone ? static_cast<int>(kMbtLength)
+                                           : utf8_mblen(text.data() + at, text.size() - at);
+    const std::string character = text.substr(at, static_cast<size_t>(std::max(length, 1)));
+    all += whole(ansi_mbs, character);
+    at += character.size();
+  }
+  return all;
+}
+
+}  // namespace
+
+extern "C" {
+iconv_t __wrap_iconv_open(const char* to, const char* /*from*/) {
+  return &ways[strcmp(to, "UTF-8") == 0 ? kToUtf8 : kFromUtf8];
+}
+
+size_t __wrap_iconv(iconv_t descriptor, char** in, size_t* in_left, char** out, size_t* out_left) {
+  const auto way = static_cast<size_t>(static_cast<char*>(descriptor) - ways);
+  return __real_iconv(platforms(way), in, in_left, out, out_left);
+}
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 2) return 0;
+  codeset = data[0] % std::size(kCodesets);
+  const bool utf8 = codeset == std::size(kCodesets) - 1;
+  Needs_conversion = utf8 ? 0 : 1;
+  const std::string text(std::string(reinterpret_cast<const char*>(data) + 2, size - 2).c_str());
+  const size_t room = kRoomy + data[1];
+
+  const std::string in = whole(utf8_mbs, text);
+  assert(in.starts_with(converted(utf8_mbs, text, data[1])));
+  assert(utf8 || is_utf8_mbs(converted(utf8_mbs, text, data[1]).c_str()));
+  auto to_utf8 = [](char* area, size_t area_size, const char* rest, size_t length) {
+    return utf8_mbs_part(area, area_size, rest, length, false);
+  };
+  assert(in_parts(to_utf8, text, room) == in);
+  assert(through_stream(text, room) == in);
+
+  const std::string out = whole(ansi_mbs, text);
+  assert(one_by_one(text) == out);
+  assert(out.starts_with(converted(ansi_mbs, text, data[1])));
+  assert(in_parts(ansi_mbs_part, text, room) == out);
+
+  // Every byte is a character of the plain locale, which goes there and back.
+  assert(codeset != 0 || whole(ansi_mbs, in) == text);
   return 0;
 }

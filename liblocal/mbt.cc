@@ -1,10 +1,7 @@
 #include "liblocal/mbt.h"
 
-#include <cstdint>
-
 namespace {
 
-constexpr uint8_t kLead = 0xEF;
 constexpr uint8_t kLowHalf = 0xA2;   // second byte of 0x80 to 0xBF
 constexpr uint8_t kHighHalf = 0xA3;  // second byte of 0xC0 to 0xFF
 constexpr uint8_t kHalfBit = 0x40;   // what the third byte lacks in the high half
@@ -13,7 +10,7 @@ constexpr size_t kRoom = 4;          // bytes asked for each transparent byte
 uint8_t byte_at(const char* at) { return static_cast<uint8_t>(*at); }
 
 bool begins(const char* at, size_t available) {
-  return available >= 2 && byte_at(at) == kLead &&
+  return available >= 2 && byte_at(at) == kMbtLead &&
          (byte_at(at + 1) == kLowHalf || byte_at(at + 1) == kHighHalf);
 }
 
@@ -35,7 +32,7 @@ int vx_mbstombts(char* output, const char* input, size_t size) {
       --size;
       continue;
     }
-    *output++ = static_cast<char>(kLead);
+    *output++ = static_cast<char>(kMbtLead);
     *output++ = static_cast<char>(byte < 0xC0 ? kLowHalf : kHighHalf);
     *output++ = static_cast<char>(byte & ~kHalfBit);
     size -= kMbtLength;

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 /// Copies the raw bytes of `input` into `output` of `size` bytes, each byte from 0x80
 /// on in transparent form, which asks for 4 free bytes. Returns 1; 0 when `output` is
@@ -23,6 +24,7 @@
 [[nodiscard]] int containsMBT(const char* text);
 
 constexpr size_t kMbtLength = 3;
+constexpr uint8_t kMbtLead = 0xEF;  // the first of its bytes
 
 /// The byte that stands in transparent form at `at`, of which `available` bytes may be
 /// read: 0x80 to 0xFF, kMbtNone when there is none, kMbtBroken when only its first two

@@ -31,7 +31,7 @@ TEST(Mbt, Room) {
   const struct {
     std::string raw;
     size_t least;  // bytes that the transparent form asks for
-  } cases[] = {{"", 1}, {"ab", 3}, {"\x41\xE9", 5}, {"\xE9\x41", 5}, {"\xE9\xE9", 7}};
+  } cases[] = {{"", 1}, {"\x41\xE9", 5}, {"\xE9\x41", 5}, {"\xE9\xE9", 7}};
   for (const auto& [raw, least] : cases) {
     for (size_t size = 0; size <= least + 1; ++size) {
       char output[9];
@@ -40,32 +40,28 @@ TEST(Mbt, Room) {
       EXPECT_EQ(output[size], '!');
     }
   }
-  char output[8];
-  EXPECT_EQ(vx_mbstombts(nullptr, "a", 8) + vx_mbstombts(output, nullptr, 8), 0);
-  EXPECT_EQ(vx_mbtstombs(nullptr, "a", 8) + vx_mbtstombs(output, nullptr, 8), 0);
 }
 
 TEST(Mbt, WhatIsOne) {
   const struct {
-    std::string text;
+    const char* text;
     int contains;
     int restores;
-  } cases[] = {{"abc", 0, 1},
-               {"\xEF\xA2\x80", 1, 1},
-               {"a\xEF\xA3\xBFz", 1, 1},
+  } cases[] = {{"a\xEF\xA3\xBFz", 1, 1},
                {"\xEF\xA1\x80", 0, 0},
                {"\xEF\xA4\x80", 0, 0},
                {"\xEF\xA2", 0, 0},
                {"\xEF", 0, 0},
+               {"é", 0, 0},
                {"\xEF\xA2z\xEF\xA2\x80", 0, 0},  // the first one decides
-               {"\xEF\xBC\x81\xEF\xA2\x80", 1, 0},
-               {"é", 0, 0}};
+               {"\xEF\xBC\x81\xEF\xA2\x80", 1, 0}};
+  char output[16];
   for (const auto& [text, contains, restores] : cases) {
-    char output[16];
-    EXPECT_EQ(containsMBT(text.c_str()), contains) << testing::PrintToString(text);
-    EXPECT_EQ(vx_mbtstombs(output, text.c_str(), sizeof output), restores)
-        << testing::PrintToString(text);
+    EXPECT_EQ(containsMBT(text), contains) << testing::PrintToString(text);
+    EXPECT_EQ(vx_mbtstombs(output, text, sizeof output), restores) << testing::PrintToString(text);
   }
+  EXPECT_EQ(vx_mbstombts(nullptr, "a", 8) + vx_mbstombts(output, nullptr, 8), 0);
+  EXPECT_EQ(vx_mbtstombs(nullptr, "a", 8) + vx_mbtstombs(output, nullptr, 8), 0);
   EXPECT_EQ(containsMBT(nullptr), 0);
 }
 

@@ -33,14 +33,15 @@ bool is_converted(FILE* stream) { return !utf8_is_marked(fileno(stream)); }
 
 // The platform's fgets gives up, and what it has read with it, when a signal
 // interrupts the wait for more. Here the wait goes on. Reads up to the line end or
-// `room` bytes; returns their number, 0 at the end of the file and on an error.
+// `room` bytes, or what is there on a descriptor that does not wait; returns their number,
+// 0 at the end of the file and on an error.
 size_t read_line(char* buffer, size_t room, FILE* stream) {
   size_t length = 0;
   while (length < room && (length == 0 || buffer[length - 1] != '\n')) {
     int byte = getc(stream);
     if (byte != EOF) {
       buffer[length++] = static_cast<char>(byte);
-    } else if (feof(stream) != 0) {
+    } else if (feof(stream) != 0 || errno == EAGAIN) {
       break;
     } else if (errno == EINTR) {
       clearerr(stream);
@@ -79,7 +80,7 @@ RawLine read_raw_line(size_t size, FILE* stream) {
   if (area == nullptr) return line;
   line.length = read_line(area.get(), size - 1, stream);
   if (line.length == 0) return line;
-  line.cut = line.length == size - 1 && area.get()[line.length - 1] != '\n';
+  line.cut = area.get()[line.length - 1] != '\n' && feof(stream) == 0;
   line.bytes = std::move(area);
   return line;
 }

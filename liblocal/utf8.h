@@ -1,7 +1,8 @@
 // UTF-8 text on streams. What a program reads and writes here is UTF-8; on the stream
 // it is in the codeset of the locale, unless the stream is marked (utf8_marks.h).
 //
-// A wait that a signal interrupts goes on.
+// A wait that a signal interrupts goes on. Of a line on a descriptor that does not wait, a
+// reader gets what is there.
 //
 // Thread safety: as the platform's streams; a call handles its whole line before
 // another thread's turn.

@@ -43,10 +43,9 @@ TEST(CharColumns, EveryBoundary) {
   }
 }
 
-TEST(Ttystrlen, Texts) {
-  const std::pair<const char*, size_t> cases[] = {{"", 0},  {"abc", 3},       {"日本", 4},
-                                                  {"ｱ", 1}, {"Ａ", 2},        {"é日a", 4},
-                                                  {"😀", 2}, {"a\xE6\x97", 3}, {"\xFF", 2}};
+TEST(CharColumns, OfTexts) {
+  const std::pair<const char*, size_t> cases[] = {
+      {"", 0}, {"é日a", 4}, {"a\xE6\x97", 3}, {"\xFF", 2}};
   for (auto [text, columns] : cases) EXPECT_EQ(utf8_ttystrlen(text), columns) << text;
 }
 

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -23,7 +22,6 @@ using std::string_view_literals::operator""sv;
 
 constexpr size_t kPathAreaSize = 12288;      // bytes of vx_utf8tombts's first step
 constexpr size_t kLeastThreadBuffer = 6144;  // bytes of a buffer of utf8encode
-constexpr size_t kHeldBack = 8;              // more bytes than a converter ever holds back
 
 // A conversion on its way. It goes on while there is input and more than `spare` bytes
 // are free: 1 where a NUL is to follow, else 0. The last character may use the spare
@@ -34,8 +32,9 @@ struct Conversion {
   char* out;
   size_t out_left;
   size_t spare;
-  char* last;           // where the last character of several bytes was put
-  bool broken = false;  // ended by a broken transparent byte
+  bool more;             // of the text follows elsewhere
+  char* last = nullptr;  // where the last character of several bytes was put
+  bool broken = false;   // ended by a broken transparent byte
 
   bool goes_on() const { return in_left > 0 && out_left > spare; }
   void skip(size_t count) {
@@ -81,26 +80,31 @@ vx_mutex* lock_of(Direction* direction) {
 // back to it, into `room` bytes. Returns 0 or the error that stopped it, E2BIG, EILSEQ or
 // EINVAL, with the conversion moved on to there.
 //
-// Some converters hold a character back for what may combine with it. It belongs to the
-// input that was taken, so it must find room: the run then starts over with less.
+// Some converters hold a character back for what may combine with it. Where neither it
+// nor what follows fits, or the text goes on elsewhere, that character is not taken: the
+// run starts over, shorter and shorter until it ends before that character.
 int run_converter(iconv_t descriptor, Conversion* conversion, size_t length, size_t room) {
-  for (size_t kept = 0; kept <= std::min(kHeldBack, room); ++kept) {
-    size_t use = room - kept;
+  for (size_t use = length;;) {
     char* in = const_cast<char*>(conversion->in);  // the platform's signature; it only reads
-    size_t in_left = length;
+    size_t in_left = use;
     char* out = conversion->out;
-    size_t out_left = use;
-    int error = iconv(descriptor, &in, &in_left, &out, &out_left) == SIZE_MAX ? errno : 0;
-    out_left += room - use;
-    if (iconv(descriptor, nullptr, nullptr, &out, &out_left) != SIZE_MAX) {
-      conversion->skip(length - in_left);
+    size_t out_left = room;
+    const int error = iconv(descriptor, &in, &in_left, &out, &out_left) == SIZE_MAX ? errno : 0;
+    const char* end = out;
+    const bool all_out = iconv(descriptor, nullptr, nullptr, &out, &out_left) != SIZE_MAX;
+    const bool undecided = out != end && (error == E2BIG || (error == 0 && conversion->more));
+    const bool ends_well = use == length ? !undecided : error == 0;
+    if (all_out && ends_well) {
+      conversion->skip(use - in_left);
       conversion->out_left -= static_cast<size_t>(out - conversion->out);
       conversion->out = out;
-      return error;
+      return use == length ? error : E2BIG;
     }
     iconv(descriptor, nullptr, nullptr, nullptr, nullptr);
+    if (use == length) use -= in_left;
+    if (use == 0) return E2BIG;
+    --use;
   }
-  return E2BIG;
 }
 
 // run_converter under the lock of the direction.
@@ -114,53 +118,67 @@ int run_locked(Direction* direction, iconv_t descriptor, Conversion* conversion,
   return error;
 }
 
-// What kinds of run a byte may be part of.
-constexpr uint8_t kAscii = 1;  // below 0x80
-constexpr uint8_t kPlain = 2;  // the same character in every codeset that a locale may have
+bool is_ascii(char byte) { return (byte & 0x80) == 0; }
 
-// Shift_JIS has signs of its own for '\' and '~'; three controls shift in ISO 2022.
-constexpr auto kByteKinds = [] {
-  std::array<uint8_t, 256> kinds{};
-  for (size_t byte = 0; byte < 0x80; ++byte) kinds[byte] = kAscii | kPlain;
-  for (char special : {'\\', '~', '\x0E', '\x0F', '\x1B'}) {
-    kinds[static_cast<uint8_t>(special)] = kAscii;
-  }
-  return kinds;
-}();
-
-bool is_kind(char byte, uint8_t kind) {
-  return (kByteKinds[static_cast<uint8_t>(byte)] & kind) != 0;
+// ASCII that may mean something else elsewhere: Shift_JIS has signs of its own for '\\' and
+// '~', TCVN letters in the place of controls, ISO 2022 shifts there.
+bool is_doubtful(char byte) {
+  const auto code = static_cast<uint8_t>(byte);
+  return byte == '\\' || byte == '~' || code < '\t' || (code > '\r' && code < ' ');
 }
 
-// The number of bytes of `kind` that `text`, of `length` bytes, begins with.
-size_t run_of(uint8_t kind, const char* text, size_t length) {
+// The same character in every codeset that a locale may have.
+bool is_plain(char byte) { return is_ascii(byte) && !is_doubtful(byte); }
+
+// Of UTF-8, no reason to look closer: neither doubtful nor the first byte of a transparent
+// byte or of a character that combines.
+bool is_usual(char byte) {
+  const auto code = static_cast<uint8_t>(byte);
+  return !is_doubtful(byte) && (code < 0xCA || code > 0xCD) && code != 0xE3 && code != kMbtLead;
+}
+
+// The number of bytes of that kind that `text`, of `length` bytes, begins with. The
+// compiler makes vector instructions of a block.
+template <bool (*is_kind)(char)>
+size_t run_of(const char* text, size_t length) {
+  constexpr size_t kBlock = 16;
   size_t count = 0;
-  while (count < length && is_kind(text[count], kind)) ++count;
+  for (; count + kBlock <= length; count += kBlock) {
+    uint8_t others = 0;
+    for (size_t i = 0; i < kBlock; ++i) others |= static_cast<uint8_t>(!is_kind(text[count + i]));
+    if (others != 0) break;
+  }
+  while (count < length && is_kind(text[count])) ++count;
   return count;
 }
 
+// Whether the locale's codeset is another one, as far as is known.
+bool needs_conversion() { return Needs_conversion.load(std::memory_order_relaxed) != 0; }
+
 // From the locale's codeset to UTF-8, where that is the same.
-void copy_in(Conversion* conversion, bool more) {
+void copy_in(Conversion* conversion) {
   size_t count = std::min(conversion->in_left, conversion->out_left - conversion->spare);
-  if (count < conversion->in_left || more) count = utf8_whole_length(conversion->in, count);
+  if (count < conversion->in_left || conversion->more) {
+    count = utf8_whole_length(conversion->in, count);
+  }
   conversion->copy(count);
 }
 
 // From the locale's codeset to UTF-8. Text that needs no converter opens none.
-void convert_in(Conversion* conversion, bool more) {
+void convert_in(Conversion* conversion) {
   if (!conversion->goes_on()) return;
-  if (Needs_conversion.load(std::memory_order_relaxed) == 0) return copy_in(conversion, more);
+  if (!needs_conversion()) return copy_in(conversion);
   size_t length = conversion->in_left;
-  if (length <= conversion->out_left - conversion->spare &&
-      run_of(kPlain, conversion->in, length) == length) {
+  if (!conversion->more && length <= conversion->out_left - conversion->spare &&
+      run_of<is_plain>(conversion->in, length) == length) {
     return conversion->copy(length);
   }
   iconv_t descriptor = get_utf8_codeset();
-  if (descriptor == nullptr) return copy_in(conversion, more);
+  if (!needs_conversion()) return copy_in(conversion);
   while (conversion->goes_on()) {
     int error =
         run_locked(&to_utf8, descriptor, conversion, conversion->in_left, conversion->out_left);
-    if (error == E2BIG || (error == EINVAL && more)) return;
+    if (error == E2BIG || (error == EINVAL && conversion->more)) return;
     if (error != 0 && conversion->out_left > 0) {
       conversion->put('?');
       conversion->skip(1);
@@ -180,11 +198,12 @@ size_t character_length(const char* text, size_t length) {
 }
 
 // The number of bytes, the first character's `first` among them, that may go through
-// the converter in one run with the same result as one by one.
+// the converter in one run with the same result as one by one. What is not UTF-8 may be
+// among them: there the converter stops.
 size_t run_of_characters(const char* text, size_t length, size_t first) {
   size_t count = first;
   for (;;) {
-    count += run_of(kPlain, text + count, length - count);
+    count += run_of<is_usual>(text + count, length - count);
     if (count == length || mbt_byte(text + count, length - count) != kMbtNone) return count;
     int next = utf8_mblen(text + count, length - count);
     if (next <= 1 || combines(text + count, next)) return count;
@@ -192,13 +211,8 @@ size_t run_of_characters(const char* text, size_t length, size_t first) {
   }
 }
 
-// Converts the characters from here on, of which the first one takes `first` bytes.
-// False when one does not fit.
-bool convert_characters(Conversion* conversion, iconv_t descriptor, size_t first) {
-  size_t run = run_of_characters(conversion->in, conversion->in_left, first);
-  int error =
-      run_locked(&to_ansi, descriptor, conversion, run, conversion->out_left - conversion->spare);
-  if (error == 0 || !conversion->goes_on()) return true;
+// Writes the character that the converter stopped at. False when it does not fit.
+bool convert_one(Conversion* conversion, iconv_t descriptor, int error) {
   size_t length = character_length(conversion->in, conversion->in_left);
   if (error == E2BIG) {
     conversion->last = conversion->out;
@@ -206,8 +220,26 @@ bool convert_characters(Conversion* conversion, iconv_t descriptor, size_t first
     if (error == 0) return true;
     if (error == E2BIG) return false;
   }
+  if (length == 1) {  // not UTF-8
+    conversion->copy(1);
+    return true;
+  }
   conversion->put('?');
   conversion->skip(length);
+  return true;
+}
+
+// Converts the characters from here on, of which the first one takes `first` bytes.
+// False when one does not fit.
+bool convert_characters(Conversion* conversion, iconv_t descriptor, size_t first) {
+  size_t left = run_of_characters(conversion->in, conversion->in_left, first);
+  const char* end = conversion->in + left;
+  for (; left > 0 && conversion->goes_on(); left = static_cast<size_t>(end - conversion->in)) {
+    int error = run_locked(&to_ansi, descriptor, conversion, left,
+                           conversion->out_left - conversion->spare);
+    if (error == 0 || !conversion->goes_on()) return true;
+    if (!convert_one(conversion, descriptor, error)) return false;
+  }
   return true;
 }
 
@@ -222,7 +254,7 @@ bool copy_character(Conversion* conversion, size_t length) {
 size_t run_of_utf8(const Conversion& conversion) {
   size_t free = conversion.out_left - conversion.spare;
   size_t length = std::min(conversion.in_left, free);
-  const void* lead = memchr(conversion.in, 0xEF, length);
+  const void* lead = memchr(conversion.in, kMbtLead, length);
   if (lead != nullptr) return static_cast<size_t>(static_cast<const char*>(lead) - conversion.in);
   return length < conversion.in_left ? utf8_whole_length(conversion.in, length) : length;
 }
@@ -231,9 +263,9 @@ size_t run_of_utf8(const Conversion& conversion) {
 // the conversion ends here.
 bool step_out(Conversion* conversion) {
   size_t free = conversion->out_left - conversion->spare;
-  size_t same = Needs_conversion.load(std::memory_order_relaxed) == 0
-                    ? run_of_utf8(*conversion)
-                    : run_of(kAscii, conversion->in, std::min(conversion->in_left, free));
+  size_t same = needs_conversion()
+                    ? run_of<is_ascii>(conversion->in, std::min(conversion->in_left, free))
+                    : run_of_utf8(*conversion);
   if (same > 0) {
     conversion->copy(same);
     return true;
@@ -255,8 +287,8 @@ bool step_out(Conversion* conversion) {
     return true;
   }
   iconv_t descriptor = get_ansi_codeset();
-  return descriptor == nullptr ? copy_character(conversion, length)
-                               : convert_characters(conversion, descriptor, length);
+  return needs_conversion() ? convert_characters(conversion, descriptor, length)
+                            : copy_character(conversion, length);
 }
 
 void convert_out(Conversion* conversion) {
@@ -282,8 +314,8 @@ size_t utf8_mbs(char* output, const char* input, size_t size) {
   *output = '\0';
   if (input == nullptr || *input == '\0') return 0;
   int saved_errno = errno;
-  Conversion conversion = {input, strlen(input), output, size, 1, nullptr};
-  convert_in(&conversion, false);
+  Conversion conversion = {input, strlen(input), output, size, 1, false};
+  convert_in(&conversion);
   errno = saved_errno;
   if (conversion.out_left == 0) {
     conversion.last = output + size - 1;
@@ -295,9 +327,17 @@ size_t utf8_mbs(char* output, const char* input, size_t size) {
 size_t ansi_mbs(char* output, const char* input, size_t size) {
   if (output == nullptr || size == 0) return 0;
   *output = '\0';
-  if (input == nullptr || *input == '\0') return 0;
+  if (input == nullptr) return 0;
+  if (!needs_conversion()) {
+    // Most texts hold nothing that begins as a transparent byte does, and fit.
+    const auto same = static_cast<size_t>(strchrnul(input, kMbtLead) - input);
+    if (same < size && input[same] == '\0') {
+      memcpy(output, input, same + 1);
+      return same;
+    }
+  }
   int saved_errno = errno;
-  Conversion conversion = {input, strlen(input), output, size, 1, nullptr};
+  Conversion conversion = {input, strlen(input), output, size, 1, false};
   convert_out(&conversion);
   errno = saved_errno;
   return finish(conversion, output, size);
@@ -305,15 +345,15 @@ size_t ansi_mbs(char* output, const char* input, size_t size) {
 
 Utf8Progress utf8_mbs_part(char* output, size_t room, const char* input, size_t length, bool more) {
   int saved_errno = errno;
-  Conversion conversion = {input, length, output, room, 0, nullptr};
-  convert_in(&conversion, more);
+  Conversion conversion = {input, length, output, room, 0, more};
+  convert_in(&conversion);
   errno = saved_errno;
   return {length - conversion.in_left, room - conversion.out_left};
 }
 
 Utf8Progress ansi_mbs_part(char* output, size_t room, const char* input, size_t length) {
   int saved_errno = errno;
-  Conversion conversion = {input, length, output, room, 0, nullptr};
+  Conversion conversion = {input, length, output, room, 0, false};
   convert_out(&conversion);
   errno = saved_errno;
   return {length - conversion.in_left, room - conversion.out_left};

@@ -52,7 +52,8 @@ struct Utf8Progress {
 
 /// As utf8_mbs for `length` bytes, NUL bytes among them: fills `room` bytes at most,
 /// adds no NUL, and leaves a character that does not fit unconsumed. When `more` text
-/// follows elsewhere, so stays a character at the end that is not complete.
+/// follows elsewhere, so stays a character at the end that is not complete or that may
+/// become one with what follows.
 Utf8Progress utf8_mbs_part(char* output, size_t room, const char* input, size_t length, bool more);
 
 /// As ansi_mbs for `length` bytes of a text, likewise. A broken transparent byte ends

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <ctime>
 
 namespace stand_ins {
@@ -13,6 +14,7 @@ std::atomic<int> names_asked, addresses_asked;
 std::atomic<bool> resolver_is_down;
 std::atomic<unsigned long> refused_request;
 std::atomic<int> refusal;
+std::atomic<bool> no_push_back;
 
 }  // namespace stand_ins
 
@@ -26,6 +28,11 @@ int __real_gethostbyname_r(const char* name, hostent* entry, char* text, size_t 
 int __real_gethostbyaddr_r(const void* address, socklen_t length, int type, hostent* entry,
                            char* text, size_t size, hostent** result, int* error);
 int __real_ioctl(int descriptor, unsigned long request, ...);
+int __real_ungetc(int byte, FILE* stream);
+
+int __wrap_ungetc(int byte, FILE* stream) {
+  return no_push_back ? EOF : __real_ungetc(byte, stream);
+}
 
 time_t __wrap_time(time_t* result) {
   time_t answer = now != 0 ? now.load() : __real_time(nullptr);
