@@ -30,17 +30,11 @@ struct Pipe {
   }
 };
 
-int64_t pipe_read(void* transport, void* buffer, uint32_t length, void* second,
-                  uint32_t second_length) {
+int64_t pipe_read(void* transport, void* buffer, uint32_t length, void* /*second*/,
+                  uint32_t /*second_length*/) {
   auto* pipe = static_cast<Pipe*>(transport);
-  const size_t there = std::min<size_t>(pipe->incoming.size() - pipe->taken, pipe->most);
   size_t count =
-      pipe->incoming.copy(static_cast<char*>(buffer), std::min<size_t>(there, length), pipe->taken);
-  if (there > count && second != nullptr) {
-    count +=
-        pipe->incoming.copy(static_cast<char*>(second),
-                            std::min<size_t>(there - count, second_length), pipe->taken + count);
-  }
+      pipe->incoming.copy(static_cast<char*>(buffer), std::min(length, pipe->most), pipe->taken);
   pipe->taken += count;
   return static_cast<int64_t>(count);
 }
@@ -242,31 +236,13 @@ TEST_F(RecordTest, PositionsAndInlineStayInTheFragment) {
 }
 
 TEST_F(RecordTest, SkippingAndTheEndOfInput) {
-  std::string wire;
-  std::string data;
-  for (int i = 0; i < 1000; ++i) {
-    wire += fragment("abc", i == 999);
-    data += "abc";
-  }
-  decode(fragment("rest of it", false) + fragment("go") + wire + fragment("last"));
+  decode(fragment("rest", false) + fragment(" of it", false) + fragment("go") + fragment("last"));
   ASSERT_TRUE(skip());
-  EXPECT_EQ(get(4), "rest");
+  EXPECT_EQ(get(6), "rest o");
   EXPECT_FALSE(__brix_xdrrec_eof(&xdrs_));
   ASSERT_TRUE(skip());
-  EXPECT_EQ(get(2998), data.substr(0, 2998));
-  ASSERT_TRUE(skip());
+  EXPECT_EQ(get(4), "last");
   EXPECT_TRUE(__brix_xdrrec_eof(&xdrs_));
-}
-
-TEST_F(RecordTest, ATransferThatFailsIsTakenUpAgain) {
-  ASSERT_TRUE(skip());
-  std::string got;
-  for (char byte : fragment("ab", false) + fragment("cdefgh")) {
-    decode(std::string(1, byte));
-    const std::string one = get(1);
-    if (one.size() == 1) got += one;
-  }
-  EXPECT_EQ(got, "abcdefgh");
 }
 
 TEST_F(RecordTest, RefusedInput) {

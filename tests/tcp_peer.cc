@@ -111,11 +111,4 @@ std::string fragment(const std::string& bytes, bool last) {
   return std::string(reinterpret_cast<const char*>(&word), sizeof word) + bytes;
 }
 
-int connect_to_port(uint16_t port) {
-  int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = loopback(port);
-  require(connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0, "connect");
-  return socket;
-}
-
 }  // namespace lab

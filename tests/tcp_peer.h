@@ -61,7 +61,4 @@ std::string fragment(const std::string& bytes, bool last = true);
 /// `port` of 127.0.0.1.
 sockaddr_in loopback(uint16_t port);
 
-/// The client's end of a connection to `port`.
-int connect_to_port(uint16_t port);
-
 }  // namespace lab
