@@ -14,9 +14,10 @@ enum rpc_port_type : int32_t { kPortService = 0, kPortConnection = 1, kPortReser
 
 /// Binds `socket` to a local port for `type` at `address` (null: any address of this
 /// host), whose own port is not looked at. Where the type has no ranges the system
-/// chooses the port. Otherwise ports of the ranges are tried at random, a quarter of
-/// them but at least 7 and at most 713, and then all of them, from where the last such
-/// walk ended; only a port in use leads to a next try.
+/// chooses the port. Otherwise ports of the ranges are tried at random (7 times; where
+/// there are more than 500, a quarter of their number but at most 713 times), and then
+/// all of them, from where the last such walk ended; only a port in use leads to a next
+/// try.
 ///
 /// Returns 0; -1 with errno EADDRNOTAVAIL when no port could be had, EPFNOSUPPORT for
 /// an address that is not IPv4, EINVAL for an unknown type.

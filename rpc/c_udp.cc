@@ -114,8 +114,10 @@ bool answers_call(UdpRecord* record, ssize_t length) {
 enum class Wait { kReply, kNothing, kFailed };
 
 // Waits up to `interval` for the reply, from the beginning whenever something else
-// comes. With kReply, `*length` bytes of it are in the receive buffer; with kFailed
-// errno says why.
+// comes: a signal or a datagram that is not the reply takes nothing off the call's time,
+// so while they come more often than the interval a call neither repeats nor ends. It
+// is the kernel that measures the interval; no clock that can be set has a part in it.
+// With kReply, `*length` bytes are in the receive buffer; with kFailed errno says why.
 Wait wait_for_reply(UdpRecord* record, timeval interval, ssize_t* length) {
   for (;;) {
     int ready = wait_until_readable(record->socket, interval);

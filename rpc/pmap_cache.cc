@@ -69,12 +69,16 @@ void export_to_environment(const rpc_port_entry* entry) {
   add_to_environment(kVariable, text, 0);
 }
 
+const rpc_port_entry* find_cached(unsigned long program, unsigned long version,
+                                  unsigned long protocol) {
+  return is_off() ? nullptr : find(*own_cache(), {program, version, protocol, 0});
+}
+
 }  // namespace
 
 unsigned long pmap_cached_port(unsigned long program, unsigned long version,
                                unsigned long protocol) {
-  if (is_off()) return 0;
-  const rpc_port_entry* entry = find(*own_cache(), {program, version, protocol, 0});
+  const rpc_port_entry* entry = find_cached(program, version, protocol);
   return entry != nullptr ? entry->port : 0;
 }
 
@@ -95,8 +99,8 @@ void populate_pmaps(unsigned long program, unsigned long version, unsigned long 
 }
 
 void add_pamp_to_env(unsigned long program, unsigned long version) {
-  unsigned long port = pmap_cached_port(program, version, IPPROTO_TCP);
-  if (port != 0) populate_pmaps(program, version, IPPROTO_TCP, port, 1);
+  const rpc_port_entry* entry = find_cached(program, version, IPPROTO_TCP);
+  if (entry != nullptr) populate_pmaps(program, version, IPPROTO_TCP, entry->port, 1);
 }
 
 void disable_cacheable_pmap() {

@@ -1,7 +1,5 @@
 #include "rpc/rpc_cmsg.h"
 
-#include <iterator>
-
 #include "rpc/rpc_prot.h"
 #include "rpc/xdr_compound.h"
 

@@ -47,7 +47,7 @@ struct opaque_auth {
 };
 
 /// Flavour none with an empty body.
-constexpr opaque_auth __brix_null_auth = {kAuthNone, nullptr, 0};
+inline constexpr opaque_auth __brix_null_auth = {kAuthNone, nullptr, 0};
 
 struct rpc_call_message {
   unsigned long transaction;  // 32 bits on the wire, as the other longs

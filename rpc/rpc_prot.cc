@@ -1,5 +1,7 @@
 #include "rpc/rpc_prot.h"
 
+#include <iterator>
+
 #include "rpc/clnt.h"
 #include "rpc/xdr_compound.h"
 
@@ -52,29 +54,15 @@ void set_failed(rpc_err* error, long s1, long s2) {
 }
 
 void set_accepted(const rpc_accepted_reply& reply, rpc_err* error) {
-  switch (reply.state) {
-    case kAcceptSuccess:
-      error->status = RPC_SUCCESS;
-      break;
-    case kAcceptProgramUnavailable:
-      error->status = RPC_PROGUNAVAIL;
-      break;
-    case kAcceptProgramMismatch:
-      error->status = RPC_PROGVERSMISMATCH;
-      error->versions = reply.versions;
-      break;
-    case kAcceptProcedureUnavailable:
-      error->status = RPC_PROCUNAVAIL;
-      break;
-    case kAcceptGarbageArguments:
-      error->status = RPC_CANTDECODEARGS;
-      break;
-    case kAcceptSystemError:
-      error->status = RPC_SYSTEMERROR;
-      break;
-    default:
-      set_failed(error, kReplyAccepted, reply.state);
+  // By rpc_accept_state.
+  constexpr clnt_stat kStatuses[] = {RPC_SUCCESS,     RPC_PROGUNAVAIL,    RPC_PROGVERSMISMATCH,
+                                     RPC_PROCUNAVAIL, RPC_CANTDECODEARGS, RPC_SYSTEMERROR};
+  if (reply.state < 0 || reply.state >= std::ssize(kStatuses)) {
+    set_failed(error, kReplyAccepted, reply.state);
+    return;
   }
+  error->status = kStatuses[reply.state];
+  if (reply.state == kAcceptProgramMismatch) error->versions = reply.versions;
 }
 
 void set_denied(const rpc_denied_reply& reply, rpc_err* error) {

@@ -30,17 +30,23 @@ void free_list(Node** head) {
   }
 }
 
-// Lowest slot first, and none beyond those that were used.
+void destroy_transport(rpc_server_transport** slot) {
+  rpc_server_transport* transport = *slot;
+  if (transport == nullptr) return;
+  *slot = nullptr;
+  free(transport->extra);
+  transport->extra = nullptr;
+  transport->destroy(transport);
+}
+
+// Lowest slot first.
 void destroy_server_transports(rpc_t_varp* block) {
-  for (int32_t slot = 0; slot < block->transports_end; ++slot) {
-    rpc_server_transport* transport = block->transports[slot];
-    if (transport == nullptr) continue;
-    block->transports[slot] = nullptr;
-    free(transport->extra);
-    transport->extra = nullptr;
-    transport->destroy(transport);
+  for (rpc_server_transport**& group : block->transports) {
+    if (group == nullptr) continue;
+    for (int32_t slot = 0; slot < kServerTransportGroup; ++slot) destroy_transport(&group[slot]);
+    free(group);
+    group = nullptr;
   }
-  free(block->transports);
 }
 
 }  // namespace
@@ -87,14 +93,12 @@ void rpc_set_createerr(clnt_stat status, int32_t error_number) {
 
 bool rpc_set_server_transport(int32_t descriptor, rpc_server_transport* transport) {
   if (descriptor < 0 || descriptor >= kServerTransportSlots) return false;
-  rpc_t_varp* block = get_rpc_t_varp();
-  if (block->transports == nullptr) {
-    block->transports =
-        static_cast<rpc_server_transport**>(calloc(kServerTransportSlots, sizeof(void*)));
-    if (block->transports == nullptr) return false;
+  rpc_server_transport**& group = get_rpc_t_varp()->transports[descriptor / kServerTransportGroup];
+  if (group == nullptr) {
+    group = static_cast<rpc_server_transport**>(calloc(kServerTransportGroup, sizeof(void*)));
+    if (group == nullptr) return false;
   }
-  block->transports[descriptor] = transport;
-  if (descriptor >= block->transports_end) block->transports_end = descriptor + 1;
+  group[descriptor % kServerTransportGroup] = transport;
   return true;
 }
 

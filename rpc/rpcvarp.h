@@ -15,6 +15,7 @@ struct vx_mutex;
 
 constexpr size_t kRpcTextSize = 18432;            // bytes of an error's text
 constexpr int32_t kServerTransportSlots = 65536;  // one for each descriptor
+constexpr int32_t kServerTransportGroup = 256;    // slots that come into being together
 
 /// One answer of a port mapper.
 struct rpc_port_entry {
@@ -40,13 +41,13 @@ struct rpc_server_transport {
 /// What the runtime keeps for each thread; zeroed at first.
 struct rpc_t_varp {
   rpc_createerr create_error;
-  char text[kRpcTextSize];            // c_perror.h
-  rpc_port_entry* port_cache;         // newest first; owned, each from malloc
-  int32_t port_cache_read;            // 1 once the environment was read into it
-  rpc_started_mapper* mappers;        // owned, each from malloc
-  rpc_server_transport** transports;  // kServerTransportSlots, by descriptor; null until
-                                      // the first; owned
-  int32_t transports_end;             // one past the highest slot ever used
+  char text[kRpcTextSize];      // c_perror.h
+  rpc_port_entry* port_cache;   // newest first; owned, each from malloc
+  int32_t port_cache_read;      // 1 once the environment was read into it
+  rpc_started_mapper* mappers;  // owned, each from malloc
+  // By descriptor, in groups: a group is null until one of its slots is used, so that
+  // making and releasing the block touches little else. All owned, the groups from malloc.
+  rpc_server_transport** transports[kServerTransportSlots / kServerTransportGroup];
 };
 
 /// What the runtime keeps for the process.

@@ -1,14 +1,13 @@
 #include "rpc/rpcvarp.h"
 
-#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
 
-#include <cerrno>
+#include <thread>
+#include <vector>
 
-#include "liblocal/vx_mutex.h"
-#include "rpc/common.h"
+#include "liblocal/vx_threadstorage.h"
 #include "tests/failing_malloc.h"
-#include "tests/lab.h"
-#include "tests/threads.h"
 
 namespace {
 
@@ -33,9 +32,7 @@ TEST(RpcVarp, ReleasesWhatAThreadUsed) {
   destroyed.clear();
   std::thread([] {
     rpc_t_varp* block = get_rpc_t_varp();
-    EXPECT_EQ(get_rpc_t_varp(), block);
-    EXPECT_EQ(__get_rpc_createerr(), &block->create_error);
-    for (int slot : {65535, 3, 70})
+    for (int slot : {65535, 3, 255, 256})
       EXPECT_TRUE(rpc_set_server_transport(slot, new_transport(slot)));
     for (int slot : {-1, 65536}) EXPECT_FALSE(rpc_set_server_transport(slot, nullptr));
     for (int i = 0; i < 3; ++i) {
@@ -44,36 +41,27 @@ TEST(RpcVarp, ReleasesWhatAThreadUsed) {
       block->mappers =
           new (malloc(sizeof(rpc_started_mapper))) rpc_started_mapper{5, block->mappers};
     }
-  }).join();
-  EXPECT_EQ(destroyed, (std::vector{3, 70, 65535}));
-}
-
-TEST(RpcVarp, ReportsTransportsWithoutMemory) {
-  std::thread([] {
-    get_rpc_t_varp();
     FailingMalloc nothing(0);
-    EXPECT_FALSE(rpc_set_server_transport(3, nullptr));
+    EXPECT_FALSE(rpc_set_server_transport(1000, nullptr));
   }).join();
+  EXPECT_EQ(destroyed, (std::vector{3, 255, 256, 65535}));
 }
 
-TEST(RpcVarp, KeepsTwoLocksForTheProcess) {
-  rpc_p_varp* block = get_rpc_p_varp();
-  in_threads(4, [block](int) { EXPECT_EQ(get_rpc_p_varp(), block); });
-  EXPECT_EQ(Global_rpc_p_varp.load(), block);
-  EXPECT_EQ(vx_mutex_lock(block->lock), 0);
-  EXPECT_EQ(vx_mutex_lock(block->transport_lock), 0);
-  EXPECT_EQ(vx_mutex_unlock(block->transport_lock), 0);
-  EXPECT_EQ(vx_mutex_unlock(block->lock), 0);
-  EXPECT_EQ(block->pmap_cache_off, 0);
-}
-
-TEST(RpcCommon, KnowsDescriptors) {
-  EXPECT_GT(__brix_rpc_dtablesize(), 2);
-  EXPECT_LE(__brix_rpc_dtablesize(), 65536);
-  int descriptor = open("/dev/null", O_RDONLY);
-  EXPECT_EQ(rpc_close(descriptor), 0);
-  EXPECT_EQ(rpc_close(descriptor), -1);
-  EXPECT_EQ(errno, EBADF);
+TEST(RpcVarp, TouchesOnlyWhatWasUsed) {
+  auto page_faults = [] {
+    rusage usage{};
+    getrusage(RUSAGE_THREAD, &usage);
+    return usage.ru_minflt;
+  };
+  std::thread([&] {
+    get_rpc_p_varp();
+    const long before = page_faults();
+    EXPECT_TRUE(rpc_set_server_transport(65535, nullptr));
+    rpc_t_clean(get_rpc_t_varp());
+    const long taken = page_faults() - before;
+    vx_threadstorage_set(Key_rpc_t_varp, nullptr);
+    EXPECT_LT(taken, 64);  // the slots alone would take 128 pages
+  }).join();
 }
 
 }  // namespace

@@ -42,5 +42,7 @@ constexpr xdr_ops kCountingOps = {
 }  // namespace
 
 void xdrcount_create(XDR* xdrs, uint64_t* bytes) {
-  *xdrs = {xdr_op::kEncode, &kCountingOps, nullptr, bytes, nullptr, 0};
+  xdrs->operation = xdr_op::kEncode;
+  xdrs->ops = &kCountingOps;
+  xdrs->private_word = bytes;
 }

@@ -1,22 +1,30 @@
-// The command and the RPC engine against a real port mapper on a second machine, and
-// their calls as an independent decoder reads them.
-#include <gmock/gmock.h>
+// The command and the RPC engine against port mappers of a second machine, a real one
+// among them, and their calls as an independent decoder reads them.
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <utility>
+
+#include "rpc/a_unix.h"
+#include "rpc/auth.h"
 #include "rpc/c_gen.h"
 #include "rpc/pmap.h"
 #include "rpc/rpcvarp.h"
 #include "tests/packets.h"
+#include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
 
 namespace {
 
+using lab::kLong;
+using lab::RpcServer;
+
 constexpr char kStation[] = "10.9.0.2";
+constexpr char kOwnAddress[] = "10.9.0.1";
 constexpr unsigned long kPmapSet = 1;
-constexpr timeval kLimit = {20, 0};
 
 // rpcbind, until the object goes.
 class RealPortMapper {
@@ -36,107 +44,164 @@ class RealPortMapper {
   pid_t process_;
 };
 
-// A client of the port mapper at 127.0.0.1, which alone may register programs.
-CLIENT* mapper_client() {
-  constexpr timeval kRetry = {0, 50000};  // until it has started
-  sockaddr_in server{};
-  server.sin_family = AF_INET;
-  server.sin_port = htons(kStandardMapperPort);
-  server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  int socket = -1;
-  return clntgen_create(&server, kPmapProgram, kPmapVersion, &kRetry, &socket, 0, 0);
-}
-
-class StationTest : public LabTest {
+class StationTest : public lab::ClientTest {
  protected:
   void SetUp() override {
     LabTest::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
     station_.emplace(std::vector<std::string>{kStation});
-    station_->inside([this] {
-      manager_.emplace(uint16_t{162}, kStation);
-      own_.emplace(7938, kStation, lab::port_mapper(0));
-    });
+    station_->inside([this] { manager_.emplace(uint16_t{162}, kStation); });
   }
 
-  static std::string send_trap() {
+  // The port at which a client of the station's program is made; 0 when it is not.
+  uint16_t look_up(const char* host, const char* transport = "udp", unsigned long program = 100122,
+                   unsigned long version = 0) {
+    destroy();
+    *__get_rpc_createerr() = {};
+    client_ = __brix_clnt_create(host, program, version, transport);
+    return client_ != nullptr ? ntohs(server().sin_port) : 0;
+  }
+
+  sockaddr_in server() {
+    sockaddr_in server{};
+    control(CLGET_SERVER_ADDR, &server);
+    return server;
+  }
+
+  static bool sends_wrapped_text(const char* host, lab::UdpReceiver* manager) {
     lab::Command command;
-    command.words = {KIVTRAP, "station"};
+    command.words = {KIVTRAP, host};
     command.input = std::string(38, 'x') + " wrapped\n";
     lab::Outcome outcome = lab::run(command);
-    return outcome.status == 0 ? outcome.err : "failed: " + outcome.err;
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.err, "");
+    std::string trap = manager->receive().value_or("");
+    EXPECT_TRUE(trap.ends_with("wrapped"));
+    return trap.ends_with("x\nwrapped");
+  }
+
+  // A client of the standard port mapper itself, on the machine that this is run on.
+  void connect_to_mapper(timeval retry = kLong) {
+    sockaddr_in server = lab::loopback(kStandardMapperPort);
+    int socket = -1;
+    client_ = clntgen_create(&server, kPmapProgram, kPmapVersion, &retry, &socket, 0, 0);
+    ASSERT_NE(client_, nullptr);
   }
 
   std::optional<lab::SecondHost> station_;
   std::optional<lab::UdpReceiver> manager_;
-  std::optional<lab::RpcServer> own_;
 };
 
-TEST_F(StationTest, ARealPortMapper) {
-  std::optional<RealPortMapper> mapper;
-  station_->inside([&] { mapper.emplace(); });
-  CLIENT* client = nullptr;
-  station_->inside([&] { client = mapper_client(); });
-  ASSERT_NE(client, nullptr);
-  ASSERT_EQ(
-      client->ops->call(client, 0, __brix_xdr_void, nullptr, __brix_xdr_void, nullptr, kLimit),
-      RPC_SUCCESS);
+// Asked by the command and through the interface.
+TEST_F(StationTest, AnswersOfTheTwoMappers) {
+  const RpcServer::Script garbage = [](const std::string& request) {
+    return std::vector{lab::reply_to(request, "00000001 00000000 7FFFFFFF")};
+  };
+  const struct {
+    const char* title;
+    RpcServer::Script own, standard;
+    uint16_t port;
+    size_t standard_asked;
+    clnt_stat status, cause;
+  } cases[] = {
+      {"registered", lab::port_mapper(4711), lab::port_mapper(0), 4711, 0, RPC_SUCCESS,
+       RPC_SUCCESS},
+      {"nowhere", lab::port_mapper(0), lab::port_mapper(0), 0, 2, RPC_PROGNOTREGISTERED,
+       RPC_SUCCESS},
+      {"garbage", garbage, garbage, 0, 2, RPC_PMAPFAILURE, RPC_CANTDECODERES},
+  };
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.title);
+    std::optional<RpcServer> own, standard;
+    station_->inside([&] {
+      own.emplace(kOwnMapperPort, kStation, test.own);
+      standard.emplace(kStandardMapperPort, kStation, test.standard);
+    });
+    EXPECT_EQ(look_up("station"), test.port);
+    EXPECT_EQ(__get_rpc_createerr()->status, test.status);
+    EXPECT_EQ(__get_rpc_createerr()->cause.status, test.cause);
+    EXPECT_EQ(sends_wrapped_text("station", &*manager_), test.port != 0);
+    EXPECT_EQ(own->requests().size(), 2U);
+    EXPECT_EQ(standard->requests().size(), test.standard_asked);
+  }
+}
 
-  EXPECT_EQ(__brix_clnt_create("station", 100122, 0, "udp"), nullptr);
+TEST_F(StationTest, TheOwnAddressGoesToLoopback) {
+  RpcServer own(kOwnMapperPort, "127.0.0.1", lab::port_mapper(4711));
+  lab::UdpReceiver manager(162, kOwnAddress);
+  EXPECT_EQ(look_up(kOwnAddress), 4711);
+  EXPECT_EQ(ntohl(server().sin_addr.s_addr), INADDR_LOOPBACK);
+  EXPECT_TRUE(sends_wrapped_text(kOwnAddress, &manager));
+}
+
+TEST_F(StationTest, ARealPortMapper) {
+  std::optional<RpcServer> own;
+  std::optional<RealPortMapper> mapper;
+  station_->inside([&] {
+    own.emplace(kOwnMapperPort, kStation, lab::port_mapper(0));
+    mapper.emplace();
+    // From there alone programs may be registered. It is called until it has started.
+    connect_to_mapper({0, 50000});
+  });
+  ASSERT_EQ(
+      client_->ops->call(client_, 0, __brix_xdr_void, nullptr, __brix_xdr_void, nullptr, kLong),
+      RPC_SUCCESS);
+  CLIENT* registrar = std::exchange(client_, nullptr);
+  EXPECT_EQ(look_up("station"), 0);
   EXPECT_EQ(__get_rpc_createerr()->status, RPC_PROGNOTREGISTERED);
-  EXPECT_EQ(send_trap(), "");
-  EXPECT_TRUE(manager_->receive().value_or("").ends_with("x wrapped"));
+  EXPECT_FALSE(sends_wrapped_text("station", &*manager_));
 
   pmap registration = {100122, 0, IPPROTO_UDP, 4711};
   int32_t done = 0;
-  ASSERT_EQ(client->ops->call(client, kPmapSet, xdr_filter<__brix_xdr_pmap>, &registration,
-                              xdr_filter<__brix_xdr_bool>, &done, kLimit),
+  ASSERT_EQ(registrar->ops->call(registrar, kPmapSet, xdr_filter<__brix_xdr_pmap>, &registration,
+                                 xdr_filter<__brix_xdr_bool>, &done, kLong),
             RPC_SUCCESS);
   EXPECT_EQ(done, 1);
-  client->ops->destroy(client);
-
-  client = __brix_clnt_create("station", 100122, 0, "udp");
-  ASSERT_NE(client, nullptr);
-  sockaddr_in server{};
-  client->ops->control(client, CLGET_SERVER_ADDR, &server);
-  EXPECT_EQ(ntohs(server.sin_port), 4711);
-  client->ops->destroy(client);
-  EXPECT_EQ(send_trap(), "");
-  EXPECT_TRUE(manager_->receive().value_or("").ends_with("x\nwrapped"));
+  registrar->ops->destroy(registrar);
+  EXPECT_EQ(look_up("station"), 4711);
+  EXPECT_TRUE(sends_wrapped_text("station", &*manager_));
 
   // Look-ups for connections go over connections.
-  EXPECT_EQ(__brix_clnt_create("station", 100122, 0, "tcp"), nullptr);
+  EXPECT_EQ(look_up("station", "tcp"), 0);
   EXPECT_EQ(__get_rpc_createerr()->status, RPC_PROGNOTREGISTERED);
-  client = __brix_clnt_create("station", kPmapProgram, kPmapVersion, nullptr);
-  ASSERT_NE(client, nullptr);
-  client->ops->control(client, CLGET_SERVER_ADDR, &server);
-  EXPECT_EQ(ntohs(server.sin_port), kStandardMapperPort);
+  EXPECT_EQ(look_up("station", nullptr, kPmapProgram, kPmapVersion), kStandardMapperPort);
   EXPECT_EQ(
-      client->ops->call(client, 0, __brix_xdr_void, nullptr, __brix_xdr_void, nullptr, kLimit),
+      client_->ops->call(client_, 0, __brix_xdr_void, nullptr, __brix_xdr_void, nullptr, kLong),
       RPC_SUCCESS);
-  client->ops->destroy(client);
 }
 
 TEST_F(StationTest, AnIndependentDecoderReadsTheCalls) {
-  std::optional<lab::RpcServer> standard;
-  station_->inside([&] { standard.emplace(111, kStation, lab::port_mapper(0)); });
-  EXPECT_EQ(send_trap(), "");
+  RpcServer mapper(kStandardMapperPort, "127.0.0.1", lab::port_mapper(7));
+  connect_to_mapper();
+  pmap wanted = {100122, 0, IPPROTO_UDP, 0};
+  const gid_t groups[] = {7};
+  AUTH* system = __brix_authsys_create("box", 5, 6, 1, groups);
+  for (AUTH* auth : {client_->auth, system}) {
+    uint16_t port = 0;
+    client_->auth = auth;
+    EXPECT_EQ(client_->ops->call(client_, kPmapGetPort, xdr_filter<__brix_xdr_pmap>, &wanted,
+                                 xdr_filter<__brix_xdr_u_short>, &port, kLong),
+              RPC_SUCCESS);
+    EXPECT_EQ(port, 7);
+  }
+  system->ops->destroy(system);
   std::string capture = kCaptureHeader;
-  append_packet(&capture, own_->requests().at(0), 111);
-  append_packet(&capture, standard->requests().at(0), 111);
+  for (const std::string& request : mapper.requests()) append_packet(&capture, request, 111);
   lab::write_file("/run/calls.pcap", capture);
   lab::Command tshark;
   tshark.words = {"tshark", "-r", "/run/calls.pcap", "-T", "fields", "-E", "separator=|"};
   for (const char* field :
        {"rpc.msgtyp", "rpc.version", "rpc.program", "rpc.programversion", "rpc.procedure",
-        "rpc.auth.flavor", "rpc.auth.length", "portmap.prog", "portmap.version", "portmap.proto",
-        "portmap.port", "_ws.expert.message", "_ws.malformed"}) {
+        "rpc.auth.flavor", "rpc.auth.length", "rpc.auth.machinename", "rpc.auth.uid",
+        "rpc.auth.gid", "portmap.prog", "portmap.version", "portmap.proto", "portmap.port",
+        "_ws.expert.message", "_ws.malformed"}) {
     tshark.words.insert(tshark.words.end(), {"-e", field});
   }
   tshark.environment = {"HOME=/run"};
   // The decoder shows the version of the program twice.
-  const std::string row = "0|2|100000|2,2|3|0,0|0,0|100122|0|17|0||\n";
-  EXPECT_EQ(lab::run(tshark).out, row + row);
+  EXPECT_EQ(lab::run(tshark).out,
+            "0|2|100000|2,2|3|0,0|0,0||||100122|0|17|0||\n"
+            "0|2|100000|2,2|3|1,0|28,0|box|5|6,7|100122|0|17|0||\n");
 }
 
 }  // namespace
