@@ -23,16 +23,17 @@
 #include "rpc/x_rec.h"
 #include "tests/failing_calls.h"
 #include "tests/failing_malloc.h"
+#include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
 #include "tests/tcp_peer.h"
 
 namespace {
 
 using lab::fragment;
+using lab::kLong;
 using lab::TcpConnection;
 using lab::TcpPeer;
 
-constexpr timeval kLong = {20, 0};  // nothing waits so long
 constexpr timeval kShort = {0, 50000};
 constexpr timeval kNone = {0, 0};
 constexpr uint16_t kNobody = 9;        // a port
@@ -126,15 +127,8 @@ struct Watcher {
   }
 };
 
-class TcpTest : public LabTest {
+class TcpTest : public lab::ClientTest {
  protected:
-  void TearDown() override { destroy(); }
-
-  void destroy() {
-    if (client_ != nullptr) client_->ops->destroy(client_);
-    client_ = nullptr;
-  }
-
   void create(uint16_t port, int socket = -1, uint32_t size = 0) {
     destroy();
     sockaddr_in address = lab::loopback(port);
@@ -150,12 +144,6 @@ class TcpTest : public LabTest {
   clnt_stat call_with(xdrproc_t filter, void* arguments, timeval limit) {
     return client_->ops->call(client_, 7, filter, arguments, xdr_filter<__brix_xdr_int>, &result_,
                               limit);
-  }
-
-  // Calls procedure 7 with the argument 8.
-  clnt_stat call(timeval limit = kLong) {
-    int32_t argument = 8;
-    return call_with(xdr_filter<__brix_xdr_int>, &argument, limit);
   }
 
   // Sends kMuch bytes of arguments: at once, or in pieces that wait for the record's end.
@@ -183,10 +171,6 @@ class TcpTest : public LabTest {
     return status == RPC_SUCCESS && got.bytes == sent.bytes;
   }
 
-  bool control(uint32_t request, void* information) {
-    return client_->ops->control(client_, request, information);
-  }
-
   template <typename T>
   T get(uint32_t request) {
     T value{};
@@ -204,10 +188,8 @@ class TcpTest : public LabTest {
 
   // `got` and the record of it are `status` with `detail`.
   void expect(clnt_stat got, clnt_stat status, int32_t detail = 0) const {
-    rpc_err error{};
-    client_->ops->geterr(client_, &error);
-    EXPECT_TRUE(got == status && error.status == status && error.first_word == detail)
-        << got << ' ' << error.status << ' ' << error.first_word;
+    EXPECT_TRUE(got == status && error().status == status && error().first_word == detail)
+        << got << ' ' << error().status << ' ' << error().first_word;
   }
 
   bool is_non_blocking() const { return (fcntl(socket_, F_GETFL) & O_NONBLOCK) != 0; }
@@ -219,9 +201,7 @@ class TcpTest : public LabTest {
     return value;
   }
 
-  CLIENT* client_ = nullptr;
   int socket_ = -1;
-  int32_t result_ = 0;
 };
 
 TEST_F(TcpTest, CallsOnTheWire) {

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <system_error>
 
+#include "tests/rpc_client.h"
+
 namespace lab {
 namespace {
 
@@ -16,14 +18,6 @@ void require(bool done, const char* what) {
 }
 
 }  // namespace
-
-sockaddr_in loopback(uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
 
 TcpConnection::~TcpConnection() { close(socket_); }
 

@@ -1,8 +1,6 @@
 // A scripted TCP server for tests.
 #pragma once
 
-#include <netinet/in.h>
-
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -57,8 +55,5 @@ class TcpPeer {
 
 /// `bytes` as one fragment.
 std::string fragment(const std::string& bytes, bool last = true);
-
-/// `port` of 127.0.0.1.
-sockaddr_in loopback(uint16_t port);
 
 }  // namespace lab
