@@ -197,15 +197,16 @@ TEST_F(RecordTest, FailedSends) {
   pipe_.room = SIZE_MAX;
   ASSERT_TRUE(put("sent") && end());
   EXPECT_EQ(to_hex(pipe_.outgoing()), to_hex(fragment("wait") + fragment("sent")));
-  // A part left: nothing can follow.
-  pipe_.room = 3;
-  ASSERT_TRUE(put("half"));
-  EXPECT_FALSE(end());
-  EXPECT_TRUE(xdrrec_is_broken(&xdrs_));
-  pipe_.room = SIZE_MAX;
-  ASSERT_TRUE(put("none"));
-  EXPECT_FALSE(end());
-  EXPECT_FALSE(skip());
+  // A part left, of a fragment or of a record: nothing can follow.
+  for (size_t room : {3, 100}) {
+    make(100);
+    pipe_.room = room;
+    EXPECT_FALSE(put(letters(200)) || end());
+    EXPECT_TRUE(xdrrec_is_broken(&xdrs_));
+    pipe_.room = SIZE_MAX;
+    EXPECT_TRUE(put("none"));
+    EXPECT_FALSE(end() || skip());
+  }
 }
 
 TEST_F(RecordTest, PositionsAndInlineStayInTheFragment) {

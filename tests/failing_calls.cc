@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace failing_calls {
@@ -22,7 +23,8 @@ using namespace failing_calls;
 
 namespace {
 
-bool is_refused(Refusal& calls) {
+bool is_refused(Refusal& calls, int buffers = 0) {
+  calls.most = std::max(calls.most.load(), buffers);
   if (calls.left <= 0) return false;
   --calls.left;
   errno = calls.error;
@@ -49,11 +51,12 @@ int __wrap_connect(int socket, const sockaddr* address, socklen_t length) {
 }
 
 ssize_t __wrap_readv(int descriptor, const iovec* buffers, int count) {
-  return is_refused(reads) ? -1 : __real_readv(descriptor, buffers, count);
+  return is_refused(reads, count) ? -1 : __real_readv(descriptor, buffers, count);
 }
 
 ssize_t __wrap_sendmsg(int socket, const msghdr* message, int flags) {
-  return is_refused(writes) ? -1 : __real_sendmsg(socket, message, flags);
+  const auto buffers = static_cast<int>(message->msg_iovlen);
+  return is_refused(writes, buffers) ? -1 : __real_sendmsg(socket, message, flags);
 }
 
 int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* exceptional, timeval* timeout) {

@@ -10,6 +10,7 @@ namespace failing_calls {
 struct Refusal {
   std::atomic<int> left;   // so many of the next calls fail
   std::atomic<int> error;  // with this
+  std::atomic<int> most;   // buffers of one call until now
 };
 
 /// A connect that fails with EINTR goes on by itself, as the platform's does.
