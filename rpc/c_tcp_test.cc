@@ -179,9 +179,8 @@ class TcpTest : public lab::ClientTest {
   }
 
   // Without a watcher, no more.
-  void watch(Watcher* watcher) {
-    timeval limit = kLong;
-    rpc_wait waiting = {{0, 1000}, Watcher::function, watcher};
+  void watch(Watcher* watcher, timeval step = {0, 1000}, timeval limit = kLong) {
+    rpc_wait waiting = {step, Watcher::function, watcher};
     EXPECT_TRUE(control(CLSET_TIMEOUT, &limit) &&
                 control(CLSET_WAIT_FUNCTION, watcher != nullptr ? &waiting : nullptr));
   }
@@ -340,6 +339,8 @@ TEST_F(TcpTest, EncodingAndAuthentication) {
 
 TEST_F(TcpTest, TimeLimits) {
   TcpPeer peer([](TcpConnection& connection) {
+    (void)connection.read_record();
+    connection.send(wire(kAnswer, *connection.read_record()));
     const std::string late = wire(kAnswer, *connection.read_record());
     connection.send(late.substr(0, 9));
     (void)connection.read_record();
@@ -347,11 +348,19 @@ TEST_F(TcpTest, TimeLimits) {
     all_with(kOther)(connection);
   });
   connect(peer);
-  expect(call(kShort), RPC_TIMEDOUT);  // within the reply
+  expect(call(kShort), RPC_TIMEDOUT);
   EXPECT_EQ(get<rpc_wait>(CLGET_WAIT_FUNCTION).step.tv_usec, kShort.tv_usec);
-  expect(call(kNone), RPC_TIMEDOUT);  // sent, and not waited for
+  EXPECT_EQ(call(), RPC_SUCCESS);
+  expect(call(kShort), RPC_TIMEDOUT);  // within the reply
+  expect(call(kNone), RPC_TIMEDOUT);   // sent, and not waited for
   EXPECT_EQ(call(), RPC_SUCCESS) << "the rest of the late reply is dropped";
   EXPECT_EQ(result_, 7938);
+  TcpPeer silent(stall);
+  connect(silent);
+  Watcher watcher;
+  watch(&watcher, {0, 35000}, kShort);
+  expect(call(), RPC_TIMEDOUT);
+  EXPECT_EQ(watcher.before.tv_usec, kShort.tv_usec) << "the last step ends with the limit";
 }
 
 TEST_F(TcpTest, NothingProlongsTheWaitForAReply) {
@@ -414,9 +423,14 @@ TEST_F(TcpTest, FailuresOfWriting) {
   expect(send_much(kShort, 4000), RPC_CANTSEND, ETIMEDOUT);  // at the end of the record
   connect(stalled);
   Watcher watcher;
-  watcher.left = 6;
+  watcher.left = 1;
   watch(&watcher);
-  EXPECT_EQ(send_much(kLong), RPC_CANCELLED);
+  expect(send_much(kLong, kXdrRecLargePut), RPC_CANCELLED);
+  EXPECT_EQ(watcher.calls, 2) << "after the first of many writes";
+  connect(stalled);
+  watcher.left = 8;
+  watch(&watcher);
+  expect(send_much(kLong), RPC_CANCELLED);
   char byte = 0;
   EXPECT_EQ(recv(socket_, &byte, 1, MSG_DONTWAIT), 0) << "the connection is shut down";
   watch(nullptr);
