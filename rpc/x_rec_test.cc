@@ -163,6 +163,7 @@ TEST_F(RecordTest, DelayedEnds) {
     EXPECT_EQ(pipe_.writes.empty(), delayed) << size;
     ASSERT_TRUE(xdrs_.ops->put_int64(&xdrs_, &next) && end());
     EXPECT_EQ(to_hex(pipe_.outgoing()), to_hex(fragment(letters(size)) + fragment("abcdefgh")));
+    EXPECT_EQ(pipe_.writes.size(), size == 0 ? 1U : 2U);
   }
   // An empty last fragment waits as well, one with data does not.
   make(160);
