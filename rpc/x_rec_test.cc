@@ -200,7 +200,7 @@ TEST_F(RecordTest, FailedSends) {
   ASSERT_TRUE(put("sent") && end());
   EXPECT_EQ(to_hex(pipe_.outgoing()), to_hex(fragment("wait") + fragment("sent")));
   // A part left, of a fragment or of a record: nothing can follow.
-  for (size_t room : {3, 100}) {
+  for (size_t room : {size_t{3}, size_t{100}}) {
     make(100);
     pipe_.room = room;
     EXPECT_FALSE(put(letters(200)) || end());
