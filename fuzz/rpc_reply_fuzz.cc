@@ -8,41 +8,12 @@
 #include "rpc/c_perror.h"
 #include "rpc/rpc_prot.h"
 #include "rpc/x_mem.h"
-#include "rpc/xdr_compound.h"
 #include "rpc/xdr_object.h"
+#include "tests/xdr_item.h"
 
 namespace {
 
-// Results that allocate in every way that there is.
-struct Results {
-  char* text;
-  uint32_t count;
-  char** texts;
-  uint32_t number_count;
-  uint64_t* numbers;
-  Results* next;
-  int32_t kind;
-  uint16_t port;
-};
-
-template <typename T>
-void** as_void(T** pointer) {
-  return reinterpret_cast<void**>(pointer);
-}
-
-bool results_filter(XDR* xdrs, Results* results) {
-  static const xdr_discrim kArms[] = {{1, xdr_arm<__brix_xdr_u_short>}, {0, nullptr}};
-  return __brix_xdr_wrapstring(xdrs, &results->text) &&
-         __brix_xdr_array(xdrs, as_void(&results->texts), &results->count, UINT32_MAX,
-                          sizeof(char*), xdr_filter<__brix_xdr_wrapstring>) &&
-         __brix_xdr_array(xdrs, as_void(&results->numbers), &results->number_count, UINT32_MAX,
-                          sizeof(uint64_t), xdr_filter<xdr_uint64_t>) &&
-         __brix_xdr_pointer(xdrs, as_void(&results->next), sizeof(Results),
-                            xdr_filter<results_filter>) &&
-         __brix_xdr_union(xdrs, &results->kind, &results->port, kArms, nullptr);
-}
-
-constexpr xdrproc_t kFilters[] = {xdr_filter<results_filter>, xdr_filter<__brix_xdr_u_short>,
+constexpr xdrproc_t kFilters[] = {xdr_filter<item_filter>, xdr_filter<__brix_xdr_u_short>,
                                   __brix_xdr_void};
 
 int32_t unknown(XDR* /*xdrs*/) { return kXdrRemainingUnknown; }
@@ -58,7 +29,7 @@ void decode(std::vector<uint8_t>& datagram, xdrproc_t filter, bool blind) {
     ops.get_inline = no_inline;
     in.ops = &ops;
   }
-  Results results = {};
+  Item results = {};
   rpc_reply_message reply = {};
   reply.accepted.results = &results;
   reply.accepted.results_filter = filter;

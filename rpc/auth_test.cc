@@ -1,7 +1,10 @@
 // The authentication flavours none and system, and the choice between them.
 #include "rpc/auth.h"
 
+#include <sys/syscall.h>
 #include <unistd.h>
+
+#include <thread>
 
 #include "rpc/a_none.h"
 #include "rpc/a_unix.h"
@@ -114,21 +117,28 @@ TEST(AuthSystem, TakesAShortCredentialUntilItIsRefused) {
 
 using AuthSystemDefault = LabTest;
 
-TEST_F(AuthSystemDefault, TellsTheProcess) {
-  gid_t groups[17];
-  int count = std::max(getgroups(16, groups), 0);
-  groups[count++] = getegid();
+// The supplementary groups of the calling thread, and those that are sent.
+void expect_groups(const std::vector<gid_t>& supplementary, const std::vector<gid_t>& sent) {
+  // The bare system call changes this thread alone.
+  ASSERT_EQ(syscall(SYS_setgroups, supplementary.size(), supplementary.data()), 0);
   Auth auth(__brix_authsys_create_default());
+  TestStream in({reinterpret_cast<char*>(auth->credential.body), auth->credential.length},
+                xdr_op::kDecode);
   authsys_parms own = {};
-  XDR xdrs;
-  __brix_xdrmem_create(&xdrs, auth->credential.body, static_cast<int32_t>(auth->credential.length),
-                       xdr_op::kDecode);
-  ASSERT_TRUE(__brix_xdr_authunix_parms(&xdrs, &own));
+  ASSERT_TRUE(__brix_xdr_authunix_parms(in.get(), &own));
   EXPECT_STREQ(own.machine_name, lab::kHostName);
   EXPECT_EQ(own.uid, static_cast<int32_t>(getuid()));
   EXPECT_EQ(own.gid, static_cast<int32_t>(getgid()));
-  EXPECT_TRUE(std::equal(groups, groups + count, own.groups, own.groups + own.group_count));
+  EXPECT_EQ(std::vector(own.groups, own.groups + own.group_count), sent);
   __brix_xdr_free(xdr_filter<__brix_xdr_authunix_parms>, &own);
+}
+
+TEST_F(AuthSystemDefault, TellsTheProcess) {
+  if (!lab::has_users()) return skip("the host lends no groups");
+  std::thread([] {
+    expect_groups({7, 8, 9}, {7, 8, 9, getegid()});
+    expect_groups(std::vector<gid_t>(17, 7), {getegid()});  // more than can be sent
+  }).join();
 }
 
 // A client of which only the answer to the question about methods is seen.

@@ -34,7 +34,7 @@ class CreateTest : public lab::ClientTest {
 TEST_F(CreateTest, OwnNamesGoToLoopback) {
   lab::RpcServer mapper(7938, "127.0.0.1", lab::port_mapper(4711));
   for (const char* host :
-       {static_cast<const char*>(nullptr), "", "lab-host", "127.0.0.1", "localhost", "  manager"}) {
+       {static_cast<const char*>(nullptr), "", "lab-host", "127.0.0.1", "192.0.2.1", "  manager"}) {
     SCOPED_TRACE(testing::PrintToString(host));
     client_ = __brix_clnt_create(host, 100122, 0, "UdP");
     ASSERT_NE(client_, nullptr);

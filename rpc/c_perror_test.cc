@@ -35,6 +35,7 @@ TEST(RpcTexts, TellsTheDetail) {
        "RPC program or version mismatch; low version = 4, high version = 18446744073709551615"},
       {failed(RPC_AUTHERROR), "Authentication error; why = Authentication OK"},
       {failed(RPC_AUTHERROR, 7), "Authentication error; why = Failed (unspecified error)"},
+      {failed(RPC_AUTHERROR, 8), "Authentication error; why = (unknown authentication error - 8)"},
       {failed(RPC_AUTHERROR, -1),
        "Authentication error; why = (unknown authentication error - -1)"},
       {failed(RPC_FAILED, 1, 6), "Failed (unspecified error)"},

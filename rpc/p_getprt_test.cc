@@ -103,17 +103,23 @@ TEST_F(PortTest, WhatTheEnvironmentKnowsHoldsForThisHostAlone) {
   start_with("{390113,2,17,7937}{390113,3,17,0}");
   EXPECT_EQ(ask("127.0.0.1", kService, 2, IPPROTO_UDP), 7937);
   EXPECT_THAT(own.requests(), IsEmpty());
-  EXPECT_EQ(ask("127.0.0.2", kService, 2, IPPROTO_UDP), 6);
-  EXPECT_EQ(ask("127.0.0.2", kService, 2, IPPROTO_UDP), 6);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(ask("127.0.0.2", kService, 2, IPPROTO_UDP), 6);
   EXPECT_THAT(remote.requests(), SizeIs(2));
   EXPECT_EQ(ask("127.0.0.1", kService, 1, IPPROTO_UDP), 5);
   EXPECT_EQ(ask("127.0.0.1", kService, 3, IPPROTO_UDP), 5);
   EXPECT_THAT(cache(), SizeIs(2));  // nothing over UDP is added
+  disable_cacheable_pmap();
+  EXPECT_EQ(ask("127.0.0.1", kService, 2, IPPROTO_UDP), 5);
+  populate_pmaps(kService, 2, IPPROTO_TCP, 10, 1);
+  EXPECT_THAT(cache(), SizeIs(2));
+  get_rpc_p_varp()->pmap_cache_off = 0;  // there is no other way back
 }
 
 TEST_F(PortTest, TheOwnMappersAnswerIsKept) {
   const sockaddr_in address = lab::loopback(7938);
   int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+  const int on = 1;
+  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   ASSERT_EQ(listen(listener, 1), 0);
   std::thread mapper([listener] {
@@ -183,17 +189,6 @@ TEST_F(PortTest, CacheAndExport) {
   constexpr size_t kGroup = sizeof "{390105,2000,6,65535}" - 1;
   EXPECT_EQ(value.size(), (12188 / kGroup + 1) * kGroup);
   EXPECT_TRUE(value.starts_with("{390105,2000,6,65535}{390105,1999,6,65535}"));
-}
-
-TEST_F(PortTest, CachesSwitchedOff) {
-  lab::RpcServer own(7938, "127.0.0.1", lab::port_mapper(5));
-  start_with("{390113,2,17,7937}");
-  disable_cacheable_pmap();
-  EXPECT_EQ(ask("127.0.0.1", kService, 2, IPPROTO_UDP), 5);
-  populate_pmaps(kService, 2, IPPROTO_TCP, 10, 1);
-  EXPECT_THAT(cache(), IsEmpty());
-  EXPECT_STREQ(getenv(kVariable), "{390113,2,17,7937}");
-  get_rpc_p_varp()->pmap_cache_off = 0;  // there is no other way back
 }
 
 }  // namespace

@@ -5,56 +5,10 @@
 #include <random>
 
 #include "rpc/xdr_object.h"
+#include "tests/xdr_item.h"
 #include "tests/xdr_streams.h"
 
 namespace {
-
-// One of everything, as a user of the library writes it.
-struct Item {
-  char* name;
-  uint32_t data_size;
-  uint8_t* data;
-  uint32_t name_count;
-  char** names;
-  uint32_t number_count;
-  int32_t* numbers;
-  int64_t* always;
-  Item* optional;
-  int32_t kind;  // 1: number, 2: text
-  struct {
-    uint16_t number;
-    char* text;
-  } of;
-  uint64_t pair[2];
-};
-
-bool item_filter(XDR* xdrs, Item* item);
-
-template <typename T>
-void** as_void(T** pointer) {
-  return reinterpret_cast<void**>(pointer);
-}
-
-bool text_arm(XDR* xdrs, void* object, int32_t discriminant) {
-  auto* of = static_cast<decltype(Item::of)*>(object);
-  return discriminant == 2 && __brix_xdr_string(xdrs, &of->text, 20);
-}
-
-bool item_filter(XDR* xdrs, Item* item) {
-  static const xdr_discrim kArms[] = {{1, xdr_arm<__brix_xdr_u_short>}, {0, nullptr}};
-  return __brix_xdr_string(xdrs, &item->name, 30) &&
-         __brix_xdr_bytes(xdrs, &item->data, &item->data_size, 30) &&
-         __brix_xdr_array(xdrs, as_void(&item->names), &item->name_count, 5, sizeof(char*),
-                          xdr_filter<__brix_xdr_wrapstring>) &&
-         __brix_xdr_array(xdrs, as_void(&item->numbers), &item->number_count, 20, sizeof(int32_t),
-                          xdr_filter<__brix_xdr_int>) &&
-         __brix_xdr_reference(xdrs, as_void(&item->always), sizeof(int64_t),
-                              xdr_filter<xdr_int64_t>) &&
-         __brix_xdr_pointer(xdrs, as_void(&item->optional), sizeof(Item),
-                            xdr_filter<item_filter>) &&
-         __brix_xdr_union(xdrs, &item->kind, &item->of, kArms, text_arm) &&
-         __brix_xdr_vector(xdrs, item->pair, 2, sizeof(uint64_t), xdr_filter<xdr_uint64_t>);
-}
 
 constexpr xdrproc_t kItem = xdr_filter<item_filter>;
 
@@ -64,19 +18,16 @@ class Generator {
   explicit Generator(unsigned seed) : random_(seed) {}
 
   std::string item(int depth = 0) {
-    std::string all = bytes(below(31)) + bytes(below(31));
+    std::string all = bytes(below(31));
     uint32_t count = below(6);
     all += unit(count);
     while (count-- > 0) all += bytes(below(9));
     count = below(21);
     all += unit(count);
-    while (count-- > 0) all += unit(random_());
-    all += unit(random_()) + unit(random_());
+    for (uint32_t i = 0; i < 2 * count + 2; ++i) all += unit(random_());
     bool optional = depth < 3 && below(2) == 1;
     all += unit(optional ? 1 : 0) + (optional ? item(depth + 1) : "");
-    all += below(2) == 1 ? unit(1) + unit(below(65536)) : unit(2) + bytes(below(21));
-    for (int i = 0; i < 4; ++i) all += unit(random_());
-    return all;
+    return all + (below(2) == 1 ? unit(1) + unit(below(65536)) : unit(2) + bytes(below(21)));
   }
 
  private:
@@ -86,9 +37,8 @@ class Generator {
     return {reinterpret_cast<char*>(&swapped), sizeof swapped};
   }
   std::string bytes(uint32_t count) {
-    std::string all = unit(count);
-    for (uint32_t i = 0; i < count; ++i) all += static_cast<char>('a' + below(26));
-    return all + std::string(xdr_padding(count), '\0');
+    return unit(count) + std::string(count, static_cast<char>('a' + below(26))) +
+           std::string(xdr_padding(count), '\0');
   }
   std::mt19937 random_;
 };

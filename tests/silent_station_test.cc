@@ -1,4 +1,5 @@
-// Port mappers that do not answer: the waits are fixed, so all cases run at once.
+// Port mappers of every kind. The waits for silent ones are fixed, so all cases run at
+// once.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -17,7 +18,7 @@ using SilentStationTest = LabTest;
 // A station on the second machine, asked by the command and through the interface.
 struct Station {
   const char* address;
-  lab::RpcServer::Script own, standard;
+  lab::RpcServer::Script own, standard;  // null: nobody listens
   bool registered;
   clnt_stat status, cause;    // of the creation error
   std::chrono::seconds wait;  // at least
@@ -28,6 +29,9 @@ TEST_F(SilentStationTest, EachMapperGetsOneDatagramAnd25Seconds) {
     request[0] ^= 1;
     return std::vector{lab::success_to(request, "00000017")};
   };
+  const lab::RpcServer::Script garbage = [](const std::string& request) {
+    return std::vector{lab::reply_to(request, "00000001 00000000 7FFFFFFF")};
+  };
   const Station stations[] = {
       {"10.9.0.2", lab::silence, lab::silence, false, RPC_PMAPFAILURE, RPC_TIMEDOUT, 50s},
       {"10.9.0.3", lab::silence, lab::port_mapper(4711), true, RPC_PMAPFAILURE, RPC_TIMEDOUT, 25s},
@@ -35,10 +39,19 @@ TEST_F(SilentStationTest, EachMapperGetsOneDatagramAnd25Seconds) {
        25s},
       // Nobody listens: an ICMP message comes back, and changes nothing.
       {"10.9.0.5", nullptr, nullptr, false, RPC_PMAPFAILURE, RPC_TIMEDOUT, 50s},
+      {"10.9.0.6", lab::port_mapper(4711), nullptr, true, RPC_SUCCESS, RPC_SUCCESS, 0s},
+      {"10.9.0.7", lab::port_mapper(0), lab::port_mapper(0), false, RPC_PROGNOTREGISTERED,
+       RPC_SUCCESS, 0s},
+      {"10.9.0.8", garbage, garbage, false, RPC_PMAPFAILURE, RPC_CANTDECODERES, 0s},
   };
-  lab::SecondHost second({"10.9.0.2", "10.9.0.3", "10.9.0.4", "10.9.0.5"});
-  const std::string hosts = lab::read_file("/etc/hosts");
-  lab::write_file("/etc/hosts", hosts + "10.9.0.3 three\n10.9.0.4 four\n10.9.0.5 five\n");
+  std::vector<std::string> addresses;
+  std::string hosts = lab::read_file("/etc/hosts");
+  for (const Station& station : stations) {
+    addresses.emplace_back(station.address);
+    hosts += addresses.back() + " host" + addresses.back() + "\n";
+  }
+  lab::write_file("/etc/hosts", hosts);
+  lab::SecondHost second(addresses);
 
   std::vector<std::unique_ptr<lab::RpcServer>> mappers;
   std::vector<std::unique_ptr<lab::UdpReceiver>> managers;
@@ -47,6 +60,7 @@ TEST_F(SilentStationTest, EachMapperGetsOneDatagramAnd25Seconds) {
       managers.push_back(std::make_unique<lab::UdpReceiver>(162, station.address));
       if (station.own == nullptr) continue;
       mappers.push_back(std::make_unique<lab::RpcServer>(7938, station.address, station.own));
+      if (station.standard == nullptr) continue;
       mappers.push_back(std::make_unique<lab::RpcServer>(111, station.address, station.standard));
     }
   });
@@ -74,6 +88,7 @@ TEST_F(SilentStationTest, EachMapperGetsOneDatagramAnd25Seconds) {
     });
   }
   runs.clear();
+  // One datagram for each of the two.
   for (const auto& mapper : mappers) EXPECT_EQ(mapper->requests().size(), 2U);
   for (size_t i = 0; i < managers.size(); ++i) {
     std::string trap = managers[i]->receive().value_or("");
