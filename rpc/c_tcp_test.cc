@@ -658,6 +658,7 @@ TEST_F(TcpTest, SwitchesOfTheDebugDirectoryAndOfBufferSizes) {
                 "The environment variable KIV_SOCK_BUF_UNSET is set to 'Yes'. This overrides "
                 "default behavior");
   }
+  EXPECT_TRUE(unlink("/run/nowritev") == 0 && unlink("/run/noreadv") == 0);
 }
 
 // The peer is the host's port mapper, asked over TCP, and the program that it tells of.
