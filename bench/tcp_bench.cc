@@ -154,19 +154,23 @@ void tcp_call(benchmark::State& state) {
   }
 }
 
-// As the client waits: it looks, selects and reads.
+// Receives as the client waits: it looks, selects and reads.
+void receive(int fd, void* bytes, size_t size) {
+  while (recv(fd, bytes, size, MSG_DONTWAIT) < 0) {
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(fd, &readable);
+    timeval limit = kLimit;
+    select(fd + 1, &readable, nullptr, nullptr, &limit);
+  }
+}
+
 void tcp_call_floor(benchmark::State& state) {
   int fd = connect_as(kAnswerer);
   char bytes[4000] = {};
   for (auto _ : state) {
     require(write_all(fd, bytes, kCallSize));
-    while (recv(fd, bytes, sizeof bytes, MSG_DONTWAIT) < 0) {
-      fd_set readable;
-      FD_ZERO(&readable);
-      FD_SET(fd, &readable);
-      timeval limit = kLimit;
-      select(fd + 1, &readable, nullptr, nullptr, &limit);
-    }
+    receive(fd, bytes, sizeof bytes);
   }
   close(fd);
 }
@@ -178,12 +182,7 @@ void send_much(benchmark::State& state) {
     char done = 0;
     xdrs->operation = xdr_op::kEncode;
     require(__brix_xdr_opaque(xdrs, much, kMuch) && __brix_xdrrec_endofrecord(xdrs, true));
-    while (recv(own.fd, &done, 1, 0) < 0) {
-      fd_set readable;
-      FD_ZERO(&readable);
-      FD_SET(own.fd, &readable);
-      select(own.fd + 1, &readable, nullptr, nullptr, nullptr);
-    }
+    receive(own.fd, &done, 1);
   }
 }
 

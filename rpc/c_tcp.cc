@@ -107,6 +107,15 @@ clnt_stat read_reply(TcpRecord* record, rpc_reply_message* reply) {
   }
 }
 
+// The same within the limit of the call, however much else arrives.
+clnt_stat await_reply(TcpRecord* record, rpc_reply_message* reply) {
+  record->awaits_reply = true;
+  record->reply_since = {0, 0};
+  clnt_stat status = read_reply(record, reply);
+  record->awaits_reply = false;
+  return status;
+}
+
 // Checks the verifier of an accepted reply and reads its results.
 void accept_reply(CLIENT* client, const Call& call, const rpc_reply_message& reply) {
   TcpRecord* record = tcp_record_of(client);
@@ -141,7 +150,7 @@ clnt_stat exchange(CLIENT* client, const Call& call, bool* told) {
     if (status != RPC_SUCCESS) return status;
     begin_one_call(record, told);
     rpc_reply_message reply;
-    status = read_reply(record, &reply);
+    status = await_reply(record, &reply);
     if (status != RPC_SUCCESS) return status;
     __brix_seterr_reply(&reply, &record->error);
     const bool accepted = record->error.status == RPC_SUCCESS;
@@ -167,11 +176,7 @@ clnt_stat tcp_call(CLIENT* client, unsigned long procedure, xdrproc_t arguments_
   TcpRecord* record = tcp_record_of(client);
   if (client->auth == nullptr) return tcp_finish(record, RPC_AUTHERROR, kAuthFailed);
   if (xdrrec_is_broken(&record->stream)) return tcp_finish(record, RPC_CANTSEND, EPIPE);
-  if (record->wait_state == kWaitOfCall) {
-    record->wait = timeout;
-    // A step that came with a wait function stays what the function was given for.
-    if (record->waiting.function == nullptr) record->waiting.step = timeout;
-  }
+  if (record->wait_state == kWaitOfCall) record->wait = record->waiting.step = timeout;
   if (client->auth->ops->needs_refresh(client->auth, record->confirmed, client) &&
       !client->auth->ops->refresh(client->auth)) {
     return record->error.status;

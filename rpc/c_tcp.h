@@ -1,13 +1,15 @@
 // Clients over TCP: calls over one connection, each message a record (x_rec.h).
 //
-// A call waits at most the time set with CLSET_TIMEOUT, else its own. The time counts
-// for each wait of the transport: while the peer keeps sending or taking bytes the
-// call goes on. A call with time zero and no results filter (null) is one-way: it
-// returns RPC_SUCCESS once its record is handed to the stream, and leaves with the
-// next call that is not (or when the buffer is full); what is left when the client is
-// destroyed is not sent. A call with time zero and a results filter is sent and comes
-// to RPC_TIMEDOUT. Replies to other calls are dropped. A refused call is repeated when
-// the authentication falls back or refreshes.
+// A call waits at most the time set with CLSET_TIMEOUT, else its own: for its reply in
+// all, whatever else arrives. While arguments leave and results come, the time begins
+// anew with every portion, so that much data has its time. The time of a call is its
+// wait step too, so a wait function with shorter steps wants CLSET_TIMEOUT. A call with
+// time zero and no results filter (null) is one-way: it returns RPC_SUCCESS once its
+// record is handed to the stream, and leaves with the next call that is not (or when
+// the buffer is full); what is left when the client is destroyed is not sent. A call
+// with time zero and a results filter is sent and comes to RPC_TIMEDOUT. Replies to
+// other calls are dropped. A refused call is repeated when the authentication falls
+// back or refreshes.
 //
 // A wait function is called before a read or write, after each wait step and at the
 // end. Its other answer than 0 ends the call with RPC_CANCELLED. Like a call that
@@ -31,8 +33,8 @@
 
 #include "rpc/clnt.h"
 
-/// Asked while a call waits: the time that this read or write has waited, the
-/// function's argument, the time of day. An answer other than 0 cancels the call.
+/// Asked while a call waits: the time that has counted towards its limit, the function's
+/// argument, the time of day. An answer other than 0 cancels the call.
 using rpc_wait_function = int32_t (*)(const timeval* elapsed, void* argument, const timeval* now);
 
 /// The information of CLSET_WAIT_FUNCTION and CLGET_WAIT_FUNCTION.

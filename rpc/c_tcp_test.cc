@@ -4,13 +4,11 @@
 #include <gmock/gmock.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <random>
 #include <semaphore>
 #include <thread>
@@ -19,45 +17,46 @@
 #include "rpc/a_unix.h"
 #include "rpc/auth.h"
 #include "rpc/auth_methods.h"
+#include "rpc/brsvport.h"
 #include "rpc/c_gen.h"
-#include "rpc/pmap.h"
 #include "rpc/rpcvarp.h"
 #include "rpc/x_rec.h"
+#include "tests/failing_calls.h"
 #include "tests/failing_malloc.h"
+#include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
 #include "tests/tcp_peer.h"
 
 namespace {
 
 using lab::fragment;
+using lab::kLong;
 using lab::TcpConnection;
 using lab::TcpPeer;
 
-constexpr timeval kLong = {20, 0};  // nothing waits so long
 constexpr timeval kShort = {0, 50000};
 constexpr timeval kNone = {0, 0};
+constexpr uint16_t kNobody = 9;        // a port
+constexpr uint32_t kMuch = 12 << 20;   // bytes that no socket keeps
+constexpr size_t kLargest = 20 << 20;  // bytes of the records that are sent both ways
+constexpr int kSmallRecords = 200;
 
-sockaddr_in loopback(uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
+// The bytes that `hex` stands for, ID being that of the call `request`.
+std::string wire(std::string hex, const std::string& request) {
+  const std::string id = to_hex(request.substr(0, 4));
+  for (size_t at = 0; (at = hex.find("ID")) != std::string::npos;) hex.replace(at, 2, id);
+  return from_hex(hex);
 }
 
-std::string answer_to(const std::string& request, const std::string& hex = "0000002A") {
-  return fragment(lab::success_to(request, hex));
-}
+constexpr char kAnswer[] = "8000001C ID 00000001 00000000 00000000 00000000 00000000 0000002A";
+constexpr char kOther[] = "8000001C ID 00000001 00000000 00000000 00000000 00000000 00001F02";
+constexpr char kRefusal[] = "80000014 ID 00000001 00000001 00000001 00000002";
 
-// Answers every call with 42.
-void answer_all(TcpConnection& connection) {
-  while (auto request = connection.read_record()) connection.send(answer_to(*request));
-}
-
-// Takes all that comes and answers nothing.
-void take_all(TcpConnection& connection) {
-  while (connection.read_record()) {
-  }
+// Answers every call with `answer`.
+TcpPeer::Script all_with(const char* answer) {
+  return [answer](TcpConnection& connection) {
+    while (auto request = connection.read_record()) connection.send(wire(answer, *request));
+  };
 }
 
 // Reads nothing until the client is gone.
@@ -66,588 +65,501 @@ void stall(TcpConnection& connection) {
   poll(&gone, 1, -1);
 }
 
-class TcpTest : public LabTest {
- protected:
-  void TearDown() override { destroy(); }
-
-  void destroy() {
-    if (client_ != nullptr) client_->ops->destroy(client_);
-    client_ = nullptr;
+// Uses `size` bytes in pieces of few and many; false once that fails.
+template <typename Use>
+bool in_pieces(std::mt19937& random, size_t size, Use use) {
+  for (size_t at = 0, piece; at < size; at += piece) {
+    piece = 1 + random() % (random() % 2 == 0 ? 100 : 1 + (size - at) / 4);
+    piece = std::min(piece, size - at);
+    if (!use(at, static_cast<uint32_t>(piece))) return false;
   }
+  return true;
+}
 
-  CLIENT* connect(const TcpPeer& peer, int socket = -1, uint32_t size = 0) {
+// Sends the bytes of every call back, cut at random into fragments and segments.
+void echo(TcpConnection& connection) {
+  std::mt19937 random(3);
+  while (auto request = connection.read_record()) {
+    const std::string reply = lab::success_to(*request, "") + request->substr(40);
+    std::string bytes;
+    in_pieces(random, reply.size(), [&](size_t at, uint32_t piece) {
+      bytes += fragment(reply.substr(at, piece), at + piece == reply.size());
+      return true;
+    });
+    in_pieces(random, bytes.size(),
+              [&](size_t at, uint32_t piece) { return connection.send(bytes.substr(at, piece)); });
+  }
+}
+
+// A count and as many bytes, put and got in pieces.
+bool pieces_filter(XDR* xdrs, std::string* data) {
+  static std::mt19937 random(7);
+  auto size = static_cast<int32_t>(data->size());
+  if (!__brix_xdr_int(xdrs, &size)) return false;
+  data->resize(static_cast<size_t>(size));
+  return in_pieces(random, data->size(), [&](size_t at, uint32_t piece) {
+    return xdrs->operation == xdr_op::kEncode
+               ? xdrs->ops->put_bytes(xdrs, data->data() + at, piece)
+               : xdrs->ops->get_bytes(xdrs, data->data() + at, piece);
+  });
+}
+
+// A wait function: cancels once it was called `left` times, and lets somebody go on at
+// every third call.
+struct Watcher {
+  int left = INT_MAX;
+  int calls = 0;
+  int restarts = 0;  // how often the time that was waited began anew
+  timeval before{};
+  std::counting_semaphore<> go{0};
+
+  static int32_t function(const timeval* elapsed, void* argument, const timeval* now) {
+    auto* self = static_cast<Watcher*>(argument);
+    EXPECT_TRUE(elapsed->tv_sec < kLong.tv_sec && now->tv_sec > 0);
+    if (timercmp(elapsed, &self->before, <)) ++self->restarts;
+    self->before = *elapsed;
+    if (++self->calls % 3 == 0) self->go.release();
+    return self->calls > self->left ? 1 : 0;
+  }
+};
+
+class TcpTest : public lab::ClientTest {
+ protected:
+  void create(uint16_t port, int socket = -1, uint32_t size = 0) {
     destroy();
-    sockaddr_in address = loopback(peer.port());
+    sockaddr_in address = lab::loopback(port);
     socket_ = socket;
     client_ = __brix_clnttcp_create(&address, 5, 6, &socket_, size, size);
-    EXPECT_NE(client_, nullptr);
-    return client_;
   }
 
-  // Calls procedure 7 with the argument 8.
-  clnt_stat call(timeval limit = kLong) {
-    int32_t argument = 8;
-    return client_->ops->call(client_, 7, xdr_filter<__brix_xdr_int>, &argument,
-                              xdr_filter<__brix_xdr_int>, &result_, limit);
+  void connect(const TcpPeer& peer, int socket = -1, uint32_t size = 0) {
+    create(peer.port(), socket, size);
+    ASSERT_NE(client_, nullptr);
   }
 
-  // Sends `bytes` bytes of arguments.
-  clnt_stat send_much(uint32_t bytes, timeval limit) {
-    std::string much(bytes, 'm');
-    auto* data = reinterpret_cast<uint8_t*>(much.data());
-    Bytes arguments = {data, bytes};
-    return client_->ops->call(client_, 7, xdr_filter<bytes_filter>, &arguments, __brix_xdr_void,
-                              nullptr, limit);
+  clnt_stat call_with(xdrproc_t filter, void* arguments, timeval limit) {
+    return client_->ops->call(client_, 7, filter, arguments, xdr_filter<__brix_xdr_int>, &result_,
+                              limit);
   }
 
-  struct Bytes {
-    uint8_t* data;
-    uint32_t size;
-  };
-  static bool bytes_filter(XDR* xdrs, Bytes* bytes) {
-    return __brix_xdr_bytes(xdrs, &bytes->data, &bytes->size, UINT32_MAX);
+  // Sends kMuch bytes of arguments: at once, or in pieces that wait for the record's end.
+  clnt_stat send_much(timeval limit, uint32_t piece = kMuch) {
+    auto filter = [](XDR* xdrs, void* size) {
+      static char much[kMuch];
+      const uint32_t each = *static_cast<uint32_t*>(size);
+      uint32_t left = kMuch;
+      while (left >= each && __brix_xdr_opaque(xdrs, much, each)) left -= each;
+      return left < each;
+    };
+    return call_with(filter, &piece, limit);
   }
 
-  bool control(uint32_t request, void* information) {
-    return client_->ops->control(client_, request, information);
+  // Whether `size` bytes, a multiple of 4, come back from a peer that echoes.
+  bool comes_back(size_t size) {
+    std::string sent(size, '\0');
+    for (size_t at = 0; at < size; at += 4) {
+      const uint32_t word = static_cast<uint32_t>(at) * 2654435761U;  // its place tells it
+      memcpy(sent.data() + at, &word, sizeof word);
+    }
+    std::string got;
+    clnt_stat status = client_->ops->call(client_, 7, xdr_filter<pieces_filter>, &sent,
+                                          xdr_filter<pieces_filter>, &got, kLong);
+    return status == RPC_SUCCESS && got == sent;
   }
 
-  rpc_err error() const {
-    rpc_err error{};
-    client_->ops->geterr(client_, &error);
-    return error;
+  template <typename T>
+  T get(uint32_t request) {
+    T value{};
+    EXPECT_TRUE(control(request, &value)) << request;
+    return value;
   }
 
-  void expect_error(clnt_stat status, int32_t detail) const {
-    EXPECT_EQ(error().status, status);
-    EXPECT_EQ(error().first_word, detail);
+  // Without a watcher, no more.
+  void watch(Watcher* watcher, timeval step = {0, 1000}, timeval limit = kLong) {
+    rpc_wait waiting = {step, Watcher::function, watcher};
+    EXPECT_TRUE(control(CLSET_TIMEOUT, &limit) &&
+                control(CLSET_WAIT_FUNCTION, watcher != nullptr ? &waiting : nullptr));
+  }
+
+  // `got` and the record of it are `status` with `detail`.
+  void expect(clnt_stat got, clnt_stat status, int32_t detail = 0) const {
+    EXPECT_TRUE(got == status && error().status == status && error().first_word == detail)
+        << got << ' ' << error().status << ' ' << error().first_word;
   }
 
   bool is_non_blocking() const { return (fcntl(socket_, F_GETFL) & O_NONBLOCK) != 0; }
 
-  CLIENT* client_ = nullptr;
+  int get_option(int level, int option) const {
+    int value = -1;
+    socklen_t length = sizeof value;
+    getsockopt(socket_, level, option, &value, &length);
+    return value;
+  }
+
   int socket_ = -1;
-  int32_t result_ = 0;
 };
 
-TEST_F(TcpTest, CallsCountTheirIdsDown) {
+TEST_F(TcpTest, CallsOnTheWire) {
   std::vector<std::string> requests;
   {
     TcpPeer peer([&requests](TcpConnection& connection) {
       while (auto request = connection.read_record()) {
         requests.push_back(*request);
-        connection.send(answer_to(*request));
+        if (request->size() > 40) connection.send(wire(kAnswer, *request));
       }
-    });
-    connect(peer);
-    for (int i = 0; i < 300; ++i) ASSERT_EQ(call(), RPC_SUCCESS);
-    destroy();
-  }
-  EXPECT_EQ(result_, 42);
-  ASSERT_EQ(requests.size(), 300U);
-  uint32_t id = 0;
-  for (const std::string& request : requests) {
-    EXPECT_EQ(to_hex(request.substr(4)),
-              "000000000000000200000005000000060000000700000000000000000000000000000000"
-              "00000008");
-    uint32_t now = 0;  // the first byte is the lowest
-    request.copy(reinterpret_cast<char*>(&now), sizeof now);
-    if (&request != &requests.front()) {
-      EXPECT_EQ(now, id - 1);
-    }
-    id = now;
-  }
-}
-
-TEST_F(TcpTest, RepliesInEveryShape) {
-  using Script = std::function<void(TcpConnection&, const std::string&)>;
-  const Script shapes[] = {
-      [](auto& peer, auto& request) {  // byte by byte
-        for (char byte : answer_to(request)) peer.send(std::string(1, byte));
-      },
-      [](auto& peer, auto& request) {  // a fragment for each byte
-        std::string fragments;
-        for (char byte : lab::success_to(request, "0000002A")) {
-          fragments += fragment(std::string(1, byte), false);
-        }
-        peer.send(fragments + fragment(""));
-      },
-      [](auto& peer, auto& request) {  // behind what nobody asked for, in one segment
-        std::string other = request;
-        other[0] = static_cast<char>(other[0] + 1);
-        const std::string body = from_hex("00000001000000000000000000000008") + "verifier";
-        peer.send(answer_to(other) + fragment(other.substr(0, 4) + body) + fragment("") +
-                  fragment("no reply") + answer_to(request) + answer_to(request));
-      },
-  };
-  for (const Script& shape : shapes) {
-    TcpPeer peer([&shape](TcpConnection& connection) {
-      while (auto request = connection.read_record()) shape(connection, *request);
     });
     connect(peer);
     for (int i = 0; i < 2; ++i) {
-      result_ = 0;
-      ASSERT_EQ(call(), RPC_SUCCESS);
-      EXPECT_EQ(result_, 42);
+      expect(client_->ops->call(client_, 7, nullptr, nullptr, nullptr, nullptr, kNone),
+             RPC_SUCCESS);
     }
-    destroy();
+    for (int i = 0; i < 300; ++i) ASSERT_EQ(call(), RPC_SUCCESS);
+  }
+  EXPECT_EQ(result_, 42);
+  ASSERT_EQ(requests.size(), 302U) << "one-way calls leave with the next";
+  uint32_t before = 0;
+  for (const std::string& request : requests) {
+    const bool one_way = &request < &requests[2];
+    EXPECT_EQ(to_hex(request.substr(4)),
+              "000000000000000200000005000000060000000700000000000000000000000000000000" +
+                  std::string(one_way ? "" : "00000008"));
+    uint32_t now = 0;  // the first byte is the lowest
+    request.copy(reinterpret_cast<char*>(&now), sizeof now);
+    EXPECT_TRUE(now == before - 1 || &request == &requests.front()) << "ids count down";
+    before = now;
   }
 }
 
-TEST_F(TcpTest, Failures) {
-  const std::string mismatch =
-      "00000001"
-      "00000000"
-      "00000000"
-      "00000000"
-      "00000002"
-      "00000003"
-      "00000004";
+TEST_F(TcpTest, WhatCallsComeTo) {
+  enum Then { kStay, kClose, kReset, kBeUrgent };
   const struct {
     const char* what;
-    TcpPeer::Script script;
+    std::string answer;
+    Then then;
     clnt_stat status;
     int32_t detail;
   } cases[] = {
-      {"closed", [](auto& peer) { (void)peer.read_record(); }, RPC_CANTRECV, ECONNRESET},
-      {"closed within a reply",
-       [](auto& peer) { peer.send(answer_to(*peer.read_record()).substr(0, 9)); }, RPC_CANTRECV,
-       ECONNRESET},
-      {"reset",
-       [](auto& peer) {
-         (void)peer.read_record();
-         peer.reset_at_end();
-       },
-       RPC_CANTRECV, ECONNRESET},
-      {"an exception",
-       [](auto& peer) {
-         (void)peer.read_record();
-         ::send(peer.socket(), "!", 1, MSG_OOB);
-         stall(peer);
-       },
-       RPC_CANTRECV, ECONNRESET},
-      {"a fragment too large",
-       [](auto& peer) {
-         (void)peer.read_record();
-         peer.send("\x7F\x7F\x7F\x7F");
-         stall(peer);
-       },
-       RPC_CANTRECV, ECONNRESET},
-      {"a reply of broken units",
-       [](auto& peer) {
-         (void)peer.read_record();
-         peer.send(fragment("odd"));
-         stall(peer);
-       },
-       RPC_CANTRECV, ECONNRESET},
-      {"results cut off",
-       [](auto& peer) {
-         peer.send(answer_to(*peer.read_record(), "0000"));
-         stall(peer);
-       },
+      {"closed", "", kClose, RPC_CANTRECV, ECONNRESET},
+      {"closed within a reply", "8000001C ID 00", kClose, RPC_CANTRECV, ECONNRESET},
+      {"reset", "", kReset, RPC_CANTRECV, ECONNRESET},
+      {"an exception", "", kBeUrgent, RPC_CANTRECV, ECONNRESET},
+      {"a fragment too large", "7F7F7F7F", kStay, RPC_CANTRECV, ECONNRESET},
+      {"broken units", "80000003 000000", kStay, RPC_CANTRECV, ECONNRESET},
+      {"results cut off", "80000018 ID 00000001 00000000 00000000 00000000 00000000", kStay,
        RPC_CANTDECODERES, 0},
       {"program mismatch",
-       [&mismatch](auto& peer) {
-         peer.send(fragment(lab::reply_to(*peer.read_record(), mismatch)));
-         stall(peer);
-       },
+       "80000020 ID 00000001 00000000 00000000 00000000 00000002 00000003 00000004", kStay,
        RPC_PROGVERSMISMATCH, 3},
-      {"credential refused",
-       [](auto& peer) {
-         peer.send(
-             fragment(lab::reply_to(*peer.read_record(), "00000001000000010000000100000002")));
-         stall(peer);
-       },
-       RPC_AUTHERROR, 2},
+      {"credential refused", kRefusal, kStay, RPC_AUTHERROR, 2},
+      {"behind a reply to another call, one that is cut off, nothing, and what is no reply",
+       "80000018 00000000 00000001 00000000 00000000 00000000 00000000"
+       "80000018 00000000 00000001 00000000 00000000 00000008 12345678 80000000 80000004 00000000" +
+           std::string(kAnswer),
+       kStay, RPC_SUCCESS, 0},
   };
-  for (const auto& [what, script, status, detail] : cases) {
-    SCOPED_TRACE(what);
-    TcpPeer peer(script);
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.what);
+    TcpPeer peer([&test](TcpConnection& connection) {
+      connection.send(wire(test.answer, *connection.read_record()));
+      if (test.then == kReset) connection.reset_at_end();
+      if (test.then == kBeUrgent) ::send(connection.socket(), "!", 1, MSG_OOB);
+      if (test.then == kStay || test.then == kBeUrgent) stall(connection);
+    });
     connect(peer);
-    EXPECT_EQ(call(), status);
-    expect_error(status, detail);
-    destroy();
+    expect(call(), test.status, test.detail);
   }
 }
 
-// Echoes the bytes of a call, cut at random into fragments and segments.
-TEST_F(TcpTest, EveryByteComesBackOnceAndInOrder) {
-  std::mt19937 random(3);
-  TcpPeer peer([&random](TcpConnection& connection) {
-    while (auto request = connection.read_record()) {
-      std::string reply = lab::success_to(*request, "") + request->substr(40);
-      std::string wire;
-      for (size_t at = 0; at < reply.size();) {
-        size_t piece = 1 + random() % (1 + reply.size() / 5);
-        wire += fragment(reply.substr(at, piece), at + piece >= reply.size());
-        at += piece;
-      }
-      for (size_t at = 0; at < wire.size();) {
-        size_t piece = 1 + random() % (1 + wire.size() / 5);
-        connection.send(wire.substr(at, piece));
-        at += piece;
-      }
+TEST_F(TcpTest, FailingSystemCalls) {
+  TcpPeer peer(all_with(kAnswer));
+  connect(peer);
+  const struct {
+    failing_calls::Refusal& calls;
+    clnt_stat status;
+  } cases[] = {{failing_calls::writes, RPC_CANTSEND}, {failing_calls::reads, RPC_CANTRECV}};
+  for (const auto& [calls, status] : cases) {
+    for (int passing : {EINTR, EAGAIN, ENOMEM, EINPROGRESS}) {
+      failing_calls::refuse(calls, passing, 3);
+      failing_calls::refuse(failing_calls::waits, EINTR);
+      ASSERT_EQ(call(), RPC_SUCCESS) << passing;
     }
-  });
-  for (uint32_t size : {0U, 1U, 3999U, 7999U, 8001U, 100003U, 3U << 20}) {
-    connect(peer, -1, 100 + size % 9000);
-    std::string data(size, '\0');
-    for (char& byte : data) byte = static_cast<char>(random());
-    Bytes arguments = {reinterpret_cast<uint8_t*>(data.data()), size};
-    Bytes results = {nullptr, 0};
-    ASSERT_EQ(client_->ops->call(client_, 7, xdr_filter<bytes_filter>, &arguments,
-                                 xdr_filter<bytes_filter>, &results, kLong),
-              RPC_SUCCESS);
-    EXPECT_TRUE(std::string(results.data, results.data + results.size) == data) << size;
-    EXPECT_TRUE(client_->ops->freeres(client_, xdr_filter<bytes_filter>, &results));
-    destroy();
+    failing_calls::refuse(calls, EIO);
+    expect(call(), status, EIO);
+    failing_calls::refuse(calls, EAGAIN);
+    failing_calls::refuse(failing_calls::waits, EBADF);
+    expect(call(), status, EBADF);
+    EXPECT_EQ(call(), RPC_SUCCESS);
+  }
+}
+
+TEST_F(TcpTest, EveryByteComesBackOnceAndInOrder) {
+  TcpPeer peer(echo);
+  std::mt19937 random(7);
+  std::vector<size_t> sizes = {0, kXdrRecLargePut, kXdrRecLargePut + 4, 1 << 20, kLargest};
+  for (int i = 0; i < kSmallRecords; ++i) sizes.push_back(random() % 5000 * 4);
+  for (size_t i = 0; i < sizes.size(); ++i) {
+    if (i % 20 == 0) connect(peer, -1, 100 + static_cast<uint32_t>(random() % 9000));
+    ASSERT_TRUE(comes_back(sizes[i])) << sizes[i];
   }
 }
 
 TEST_F(TcpTest, EncodingAndAuthentication) {
-  TcpPeer peer(answer_all);
+  TcpPeer peer([](TcpConnection& connection) {
+    connection.send(wire(kRefusal, *connection.read_record()));
+    all_with(kAnswer)(connection);
+  });
   connect(peer);
-  auto refuse = [](XDR*, void*) { return false; };
-  EXPECT_EQ(client_->ops->call(client_, 7, refuse, nullptr, __brix_xdr_void, nullptr, kLong),
-            RPC_CANTENCODEARGS);
-  EXPECT_EQ(call(), RPC_SUCCESS) << "the reply to what was encoded is dropped";
   AUTH* none = client_->auth;
+  client_->auth = __brix_authsys_create_default();
+  EXPECT_EQ(call(), RPC_SUCCESS);
+  EXPECT_EQ(client_->auth->credential.flavour, kAuthNone) << "it fell back";
+  EXPECT_EQ(get<int32_t>(CLGET_AUTH_CONFIRMED), 1);
+  auto refuse = [](XDR*, void*) { return false; };
+  EXPECT_EQ(call_with(refuse, nullptr, kLong), RPC_CANTENCODEARGS);
+  EXPECT_EQ(call(), RPC_SUCCESS) << "the reply to what was encoded is dropped";
   auth_ops picky = *none->ops;
   picky.validate = [](AUTH*, const opaque_auth*) { return false; };
   AUTH strict = *none;
   strict.ops = &picky;
   client_->auth = &strict;
-  EXPECT_EQ(call(), RPC_AUTHERROR);
-  expect_error(RPC_AUTHERROR, kAuthInvalidServerVerifier);
+  expect(call(), RPC_AUTHERROR, kAuthInvalidServerVerifier);
   picky.needs_refresh = [](AUTH*, bool, CLIENT*) { return true; };
   EXPECT_EQ(call(), RPC_AUTHERROR) << "the status of before";
   client_->auth = nullptr;
-  EXPECT_EQ(call(), RPC_AUTHERROR);
-  expect_error(RPC_AUTHERROR, kAuthFailed);
+  expect(call(), RPC_AUTHERROR, kAuthFailed);
   client_->auth = none;
   auto release = [](XDR* xdrs, void*) { return xdrs->operation == xdr_op::kFree; };
   EXPECT_TRUE(client_->ops->freeres(client_, release, nullptr));
-  client_->ops->abort(client_);
   EXPECT_EQ(call(), RPC_SUCCESS);
-}
-
-TEST_F(TcpTest, ARefusedCredentialFallsBack) {
-  TcpPeer peer([](TcpConnection& connection) {
-    std::string request = *connection.read_record();
-    connection.send(fragment(lab::reply_to(request, "00000001000000010000000100000002")));
-    answer_all(connection);
-  });
-  connect(peer);
-  client_->auth = __brix_authsys_create_default();
-  EXPECT_EQ(call(), RPC_SUCCESS);
-  EXPECT_EQ(client_->auth->credential.flavour, kAuthNone);
 }
 
 TEST_F(TcpTest, TimeLimits) {
-  std::binary_semaphore go(0);
-  TcpPeer peer([&go](TcpConnection& connection) {
-    std::string late = answer_to(*connection.read_record(), "00000001");
+  TcpPeer peer([](TcpConnection& connection) {
+    (void)connection.read_record();
+    connection.send(wire(kAnswer, *connection.read_record()));
+    const std::string late = wire(kAnswer, *connection.read_record());
     connection.send(late.substr(0, 9));
-    go.acquire();
+    (void)connection.read_record();
     connection.send(late.substr(9));
-    answer_all(connection);
+    all_with(kOther)(connection);
   });
   connect(peer);
-  EXPECT_EQ(call(kShort), RPC_TIMEDOUT) << "within the reply";
-  expect_error(RPC_TIMEDOUT, 0);
-  go.release();
-  EXPECT_EQ(call(), RPC_SUCCESS) << "the rest of it is dropped";
-  EXPECT_EQ(result_, 42);
-  EXPECT_EQ(call(kNone), RPC_TIMEDOUT) << "sent, and not waited for";
+  expect(call(kShort), RPC_TIMEDOUT);
+  EXPECT_EQ(get<rpc_wait>(CLGET_WAIT_FUNCTION).step.tv_usec, kShort.tv_usec);
   EXPECT_EQ(call(), RPC_SUCCESS);
-  timeval limit = kShort;
-  ASSERT_TRUE(control(CLSET_TIMEOUT, &limit));
-  EXPECT_EQ(call(kLong), RPC_SUCCESS);
-  EXPECT_TRUE(is_non_blocking());
+  expect(call(kShort), RPC_TIMEDOUT);  // within the reply
+  expect(call(kNone), RPC_TIMEDOUT);   // sent, and not waited for
+  EXPECT_EQ(call(), RPC_SUCCESS) << "the rest of the late reply is dropped";
+  EXPECT_EQ(result_, 7938);
+  TcpPeer silent(stall);
+  connect(silent);
+  Watcher watcher;
+  watch(&watcher, {0, 35000}, kShort);
+  expect(call(), RPC_TIMEDOUT);
+  EXPECT_EQ(watcher.before.tv_usec, kShort.tv_usec) << "the last step ends with the limit";
 }
 
-TEST_F(TcpTest, SignalsNeitherEndNorProlongAWait) {
-  TcpPeer peer(take_all);
-  connect(peer);
-  struct sigaction action {};
-  action.sa_handler = [](int) {};
-  struct sigaction before {};
-  sigaction(SIGUSR1, &action, &before);
-  pthread_t self = pthread_self();
-  std::jthread disturber([self](const std::stop_token& stop) {
-    while (!stop.stop_requested()) {
-      pthread_kill(self, SIGUSR1);
-      usleep(1000);
-    }
-  });
-  EXPECT_EQ(call({0, 30000}), RPC_TIMEDOUT);
-  disturber.request_stop();
-  disturber.join();
-  sigaction(SIGUSR1, &before, nullptr);
-}
-
-TEST_F(TcpTest, OneWayCallsLeaveWithTheNext) {
-  std::atomic<int> records = 0;
-  {
-    TcpPeer peer([&records](TcpConnection& connection) {
-      while (auto request = connection.read_record()) {
-        ++records;
-        if (request->size() > 40) connection.send(answer_to(*request));
+TEST_F(TcpTest, NothingProlongsTheWaitForAReply) {
+  // Signals, replies to another call, what is none, a record without end.
+  for (const char* flood : {"", "80000018 00000000 00000001 00000000 00000000 00000000 00000000",
+                            "80000004 00000000", "00000004 00000000"}) {
+    SCOPED_TRACE(flood);
+    TcpPeer peer([flood](TcpConnection& connection) {
+      std::string much = wire(flood, *connection.read_record());
+      for (int i = 0; i < 12; ++i) much += much;
+      while (!much.empty() && connection.send(much)) {
       }
+      stall(connection);
     });
     connect(peer);
-    for (int i = 0; i < 3; ++i) {
-      EXPECT_EQ(client_->ops->call(client_, 7, nullptr, nullptr, nullptr, nullptr, kNone),
-                RPC_SUCCESS);
-    }
-    EXPECT_EQ(call(), RPC_SUCCESS);
-    EXPECT_EQ(records, 4);
-    destroy();
+    failing_calls::refuse(failing_calls::waits, EINTR, *flood == '\0' ? INT_MAX : 0);
+    EXPECT_EQ(call(kShort), RPC_TIMEDOUT);
   }
 }
 
-// Cancels on its call number `left`, counting from 0.
-struct Canceller {
-  int left;
-  int calls = 0;
-  static int32_t function(const timeval* elapsed, void* argument, const timeval* now) {
-    EXPECT_TRUE(elapsed->tv_sec < 20 && now->tv_sec > 0);
-    auto* self = static_cast<Canceller*>(argument);
-    ++self->calls;
-    return self->left-- <= 0 ? 1 : 0;
-  }
-};
-
 TEST_F(TcpTest, CancellationAtEveryCallOfTheWaitFunction) {
-  TcpPeer peer(answer_all);
+  TcpPeer peer([](TcpConnection& connection) {
+    while (auto request = connection.read_record()) {
+      usleep(5000);  // some steps
+      connection.send(wire(kAnswer, *request));
+    }
+  });
   connect(peer);
   clnt_stat status = RPC_CANCELLED;
   int last = 0;
-  for (; last < 50 && status == RPC_CANCELLED; ++last) {
-    Canceller canceller = {last};
-    rpc_wait waiting = {{5, 0}, Canceller::function, &canceller};
-    ASSERT_TRUE(control(CLSET_WAIT_FUNCTION, &waiting));
+  for (; status == RPC_CANCELLED; ++last) {
+    Watcher watcher;
+    watcher.left = last;
+    watch(&watcher);
     status = call();
-    if (status == RPC_CANCELLED) {
-      EXPECT_EQ(canceller.calls, last + 1);
-    }
-    ASSERT_TRUE(control(CLSET_WAIT_FUNCTION, nullptr));
-    result_ = 0;
+    expect(status, watcher.calls > last ? RPC_CANCELLED : RPC_SUCCESS);
+    watch(nullptr);
     ASSERT_EQ(call(), RPC_SUCCESS) << "usable after cancelling " << last;
-    ASSERT_EQ(result_, 42);
   }
-  EXPECT_EQ(status, RPC_SUCCESS);
   EXPECT_GE(last, 4) << "before and after, for writing and for reading";
-}
-
-TEST_F(TcpTest, CancellationWhileWaiting) {
-  // Reading: the client stays usable.
-  TcpPeer silent([](TcpConnection& connection) {
-    (void)connection.read_record();
-    answer_all(connection);
-  });
-  connect(silent);
-  Canceller canceller = {6};
-  rpc_wait waiting = {{0, 1000}, Canceller::function, &canceller};
-  ASSERT_TRUE(control(CLSET_WAIT_FUNCTION, &waiting));
-  EXPECT_EQ(call(), RPC_CANCELLED);
-  expect_error(RPC_CANCELLED, 0);
-  ASSERT_TRUE(control(CLSET_WAIT_FUNCTION, nullptr));
-  EXPECT_EQ(call(), RPC_SUCCESS);
-
-  // Writing: a part of the record has left, and the connection with it.
-  TcpPeer stalled(stall);
-  connect(stalled);
-  canceller = {6};
-  ASSERT_TRUE(control(CLSET_WAIT_FUNCTION, &waiting));
-  EXPECT_EQ(send_much(12 << 20, kLong), RPC_CANCELLED);
-  ASSERT_TRUE(control(CLSET_WAIT_FUNCTION, nullptr));
-  EXPECT_EQ(call(), RPC_CANTSEND);
-  expect_error(RPC_CANTSEND, EPIPE);
-  destroy();
 }
 
 TEST_F(TcpTest, FailuresOfWriting) {
   TcpPeer stalled(stall);
   connect(stalled);
-  EXPECT_EQ(send_much(12 << 20, kShort), RPC_TIMEDOUT) << "while the arguments are encoded";
-  EXPECT_EQ(call(), RPC_CANTSEND);
-  destroy();
-  // At the end of a record it is a failed send.
-  connect(stalled, -1, 16 << 20);
-  int32_t argument = 0;
-  auto fill = [](XDR* xdrs, void* value) {
-    bool put = true;
-    for (int i = 0; i < 3000000; ++i) {
-      put = put && __brix_xdr_int(xdrs, static_cast<int32_t*>(value));
-    }
-    return put;
-  };
-  EXPECT_EQ(client_->ops->call(client_, 7, fill, &argument, __brix_xdr_void, nullptr, kShort),
-            RPC_CANTSEND);
-  expect_error(RPC_CANTSEND, ETIMEDOUT);
-  destroy();
-
-  TcpPeer resetting([](TcpConnection& connection) { connection.reset_at_end(); });
-  connect(resetting);
-  pollfd gone = {socket_, POLLHUP, 0};
-  poll(&gone, 1, 10000);
-  EXPECT_EQ(call(), RPC_CANTSEND);
-  expect_error(RPC_CANTSEND, ECONNRESET);
+  EXPECT_EQ(send_much(kShort), RPC_TIMEDOUT) << "while the arguments are encoded";
+  connect(stalled, -1, kMuch + 1000);
+  expect(send_much(kShort, 4000), RPC_CANTSEND, ETIMEDOUT);  // at the end of the record
+  connect(stalled);
+  Watcher watcher;
+  watcher.left = 1;
+  watch(&watcher);
+  expect(send_much(kLong, kXdrRecLargePut), RPC_CANCELLED);
+  EXPECT_EQ(watcher.calls, 2) << "after the first of many writes";
+  connect(stalled);
+  watcher.left = 8;
+  watch(&watcher);
+  expect(send_much(kLong), RPC_CANCELLED);
+  char byte = 0;
+  EXPECT_EQ(recv(socket_, &byte, 1, MSG_DONTWAIT), 0) << "the connection is shut down";
+  watch(nullptr);
+  expect(call(), RPC_CANTSEND, EPIPE);  // a part of a record has left
+  TcpPeer urgent([](TcpConnection& connection) {
+    ::send(connection.socket(), "!", 1, MSG_OOB);
+    stall(connection);
+  });
+  connect(urgent);
+  expect(send_much(kLong), RPC_CANTSEND, ECONNRESET);
 }
 
-// While the client cannot write, the peer sends before it reads on.
-TEST_F(TcpTest, InputIsReadAheadWhileWriting) {
-  const struct {
-    const char* what;
-    std::string early;
-  } cases[] = {{"empty fragments", std::string(40, '\0')},
-               {"a record", fragment("stray---")},
-               {"both, cut", std::string(8, '\0') + fragment("stray---")}};
-  for (const auto& [what, early] : cases) {
-    SCOPED_TRACE(what);
-    TcpPeer peer([&early = early](TcpConnection& connection) {
+// While the client cannot write, the peer sends before it reads on, and reads slowly.
+TEST_F(TcpTest, ASlowPeerIsWaitedForAndItsInputReadAhead) {
+  constexpr size_t kRecord = kMuch + 48;  // with two headers and that of the call
+  constexpr size_t kPortion = 1 << 20;    // taken when the client has waited
+  // More empty fragments than may be read, a record, both kinds.
+  for (const std::string& early :
+       {std::string(kXdrRecMaxEmptyFragments * 4 + 4, '\0'), fragment("stray---"),
+        std::string(8, '\0') + fragment("stray---")}) {
+    Watcher watcher;
+    TcpPeer peer([&](TcpConnection& connection) {
+      const int small = 1 << 16;
+      setsockopt(connection.socket(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
       for (char byte : early) connection.send(std::string(1, byte));
-      pollfd input = {connection.socket(), POLLIN, 0};
-      poll(&input, 1, -1);
-      usleep(20000);  // the client has likely come to wait by now
-      answer_all(connection);
+      std::string record;
+      for (size_t got = kPortion; got == kPortion;) {
+        while (watcher.go.try_acquire()) {
+        }
+        if (!watcher.go.try_acquire_for(std::chrono::seconds(kLong.tv_sec))) return;
+        const size_t before = record.size();
+        record += connection.read_bytes(std::min(kPortion, kRecord - before));
+        got = record.size() - before;
+      }
+      connection.send(wire(kAnswer, record.substr(4)));
+      all_with(kAnswer)(connection);
     });
     connect(peer);
+    watch(&watcher);
     ASSERT_TRUE(control(CLSET_WATCH_INPUT, client_));
-    EXPECT_EQ(send_much(12 << 20, kLong), RPC_SUCCESS);
+    EXPECT_EQ(send_much(kLong), RPC_SUCCESS);
+    EXPECT_GE(watcher.restarts, 3);
     EXPECT_EQ(call(), RPC_SUCCESS);
     EXPECT_EQ(result_, 42);
-    destroy();
   }
 }
 
 TEST_F(TcpTest, EveryControlRequest) {
-  TcpPeer peer(answer_all);
+  TcpPeer peer(stall);
   connect(peer);
-  timeval time{};
-  ASSERT_TRUE(control(CLSET_TIMEOUT, nullptr) && control(CLGET_TIMEOUT, &time));
-  EXPECT_EQ(time.tv_sec, 86400);
-  int32_t number = -1;
-  ASSERT_TRUE(control(CLGET_WAIT_STATE, &number));
-  EXPECT_EQ(number, kWaitNoLimit);
-  EXPECT_EQ(call(kShort), RPC_SUCCESS);
-  EXPECT_FALSE(is_non_blocking()) << "without a limit it blocks";
-  time = {7, 8};
-  ASSERT_TRUE(control(CLSET_TIMEOUT, &time) && control(CLGET_WAIT_STATE, &number));
-  EXPECT_EQ(number, kWaitSet);
-  rpc_wait waiting{};
-  ASSERT_TRUE(control(CLGET_WAIT_FUNCTION, &waiting));
-  EXPECT_TRUE(waiting.step.tv_sec == 7 && waiting.step.tv_usec == 8 && waiting.function == nullptr);
-  Canceller never = {INT32_MAX};
-  waiting = {{1, 2}, Canceller::function, &never};
-  ASSERT_TRUE(control(CLSET_WAIT_FUNCTION, &waiting) && control(CLSET_TIMEOUT, &time));
-  waiting = {};
-  ASSERT_TRUE(control(CLGET_WAIT_FUNCTION, &waiting));
-  EXPECT_TRUE(waiting.step.tv_sec == 1 && waiting.argument == &never) << "the function's own step";
-  ASSERT_TRUE(control(CLSET_WAIT_FUNCTION, nullptr) && control(CLGET_WAIT_FUNCTION, &waiting));
-  EXPECT_TRUE(waiting.step.tv_sec == 7 && waiting.function == nullptr);
-  for (int32_t state : {0, 1, 2}) {
-    ASSERT_TRUE(control(CLSET_WAIT_STATE, &state) && control(CLGET_WAIT_STATE, &number));
-    EXPECT_EQ(number, state);
-  }
-  number = 3;
-  EXPECT_FALSE(control(CLSET_WAIT_STATE, &number));
-
-  sockaddr_in server{};
-  ASSERT_TRUE(control(CLGET_SERVER_ADDR, &server) && control(CLGET_FD, &number));
-  EXPECT_EQ(ntohs(server.sin_port), peer.port());
-  EXPECT_EQ(number, socket_);
+  EXPECT_TRUE(control(CLSET_TIMEOUT, nullptr));
+  EXPECT_EQ(get<timeval>(CLGET_TIMEOUT).tv_sec, 86400);
+  EXPECT_EQ(get<rpc_wait>(CLGET_WAIT_FUNCTION).step.tv_sec, 86400);
+  EXPECT_EQ(get<int32_t>(CLGET_WAIT_STATE), kWaitNoLimit);
+  Watcher watcher;
+  watch(&watcher);
+  timeval time = {7, 8};
+  EXPECT_TRUE(control(CLSET_TIMEOUT, &time));
+  EXPECT_EQ(get<int32_t>(CLGET_WAIT_STATE), kWaitSet);
+  rpc_wait waiting = get<rpc_wait>(CLGET_WAIT_FUNCTION);
+  EXPECT_TRUE(waiting.function == Watcher::function && waiting.argument == &watcher &&
+              waiting.step.tv_usec == 1000);
+  EXPECT_TRUE(control(CLSET_WAIT_FUNCTION, nullptr));
+  waiting = get<rpc_wait>(CLGET_WAIT_FUNCTION);
+  EXPECT_TRUE(waiting.function == nullptr && waiting.step.tv_sec == 7 && waiting.step.tv_usec == 8);
+  int32_t state = kWaitOfCall;
+  EXPECT_TRUE(control(CLSET_WAIT_STATE, &state));
+  EXPECT_EQ(get<int32_t>(CLGET_WAIT_STATE), kWaitOfCall);
+  state = 3;
+  EXPECT_FALSE(control(CLSET_WAIT_STATE, &state));
+  EXPECT_EQ(ntohs(get<sockaddr_in>(CLGET_SERVER_ADDR).sin_port), peer.port());
+  EXPECT_EQ(get<int>(CLGET_FD), socket_);
+  EXPECT_EQ(get<XDR*>(CLGET_STREAM), get_xdr_from_chandle(client_));
   const std::pair<uint32_t, int> sizes[] = {{CLSET_RECEIVE_SIZE, SO_RCVBUF},
                                             {CLSET_SEND_SIZE, SO_SNDBUF}};
   for (const auto& [set, option] : sizes) {
-    int wanted = 0;
-    socklen_t length = sizeof wanted;
-    ASSERT_TRUE(control(set, reinterpret_cast<void*>(30000)) && control(set - 1, &number));
-    getsockopt(socket_, SOL_SOCKET, option, &wanted, &length);
-    EXPECT_TRUE(number == wanted && wanted == 60000) << "the system doubles it";
+    ASSERT_TRUE(control(set, reinterpret_cast<void*>(30000)));
+    EXPECT_EQ(get_option(SOL_SOCKET, option), 60000) << "the system doubles it";
+    EXPECT_EQ(get<int>(set - 1), 60000);
   }
-  for (bool on : {false, true}) {
-    int delay = -1;
-    socklen_t length = sizeof delay;
-    void* pointer = on ? client_ : nullptr;
-    ASSERT_TRUE(control(CLSET_NODELAY, pointer) && control(CLSET_AUTH_CONFIRMED, pointer) &&
-                control(CLGET_AUTH_CONFIRMED, &number) && control(CLSET_WATCH_INPUT, pointer));
-    getsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &delay, &length);
-    EXPECT_TRUE(delay == (on ? 1 : 0) && number == delay);
+  EXPECT_EQ(get_option(SOL_SOCKET, SO_KEEPALIVE), 1);
+  EXPECT_EQ(get_option(IPPROTO_TCP, TCP_NODELAY), 1) << "from the beginning";
+  for (int on : {0, 1}) {
+    void* pointer = on != 0 ? client_ : nullptr;
+    ASSERT_TRUE(control(CLSET_NODELAY, pointer) && control(CLSET_AUTH_CONFIRMED, pointer));
+    EXPECT_EQ(get_option(IPPROTO_TCP, TCP_NODELAY), on);
+    EXPECT_EQ(get<int32_t>(CLGET_AUTH_CONFIRMED), on);
   }
-  XDR* stream = nullptr;
-  ASSERT_TRUE(control(CLGET_STREAM, &stream));
-  EXPECT_EQ(stream, get_xdr_from_chandle(client_));
-  uint32_t methods = 0;
-  ASSERT_TRUE(control(CLGET_AUTH_METHODS, &methods));
-  EXPECT_EQ(methods, kAuthMethodsDefault);
-  methods = 3;
-  uint32_t known = 0;
-  ASSERT_TRUE(control(CLSET_AUTH_METHODS, &methods) && control(CLGET_AUTH_METHODS, &known));
-  EXPECT_EQ(known, 3U);
+  EXPECT_EQ(get<uint32_t>(CLGET_AUTH_METHODS), kAuthMethodsDefault);
+  rpc_install_auth_methods([](const sockaddr_in* address, uint32_t* methods) {
+    *methods = address->sin_port;
+    return true;
+  });
+  connect(peer);
+  rpc_install_auth_methods(nullptr);
+  EXPECT_EQ(get<uint32_t>(CLGET_AUTH_METHODS), htons(peer.port()));
+  uint32_t methods = 3;
+  ASSERT_TRUE(control(CLSET_AUTH_METHODS, &methods));
+  EXPECT_EQ(get<uint32_t>(CLGET_AUTH_METHODS), 3U);
   for (uint32_t request : {4U, 5U, 7U, 19U, 38U, 69U, 70U, UINT32_MAX}) {
-    EXPECT_FALSE(control(request, &number)) << request;
+    EXPECT_FALSE(control(request, &time)) << request;
   }
   for (uint32_t request : {2U, 3U, 6U, 20U, 22U, 25U, 29U, 30U, 33U, 34U, 35U, 36U, 37U}) {
     EXPECT_FALSE(control(request, nullptr)) << request;
   }
 }
 
-std::string requests_of_stream;
-
 TEST_F(TcpTest, TheOneCallOption) {
-  TcpPeer peer(answer_all);
+  static std::string requests;
+  requests.clear();
+  TcpPeer peer(all_with(kAnswer));
   connect(peer);
   XDR* stream = get_xdr_from_chandle(client_);
   xdr_ops told = *stream->ops;
   told.control = [](XDR*, uint32_t request, void*) {
-    requests_of_stream += std::to_string(request);
+    requests += std::to_string(request);
     return true;
   };
   stream->ops = &told;
-  int32_t enabled = -1;
-  ASSERT_TRUE(control(CLSET_ONE_CALL, client_) && control(CLGET_ONE_CALL_ENABLED, &enabled));
-  EXPECT_EQ(call(), RPC_SUCCESS);
-  EXPECT_EQ(requests_of_stream, "") << "not enabled";
-  ASSERT_TRUE(control(CLSET_ONE_CALL_ENABLED, nullptr) &&
-              control(CLGET_ONE_CALL_ENABLED, &enabled));
-  EXPECT_EQ(enabled, 0);
-  ASSERT_TRUE(control(CLSET_ONE_CALL_ENABLED, client_) && control(CLSET_ONE_CALL, client_) &&
-              control(CLGET_ONE_CALL_ENABLED, &enabled));
-  EXPECT_EQ(enabled, 1);
-  EXPECT_EQ(call(), RPC_SUCCESS);
-  EXPECT_EQ(call(), RPC_SUCCESS);
-  EXPECT_EQ(requests_of_stream, "01") << "for one call";
+  for (uint32_t request : {CLSET_ONE_CALL, CLSET_ONE_CALL_ENABLED}) {
+    EXPECT_TRUE(control(request, client_) && call() == RPC_SUCCESS);
+    EXPECT_EQ(get<int32_t>(CLGET_ONE_CALL_ENABLED), request == CLSET_ONE_CALL ? 0 : 1);
+  }
+  EXPECT_EQ(requests, "") << "not enabled, not armed";
+  EXPECT_TRUE(control(CLSET_ONE_CALL, client_) && call() == RPC_SUCCESS && call() == RPC_SUCCESS);
+  EXPECT_EQ(requests, "01") << "for one call";
   destroy();  // while its table is there
 }
 
 TEST_F(TcpTest, Descriptors) {
-  TcpPeer peer(answer_all);
+  TcpPeer peer(all_with(kAnswer));
+  connect(peer);
+  ASSERT_TRUE(control(CLSET_FD_NCLOSE, nullptr) && call() == RPC_SUCCESS);
+  destroy();
+  EXPECT_FALSE(is_non_blocking());
   // One of the caller's is left open, in the mode it had.
   for (bool non_blocking : {false, true}) {
-    int own = lab::connect_to_port(peer.port());
-    if (non_blocking) fcntl(own, F_SETFL, O_NONBLOCK);
-    connect(peer, own);
-    EXPECT_EQ(call(), RPC_SUCCESS);
-    if (non_blocking) {
-      ASSERT_TRUE(control(CLSET_TIMEOUT, nullptr));
-    }
+    fcntl(socket_, F_SETFL, non_blocking ? O_NONBLOCK : 0);
+    connect(peer, socket_);
+    EXPECT_TRUE(!non_blocking || control(CLSET_TIMEOUT, nullptr));
     EXPECT_EQ(call(), RPC_SUCCESS);
     EXPECT_EQ(is_non_blocking(), !non_blocking) << "as the limits want it";
     destroy();
     EXPECT_EQ(is_non_blocking(), non_blocking);
-    close(own);
   }
-  connect(peer);
-  int on = 0;
-  socklen_t length = sizeof on;
-  getsockopt(socket_, SOL_SOCKET, SO_KEEPALIVE, &on, &length);
-  EXPECT_EQ(on, 1);
-  EXPECT_EQ(call(), RPC_SUCCESS);
-  ASSERT_TRUE(control(CLSET_FD_NCLOSE, nullptr));
-  destroy();
-  EXPECT_FALSE(is_non_blocking());
   connect(peer, socket_);
   ASSERT_TRUE(control(CLSET_FD_CLOSE, nullptr));
   destroy();
@@ -655,141 +567,116 @@ TEST_F(TcpTest, Descriptors) {
 }
 
 TEST_F(TcpTest, CreationFails) {
+  using failing_calls::connects;
   get_rpc_p_varp();  // the block waits for its memory
-  sockaddr_in nobody = loopback(9);
-  auto create = [&nobody](int socket) {
-    return __brix_clnttcp_create(&nobody, 5, 6, &socket, 0, 0);
-  };
-  auto cause = [] {
-    EXPECT_EQ(__get_rpc_createerr()->status, RPC_SYSTEMERROR);
-    return __get_rpc_createerr()->cause.error_number;
-  };
-  EXPECT_EQ(create(-1), nullptr);
-  EXPECT_EQ(cause(), ECONNREFUSED);
-  EXPECT_EQ(create(65536), nullptr);
-  EXPECT_EQ(cause(), EMFILE);
-  TcpPeer peer(answer_all);
-  nobody = loopback(peer.port());
-  int next = dup(0);
+  // Connections wait here, unaccepted.
+  const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in name{};
+  socklen_t length = sizeof name;
+  ASSERT_TRUE(listen(listener, 100) == 0 &&
+              getsockname(listener, reinterpret_cast<sockaddr*>(&name), &length) == 0);
+  const uint16_t port = ntohs(name.sin_port);
+  const int next = dup(0);
   close(next);
-  for (int allowed = 0;; ++allowed) {
-    FailingMalloc memory(allowed);
-    CLIENT* client = create(-1);
-    if (client != nullptr) {
-      client->ops->destroy(client);
-      EXPECT_GE(allowed, 3) << "handle, record, stream";
-      break;
-    }
-    EXPECT_EQ(cause(), ENOMEM);
-    int now = dup(0);
-    close(now);
-    EXPECT_EQ(now, next) << "no socket is left open";
-  }
-}
-
-TEST_F(TcpTest, AllowedMethodsComeFromTheTable) {
-  TcpPeer peer(answer_all);
-  Debug = 1;
+  // What making and destroying a client comes to; no socket is left.
+  auto error_of = [this, next](uint16_t server, int socket = -1) {
+    create(server, socket);
+    const bool made = client_ != nullptr;
+    destroy();
+    EXPECT_EQ(dup(0), next);
+    close(next);
+    EXPECT_TRUE(made || __get_rpc_createerr()->status == RPC_SYSTEMERROR);
+    return made ? 0 : __get_rpc_createerr()->cause.error_number;
+  };
+  EXPECT_EQ(error_of(kNobody, 65536), EMFILE);
   const struct {
-    rpc_auth_methods_lookup table;
-    uint32_t methods;
-    const char* told;
-  } cases[] = {{nullptr, 79, "Auth methods not set, using default\n"},
-               {[](const sockaddr_in*, uint32_t*) { return false; }, 79,
-                "Error on getting auth methods, using default\n"},
-               {[](const sockaddr_in* server, uint32_t* methods) {
-                  *methods = server->sin_family == AF_INET ? 5 : 0;
-                  return true;
-                },
-                5, ""}};
-  for (const auto& [table, wanted, told] : cases) {
-    rpc_install_auth_methods(table);
-    testing::internal::CaptureStderr();
-    connect(peer);
-    EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::EndsWith(told));
-    uint32_t methods = 0;
-    ASSERT_TRUE(control(CLGET_AUTH_METHODS, &methods));
-    EXPECT_EQ(methods, wanted);
+    int refused, times;  // connects
+    uint16_t server;
+    int error;
+  } cases[] = {{0, 0, kNobody, ECONNREFUSED},
+               {ENETUNREACH, 1, port, ENETUNREACH},
+               {EINTR, 1, kNobody, ECONNREFUSED},
+               {EINTR, 1, port, 0},
+               {EADDRINUSE, 5, port, 0}};
+  for (const auto& [refused, times, server, error] : cases) {
+    failing_calls::refuse(connects, refused, times);
+    EXPECT_EQ(error_of(server), error) << refused;
   }
-  Debug = 0;
-  rpc_install_auth_methods(nullptr);
+  int allowed = 0;
+  for (int error = ENOMEM; error != 0; ++allowed) {
+    FailingMalloc memory(allowed);
+    error = error_of(port);
+    ASSERT_TRUE(error == 0 || error == ENOMEM);
+  }
+  EXPECT_GE(allowed, 4) << "handle, record, stream";
+  // Addresses in use are tried twice for each port; those of a process stay configured.
+  auto tries_with_two_ports = [&error_of] {
+    failing_calls::refuse(connects, EADDRINUSE, 100);
+    bool failed =
+        rpcport_add_range(42000, 42001, kPortConnection) == 0 && error_of(kNobody) == EADDRINUSE;
+    return failed ? 100 - connects.left : 0;
+  };
+  EXPECT_EXIT(_exit(tries_with_two_ports()), testing::ExitedWithCode(4), "");
+  close(listener);
 }
 
-// The two tests below use a process of their own for each environment, with a peer
-// that ends before it does.
-
-// How the socket was driven: bit 0 blocking with a limit, bit 1 without, bit 2 without
-// while input is watched.
-int modes_with(const char* value) {
-  setenv("KIV_BLOCKING_RPC", value, 1);
-  TcpPeer peer(answer_all);
-  sockaddr_in server = loopback(peer.port());
-  int socket = -1;
-  CLIENT* client = __brix_clnttcp_create(&server, 5, 6, &socket, 0, 0);
-  int modes = 0;
-  for (int bit = 0; bit < 3; ++bit) {
-    if (bit == 1) client->ops->control(client, CLSET_TIMEOUT, nullptr);
-    if (bit == 2) client->ops->control(client, CLSET_WATCH_INPUT, client);
-    client->ops->call(client, 0, nullptr, nullptr, __brix_xdr_void, nullptr, kLong);
-    if ((fcntl(socket, F_GETFL) & O_NONBLOCK) == 0) modes |= 1 << bit;
-  }
-  client->ops->destroy(client);
-  return modes;
-}
-
+// Environments need a process each, whose peer ends before it does.
 TEST_F(TcpTest, BlockingModes) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const std::pair<const char*, int> cases[] = {{"must", 7}, {"True", 6}, {"no", 6}, {"fALSE", 2}};
+  // Bit 0: it blocks with a limit; 1: without; 2: without while input is watched.
+  auto modes_with = [this](const char* value) {
+    setenv("KIV_BLOCKING_RPC", value, 1);
+    TcpPeer peer(all_with(kAnswer));
+    connect(peer);
+    int modes = 0;
+    for (int bit = 0; bit < 3; ++bit) {
+      if (bit == 1) control(CLSET_TIMEOUT, nullptr);
+      if (bit == 2) control(CLSET_WATCH_INPUT, client_);
+      if (call() == RPC_SUCCESS && !is_non_blocking()) modes |= 1 << bit;
+    }
+    return modes;
+  };
+  const std::pair<const char*, int> cases[] = {{"must", 7}, {"no", 6}, {"fALSE", 2}};
   for (const auto& [value, modes] : cases) {
     EXPECT_EXIT(_exit(modes_with(value)), testing::ExitedWithCode(modes), "") << value;
   }
 }
 
-// Answers 100000 times the letter d with as many of the letter e.
-void answer_much(TcpConnection& connection) {
-  while (auto request = connection.read_record()) {
-    if (request->substr(40) != std::string(100000, 'd')) continue;
-    connection.send(fragment(lab::success_to(*request, "") + std::string(100000, 'e')));
-  }
-}
-
-// Whether socket buffers keep their size and much data comes through.
-bool works_with(const char* directory) {
-  setenv("KIV_DEBUG_DIR", directory, 1);
-  setenv("KIV_SOCK_BUF_UNSET", "Yes", 1);
-  Debug = 1;
-  TcpPeer peer(answer_much);
-  sockaddr_in server = loopback(peer.port());
-  int socket = -1;
-  CLIENT* client = __brix_clnttcp_create(&server, 5, 6, &socket, 0, 0);
-  int before = 0;
-  int after = 0;
-  client->ops->control(client, CLGET_SEND_SIZE, &before);
-  bool kept = client->ops->control(client, CLSET_SEND_SIZE, reinterpret_cast<void*>(4321)) &&
-              client->ops->control(client, CLGET_SEND_SIZE, &after) && after == before;
-  std::string data(100001, 'd');
-  auto opaque = [](XDR* xdrs, void* bytes) { return __brix_xdr_opaque(xdrs, bytes, 100000); };
-  clnt_stat status = client->ops->call(client, 7, opaque, data.data(), opaque, data.data(), kLong);
-  client->ops->destroy(client);
-  return kept && status == RPC_SUCCESS && data == std::string(100000, 'e') + 'd';
-}
-
-TEST_F(TcpTest, SwitchesOfTheDebugDirectory) {
+TEST_F(TcpTest, SwitchesOfTheDebugDirectoryAndOfBufferSizes) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  mkdir("/run/debug", 0755);
-  for (const char* name : {"", "nowritev", "noreadv"}) {
-    if (*name != '\0') lab::write_file(std::string("/run/debug/") + name, "");
-    EXPECT_EXIT(_exit(works_with("/run/debug") ? 0 : 1), testing::ExitedWithCode(0),
+  // How many buffers one write has, times 10, and one read; 0 when something fails.
+  auto buffers = [this] {
+    setenv("KIV_DEBUG_DIR", "/run", 1);
+    setenv("KIV_SOCK_BUF_UNSET", "Yes", 1);
+    Debug = 1;
+    TcpPeer peer(echo);
+    connect(peer);
+    const int before = get_option(SOL_SOCKET, SO_SNDBUF);
+    const bool works = control(CLSET_SEND_SIZE, reinterpret_cast<void*>(4321)) &&
+                       get_option(SOL_SOCKET, SO_SNDBUF) == before && comes_back(100000);
+    return works ? failing_calls::writes.most * 10 + failing_calls::reads.most : 0;
+  };
+  const std::pair<const char*, int> cases[] = {{"neither", 22}, {"nowritev", 12}, {"noreadv", 11}};
+  for (const auto& [name, wanted] : cases) {
+    lab::write_file(std::string("/run/") + name, "");
+    EXPECT_EXIT(_exit(buffers()), testing::ExitedWithCode(wanted),
                 "The environment variable KIV_SOCK_BUF_UNSET is set to 'Yes'. This overrides "
                 "default behavior");
   }
+  EXPECT_TRUE(unlink("/run/nowritev") == 0 && unlink("/run/noreadv") == 0);
 }
 
+// The peer is the host's port mapper, asked over TCP, and the program that it tells of.
 TEST_F(TcpTest, CreationByName) {
+  TcpPeer peer(all_with(kOther), 7938);
   setenv("KIV_TRANSPORT", "SPP", 1);
   for (const char* name : {"tcp", "PIPE", "shm", "spp", ""}) {
-    EXPECT_EQ(__brix_clnt_create("", 100000, 2, name), nullptr);
-    EXPECT_EQ(__get_rpc_createerr()->cause.error_number, ECONNREFUSED) << "no port mapper";
+    client_ = __brix_clnt_create("", 5, 6, name);
+    ASSERT_NE(client_, nullptr) << name;
+    EXPECT_EQ(get<timeval>(CLGET_TIMEOUT).tv_sec, 30);
+    EXPECT_EQ(call(), RPC_SUCCESS);
+    EXPECT_EQ(result_, 7938);
+    destroy();
   }
   unsetenv("KIV_TRANSPORT");
 }

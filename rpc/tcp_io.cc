@@ -78,19 +78,27 @@ void end(const Waiter& waiter) { waiter.record->cancelled_at_end = is_cancelled(
 
 bool means_waiting(int error) { return error == EAGAIN || error == ENOMEM || error == EINPROGRESS; }
 
-// The next wait: a step, or what is left of the limit. The limit itself is the last
-// moment; one of zero still has its look. A step of zero stands for none. False when
-// nothing is left.
-bool next_step(const Waiter& waiter, timeval* step) {
+// True when the limit is used up. One of zero still has its look.
+bool is_timed_out(const Waiter& waiter) {
   const TcpRecord* record = waiter.record;
-  *step = tamed(record->waiting.step);
-  if (!timerisset(step)) *step = {kLongestStep, 0};
-  if (record->wait_state == kWaitNoLimit) return true;
+  if (record->wait_state == kWaitNoLimit || !timerisset(&waiter.elapsed)) return false;
+  const timeval limit = tamed(record->wait);
+  if (timercmp(&waiter.elapsed, &limit, <)) return false;
+  tcp_finish(waiter.record, RPC_TIMEDOUT);
+  return true;
+}
+
+// The next wait: a step, or what is left of the limit, which is the last moment. A step
+// of zero stands for none.
+timeval next_step(const Waiter& waiter) {
+  const TcpRecord* record = waiter.record;
+  timeval step = tamed(record->waiting.step);
+  if (!timerisset(&step)) step = {kLongestStep, 0};
+  if (record->wait_state == kWaitNoLimit) return step;
   const timeval limit = tamed(record->wait);
   timeval left;
   timersub(&limit, &waiter.elapsed, &left);
-  if (timercmp(&left, step, <)) *step = left;
-  return left.tv_sec > 0 || (left.tv_sec == 0 && left.tv_usec > 0) || !timerisset(&waiter.elapsed);
+  return timercmp(&left, &step, <) ? left : step;
 }
 
 // Counts a wait of `step` that began at `start`. One that ran out counts as it is, any
@@ -118,12 +126,9 @@ enum class Ready { kNo, kYes, kInput };
 bool wait_step(Waiter* waiter, bool watched, Ready* outcome) {
   const int fd = waiter->record->socket;
   const bool writing = waiter->failure == RPC_CANTSEND;
-  timeval step;
   *outcome = Ready::kNo;
-  if (!next_step(*waiter, &step)) {
-    tcp_finish(waiter->record, RPC_TIMEDOUT);
-    return false;
-  }
+  if (is_timed_out(*waiter)) return false;
+  const timeval step = next_step(*waiter);
   vx_fd_set input;
   vx_fd_set room;
   vx_fd_set exceptional;
@@ -180,6 +185,20 @@ bool wait_until_writable(Waiter* waiter) {
 
 // --- Reading -----------------------------------------------------------------------
 
+// How long the reads before this one have taken for the reply of the call. So input that
+// is not this reply, however much there is, keeps no call beyond its limit.
+timeval waited_for_reply(TcpRecord* record) {
+  timeval waited = {0, 0};
+  if (!record->awaits_reply) return waited;
+  const timeval now = monotonic_now();
+  if (timerisset(&record->reply_since)) {
+    timersub(&now, &record->reply_since, &waited);
+  } else {
+    record->reply_since = now;
+  }
+  return waited;
+}
+
 int64_t take_pending(TcpRecord* record, void* buffer, uint32_t length) {
   uint32_t taken = std::min(length, record->pending_length);
   memcpy(buffer, record->pending, taken);
@@ -234,6 +253,7 @@ size_t write_all(Waiter* waiter, const iovec* buffers) {
     ssize_t written = sendmsg(waiter->record->socket, &message, MSG_NOSIGNAL);
     if (written >= 0) {
       done += static_cast<size_t>(written);
+      waiter->elapsed = {0, 0};  // a peer that takes bytes is waited for anew
       continue;
     }
     if (errno == EINTR) continue;
@@ -269,12 +289,13 @@ bool tcp_set_blocking(TcpRecord* record, bool blocking) {
 int64_t tcp_read(void* transport, void* buffer, uint32_t length, void* second,
                  uint32_t second_length) {
   auto* record = static_cast<TcpRecord*>(transport);
-  Waiter waiter = {record, RPC_CANTRECV, {0, 0}};
-  if (!begin(waiter)) return -1;
+  Waiter waiter = {record, RPC_CANTRECV, waited_for_reply(record)};
+  const bool blocking = shall_block(record);
+  if (!begin(waiter) || (!blocking && is_timed_out(waiter))) return -1;
   int64_t got = 0;
   if (record->pending_length > 0) {
     got = take_pending(record, buffer, length);
-  } else if (!tcp_set_blocking(record, shall_block(record))) {
+  } else if (!tcp_set_blocking(record, blocking)) {
     fail(waiter, errno);
   } else {
     const bool scatter = second != nullptr && rpc_get_io_switches().scatter_reads;

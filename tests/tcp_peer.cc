@@ -1,11 +1,14 @@
 #include "tests/tcp_peer.h"
 
 #include <arpa/inet.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <system_error>
+
+#include "tests/rpc_client.h"
 
 namespace lab {
 namespace {
@@ -14,19 +17,10 @@ void require(bool done, const char* what) {
   if (!done) throw std::system_error(errno, std::generic_category(), what);
 }
 
-sockaddr_in loopback(uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
 }  // namespace
 
 TcpConnection::~TcpConnection() { close(socket_); }
 
-// Shorter at the end of input.
 std::string TcpConnection::read_bytes(size_t count) const {
   std::string bytes(count, '\0');
   size_t done = 0;
@@ -39,7 +33,7 @@ std::string TcpConnection::read_bytes(size_t count) const {
   return bytes;
 }
 
-std::optional<std::string> TcpConnection::read_record() {
+std::optional<std::string> TcpConnection::read_record() const {
   std::string record;
   for (;;) {
     std::string header = read_bytes(4);
@@ -52,12 +46,13 @@ std::optional<std::string> TcpConnection::read_record() {
   }
 }
 
-void TcpConnection::send(const std::string& bytes) const {
+bool TcpConnection::send(const std::string& bytes) const {
   for (size_t done = 0; done < bytes.size();) {
     ssize_t sent = ::send(socket_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-    if (sent <= 0) return;  // the client is gone
+    if (sent <= 0) return false;
     done += static_cast<size_t>(sent);
   }
+  return true;
 }
 
 void TcpConnection::reset_at_end() const {
@@ -65,8 +60,9 @@ void TcpConnection::reset_at_end() const {
   setsockopt(socket_, SOL_SOCKET, SO_LINGER, &now, sizeof now);
 }
 
-TcpPeer::TcpPeer(Script script) : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-  sockaddr_in address = loopback(0);
+TcpPeer::TcpPeer(Script script, uint16_t port)
+    : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_in address = loopback(port);
   socklen_t length = sizeof address;
   auto* name = reinterpret_cast<sockaddr*>(&address);
   require(bind(listener_, name, length) == 0 && listen(listener_, 8) == 0, "listen");
@@ -90,6 +86,8 @@ void TcpPeer::serve(const Script& script) {
   for (;;) {
     int socket = accept(listener_, nullptr, nullptr);
     if (socket < 0) return;
+    const int on = 1;  // small pieces leave as they come
+    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     TcpConnection connection(socket);
     {
       std::lock_guard lock(mutex_);
@@ -105,13 +103,6 @@ void TcpPeer::serve(const Script& script) {
 std::string fragment(const std::string& bytes, bool last) {
   uint32_t word = htonl(static_cast<uint32_t>(bytes.size()) | (last ? 0x80000000 : 0));
   return std::string(reinterpret_cast<const char*>(&word), sizeof word) + bytes;
-}
-
-int connect_to_port(uint16_t port) {
-  int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = loopback(port);
-  require(connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0, "connect");
-  return socket;
 }
 
 }  // namespace lab

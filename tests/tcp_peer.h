@@ -17,27 +17,27 @@ class TcpConnection {
   TcpConnection(const TcpConnection&) = delete;
   TcpConnection& operator=(const TcpConnection&) = delete;
 
+  /// The next `count` bytes, fewer at the end of input.
+  std::string read_bytes(size_t count) const;
   /// The next record, its fragments joined; nothing at the end of input.
-  std::optional<std::string> read_record();
-  /// Sends `bytes` as they are, waiting for all to be taken.
-  void send(const std::string& bytes) const;
+  std::optional<std::string> read_record() const;
+  /// Sends `bytes` as they are, waiting for all to be taken; false once the client is gone.
+  bool send(const std::string& bytes) const;
   /// Makes the end of the connection a reset.
   void reset_at_end() const;
   int socket() const { return socket_; }
 
  private:
-  std::string read_bytes(size_t count) const;
-
   int socket_;
 };
 
-/// Accepts connections on a port of 127.0.0.1, one after the other, and runs a script on
+/// Accepts connections on `port` (0: any) of 127.0.0.1, one after the other, and runs a script on
 /// each, in a thread of its own. Its end ends the connection that it serves.
 class TcpPeer {
  public:
   using Script = std::function<void(TcpConnection& connection)>;
 
-  explicit TcpPeer(Script script);
+  explicit TcpPeer(Script script, uint16_t port = 0);
   ~TcpPeer();
 
   uint16_t port() const { return port_; }
@@ -55,8 +55,5 @@ class TcpPeer {
 
 /// `bytes` as one fragment.
 std::string fragment(const std::string& bytes, bool last = true);
-
-/// The client's end of a connection to `port`.
-int connect_to_port(uint16_t port);
 
 }  // namespace lab

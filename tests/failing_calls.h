@@ -1,0 +1,22 @@
+// System calls of connections that fail on demand. A test program that links
+// `failing_calls` has the connect, readv, sendmsg and select calls of its own objects and
+// static libraries pass through here.
+#pragma once
+
+#include <atomic>
+
+namespace failing_calls {
+
+struct Refusal {
+  std::atomic<int> left;   // so many of the next calls fail
+  std::atomic<int> error;  // with this
+  std::atomic<int> most;   // buffers of one call until now
+};
+
+/// A connect that fails with EINTR goes on by itself, as the platform's does.
+extern Refusal connects, reads, writes, waits;
+
+/// Lets the next `count` calls fail with `error`.
+void refuse(Refusal& calls, int error, int count = 1);
+
+}  // namespace failing_calls
