@@ -26,10 +26,10 @@ size_t __real_iconv(iconv_t descriptor, char** in, size_t* in_left, char** out, 
 
 namespace {
 
-// The plain locale's first, a UTF-8 one's last; TCVN composes characters, and BIG5-HKSCS
-// makes two of one.
+// The plain locale's first, a UTF-8 one's last; TCVN and CP1255 compose characters, of two
+// or three, and BIG5-HKSCS makes two of one.
 constexpr const char* kCodesets[] = {"ISO8859-1",  "ISO-8859-15", "EUC-JP", "SHIFT_JIS",
-                                     "TCVN5712-1", "BIG5-HKSCS",  "UTF-8"};
+                                     "TCVN5712-1", "BIG5-HKSCS",  "CP1255", "UTF-8"};
 size_t codeset;  // the index of this input's
 
 // The two descriptors of the process, which the linker's --wrap leads to those of the codeset.

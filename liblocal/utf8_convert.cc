@@ -82,26 +82,30 @@ vx_mutex* lock_of(Direction* direction) {
 //
 // Some converters hold a character back for what may combine with it. Where neither it
 // nor what follows fits, or the text goes on elsewhere, that character is not taken: the
-// run starts over, shorter and shorter until it ends before that character.
+// run starts over, shorter and shorter until it ends before that character, however many
+// bytes that was composed of.
 int run_converter(iconv_t descriptor, Conversion* conversion, size_t length, size_t room) {
+  size_t settled = 0;  // bytes that came out before what was held back
   for (size_t use = length;;) {
+    const bool whole = use == length;
     char* in = const_cast<char*>(conversion->in);  // the platform's signature; it only reads
     size_t in_left = use;
     char* out = conversion->out;
     size_t out_left = room;
     const int error = iconv(descriptor, &in, &in_left, &out, &out_left) == SIZE_MAX ? errno : 0;
-    const char* end = out;
+    if (whole) settled = room - out_left;
     const bool all_out = iconv(descriptor, nullptr, nullptr, &out, &out_left) != SIZE_MAX;
-    const bool undecided = out != end && (error == E2BIG || (error == 0 && conversion->more));
-    const bool ends_well = use == length ? !undecided : error == 0;
+    const bool held = room - out_left > settled;
+    const bool stops_short = error == E2BIG || (error == 0 && conversion->more);
+    const bool ends_well = whole ? !(held && stops_short) : !held && error == 0;
     if (all_out && ends_well) {
       conversion->skip(use - in_left);
-      conversion->out_left -= static_cast<size_t>(out - conversion->out);
+      conversion->out_left -= room - out_left;
       conversion->out = out;
-      return use == length ? error : E2BIG;
+      return whole ? error : E2BIG;
     }
     iconv(descriptor, nullptr, nullptr, nullptr, nullptr);
-    if (use == length) use -= in_left;
+    if (whole) use -= in_left;
     if (use == 0) return E2BIG;
     --use;
   }

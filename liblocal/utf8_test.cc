@@ -48,7 +48,8 @@ TEST(Utf8Streams, LinesArriveWholeAndOnce) {
                {"ISO-8859-15", "\xA4", "€"},
                {"EUC-JP", "\xC6\xFC\x8F\xB0\xA1z", "日丂z"},
                {"SHIFT_JIS", "\x93\xFA\xB1", "日ｱ"},
-               {"TCVN5712-1", "xxxxxxxo\xB3", "xxxxxxxó"},  // of two characters
+               {"TCVN5712-1", "xxxxxxxo\xB3", "xxxxxxxó"},                // of two characters
+               {"CP1255", "xxxxxxx\xF9\xCC\xD1", "xxxxxxx\xEF\xAC\xAC"},  // of three
                {"UTF-8", "日é", "日é"}};
   in_locale("EUC-JP", [] {
     EXPECT_EQ(read_in_pieces("a\xC6\xFC\n", 4), "a日\n");
