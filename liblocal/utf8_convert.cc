@@ -22,6 +22,7 @@ using std::string_view_literals::operator""sv;
 
 constexpr size_t kPathAreaSize = 12288;      // bytes of vx_utf8tombts's first step
 constexpr size_t kLeastThreadBuffer = 6144;  // bytes of a buffer of utf8encode
+constexpr size_t kShortRun = 16;             // bytes, behind a character that a codeset lacks
 
 // A conversion on its way. It goes on while there is input and more than `spare` bytes
 // are free: 1 where a NUL is to follow, else 0. The last character may use the spare
@@ -235,14 +236,21 @@ bool convert_one(Conversion* conversion, iconv_t descriptor, int error) {
 
 // Converts the characters from here on, of which the first one takes `first` bytes.
 // False when one does not fit.
+//
+// The converter looks at much of a run before it stops at a character that it lacks. So
+// behind one the runs are short, and grow for as long as none is missing.
 bool convert_characters(Conversion* conversion, iconv_t descriptor, size_t first) {
   size_t left = run_of_characters(conversion->in, conversion->in_left, first);
   const char* end = conversion->in + left;
-  for (; left > 0 && conversion->goes_on(); left = static_cast<size_t>(end - conversion->in)) {
-    int error = run_locked(&to_ansi, descriptor, conversion, left,
-                           conversion->out_left - conversion->spare);
-    if (error == 0 || !conversion->goes_on()) return true;
+  for (size_t most = left; left > 0 && conversion->goes_on();
+       left = static_cast<size_t>(end - conversion->in)) {
+    const size_t run = left <= most ? left : utf8_whole_length(conversion->in, most);
+    int error =
+        run_locked(&to_ansi, descriptor, conversion, run, conversion->out_left - conversion->spare);
+    most *= 2;
+    if (error == 0 || !conversion->goes_on()) continue;
     if (!convert_one(conversion, descriptor, error)) return false;
+    most = kShortRun;
   }
   return true;
 }
