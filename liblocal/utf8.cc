@@ -86,11 +86,17 @@ RawLine read_raw_line(size_t size, FILE* stream) {
 }
 
 // Converts the beginning of `line` that fits into `buffer`, less `line_end` bytes at its
-// end, and leaves the rest on the stream. Never nothing, or a reader would never end.
+// end, and leaves the rest on the stream. Never nothing of what fills the room, or a reader
+// would never end.
 char* convert_line(char* buffer, size_t size, const RawLine& line, size_t line_end, FILE* stream) {
   const char* raw = line.bytes.get();
   const size_t wanted = line.length - line_end;
   Utf8Progress done = utf8_mbs_part(buffer, size - 1, raw, wanted, line.cut);
+  if (done.consumed == 0 && line.cut && line.length < size - 1) {
+    // The rest of the character is not there yet.
+    if (push_back(raw, line.length, stream)) errno = EAGAIN;
+    return nullptr;
+  }
   if (done.consumed == 0 && wanted > 0) done = utf8_mbs_part(buffer, size - 1, raw, 1, false);
   if (done.consumed == 0 && wanted > 0) {
     *buffer = '?';

@@ -2,7 +2,7 @@
 // it is in the codeset of the locale, unless the stream is marked (utf8_marks.h).
 //
 // A wait that a signal interrupts goes on. Of a line on a descriptor that does not wait, a
-// reader gets what is there.
+// reader gets the characters that are there; without any, EAGAIN is in `errno`.
 //
 // Thread safety: as the platform's streams; a call handles its whole line before
 // another thread's turn.

@@ -173,6 +173,18 @@ TEST(Utf8Streams, StandardStreams) {
 }
 
 TEST(Utf8Streams, NothingOfALineIsLost) {
+  in_locale("EUC-JP", [] {
+    int ends[2];
+    EXPECT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    FILE* stream = fdopen(ends[0], "r");
+    char buffer[64];
+    EXPECT_EQ(write(ends[1], "\xC6", 1), 1);
+    EXPECT_EQ(vxfgets(buffer, sizeof buffer, stream), nullptr) << "half a character";
+    EXPECT_EQ(write(ends[1], "\xFC\n", 2), 2);
+    EXPECT_STREQ(vxfgets(buffer, sizeof buffer, stream), "日\n");
+    vxfclose(stream);
+    close(ends[1]);
+  });
   struct sigaction interrupt = {};
   interrupt.sa_handler = [](int) {};  // without SA_RESTART
   sigaction(SIGUSR1, &interrupt, nullptr);
