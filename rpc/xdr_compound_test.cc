@@ -1,7 +1,6 @@
 #include "rpc/xdr_compound.h"
 
-#include <cerrno>
-#include <cstring>
+#include <cstdlib>
 #include <random>
 
 #include "rpc/xdr_object.h"
@@ -43,13 +42,6 @@ class Generator {
   std::mt19937 random_;
 };
 
-std::string encode(void* item) {
-  TestStream out(std::string(8000, 'x'), xdr_op::kEncode);
-  EXPECT_TRUE(kItem(out.get(), item));
-  EXPECT_EQ(__brix_xdr_sizeof(kItem, item), out.used());
-  return out.hex();
-}
-
 TEST(XdrCompound, RoundTripsWhateverIsGenerated) {
   for (unsigned seed = 0; seed < 60; ++seed) {
     const std::string wire = Generator(seed).item();
@@ -57,12 +49,11 @@ TEST(XdrCompound, RoundTripsWhateverIsGenerated) {
       Item item = {};
       TestStream in(wire, xdr_op::kDecode, kind);
       ASSERT_TRUE(item_filter(in.get(), &item)) << seed;
-      EXPECT_EQ(encode(&item), to_hex(wire)) << seed;
+      EXPECT_EQ(encoded(kItem, &item), to_hex(wire)) << seed;
       void* copy = __brix_xdr_dup(kItem, &item, sizeof item);
       ASSERT_NE(copy, nullptr);
       __brix_xdr_free(kItem, &item);
-      EXPECT_TRUE(item.name == nullptr && item.optional == nullptr);
-      EXPECT_EQ(encode(copy), to_hex(wire)) << seed;
+      EXPECT_EQ(encoded(kItem, copy), to_hex(wire)) << seed;
       __brix_xdr_free_pointer(kItem, copy);
     }
   }
@@ -70,24 +61,23 @@ TEST(XdrCompound, RoundTripsWhateverIsGenerated) {
 
 TEST(XdrCompound, ReleasesWhatFailsHalfWay) {
   for (unsigned seed = 0; seed < 6; ++seed) {
-    expect_failures_release<Item>(kItem, Generator(seed).item());
+    const std::string wire = Generator(seed).item();
+    expect_failures_release<Item>(kItem, wire);
+    Item item = {};
+    ASSERT_TRUE(item_filter(TestStream(wire, xdr_op::kDecode).get(), &item));
+    void* copy = nullptr;
+    for (int granted = 0; copy == nullptr; ++granted) {
+      FailingMalloc failing(granted);
+      copy = __brix_xdr_dup(kItem, &item, sizeof item);
+      EXPECT_EQ(copy == nullptr, failing.failed());
+    }
+    __brix_xdr_free_pointer(kItem, copy);
+    __brix_xdr_free(kItem, &item);
+    EXPECT_TRUE(item.name == nullptr && item.always == nullptr && item.optional == nullptr);
   }
-}
-
-TEST(XdrCompound, CopiesOrGivesUp) {
-  Item item = {};
-  item.kind = 3;  // encodes nowhere
-  EXPECT_EQ(__brix_xdr_dup(kItem, &item, sizeof item), nullptr);
-  EXPECT_EQ(__brix_xdr_sizeof(kItem, &item), 0u);
-  ASSERT_TRUE(item_filter(TestStream(Generator(1).item(), xdr_op::kDecode).get(), &item));
-  void* copy = nullptr;
-  for (int granted = 0; copy == nullptr; ++granted) {
-    FailingMalloc failing(granted);
-    copy = __brix_xdr_dup(kItem, &item, sizeof item);
-    EXPECT_EQ(copy == nullptr, failing.failed());
-  }
-  __brix_xdr_free_pointer(kItem, copy);
-  __brix_xdr_free(kItem, &item);
+  Item unknown = {};
+  unknown.kind = 3;  // encodes nowhere
+  EXPECT_EQ(__brix_xdr_dup(kItem, &unknown, sizeof unknown), nullptr);
 }
 
 // The element-by-element way to carry integers, for comparison with the quick one.
@@ -148,23 +138,11 @@ TEST(XdrCompound, BoundsArrays) {
     EXPECT_FALSE(run_array({wire, xdr_op::kDecode}, &array, &count, maximum, element_size));
     EXPECT_TRUE(array == nullptr && count == 0);
   }
-  {
-    FailingMalloc nothing(0);
-    errno = 0;
-    EXPECT_FALSE(run_array({wire, xdr_op::kDecode}, &array, &count, 2));
-    EXPECT_EQ(errno, ENOMEM);
-  }
   ASSERT_TRUE(run_array({wire, xdr_op::kDecode}, &array, &count, 2));
-  ASSERT_EQ(count, 2u);
-  EXPECT_EQ(static_cast<int32_t*>(array)[1], 9);
   EXPECT_FALSE(run_array({wire, xdr_op::kEncode}, &array, &count, 1));
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_TRUE(run_array({"", xdr_op::kFree}, &array, &count, 1));
-    EXPECT_EQ(array, nullptr);
-  }
-  EXPECT_FALSE(run_array({wire, xdr_op::kEncode}, &array, &count, 2));  // counted, not there
-  EXPECT_TRUE(run_array({from_hex("00000000"), xdr_op::kDecode}, &array, &count, 2));
+  EXPECT_TRUE(run_array({"", xdr_op::kFree}, &array, &count, 1));
   EXPECT_EQ(array, nullptr);
+  EXPECT_FALSE(run_array({wire, xdr_op::kEncode}, &array, &count, 2)) << "counted, not there";
 }
 
 // A peer that declares many elements and sends few gets memory for few.
@@ -189,20 +167,12 @@ TEST(XdrCompound, BelievesNoDeclaredCount) {
   }
 }
 
-TEST(XdrCompound, FollowsPointers) {
+TEST(XdrCompound, AnyFlagButZeroAnnouncesAnObject) {
   void* object = nullptr;
-  auto run = [&](auto filter, std::string_view hex, xdr_op operation) {
-    TestStream stream(from_hex(hex), operation);
-    bool done = filter(stream.get(), &object, sizeof(int32_t), xdr_filter<xdr_int32_t>);
-    return (done ? "done " : "fails ") + stream.hex();
-  };
-  EXPECT_EQ(run(__brix_xdr_pointer, "01010101", xdr_op::kEncode), "done 00000000");
-  EXPECT_EQ(run(__brix_xdr_reference, "", xdr_op::kFree), "done ");
-  // Any flag but 0 announces an object.
-  EXPECT_EQ(run(__brix_xdr_pointer, "0000000200000009", xdr_op::kDecode), "done 0000000200000009");
-  EXPECT_EQ(run(__brix_xdr_reference, "00000000", xdr_op::kEncode), "done 00000009");
-  EXPECT_EQ(run(__brix_xdr_reference, "", xdr_op::kFree), "done ");
-  EXPECT_EQ(object, nullptr);
+  TestStream in(from_hex("0000000200000009"), xdr_op::kDecode);
+  ASSERT_TRUE(__brix_xdr_pointer(in.get(), &object, sizeof(int32_t), xdr_filter<xdr_int32_t>));
+  EXPECT_EQ(*static_cast<int32_t*>(object), 9);
+  free(object);
 }
 
 }  // namespace
