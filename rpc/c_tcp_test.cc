@@ -167,24 +167,11 @@ class TcpTest : public lab::ClientTest {
     return status == RPC_SUCCESS && got == sent;
   }
 
-  template <typename T>
-  T get(uint32_t request) {
-    T value{};
-    EXPECT_TRUE(control(request, &value)) << request;
-    return value;
-  }
-
   // Without a watcher, no more.
   void watch(Watcher* watcher, timeval step = {0, 1000}, timeval limit = kLong) {
     rpc_wait waiting = {step, Watcher::function, watcher};
     EXPECT_TRUE(control(CLSET_TIMEOUT, &limit) &&
                 control(CLSET_WAIT_FUNCTION, watcher != nullptr ? &waiting : nullptr));
-  }
-
-  // `got` and the record of it are `status` with `detail`.
-  void expect(clnt_stat got, clnt_stat status, int32_t detail = 0) const {
-    EXPECT_TRUE(got == status && error().status == status && error().first_word == detail)
-        << got << ' ' << error().status << ' ' << error().first_word;
   }
 
   bool is_non_blocking() const { return (fcntl(socket_, F_GETFL) & O_NONBLOCK) != 0; }
