@@ -2,8 +2,6 @@
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstdlib>
 
@@ -116,21 +114,16 @@ TEST_F(PortTest, WhatTheEnvironmentKnowsHoldsForThisHostAlone) {
 }
 
 TEST_F(PortTest, TheOwnMappersAnswerIsKept) {
-  const sockaddr_in address = lab::loopback(7938);
-  int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-  const int on = 1;
-  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  ASSERT_EQ(listen(listener, 1), 0);
-  std::thread mapper([listener] {
-    lab::TcpConnection connection(accept(listener, nullptr, nullptr));
-    std::string request = connection.read_record().value_or("");
-    connection.send(lab::fragment(lab::success_to(request, "00000007")));
-  });
-  EXPECT_EQ(ask("127.0.0.1", kService, 2, IPPROTO_TCP), 7);
-  mapper.join();
-  close(listener);
-  EXPECT_EQ(ask("127.0.0.1", kService, 2, IPPROTO_TCP), 7);  // nobody is there to ask
+  {
+    lab::TcpPeer mapper(
+        [](lab::TcpConnection& connection) {
+          const std::string request = connection.read_record().value_or("");
+          connection.send(lab::fragment(lab::success_to(request, "00000007")));
+        },
+        kOwnMapperPort);
+    EXPECT_EQ(ask("127.0.0.1", kService, 2, IPPROTO_TCP), 7);
+  }
+  EXPECT_EQ(ask("127.0.0.1", kService, 2, IPPROTO_TCP), 7) << "nobody is there to ask";
   EXPECT_EQ(getenv(kVariable), nullptr);
 }
 
@@ -139,8 +132,6 @@ TEST_F(PortTest, GroupsOfTheEnvironment) {
     const char* value;
     std::vector<Cached> entries;
   } cases[] = {
-      {nullptr, {}},
-      {"{1,2,3}", {}},
       {"{1,2,3,4", {}},
       {"1,2,3,4}", {}},
       {"{1,2,3,4}x{5,6,7,8}", {{1, 2, 3, 4}}},
@@ -150,7 +141,7 @@ TEST_F(PortTest, GroupsOfTheEnvironment) {
       {"{99999999999999999999,0,0,0}", {{0x7FFFFFFFFFFFFFFF, 0, 0, 0}}},
   };
   for (const auto& test : cases) {
-    SCOPED_TRACE(testing::PrintToString(test.value));
+    SCOPED_TRACE(test.value);
     start_with(test.value);
     (void)pmap_cached_port(0, 1, 1);
     EXPECT_EQ(cache(), test.entries);
@@ -170,12 +161,10 @@ TEST_F(PortTest, CacheAndExport) {
   populate_pmaps(390103, 1, IPPROTO_TCP, 11, 0);
   populate_pmaps(kService, 2, IPPROTO_UDP, 12, 1);
   populate_pmaps(100003, 2, IPPROTO_TCP, 13, 1);
-  EXPECT_EQ(getenv(kVariable), nullptr);
+  add_pamp_to_env(kService, 3);
+  EXPECT_EQ(getenv(kVariable), nullptr) << "of nothing that is kept";
   populate_pmaps(kService, 2, IPPROTO_TCP, 14, 1);
   EXPECT_STREQ(getenv(kVariable), "{390103,1,6,11}{390113,2,6,14}");
-  setenv(kVariable, "", 1);
-  add_pamp_to_env(kService, 3);
-  EXPECT_STREQ(getenv(kVariable), "");
   populate_pmaps(kService, 2, IPPROTO_TCP, 0, 0);
   add_pamp_to_env(kService, 2);
   EXPECT_STREQ(getenv(kVariable), "{390103,1,6,11}{390113,2,6,0}");
