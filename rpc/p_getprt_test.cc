@@ -47,7 +47,6 @@ class PortTest : public LabTest {
   void SetUp() override {
     LabTest::SetUp();
     start_with(nullptr);
-    *__get_rpc_createerr() = {};
   }
 
   static uint16_t ask(const char* address, unsigned long program, unsigned long version,
@@ -59,30 +58,6 @@ class PortTest : public LabTest {
     return port;
   }
 };
-
-TEST_F(PortTest, TheLastMapperAskedSaysWhy) {
-  const lab::RpcServer::Script refuses = [](const std::string& request) {
-    return std::vector{lab::reply_to(request, "00000001 00000000 00000000 00000000 00000001")};
-  };
-  const struct {
-    lab::RpcServer::Script own, standard;
-    uint16_t port;
-    clnt_stat status, cause;
-  } cases[] = {
-      {refuses, lab::port_mapper(65535), 65535, RPC_PMAPFAILURE, RPC_PROGUNAVAIL},
-      {refuses, lab::port_mapper(0), 0, RPC_PROGNOTREGISTERED, RPC_SUCCESS},
-      {lab::port_mapper(0), refuses, 0, RPC_PMAPFAILURE, RPC_PROGUNAVAIL},
-  };
-  for (const auto& test : cases) {
-    lab::RpcServer own(7938, "127.0.0.1", test.own);
-    lab::RpcServer standard(111, "127.0.0.1", test.standard);
-    EXPECT_EQ(ask("127.0.0.1", 3, 4, IPPROTO_UDP), test.port);
-    EXPECT_THAT(own.requests(), SizeIs(1));
-    EXPECT_THAT(standard.requests(), SizeIs(1));
-    EXPECT_EQ(__get_rpc_createerr()->status, test.status);
-    EXPECT_EQ(__get_rpc_createerr()->cause.status, test.cause);
-  }
-}
 
 TEST_F(PortTest, TheLastResortIsAskedLast) {
   lab::EmptyPortMappers mappers;
