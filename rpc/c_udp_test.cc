@@ -1,7 +1,6 @@
 #include "rpc/c_udp.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 #include "rpc/auth.h"
 #include "rpc/common.h"
 #include "rpc/rpcvarp.h"
+#include "tests/failing_calls.h"
 #include "tests/failing_malloc.h"
 #include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
@@ -103,17 +103,9 @@ TEST_F(UdpTest, Retransmission) {
 }
 
 TEST_F(UdpTest, SignalsNeitherEndNorRepeatACall) {
-  struct sigaction ignore = {};
-  ignore.sa_handler = [](int) {};
-  sigaction(SIGUSR1, &ignore, nullptr);
-  RpcServer server(0, "127.0.0.1", [caller = pthread_self()](const std::string& request) {
-    for (int i = 0; i < 20; ++i) {
-      pthread_kill(caller, SIGUSR1);
-      usleep(2000);
-    }
-    return answer_abc(request);
-  });
+  RpcServer server(0, "127.0.0.1", answer_abc);
   connect(server.port());
+  failing_calls::refuse(failing_calls::waits, EINTR, 20);
   EXPECT_EQ(call(), RPC_SUCCESS);
   EXPECT_EQ(server.requests().size(), 1U);
 }
