@@ -145,36 +145,6 @@ TEST(Xdr, BelievesNoDeclaredLength) {
   }
 }
 
-// A stream that cannot tell is never asked for more at once than it has given already.
-TEST(Xdr, GrowsWithWhatComes) {
-  static uint32_t given;
-  static bool (*get_bytes)(XDR*, void*, uint32_t);
-  const struct {
-    Hex declared;
-    size_t sent, got;
-  } cases[] = {{"0000FFFF", 65536, 65535},
-               {"00010000", 65536, 65536},
-               {"00010001", 65540, 65537},
-               {"00030D41", 200004, 200001},
-               {"F0000000", 200004, 0}};
-  for (const auto& [declared, sent, got] : cases) {
-    TestStream stream(from_hex(declared) + std::string(sent, 'x'), xdr_op::kDecode,
-                      TestStream::kBlind);
-    given = 0;
-    get_bytes = stream->ops->get_bytes;
-    xdr_ops ops = *stream->ops;
-    ops.get_bytes = [](XDR* xdrs, void* bytes, uint32_t length) {
-      EXPECT_LE(length, std::max(given, 65536U));
-      return get_bytes(xdrs, bytes, length) && (given += length) > 0;
-    };
-    stream->ops = &ops;
-    char* text = nullptr;
-    EXPECT_EQ(__brix_xdr_wrapstring(stream.get(), &text), got > 0);
-    EXPECT_EQ(text != nullptr ? text : "", std::string(got, 'x'));
-    __brix_xdr_free(xdr_filter<__brix_xdr_wrapstring>, &text);
-  }
-}
-
 TEST(XdrMemory, LeavesTheStreamAloneWhenItFails) {
   TestStream stream("123", xdr_op::kEncode);
   XDR* xdrs = stream.get();
