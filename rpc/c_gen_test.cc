@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 
 #include "rpc/auth.h"
 #include "tests/rpc_client.h"
@@ -62,21 +61,6 @@ TEST_F(CreateTest, WhatCannotBeMade) {
     unsetenv("KIV_TRANSPORT");
     expect_not_created(test.status, test.error);
   }
-}
-
-TEST_F(CreateTest, AtAnAddress) {
-  constexpr timeval kRetry = {1, 2};
-  sockaddr_in server = lab::loopback(9);
-  int socket = -1;
-  server.sin_family = AF_INET6;
-  client_ = clntgen_create(&server, 1, 1, &kRetry, &socket, 0, 0);
-  expect_not_created(RPC_CANCELLED, 0);
-  server.sin_family = AF_INET;
-  memset(server.sin_zero, 'x', sizeof server.sin_zero);
-  client_ = clntgen_create(&server, 1, 1, &kRetry, &socket, 0, 0);
-  ASSERT_NE(client_, nullptr);
-  EXPECT_EQ(to_hex({reinterpret_cast<char*>(server.sin_zero), 8}), "0000000000000000");
-  EXPECT_EQ(get<timeval>(CLGET_RETRY_TIMEOUT).tv_usec, 2);
 }
 
 TEST_F(CreateTest, WithAuthentication) {
