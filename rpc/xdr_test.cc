@@ -64,35 +64,37 @@ TEST(Xdr, CarriesNumbers) {
 struct Counted {
   uint8_t* bytes;
   uint32_t size;
+  uint32_t maximum;
 };
 
-template <uint32_t maximum>
 bool counted_filter(XDR* xdrs, Counted* counted) {
-  return __brix_xdr_bytes(xdrs, &counted->bytes, &counted->size, maximum);
+  return __brix_xdr_bytes(xdrs, &counted->bytes, &counted->size, counted->maximum);
 }
 
 TEST(Xdr, CarriesCountedBytes) {
+  constexpr xdrproc_t kCounted = xdr_filter<counted_filter>;
   uint8_t five[] = {1, 2, 3, 4, 5};
-  Counted counted = {five, 5};
-  EXPECT_EQ(encoded(xdr_filter<counted_filter<5>>, &counted), "000000050102030405000000");
-  EXPECT_EQ(encoded(xdr_filter<counted_filter<4>>, &counted), "fails");
-  counted = {nullptr, 5};
-  EXPECT_EQ(encoded(xdr_filter<counted_filter<5>>, &counted), "fails");
+  Counted counted = {five, 5, 5};
+  EXPECT_EQ(encoded(kCounted, &counted), "000000050102030405000000");
+  counted.maximum = 4;
+  EXPECT_EQ(encoded(kCounted, &counted), "fails");
+  counted = {nullptr, 5, 5};
+  EXPECT_EQ(encoded(kCounted, &counted), "fails");
 
   const std::string wire = from_hex("00000005 0102030405 EEEEEE");
   for (bool supplied : {false, true}) {
     uint8_t own[5] = {};
-    counted = {supplied ? own : nullptr, 99};
+    counted = {supplied ? own : nullptr, 99, 5};
     TestStream in(wire, xdr_op::kDecode);
-    EXPECT_TRUE(counted_filter<5>(in.get(), &counted));
+    EXPECT_TRUE(counted_filter(in.get(), &counted));
     EXPECT_EQ(in.used(), 12u);
     EXPECT_EQ(counted.size, 5u);
     EXPECT_TRUE(std::equal(five, five + 5, counted.bytes));
-    if (!supplied) __brix_xdr_free(xdr_filter<counted_filter<5>>, &counted);
+    if (!supplied) __brix_xdr_free(kCounted, &counted);
   }
-  counted = {};
-  EXPECT_FALSE(counted_filter<4>(TestStream(wire, xdr_op::kDecode).get(), &counted));
-  expect_failures_release<Counted>(xdr_filter<counted_filter<5>>, wire);
+  counted = {nullptr, 0, 4};
+  EXPECT_FALSE(counted_filter(TestStream(wire, xdr_op::kDecode).get(), &counted));
+  expect_failures_release<Counted>(kCounted, wire, {nullptr, 0, 5});
 }
 
 TEST(Xdr, CarriesStrings) {
@@ -136,10 +138,10 @@ TEST(Xdr, CarriesStrings) {
 TEST(Xdr, BelievesNoDeclaredLength) {
   for (Hex length : {"0000000D", "7FFFFFFF", "80000000", "FFFFFFFB", "FFFFFFFC", "FFFFFFFF"}) {
     const std::string wire = from_hex(length) + "twelve bytes";
-    Counted counted = {};
+    Counted counted = {nullptr, 0, UINT32_MAX};
     char* text = nullptr;
     FailingMalloc nothing(0);
-    EXPECT_FALSE(counted_filter<UINT32_MAX>(TestStream(wire, xdr_op::kDecode).get(), &counted));
+    EXPECT_FALSE(counted_filter(TestStream(wire, xdr_op::kDecode).get(), &counted));
     EXPECT_FALSE(__brix_xdr_wrapstring(TestStream(wire, xdr_op::kDecode).get(), &text));
     EXPECT_FALSE(nothing.failed());
   }
