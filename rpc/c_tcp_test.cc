@@ -1,7 +1,6 @@
 #include "rpc/c_tcp.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -9,17 +8,16 @@
 
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstdlib>
 #include <random>
 #include <semaphore>
-#include <thread>
 
 #include "liblocal/liblvars.h"
 #include "rpc/a_unix.h"
 #include "rpc/auth.h"
 #include "rpc/auth_methods.h"
 #include "rpc/brsvport.h"
-#include "rpc/c_gen.h"
 #include "rpc/rpcvarp.h"
 #include "rpc/x_rec.h"
 #include "tests/failing_calls.h"
@@ -277,24 +275,43 @@ TEST_F(TcpTest, EveryByteComesBackOnceAndInOrder) {
   EXPECT_TRUE(failing_calls::writes.most == 2 && failing_calls::reads.most == 2) << "buffers";
 }
 
+TEST_F(TcpTest, RefusedCredentialsFallBackToWhatIsAllowed) {
+  const struct {
+    int32_t flavour;
+    uint32_t methods;  // allowed
+    clnt_stat status;
+    int32_t after;  // the flavour; -1: no authentication
+  } cases[] = {{kAuthSystem, kAuthMethodsDefault, RPC_SUCCESS, kAuthNone},
+               {kAuthSystem, kAuthMethodsSystem, RPC_AUTHERROR, -1},
+               {30001, kAuthMethodsDefault, RPC_SUCCESS, kAuthSystem},  // one of the stronger
+               {30001, kAuthMethodsNone, RPC_SUCCESS, kAuthNone}};
+  for (const auto& [flavour, methods, status, after] : cases) {
+    TcpPeer peer([](TcpConnection& connection) {
+      connection.send(wire(kRefusal, *connection.read_record()));
+      all_with(kAnswer)(connection);
+    });
+    connect(peer);
+    client_->auth = __brix_authsys_create_default();
+    client_->auth->credential.flavour = flavour;
+    uint32_t allowed = methods;
+    ASSERT_TRUE(control(CLSET_AUTH_METHODS, &allowed));
+    EXPECT_EQ(call(), status);
+    EXPECT_EQ(client_->auth != nullptr ? client_->auth->credential.flavour : -1, after);
+    EXPECT_EQ(get<int32_t>(CLGET_AUTH_CONFIRMED), status == RPC_SUCCESS ? 1 : 0);
+    if (client_->auth != nullptr) client_->auth->ops->destroy(client_->auth);
+  }
+}
+
 TEST_F(TcpTest, EncodingAndAuthentication) {
-  TcpPeer peer([](TcpConnection& connection) {
-    connection.send(wire(kRefusal, *connection.read_record()));
-    all_with(kAnswer)(connection);
-  });
+  TcpPeer peer(all_with(kAnswer));
   connect(peer);
-  AUTH* none = client_->auth;
-  client_->auth = __brix_authsys_create_default();
-  EXPECT_EQ(call(), RPC_SUCCESS);
-  EXPECT_EQ(client_->auth, none) << "it fell back";
-  EXPECT_EQ(get<int32_t>(CLGET_AUTH_CONFIRMED), 1);
   auto only_free = [](XDR* xdrs, void*) { return xdrs->operation == xdr_op::kFree; };
   EXPECT_EQ(call_with(only_free, nullptr, kLong), RPC_CANTENCODEARGS);
   EXPECT_TRUE(client_->ops->freeres(client_, only_free, nullptr));
   EXPECT_EQ(call(), RPC_SUCCESS) << "the reply to what was encoded is dropped";
-  auth_ops picky = *none->ops;
+  AUTH strict = *client_->auth;
+  auth_ops picky = *strict.ops;
   picky.validate = [](AUTH*, const opaque_auth*) { return false; };
-  AUTH strict = *none;
   strict.ops = &picky;
   client_->auth = &strict;
   expect(call(), RPC_AUTHERROR, kAuthInvalidServerVerifier);
@@ -606,21 +623,6 @@ TEST_F(TcpTest, SwitchesOfTheDebugDirectoryAndOfBufferSizes) {
               "The environment variable KIV_SOCK_BUF_UNSET is set to 'Yes'. This overrides "
               "default behavior");
   EXPECT_TRUE(unlink("/run/nowritev") == 0 && unlink("/run/noreadv") == 0);
-}
-
-// The peer is the host's port mapper, asked over TCP, and the program that it tells of.
-TEST_F(TcpTest, CreationByName) {
-  TcpPeer peer(all_with(kOther), 7938);
-  setenv("KIV_TRANSPORT", "SPP", 1);
-  for (const char* name : {"tcp", "PIPE", "shm", "spp", ""}) {
-    client_ = __brix_clnt_create("", 5, 6, name);
-    ASSERT_NE(client_, nullptr) << name;
-    EXPECT_EQ(get<timeval>(CLGET_TIMEOUT).tv_sec, 30);
-    EXPECT_EQ(call(), RPC_SUCCESS);
-    EXPECT_EQ(result_, 7938);
-    destroy();
-  }
-  unsetenv("KIV_TRANSPORT");
 }
 
 }  // namespace
