@@ -505,6 +505,7 @@ TEST_F(TcpTest, OtherControlRequests) {
   for (uint32_t request : {4U, 5U, 7U, 19U, 38U, 69U, 70U, UINT32_MAX}) {
     EXPECT_FALSE(control(request, &methods)) << request;
   }
+  EXPECT_FALSE(control(CLGET_TIMEOUT, nullptr));
 }
 
 TEST_F(TcpTest, Descriptors) {
