@@ -60,14 +60,16 @@ class PortTest : public LabTest {
 };
 
 TEST_F(PortTest, TheLastResortIsAskedLast) {
-  lab::EmptyPortMappers mappers;
+  lab::RpcServer own(kOwnMapperPort, "127.0.0.1", lab::port_mapper(0));
   pmap_fallback([](unsigned long program, unsigned long version, unsigned long protocol) {
     return static_cast<uint16_t>(program * 100 + version * 10 + protocol);
   });
-  EXPECT_EQ(ask("127.0.0.1", 3, 4, IPPROTO_UDP), 357);
-  EXPECT_THAT(mappers.standard.requests(), SizeIs(1));
+  for (uint16_t registered : {uint16_t{0}, uint16_t{65535}}) {
+    lab::RpcServer standard(kStandardMapperPort, "127.0.0.1", lab::port_mapper(registered));
+    EXPECT_EQ(ask("127.0.0.1", 3, 4, IPPROTO_UDP), registered != 0 ? registered : 357);
+    EXPECT_THAT(standard.requests(), SizeIs(1));
+  }
   pmap_fallback(nullptr);
-  EXPECT_EQ(ask("127.0.0.1", 3, 4, IPPROTO_UDP), 0);
 }
 
 TEST_F(PortTest, WhatTheEnvironmentKnowsHoldsForThisHostAlone) {
