@@ -60,6 +60,8 @@ TEST_F(UdpTest, CallsAreSentInFullAndAnswered) {
     // The id counts up as a number of 16 bits whose low byte comes first.
     if (++id[0] == 0) ++id[1];
   }
+  auto only_free = [](XDR* xdrs, void*) { return xdrs->operation == xdr_op::kFree; };
+  EXPECT_TRUE(client_->ops->freeres(client_, only_free, nullptr));
 }
 
 TEST_F(UdpTest, DatagramsThatAreNotTheReplyAreDropped) {
