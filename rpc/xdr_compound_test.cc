@@ -1,7 +1,5 @@
 #include "rpc/xdr_compound.h"
 
-#include <cerrno>
-#include <cstring>
 #include <random>
 
 #include "rpc/xdr_object.h"
@@ -43,13 +41,6 @@ class Generator {
   std::mt19937 random_;
 };
 
-std::string encode(void* item) {
-  TestStream out(std::string(8000, 'x'), xdr_op::kEncode);
-  EXPECT_TRUE(kItem(out.get(), item));
-  EXPECT_EQ(__brix_xdr_sizeof(kItem, item), out.used());
-  return out.hex();
-}
-
 TEST(XdrCompound, RoundTripsWhateverIsGenerated) {
   for (unsigned seed = 0; seed < 60; ++seed) {
     const std::string wire = Generator(seed).item();
@@ -57,12 +48,11 @@ TEST(XdrCompound, RoundTripsWhateverIsGenerated) {
       Item item = {};
       TestStream in(wire, xdr_op::kDecode, kind);
       ASSERT_TRUE(item_filter(in.get(), &item)) << seed;
-      EXPECT_EQ(encode(&item), to_hex(wire)) << seed;
+      EXPECT_EQ(encoded(kItem, &item), to_hex(wire)) << seed;
       void* copy = __brix_xdr_dup(kItem, &item, sizeof item);
       ASSERT_NE(copy, nullptr);
       __brix_xdr_free(kItem, &item);
-      EXPECT_TRUE(item.name == nullptr && item.optional == nullptr);
-      EXPECT_EQ(encode(copy), to_hex(wire)) << seed;
+      EXPECT_EQ(encoded(kItem, copy), to_hex(wire)) << seed;
       __brix_xdr_free_pointer(kItem, copy);
     }
   }
@@ -70,63 +60,55 @@ TEST(XdrCompound, RoundTripsWhateverIsGenerated) {
 
 TEST(XdrCompound, ReleasesWhatFailsHalfWay) {
   for (unsigned seed = 0; seed < 6; ++seed) {
-    expect_failures_release<Item>(kItem, Generator(seed).item());
-  }
-}
-
-TEST(XdrCompound, CopiesOrGivesUp) {
-  Item item = {};
-  item.kind = 3;  // encodes nowhere
-  EXPECT_EQ(__brix_xdr_dup(kItem, &item, sizeof item), nullptr);
-  EXPECT_EQ(__brix_xdr_sizeof(kItem, &item), 0u);
-  ASSERT_TRUE(item_filter(TestStream(Generator(1).item(), xdr_op::kDecode).get(), &item));
-  void* copy = nullptr;
-  for (int granted = 0; copy == nullptr; ++granted) {
-    FailingMalloc failing(granted);
-    copy = __brix_xdr_dup(kItem, &item, sizeof item);
-    EXPECT_EQ(copy == nullptr, failing.failed());
-  }
-  __brix_xdr_free_pointer(kItem, copy);
-  __brix_xdr_free(kItem, &item);
-}
-
-// The element-by-element way to carry integers, for comparison with the quick one.
-template <auto filter>
-bool slow(XDR* xdrs, void* object) {
-  return xdr_filter<filter>(xdrs, object);
-}
-
-template <auto filter>
-void expect_same_as_slow() {
-  constexpr uint32_t kSize = sizeof(typename xdr_detail::ObjectOf<decltype(filter)>::Type);
-  auto carry = [](xdrproc_t element, xdr_op operation, size_t room, uint32_t count) {
-    std::string values = "abcdefghijklmnopqrstuvwx";
-    TestStream stream(std::string_view("123456789\xF0\xF1\xF2"
-                                       "ABCDEFGHIJKL",
-                                       room),
-                      operation);
-    bool done = __brix_xdr_vector(stream.get(), values.data(), count, kSize, element);
-    return std::to_string(done) + values + stream.hex();
-  };
-  for (xdr_op operation : {xdr_op::kEncode, xdr_op::kDecode, xdr_op::kFree}) {
-    for (size_t room = 0; room <= 24; ++room) {
-      for (uint32_t count = 0; count <= 24 / kSize; ++count) {
-        EXPECT_EQ(carry(xdr_filter<filter>, operation, room, count),
-                  carry(slow<filter>, operation, room, count))
-            << room << " " << count;
-      }
+    const std::string wire = Generator(seed).item();
+    expect_failures_release<Item>(kItem, wire);
+    Item item = {};
+    ASSERT_TRUE(item_filter(TestStream(wire, xdr_op::kDecode).get(), &item));
+    void* copy = nullptr;
+    for (int granted = 0; copy == nullptr; ++granted) {
+      FailingMalloc failing(granted);
+      copy = __brix_xdr_dup(kItem, &item, sizeof item);
+      ASSERT_EQ(copy == nullptr, failing.failed());
     }
+    __brix_xdr_free_pointer(kItem, copy);
+    __brix_xdr_free(kItem, &item);
+    EXPECT_TRUE(item.name == nullptr && item.always == nullptr && item.optional == nullptr);
   }
+  Item unknown = {};
+  unknown.kind = 3;  // encodes nowhere
+  EXPECT_EQ(__brix_xdr_dup(kItem, &unknown, sizeof unknown), nullptr);
+}
+
+// Carries `count` integers of `size` bytes through a stream with `room`; tells what is
+// there then. A blind stream takes them one by one.
+std::string carry(xdrproc_t filter, uint32_t size, xdr_op operation, size_t room, uint32_t count,
+                  TestStream::Kind kind) {
+  std::string values = "abcdefghijklmnopqrstuvwx";
+  const std::string_view bytes =
+      "123456789\xF0\xF1\xF2"
+      "ABCDEFGHIJKL";
+  TestStream stream(bytes.substr(0, room), operation, kind);
+  const bool done = __brix_xdr_vector(stream.get(), values.data(), count, size, filter);
+  return std::to_string(done) + values + stream.hex();
 }
 
 TEST(XdrCompound, CarriesIntegersAtOnceAsOneByOne) {
-  expect_same_as_slow<xdr_int32_t>();
-  expect_same_as_slow<xdr_uint32_t>();
-  expect_same_as_slow<__brix_xdr_enum>();
-  expect_same_as_slow<__brix_xdr_int>();
-  expect_same_as_slow<__brix_xdr_u_int>();
-  expect_same_as_slow<xdr_int64_t>();
-  expect_same_as_slow<xdr_uint64_t>();
+  const std::pair<xdrproc_t, uint32_t> filters[] = {
+      {xdr_filter<xdr_int32_t>, 4},      {xdr_filter<xdr_uint32_t>, 4},
+      {xdr_filter<__brix_xdr_enum>, 4},  {xdr_filter<__brix_xdr_int>, 4},
+      {xdr_filter<__brix_xdr_u_int>, 4}, {xdr_filter<xdr_int64_t>, 8},
+      {xdr_filter<xdr_uint64_t>, 8}};
+  for (const auto& [filter, size] : filters) {
+    for (xdr_op operation : {xdr_op::kEncode, xdr_op::kDecode, xdr_op::kFree}) {
+      for (size_t room = 0; room <= 24; ++room) {
+        for (uint32_t count = 0; count <= 24 / size; ++count) {
+          EXPECT_EQ(carry(filter, size, operation, room, count, TestStream::kPlain),
+                    carry(filter, size, operation, room, count, TestStream::kBlind))
+              << room << " " << count;
+        }
+      }
+    }
+  }
   // Only where they stand side by side.
   int32_t apart[] = {1, 7, 2, 8};
   TestStream out(std::string(16, 'x'), xdr_op::kEncode);
@@ -148,23 +130,11 @@ TEST(XdrCompound, BoundsArrays) {
     EXPECT_FALSE(run_array({wire, xdr_op::kDecode}, &array, &count, maximum, element_size));
     EXPECT_TRUE(array == nullptr && count == 0);
   }
-  {
-    FailingMalloc nothing(0);
-    errno = 0;
-    EXPECT_FALSE(run_array({wire, xdr_op::kDecode}, &array, &count, 2));
-    EXPECT_EQ(errno, ENOMEM);
-  }
   ASSERT_TRUE(run_array({wire, xdr_op::kDecode}, &array, &count, 2));
-  ASSERT_EQ(count, 2u);
-  EXPECT_EQ(static_cast<int32_t*>(array)[1], 9);
   EXPECT_FALSE(run_array({wire, xdr_op::kEncode}, &array, &count, 1));
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_TRUE(run_array({"", xdr_op::kFree}, &array, &count, 1));
-    EXPECT_EQ(array, nullptr);
-  }
-  EXPECT_FALSE(run_array({wire, xdr_op::kEncode}, &array, &count, 2));  // counted, not there
-  EXPECT_TRUE(run_array({from_hex("00000000"), xdr_op::kDecode}, &array, &count, 2));
+  EXPECT_TRUE(run_array({"", xdr_op::kFree}, &array, &count, 1));
   EXPECT_EQ(array, nullptr);
+  EXPECT_FALSE(run_array({wire, xdr_op::kEncode}, &array, &count, 2)) << "counted, not there";
 }
 
 // A peer that declares many elements and sends few gets memory for few.
@@ -187,22 +157,6 @@ TEST(XdrCompound, BelievesNoDeclaredCount) {
     for (uint32_t i = sent; i < count; ++i) ASSERT_EQ(static_cast<int32_t*>(array)[i], 0);
     EXPECT_TRUE(run_array({"", xdr_op::kFree}, &array, &count, UINT32_MAX));
   }
-}
-
-TEST(XdrCompound, FollowsPointers) {
-  void* object = nullptr;
-  auto run = [&](auto filter, std::string_view hex, xdr_op operation) {
-    TestStream stream(from_hex(hex), operation);
-    bool done = filter(stream.get(), &object, sizeof(int32_t), xdr_filter<xdr_int32_t>);
-    return (done ? "done " : "fails ") + stream.hex();
-  };
-  EXPECT_EQ(run(__brix_xdr_pointer, "01010101", xdr_op::kEncode), "done 00000000");
-  EXPECT_EQ(run(__brix_xdr_reference, "", xdr_op::kFree), "done ");
-  // Any flag but 0 announces an object.
-  EXPECT_EQ(run(__brix_xdr_pointer, "0000000200000009", xdr_op::kDecode), "done 0000000200000009");
-  EXPECT_EQ(run(__brix_xdr_reference, "00000000", xdr_op::kEncode), "done 00000009");
-  EXPECT_EQ(run(__brix_xdr_reference, "", xdr_op::kFree), "done ");
-  EXPECT_EQ(object, nullptr);
 }
 
 }  // namespace

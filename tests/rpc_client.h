@@ -4,6 +4,7 @@
 #include <sys/time.h>
 
 #include "rpc/clnt.h"
+#include "rpc/rpcvarp.h"
 #include "tests/lab.h"
 
 namespace lab {
@@ -39,10 +40,27 @@ class ClientTest : public LabTest {
     return client_->ops->control(client_, request, information);
   }
 
-  rpc_err error() const {
+  template <typename T>
+  T get(uint32_t request) {
+    T value{};
+    EXPECT_TRUE(control(request, &value)) << request;
+    return value;
+  }
+
+  /// What a call came to and the record of it are `status` with `detail`.
+  void expect(clnt_stat got, clnt_stat status, int32_t detail = 0) const {
     rpc_err error{};
     client_->ops->geterr(client_, &error);
-    return error;
+    EXPECT_TRUE(got == status && error.status == status && error.first_word == detail)
+        << got << ' ' << error.status << ' ' << error.first_word;
+  }
+
+  /// The same of the creation error, and no client was made.
+  void expect_not_created(clnt_stat status, int32_t detail) const {
+    const rpc_createerr& error = *__get_rpc_createerr();
+    EXPECT_EQ(client_, nullptr);
+    EXPECT_TRUE(error.status == status && error.cause.error_number == detail)
+        << error.status << ' ' << error.cause.error_number;
   }
 
   CLIENT* client_ = nullptr;

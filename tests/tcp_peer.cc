@@ -62,6 +62,8 @@ void TcpConnection::reset_at_end() const {
 
 TcpPeer::TcpPeer(Script script, uint16_t port)
     : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  const int on = 1;  // the port of a peer that has ended
+  setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   sockaddr_in address = loopback(port);
   socklen_t length = sizeof address;
   auto* name = reinterpret_cast<sockaddr*>(&address);
