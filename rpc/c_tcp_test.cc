@@ -18,6 +18,7 @@
 #include "rpc/auth.h"
 #include "rpc/auth_methods.h"
 #include "rpc/brsvport.h"
+#include "rpc/c_gen.h"
 #include "rpc/rpcvarp.h"
 #include "rpc/x_rec.h"
 #include "tests/failing_calls.h"
@@ -508,6 +509,28 @@ TEST_F(TcpTest, OtherControlRequests) {
   EXPECT_FALSE(control(CLGET_TIMEOUT, nullptr));
 }
 
+TEST_F(TcpTest, TheOneCallOption) {
+  static std::string requests;
+  requests.clear();
+  TcpPeer peer(all_with(kAnswer));
+  connect(peer);
+  XDR* stream = get_xdr_from_chandle(client_);
+  xdr_ops told = *stream->ops;
+  told.control = [](XDR*, uint32_t request, void*) {
+    requests += std::to_string(request);
+    return true;
+  };
+  stream->ops = &told;
+  for (uint32_t request : {CLSET_ONE_CALL, CLSET_ONE_CALL_ENABLED}) {
+    EXPECT_TRUE(control(request, client_) && call() == RPC_SUCCESS);
+    EXPECT_EQ(get<int32_t>(CLGET_ONE_CALL_ENABLED), request == CLSET_ONE_CALL ? 0 : 1);
+  }
+  EXPECT_EQ(requests, "") << "not enabled, not armed";
+  EXPECT_TRUE(control(CLSET_ONE_CALL, client_) && call() == RPC_SUCCESS && call() == RPC_SUCCESS);
+  EXPECT_EQ(requests, "01") << "for one call";
+  destroy();  // while its table is there
+}
+
 TEST_F(TcpTest, Descriptors) {
   TcpPeer peer(all_with(kAnswer));
   connect(peer);
@@ -624,6 +647,20 @@ TEST_F(TcpTest, SwitchesOfTheDebugDirectoryAndOfBufferSizes) {
               "The environment variable KIV_SOCK_BUF_UNSET is set to 'Yes'. This overrides "
               "default behavior");
   EXPECT_TRUE(unlink("/run/nowritev") == 0 && unlink("/run/noreadv") == 0);
+}
+
+TEST_F(TcpTest, CreationByName) {
+  TcpPeer peer(all_with(kOther), 7938);
+  setenv("KIV_TRANSPORT", "SPP", 1);
+  for (const char* name : {"tcp", "PIPE", "shm", "spp", ""}) {
+    client_ = __brix_clnt_create("", 5, 6, name);
+    ASSERT_NE(client_, nullptr) << name;
+    EXPECT_EQ(get<timeval>(CLGET_TIMEOUT).tv_sec, 30);
+    EXPECT_EQ(call(), RPC_SUCCESS);
+    EXPECT_EQ(result_, 7938);
+    destroy();
+  }
+  unsetenv("KIV_TRANSPORT");
 }
 
 }  // namespace
