@@ -9,6 +9,7 @@
 #include "liblocal/errinfo.h"
 #include "liblocal/print.h"
 #include "tests/failing_malloc.h"
+#include "tests/printed.h"
 
 namespace {
 
@@ -23,7 +24,6 @@ TEST(Vxenv, AsciiPassesAsItIs) {
   static char text[] = "KIV_ENV_TEST=put";
   EXPECT_EQ(vxputenv(text), 0);
   EXPECT_EQ(getenv(kName), text + sizeof kName);
-  EXPECT_EQ(vxputenv(nullptr), 0);
   unsetenv(kName);
 }
 
@@ -38,17 +38,14 @@ TEST(Vxenv, ConvertsOtherTexts) {
   c_unique_ptr<char> first(getenv(kName) - sizeof kName);  // the environment lets go of it now
   EXPECT_EQ(add_to_environment(kName, "\xC3\xA4", 1), 1);
   EXPECT_STREQ(getenv(kName), "\xE4:\xFC");
-  testing::internal::CaptureStderr();
-  printerr("%s\n", brix_strerror(ENOMEM));  // has what it needs once before memory is gone
-  {
+  auto without_memory = [] {
     FailingMalloc none(0);
     EXPECT_EQ(vxgetenv(kName), nullptr);
-    EXPECT_EQ(errno, ENOMEM);
-    errno = 0;
     EXPECT_EQ(vxputenv(text), -1);
     EXPECT_EQ(errno, ENOMEM);
-  }
-  testing::internal::GetCapturedStderr();
+  };
+  brix_strerror(ENOMEM);  // has what it needs once before memory is gone
+  printed(0, without_memory);
   EXPECT_STREQ(getenv(kName), "\xE4:\xFC");
   c_unique_ptr<char> second(getenv(kName) - sizeof kName);
   unsetenv(kName);
@@ -77,7 +74,6 @@ TEST(Vxenv, AddsToTheEnvironment) {
   {
     FailingMalloc none(0);
     EXPECT_EQ(add_to_environment(kName, "more", 1), 0);
-    EXPECT_TRUE(none.failed());
   }
   EXPECT_EQ(getenv(kName), third);
   unsetenv(kName);
