@@ -43,14 +43,10 @@ TEST(Mbt, WhatIsOne) {
     const char* text;
     int contains;
     int restores;
-  } cases[] = {{"a\xEF\xA3\xBFz", 1, 1},
-               {"\xEF\xA1\x80", 0, 0},
-               {"\xEF\xA4\x80", 0, 0},
-               {"\xEF\xA2", 0, 0},
-               {"\xEF", 0, 0},
-               {"é", 0, 0},
-               {"\xEF\xA2z\xEF\xA2\x80", 0, 0},  // the first one decides
-               {"\xEF\xBC\x81\xEF\xA2\x80", 1, 0}};
+  } cases[] = {
+      {"a\xEF\xA3\xBFz", 1, 1},          {"\xEF\xA1\x80", 0, 0}, {"\xEF\xA2", 0, 0}, {"é", 0, 0},
+      {"\xEF\xA2z\xEF\xA2\x80", 0, 0},  // the first one decides
+      {"\xEF\xBC\x81\xEF\xA2\x80", 1, 0}};
   char output[16];
   for (const auto& [text, contains, restores] : cases) {
     EXPECT_EQ(containsMBT(text), contains) << testing::PrintToString(text);

@@ -12,7 +12,6 @@
 
 #include "liblocal/utf8_codec.h"
 #include "liblocal/utf8_convert.h"
-#include "liblocal/vx_error.h"
 #include "tests/failing_malloc.h"
 #include "tests/lab.h"
 #include "tests/locales.h"
@@ -135,7 +134,6 @@ TEST(Utf8Streams, StandardStreams) {
     std::string long_line;
     while (long_line.size() < 2 * tail.size()) long_line += vxgets(buffer.data());
     EXPECT_EQ(long_line.size(), 2 * tail.size());
-    utf8_fp(stdin);
     EXPECT_STREQ(vxgets(buffer.data()), "last");
     EXPECT_EQ(vxgets(buffer.data()), nullptr);
 
@@ -143,11 +141,8 @@ TEST(Utf8Streams, StandardStreams) {
     ASSERT_NE(freopen(path.c_str(), "w", stdout), nullptr);
     EXPECT_EQ(vxfputs(text.c_str(), stdout), 2) << "pieces";
     EXPECT_EQ(vxputs("é"), 2);
-    utf8_fp(stdout);
-    EXPECT_GT(vxputs("é"), 0);
     fflush(stdout);
-    EXPECT_EQ(lab::read_file(path), "\xA4" + std::string(18430, 'x') + "\xA4\xE9\né\n");
-    user_fp(stdout);
+    EXPECT_EQ(lab::read_file(path), "\xA4" + std::string(18430, 'x') + "\xA4\xE9\n");
     ASSERT_NE(freopen("/dev/full", "w", stdout), nullptr);
     setvbuf(stdout, nullptr, _IONBF, 0);
     EXPECT_EQ(vxfputs("é", stdout) + vxputs("é"), -2);
