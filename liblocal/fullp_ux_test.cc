@@ -186,13 +186,4 @@ TEST_F(Fullpath, ClosedDirectories) {
   EXPECT_EQ(seteuid(0), 0);
 }
 
-TEST_F(Fullpath, ADirectoryThatIsGone) {
-  fs::create_directory("gone");
-  fs::current_path("gone");
-  fs::remove("../gone");
-  EXPECT_EQ(told(1, "@/dir/../dir", kPlain),
-            in_tree("kivtrap: fullpath(@/dir/../dir): cannot determine current directory\n"));
-  EXPECT_EQ(resolved("@/dir", kPlain), in_tree("@/dir"));
-}
-
 }  // namespace

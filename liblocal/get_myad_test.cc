@@ -116,42 +116,39 @@ TEST_F(AddressTest, Thousands) {
 }
 
 TEST_F(AddressTest, WhatFails) {
+  sockaddr_in *table = nullptr, *again = nullptr;
+  EXPECT_EQ(get_myaddrs(&table), 3);
   const std::tuple<unsigned long, int, const char*> cases[] = {
       {SIOCGIFCONF, EINVAL, "set_ifconf_buffer: ioctl(SIOCGIFNUM) failed with 22\n"},
       {SIOCGIFCONF, EIO, "set_ifconf_buffer: ioctl(SIOCGIFCONF): Input/output error\n"},
       {SIOCGIFFLAGS, ENODEV, ""},
   };
-  sockaddr_in* table = nullptr;
   for (const auto& [request, error, told] : cases) {
     stand_ins::refused_request = request;
     stand_ins::refusal = error;
-    const std::string all = printed(1, [&] { EXPECT_EQ(get_myaddrs(&table), 0); });
+    const std::string all = printed(1, [&] { EXPECT_EQ(get_myaddrs(&again), 0); });
     EXPECT_NE(all.find(told), std::string::npos) << all;
   }
   const std::string told = printed(0, [] { EXPECT_EQ(first_address(), "0.0.0.0"); });
   EXPECT_TRUE(told.starts_with("get_myaddress: flags ioctl: No such device\n")) << told;
-}
+  stand_ins::refused_request = 0;
 
-TEST_F(AddressTest, NoSocketAndNoMemory) {
-  sockaddr_in* table = nullptr;
-  EXPECT_EQ(get_myaddrs(&table), 3);
-  printed(0, [] {
+  auto without_memory = [&] {
     FailingMalloc failing(0);
-    sockaddr_in* empty = nullptr;
-    EXPECT_EQ(get_myaddrs(&empty), 0);
-  });
-  auto without_descriptors = [table] {
+    EXPECT_EQ(get_myaddrs(&again), 0);
+  };
+  printed(0, without_memory);
+  auto without_descriptors = [&] {
     rlimit before{};
     getrlimit(RLIMIT_NOFILE, &before);
     const rlimit none = {0, before.rlim_max};
     setrlimit(RLIMIT_NOFILE, &none);
-    sockaddr_in* again = nullptr;
     EXPECT_EQ(get_myaddrs(&again), -1);
-    EXPECT_EQ(again, table);
     EXPECT_EQ(first_address(), "0.0.0.0");
     setrlimit(RLIMIT_NOFILE, &before);
   };
   EXPECT_EQ(printed(0, without_descriptors), "get_myaddress: socket: Too many open files\n");
+  EXPECT_EQ(again, table);
 }
 
 }  // namespace

@@ -48,8 +48,7 @@ std::string formatted(const char* format, ...) {
 }
 
 struct Case {
-  std::string got;
-  std::string wanted;
+  std::string got, wanted;
 };
 
 void check(const std::vector<Case>& cases) {
@@ -73,7 +72,6 @@ TEST(Format, ColumnsOfTexts) {
        {formatted("%5.3s|%-5.3s|", "日本", "日本"), "   日|日   |"},
        {formatted("%.*s|%.*s|%.*s", 2, "abc", -1, "abc", -7, "abc"), "ab|abc|abc"},
        {formatted("%.3s", unterminated), "abc"},
-       {formatted("%4s|%4s|%3s", "abc", "abcd", "abcd"), " abc|abcd|abcd"},
        {formatted("%04s|%-04s|%0-4s|%*s|", "a", "a", "a", -4, "a"), "   a|   a|a   |a|"},
        {formatted("%6s|%.2s", absent, absent), "  null|nu"},
        // Characters that the end of the text cuts off.
@@ -85,7 +83,6 @@ TEST(Format, Positions) {
          {formatted("%2$s %s %1$d", 1, "two", "three"), "two three 1"},
          {formatted("%1$*2$d|%1$-*2$d|%1$.*2$d", 7, 3), "  7|7  |007"},
          {formatted("%2$*1$s|%3$*s", 3, "日", 2, "x"), " 日| x"},
-         {formatted("%1$d %1$ld %2$.1Lf", 1L << 32 | 5, 2.0L), "5 4294967301 2.0"},
          {formatted("%3$s", 1, 2, "c"), "c"},    // 1 and 2 are skipped
          {formatted("%1$s %1$d", 5), "null 5"},  // one argument, one type
          {formatted("%1$d %1$s", "a"), "0 a"},

@@ -69,7 +69,7 @@ class NameTest : public LabTest {
     clu_set_localvirthost_hook(nullptr);
   }
 
-  // The names that `work` asks the resolver for.
+  // How many names `work` asks the resolver for.
   template <typename Work>
   static int asked_by(Work work) {
     int before = names_asked;
@@ -192,18 +192,6 @@ TEST_F(NameTest, HundredsOfAddresses) {
   lab::write_file("/etc/hosts", hosts);
   EXPECT_EQ(samehost("many", "10.9.1.100"), 1);
   EXPECT_EQ(asked_by([] { EXPECT_EQ(samehost("10.9.0.1", "10.9.0.199"), 1); }), 0);
-}
-
-TEST_F(NameTest, EveryAllocationRefused) {
-  err_set(1, ENOMEM);  // its tables wait for memory
-  for (int granted = 0; granted < 40; ++granted) {
-    free_dns_hostlist_cache();
-    static_cast<void>(is_myname("lab-host"));
-    FailingMalloc failing(granted);
-    static_cast<void>(is_validhostname("web"));
-    free(get_primaryhostname("mail"));
-    EXPECT_EQ(hostlist_fault(dns_hostlist_cache), "") << granted;
-  }
 }
 
 TEST_F(NameTest, EightThreads) {

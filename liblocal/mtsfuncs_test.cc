@@ -23,32 +23,21 @@ TEST_F(LookUpTest, EachFindsItsOwn) {
   const in_addr lab = {inet_addr("192.0.2.1")};
   const hostent* by_address = vx_ts_gethostbyaddr(&lab, sizeof lab, AF_INET);
   ASSERT_NE(by_address, nullptr);
-  sethostent(0);
-  const hostent* first = vx_ts_gethostent();
-  ASSERT_NE(first, nullptr);
   EXPECT_STREQ(by_name->h_name, "localhost");
   EXPECT_STREQ(by_address->h_name, "lab-host") << "no wrapper writes over another's result";
-  EXPECT_STREQ(first->h_aliases[0], "manager");
-  endhostent();
 
   lab::write_file("/etc/services", "one 101/tcp\nsnmp 161/udp\n");
   const servent* service = vx_ts_getservbyname("snmp", "udp");
   const servent* by_port = vx_ts_getservbyport(htons(101), nullptr);
-  setservent(0);
-  const servent* next = vx_ts_getservent();
-  ASSERT_TRUE(service != nullptr && by_port != nullptr && next != nullptr);
+  ASSERT_TRUE(service != nullptr && by_port != nullptr);
   EXPECT_EQ(service->s_port, htons(161));
   EXPECT_STREQ(by_port->s_name, "one");
-  EXPECT_STREQ(next->s_name, "one");
-  endservent();
 
   const passwd* root = vx_ts_getpwnam("root");
   const passwd* zero = vx_ts_getpwuid(0);
-  const group* wheel = vx_ts_getgrgid(0);
-  ASSERT_TRUE(root != nullptr && zero != nullptr && wheel != nullptr);
-  EXPECT_NE(root, zero);
+  ASSERT_TRUE(root != nullptr && zero != nullptr && root != zero);
   EXPECT_STREQ(root->pw_name, zero->pw_name);
-  EXPECT_STREQ(wheel->gr_name, "root");
+  EXPECT_STREQ(vx_ts_getgrgid(0)->gr_name, "root");
 }
 
 TEST_F(LookUpTest, NothingAndTooMuch) {
