@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <csignal>
 
 #include "liblocal/vx_error.h"
