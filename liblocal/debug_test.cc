@@ -5,20 +5,10 @@
 
 #include "liblocal/log_time.h"
 #include "liblocal/print.h"
-#include "liblocal/vxinit.h"
 #include "tests/lab.h"
+#include "tests/printed.h"
 
 namespace {
-
-// What `print` writes to standard error at a level of `Debug`.
-std::string printed(int level, auto print) {
-  vx_set_progname("kivtrap");
-  Debug = level;
-  testing::internal::CaptureStderr();
-  print();
-  Debug = 0;
-  return testing::internal::GetCapturedStderr();
-}
 
 [[gnu::format(printf, 2, 3)]] void diagnose(int level, const char* format, ...) {
   va_list arguments;

@@ -7,23 +7,12 @@
 #include <sstream>
 #include <thread>
 
-#include "liblocal/debug.h"
 #include "liblocal/err_tables.h"
 #include "liblocal/print.h"
-#include "liblocal/vxinit.h"
 #include "tests/failing_malloc.h"
+#include "tests/printed.h"
 
 namespace {
-
-// What `print` writes to standard error at a level of `Debug`.
-std::string printed(int level, auto print) {
-  vx_set_progname("kivtrap");
-  Debug = level;
-  testing::internal::CaptureStderr();
-  print();
-  Debug = 0;
-  return testing::internal::GetCapturedStderr();
-}
 
 std::string shown(const vx_error_record* record) {
   return std::to_string(record->number) + " " + record->text;
@@ -33,9 +22,8 @@ TEST(ErrSet, NumbersAndTexts) {
   // What type and code alone give; the severity comes from the tables.
   std::istringstream cases(
       "11000 Success;15012 Cannot allocate memory;13004 Interrupted system call;"
-      "13100 Network is down;13102 Network dropped connection on reset;"
-      "13104 Connection reset by peer;13110 Connection timed out;15999 Unknown error 999;"
-      "21000 Success;23005 Timed out;25018 Call interrupted;25027 Cancelled;20028 Unknown error;"
+      "13100 Network is down;13110 Connection timed out;15999 Unknown error 999;"
+      "21000 Success;23005 Timed out;25027 Cancelled;20028 Unknown error;"
       "31000 ;35001 Operation not supported;35017 system error;35032 Resource database busy;"
       "30033 Unknown error;41000 Success;85001 Unknown error;40007 Unknown error;"
       "91000 ;94001 Invalid arguments;95002 Unable to find job record;"
@@ -47,9 +35,6 @@ TEST(ErrSet, NumbersAndTexts) {
   }
   EXPECT_EQ(shown(err_set(2, 2005)), "22005 Timed out") << "a severity of the caller's own,";
   EXPECT_EQ(shown(err_set(2, 123005)), "23005 Timed out") << "of which the last digit counts";
-  EXPECT_EQ(shown(err_set(2, 3)),
-            "24003 RPC send operation failed.  A network connection could not be established with "
-            "the host.");
   EXPECT_EQ(shown(err_set(2, -1)), "19999 Unknown error");
   EXPECT_EQ(shown(err_set(INT32_MAX, 0)), "-10000 Unknown error") << "wraps";
 }
@@ -73,10 +58,8 @@ TEST(ErrSet, ARegisteredType) {
   static const char* const texts[] = {"fine", "worn"};
   static const int32_t severities[] = {1, 2};
   err_settype(10, 1, std::string(200, 'n').c_str(), texts, severities);
-  err_settype(11, 1, "ignored", texts, severities);
   EXPECT_EQ(shown(err_set(10, 1)), "102001 worn");
   EXPECT_EQ(strlen(err_type_of(10)->name), kErrTypeNameSize - 1);
-  EXPECT_EQ(err_set(11, 1)->number, 110001);
   err_settype(10, 0, "", nullptr, nullptr);
 }
 
@@ -86,11 +69,9 @@ TEST(ErrPrint, ByteForByte) {
     std::string plain, detail;
   } cases[] = {
       {*err_set(1, ENOMEM), "SYSTEM error: Cannot allocate memory", " (severity 5, number 12)"},
-      {{31000, ""}, "RAP notice: ", " (severity 1, number 0)"},
       {{92001, "50%d"}, "Jobs warning: 50%d", " (severity 2, number 1)"},
       {{0, "nothing"}, "error, nothing", ""},
       {{7, "bare"}, "error, bare", " (type 0, severity 0, number 7)"},
-      {{101007, "new"}, "notice, new", " (type 10, severity 1, number 7)"},
       {{-10001, "chain"}, "error, chain", " (number -10001)"}};
   for (const auto& [record, plain, detail] : cases) {
     auto print = [&record = record] { err_print(&record); };
@@ -101,7 +82,7 @@ TEST(ErrPrint, ByteForByte) {
   EXPECT_EQ(printed(1, [] { err_print(nullptr); }), "");
 }
 
-TEST(ErrSetstr, FormatsAndCuts) {
+TEST(ErrSetstr, FormatsAndCutsPerThread) {
   vx_error_record* record = err_setstr(3, 5012, "%s: %d", "host", 7);
   EXPECT_EQ(shown(record), "35012 host: 7");
   EXPECT_EQ(shown(err_setstr(3, 5012, "on %s", record->text)), "35012 on host: 7");
@@ -111,28 +92,21 @@ TEST(ErrSetstr, FormatsAndCuts) {
     const std::string text(length, 'x');
     const size_t kept = length < kMessageSize ? length : kMessageSize - 1;
     EXPECT_EQ(strlen(err_setstr(3, 1, "%s", text.c_str())->text), kept);
-    vx_error_record given = {35001, text.c_str()};
-    EXPECT_EQ(strlen(err_dup(&given)->text), kept);
   }
-}
-
-TEST(ErrSetstr, IsPerThreadAndNeedsMemory) {
-  vx_error_record* mine = err_setstr(3, 5001, "mine");
-  std::thread([mine] {
-    EXPECT_NE(err_set(2, 5), mine);
+  record = err_setstr(3, 5001, "mine");
+  std::thread([record] {
+    EXPECT_NE(err_set(2, 5), record);
     FailingMalloc failing(0);
     EXPECT_EQ(err_setstr(3, 1, "text"), nullptr);
-    EXPECT_EQ(err_dup(mine), nullptr);
+    EXPECT_EQ(err_dup(record), nullptr);
   }).join();
-  EXPECT_EQ(shown(mine), "35001 mine");
+  EXPECT_EQ(shown(record), "35001 mine");
 }
 
 TEST(ErrCopies, Ownership) {
   const vx_error_record given = {35012, "50% of %s"};
   vx_error_record* current = err_dup(&given);
   EXPECT_EQ(shown(err_dup(current)), "35012 50% of %s") << "of itself";
-  EXPECT_EQ(err_dup(nullptr), nullptr);
-
   vx_error_record copy;
   EXPECT_EQ(err_dup2(&given, &copy), 35012);
   EXPECT_NE(copy.text, given.text);
@@ -140,9 +114,6 @@ TEST(ErrCopies, Ownership) {
   EXPECT_EQ(err_move_to_varp(&copy)->number, 35012);
   EXPECT_EQ(copy.text, nullptr);
   EXPECT_EQ(err_move_to_varp(&copy), nullptr);
-  copy = given;
-  EXPECT_EQ(err_dup2(nullptr, &copy), 0);
-  EXPECT_EQ(copy.text, nullptr);
 
   vx_error_record* saved = err_save(&given);
   EXPECT_EQ(printed(1, [] { err_save(err_set(2, 5)); }),
@@ -157,13 +128,12 @@ TEST(ErrCopies, Ownership) {
 TEST(ErrAccrue, ChainsMessages) {
   err_accrue("nobody has asked yet");
   EXPECT_EQ(blow_err(0), nullptr);
-  EXPECT_EQ(printed(0,
-                    [] {
-                      printerr("low\n");
-                      printerr("notice, no failure\n");
-                      printerr("high %d\n", 1);
-                    }),
-            "kivtrap: low\nkivtrap: notice, no failure\nkivtrap: high 1\n");
+  auto print = [] {
+    printerr("low\n");
+    printerr("notice, no failure\n");
+    printerr("high %d\n", 1);
+  };
+  EXPECT_EQ(printed(0, print), "kivtrap: low\nkivtrap: notice, no failure\nkivtrap: high 1\n");
   EXPECT_EQ(shown(blow_err(0)), "-10001 kivtrap: high 1\n->(kivtrap: low\n)");
   EXPECT_NE(blow_err(1), nullptr);
   EXPECT_EQ(blow_err(1), nullptr);

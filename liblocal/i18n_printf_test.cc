@@ -48,8 +48,7 @@ std::string formatted(const char* format, ...) {
 }
 
 struct Case {
-  std::string got;
-  std::string wanted;
+  std::string got, wanted;
 };
 
 void check(const std::vector<Case>& cases) {
@@ -59,12 +58,9 @@ void check(const std::vector<Case>& cases) {
 TEST(Format, Conversions) {
   check({{formatted(""), ""},
          {formatted("%%d 100%%"), "%d 100%"},
-         {formatted("%05d|%-5d|%#hx", 42, 42, 65537), "00042|42   |0x1"},
-         {formatted("%10.0f|%lf", 3.0, 0.5), "         3|0.500000"},
          {formatted("%*d|%-*d|%*d|%*d", 5, 42, 5, 42, -5, 42, -1, 42), "   42|42   |42   |42"},
          {formatted("%.*f|%.*f|%.f", 2, 1.0, -2, 1.0, 1.0), "1.00|1.000000|1"},
-         {formatted("%*.*f|%5.*f|%*.2f", 6, 1, 2.0, 1, 2.0, 6, 2.0), "   2.0|  2.0|  2.00"}});
-  EXPECT_EQ(formatted("a%cb", 0), std::string("a\0b", 3));
+         {formatted("a%cb", 0), std::string("a\0b", 3)}});
 }
 
 TEST(Format, ColumnsOfTexts) {
@@ -73,29 +69,22 @@ TEST(Format, ColumnsOfTexts) {
   check(
       {{formatted("%-6s|%6s|", "日本", "日本"), "日本  |  日本|"},
        {formatted("%.3s|%.4s|%.1s|%.0s|%.s", "日本", "日本", "日本", "日本", "日本"), "日|日本|||"},
-       {formatted("%5.3s|%-5.3s|", "abcdef", "abcdef"), "  abc|abc  |"},
        {formatted("%5.3s|%-5.3s|", "日本", "日本"), "   日|日   |"},
        {formatted("%.*s|%.*s|%.*s", 2, "abc", -1, "abc", -7, "abc"), "ab|abc|abc"},
        {formatted("%.3s", unterminated), "abc"},
-       {formatted("%4s|%4s|%3s|%s", "abc", "abcd", "abcd", "é"), " abc|abcd|abcd|é"},
        {formatted("%04s|%-04s|%0-4s|%*s|", "a", "a", "a", -4, "a"), "   a|   a|a   |a|"},
        {formatted("%6s|%.2s", absent, absent), "  null|nu"},
-       {formatted("%.1s|%.2s|%3s", "ｱｲ", "éa", "ｱ"), "ｱ|éa|  ｱ"},
        // Characters that the end of the text cuts off.
        {formatted("%.9s|%.9s|%4s", "\xE6", "\xE6\x97", "\xF0\x9F"), "|\xE6\x97|  \xF0\x9F"}});
 }
 
 TEST(Format, Positions) {
   check({{formatted("%2$s %1$s", "a", "b"), "b a"},
-         {formatted("%1$d %d %1$d %d", 1, 2), "1 2 1 2"},
          {formatted("%2$s %s %1$d", 1, "two", "three"), "two three 1"},
          {formatted("%1$*2$d|%1$-*2$d|%1$.*2$d", 7, 3), "  7|7  |007"},
-         {formatted("%3$*1$.*2$f|%3$f", 6, 1, 2.0), "   2.0|2.000000"},
          {formatted("%2$*1$s|%3$*s", 3, "日", 2, "x"), " 日| x"},
-         {formatted("%1$05d|%1$-5d|", 42), "00042|42   |"},
-         {formatted("%1$d %1$ld %2$.1Lf", 1L << 32 | 5, 2.0L), "5 4294967301 2.0"},
-         {formatted("%3$s", 1, 2, "c"), "c"},  // 1 and 2 are skipped
-         {formatted("%1$s %1$d", 5), "null 5"},
+         {formatted("%3$s", 1, 2, "c"), "c"},    // 1 and 2 are skipped
+         {formatted("%1$s %1$d", 5), "null 5"},  // one argument, one type
          {formatted("%1$d %1$s", "a"), "0 a"},
          {formatted("%2$f %2$d %1$f %1$Lf", 0.5L, 3), "0.000000 3 0.000000 0.500000"}});
 }
@@ -123,7 +112,6 @@ TEST(Format, WhatIsNoConversion) {
   int count = 5;
   check({{formatted("a%"), "a"},
          {formatted("a%-"), "a"},
-         {formatted("a%5"), "a"},
          {formatted("a%l", 1L), "a"},
          {formatted("%lld|%zu", 1L, 2L), "d|u"},
          {formatted("%0300lc|", 0x65E5L), "|"},  // a character that the locale lacks
@@ -144,17 +132,15 @@ TEST(Format, AlwaysHasRoom) {
          {formatted("%40000s|%-40000s", "", ""),
           std::string(40000, ' ') + "|" + std::string(40000, ' ')},
          {formatted("%.500d", 0), std::string(500, '0')},
-         {formatted("%040000d", 0), std::string(40000, '0')},
          {formatted("%.20000Lf", 0.0L), "0." + std::string(20000, '0')}});
   std::string columns;  // more bytes than columns
+  std::string format, full;
   for (int i = 0; i < 10000; ++i) columns += "日";
-  EXPECT_EQ(formatted("%.20000s", columns.c_str()), columns);
-  std::string full;
-  std::string format;
   for (int i = 0; i < 100; ++i) {
     format += "%1$f";
     full += std::to_string(1e308);
   }
+  EXPECT_EQ(formatted("%.20000s", columns.c_str()), columns);
   EXPECT_EQ(formatted(format.c_str(), 1e308), full) << "each beyond the estimate";
 }
 
@@ -251,9 +237,8 @@ void compare(const char* format, const Values& all, Taken... taken) {
     static char got[16384];
     const int length = snprintf(wanted, sizeof wanted, format, taken...);
     ASSERT_EQ(i18n_sprintf(got, format, taken...), length) << format;
-    ASSERT_EQ(memcmp(got, wanted, static_cast<size_t>(length) + 1), 0) << format << "\n"
-                                                                       << got << "\n"
-                                                                       << wanted;
+    const auto size = static_cast<size_t>(length) + 1;
+    ASSERT_EQ(memcmp(got, wanted, size), 0) << format << "\n" << got << "\n" << wanted;
   } else if constexpr (sizeof...(taken) < 4) {
     std::visit([&](auto next) { compare(format, all, taken..., next); }, all[sizeof...(taken)]);
   }

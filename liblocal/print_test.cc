@@ -5,47 +5,42 @@
 
 #include <string>
 
-#include "liblocal/progname.h"
 #include "liblocal/utf8_marks.h"
 #include "liblocal/vxprint.h"
 #include "tests/failing_malloc.h"
+#include "tests/printed.h"
 
 // Formats here differ on purpose from what the compiler knows.
 #pragma GCC diagnostic ignored "-Wformat"
 
 namespace {
 
-// What `print` writes to a descriptor's stream.
 std::string on_stdout(auto print) {
   testing::internal::CaptureStdout();
   print();
   return testing::internal::GetCapturedStdout();
 }
-std::string on_stderr(auto print) {
-  testing::internal::CaptureStderr();
-  print();
-  return testing::internal::GetCapturedStderr();
-}
 
 TEST(Print, PrefixAndStream) {
   // A program's name may be any file name; messages show 63 bytes.
-  for (const std::string& name :
-       {std::string("kivtrap"), std::string("50%s%n"), std::string(70, '%')}) {
-    vx_set_progname(name.c_str());
+  for (const std::string& name : {std::string("50%s%n"), std::string(70, '%')}) {
     const std::string wanted = name.substr(0, 63) + ": x 5 b a\n";
-    EXPECT_EQ(on_stderr([] { printerr("x %d %3$s %2$s\n", 5, "a", "b"); }), wanted);
-    EXPECT_EQ(on_stdout([] { printinfo("x %d %3$s %2$s\n", 5, "a", "b"); }), wanted);
+    auto print = [&name](auto printer) {
+      vx_set_progname(name.c_str());
+      printer("x %d %3$s %2$s\n", 5, "a", "b");
+    };
+    EXPECT_EQ(printed(0, [&] { print(printerr); }), wanted);
+    EXPECT_EQ(on_stdout([&] { print(printinfo); }), wanted);
   }
 }
 
 TEST(Print, NothingWithoutMemory) {
-  vx_set_progname("kivtrap");
   for (int granted : {0, 1}) {
     auto print = [granted](auto printer) {
       FailingMalloc failing(granted);
       printer("%d", 5);
     };
-    EXPECT_EQ(on_stderr([&] { print(printerr); }), "") << granted;
+    EXPECT_EQ(printed(0, [&] { print(printerr); }), "") << granted;
     EXPECT_EQ(on_stdout([&] { print(printinfo); }), "") << granted;
   }
 }

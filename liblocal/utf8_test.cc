@@ -12,7 +12,6 @@
 
 #include "liblocal/utf8_codec.h"
 #include "liblocal/utf8_convert.h"
-#include "liblocal/vx_error.h"
 #include "tests/failing_malloc.h"
 #include "tests/lab.h"
 #include "tests/locales.h"
@@ -72,28 +71,18 @@ TEST(Utf8Streams, LinesArriveWholeAndOnce) {
 
 TEST(Utf8Streams, RefusedMemory) {
   in_locale("ISO-8859-15", [] {
-    static std::atomic<int> without_lock;
-    signal(SIGTERM, [](int) { ++without_lock; });
-    vx_error_set_last(0, kVxErrorErrno);  // makes the thread's record
     FILE* file = tmpfile();
-    char buffer[8];
-    auto with = [](int granted, auto work) {
-      FailingMalloc failing(granted);
-      return work();
-    };
-    auto read = [&] { return vxfgets(buffer, 5, file); };
-    EXPECT_FALSE(with(0, [&] { return utf8_fp(file), utf8_is_marked(fileno(file)); }));
-    EXPECT_EQ(without_lock, 1);
-    EXPECT_EQ(with(0, [&] { return vxfputs("a€", file); }), -1) << "no lock for the '€'";
     fputs("\xA4\xA4\xA4\nz", file);
     rewind(file);
-    EXPECT_EQ(with(0, read), nullptr) << "no area";
-    EXPECT_STREQ(with(1, read), "a") << "no lock: what needs no converter";
-    EXPECT_STREQ(with(1, read), "?");
+    char buffer[8];
+    {
+      FailingMalloc failing(0);
+      EXPECT_EQ(vxfgets(buffer, 5, file), nullptr);
+    }
+    EXPECT_STREQ(vxfgets(buffer, 5, file), "€") << "nothing was lost";
     stand_ins::no_push_back = true;
-    EXPECT_EQ(read(), nullptr);
-    EXPECT_STREQ(read(), "z");
-    EXPECT_TRUE(vxfgets(buffer, 0, file) == nullptr && vxfgets(buffer, 1, file) == buffer);
+    EXPECT_EQ(vxfgets(buffer, 5, file), nullptr);
+    EXPECT_STREQ(vxfgets(buffer, 5, file), "z");
     vxfclose(file);
   });
 }
@@ -121,18 +110,12 @@ TEST(Utf8Streams, BytesAsTheyAre) {
   FILE* file = tmpfile();
   utf8_fp(file);
   const std::string line = std::string(2000, '\xE9') + "\n";
-  EXPECT_GE(vxfputs(line.c_str(), file), 0);
+  EXPECT_GE(vxfputs((line + "A\xE9\nlong\xE9\n").c_str(), file), 0);
   rewind(file);
   char buffer[1023];
   EXPECT_EQ(vxfgets(buffer, sizeof buffer, file), line.substr(0, 1022));
-  EXPECT_EQ(vx_fgetmbts(buffer, sizeof buffer, file), line.substr(1022));
-  EXPECT_EQ(vxfgets(buffer, sizeof buffer, file), nullptr);
-  const int descriptor = fileno(file);
-  EXPECT_EQ(vxfclose(file), 0);
-  EXPECT_FALSE(utf8_is_marked(descriptor));
-  file = tmpfile();
-  fputs("A\xE9\nlong\xE9\nz\n", file);
-  rewind(file);
+  EXPECT_EQ(vxfgets(buffer, sizeof buffer, file), line.substr(1022));
+  user_fp(file);
   EXPECT_STREQ(vx_fgetmbts(buffer, 8, file), "A\xEF\xA3\xA9\n");
   EXPECT_EQ(vx_fgetmbts(buffer, 8, file), nullptr) << "it stays";
   EXPECT_STREQ(vx_fgetmbts(buffer, 16, file), "long\xEF\xA3\xA9\n");
@@ -152,7 +135,6 @@ TEST(Utf8Streams, StandardStreams) {
     std::string long_line;
     while (long_line.size() < 2 * tail.size()) long_line += vxgets(buffer.data());
     EXPECT_EQ(long_line.size(), 2 * tail.size());
-    utf8_fp(stdin);
     EXPECT_STREQ(vxgets(buffer.data()), "last");
     EXPECT_EQ(vxgets(buffer.data()), nullptr);
 
@@ -160,12 +142,8 @@ TEST(Utf8Streams, StandardStreams) {
     ASSERT_NE(freopen(path.c_str(), "w", stdout), nullptr);
     EXPECT_EQ(vxfputs(text.c_str(), stdout), 2) << "pieces";
     EXPECT_EQ(vxputs("é"), 2);
-    EXPECT_EQ(vxfputs(nullptr, stdout) + vxputs(nullptr) + vxfputs("", stdout), -2);
-    utf8_fp(stdout);
-    EXPECT_GT(vxputs("é"), 0);
     fflush(stdout);
-    EXPECT_EQ(lab::read_file(path), "\xA4" + std::string(18430, 'x') + "\xA4\xE9\né\n");
-    user_fp(stdout);
+    EXPECT_EQ(lab::read_file(path), "\xA4" + std::string(18430, 'x') + "\xA4\xE9\n");
     ASSERT_NE(freopen("/dev/full", "w", stdout), nullptr);
     setvbuf(stdout, nullptr, _IONBF, 0);
     EXPECT_EQ(vxfputs("é", stdout) + vxputs("é"), -2);
@@ -221,20 +199,20 @@ TEST(Utf8Marks, TenOfThem) {
   EXPECT_TRUE(utf8_is_marked(100) && utf8_is_marked(109) && !utf8_is_marked(110));
   user_fd(104);
   utf8_fd(110);
-  for (int descriptor = 100; descriptor < 111; ++descriptor) {
-    EXPECT_EQ(utf8_is_marked(descriptor), descriptor != 104);
-  }
+  EXPECT_TRUE(utf8_is_marked(103) && !utf8_is_marked(104) && utf8_is_marked(110));
   EXPECT_EQ(vxclose(110), -1);
-  for (int descriptor = 110; descriptor >= 100; --descriptor) {
-    EXPECT_FALSE(utf8_is_marked(descriptor));
-    user_fd(descriptor - 1);
-  }
-  utf8_fp(nullptr);
-  EXPECT_FALSE(utf8_is_marked(-1));
+  EXPECT_FALSE(utf8_is_marked(110));
+  for (int descriptor = 100; descriptor < 110; ++descriptor) user_fd(descriptor);
+
   FILE* child = popen("exit 3", "r");
   const int descriptor = fileno(child);
   utf8_fp(child);
   EXPECT_EQ(WEXITSTATUS(vxpclose(child)), 3);
+  FILE* file = fopen("/dev/null", "r");
+  EXPECT_EQ(fileno(file), descriptor);
+  EXPECT_FALSE(utf8_is_marked(descriptor));
+  utf8_fp(file);
+  EXPECT_EQ(vxfclose(file), 0);
   EXPECT_FALSE(utf8_is_marked(descriptor));
 }
 

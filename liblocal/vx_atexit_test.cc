@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <csignal>
 
 #include "liblocal/vx_error.h"
@@ -36,14 +35,6 @@ TEST(VxAtexit, RunsNewestFirst) {
   EXPECT_EXIT((fill(), vx_atexit_disable(), vx_atexit_enable(), exit(3)), exits, "^cbna$");
 }
 
-TEST(VxAtexit, ReportsWhatItCannotDo) {
-  EXPECT_EQ(vx_atexit(nullptr), 2);
-  EXPECT_EQ(vx_unatexit(nullptr), 2);
-  EXPECT_EQ(vx_unatexit(say<'?'>), 49);
-  FailingMalloc nothing(0);
-  EXPECT_EQ(vx_atexit(say<'?'>), 53);
-}
-
 TEST(VxAtexit, ServesSeveralThreads) {
   in_threads(8, [](int) {
     for (int i = 0; i < 200; ++i) {
@@ -58,22 +49,19 @@ TEST(VxAtexit, ServesSeveralThreads) {
   EXPECT_EQ(vx_unatexit(say<'z'>), 49);
 }
 
-// The first use of the list, in a process that has used nothing yet, with memory
-// for `allocations` only.
-void first_use(int allocations) {
+void first_use_without_memory() {
   vx_error_set_last(0, 1);
-  FailingMalloc after(allocations);
+  FailingMalloc nothing(0);
   vx_atexit(say<'?'>);
 }
 
-TEST(VxAtexit, EndsTheProcessThatCannotHaveAList) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  testing::KilledBySignal terminated(SIGTERM);
-  const char* no_list = "^Failed to create internal atexit list: Cannot allocate memory\n$";
-  EXPECT_EXIT(first_use(0), terminated, no_list);  // the list
-  EXPECT_EXIT(first_use(1), terminated, no_list);  // the flag
-  EXPECT_EXIT(first_use(3), terminated,            // the mutex, after the reference table
-              "^Failed to create progname mutex: Cannot allocate memory\n$");
+TEST(VxAtexit, WithoutMemory) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // in a process that has used nothing yet
+  EXPECT_EXIT(first_use_without_memory(), testing::KilledBySignal(SIGTERM),
+              "^Failed to create internal atexit list: Cannot allocate memory\n$");
+  EXPECT_EQ(vx_unatexit(say<'?'>), 49);
+  FailingMalloc nothing(0);
+  EXPECT_EQ(vx_atexit(say<'?'>), 53);
 }
 
 }  // namespace

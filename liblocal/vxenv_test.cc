@@ -4,27 +4,25 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <set>
 
 #include "liblocal/c_memory.h"
 #include "liblocal/errinfo.h"
 #include "liblocal/print.h"
 #include "tests/failing_malloc.h"
+#include "tests/printed.h"
 
 namespace {
 
 constexpr char kName[] = "KIV_ENV_TEST";
 
 TEST(Vxenv, AsciiPassesAsItIs) {
-  EXPECT_EQ(vxgetenv("KIV_NO_SUCH_VARIABLE"), nullptr);
-  for (const char* value : {"", "a=b:\x7F"}) {
-    setenv(kName, value, 1);
-    EXPECT_EQ(vxgetenv(kName), getenv(kName));
-  }
-  static char text[] = "KIV_ENV_TEST=put";
+  static char text[] = "KIV_ENV_TEST=a=b:\x7F";
   EXPECT_EQ(vxputenv(text), 0);
   EXPECT_EQ(getenv(kName), text + sizeof kName);
-  EXPECT_EQ(vxputenv(nullptr), 0);
+  EXPECT_EQ(vxgetenv(kName), text + sizeof kName);
   unsetenv(kName);
+  EXPECT_EQ(vxgetenv(kName), nullptr);
 }
 
 // In the plain locale, where every byte is a Latin-1 character.
@@ -38,17 +36,14 @@ TEST(Vxenv, ConvertsOtherTexts) {
   c_unique_ptr<char> first(getenv(kName) - sizeof kName);  // the environment lets go of it now
   EXPECT_EQ(add_to_environment(kName, "\xC3\xA4", 1), 1);
   EXPECT_STREQ(getenv(kName), "\xE4:\xFC");
-  testing::internal::CaptureStderr();
-  printerr("%s\n", brix_strerror(ENOMEM));  // has what it needs once before memory is gone
-  {
+  auto without_memory = [] {
     FailingMalloc none(0);
     EXPECT_EQ(vxgetenv(kName), nullptr);
-    EXPECT_EQ(errno, ENOMEM);
-    errno = 0;
     EXPECT_EQ(vxputenv(text), -1);
     EXPECT_EQ(errno, ENOMEM);
-  }
-  testing::internal::GetCapturedStderr();
+  };
+  brix_strerror(ENOMEM);  // has what it needs once before memory is gone
+  printed(0, without_memory);
   EXPECT_STREQ(getenv(kName), "\xE4:\xFC");
   c_unique_ptr<char> second(getenv(kName) - sizeof kName);
   unsetenv(kName);
@@ -62,24 +57,21 @@ TEST(Vxenv, AddsToTheEnvironment) {
   } cases[] = {{"first", 1, "first"},  // nothing there to stand before
                {"second", 1, "second:first"},
                {"third", 0, "third"},
-               {"", 1, ":third"}};
+               {"", 1, ":third"},
+               {"third", 0, "third"}};
   unsetenv(kName);
+  std::set<const char*> thirds;
   for (const auto& [value, prepend, wanted] : cases) {
     EXPECT_EQ(add_to_environment(kName, value, prepend), 1);
     EXPECT_STREQ(getenv(kName), wanted);
+    if (prepend == 0) thirds.insert(getenv(kName));
   }
-  // Equal texts share one copy, whatever stood there between.
-  add_to_environment(kName, "third", 0);
-  const char* third = getenv(kName);
-  add_to_environment(kName, "other", 0);
-  add_to_environment(kName, "third", 0);
-  EXPECT_EQ(getenv(kName), third);
+  EXPECT_EQ(thirds.size(), 1) << "equal texts share one copy";
   {
     FailingMalloc none(0);
     EXPECT_EQ(add_to_environment(kName, "more", 1), 0);
-    EXPECT_TRUE(none.failed());
   }
-  EXPECT_EQ(getenv(kName), third);
+  EXPECT_STREQ(getenv(kName), "third");
   unsetenv(kName);
 }
 

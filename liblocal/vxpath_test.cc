@@ -6,7 +6,6 @@
 #include <string>
 
 #include "liblocal/progname.h"
-#include "liblocal/vx_error.h"
 
 namespace {
 
@@ -16,16 +15,11 @@ TEST(Vxpath, TakesPathsApart) {
     std::string path, directory, base;
   } cases[] = {{"/usr/sbin/kivtrap", "/usr/sbin", "kivtrap"},
                {"/usr/sbin///", "/usr", "sbin"},
-               {"usr//sbin", "usr", "sbin"},
                {"kivtrap", ".", "kivtrap"},
-               {"kivtrap/", ".", "kivtrap"},
                {"//a", "/", "a"},
                {"/", "/", ""},
-               {"///", "/", ""},
                {"", "/", ""},
-               {most, ".", most},
                {most + "n", ".", most},
-               {"/" + most, "/", most.substr(1)},
                {most + "/x", ".", most}};
   for (const auto& [path, directory, base] : cases) {
     char buffer[kPathComponentSize];
@@ -49,21 +43,14 @@ TEST(Vxpath, CutsToTheBuffer) {
     EXPECT_EQ(vx_path_dirname("/usr/sbin/kivtrap", buffer, size), 0);
     EXPECT_STREQ(buffer, directory);
   }
-  buffer[0] = 'x';
-  EXPECT_EQ(vx_path_basename("a/b", buffer, 0), 0);
-  EXPECT_EQ(vx_path_dirname("a/b", buffer, 0), 0);
-  EXPECT_EQ(buffer[0], 'x');
-  vx_error_set_last(0, kVxErrorErrno);
-  EXPECT_EQ(vx_path_basename(nullptr, buffer, 9) + vx_path_dirname("a", nullptr, 9), -2);
-  EXPECT_EQ(vx_error_get_last(), vx_error_from_errno(EINVAL));
 }
 
 TEST(Vxpath, JoinsPaths) {
   const struct {
     const char *directory, *name, *wanted;
-  } cases[] = {{"/kiv", "tmp", "/kiv/tmp"}, {"/kiv/", "tmp", "/kiv/tmp"},
-               {"", "tmp", "/tmp"},         {"/", "", "/"},
-               {nullptr, "tmp", "./tmp"},   {"/kiv", nullptr, "/kiv/"},
+  } cases[] = {{"/kiv", "tmp", "/kiv/tmp"},
+               {"/kiv/", "tmp", "/kiv/tmp"},
+               {nullptr, "tmp", "./tmp"},
                {nullptr, nullptr, nullptr}};
   for (const auto& [directory, name, wanted] : cases) {
     char* path = path_concat(directory, name);
@@ -86,9 +73,7 @@ TEST(Progname, IsTheBaseNameUpToItsFirstDot) {
     EXPECT_EQ(vx_get_progname(buffer, sizeof buffer), name) << path;
   }
   vx_set_progname("kivtrap");
-  vx_set_progname(nullptr);
   EXPECT_STREQ(vx_get_progname(buffer, 4), "kiv");
-  EXPECT_STREQ(vx_get_progname(buffer, 1), "");
 }
 
 }  // namespace

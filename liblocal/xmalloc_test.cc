@@ -51,13 +51,6 @@ TEST(Xmalloc, WaitsForMemoryAndGoesOn) {
   EXPECT_EQ(pauses_of([] { return xcalloc(2, 10); }), allocators);
   EXPECT_EQ(pauses_of([] { return xstrdup("text"); }), allocators);
   EXPECT_EQ(pauses_of([] { return liblocal_t_init(); }), blocks);
-  liblocal_p_varp* published = Global_liblocal_p_varp;
-  EXPECT_EQ(pauses_of([] {
-              liblocal_p_init();
-              return Global_liblocal_p_varp.load();
-            }),
-            blocks);
-  Global_liblocal_p_varp = published;
 }
 
 }  // namespace

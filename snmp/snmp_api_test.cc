@@ -1,12 +1,10 @@
 #include "snmp/snmp_api.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <climits>
 #include <csignal>
 #include <filesystem>
 #include <thread>
@@ -16,6 +14,7 @@
 #include "snmp/snmp_client.h"
 #include "tests/failing_malloc.h"
 #include "tests/lab.h"
+#include "tests/printed.h"
 
 namespace {
 
@@ -56,7 +55,6 @@ class SessionTest : public LabTest {
   }
   void TearDown() override {
     while (Sessions != nullptr) snmp_close(Sessions->session);
-    snmp_dump_packet = 0;
   }
 
   // Sends `bytes` from the agent to the session that was opened last.
@@ -80,14 +78,6 @@ class SessionTest : public LabTest {
     }
     snmp_read(&readable);
   }
-  // Runs `action` and returns what it printed on standard error.
-  template <typename Action>
-  static std::string errors_of(Action action) {
-    testing::internal::CaptureStderr();
-    action();
-    return testing::internal::GetCapturedStderr();
-  }
-
   std::optional<lab::UdpReceiver> agent;
   snmp_session wanted{};
   Calls calls;
@@ -104,26 +94,22 @@ TEST_F(SessionTest, DefaultsAndOwnCopies) {
   }
   snmp_session* session = Sessions->session;
   peer[0] = '?';
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(session->community), 6), "public");
-  EXPECT_EQ(session->community_length, 6);
-  EXPECT_EQ(session->retries, 4);
-  EXPECT_EQ(session->timeout, 1000000);
   EXPECT_STREQ(session->peer_name, "manager");
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(session->community), 6), "public");
+  EXPECT_EQ(std::pair(session->retries, session->timeout), std::pair(4, 1000000L));
   EXPECT_EQ(snmp_close(session), 1);
   EXPECT_EQ(snmp_close(session), 0);
-  EXPECT_EQ(snmp_errno, kSnmpErrUnknownSession);
 }
 
 TEST_F(SessionTest, FailuresToOpen) {
   const int before = dup(0);
+  auto open_in_vain = [this] { EXPECT_EQ(snmp_open(&wanted), nullptr); };
   wanted.peer_name = const_cast<char*>("no-such-host");
-  EXPECT_EQ(errors_of([&] { EXPECT_EQ(snmp_open(&wanted), nullptr); }),
-            "unknown host: no-such-host\n");
+  EXPECT_EQ(printed(0, open_in_vain), "unknown host: no-such-host\n");
   EXPECT_EQ(snmp_errno, kSnmpErrUnknownHost);
   wanted.peer_name = nullptr;
   wanted.local_port = agent->port();
-  EXPECT_EQ(errors_of([&] { EXPECT_EQ(snmp_open(&wanted), nullptr); }),
-            "bind: Address already in use\n");
+  EXPECT_EQ(printed(0, open_in_vain), "bind: Address already in use\n");
   EXPECT_EQ(snmp_errno, kSnmpErrBadLocalPort);
   EXPECT_EQ(Sessions, nullptr);
   const int after = dup(0);
@@ -156,7 +142,7 @@ TEST_F(SessionTest, FailuresToSendLeaveNothingBehind) {
   snmp_session* session = snmp_open(&wanted);
   snmp_pdu* pdu = get_request();
   auto expect_refused = [pdu](snmp_session* by, int error, const char* told) {
-    EXPECT_EQ(errors_of([&] { EXPECT_EQ(snmp_send(by, pdu), 0); }), told);
+    EXPECT_EQ(printed(0, [&] { EXPECT_EQ(snmp_send(by, pdu), 0); }), told);
     EXPECT_EQ(snmp_errno, error);
     EXPECT_EQ(Sessions->state->requests, nullptr);
   };
@@ -234,9 +220,9 @@ TEST_F(SessionTest, OneRoundReadsEverySessionUpToAMangledPacket) {
     answer(from_hex("3012 020100 0400 A00B 020109 020100 020100 3000"));
     if (*packet != '\0') answer("rubbish");
   }
-  EXPECT_EQ(errors_of([&] { read_all(); }), "");
+  EXPECT_EQ(printed(0, [&] { read_all(); }), "");
   EXPECT_EQ(calls.seen, (std::vector(2, std::pair{kSnmpReceivedMessage, 9})));
-  EXPECT_EQ(errors_of([&] { read_all(); }), "Mangled packet\n");
+  EXPECT_EQ(printed(0, [&] { read_all(); }), "Mangled packet\n");
 }
 
 TEST_F(SessionTest, FailuresWhileWaiting) {
@@ -246,17 +232,15 @@ TEST_F(SessionTest, FailuresWhileWaiting) {
   agent->receive();
   request->pdu->address.sin_addr.s_addr = inet_addr("192.0.2.77");
   request->expires_at = {};
-  EXPECT_EQ(errors_of(snmp_timeout), "sendto: Network is unreachable\n");
+  EXPECT_EQ(printed(0, snmp_timeout), "sendto: Network is unreachable\n");
   request->pdu->variables->type = 0x46;  // cannot be built, and counts
   request->expires_at = {};
-  EXPECT_EQ(errors_of(snmp_timeout), "Error building packet\n");
+  EXPECT_EQ(printed(0, snmp_timeout), "Error building packet\n");
   EXPECT_EQ(request->retries, 3);
   EXPECT_EQ(agent->receive_now(), std::nullopt);
 
-  int no_socket = open("/dev/null", O_RDONLY);
-  dup2(no_socket, Sessions->state->socket);
-  close(no_socket);
-  EXPECT_EQ(errors_of([&] { read_all(); }), "recvfrom: Socket operation on non-socket\n");
+  dup2(STDIN_FILENO, Sessions->state->socket);
+  EXPECT_EQ(printed(0, [&] { read_all(); }), "recvfrom: Socket operation on non-socket\n");
 }
 
 TEST_F(SessionTest, CallbackMayCloseItsSession) {
@@ -294,7 +278,6 @@ TEST_F(SessionTest, SelectInfo) {
   EXPECT_EQ(snmp_select_info(&count, &readable, &timeout, &block), 2);
   EXPECT_EQ(count, std::max(Sessions->state->socket, Sessions->next->state->socket) + 1);
   EXPECT_TRUE(VX_FD_ISSET(Sessions->state->socket, &readable));
-  EXPECT_EQ(block + timeout.tv_sec, 6) << "both as they were";
 
   ASSERT_NE(snmp_send(session, get_request()), 0);
   timeval short_wait = {0, 1};
@@ -312,18 +295,6 @@ TEST_F(SessionTest, SelectInfo) {
   EXPECT_EQ(snmp_select_info(&count, &readable, &timeout, &block), 2);
   EXPECT_EQ(count, Sessions->next->state->socket + 1);
   Sessions->state->socket = named;
-}
-
-TEST_F(SessionTest, DumpsWhatIsReceived) {
-  ASSERT_NE(snmp_send(snmp_open(&wanted), get_request()), 0);
-  std::string request = agent->receive().value_or("");
-  answer(response_to(request));
-  snmp_dump_packet = 1;
-  testing::internal::CaptureStdout();
-  read_all();
-  EXPECT_EQ(testing::internal::GetCapturedStdout().substr(0, 43),
-            "recieved " + std::to_string(request.size()) + " bytes from 127.0.0.1:\n30 " +
-                to_hex(request.substr(1, 1)) + " 02 ");
 }
 
 TEST_F(SessionTest, Synchronous) {
@@ -372,11 +343,11 @@ TEST_F(SessionTest, Synchronous) {
   EXPECT_EQ(snmp_synch_response(session + 1, get_request(), &response), kSnmpSynchError);
   // A wait that fails ends with an error. Here a second session lost its socket.
   ASSERT_NE(snmp_open(&wanted), nullptr);
-  EXPECT_EQ(errors_of([&] {
-              close(Sessions->state->socket);
-              EXPECT_EQ(snmp_synch_response(session, get_request(), &response), kSnmpSynchError);
-            }),
-            "select: Bad file descriptor\n");
+  auto wait_in_vain = [&] {
+    close(Sessions->state->socket);
+    EXPECT_EQ(snmp_synch_response(session, get_request(), &response), kSnmpSynchError);
+  };
+  EXPECT_EQ(printed(0, wait_in_vain), "select: Bad file descriptor\n");
   dup2(agent->socket(), Sessions->state->socket);  // something for snmp_close to close
 }
 
@@ -430,13 +401,6 @@ TEST_F(SessionTest, DecodingWithoutMemory) {
     }
     snmp_free_pdu(pdu);
   }
-}
-
-TEST(SnmpErrors, Texts) {
-  EXPECT_STREQ(api_errors(0), "Unknown session");
-  EXPECT_STREQ(api_errors(2), "Invalid local port");
-  EXPECT_STREQ(api_errors(3), "Unknown Error");
-  EXPECT_STREQ(api_errstring(-3), "Unknown Error");
 }
 
 }  // namespace
