@@ -351,8 +351,8 @@ std::string from_hex(std::string_view digits) {
 
 std::string to_hex(std::string_view bytes) {
   std::string digits;
-  for (unsigned char byte : bytes) {
-    for (int digit : {byte >> 4, byte & 15}) digits += "0123456789ABCDEF"[digit];
+  for (char byte : bytes) {
+    for (int digit : {byte >> 4 & 15, byte & 15}) digits += "0123456789ABCDEF"[digit];
   }
   return digits;
 }

@@ -7,18 +7,10 @@
 
 namespace lab {
 
-namespace {
-
-constexpr int kPauseMs = 20;  // between looks whether the test is over
-
-}  // namespace
-
 RpcServer::RpcServer(uint16_t port, const std::string& address, Script script)
     : receiver_(port, address),
       script_(std::move(script)),
       thread_([this](const std::stop_token& stop) { serve(stop); }) {}
-
-RpcServer::~RpcServer() = default;
 
 std::vector<std::string> RpcServer::requests() const {
   std::lock_guard lock(mutex_);
@@ -28,7 +20,7 @@ std::vector<std::string> RpcServer::requests() const {
 void RpcServer::serve(const std::stop_token& stop) {
   while (!stop.stop_requested()) {
     sockaddr_in from{};
-    auto request = receiver_.receive(kPauseMs, &from);
+    auto request = receiver_.receive(20, &from);  // milliseconds
     if (!request) continue;
     {
       std::lock_guard lock(mutex_);
