@@ -100,18 +100,17 @@ void fill_etc(const fs::path& root) {
     fs::path name = entry.path().filename();
     fs::create_symlink("/host-etc" / name, root / "etc" / name);
   }
-  for (const auto& [name, text] : {std::pair{"hosts",
-                                             "127.0.0.1 localhost manager\n"
-                                             "192.0.2.1 lab-host\n"
-                                             "10.9.0.1 lab-cable\n"
-                                             "10.9.0.2 station\n"},
-                                   std::pair{"services",
-                                             "sunrpc 111/tcp portmapper\n"
-                                             "sunrpc 111/udp portmapper\n"
-                                             "snmp 161/udp\n"},
-                                   std::pair{"nsswitch.conf", "hosts: files\nservices: files\n"},
-                                   std::pair{"host.conf", "multi on\n"},  // all lines of a name
-                                   std::pair{"resolv.conf", ""}}) {
+  const std::pair<const char*, const char*> own_files[] = {
+      {"hosts",
+       "127.0.0.1 localhost manager\n"
+       "192.0.2.1 lab-host\n"
+       "10.9.0.1 lab-cable\n"
+       "10.9.0.2 station\n"},
+      {"services", "sunrpc 111/tcp portmapper\nsunrpc 111/udp portmapper\nsnmp 161/udp\n"},
+      {"nsswitch.conf", "hosts: files\nservices: files\n"},
+      {"host.conf", "multi on\n"},  // all lines of a name
+      {"resolv.conf", ""}};
+  for (const auto& [name, text] : own_files) {
     fs::remove(root / "etc" / name);
     write_file(root / "etc" / name, text);
   }
