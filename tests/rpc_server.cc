@@ -3,8 +3,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <cstdio>
-
 namespace lab {
 
 RpcServer::RpcServer(uint16_t port, const std::string& address, Script script)
@@ -42,9 +40,8 @@ std::string success_to(const std::string& request, const std::string& hex) {
 }
 
 RpcServer::Script port_mapper(uint16_t port) {
-  char hex[9];
-  snprintf(hex, sizeof hex, "%08X", unsigned{port});
-  return [hex = std::string(hex)](const std::string& request) {
+  const std::string bytes = {0, 0, static_cast<char>(port >> 8), static_cast<char>(port)};
+  return [hex = to_hex(bytes)](const std::string& request) {
     return std::vector{success_to(request, hex)};
   };
 }
