@@ -2,9 +2,9 @@
 // groups are read, and the cache they make reads back the same.
 #undef NDEBUG
 #include <algorithm>
+#include <array>
 #include <cassert>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -16,10 +16,7 @@ namespace {
 
 constexpr char kVariable[] = "KIVENV_PMAPS";
 
-struct Entry {
-  long program, version, protocol, port;
-  bool operator==(const Entry&) const = default;
-};
+using Entry = std::array<unsigned long, 4>;  // program, version, protocol, port
 
 // The cache of a thread that begins with `value`, newest entry first.
 std::vector<Entry> cache_from(const char* value) {
@@ -33,8 +30,7 @@ std::vector<Entry> cache_from(const char* value) {
   (void)pmap_cached_port(0, 0, 0);
   std::vector<Entry> entries;
   for (const rpc_port_entry* each = thread->port_cache; each != nullptr; each = each->next) {
-    entries.push_back({static_cast<long>(each->program), static_cast<long>(each->version),
-                       static_cast<long>(each->protocol), static_cast<long>(each->port)});
+    entries.push_back({each->program, each->version, each->protocol, each->port});
   }
   return entries;
 }
@@ -64,10 +60,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   assert(entries.size() <= groups && entries.empty() == (groups == 0));
   std::string again;
   for (auto each = entries.rbegin(); each != entries.rend(); ++each) {
-    char group[100];
-    snprintf(group, sizeof group, "{%ld,%ld,%ld,%ld}", each->program, each->version, each->protocol,
-             each->port);
-    again += group;
+    char separator = '{';
+    for (unsigned long number : *each) {
+      again += separator + std::to_string(static_cast<long>(number));
+      separator = ',';
+    }
+    again += '}';
   }
   assert(cache_from(again.c_str()) == entries);
   return 0;

@@ -16,17 +16,14 @@ namespace {
 constexpr xdrproc_t kFilters[] = {xdr_filter<item_filter>, xdr_filter<__brix_xdr_u_short>,
                                   __brix_xdr_void};
 
-int32_t unknown(XDR* /*xdrs*/) { return kXdrRemainingUnknown; }
-uint8_t* no_inline(XDR* /*xdrs*/, int32_t /*length*/) { return nullptr; }
-
 void decode(std::vector<uint8_t>& datagram, xdrproc_t filter, bool blind) {
   XDR in;
   __brix_xdrmem_create(&in, datagram.data(), static_cast<int32_t>(datagram.size()),
                        xdr_op::kDecode);
   xdr_ops ops = *in.ops;
   if (blind) {
-    ops.get_remaining = unknown;
-    ops.get_inline = no_inline;
+    ops.get_remaining = [](XDR*) { return kXdrRemainingUnknown; };
+    ops.get_inline = [](XDR*, int32_t) -> uint8_t* { return nullptr; };
     in.ops = &ops;
   }
   Item results = {};

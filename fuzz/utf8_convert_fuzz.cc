@@ -13,7 +13,6 @@
 #include <string>
 
 #include "liblocal/codesets.h"
-#include "liblocal/mbt.h"
 #include "liblocal/utf8.h"
 #include "liblocal/utf8_codec.h"
 #include "liblocal/utf8_convert.h"
@@ -89,21 +88,6 @@ std::string through_stream(const std::string& text, size_t size) {
   return all;
 }
 
-// Character by character, up to a broken transparent byte.
-std::string one_by_one(const std::string& text) {
-  std::string all;
-  for (size_t at = 0; at < text.size();) {
-    const int carried = mbt_byte(text.data() + at, text.size() - at);
-    if (carried == kMbtBroken) break;
-    const int length = carried != kMbtNone ? static_cast<int>(kMbtLength)
-                                           : utf8_mblen(text.data() + at, text.size() - at);
-    const std::string character = text.substr(at, static_cast<size_t>(std::max(length, 1)));
-    all += whole(ansi_mbs, character);
-    at += character.size();
-  }
-  return all;
-}
-
 }  // namespace
 
 extern "C" {
@@ -135,7 +119,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   assert(through_stream(text, room) == in);
 
   const std::string out = whole(ansi_mbs, text);
-  assert(one_by_one(text) == out);
   assert(out.starts_with(converted(ansi_mbs, text, data[1])));
   assert(in_parts(ansi_mbs_part, text, room) == out);
 

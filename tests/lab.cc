@@ -9,6 +9,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -19,18 +20,13 @@
 #include <unistd.h>
 #include <utmp.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <mutex>
 #include <sstream>
-#include <stdexcept>
 #include <system_error>
-#include <thread>
 
 namespace fs = std::filesystem;
 
@@ -38,7 +34,7 @@ namespace lab {
 namespace {
 
 constexpr char kMarker[] = "KIVTRAP_LAB";  // "new": namespaces are there; "ready": all is
-constexpr char kBootRecord[] = "/run/utmp";
+constexpr unsigned kLongestRun = 200;      // seconds
 
 std::string reason_outside;
 
@@ -82,13 +78,7 @@ void run_again_in_namespaces(char** argv) {
   }
   unsetenv(kMarker);
   check(child > 0, "clone");
-  try {
-    map_ids(static_cast<pid_t>(child));
-  } catch (...) {
-    close(go[1]);
-    waitpid(static_cast<pid_t>(child), nullptr, 0);
-    throw;
-  }
+  map_ids(static_cast<pid_t>(child));  // without them the child waits until it goes with us
   check(write(go[1], "", 1) == 1, "write");
   int status = 0;
   while (waitpid(static_cast<pid_t>(child), &status, 0) < 0 && errno == EINTR) {
@@ -110,18 +100,17 @@ void fill_etc(const fs::path& root) {
     fs::path name = entry.path().filename();
     fs::create_symlink("/host-etc" / name, root / "etc" / name);
   }
-  for (const auto& [name, text] : {std::pair{"hosts",
-                                             "127.0.0.1 localhost manager\n"
-                                             "192.0.2.1 lab-host\n"
-                                             "10.9.0.1 lab-cable\n"
-                                             "10.9.0.2 station\n"},
-                                   std::pair{"services",
-                                             "sunrpc 111/tcp portmapper\n"
-                                             "sunrpc 111/udp portmapper\n"
-                                             "snmp 161/udp\n"},
-                                   std::pair{"nsswitch.conf", "hosts: files\nservices: files\n"},
-                                   std::pair{"host.conf", "multi on\n"},  // all lines of a name
-                                   std::pair{"resolv.conf", ""}}) {
+  const std::pair<const char*, const char*> own_files[] = {
+      {"hosts",
+       "127.0.0.1 localhost manager\n"
+       "192.0.2.1 lab-host\n"
+       "10.9.0.1 lab-cable\n"
+       "10.9.0.2 station\n"},
+      {"services", "sunrpc 111/tcp portmapper\nsunrpc 111/udp portmapper\nsnmp 161/udp\n"},
+      {"nsswitch.conf", "hosts: files\nservices: files\n"},
+      {"host.conf", "multi on\n"},  // all lines of a name
+      {"resolv.conf", ""}};
+  for (const auto& [name, text] : own_files) {
     fs::remove(root / "etc" / name);
     write_file(root / "etc" / name, text);
   }
@@ -169,32 +158,25 @@ void furnish() {
   timespec up{};
   clock_gettime(CLOCK_REALTIME, &now);
   clock_gettime(CLOCK_BOOTTIME, &up);
-  set_boot_time({now.tv_sec - up.tv_sec, 0});
+  set_boot_time(now.tv_sec - up.tv_sec);
 }
 
-std::string drain(int descriptor) {
-  std::string all;
-  char buffer[4096];
-  ssize_t got = 0;
-  while ((got = read(descriptor, buffer, sizeof buffer)) > 0) {
-    all.append(buffer, static_cast<size_t>(got));
-  }
-  close(descriptor);
-  return all;
+// What was written to a file without a name, which goes.
+std::string take(int file) {
+  std::string text = read_file("/proc/self/fd/" + std::to_string(file));
+  close(file);
+  return text;
 }
 
-// Makes system calls of this process fail, as on a system that has run out of what
-// they ask for.
-void refuse_calls(const std::vector<std::pair<long, int>>& refused) {
-  if (refused.empty()) return;
-  std::vector<sock_filter> filter = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
-  for (auto [call, error] : refused) {
-    filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(call), 0, 1));
-    filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)));
-  }
-  filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
-  sock_fprog program = {static_cast<unsigned short>(filter.size()), filter.data()};
+// Makes a system call of this process fail with `error`, as on a system that has run out
+// of what it asks for.
+void refuse(int call, int error) {
+  sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(call), 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+  sock_fprog program = {std::size(filter), filter};
   if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
       prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
     _exit(126);
@@ -205,40 +187,15 @@ void refuse_calls(const std::vector<std::pair<long, int>>& refused) {
 [[noreturn]] void become(const Command& command, const int (&streams)[3],
                          const std::vector<char*>& argv) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
+  alarm(kLongestRun);
   for (int i = 0; i < 3; ++i) dup2(streams[i], i);
-  signal(SIGPIPE, SIG_DFL);
   for (const std::string& assignment : command.environment) {
     putenv(const_cast<char*>(assignment.c_str()));
   }
-  refuse_calls(command.refused);
+  if (command.refused) refuse(command.refused->first, command.refused->second);
   if (command.user != 0 && (setgid(command.user) != 0 || setuid(command.user) != 0)) _exit(125);
   execvp(command.file.empty() ? argv[0] : command.file.c_str(), argv.data());
   _exit(127);
-}
-
-// Waits for `child`, which is killed when the time is up.
-int wait_for(pid_t child, int seconds) {
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool ended = false;
-  std::thread watchdog([&] {
-    std::unique_lock lock(mutex);
-    if (!changed.wait_for(lock, std::chrono::seconds(seconds), [&] { return ended; })) {
-      kill(child, SIGKILL);
-    }
-  });
-  // It keeps its process id until the watchdog is gone.
-  siginfo_t info{};
-  waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT);
-  {
-    std::lock_guard lock(mutex);
-    ended = true;
-  }
-  changed.notify_one();
-  watchdog.join();
-  int status = 0;
-  waitpid(child, &status, 0);
-  return exit_status(status);
 }
 
 }  // namespace
@@ -272,11 +229,8 @@ void write_file(const std::string& path, std::string_view text) {
   // Not through a link of the lab's /etc, behind which is the host's own file.
   int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
   check(file >= 0, path);
-  ssize_t written = write(file, text.data(), text.size());
-  int error = errno;
+  check(write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size()), path);
   close(file);
-  errno = error;
-  check(written == static_cast<ssize_t>(text.size()), path);
 }
 
 std::string read_file(const std::string& path) {
@@ -284,15 +238,12 @@ std::string read_file(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-void set_boot_time(timeval time) {
+void set_boot_time(time_t time) {
   utmp record{};
   record.ut_type = BOOT_TIME;
-  record.ut_tv.tv_sec = static_cast<int32_t>(time.tv_sec);
-  record.ut_tv.tv_usec = static_cast<int32_t>(time.tv_usec);
+  record.ut_tv.tv_sec = static_cast<int32_t>(time);
   write_file(kBootRecord, {reinterpret_cast<const char*>(&record), sizeof record});
 }
-
-void remove_boot_record() { fs::remove(kBootRecord); }
 
 void set_host_name(const std::string& name) {
   check(sethostname(name.data(), name.size()) == 0, "sethostname");
@@ -302,30 +253,20 @@ Outcome run(const Command& command) {
   std::vector<char*> argv;
   for (const std::string& word : command.words) argv.push_back(const_cast<char*>(word.c_str()));
   argv.push_back(nullptr);
-  int in[2], out[2], err[2];
-  check(pipe2(in, O_CLOEXEC) == 0 && pipe2(out, O_CLOEXEC) == 0 && pipe2(err, O_CLOEXEC) == 0,
-        "pipe");
+  int in[2];
+  const int out = memfd_create("out", MFD_CLOEXEC), err = memfd_create("err", MFD_CLOEXEC);
+  check(out >= 0 && err >= 0 && pipe2(in, O_CLOEXEC) == 0, "streams");
   pid_t child = fork();
   check(child >= 0, "fork");
-  if (child == 0) become(command, {in[0], out[1], err[1]}, argv);
+  if (child == 0) become(command, {in[0], out, err}, argv);
+  if (command.before_input) command.before_input(child);
+  // The other end is open here, too: a program that has ended leaves the input unread.
+  check(write(in[1], command.input.data(), command.input.size()) >= 0, "write");
   close(in[0]);
-  close(out[1]);
-  close(err[1]);
-
-  Outcome outcome;
-  std::thread writer([&] {
-    signal(SIGPIPE, SIG_IGN);
-    if (command.before_input) command.before_input(child);
-    [[maybe_unused]] ssize_t written = write(in[1], command.input.data(), command.input.size());
-    close(in[1]);
-  });
-  std::thread out_reader([&] { outcome.out = drain(out[0]); });
-  std::thread err_reader([&] { outcome.err = drain(err[0]); });
-  outcome.status = wait_for(child, command.seconds);
-  writer.join();
-  out_reader.join();
-  err_reader.join();
-  return outcome;
+  close(in[1]);
+  int status = 0;
+  check(waitpid(child, &status, 0) == child, "waitpid");
+  return {exit_status(status), take(out), take(err)};
 }
 
 UdpReceiver::UdpReceiver(uint16_t port, const std::string& address)
@@ -343,12 +284,10 @@ std::optional<std::string> UdpReceiver::receive(int milliseconds, sockaddr_in* f
   pollfd readable = {socket_, POLLIN, 0};
   if (poll(&readable, 1, milliseconds) != 1) return std::nullopt;
   std::string datagram(65536, '\0');
-  sockaddr_in sender{};
-  socklen_t size = sizeof sender;
+  socklen_t size = sizeof *from;
   ssize_t got = recvfrom(socket_, datagram.data(), datagram.size(), 0,
-                         reinterpret_cast<sockaddr*>(&sender), &size);
+                         reinterpret_cast<sockaddr*>(from), &size);
   check(got >= 0, "recvfrom");
-  if (from != nullptr) *from = sender;
   datagram.resize(static_cast<size_t>(got));
   return datagram;
 }
@@ -360,52 +299,32 @@ uint16_t UdpReceiver::port() const {
   return ntohs(own.sin_port);
 }
 
-namespace {
-
-int open_own_network() {
-  int network = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-  check(network >= 0, "network namespace");
-  return network;
-}
-
-void ip(const std::vector<std::string>& arguments) {
-  Command command;
-  command.words = {"ip"};
-  command.words.insert(command.words.end(), arguments.begin(), arguments.end());
-  Outcome outcome = run(command);
-  if (outcome.status != 0) throw std::runtime_error("ip: " + outcome.err);
-}
-
-}  // namespace
-
-SecondHost::SecondHost(const std::vector<std::string>& addresses) : here_(open_own_network()) {
-  check(unshare(CLONE_NEWNET) == 0, "unshare");
-  there_ = open_own_network();
-  check(setns(here_, CLONE_NEWNET) == 0, "setns");
-  const std::string network = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(there_);
-  ip({"link", "add", "cable", "type", "veth", "peer", "name", "far"});
-  ip({"link", "set", "far", "netns", network});
-  ip({"address", "add", "10.9.0.1/24", "dev", "cable"});
-  ip({"link", "set", "cable", "up"});
-  inside([&] {
-    bring_up_loopback();
-    for (const std::string& address : addresses) {
-      ip({"address", "add", address + "/24", "dev", "far"});
-    }
-    ip({"link", "set", "far", "up"});
-  });
+SecondHost::SecondHost(const std::vector<std::string>& addresses) {
+  std::string script =
+      "set -e\n"
+      "ip netns add second\n"
+      "ip link add cable type veth peer name far netns second\n"
+      "ip address add 10.9.0.1/24 dev cable\n"
+      "ip link set cable up\n"
+      "nsenter --net=/run/netns/second ip -batch - <<END\n"
+      "link set lo up\n"
+      "link set far up\n";
+  for (const std::string& address : addresses) script += "address add " + address + "/24 dev far\n";
+  check(system(script.c_str()) == 0, script);
 }
 
 SecondHost::~SecondHost() {
-  [[maybe_unused]] int status = system("ip link delete cable");
-  close(there_);
-  close(here_);
+  [[maybe_unused]] int status = system("ip link delete cable; ip netns delete second");
 }
 
 void SecondHost::inside(const std::function<void()>& work) const {
-  check(setns(there_, CLONE_NEWNET) == 0, "setns");
+  const int here = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+  const int there = open("/run/netns/second", O_RDONLY | O_CLOEXEC);
+  check(setns(there, CLONE_NEWNET) == 0, "setns");
   work();
-  check(setns(here_, CLONE_NEWNET) == 0, "setns");
+  check(setns(here, CLONE_NEWNET) == 0, "setns");
+  close(there);
+  close(here);
 }
 
 }  // namespace lab
@@ -420,10 +339,8 @@ void LabTest::skip(const std::string& reason) {
 }
 
 std::string from_hex(std::string_view digits) {
-  std::string packed;
-  for (char c : digits) {
-    if (isspace(static_cast<unsigned char>(c)) == 0) packed += c;
-  }
+  std::string packed(digits);
+  std::erase(packed, ' ');
   std::string bytes;
   for (size_t i = 0; i + 1 < packed.size(); i += 2) {
     bytes += static_cast<char>(std::stoi(packed.substr(i, 2), nullptr, 16));
@@ -434,9 +351,7 @@ std::string from_hex(std::string_view digits) {
 std::string to_hex(std::string_view bytes) {
   std::string digits;
   for (char byte : bytes) {
-    char two[3];
-    snprintf(two, sizeof two, "%02X", static_cast<unsigned char>(byte));
-    digits += two;
+    for (int digit : {byte >> 4 & 15, byte & 15}) digits += "0123456789ABCDEF"[digit];
   }
   return digits;
 }

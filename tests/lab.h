@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <sys/time.h>
 
 #include <functional>
 #include <optional>
@@ -40,20 +39,19 @@ void write_file(const std::string& path, std::string_view text);
 std::string read_file(const std::string& path);
 
 /// Puts one boot record of that time into the accounting file.
-void set_boot_time(timeval time);
-void remove_boot_record();
+constexpr char kBootRecord[] = "/run/utmp";
+void set_boot_time(time_t time);
 void set_host_name(const std::string& name);
 
 /// A program to run and its surroundings.
 struct Command {
-  std::vector<std::string> words;             // program and arguments
-  std::string input;                          // standard input
-  std::vector<std::string> environment;       // NAME=value, added to the own one
-  std::vector<std::pair<long, int>> refused;  // system call and the errno it fails with
-  std::function<void(pid_t)> before_input;    // runs once the program is started
-  int seconds = 60;                           // then it is killed
-  unsigned user = 0;                          // the user and group that it runs as
-  std::string file;                           // the program, when not found by words[0]
+  std::vector<std::string> words;              // program and arguments
+  std::string input;                           // standard input, at most 64 KiB
+  std::vector<std::string> environment;        // NAME=value, added to the own one
+  std::optional<std::pair<int, int>> refused;  // a system call and the errno it fails with
+  std::function<void(pid_t)> before_input;     // runs once the program is started
+  unsigned user = 0;                           // the user and group that it runs as
+  std::string file;                            // the program, when not found by words[0]
 };
 
 struct Outcome {
@@ -62,7 +60,7 @@ struct Outcome {
   std::string err;
 };
 
-/// Runs `command` to its end.
+/// Runs `command` to its end, or kills it after 200 seconds.
 Outcome run(const Command& command);
 
 /// A UDP socket that keeps what arrives.
@@ -98,10 +96,6 @@ class SecondHost {
   /// Runs `work` in this thread as on the second machine. Sockets opened and programs
   /// started there stay there.
   void inside(const std::function<void()>& work) const;
-
- private:
-  int here_;  // the namespaces, as descriptors
-  int there_;
 };
 
 }  // namespace lab
@@ -114,6 +108,6 @@ class LabTest : public testing::Test {
   static void skip(const std::string& reason);
 };
 
-/// The bytes that hex digits stand for; white space between them is ignored.
+/// The bytes that hex digits stand for; blanks between them are ignored.
 std::string from_hex(std::string_view digits);
 std::string to_hex(std::string_view bytes);

@@ -1,6 +1,4 @@
 // The example listener as a process: what it prints of a trap, and how it ends.
-#include <arpa/inet.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -59,13 +57,10 @@ Outcome listen(std::vector<std::string> words, const std::function<void(pid_t)>&
 }
 
 void send_to_listener(const std::string& datagram) {
-  lab::UdpReceiver sender(0);
-  sockaddr_in listener{};
-  listener.sin_family = AF_INET;
-  listener.sin_port = htons(162);
-  listener.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  sendto(sender.socket(), datagram.data(), datagram.size(), 0,
-         reinterpret_cast<sockaddr*>(&listener), sizeof listener);
+  lab::Command command;
+  command.words = {"bash", "-c", "cat >/dev/udp/127.0.0.1/162"};
+  command.input = datagram;
+  EXPECT_EQ(lab::run(command).status, 0);
 }
 
 TEST_F(ListenerTest, PrintsATrapWholeAndOutlivesSignalsAndRubbish) {
@@ -96,12 +91,7 @@ TEST_F(ListenerTest, SaysWhyItCannotListen) {
   EXPECT_EQ(outcome.err,
             "bind: Address already in use\n"
             "trap_listener: cannot listen on UDP port 162: Invalid local port\n");
-  for (const char* port : {"0", "65536", "162x", "", "-1"}) {
-    outcome = listen({"--", port});
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.err,
-              std::string("trap_listener: not a number from 1 to 65535: ") + port + "\n");
-  }
+  EXPECT_EQ(listen({"65536"}).err, "trap_listener: not a number from 1 to 65535: 65536\n");
 }
 
 }  // namespace

@@ -26,19 +26,25 @@ class TemporaryDirectory {
   std::string path_;
 };
 
+/// Compiles the locale source `source` with that codeset into a directory that is there, and
+/// returns the locale's name.
+inline std::string compile_locale(const std::string& place, const std::string& codeset,
+                                  const std::string& source = "POSIX") {
+  std::string name = source + "." + codeset;
+  // Its warnings are many, and its status tells of them too.
+  std::string command = "localedef --no-archive -c -i " + source + " -f " + codeset + " " + place +
+                        "/" + name + " >/dev/null 2>&1 || true";
+  EXPECT_EQ(system(command.c_str()), 0);
+  EXPECT_TRUE(std::filesystem::exists(place + "/" + name + "/LC_CTYPE")) << name;
+  return name;
+}
+
 /// Puts this process into a locale whose codeset is `codeset`, made of the locale source
 /// `source`; "" is the plain locale.
 inline void enter_locale(const std::string& codeset, const std::string& source = "POSIX") {
-  if (codeset.empty()) {
-    setlocale(LC_ALL, "C");
-    return;
-  }
+  if (codeset.empty()) return;
   TemporaryDirectory place;
-  const std::string name = source + "." + codeset;
-  // Its warnings are many, and its status tells of them too.
-  std::string command = "localedef --no-archive -c -i " + source + " -f " + codeset + " " +
-                        place.path() + "/" + name + " >/dev/null 2>&1 || true";
-  ASSERT_EQ(system(command.c_str()), 0);
+  const std::string name = compile_locale(place.path(), codeset, source);
   setenv("LOCPATH", place.path().c_str(), 1);
   ASSERT_NE(setlocale(LC_ALL, name.c_str()), nullptr) << name;
 }

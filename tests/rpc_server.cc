@@ -3,22 +3,12 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <cstdio>
-
 namespace lab {
-
-namespace {
-
-constexpr int kPauseMs = 20;  // between looks whether the test is over
-
-}  // namespace
 
 RpcServer::RpcServer(uint16_t port, const std::string& address, Script script)
     : receiver_(port, address),
       script_(std::move(script)),
       thread_([this](const std::stop_token& stop) { serve(stop); }) {}
-
-RpcServer::~RpcServer() = default;
 
 std::vector<std::string> RpcServer::requests() const {
   std::lock_guard lock(mutex_);
@@ -28,7 +18,7 @@ std::vector<std::string> RpcServer::requests() const {
 void RpcServer::serve(const std::stop_token& stop) {
   while (!stop.stop_requested()) {
     sockaddr_in from{};
-    auto request = receiver_.receive(kPauseMs, &from);
+    auto request = receiver_.receive(20, &from);  // milliseconds
     if (!request) continue;
     {
       std::lock_guard lock(mutex_);
@@ -50,9 +40,8 @@ std::string success_to(const std::string& request, const std::string& hex) {
 }
 
 RpcServer::Script port_mapper(uint16_t port) {
-  char hex[9];
-  snprintf(hex, sizeof hex, "%08X", unsigned{port});
-  return [hex = std::string(hex)](const std::string& request) {
+  const std::string bytes = {0, 0, static_cast<char>(port >> 8), static_cast<char>(port)};
+  return [hex = to_hex(bytes)](const std::string& request) {
     return std::vector{success_to(request, hex)};
   };
 }

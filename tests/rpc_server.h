@@ -19,7 +19,6 @@ class RpcServer {
 
   /// Listens on `port` (0: any) once it is made.
   RpcServer(uint16_t port, const std::string& address, Script script);
-  ~RpcServer();
 
   uint16_t port() const { return receiver_.port(); }
   /// What has arrived until now.

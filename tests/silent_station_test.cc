@@ -73,7 +73,6 @@ TEST_F(SilentStationTest, EachMapperGetsOneDatagramAnd25Seconds) {
       lab::Command command;
       command.words = {KIVTRAP, station.address};
       command.input = line + "\n";
-      command.seconds = 200;
       lab::Outcome outcome = lab::run(command);
       EXPECT_EQ(outcome.status, 0) << station.address;
       EXPECT_EQ(outcome.out + outcome.err, "") << station.address;

@@ -10,7 +10,7 @@
 namespace stand_ins {
 
 std::atomic<int64_t> now;
-std::atomic<int> names_asked, addresses_asked;
+std::atomic<int> names_asked;
 std::atomic<bool> resolver_is_down;
 std::atomic<unsigned long> refused_request;
 std::atomic<int> refusal;
@@ -50,7 +50,6 @@ int __wrap_gethostbyname_r(const char* name, hostent* entry, char* text, size_t 
 
 int __wrap_gethostbyaddr_r(const void* address, socklen_t length, int type, hostent* entry,
                            char* text, size_t size, hostent** result, int* error) {
-  ++addresses_asked;
   *result = nullptr;
   if (resolver_is_down) return EAGAIN;
   return __real_gethostbyaddr_r(address, length, type, entry, text, size, result, error);

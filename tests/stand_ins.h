@@ -11,7 +11,6 @@ namespace stand_ins {
 
 extern std::atomic<int64_t> now;                    // what time answers; 0: the real time
 extern std::atomic<int> names_asked;                // calls of the resolver, by name
-extern std::atomic<int> addresses_asked;            // and by address
 extern std::atomic<bool> resolver_is_down;          // it knows nothing
 extern std::atomic<unsigned long> refused_request;  // of ioctl; 0: none
 extern std::atomic<int> refusal;                    // its errno

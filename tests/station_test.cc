@@ -13,7 +13,7 @@
 #include "rpc/c_gen.h"
 #include "rpc/pmap.h"
 #include "rpc/rpcvarp.h"
-#include "tests/packets.h"
+#include "tests/decoder.h"
 #include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
 
@@ -136,21 +136,12 @@ TEST_F(StationTest, AnIndependentDecoderReadsTheCalls) {
     EXPECT_EQ(port, 7);
   }
   system->ops->destroy(system);
-  std::string capture = kCaptureHeader;
-  for (const std::string& request : mapper.requests()) append_packet(&capture, request, 111);
-  lab::write_file("/run/calls.pcap", capture);
-  lab::Command tshark;
-  tshark.words = {"tshark", "-r", "/run/calls.pcap", "-T", "fields", "-E", "separator=|"};
-  for (const char* field :
-       {"rpc.msgtyp", "rpc.version", "rpc.program", "rpc.programversion", "rpc.procedure",
-        "rpc.auth.flavor", "rpc.auth.length", "rpc.auth.machinename", "rpc.auth.uid",
-        "rpc.auth.gid", "portmap.prog", "portmap.version", "portmap.proto", "portmap.port",
-        "_ws.expert.message", "_ws.malformed"}) {
-    tshark.words.insert(tshark.words.end(), {"-e", field});
-  }
-  tshark.environment = {"HOME=/run"};
   // The decoder shows the version of the program twice.
-  EXPECT_EQ(lab::run(tshark).out,
+  EXPECT_EQ(decoded(mapper.requests(), kStandardMapperPort,
+                    {"rpc.msgtyp", "rpc.version", "rpc.program", "rpc.programversion",
+                     "rpc.procedure", "rpc.auth.flavor", "rpc.auth.length", "rpc.auth.machinename",
+                     "rpc.auth.uid", "rpc.auth.gid", "portmap.prog", "portmap.version",
+                     "portmap.proto", "portmap.port", "_ws.expert.message", "_ws.malformed"}),
             "0|2|100000|2,2|3|0,0|0,0||||100122|0|17|0||\n"
             "0|2|100000|2,2|3|1,0|28,0|box|5|6,7|100122|0|17|0||\n");
 }
