@@ -128,14 +128,15 @@ TEST(VxReference, FaultyObjectsAreReported) {
 
 TEST(VxReference, ReportsNoRoom) {
   std::vector<Probe> probes(5000);
+  auto take = [](Probe& probe) {
+    probe.header = {kVxObjectValid, _vx_reference_from_constructor(&probe, destroy_probe)};
+    return probe.header.slot >= 0;
+  };
   vx_error_set_last(0, 1);
   size_t taken = 0;
+  EXPECT_TRUE(take(probes[taken++]));  // what the table needs once is there now
   {
     FailingMalloc nothing(0);
-    auto take = [](Probe& probe) {
-      probe.header = {kVxObjectValid, _vx_reference_from_constructor(&probe, destroy_probe)};
-      return probe.header.slot >= 0;
-    };
     while (take(probes[taken])) ++taken;
   }
   EXPECT_EQ(vx_error_get_last(), 53);
