@@ -73,6 +73,14 @@ class StationTest : public lab::ClientTest {
     return trap.ends_with("x\nwrapped");
   }
 
+  // The exit status and the text of the example that calls a null procedure.
+  static std::string ping(const char* program, const char* transport) {
+    lab::Command command;
+    command.words = {RPC_PING, "station", program, "2", transport};
+    const lab::Outcome outcome = lab::run(command);
+    return std::to_string(outcome.status) + " " + outcome.out + outcome.err;
+  }
+
   // A client of the standard port mapper itself, on the machine that this is run on.
   void connect_to_mapper(timeval retry = kLong) {
     sockaddr_in server = lab::loopback(kStandardMapperPort);
@@ -116,9 +124,10 @@ TEST_F(StationTest, ARealPortMapper) {
   EXPECT_EQ(look_up("tcp", 100122, 0), 0);
   EXPECT_EQ(__get_rpc_createerr()->status, RPC_PROGNOTREGISTERED);
   EXPECT_EQ(look_up(nullptr, kPmapProgram, kPmapVersion), kStandardMapperPort);
-  EXPECT_EQ(
-      client_->ops->call(client_, 0, __brix_xdr_void, nullptr, __brix_xdr_void, nullptr, kLong),
-      RPC_SUCCESS);
+  for (const char* transport : {"udp", "tcp"}) {
+    EXPECT_EQ(ping("100000", transport), "0 program 100000 version 2 is ready\n");
+  }
+  EXPECT_EQ(ping("100122", "tcp"), "1 station: Program not registered\n");
 }
 
 TEST_F(StationTest, AnIndependentDecoderReadsTheCalls) {
