@@ -9,9 +9,9 @@
 #include <random>
 
 #include "bench/paths.h"
-#include "liblocal/dns_cache.h"
-#include "liblocal/get_myad.h"
-#include "liblocal/is_mynam.h"
+#include "liblocal/hosts/dns_cache.h"
+#include "liblocal/hosts/get_myad.h"
+#include "liblocal/hosts/is_mynam.h"
 
 namespace {
 

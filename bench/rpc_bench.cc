@@ -13,7 +13,7 @@
 #include <thread>
 
 #include "bench/paths.h"
-#include "liblocal/vx_threadstorage.h"
+#include "liblocal/threads/vx_threadstorage.h"
 #include "rpc/c_gen.h"
 #include "rpc/pmap.h"
 #include "rpc/rpcvarp.h"

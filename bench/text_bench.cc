@@ -4,8 +4,8 @@
 #include <cstdlib>
 
 #include "bench/paths.h"
-#include "liblocal/i18n_printf.h"
-#include "liblocal/vxprint.h"
+#include "liblocal/text/i18n_printf.h"
+#include "liblocal/text/vxprint.h"
 
 namespace {
 

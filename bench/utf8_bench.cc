@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "bench/paths.h"
-#include "liblocal/utf8_convert.h"
+#include "liblocal/text/utf8_convert.h"
 
 namespace {
 

@@ -45,7 +45,7 @@ endif()
 # every .cc in it but the tests.
 function(kiv_library name)
   cmake_parse_arguments(ARG "" "" "DEPENDS" ${ARGN})
-  file(GLOB sources CONFIGURE_DEPENDS *.cc)
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS *.cc)
   list(FILTER sources EXCLUDE REGEX "_test\\.cc$")
   add_library(${name} STATIC ${sources})
   add_library(kivtrap::${name} ALIAS ${name})

@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <initializer_list>
 
-#include "liblocal/vxinit.h"
+#include "liblocal/startup/vxinit.h"
 #include "rpc/pmap.h"
 #include "rpc/rpc_cmsg.h"
 #include "rpc/rpc_prot.h"

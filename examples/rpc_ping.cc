@@ -6,8 +6,8 @@
 // with 0 when the program answered.
 #include <cstdlib>
 
-#include "liblocal/vxinit.h"
-#include "liblocal/vxprint.h"
+#include "liblocal/startup/vxinit.h"
+#include "liblocal/text/vxprint.h"
 #include "rpc/c_gen.h"
 #include "rpc/c_perror.h"
 

@@ -18,7 +18,7 @@
 #include <cstring>
 #include <iterator>
 
-#include "liblocal/vxinit.h"
+#include "liblocal/startup/vxinit.h"
 #include "snmp/asn1.h"
 #include "snmp/snmp.h"
 #include "snmp/snmp_api.h"

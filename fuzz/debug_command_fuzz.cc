@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "liblocal/debug_command.h"
+#include "liblocal/messages/debug_command.h"
 
 namespace {
 

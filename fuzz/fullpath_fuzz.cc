@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "liblocal/debug.h"
-#include "liblocal/fullp_ux.h"
+#include "liblocal/messages/debug.h"
+#include "liblocal/startup/fullp_ux.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "liblocal/i18n_printf.h"
+#include "liblocal/text/i18n_printf.h"
 #include "tests/word_arguments.h"
 
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <vector>
 
-#include "liblocal/utf8_codec.h"
+#include "liblocal/text/utf8_codec.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::vector<char> bytes(data, data + size);  // of its exact size, so over-reads are seen

@@ -12,10 +12,10 @@
 #include <iterator>
 #include <string>
 
-#include "liblocal/codesets.h"
-#include "liblocal/utf8.h"
-#include "liblocal/utf8_codec.h"
-#include "liblocal/utf8_convert.h"
+#include "liblocal/text/codesets.h"
+#include "liblocal/text/utf8.h"
+#include "liblocal/text/utf8_codec.h"
+#include "liblocal/text/utf8_convert.h"
 
 // The names that the linker's --wrap gives to the real ones.
 extern "C" {

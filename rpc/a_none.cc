@@ -1,6 +1,6 @@
 #include "rpc/a_none.h"
 
-#include "liblocal/vx_once.h"
+#include "liblocal/threads/vx_once.h"
 #include "rpc/rpc_prot.h"
 #include "rpc/x_mem.h"
 

@@ -6,10 +6,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "liblocal/c_memory.h"
-#include "liblocal/debug.h"
-#include "liblocal/localhost.h"
-#include "liblocal/vxids.h"
+#include "liblocal/hosts/localhost.h"
+#include "liblocal/messages/debug.h"
+#include "liblocal/startup/vxids.h"
+#include "liblocal/threads/c_memory.h"
 #include "rpc/rpc_prot.h"
 #include "rpc/x_mem.h"
 #include "rpc/xdr_compound.h"

@@ -1,7 +1,7 @@
 #include "rpc/auth_methods.h"
 
-#include "liblocal/debug.h"
-#include "liblocal/vx_mutex.h"
+#include "liblocal/messages/debug.h"
+#include "liblocal/threads/vx_mutex.h"
 #include "rpc/rpcvarp.h"
 
 namespace {

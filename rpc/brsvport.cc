@@ -7,13 +7,13 @@
 #include <cstdlib>
 #include <iterator>
 
-#include "liblocal/debug.h"
-#include "liblocal/errinfo.h"
-#include "liblocal/mtsfuncs.h"
-#include "liblocal/print.h"
-#include "liblocal/vx_error.h"
-#include "liblocal/vx_mutex.h"
-#include "liblocal/vx_once.h"
+#include "liblocal/hosts/mtsfuncs.h"
+#include "liblocal/messages/debug.h"
+#include "liblocal/messages/errinfo.h"
+#include "liblocal/messages/print.h"
+#include "liblocal/threads/vx_error.h"
+#include "liblocal/threads/vx_mutex.h"
+#include "liblocal/threads/vx_once.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <mutex>
 #include <set>
 
-#include "liblocal/debug.h"
+#include "liblocal/messages/debug.h"
 #include "tests/lab.h"
 #include "tests/threads.h"
 

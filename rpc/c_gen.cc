@@ -5,12 +5,12 @@
 #include <cerrno>
 #include <cstring>
 
-#include "liblocal/ascii.h"
-#include "liblocal/debug.h"
-#include "liblocal/get_myad.h"
-#include "liblocal/is_mynam.h"
-#include "liblocal/mtsfuncs.h"
-#include "liblocal/vxenv.h"
+#include "liblocal/hosts/get_myad.h"
+#include "liblocal/hosts/is_mynam.h"
+#include "liblocal/hosts/mtsfuncs.h"
+#include "liblocal/messages/debug.h"
+#include "liblocal/startup/vxenv.h"
+#include "liblocal/text/ascii.h"
 #include "rpc/auth_choice.h"
 #include "rpc/c_tcp.h"
 #include "rpc/c_udp.h"

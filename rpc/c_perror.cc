@@ -4,10 +4,10 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "liblocal/catgets.h"
-#include "liblocal/err_tables.h"
-#include "liblocal/errinfo.h"
-#include "liblocal/vxprint.h"
+#include "liblocal/messages/catgets.h"
+#include "liblocal/messages/err_tables.h"
+#include "liblocal/messages/errinfo.h"
+#include "liblocal/text/vxprint.h"
 #include "rpc/rpcvarp.h"
 
 namespace {

@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-#include "liblocal/liblvarp.h"
+#include "liblocal/threads/liblvarp.h"
 #include "rpc/clnt.h"
 
 /// What the call status `code` means; "Unknown error code" for one that is none.

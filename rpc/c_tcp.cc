@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "liblocal/c_memory.h"
+#include "liblocal/threads/c_memory.h"
 #include "rpc/a_none.h"
 #include "rpc/auth.h"
 #include "rpc/auth_methods.h"

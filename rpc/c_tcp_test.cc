@@ -13,7 +13,7 @@
 #include <random>
 #include <semaphore>
 
-#include "liblocal/liblvars.h"
+#include "liblocal/messages/liblvars.h"
 #include "rpc/a_unix.h"
 #include "rpc/auth.h"
 #include "rpc/auth_methods.h"

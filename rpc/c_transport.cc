@@ -6,10 +6,10 @@
 
 #include <cerrno>
 
-#include "liblocal/catgets.h"
-#include "liblocal/localhost.h"
-#include "liblocal/print.h"
-#include "liblocal/vx_select.h"
+#include "liblocal/hosts/localhost.h"
+#include "liblocal/messages/catgets.h"
+#include "liblocal/messages/print.h"
+#include "liblocal/threads/vx_select.h"
 #include "rpc/auth.h"
 #include "rpc/auth_choice.h"
 #include "rpc/brsvport.h"

@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "liblocal/c_memory.h"
-#include "liblocal/vx_select.h"
+#include "liblocal/threads/c_memory.h"
+#include "liblocal/threads/vx_select.h"
 #include "rpc/a_none.h"
 #include "rpc/auth.h"
 #include "rpc/c_transport.h"

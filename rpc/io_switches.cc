@@ -2,11 +2,11 @@
 
 #include <unistd.h>
 
-#include "liblocal/c_memory.h"
-#include "liblocal/utf8_files.h"
-#include "liblocal/vx_once.h"
-#include "liblocal/vxenv.h"
-#include "liblocal/vxpath.h"
+#include "liblocal/startup/vxenv.h"
+#include "liblocal/text/utf8_files.h"
+#include "liblocal/text/vxpath.h"
+#include "liblocal/threads/c_memory.h"
+#include "liblocal/threads/vx_once.h"
 
 namespace {
 

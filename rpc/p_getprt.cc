@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "liblocal/get_myad.h"
+#include "liblocal/hosts/get_myad.h"
 #include "rpc/pmap.h"
 #include "rpc/pmap_cache.h"
 #include "rpc/rpcvarp.h"

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "liblocal/vxenv.h"
+#include "liblocal/startup/vxenv.h"
 #include "rpc/rpcvarp.h"
 
 namespace {

@@ -6,7 +6,7 @@
 // nothing between them. What does not read like that ends it, without a word.
 //
 // Thread safety: all operations may be called from any thread and work on that
-// thread's cache. Exporting changes the environment (see liblocal/vxenv.h).
+// thread's cache. Exporting changes the environment (see liblocal/startup/vxenv.h).
 #pragma once
 
 #include <cstdint>

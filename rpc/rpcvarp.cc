@@ -3,9 +3,9 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "liblocal/vx_mutex.h"
-#include "liblocal/vx_thread.h"
-#include "liblocal/xmalloc.h"
+#include "liblocal/threads/vx_mutex.h"
+#include "liblocal/threads/vx_thread.h"
+#include "liblocal/threads/xmalloc.h"
 #include "rpc/io_switches.h"
 
 namespace {

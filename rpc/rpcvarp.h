@@ -1,4 +1,4 @@
-// The variable blocks of the RPC runtime (see liblocal/varp.h): what it keeps per
+// The variable blocks of the RPC runtime (see liblocal/threads/varp.h): what it keeps per
 // thread and for the process.
 #pragma once
 
@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "liblocal/varp.h"
+#include "liblocal/threads/varp.h"
 #include "rpc/clnt.h"
 
 struct vx_mutex;

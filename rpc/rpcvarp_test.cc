@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "liblocal/vx_threadstorage.h"
+#include "liblocal/threads/vx_threadstorage.h"
 #include "tests/failing_malloc.h"
 
 namespace {

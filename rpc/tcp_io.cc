@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "liblocal/vx_select.h"
+#include "liblocal/threads/vx_select.h"
 #include "rpc/io_switches.h"
 #include "rpc/tcp_record.h"
 #include "rpc/tcp_settings.h"

@@ -2,9 +2,9 @@
 
 #include <strings.h>
 
-#include "liblocal/debug.h"
-#include "liblocal/vx_once.h"
-#include "liblocal/vxenv.h"
+#include "liblocal/messages/debug.h"
+#include "liblocal/startup/vxenv.h"
+#include "liblocal/threads/vx_once.h"
 
 namespace {
 

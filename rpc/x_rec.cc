@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "liblocal/debug.h"
-#include "liblocal/print.h"
+#include "liblocal/messages/debug.h"
+#include "liblocal/messages/print.h"
 #include "rpc/common.h"
 #include "rpc/io_switches.h"
 #include "rpc/xdr_units.h"

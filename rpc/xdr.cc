@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "liblocal/c_memory.h"
+#include "liblocal/threads/c_memory.h"
 #include "rpc/xdr_growth.h"
 
 namespace {

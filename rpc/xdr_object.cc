@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "liblocal/c_memory.h"
+#include "liblocal/threads/c_memory.h"
 #include "rpc/x_count.h"
 #include "rpc/x_mem.h"
 

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <iterator>
 
-#include "liblocal/catgets.h"
-#include "liblocal/vxprint.h"
+#include "liblocal/messages/catgets.h"
+#include "liblocal/text/vxprint.h"
 #include "snmp/asn1.h"
 #include "snmp/snmp_auth.h"
 #include "snmp/snmp_pdu.h"

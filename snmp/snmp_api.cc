@@ -12,10 +12,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "liblocal/c_memory.h"
-#include "liblocal/catgets.h"
-#include "liblocal/mtsfuncs.h"
-#include "liblocal/vxprint.h"
+#include "liblocal/hosts/mtsfuncs.h"
+#include "liblocal/messages/catgets.h"
+#include "liblocal/text/vxprint.h"
+#include "liblocal/threads/c_memory.h"
 #include "snmp/snmp.h"
 
 session_entry* Sessions = nullptr;

@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "liblocal/vx_select.h"
+#include "liblocal/threads/vx_select.h"
 #include "snmp/snmp_api.h"
 #include "snmp/snmp_pdu.h"
 

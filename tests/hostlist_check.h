@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "liblocal/hostlist_cache.h"
+#include "liblocal/hosts/hostlist_cache.h"
 
 /// Empty when `cache` is sound, else what is wrong with it.
 inline std::string hostlist_fault(const hostlist_cache& cache) {

@@ -5,8 +5,8 @@
 
 #include <string>
 
-#include "liblocal/debug.h"
-#include "liblocal/progname.h"
+#include "liblocal/messages/debug.h"
+#include "liblocal/messages/progname.h"
 
 /// What `work` writes to standard error in a program named kivtrap, with `Debug` at `level`.
 inline std::string printed(int level, auto work) {

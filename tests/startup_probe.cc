@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "liblocal/dbgsignl.h"
-#include "liblocal/vxdirs.h"
-#include "liblocal/vxids.h"
-#include "liblocal/vxinit.h"
+#include "liblocal/startup/dbgsignl.h"
+#include "liblocal/startup/vxdirs.h"
+#include "liblocal/startup/vxids.h"
+#include "liblocal/startup/vxinit.h"
 
 // The leak checker cannot look into a set-user-id program, which may not even read
 // the options of its environment.

@@ -4,10 +4,10 @@
 
 #include <cstdio>
 
-#include "liblocal/catgets.h"
-#include "liblocal/localhost.h"
-#include "liblocal/vxinit.h"
-#include "liblocal/vxprint.h"
+#include "liblocal/hosts/localhost.h"
+#include "liblocal/messages/catgets.h"
+#include "liblocal/startup/vxinit.h"
+#include "liblocal/text/vxprint.h"
 #include "trap/delivery.h"
 #include "trap/message.h"
 #include "trap/options.h"

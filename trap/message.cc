@@ -4,9 +4,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "liblocal/catgets.h"
-#include "liblocal/utf8.h"
-#include "liblocal/vxprint.h"
+#include "liblocal/messages/catgets.h"
+#include "liblocal/text/utf8.h"
+#include "liblocal/text/vxprint.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "liblocal/utf8.h"
+#include "liblocal/text/utf8.h"
 #include "tests/failing_malloc.h"
 #include "tests/lab.h"
 #include "trap/delivery.h"

@@ -7,9 +7,9 @@
 #include <cstring>
 #include <iterator>
 
-#include "liblocal/catgets.h"
-#include "liblocal/vxinit.h"
-#include "liblocal/vxprint.h"
+#include "liblocal/messages/catgets.h"
+#include "liblocal/startup/vxinit.h"
+#include "liblocal/text/vxprint.h"
 #include "snmp/snmp_api.h"
 
 int Verbose = 0;

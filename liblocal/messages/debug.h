@@ -1,0 +1,53 @@
+// Debug lines: what a program tells about its work while it runs.
+//
+// A line is the message prefix (the time when time stamps are on, the program's
+// name, ": ") and the formatted message. It goes to the debug file, or to
+// standard error while none is open. The level that decides, `Debug`, stands in
+// liblvars.h.
+//
+// Thread safety: the printers may be called from any thread. Prefix and message
+// are two writes, so lines of different threads may interleave between them.
+// Opening and closing the debug file is for one thread at a time, while no other
+// writes debug lines.
+#pragma once
+
+#include <cstdarg>
+#include <cstdio>
+
+#include "liblocal/messages/liblvars.h"
+
+/// Writes one debug line, whatever the level: callers test `Debug` first.
+[[gnu::format(printf, 1, 2)]] void debugprintf(const char* format, ...);
+
+/// Writes one debug line when `Debug` is at least `level`.
+[[gnu::format(printf, 2, 3)]] void dfprintf(int level, const char* format, ...);
+[[gnu::format(printf, 2, 0)]] void vdfprintf(int level, const char* format, va_list arguments);
+
+// In a namespace of its own: the platform has a vdprintf of the same arguments,
+// whose first one is a descriptor.
+namespace vxdebug {
+
+/// As vdfprintf; a line of level 0 has "Diagnostic: " between prefix and message.
+[[gnu::format(printf, 2, 0)]] void vdprintf(int level, const char* format, va_list arguments);
+
+}  // namespace vxdebug
+
+/// Writes the formatted message, without prefix, to standard error when `Debug`
+/// is at least `level`. With a number other than -1 in the environment variable
+/// "KIV_STRICT_LEVEL", of the levels above 0 only that one is written.
+[[gnu::format(printf, 2, 3)]] void verbprint(int level, const char* format, ...);
+
+/// Sends debug lines to the end of the file `path`, unbuffered, from now on, and
+/// closes the debug file that was open. When it cannot be opened they go to
+/// standard error. A null or empty path changes nothing. With `Debug` above 1 a
+/// debug line tells the outcome.
+void dfopen(const char* path);
+
+/// Closes the debug file, if one is open; debug lines go to standard error.
+void dfclose();
+
+/// The debug file, or null. It stays owned by this service.
+[[nodiscard]] FILE* dfopen_filehndl();
+
+/// The descriptor that debug lines go to at this moment. Async-signal-safe.
+[[nodiscard]] int debug_descriptor();

@@ -1,0 +1,84 @@
+#include "liblocal/messages/debug.h"
+
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include "liblocal/messages/log_time.h"
+#include "liblocal/messages/print.h"
+#include "tests/lab.h"
+#include "tests/printed.h"
+
+namespace {
+
+[[gnu::format(printf, 2, 3)]] void diagnose(int level, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  vxdebug::vdprintf(level, format, arguments);
+  va_end(arguments);
+}
+
+TEST(DebugLine, LevelAndPrefix) {
+  auto all = [] {
+    for (int level : {0, 2, 3}) {
+      dfprintf(level, "a%d\n", level);
+      diagnose(level, "b%d\n", level);
+      verbprint(level, "c%d\n", level);
+    }
+  };
+  EXPECT_EQ(printed(-1, all), "");
+  EXPECT_EQ(printed(-1, [] { debugprintf("%d\n", 1); }), "kivtrap: 1\n");
+  EXPECT_EQ(printed(2, all),
+            "kivtrap: a0\nkivtrap: Diagnostic: b0\nc0\nkivtrap: a2\nkivtrap: b2\nc2\n");
+  const std::pair<const char*, const char*> strict[] = {
+      {"2", "02"}, {"-1", "0123"}, {"4", "0"}, {"x", "0"}};
+  for (auto [variable, wanted] : strict) {
+    setenv("KIV_STRICT_LEVEL", variable, 1);
+    auto levels = [] {
+      for (int level : {0, 1, 2, 3, 4}) verbprint(level, "%d", level);
+    };
+    EXPECT_EQ(printed(3, levels), wanted) << variable;
+  }
+  unsetenv("KIV_STRICT_LEVEL");
+}
+
+TEST(DebugFile, TakesTheLines) {
+  const std::string path = testing::TempDir() + "/debug_file";
+  remove(path.c_str());
+  EXPECT_EQ(printed(2, [] { dfopen(""); }), "kivtrap: dfopen: filename is null ... \n");
+  EXPECT_EQ(printed(2, [&] { dfopen(path.c_str()); }), "");
+  debugprintf("into it\n");
+  dfopen(path.c_str());
+  dfopen(nullptr);
+  EXPECT_EQ(lab::read_file(path),
+            "kivtrap: dfopen: Opened file " + path + " for dprintf writing.\nkivtrap: into it\n");
+  EXPECT_EQ(debug_descriptor(), fileno(dfopen_filehndl()));
+  EXPECT_EQ(printed(2, [] { dfopen("/nowhere/at/all"); }),
+            "kivtrap: dfopen: Unable to open file /nowhere/at/all for writing.\n");
+  EXPECT_EQ(dfopen_filehndl(), nullptr);
+
+  dfopen(path.c_str());
+  auto failing_close = [] {
+    close(debug_descriptor());
+    dfclose();
+  };
+  EXPECT_EQ(printed(2, failing_close), "kivtrap: dfclose: File stream close failed.\n");
+  EXPECT_EQ(dfopen_filehndl(), nullptr);
+}
+
+TEST(LogTime, Texts) {
+  setenv("TZ", "UTC0", 1);
+  tzset();
+  const std::pair<time_t, const char*> cases[] = {
+      {1795036118, "11/18/26 21:08:38"}, {2147483647, "forever"}, {INT64_MAX, "no-time"}};
+  for (auto [time, wanted] : cases) {
+    char buffer[kLogTimeSize];
+    EXPECT_STREQ(log_entry_time(time, buffer), wanted);
+    EXPECT_STREQ(log_entry_time(time, nullptr), wanted);
+  }
+  print_timestamps(1);
+  EXPECT_THAT(printed(0, [] { debugprintf("x\n"); }),
+              testing::MatchesRegex("../../.. ..:..:.. kivtrap: x\n"));
+  print_timestamps(0);
+}
+
+}  // namespace

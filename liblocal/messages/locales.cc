@@ -1,0 +1,97 @@
+#include "liblocal/messages/locales.h"
+
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "liblocal/messages/debug.h"
+#include "liblocal/text/text_view.h"
+#include "liblocal/threads/c_memory.h"
+#include "liblocal/threads/xmalloc.h"
+
+namespace {
+
+c_unique_ptr<char> lang_subdir;
+c_unique_ptr<char> rap_locale;
+c_unique_ptr<char> user_locale;
+char locale_name[kLocaleNameSize];  // the messages locale by this system's name
+
+struct Renamed {
+  std::string_view name;
+  std::string_view becomes;
+};
+
+constexpr std::string_view kAsTheyAre[] = {"C", "en_US", "en_US.UTF-8", "en_US.utf8"};
+
+// Names without a codeset.
+constexpr Renamed kBareNames[] = {
+    {"ja", "ja_JP.EUC"},       {"japan", "ja_JP.EUC"},         {"ja_JP", "ja_JP.EUC"},
+    {"japanese", "ja_JP.EUC"}, {"fr", "fr_FR.8859-1"},         {"de", "de_DE.8859-1"},
+    {"zh", "zh_CN.GB2312-80"}, {"chinese", "zh_CN.GB2312-80"},
+};
+
+// Whether `text` is one of a table's names; `*becomes` is then what it stands for.
+bool find_bare_name(std::string_view text, std::string_view* becomes) {
+  for (const Renamed& bare : kBareNames) {
+    if (text != bare.name) continue;
+    *becomes = bare.becomes;
+    return true;
+  }
+  return false;
+}
+
+// This system's name of `name`, in the platform's spelling of the Latin-1 codeset.
+std::string_view renamed(std::string_view name) {
+  size_t dot = name.find('.');
+  if (dot == name.npos) {
+    std::string_view becomes = name;
+    find_bare_name(name, &becomes);
+    return becomes;
+  }
+  std::string_view codeset = text_part(name, dot);
+  if (codeset == ".eucJP") return "ja_JP.EUC";
+  if (name == "zh_CN.EUC") return "zh_CN.GB2312-80";
+  if (codeset == ".PCK") return "ja_JP.sjis";
+  return name;
+}
+
+}  // namespace
+
+bool normalise_locale(const char* name, char (&buffer)[kLocaleNameSize]) {
+  std::string_view text = name;
+  for (std::string_view plain : kAsTheyAre) {
+    if (text == plain) return false;
+  }
+  // A longer name would have to be cut, and then be another locale's.
+  if (text.size() >= kLocaleNameSize) return false;
+  text = renamed(text);
+  std::string_view stem = text_part(text, 0, text.find('.'));
+  std::string_view codeset = text_part(text, stem.size());
+  if (codeset == ".iso88591" || codeset == ".ISO8859-1") codeset = ".8859-1";
+  snprintf(buffer, kLocaleNameSize, "%.*s%.*s", static_cast<int>(stem.size()), stem.data(),
+           static_cast<int>(codeset.size()), codeset.data());
+  return true;
+}
+
+const char* init_locales(const char* /*name*/, const char* locale) {
+  const char* messages = setlocale(LC_MESSAGES, "");
+  if (messages != nullptr) normalise_locale(messages, locale_name);
+  lang_subdir.reset();
+  if (Debug > 0) {
+    debugprintf("Locale\"%s\" found.\n", locale_name);
+    debugprintf("Lang Subdir is\"%s\".\n", "unknown");
+  }
+  rap_locale.reset(xstrdup(setlocale(LC_ALL, "C")));
+  user_locale.reset(xstrdup(rap_locale.get()));
+  return setlocale(LC_ALL, locale);
+}
+
+const char* get_lang_subdir() { return lang_subdir.get(); }
+
+const char* get_rap_locale() { return rap_locale.get(); }
+
+const char* get_user_locale() { return user_locale.get(); }
+
+void set_lang_subdir(const char* name) { lang_subdir.reset(xstrdup(name)); }

@@ -1,0 +1,163 @@
+#include "liblocal/startup/dbgsignl.h"
+
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "liblocal/messages/debug.h"
+#include "liblocal/messages/debug_command.h"
+#include "liblocal/messages/progname.h"
+#include "liblocal/startup/vxenv.h"
+#include "liblocal/text/ascii.h"
+#include "liblocal/text/text_view.h"
+#include "liblocal/text/vxpath.h"
+#include "liblocal/threads/vx_thread.h"
+
+char Dbgcmdpath[kDbgcmdpathSize];
+std::atomic<int> Debug_me;
+std::atomic<int> Force_debug;
+
+namespace {
+
+constexpr size_t kNameSize = 64;  // the part of the program's name that lines show
+constexpr uint32_t kDebuggerWaitMillis = 10000;
+
+char handler_name[kNameSize];  // written before the handler is installed
+
+// One line of output built without the platform's formatter, which a signal
+// handler may not call.
+class SignalLine {
+ public:
+  SignalLine() { *this << handler_name << ": "; }
+
+  SignalLine& operator<<(std::string_view text) {
+    size_t room = sizeof text_ - length_;
+    length_ += text_copy(text, text_ + length_, room);
+    return *this;
+  }
+
+  SignalLine& operator<<(int number) {
+    char digits[12];
+    char* start = digits + sizeof digits;
+    unsigned rest = number < 0 ? 0U - static_cast<unsigned>(number) : static_cast<unsigned>(number);
+    do *--start = static_cast<char>('0' + rest % 10);
+    while ((rest /= 10) != 0);
+    if (number < 0) *--start = '-';
+    return *this << std::string_view(start, static_cast<size_t>(digits + sizeof digits - start));
+  }
+
+  void send() const {
+    if (write(debug_descriptor(), text_, length_) < 0) return;  // nobody is left to be told
+  }
+
+ private:
+  char text_[kNameSize + kDebugCommandLimit + 128] = {};  // name and value stand in one command
+  size_t length_ = 0;
+};
+
+struct Level {
+  std::string_view name;
+  std::string_view title;  // what the change line calls it
+  std::atomic<int>* value;
+};
+
+const Level kLevels[] = {
+    {"Debug", "Debug level", &Debug},
+    {"Vflag", "Vflag level", &Vflag},
+    {"PrintDevInfo", "PrintDevInfo", &PrintDevInfo},
+};
+
+void apply(const debug_command& command) {
+  if (command.value < 0) {
+    if (Debug > 2) {
+      (SignalLine() << command.value_text << " is an invalid value for " << command.name << "\n")
+          .send();
+    }
+    return;
+  }
+  for (const Level& level : kLevels) {
+    if (!names_debug_level(command.name, level.name)) continue;
+    if (Debug >= 0) {
+      (SignalLine() << "Changing " << level.title << " of process (id " << getpid() << ") from "
+                    << level.value->load() << " to " << command.value << "\n")
+          .send();
+    }
+    *level.value = command.value;
+    return;
+  }
+}
+
+// Takes the command off the debug command file into `text`, of kDebugCommandLimit
+// bytes. The file may lie where others can write, so nothing but a regular file
+// is accepted, and opening never follows a link nor waits for a FIFO's writer.
+// Returns the number of bytes, 0 when there is no command.
+size_t take_command(char* text) {
+  int file = open(Dbgcmdpath, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (file < 0) return 0;
+  ssize_t length = 0;
+  struct stat status;
+  if (fstat(file, &status) == 0 && S_ISREG(status.st_mode)) {
+    length = read(file, text, kDebugCommandLimit);
+    unlink(Dbgcmdpath);
+  }
+  close(file);
+  return length > 0 ? static_cast<size_t>(length) : 0;
+}
+
+// The base name of `path`, up to its last dot and in lower case, in `name`, of
+// kPathComponentSize bytes.
+void copy_base_name(const char* path, char* name) {
+  vx_path_basename(path, name, kPathComponentSize);
+  if (char* dot = strrchr(name, '.'); dot != nullptr) *dot = '\0';
+  for (char* c = name; *c != '\0'; ++c) *c = ascii_lower(*c);
+}
+
+// True when an item of `list` begins with `name`.
+bool is_listed(const char* list, const char* name) {
+  size_t length = strlen(name);
+  for (const char* item = list; item != nullptr;) {
+    if (strncasecmp(item, name, length) == 0) return true;
+    item = strchr(item, ',');
+    if (item != nullptr) ++item;
+  }
+  return false;
+}
+
+}  // namespace
+
+void ondbgintr_prepare() { vx_get_progname(handler_name, sizeof handler_name); }
+
+void ondbgintr(int signal) {
+  if (signal != SIGUSR2) return;
+  int saved_errno = errno;
+  char text[kDebugCommandLimit] = {};
+  const size_t length = take_command(text);
+  if (auto command = parse_debug_command({text, length})) apply(*command);
+  errno = saved_errno;
+}
+
+void debug_check(const char* path) {
+  char name[kPathComponentSize] = "";
+  copy_base_name(path, name);
+  if (Force_debug.exchange(0) != 0) {
+    Debug_me = 1;
+  } else {
+    const char* list = Debug_me != 0 ? vxgetenv("KIV_DEBUGPROCS") : nullptr;
+    if (list == nullptr || !is_listed(list, name)) return;
+  }
+  while (Debug_me != 0) {
+    if (Debug >= 0) {
+      debugprintf("%s (%d) waiting to be debugged\n", name, static_cast<int>(getpid()));
+    }
+    vx_thread_sleep(kDebuggerWaitMillis);
+  }
+}

@@ -1,0 +1,234 @@
+#include "liblocal/startup/fullp_ux.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+
+#include "liblocal/messages/debug.h"
+#include "liblocal/messages/errinfo.h"
+#include "liblocal/text/utf8_files.h"
+
+namespace {
+
+constexpr size_t kLinkTextSize = 24576;
+constexpr int kLinkLimit = 20;  // so many links in a chain are too many
+
+enum class Kind { kMissing, kDirectory, kLink, kOther };
+
+Kind kind_of(const char* path, bool follow) {
+  vx_stat_record status;
+  if ((follow ? vx_stat(path, &status) : vx_lstat(path, &status)) != 0) return Kind::kMissing;
+  switch (status.mode & kVxTypeMask) {
+    case kVxDirectory:
+      return Kind::kDirectory;
+    case kVxSymbolicLink:
+      return Kind::kLink;
+    default:
+      return Kind::kOther;
+  }
+}
+
+// A debug line of `level` that leaves `errno` to the caller's caller.
+[[gnu::format(printf, 2, 3)]] void tell(int level, const char* format, ...) {
+  int saved_errno = errno;
+  va_list arguments;
+  va_start(arguments, format);
+  vdfprintf(level, format, arguments);
+  va_end(arguments);
+  errno = saved_errno;
+}
+
+void strip_trailing_slashes(char* path) {
+  size_t length = strlen(path);
+  while (length > 1 && path[length - 1] == '/') path[--length] = '\0';
+}
+
+// Copies `path` into `copy`, of kPathSize bytes, less its trailing slashes.
+bool copy_path(const char* path, char* copy) {
+  size_t length = strlen(path);
+  if (length >= kPathSize) {
+    errno = ENAMETOOLONG;
+    return false;
+  }
+  memcpy(copy, path, length + 1);
+  strip_trailing_slashes(copy);
+  return true;
+}
+
+// The absolute `path` itself, when every parent is a real directory and no component
+// but the first may be a step.
+bool take_as_it_is(const char* path, char* output, size_t size, bool follow) {
+  char copy[kPathSize];
+  if (*path != '/' || strlen(path) >= size || !copy_path(path, copy)) return false;
+  Kind kind = kind_of(copy, false);
+  if (kind == Kind::kMissing || (follow && kind == Kind::kLink)) return false;
+  memcpy(output, copy, strlen(copy) + 1);
+  for (char* slash = strrchr(copy, '/'); slash != copy; slash = strrchr(copy, '/')) {
+    if (slash[1] == '\0' || slash[1] == '.') return false;
+    *slash = '\0';
+    if (kind_of(copy, false) != Kind::kDirectory) return false;
+  }
+  return true;
+}
+
+// The current directory, kept by its name and by itself: where the name no longer
+// leads back, the process still returns.
+class HomeDirectory {
+ public:
+  HomeDirectory() : itself_(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)) {
+    known_ = brix_getcwd(name_, sizeof name_) != nullptr;
+  }
+  ~HomeDirectory() {
+    if (itself_ >= 0) close(itself_);
+  }
+  HomeDirectory(const HomeDirectory&) = delete;
+  HomeDirectory& operator=(const HomeDirectory&) = delete;
+
+  bool known() const { return known_; }
+  const char* name() const { return name_; }
+
+  // Changes back after a way to `path`. False when the name did not lead back.
+  bool restore(const char* path) const {
+    if (utf8_chdir(name_) == 0) return true;
+    tell(1, "fullpath(%s) cannot restore cwd to %s: %s\n", path, name_, brix_strerror(errno));
+    int saved_errno = errno;
+    if (itself_ >= 0) static_cast<void>(!fchdir(itself_));
+    errno = saved_errno;
+    return false;
+  }
+
+ private:
+  int itself_;
+  bool known_;
+  char name_[kPathSize];
+};
+
+// Writes the system's name of `directory` into `output`, by a way there and back on
+// behalf of `path`. `which` begins the complaint of a system that knows no name.
+bool name_directory(const char* directory, const HomeDirectory& home, const char* path,
+                    const char* which, char* output, size_t size) {
+  if (utf8_chdir(directory) != 0) {
+    tell(1, "cannot chdir to %s: %s\n", directory, brix_strerror(errno));
+    return false;
+  }
+  bool named = brix_getcwd(output, size) != nullptr;
+  if (!named) {
+    tell(1, "%sgetcwd failed on %s\n", which, directory);
+    if (*which != '\0') tell(3, "fullpath failed to get the new cwd\n");
+  }
+  return home.restore(path) && named;
+}
+
+// Puts the text of the link at `path`, of kPathSize bytes, in its place: all of the
+// path when it is absolute, else the last component.
+bool replace_link(char* path) {
+  char link[kLinkTextSize];
+  if (utf8_readlink(path, link, sizeof link) < 0) {
+    tell(1, "fullpath could not readlink on %s: %s\n", path, brix_strerror(errno));
+    return false;
+  }
+  char* slash = strrchr(path, '/');
+  char* at = *link == '/' || slash == nullptr ? path : slash + 1;
+  *at = '\0';
+  size_t length = strlen(link);
+  if (static_cast<size_t>(at - path) + length >= kPathSize) {
+    errno = ENAMETOOLONG;
+    tell(1, "fullpath path name too long %s%s: %s\n", path, link, brix_strerror(errno));
+    return false;
+  }
+  memcpy(at, link, length + 1);
+  return true;
+}
+
+// Resolves the symbolic links at the end of `copy`, of kPathSize bytes; `path` is
+// what the caller calls it.
+bool follow_links(const char* path, char* copy) {
+  for (int replaced = 0; replaced < kLinkLimit; ++replaced) {
+    Kind kind = kind_of(copy, false);
+    if (kind == Kind::kMissing) {
+      tell(1, "fullpath could not lstat %s: %s\n", copy, brix_strerror(errno));
+      return false;
+    }
+    if (kind != Kind::kLink) {
+      tell(3, "fullpath follow_path returns `%s'\n", copy);
+      return true;
+    }
+    if (!replace_link(copy)) return false;
+  }
+  errno = ELOOP;
+  tell(1, "fullpath too many symlink loops for %s: %s\n", path, brix_strerror(errno));
+  return false;
+}
+
+// Writes `directory` (perhaps `output` itself), '/' and `name` into `output`.
+bool join(const char* directory, const char* name, char* output, size_t size) {
+  size_t length = strlen(directory);
+  size_t slash = strcmp(directory, "/") == 0 ? 0 : 1;
+  size_t name_length = strlen(name);
+  if (length + slash + name_length >= size) {
+    errno = ENAMETOOLONG;
+    tell(1, "%s%c%s path is too long\n", directory, '/', name);
+    return false;
+  }
+  memmove(output, directory, length + 1);
+  if (slash != 0) output[length] = '/';
+  memcpy(output + length + slash, name, name_length + 1);
+  return true;
+}
+
+// Writes the full name of what is no directory: that of its directory, and its own.
+bool name_file(char* copy, const HomeDirectory& home, const char* path, char* output, size_t size) {
+  char* slash = strrchr(copy, '/');
+  if (slash == nullptr) return join(home.name(), copy, output, size);
+  *slash = '\0';
+  const char* directory = slash == copy ? "/" : copy;  // a file right under the root
+  return name_directory(directory, home, path, "fullpath ", output, size) &&
+         join(output, slash + 1, output, size);
+}
+
+bool find_by_going_there(const char* path, char* output, size_t size, unsigned flags) {
+  bool follow = (flags & kFullpathFollow) != 0;
+  char copy[kPathSize];
+  bool fits = copy_path(path, copy);
+  Kind kind = fits ? kind_of(path, follow) : Kind::kMissing;
+  if (kind == Kind::kMissing) {
+    tell(1, "cannot stat %s\n", path);
+    return false;
+  }
+  HomeDirectory home;
+  if (!home.known()) {
+    tell(1, "fullpath(%s): cannot determine current directory\n", path);
+    return false;
+  }
+  if (kind != Kind::kDirectory) {
+    if (follow && !follow_links(path, copy)) return false;
+    return name_file(copy, home, path, output, size);
+  }
+  if (!name_directory(copy, home, path, "", output, size)) return false;
+  size_t length = strlen(output);
+  if ((flags & kFullpathDirectorySlash) != 0 && length > 1 && length + 1 < size) {
+    memcpy(output + length, "/", sizeof "/");
+  }
+  return true;
+}
+
+}  // namespace
+
+char* fullpath2(const char* path, char* output, size_t size, unsigned flags) {
+  if (path == nullptr || output == nullptr || size == 0) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  bool may_be_itself = (flags & kFullpathDirectorySlash) == 0;
+  bool follow = (flags & kFullpathFollow) != 0;
+  if (may_be_itself && take_as_it_is(path, output, size, follow)) return output;
+  return find_by_going_there(path, output, size, flags) ? output : nullptr;
+}
+
+char* fullpath(const char* path) {
+  static char buffer[kPathSize];
+  return fullpath2(path, buffer, sizeof buffer, 0);
+}

@@ -1,0 +1,95 @@
+#include "liblocal/startup/vxenv.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "liblocal/messages/errinfo.h"
+#include "liblocal/messages/print.h"
+#include "liblocal/text/ascii.h"
+#include "liblocal/text/utf8_convert.h"
+#include "liblocal/threads/c_memory.h"
+#include "liblocal/threads/vx_mutex.h"
+#include "liblocal/threads/vx_once.h"
+#include "liblocal/threads/xmalloc.h"
+
+namespace {
+
+constexpr size_t kValueSize = 18432;  // bytes of a converted text, terminator included
+
+// A text that add_to_environment has handed to the environment, which points at it
+// from then on: neither is ever freed.
+struct Assignment {
+  char* text;
+  Assignment* next;
+};
+
+vx_once_control set_up_once;
+vx_mutex* list_mutex = nullptr;
+Assignment* assignments = nullptr;  // newest first; guarded by list_mutex
+
+void set_up() { list_mutex = vx_mutex_new(); }
+
+// "name=value" or "name=value:old", from malloc; null without memory.
+c_unique_ptr<char> make_assignment(const char* name, const char* value, const char* old) {
+  size_t size = strlen(name) + strlen(value) + (old != nullptr ? strlen(old) : 0) + 3;
+  c_unique_ptr<char> text(static_cast<char*>(malloc(size)));
+  if (text == nullptr) return nullptr;
+  snprintf(text.get(), size, "%s=%s%s%s", name, value, old != nullptr ? ":" : "",
+           old != nullptr ? old : "");
+  return text;
+}
+
+// The listed text that equals `text`, which is added when there is none.
+char* listed(c_unique_ptr<char> text) {
+  vx_once(&set_up_once, set_up);
+  VxMutexLock lock(list_mutex);
+  for (Assignment* each = assignments; each != nullptr; each = each->next) {
+    if (strcmp(each->text, text.get()) == 0) return each->text;
+  }
+  auto* added = static_cast<Assignment*>(xmalloc(sizeof(Assignment)));
+  *added = {text.release(), assignments};
+  assignments = added;
+  return added->text;
+}
+
+// An area for a converted text, of kValueSize zero bytes, that is never freed; null
+// without memory, which is told.
+char* new_area() {
+  char* area = static_cast<char*>(calloc(1, kValueSize));
+  if (area == nullptr) {
+    printerr("%s\n", brix_strerror(ENOMEM));
+    errno = ENOMEM;
+  }
+  return area;
+}
+
+}  // namespace
+
+const char* vxgetenv(const char* name) {
+  const char* value = getenv(name);
+  if (value == nullptr || is_ascii_text(value)) return value;
+  char* converted = new_area();
+  if (converted != nullptr) utf8_mbs(converted, value, kValueSize);
+  return converted;
+}
+
+int vxputenv(char* text) {
+  if (text == nullptr) return 0;
+  if (is_ascii_text(text)) return putenv(text);
+  char* converted = new_area();
+  if (converted == nullptr) return -1;
+  ansi_mbs(converted, text, kValueSize);
+  return putenv(converted);
+}
+
+int add_to_environment(const char* name, const char* value, int prepend) {
+  if (name == nullptr || value == nullptr) return 0;
+  const char* old = prepend != 0 ? vxgetenv(name) : nullptr;
+  c_unique_ptr<char> text = make_assignment(name, value, old);
+  if (old != nullptr && !is_ascii_text(old)) free(const_cast<char*>(old));  // converted for this
+  if (text == nullptr) return 0;
+  return vxputenv(listed(std::move(text))) == 0 ? 1 : 0;
+}

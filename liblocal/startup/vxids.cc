@@ -1,0 +1,77 @@
+#include "liblocal/startup/vxids.h"
+
+#include <unistd.h>
+
+#include "liblocal/messages/debug.h"
+
+namespace {
+
+constexpr uid_t kNotCaptured = static_cast<uid_t>(-1);
+constexpr uid_t kUnchanged = static_cast<uid_t>(-1);  // for setreuid
+constexpr uid_t kRoot = 0;
+
+struct Ids {
+  uid_t real_user = kNotCaptured;
+  uid_t effective_user = kNotCaptured;
+  gid_t real_group = kNotCaptured;
+  gid_t effective_group = kNotCaptured;
+};
+
+Ids saved;
+int drop_uid = 1;
+int print_uids = 0;
+
+const Ids& saved_ids() {
+  if (saved.real_user == kNotCaptured) saved = {getuid(), geteuid(), getgid(), getegid()};
+  return saved;
+}
+
+void tell_before(const char* operation) {
+  if (print_uids == 0 || Debug <= 0) return;
+  debugprintf("%s: saved uid %d euid %d, current uid %d euid %d\n", operation,
+              static_cast<int>(saved.real_user), static_cast<int>(saved.effective_user),
+              static_cast<int>(getuid()), static_cast<int>(geteuid()));
+}
+
+void tell_after(const char* operation) {
+  if (print_uids == 0 || Debug < 0) return;
+  debugprintf("%s: new uid %d euid %d\n", operation, static_cast<int>(getuid()),
+              static_cast<int>(geteuid()));
+}
+
+template <typename Id>
+void store(Id* where, Id id) {
+  if (where != nullptr) *where = id;
+}
+
+}  // namespace
+
+void get_saved_uids(uid_t* real, uid_t* effective) {
+  store(real, saved_ids().real_user);
+  store(effective, saved_ids().effective_user);
+}
+
+void get_saved_gids(gid_t* real, gid_t* effective) {
+  store(real, saved_ids().real_group);
+  store(effective, saved_ids().effective_group);
+}
+
+void set_nonprivileged() {
+  const Ids& ids = saved_ids();
+  tell_before("set_nonprivileged");
+  if (drop_uid == 0 || ids.real_user == ids.effective_user) return;
+  static_cast<void>(!setreuid(kRoot, ids.real_user));
+  tell_after("set_nonprivileged");
+}
+
+void set_privileged() {
+  const Ids& ids = saved_ids();
+  tell_before("set_privileged");
+  if (ids.real_user == ids.effective_user || ids.effective_user != kRoot) return;
+  static_cast<void>(!setreuid(kUnchanged, kRoot));
+  tell_after("set_privileged");
+}
+
+void set_vxinit_uid_flag(int on) { drop_uid = on; }
+
+void _vx_print_uids(int on) { print_uids = on; }

@@ -1,0 +1,76 @@
+#include "liblocal/startup/vxinit.h"
+
+#include <getopt.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "liblocal/messages/locales.h"
+#include "liblocal/messages/print.h"
+#include "liblocal/startup/dbgsignl.h"
+#include "liblocal/startup/regevent.h"
+#include "liblocal/startup/vxdirs.h"
+#include "liblocal/startup/vxenv.h"
+#include "liblocal/startup/vxids.h"
+#include "liblocal/text/ascii.h"
+#include "liblocal/text/text_view.h"
+#include "liblocal/text/utf8_convert.h"
+#include "liblocal/text/vxpath.h"
+#include "liblocal/threads/c_memory.h"
+#include "liblocal/threads/varp.h"
+#include "liblocal/threads/vx_thread.h"
+
+namespace {
+
+constexpr size_t kUtf8Growth = 6;  // bytes that one byte may become
+
+void name_debug_command_file(const char* name) {
+  bool with_programs = name != nullptr && strcmp(name, "qmo") == 0;
+  const char* directory = with_programs ? vx_get_bindir() : vx_get_tmpdir();
+  if (directory == nullptr) return;
+  c_unique_ptr<char> path(path_concat(directory, "vxdbg.tmp"));
+  text_copy_cut(path.get(), Dbgcmdpath, sizeof Dbgcmdpath);
+}
+
+// What the first call does. Until the ids are changed, a set-user-id program runs
+// with its owner's rights: nothing in here opens a file that its caller names.
+void set_up_process(const char* name, char** argv) {
+  find_appdir(name);
+  init_locales(name, "");
+  regevent_setup();
+  _vx_thr_libinit();
+  varp_set_error_printer([](const char* text) { printerr("%s", text); });
+  if (argv != nullptr) vx_find_installdir(argv[0]);
+  get_saved_uids(nullptr, nullptr);
+  _vx_print_uids(vxgetenv("KIV_PRINT_UIDS") != nullptr ? 1 : 0);
+  set_nonprivileged();
+  name_debug_command_file(name);
+}
+
+void convert_arguments(int argc, char** argv) {
+  if (argv == nullptr || argc < 1 || vxgetenv("KIV_MAST") != nullptr) return;
+  for (; argc > 0 && *argv != nullptr; --argc, ++argv) {
+    if (is_ascii_text(*argv)) continue;
+    size_t size = kUtf8Growth * strlen(*argv) + 1;
+    char* converted = static_cast<char*>(calloc(1, size));
+    if (converted == nullptr) {
+      errno = ENOMEM;
+      return;
+    }
+    utf8_mbs(converted, *argv, size);
+    *argv = converted;
+  }
+}
+
+}  // namespace
+
+void _vxinit(const char* name, int argc, char** argv) {
+  if (vxinit_done() == 0) set_up_process(name, argv);
+  opterr = 0;
+  convert_arguments(argc, argv);
+  _vx_set_initialised();
+  if (argv != nullptr && argv[0] != nullptr) debug_check(argv[0]);
+}
+
+void vxinit(const char* name) { _vxinit(name, 0, nullptr); }

@@ -1,0 +1,30 @@
+// Start-up of every program on this runtime.
+//
+// Call vx_set_progname and then _vxinit first thing in main, from the main
+// thread, before any other thread exists.
+#pragma once
+
+#include "liblocal/messages/progname.h"
+#include "liblocal/messages/vxinit_done.h"
+
+/// Initialises the runtime for the application `name` ("kiv" for the command). The
+/// first call puts the process into the locale of its environment, installs the
+/// debug command handler (regevent.h), finds the installation directory, takes down
+/// the ids of the start, gives up the privileges of a set-user-id start (keeping the
+/// way back to root, see vxids.h) and names the debug command file, `Dbgcmdpath`.
+///
+/// Every call silences the platform's getopt and, unless the environment variable
+/// "KIV_MAST" is set, converts the arguments to UTF-8: an entry of `argv` that is not
+/// all ASCII is replaced by a new text that is never freed. Without memory for one,
+/// `errno` is ENOMEM and the rest stays as it is. At last it waits for a debugger
+/// when asked to (dbgsignl.h).
+///
+/// Without a `name` in any call there is no application directory, and no debug
+/// command file. `argv` may be null.
+///
+/// find_origin.h says when the process ends here: a program path of 1024 bytes or
+/// more, an executable with hard links, "KIV_PRINT_ORIGIN".
+void _vxinit(const char* name, int argc, char** argv);
+
+/// _vxinit without arguments.
+void vxinit(const char* name);

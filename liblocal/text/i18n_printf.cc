@@ -1,0 +1,269 @@
+#include "liblocal/text/i18n_printf.h"
+
+#include <charconv>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "liblocal/text/i18n_conversion.h"
+#include "liblocal/text/utf8_columns.h"
+
+namespace {
+
+constexpr size_t kSlack = 18432;     // room beyond the format's length, and beyond each growth
+constexpr size_t kUsualNumber = 64;  // room for a number without width and precision
+
+// Where the text goes: to the caller's buffer, or to an area of its own that grows. Such
+// an area always has room for the literal text of the format.
+class Output {
+ public:
+  Output(char* buffer, char** result, size_t format_length)
+      : start_(buffer), result_(result), grows_(buffer == nullptr), literal_(format_length) {
+    if (grows_) resize(literal_ + kSlack);
+  }
+  ~Output() {
+    if (grows_ && result_ == nullptr) free(start_);
+  }
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+
+  bool exists() const { return start_ != nullptr; }
+
+  // Appends text of the format itself, for which there is room.
+  void append_literal(const char* text, size_t length) {
+    append(text, length);
+    literal_ -= length;
+  }
+
+  // Makes room for `count` bytes; false when it cannot be had.
+  bool reserve(size_t count) {
+    if (!grows_ || room() > count) return true;
+    return resize(capacity_ + count + kSlack);
+  }
+
+  void append(const char* text, size_t length) {
+    memcpy(start_ + used_, text, length);
+    used_ += length;
+  }
+
+  void append_blanks(size_t count) {
+    memset(start_ + used_, ' ', count);
+    used_ += count;
+  }
+
+  // Appends what the platform prints; false when there is no room.
+  template <typename T>
+  bool print(const char* format, T value);
+
+  int finish() {
+    start_[used_] = '\0';
+    return static_cast<int>(used_);
+  }
+
+ private:
+  // Bytes for the next conversion, terminated.
+  size_t room() const { return capacity_ - used_ - literal_; }
+
+  bool resize(size_t capacity) {
+    // The result counts bytes in an int.
+    auto* area = capacity <= INT_MAX ? static_cast<char*>(realloc(start_, capacity)) : nullptr;
+    if (result_ != nullptr && (area != nullptr || start_ == nullptr)) *result_ = area;
+    if (area == nullptr) return false;
+    start_ = area;
+    capacity_ = capacity;
+    return true;
+  }
+
+  char* start_;
+  char** result_;
+  bool grows_;
+  size_t literal_;  // bytes of the format that may still be appended
+  size_t used_ = 0;
+  size_t capacity_ = 0;  // of an area that grows
+};
+
+// The formats are made of conversions that were read and found to fit their argument.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+template <typename T>
+bool Output::print(const char* format, T value) {
+  // A conversion may fail with part of it written, so a buffer without bound sees only
+  // what was measured before.
+  for (size_t limit = grows_ ? room() : 0;;) {
+    const int length = snprintf(start_ + used_, limit, format, value);
+    if (length < 0) return true;  // no text for such a conversion
+    const auto count = static_cast<size_t>(length);
+    if (count < limit) {
+      used_ += count;
+      return true;
+    }
+    if (!reserve(count)) return false;
+    limit = grows_ ? room() : count + 1;
+  }
+}
+#pragma GCC diagnostic pop
+
+// The part of a text that a "%s" prints.
+struct Measured {
+  size_t bytes;
+  size_t columns;
+};
+
+// As many characters as `precision` columns hold, and no more columns than the text has
+// bytes. Reads no further, so a text of `precision` ASCII bytes needs no terminator.
+Measured measure(const char* text, size_t precision) {
+  const size_t limit = strnlen(text, precision);
+  Measured part = {0, 0};
+  while (part.columns < limit && text[part.bytes] != '\0') {
+    size_t last = part.bytes;
+    const auto columns = static_cast<size_t>(utf8_char_columns(text, &last));
+    if (part.columns + columns > limit) break;
+    part.columns += columns;
+    part.bytes += strnlen(text + part.bytes, last - part.bytes + 1);
+  }
+  return part;
+}
+
+bool print_text(Output* output, const I18nConversion& conversion) {
+  const char* text = conversion.argument.text;
+  Measured part = {0, 0};
+  if (conversion.precision != kI18nUnset) {
+    part = measure(text, static_cast<size_t>(conversion.precision));
+  } else {
+    part.bytes = strlen(text);
+    if (conversion.width > 0) part.columns = utf8_ttystrlen(text);
+  }
+  size_t fill = 0;
+  if (conversion.width > 0 && static_cast<size_t>(conversion.width) > part.columns) {
+    fill = static_cast<size_t>(conversion.width) - part.columns;
+  }
+  if (!output->reserve(part.bytes + fill)) return false;
+  const size_t flags = conversion.flag_count;
+  const bool fill_behind = flags > 0 && conversion.flags[flags - 1] == '-';
+  if (!fill_behind) output->append_blanks(fill);
+  output->append(text, part.bytes);
+  if (fill_behind) output->append_blanks(fill);
+  return true;
+}
+
+// Whether the conversion is complete and the platform takes its argument for what it is.
+// Where the platform would take it for a pointer, or from another place of the list,
+// nothing is printed.
+bool suits_platform(const I18nConversion& conversion) {
+  const char last = conversion.letters[conversion.letters[1] != '\0' ? 1 : 0];
+  const auto is_one_of = [last](std::string_view set) { return set.find(last) != set.npos; };
+  if (last == '\0' || is_one_of("hlLqjzZtI")) return false;
+  switch (conversion.kind) {
+    case I18nKind::kInt:
+      return !is_one_of("nspSaAeEfFgG");
+    case I18nKind::kLong:
+      return last != 'n';
+    case I18nKind::kLongDouble:
+      return is_one_of("aAeEfFgG");
+    default:
+      return true;
+  }
+}
+
+// Numbers in plain decimal, which most are, need no platform.
+bool is_plain_decimal(const I18nConversion& conversion) {
+  const char* letters = conversion.letters[0] == 'l' ? conversion.letters + 1 : conversion.letters;
+  return conversion.flag_count == 0 && conversion.width == kI18nUnset &&
+         conversion.precision == kI18nUnset && (*letters == 'd' || *letters == 'u');
+}
+
+bool print_plain_decimal(Output* output, const I18nConversion& conversion) {
+  char digits[20];
+  char* end = digits + sizeof digits;
+  const int64_t value = conversion.argument.integer;
+  const bool wide = conversion.letters[0] == 'l';
+  if (conversion.letters[wide ? 1 : 0] == 'd') {
+    end = std::to_chars(digits, end, wide ? value : static_cast<int>(value)).ptr;
+  } else {
+    const auto bits = static_cast<uint64_t>(value);
+    end = std::to_chars(digits, end, wide ? bits : static_cast<uint32_t>(bits)).ptr;
+  }
+  const auto length = static_cast<size_t>(end - digits);
+  if (!output->reserve(length)) return false;
+  output->append(digits, length);
+  return true;
+}
+
+constexpr size_t kSubFormatSize = 64;
+static_assert(kSubFormatSize >=
+              1 + sizeof I18nConversion::flags + 11 + 1 + 10 + sizeof I18nConversion::letters);
+
+// Writes the conversion as the platform is to read it.
+void write_sub_format(const I18nConversion& conversion, char* at) {
+  *at++ = '%';
+  memcpy(at, conversion.flags, conversion.flag_count);
+  at += conversion.flag_count;
+  if (conversion.width != kI18nUnset) at = std::to_chars(at, at + 11, conversion.width).ptr;
+  if (conversion.precision != kI18nUnset) {
+    *at++ = '.';
+    at = std::to_chars(at, at + 10, conversion.precision).ptr;
+  }
+  memcpy(at, conversion.letters, sizeof conversion.letters);
+}
+
+size_t estimate(const I18nConversion& conversion) {
+  const int larger =
+      conversion.width > conversion.precision ? conversion.width : conversion.precision;
+  return larger < 0 ? kUsualNumber : static_cast<size_t>(larger);
+}
+
+bool print_by_platform(Output* output, const I18nConversion& conversion) {
+  if (!suits_platform(conversion)) return true;
+  if (!output->reserve(estimate(conversion))) return false;
+  char format[kSubFormatSize];
+  write_sub_format(conversion, format);
+  switch (conversion.kind) {
+    case I18nKind::kLong:
+      return output->print(format, conversion.argument.integer);
+    case I18nKind::kDouble:
+      return output->print(format, conversion.argument.real);
+    case I18nKind::kLongDouble:
+      return output->print(format, conversion.argument.extended);
+    default:
+      return output->print(format, static_cast<int>(conversion.argument.integer));
+  }
+}
+
+// False when there is no room.
+bool print_conversion(Output* output, const I18nConversion& conversion) {
+  if (conversion.kind == I18nKind::kString) return print_text(output, conversion);
+  if (is_plain_decimal(conversion)) return print_plain_decimal(output, conversion);
+  return print_by_platform(output, conversion);
+}
+
+}  // namespace
+
+int i18n_vsprintf(char* buffer, char** result, const char* format, va_list arguments) {
+  Output output(buffer, result, strlen(format));
+  if (!output.exists()) return 0;
+  I18nArguments values(format, arguments);
+  for (const char* at = format;;) {
+    const char* percent = strchrnul(at, '%');
+    output.append_literal(at, static_cast<size_t>(percent - at));
+    if (*percent == '\0') break;
+    at = percent + 1;
+    if (*at == '%') {
+      output.append_literal(at++, 1);
+      continue;
+    }
+    I18nConversion conversion;
+    at = i18n_read_conversion(at, &values, &conversion);
+    if (!print_conversion(&output, conversion)) break;
+  }
+  return output.finish();
+}
+
+int i18n_sprintf(char* buffer, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int length = i18n_vsprintf(buffer, nullptr, format, arguments);
+  va_end(arguments);
+  return length;
+}

@@ -1,0 +1,53 @@
+// UTF-8 text on streams. What a program reads and writes here is UTF-8; on the stream
+// it is in the codeset of the locale, unless the stream is marked (utf8_marks.h).
+//
+// A wait that a signal interrupts goes on. Of a line on a descriptor that does not wait, a
+// reader gets the characters that are there; without any, EAGAIN is in `errno`.
+//
+// Thread safety: as the platform's streams; a call handles its whole line before
+// another thread's turn.
+#pragma once
+
+#include <cstdio>
+
+#include "liblocal/text/utf8_marks.h"
+
+constexpr size_t kGetsSize = 18432;  // bytes of the buffer of vxgets
+
+/// Opens the file named by the UTF-8 text `path` as fopen does. The stream is
+/// not marked. Returns null with `errno` set on failure; the caller closes the
+/// stream with vxfclose.
+[[nodiscard]] FILE* utf8_fopen(const char* path, const char* mode);
+
+/// Reads a line, its line end included, of at most `size` - 1 bytes on the stream into
+/// `buffer` and terminates it. What is longer, or does not fit once it is UTF-8, stays
+/// on the stream for the next call; pieces end between characters. A buffer that holds
+/// no whole character gets '?' for it. Returns `buffer`, or null at the end of the
+/// file, on a read error, and without memory.
+[[nodiscard]] char* vxfgets(char* buffer, int size, FILE* stream);
+
+/// vxfgets whose bytes of 0x80 and above are, on a stream that is not marked, carried
+/// as transparent bytes (mbt.h). A line that does not fit then stays on the stream, and
+/// null is returned with ERANGE in `errno`.
+[[nodiscard]] char* vx_fgetmbts(char* buffer, int size, FILE* stream);
+
+/// Reads a line of standard input as vxfgets, without its line end.
+///
+/// REQUIRES: `buffer` has kGetsSize bytes; 1024 of them are used where standard input
+/// is marked.
+[[nodiscard]] char* vxgets(char* buffer);
+
+/// Writes `text`. Returns a sum of non-negative results of fputs, 0 for an empty text
+/// on a stream that is converted; -1 on an output error or for an absent text.
+int vxfputs(const char* text, FILE* stream);
+
+/// vxfputs and a line end, on standard output.
+int vxputs(const char* text);
+
+/// The platform's fputs, for text that is in the locale's codeset already.
+int ansi_fputs(const char* text, FILE* stream);
+
+/// Removes the mark, if any, and closes as fclose, close and pclose do.
+int vxfclose(FILE* stream);
+int vxclose(int descriptor);
+int vxpclose(FILE* stream);

@@ -1,0 +1,159 @@
+#include "liblocal/text/utf8_convert.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "liblocal/text/codesets.h"
+#include "liblocal/text/utf8_codec.h"
+#include "liblocal/text/vxstrftime.h"
+#include "tests/failing_malloc.h"
+#include "tests/locales.h"
+
+namespace {
+
+using Converter = size_t (*)(char* output, const char* input, size_t size);
+
+std::string converted(Converter convert, const std::string& text) {
+  std::string output(6 * text.size() + 1, '!');
+  size_t written = convert(output.data(), text.c_str(), output.size());
+  output.resize(strlen(output.c_str()));
+  EXPECT_TRUE(written == output.size() || written == 0);
+  return output;
+}
+
+std::string in(const std::string& text) { return converted(utf8_mbs, text); }
+std::string out(const std::string& text) { return converted(ansi_mbs, text); }
+
+TEST(Utf8Convert, ByLocale) {
+  const struct {
+    const char* codeset;
+    std::string ansi, utf8;  // one from the other, both ways
+    std::string invalid;     // in the codeset
+    std::string valid;       // what is made of it
+  } cases[] = {
+      {"", "A\xE9\x80\\~", "Aé\xC2\x80\\~", "", ""},
+      {"ISO-8859-15", "5 \xA4 f\xFCr \xBD", "5 € für œ", "", ""},
+      {"EUC-JP", "\xC6\xFC\xCB\xDC a\x8E\xB1\\~", "日本 aｱ\\~", "a\xFF\xC6", "a??"},
+      {"SHIFT_JIS", "\x93\xFA\x96{a\xB1", "日本aｱ", "\x93\xFA\x5C\x7E\xFFz", "日¥‾?z"},
+      {"TCVN5712-1", "Vi\xD6t e", "Việt e", "\x01", "Ú"},
+      {"UTF-8", "日本 é", "日本 é", "\xFF\xC3", "\xFF\xC3"},
+  };
+  for (const auto& [codeset, ansi, utf8, invalid, valid] : cases) {
+    in_locale(codeset, [&, ansi = ansi, utf8 = utf8, invalid = invalid, valid = valid] {
+      const bool is_utf8 = ansi == utf8;
+      EXPECT_EQ(in(ansi), utf8);
+      EXPECT_EQ(out(utf8 + "\xEF\xA3\xA9"), ansi + "\xE9");
+      EXPECT_EQ(in(invalid), valid);
+      EXPECT_EQ(in("again"), "again") << "nothing is left over";
+      EXPECT_EQ(out("\\~ \xFF\xC0\x80 \x41\xEF\xA3\xA9"), "\\~ \xFF\xC0\x80 \x41\xE9");
+      const std::string nowhere = "\xF0\x9F\x98\x80\xFF\xFD\xBF\xBF\xBF\xBF\xBF";
+      EXPECT_EQ(out(nowhere), is_utf8 ? nowhere : "?\xFF?");
+      EXPECT_EQ(Needs_conversion, is_utf8 ? 0 : 1);
+    });
+  }
+}
+
+// What a conversion may do with too small an area.
+void expect_cuts(Converter convert, const std::string& text) {
+  const std::string whole = converted(convert, text);
+  for (size_t size = 0; size <= whole.size() + 2; ++size) {
+    SCOPED_TRACE(text + " in " + std::to_string(size));
+    std::string area(size + 1, '!');
+    errno = EBUSY;
+    size_t written = convert(area.data(), text.c_str(), size);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(area[size], '!');
+    if (size == 0) continue;
+    const std::string got = area.c_str();
+    EXPECT_EQ(got, whole.substr(0, got.size()));
+    // Of what is cut, no more than a character is given up.
+    EXPECT_GE(got.size() + (size > whole.size() ? 0 : 4), std::min(whole.size(), size));
+    EXPECT_TRUE(written == got.size() || (written == size && size <= whole.size()));
+    if (convert == ansi_mbs && Needs_conversion != 0) continue;
+    EXPECT_GE(is_utf8_mbs(got.c_str()), is_utf8_mbs(whole.c_str())) << "cut between characters";
+  }
+}
+
+TEST(Utf8Convert, TooSmallAreas) {
+  for (const char* codeset : {"", "EUC-JP", "TCVN5712-1", "UTF-8"}) {
+    in_locale(codeset, [] {
+      for (const char* text : {"plain", "\\~", "aéô€ z", "日本語", "é\xFFq", "ｱa日\xEF\xA3\xA9",
+                               "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaê"}) {
+        expect_cuts(ansi_mbs, text);
+        expect_cuts(utf8_mbs, out(text));
+      }
+    });
+  }
+  // In the plain locale, where every byte is a character.
+  in_locale("", [] {
+    char area[8];
+    EXPECT_EQ(utf8_mbs(area, "abcdef", 4), 4U) << "it would have filled the last byte";
+    EXPECT_EQ(ansi_mbs(area, "abcdef", 4), 3U);
+    EXPECT_EQ(ansi_mbs(area, "ab\xEF\xA2z", 8), 0U);
+    EXPECT_STREQ(area, "ab");
+  });
+}
+
+TEST(Utf8Convert, PlainTextOpensNoConverter) {
+  static rlimit allowed;
+  auto without_descriptors = [] {
+    enter_locale("ISO-8859-15");
+    getrlimit(RLIMIT_NOFILE, &allowed);
+    const rlimit none = {0, allowed.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    atexit([] { setrlimit(RLIMIT_NOFILE, &allowed); });  // the leak check opens files
+    return in("plain") + out("plain\\~ \xEF\xA3\xA9");
+  };
+  const std::string rest =
+      " conversion\\. The function may be unable to determine the current locale\\. Verify "
+      "appropriate values in environment variables LC_MESSAGES, LC_ALL and LANG\\.\n$";
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(exit(without_descriptors() == "plainplain\\~ \xE9" ? 0 : 1),
+              testing::ExitedWithCode(0), "^$");
+  EXPECT_EXIT((without_descriptors(), in("\xE9")), testing::ExitedWithCode(1),
+              "^Function 'iconv_open' failed for ANSI to UTF-8" + rest);
+  EXPECT_EXIT((without_descriptors(), out("é")), testing::ExitedWithCode(1),
+              "^Function 'iconv_open' failed for UTF-8 to ANSI" + rest);
+}
+
+TEST(Utf8Convert, BuffersOfTheThread) {
+  in_locale("ISO-8859-15", [] {
+    char* first = utf8encode("\xE9", 10);
+    EXPECT_STREQ(first, "é");
+    EXPECT_STREQ(utf8decode("€", 10), "\xA4");
+    EXPECT_EQ(utf8encode("x", 6144), first);
+    const std::string wide(4000, '\xE9');
+    EXPECT_EQ(strlen(utf8encode(wide.c_str(), 6145)), 6144U);
+    FailingMalloc failing(0);
+    EXPECT_EQ(utf8encode("x", 6146), nullptr);
+    EXPECT_STREQ(utf8encode("x", 6145), "x");
+  });
+}
+
+TEST(Utf8Convert, TextsOfThePlatform) {
+  auto in_german = [] {
+    tm march = {};
+    march.tm_mon = 2;
+    march.tm_year = 126;
+    march.tm_mday = 1;
+    char text[64];
+    EXPECT_EQ(vxstrftime(text, sizeof text, "%d. %B – %Y €", &march), 20U);
+    EXPECT_STREQ(text, "01. März ? 2026 €");
+    EXPECT_EQ(vxstrftime(text, 4, "%Y", &march), 3U);
+    EXPECT_EQ(vxstrftime(text, sizeof text, std::string(700, 'x').c_str(), &march), 0U);
+  };
+  in_locale("ISO-8859-15", in_german, "de_DE");
+  in_locale("EUC-JP", [] {
+    EXPECT_EQ(ansi_mbslen("a\xC6\xFC"), 2);
+    EXPECT_EQ(ansi_mbslen("a\xC6"), -1);
+    char output[16];
+    EXPECT_EQ(vx_utf8tombts(output, "a日", sizeof output), 1);
+    EXPECT_STREQ(output, "a\xEF\xA3\x86\xEF\xA3\xBC");
+  });
+}
+
+}  // namespace

@@ -1,0 +1,56 @@
+#include "liblocal/text/vxprint.h"
+
+#include <cstring>
+
+#include "liblocal/text/i18n_printf.h"
+#include "liblocal/text/utf8_convert.h"
+#include "liblocal/text/utf8_marks.h"
+#include "liblocal/threads/c_memory.h"
+
+namespace {
+
+// What a codeset makes of UTF-8 is at most twice as long: GB18030 takes four bytes for
+// characters that have two in UTF-8.
+constexpr size_t kLongestConversion = 2;
+
+int write_converted(FILE* stream, const char* text) {
+  const size_t size = strlen(text) * kLongestConversion + 1;
+  c_unique_ptr<char> converted(static_cast<char*>(malloc(size)));
+  if (converted == nullptr) return fprintf(stream, "%s", text);
+  ansi_mbs(converted.get(), text, size);
+  return fprintf(stream, "%s", converted.get());
+}
+
+}  // namespace
+
+int vxvfprintf(FILE* stream, const char* format, va_list arguments) {
+  if (utf8_is_marked(fileno(stream))) return vfprintf(stream, format, arguments);
+  char* area = nullptr;
+  i18n_vsprintf(nullptr, &area, format, arguments);
+  c_unique_ptr<char> text(area);
+  return text != nullptr ? write_converted(stream, text.get()) : 0;
+}
+
+int vxfprintf(FILE* stream, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int written = vxvfprintf(stream, format, arguments);
+  va_end(arguments);
+  return written;
+}
+
+int vxvprintf(const char* format, va_list arguments) {
+  return vxvfprintf(stdout, format, arguments);
+}
+
+int vxprintf(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int written = vxvfprintf(stdout, format, arguments);
+  va_end(arguments);
+  return written;
+}
+
+int vxvsprintf(char* buffer, const char* format, va_list arguments) {
+  return vsprintf(buffer, format, arguments);
+}

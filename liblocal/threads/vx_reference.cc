@@ -1,0 +1,108 @@
+#include "liblocal/threads/vx_reference.h"
+
+#include <pthread.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "liblocal/threads/vx_error.h"
+#include "liblocal/threads/xmalloc.h"
+
+namespace {
+
+constexpr int32_t kGrowth = 16;  // slots at first, and added at a time
+
+struct Slot {
+  void* object;  // null while the slot is free
+  uint32_t count;
+  vx_destroy_function destroy;
+};
+
+pthread_mutex_t table_mutex = PTHREAD_MUTEX_INITIALIZER;
+Slot* _VX_reference_table = nullptr;  // guarded by table_mutex, as is all below
+int32_t table_size = 0;
+
+class TableLock {
+ public:
+  TableLock() { pthread_mutex_lock(&table_mutex); }
+  ~TableLock() { pthread_mutex_unlock(&table_mutex); }
+};
+
+bool grow() {
+  size_t old_size = static_cast<size_t>(table_size);
+  size_t size = old_size + kGrowth;
+  // The first slots are waited for.
+  void* larger = table_size == 0 ? xcalloc(size, sizeof(Slot)) : calloc(size, sizeof(Slot));
+  if (larger == nullptr) return false;
+  if (table_size > 0) memcpy(larger, _VX_reference_table, old_size * sizeof(Slot));
+  free(_VX_reference_table);
+  _VX_reference_table = static_cast<Slot*>(larger);
+  table_size += kGrowth;
+  return true;
+}
+
+// The slot of `object`, null when another object or none is there.
+Slot* slot_of(const void* object) {
+  int32_t number = static_cast<const vx_object_header*>(object)->slot;
+  if (number < 0 || number >= table_size) return nullptr;
+  Slot* slot = _VX_reference_table + number;
+  return slot->object == object ? slot : nullptr;
+}
+
+// 0 when `object` can be looked up, else the system error to report.
+int32_t check(const void* object) {
+  bool valid = object != nullptr &&
+               (static_cast<const vx_object_header*>(object)->flags & kVxObjectValid) != 0;
+  return valid ? 0 : EINVAL;
+}
+
+}  // namespace
+
+int32_t _vx_reference_from_constructor(void* object, vx_destroy_function destroy) {
+  TableLock lock;
+  int32_t number = 0;
+  while (number < table_size && _VX_reference_table[number].object != nullptr) ++number;
+  if (number == table_size && !grow()) {
+    _vx_error_fail(ENOMEM);
+    return -1;
+  }
+  _VX_reference_table[number] = {object, 1, destroy};
+  return number;
+}
+
+int32_t _vx_unreference_from_destructor(void* object) {
+  TableLock lock;
+  Slot* slot = slot_of(object);
+  if (slot == nullptr) {
+    _vx_error_fail(ENOENT);
+    return -1;
+  }
+  if (slot->count < 2) {
+    *slot = {};
+    return 0;
+  }
+  return static_cast<int32_t>(slot->count--);
+}
+
+int32_t vx_reference(void* object) {
+  if (int32_t error = check(object); error != 0) return _vx_error_fail(error);
+  TableLock lock;
+  Slot* slot = slot_of(object);
+  if (slot == nullptr) return _vx_error_fail(ENOENT);
+  ++slot->count;
+  return 0;
+}
+
+int32_t vx_unreference(void* object) {
+  if (int32_t error = check(object); error != 0) return _vx_error_fail(error);
+  vx_destroy_function destroy = nullptr;
+  {
+    TableLock lock;
+    Slot* slot = slot_of(object);
+    if (slot == nullptr) return _vx_error_fail(ENOENT);
+    if (--slot->count == 0) destroy = slot->destroy;
+  }
+  // The destroy function takes the table's mutex itself.
+  return destroy != nullptr ? destroy(object) : 0;
+}
