@@ -13,11 +13,11 @@
 #include "snmp/asn1.h"
 #include "snmp/snmp_api.h"
 #include "snmp/snmp_pdu.h"
+#include "trap/message_set.h"
 #include "trap/uptime.h"
 
 namespace {
 
-constexpr int32_t kMessageSet = 41;  // catalog set of the command's messages
 constexpr uint16_t kTrapPort = 162;
 constexpr uint64_t kEnterprise[] = {1, 3, 6, 1, 4, 1, 5051};
 constexpr uint64_t kSysDescr[] = {1, 3, 6, 1, 2, 1, 1, 1, 0};  // MIB-II sysDescr.0

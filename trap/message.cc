@@ -7,16 +7,15 @@
 #include "liblocal/messages/catgets.h"
 #include "liblocal/text/utf8.h"
 #include "liblocal/text/vxprint.h"
+#include "trap/message_set.h"
 
 namespace {
 
-constexpr int32_t kMessageSet = 41;  // catalog set of the command's messages
-constexpr int kReadLimit = 1023;     // a line of up to 1022 bytes and its terminator
-constexpr size_t kWrapColumn = 40;   // bytes of a segment that never need a break
+constexpr int kReadLimit = kLineSize - 1;  // a line of up to 1022 bytes and its terminator
+constexpr size_t kWrapColumn = 40;         // bytes of a segment that never need a break
+constexpr size_t kNoBreak = SIZE_MAX;
 
 bool is_blank(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
-
-constexpr size_t kNoBreak = SIZE_MAX;
 
 // Where the segment from `start` to the end of `line` is to be broken: at the last
 // white space up to its 42nd byte. A longer word is left whole: the break is then
@@ -36,7 +35,7 @@ size_t find_break(const char* line, size_t length, size_t start) {
 
 FILE* open_message_source(const char* file) {
   FILE* source = stdin;
-  if (file != nullptr && strcmp(file, "-") != 0) {
+  if (file != nullptr && *file != '\0' && strcmp(file, "-") != 0) {
     source = utf8_fopen(file, "r");
     if (source == nullptr) {
       vxprintf(vxcatgets(Catd, kMessageSet, 25, "file %s does not exist\n"), file);

@@ -9,7 +9,7 @@
 
 constexpr size_t kLineSize = 1024;  // bytes of a line buffer, terminator included
 
-/// Opens the message file, or takes standard input when `file` is null or "-".
+/// Opens the message file, or takes standard input when `file` is null, "" or "-".
 /// A file that cannot be opened is reported, and the process ends with status 1.
 [[nodiscard]] FILE* open_message_source(const char* file);
 

@@ -11,13 +11,13 @@
 #include "liblocal/startup/vxinit.h"
 #include "liblocal/text/vxprint.h"
 #include "snmp/snmp_api.h"
+#include "trap/message_set.h"
 
 int Verbose = 0;
 int snmp_dump_uptime = 0;
 
 namespace {
 
-constexpr int32_t kMessageSet = 41;  // catalog set of the command's messages
 constexpr char kDefaultCommunity[] = "public";
 constexpr char kDefaultTrap[] = "6";  // enterpriseSpecific
 constexpr char kDefaultSpecific[] = "1";

@@ -12,8 +12,7 @@ unsigned long boot_uptime() {
     timeval now{};
     gettimeofday(&now, nullptr);
     long seconds = now.tv_sec - boot->ut_tv.tv_sec;
-    // A record from the future (the clock was set back) tells no up-time.
-    if (seconds >= 0) uptime = static_cast<unsigned long>(seconds * 100 + now.tv_usec / 10000);
+    uptime = static_cast<unsigned long>(seconds * 100 + now.tv_usec / 10000);
   }
   endutent();
   return uptime;

@@ -1,5 +1,6 @@
 #include "liblocal/text/vxprint.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "liblocal/text/i18n_printf.h"
@@ -26,9 +27,12 @@ int write_converted(FILE* stream, const char* text) {
 int vxvfprintf(FILE* stream, const char* format, va_list arguments) {
   if (utf8_is_marked(fileno(stream))) return vfprintf(stream, format, arguments);
   char* area = nullptr;
-  i18n_vsprintf(nullptr, &area, format, arguments);
+  const int length = i18n_vsprintf(nullptr, &area, format, arguments);
   c_unique_ptr<char> text(area);
-  return text != nullptr ? write_converted(stream, text.get()) : 0;
+  if (text == nullptr) return 0;
+  // A NUL that %c wrote is no text; what stands behind it is.
+  *std::remove(area, area + length, '\0') = '\0';
+  return write_converted(stream, text.get());
 }
 
 int vxfprintf(FILE* stream, const char* format, ...) {
