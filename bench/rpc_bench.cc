@@ -15,8 +15,8 @@
 #include "bench/paths.h"
 #include "liblocal/threads/vx_threadstorage.h"
 #include "rpc/c_gen.h"
-#include "rpc/pmap.h"
-#include "rpc/rpcvarp.h"
+#include "rpc/client/rpcvarp.h"
+#include "rpc/portmap/pmap.h"
 
 namespace {
 

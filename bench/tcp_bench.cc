@@ -11,8 +11,8 @@
 #include <cstring>
 
 #include "bench/paths.h"
-#include "rpc/c_tcp.h"
-#include "rpc/x_rec.h"
+#include "rpc/transport/c_tcp.h"
+#include "rpc/xdr/x_rec.h"
 
 namespace {
 

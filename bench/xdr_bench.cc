@@ -5,10 +5,10 @@
 #include <numeric>
 
 #include "bench/paths.h"
-#include "rpc/x_mem.h"
-#include "rpc/xdr.h"
-#include "rpc/xdr_compound.h"
-#include "rpc/xdr_object.h"
+#include "rpc/xdr/x_mem.h"
+#include "rpc/xdr/xdr.h"
+#include "rpc/xdr/xdr_compound.h"
+#include "rpc/xdr/xdr_object.h"
 
 namespace {
 

@@ -13,11 +13,11 @@
 #include <initializer_list>
 
 #include "liblocal/startup/vxinit.h"
-#include "rpc/pmap.h"
-#include "rpc/rpc_cmsg.h"
-#include "rpc/rpc_prot.h"
-#include "rpc/x_mem.h"
-#include "rpc/xdr_object.h"
+#include "rpc/messages/rpc_cmsg.h"
+#include "rpc/messages/rpc_prot.h"
+#include "rpc/portmap/pmap.h"
+#include "rpc/xdr/x_mem.h"
+#include "rpc/xdr/xdr_object.h"
 
 namespace {
 

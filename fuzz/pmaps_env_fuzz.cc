@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "rpc/pmap_cache.h"
-#include "rpc/rpcvarp.h"
+#include "rpc/client/rpcvarp.h"
+#include "rpc/portmap/pmap_cache.h"
 
 namespace {
 

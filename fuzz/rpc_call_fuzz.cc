@@ -5,9 +5,9 @@
 #include <cstring>
 #include <vector>
 
-#include "rpc/rpc_cmsg.h"
-#include "rpc/x_mem.h"
-#include "rpc/xdr_object.h"
+#include "rpc/messages/rpc_cmsg.h"
+#include "rpc/xdr/x_mem.h"
+#include "rpc/xdr/xdr_object.h"
 
 namespace {
 

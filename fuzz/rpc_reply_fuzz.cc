@@ -5,10 +5,10 @@
 #include <cstdlib>
 #include <vector>
 
-#include "rpc/c_perror.h"
-#include "rpc/rpc_prot.h"
-#include "rpc/x_mem.h"
-#include "rpc/xdr_object.h"
+#include "rpc/client/c_perror.h"
+#include "rpc/messages/rpc_prot.h"
+#include "rpc/xdr/x_mem.h"
+#include "rpc/xdr/xdr_object.h"
 #include "tests/xdr_item.h"
 
 namespace {

@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "rpc/x_rec.h"
+#include "rpc/xdr/x_rec.h"
 
 namespace {
 

@@ -11,11 +11,11 @@
 #include "liblocal/messages/debug.h"
 #include "liblocal/startup/vxenv.h"
 #include "liblocal/text/ascii.h"
-#include "rpc/auth_choice.h"
-#include "rpc/c_tcp.h"
-#include "rpc/c_udp.h"
-#include "rpc/p_getprt.h"
-#include "rpc/rpcvarp.h"
+#include "rpc/auth/auth_choice.h"
+#include "rpc/client/rpcvarp.h"
+#include "rpc/portmap/p_getprt.h"
+#include "rpc/transport/c_tcp.h"
+#include "rpc/transport/c_udp.h"
 
 const pmap_client_maker pmap_make_client = clntgen_create;
 

@@ -1,5 +1,5 @@
-// Making clients ("generic"): from a host's name, a program and the name of a transport
-// to a handle that calls can be made with (clnt.h).
+// The entrance of the RPC runtime: making clients ("generic"), from a host's name, a
+// program and the name of a transport to a handle that calls can be made with (clnt.h).
 //
 // Where a result is null, the calling thread's creation error (rpcvarp.h) says why,
 // unless it says otherwise; success does not clear it. Thread safe.
@@ -10,7 +10,7 @@
 
 #include <cstdint>
 
-#include "rpc/clnt.h"
+#include "rpc/client/clnt.h"
 
 /// A client of `program` and `version` on `host`, with the transport's own buffer
 /// sizes. Give it back with its destroy operation.

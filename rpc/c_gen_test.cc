@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "rpc/auth.h"
+#include "rpc/auth/auth.h"
 #include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
 

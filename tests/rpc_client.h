@@ -3,8 +3,8 @@
 
 #include <sys/time.h>
 
-#include "rpc/clnt.h"
-#include "rpc/rpcvarp.h"
+#include "rpc/client/clnt.h"
+#include "rpc/client/rpcvarp.h"
 #include "tests/lab.h"
 
 namespace lab {

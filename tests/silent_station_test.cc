@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "rpc/c_gen.h"
-#include "rpc/rpcvarp.h"
+#include "rpc/client/rpcvarp.h"
 #include "tests/rpc_server.h"
 
 namespace {

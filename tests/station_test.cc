@@ -8,11 +8,11 @@
 
 #include <utility>
 
-#include "rpc/a_unix.h"
-#include "rpc/auth.h"
+#include "rpc/auth/a_unix.h"
+#include "rpc/auth/auth.h"
 #include "rpc/c_gen.h"
-#include "rpc/pmap.h"
-#include "rpc/rpcvarp.h"
+#include "rpc/client/rpcvarp.h"
+#include "rpc/portmap/pmap.h"
 #include "tests/decoder.h"
 #include "tests/rpc_client.h"
 #include "tests/rpc_server.h"

@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
-#include "rpc/xdr.h"
-#include "rpc/xdr_compound.h"
+#include "rpc/xdr/xdr.h"
+#include "rpc/xdr/xdr_compound.h"
 
 struct Item {
   char* name;

@@ -8,9 +8,9 @@
 #include <string>
 #include <string_view>
 
-#include "rpc/x_mem.h"
-#include "rpc/xdr.h"
-#include "rpc/xdr_object.h"
+#include "rpc/xdr/x_mem.h"
+#include "rpc/xdr/xdr.h"
+#include "rpc/xdr/xdr_object.h"
 #include "tests/failing_malloc.h"
 #include "tests/lab.h"
 

@@ -1,0 +1,17 @@
+// Which authentication flavour a client uses: the first one, and the next weaker one
+// when its server refuses that.
+#pragma once
+
+#include "rpc/auth/auth.h"
+#include "rpc/client/clnt.h"
+
+/// The authentication handle that a client starts with when its methods were chosen;
+/// null when there is none. It is of the flavour none. Thread safe.
+[[nodiscard]] AUTH* auth_create_default();
+
+/// Replaces the authentication of `client`, which its server refused, by a weaker
+/// flavour that is allowed (CLGET_AUTH_METHODS; kAuthMethodsDefault when the
+/// transport does not answer), and destroys the old one. Returns whether a weaker
+/// one was installed: false leaves a flavour alone that has no weaker one, and the
+/// client without authentication when none is allowed.
+bool authfallback(CLIENT* client);

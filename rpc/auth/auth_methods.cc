@@ -1,0 +1,32 @@
+#include "rpc/auth/auth_methods.h"
+
+#include "liblocal/messages/debug.h"
+#include "liblocal/threads/vx_mutex.h"
+#include "rpc/client/clnt.h"
+#include "rpc/client/rpcvarp.h"
+
+namespace {
+
+rpc_auth_methods_lookup table = nullptr;  // under the process lock
+
+}  // namespace
+
+void rpc_install_auth_methods(rpc_auth_methods_lookup lookup) {
+  VxMutexLock lock(get_rpc_p_varp()->lock);
+  table = lookup;
+}
+
+uint32_t rpc_allowed_auth_methods(const sockaddr_in* server) {
+  uint32_t methods = kAuthMethodsDefault;
+  bool installed = false;
+  bool found = false;
+  {
+    VxMutexLock lock(get_rpc_p_varp()->lock);
+    installed = table != nullptr;
+    found = installed && table(server, &methods);
+  }
+  if (found) return methods;
+  dfprintf(1, installed ? "Error on getting auth methods, using default\n"
+                        : "Auth methods not set, using default\n");
+  return kAuthMethodsDefault;
+}

@@ -1,0 +1,70 @@
+#include "rpc/client/rpcvarp.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <thread>
+#include <vector>
+
+#include "liblocal/threads/vx_threadstorage.h"
+#include "tests/failing_malloc.h"
+
+namespace {
+
+struct Transport {
+  rpc_server_transport header;
+  int number;
+};
+
+std::vector<int> destroyed;
+
+rpc_server_transport* new_transport(int number) {
+  auto* transport = new Transport{{malloc(100), nullptr}, number};
+  transport->header.destroy = [](rpc_server_transport* header) {
+    auto* whole = reinterpret_cast<Transport*>(header);
+    destroyed.push_back(whole->number);
+    delete whole;
+  };
+  return &transport->header;
+}
+
+TEST(RpcVarp, ReleasesWhatAThreadUsed) {
+  destroyed.clear();
+  std::thread([] {
+    rpc_t_varp* block = get_rpc_t_varp();
+    for (int slot : {65535, 3, 255, 256})
+      EXPECT_TRUE(rpc_set_server_transport(slot, new_transport(slot)));
+    for (int slot : {-1, 65536}) EXPECT_FALSE(rpc_set_server_transport(slot, nullptr));
+    for (int i = 0; i < 3; ++i) {
+      block->port_cache =
+          new (malloc(sizeof(rpc_port_entry))) rpc_port_entry{1, 2, 3, 4, block->port_cache};
+      block->mappers =
+          new (malloc(sizeof(rpc_started_mapper))) rpc_started_mapper{5, block->mappers};
+    }
+    FailingMalloc nothing(0);
+    EXPECT_FALSE(rpc_set_server_transport(1000, nullptr));
+  }).join();
+  EXPECT_EQ(destroyed, (std::vector{3, 255, 256, 65535}));
+}
+
+// Page faults of a thread that makes its block, uses one slot and releases the block.
+long page_faults_with(int32_t slot) {
+  rusage before{};
+  rusage after{};
+  std::thread([&] {
+    get_rpc_p_varp();
+    getrusage(RUSAGE_THREAD, &before);
+    EXPECT_TRUE(rpc_set_server_transport(slot, nullptr));
+    rpc_t_clean(get_rpc_t_varp());
+    getrusage(RUSAGE_THREAD, &after);
+    vx_threadstorage_set(Key_rpc_t_varp, nullptr);
+  }).join();
+  return after.ru_minflt - before.ru_minflt;
+}
+
+TEST(RpcVarp, TouchesOnlyWhatWasUsed) {
+  const long with_first = page_faults_with(0);  // and what a sanitizer adds
+  EXPECT_LT(page_faults_with(65535), with_first + 32) << "the slots between take 128 pages";
+}
+
+}  // namespace

@@ -1,0 +1,93 @@
+// RPC messages, version 2 (RFC 5531, section 9): what a call and its reply look like, and
+// what a reply means. This header has the records: the authentication field, the call and
+// the reply. rpc_prot.h and rpc_cmsg.h encode and decode them; rpc_err.h has what a call
+// came to.
+#pragma once
+
+#include <cstdint>
+
+#include "rpc/xdr/xdr.h"
+
+constexpr unsigned long kRpcVersion = 2;
+constexpr uint32_t kMaxAuthBytes = 32744;  // body of a credential or verifier; RFC 5531 has 400
+
+enum rpc_direction : int32_t { kRpcCall = 0, kRpcReply = 1 };
+enum rpc_reply_state : int32_t { kReplyAccepted = 0, kReplyDenied = 1 };
+
+enum rpc_accept_state : int32_t {
+  kAcceptSuccess = 0,
+  kAcceptProgramUnavailable = 1,
+  kAcceptProgramMismatch = 2,
+  kAcceptProcedureUnavailable = 3,
+  kAcceptGarbageArguments = 4,
+  kAcceptSystemError = 5,
+};
+
+enum rpc_reject_state : int32_t { kRejectRpcMismatch = 0, kRejectAuthError = 1 };
+
+/// Why an authentication was refused.
+enum auth_state : int32_t {
+  kAuthOk = 0,
+  kAuthBadCredential = 1,
+  kAuthRejectedCredential = 2,
+  kAuthBadVerifier = 3,
+  kAuthRejectedVerifier = 4,
+  kAuthTooWeak = 5,
+  kAuthInvalidServerVerifier = 6,
+  kAuthFailed = 7,
+};
+
+/// The numbers of the flavours; others exist.
+enum auth_flavour : int32_t { kAuthNone = 0, kAuthSystem = 1, kAuthShort = 2 };
+
+/// A credential or a verifier. Whether the body is owned is the holder's matter; one
+/// that decoding made is freed by the free operation of its filter.
+struct opaque_auth {
+  int32_t flavour;
+  uint8_t* body;
+  uint32_t length;  // at most kMaxAuthBytes
+};
+
+/// Flavour none with an empty body.
+inline constexpr opaque_auth __brix_null_auth = {kAuthNone, nullptr, 0};
+
+struct rpc_call_message {
+  unsigned long transaction;  // 32 bits on the wire, as the other longs
+  int32_t direction;          // kRpcCall
+  unsigned long rpc_version;  // kRpcVersion
+  unsigned long program;
+  unsigned long version;
+  unsigned long procedure;
+  opaque_auth credential;
+  opaque_auth verifier;
+};
+
+/// The lowest and the highest version that a server knows.
+struct rpc_versions {
+  unsigned long low;
+  unsigned long high;
+};
+
+struct rpc_accepted_reply {
+  opaque_auth verifier;
+  int32_t state;  // rpc_accept_state
+  // kAcceptSuccess: the caller says before decoding where the results go, and by
+  // which filter (not null).
+  void* results;
+  xdrproc_t results_filter;
+  rpc_versions versions;  // kAcceptProgramMismatch
+};
+
+struct rpc_denied_reply {
+  int32_t state;          // rpc_reject_state
+  rpc_versions versions;  // kRejectRpcMismatch
+  int32_t why;            // kRejectAuthError: auth_state
+};
+
+struct rpc_reply_message {
+  unsigned long transaction;  // 32 bits on the wire
+  int32_t direction;          // kRpcReply
+  int32_t state;              // rpc_reply_state: which of the two is filled in
+  rpc_accepted_reply accepted;
+  rpc_denied_reply denied;
+};

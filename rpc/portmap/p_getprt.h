@@ -1,0 +1,42 @@
+// The port mapper's side of a client: on which port a program is served. pmap.h has the
+// protocol, pmap_cache.h what is known without asking. This header asks a host's port
+// mappers for the port of a program ("get port"; RFC 1833, section 3): first the runtime's
+// own one on port 7938, then the standard one on port 111. One datagram and at most 25 s
+// for each, for a program over UDP; over TCP as long as connecting takes, and at most 25 s
+// for the answer.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/time.h>
+
+#include <cstdint>
+
+#include "rpc/client/clnt.h"
+
+/// The port, in host order, on which `program` and `version` of the IP protocol
+/// `protocol` are served at `server`; 0 when there is none. The address's own port is
+/// not looked at, and is 0 afterwards. On 0 the thread's creation error (rpcvarp.h) says
+/// why: RPC_PMAPFAILURE with the failed call's error as its cause,
+/// RPC_PROGNOTREGISTERED, or what a client could not be made for; the last port
+/// mapper's counts.
+///
+/// An address of this host is answered from the thread's port cache when that knows
+/// (pmap_cache.h), without asking anybody. The own port mapper's answers for this host
+/// go into the cache. Thread safe.
+[[nodiscard]] uint16_t __brix_pmap_getport(sockaddr_in* server, unsigned long program,
+                                           unsigned long version, unsigned long protocol);
+
+/// A last resort for programs that no port mapper knows; 0: it knows no port either.
+using pmap_fallback_function = uint16_t (*)(unsigned long program, unsigned long version,
+                                            unsigned long protocol);
+
+/// Lets `function` (null: nothing) be asked after the standard port mapper. Thread safe.
+void pmap_fallback(pmap_fallback_function function);
+
+/// What makes the client that asks: clntgen_create. Making clients stands above asking
+/// port mappers, which it may want; so c_gen.cc fills this in, when the program is
+/// linked.
+using pmap_client_maker = CLIENT* (*)(sockaddr_in* server, unsigned long program,
+                                      unsigned long version, const timeval* retry, int* socket,
+                                      uint32_t send_size, uint32_t receive_size);
+extern const pmap_client_maker pmap_make_client;

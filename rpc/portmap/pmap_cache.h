@@ -1,0 +1,41 @@
+// The port cache: where the runtime's own TCP services are on this host. Each thread
+// has one; it begins with what the process was handed in the environment variable
+// "KIVENV_PMAPS", and processes that this one starts get it the same way.
+//
+// The variable holds groups "{program,version,protocol,port}" of decimal numbers with
+// nothing between them. What does not read like that ends it, without a word.
+//
+// Thread safety: all operations may be called from any thread and work on that
+// thread's cache. Exporting changes the environment (see liblocal/startup/vxenv.h).
+#pragma once
+
+#include <cstdint>
+
+#include "rpc/portmap/pmap.h"
+
+/// The port that the calling thread's cache has for a program; 0 when there is none or
+/// caches are switched off.
+[[nodiscard]] unsigned long pmap_cached_port(unsigned long program, unsigned long version,
+                                             unsigned long protocol);
+
+/// Whether an answer about this program is for the cache: it is one of the runtime's own
+/// services, and caches are not switched off.
+[[nodiscard]] bool pmap_is_cacheable(unsigned long program, unsigned long protocol);
+
+/// Puts an answer for the cache into it, or the new port into the entry that is there.
+/// Other answers are left out, as is one that there is no memory for. With
+/// `export_cache` other than 0 the whole cache then goes into the environment, up to
+/// 12288 bytes.
+void populate_pmaps(unsigned long program, unsigned long version, unsigned long protocol,
+                    unsigned long port, int export_cache);
+
+/// Exports the calling thread's cache if it has an entry for the program over TCP.
+void add_pamp_to_env(unsigned long program, unsigned long version);
+
+/// Switches the caches of all threads off, for good: they are neither read nor filled.
+void disable_cacheable_pmap();
+
+/// Reads one group at `text` into `*mapping`. Returns where the text goes on behind it;
+/// null when there is no whole group. Numbers are read as far as they are some, with a
+/// sign, 0 for none.
+[[nodiscard]] const char* pmap_parse_group(const char* text, pmap* mapping);

@@ -1,0 +1,75 @@
+// Clients over TCP: calls over one connection, each message a record (x_rec.h).
+//
+// A call waits at most the time set with CLSET_TIMEOUT, else its own: for its reply in
+// all, whatever else arrives. While arguments leave and results come, the time begins
+// anew with every portion, so that much data has its time. The time of a call is its
+// wait step too, so a wait function with shorter steps wants CLSET_TIMEOUT. A call with
+// time zero and no results filter (null) is one-way: it returns RPC_SUCCESS once its
+// record is handed to the stream, and leaves with the next call that is not (or when
+// the buffer is full); what is left when the client is destroyed is not sent. A call
+// with time zero and a results filter is sent and comes to RPC_TIMEDOUT. Replies to
+// other calls are dropped. A refused call is repeated when the authentication falls
+// back or refreshes.
+//
+// A wait function is called before a read or write, after each wait step and at the
+// end. Its other answer than 0 ends the call with RPC_CANCELLED. Like a call that
+// timed out, a cancelled one leaves the client usable, unless a part of a record had
+// left by then: that connection is shut down and all further calls come to RPC_CANTSEND
+// with EPIPE.
+//
+// How the socket is driven: "KIV_BLOCKING_RPC" makes the process's mode 1 ("TRUE",
+// and the default), 0 ("FALSE") or 2 ("MUST"), read when the first client of this
+// kind is made. In mode 2 reads and writes block, whatever the limits. A client
+// without limit and wait function blocks in mode 1, and in mode 0 when it does not
+// watch its input. All others wait with vx_select, on a non-blocking socket.
+//
+// No SIGPIPE is raised. Thread safety: a client is used by one thread at a time.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/time.h>
+
+#include <cstdint>
+
+#include "rpc/client/clnt.h"
+
+/// Asked while a call waits: the time that has counted towards its limit, the function's
+/// argument, the time of day. An answer other than 0 cancels the call.
+using rpc_wait_function = int32_t (*)(const timeval* elapsed, void* argument, const timeval* now);
+
+/// The information of CLSET_WAIT_FUNCTION and CLGET_WAIT_FUNCTION.
+struct rpc_wait {
+  timeval step;  // the longest single wait
+  rpc_wait_function function;
+  void* argument;
+};
+
+/// The wait state of CLGET_WAIT_STATE and CLSET_WAIT_STATE.
+enum rpc_wait_state : int32_t {
+  kWaitOfCall = 0,   // each call says its own limit
+  kWaitSet = 1,      // CLSET_TIMEOUT gave it
+  kWaitNoLimit = 2,  // CLSET_TIMEOUT gave null
+};
+
+/// A client of `program` and `version` at `server`, with the none authentication. When
+/// the address has port 0, the server's port mapper is asked (p_getprt.h) and the
+/// answer stored there. `*socket` is a connected stream socket, which stays the
+/// caller's and gets its blocking mode back from destroy; or -1: then one is opened,
+/// bound to a "connection" port, connected, stored there and closed by destroy. A
+/// connection that fails with EADDRINUSE is tried again, twice as often as there are
+/// ports.
+///
+/// The sizes are those of the buffers (rpc_buffer_size); messages may be larger.
+/// Control requests, beside those of the UDP transport without a retry interval:
+/// CLSET_TIMEOUT with null for no limit, and all from CLGET_RECEIVE_SIZE to
+/// CLSET_WAIT_STATE (clnt.h). Those that hand something over answer false to null.
+///
+/// Returns null with the thread's creation error set (rpcvarp.h): RPC_SYSTEMERROR with
+/// ENOMEM, EMFILE for a descriptor above 65535, or what socket, bind or connect failed
+/// with; or what the port mapper came to.
+[[nodiscard]] CLIENT* __brix_clnttcp_create(sockaddr_in* server, unsigned long program,
+                                            unsigned long version, int* socket, uint32_t send_size,
+                                            uint32_t receive_size);
+
+/// The record stream of a client made here; it stays the client's.
+[[nodiscard]] XDR* get_xdr_from_chandle(CLIENT* client);

@@ -1,0 +1,137 @@
+#include "rpc/transport/tcp_control.h"
+
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <cstdint>
+
+#include "rpc/transport/tcp_record.h"
+#include "rpc/transport/tcp_settings.h"
+
+namespace {
+
+constexpr timeval kNoLimit = {86400, 0};
+
+bool set_timeout(TcpRecord* record, const void* information) {
+  record->wait = information != nullptr ? *static_cast<const timeval*>(information) : kNoLimit;
+  record->wait_state = information != nullptr ? kWaitSet : kWaitNoLimit;
+  if (record->waiting.function == nullptr) record->waiting.step = record->wait;
+  return true;
+}
+
+bool set_wait_function(TcpRecord* record, const void* information) {
+  record->waiting = information != nullptr ? *static_cast<const rpc_wait*>(information)
+                                           : rpc_wait{record->wait, nullptr, nullptr};
+  return true;
+}
+
+bool set_wait_state(TcpRecord* record, int32_t state) {
+  if (state < kWaitOfCall || state > kWaitNoLimit) return false;
+  record->wait_state = static_cast<rpc_wait_state>(state);
+  return true;
+}
+
+bool set_option(const TcpRecord* record, int level, int option, int value) {
+  return setsockopt(record->socket, level, option, &value, sizeof value) == 0;
+}
+
+// The value stands in place of the information pointer.
+bool set_buffer_size(const TcpRecord* record, int option, const void* information) {
+  if (tcp_keeps_socket_buffers()) return true;
+  auto value = static_cast<int>(reinterpret_cast<intptr_t>(information));
+  return set_option(record, SOL_SOCKET, option, value);
+}
+
+bool get_buffer_size(const TcpRecord* record, int option, void* information) {
+  socklen_t length = sizeof(int);
+  return getsockopt(record->socket, SOL_SOCKET, option, information, &length) == 0;
+}
+
+template <typename T>
+bool give(void* information, T value) {
+  *static_cast<T*>(information) = value;
+  return true;
+}
+
+// Requests that look at whether there is information, or take something in its place.
+// `*known` tells whether `request` is one of them.
+bool switch_request(TcpRecord* record, uint32_t request, const void* information, bool* known) {
+  const bool on = information != nullptr;
+  *known = true;
+  switch (request) {
+    case CLSET_TIMEOUT:
+      return set_timeout(record, information);
+    case CLSET_FD_CLOSE:
+    case CLSET_FD_NCLOSE:
+      record->close_socket = request == CLSET_FD_CLOSE;
+      return true;
+    case CLSET_RECEIVE_SIZE:
+      return set_buffer_size(record, SO_RCVBUF, information);
+    case CLSET_SEND_SIZE:
+      return set_buffer_size(record, SO_SNDBUF, information);
+    case CLSET_WAIT_FUNCTION:
+      return set_wait_function(record, information);
+    case CLSET_WATCH_INPUT:
+      record->watch_input = on;
+      return true;
+    case CLSET_AUTH_CONFIRMED:
+      record->confirmed = on;
+      return true;
+    case CLSET_NODELAY:
+      return set_option(record, IPPROTO_TCP, TCP_NODELAY, on ? 1 : 0);
+    case CLSET_ONE_CALL:
+      if (on && record->one_call_enabled) record->one_call_armed = true;
+      return true;
+    case CLSET_ONE_CALL_ENABLED:
+      if (on) record->one_call_enabled = true;
+      return true;
+    default:
+      *known = false;
+      return false;
+  }
+}
+
+// Requests that hand over a value, one way or the other.
+bool value_request(TcpRecord* record, uint32_t request, void* information) {
+  if (information == nullptr) return false;
+  switch (request) {
+    case CLGET_TIMEOUT:
+      return give(information, record->wait);
+    case CLGET_SERVER_ADDR:
+      return give(information, record->server);
+    case CLGET_FD:
+      return give<int>(information, record->socket);
+    case CLGET_RECEIVE_SIZE:
+      return get_buffer_size(record, SO_RCVBUF, information);
+    case CLGET_SEND_SIZE:
+      return get_buffer_size(record, SO_SNDBUF, information);
+    case CLGET_WAIT_FUNCTION:
+      return give(information, record->waiting);
+    case CLGET_AUTH_CONFIRMED:
+      return give<int32_t>(information, record->confirmed ? 1 : 0);
+    case CLGET_STREAM:
+      return give(information, &record->stream);
+    case CLGET_ONE_CALL_ENABLED:
+      return give<int32_t>(information, record->one_call_enabled ? 1 : 0);
+    case CLGET_AUTH_METHODS:
+      return give(information, record->auth_methods);
+    case CLSET_AUTH_METHODS:
+      record->auth_methods = *static_cast<const uint32_t*>(information);
+      return true;
+    case CLGET_WAIT_STATE:
+      return give<int32_t>(information, record->wait_state);
+    case CLSET_WAIT_STATE:
+      return set_wait_state(record, *static_cast<const int32_t*>(information));
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
+bool tcp_control(CLIENT* client, uint32_t request, void* information) {
+  TcpRecord* record = tcp_record_of(client);
+  bool known = false;
+  bool done = switch_request(record, request, information, &known);
+  return known ? done : value_request(record, request, information);
+}

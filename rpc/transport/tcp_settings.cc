@@ -1,0 +1,43 @@
+#include "rpc/transport/tcp_settings.h"
+
+#include <strings.h>
+
+#include "liblocal/messages/debug.h"
+#include "liblocal/startup/vxenv.h"
+#include "liblocal/threads/vx_once.h"
+
+namespace {
+
+BlockingMode mode = BlockingMode::kWithoutLimit;
+bool keeps_buffers = false;
+
+void read_mode() {
+  const char* value = vxgetenv("KIV_BLOCKING_RPC");
+  if (value == nullptr) return;
+  if (strcasecmp(value, "FALSE") == 0) mode = BlockingMode::kNever;
+  if (strcasecmp(value, "MUST") == 0) mode = BlockingMode::kAlways;
+}
+
+void read_buffers() {
+  const char* value = vxgetenv("KIV_SOCK_BUF_UNSET");
+  if (value == nullptr || (*value != 'y' && *value != 'Y')) return;
+  keeps_buffers = true;
+  dfprintf(1,
+           "The environment variable KIV_SOCK_BUF_UNSET is set to '%s'. This overrides default "
+           "behavior",
+           value);
+}
+
+}  // namespace
+
+BlockingMode tcp_blocking_mode() {
+  static vx_once_control once;
+  vx_once(&once, read_mode);
+  return mode;
+}
+
+bool tcp_keeps_socket_buffers() {
+  static vx_once_control once;
+  vx_once(&once, read_buffers);
+  return keeps_buffers;
+}

@@ -1,0 +1,36 @@
+#include "rpc/xdr/io_switches.h"
+
+#include <unistd.h>
+
+#include "liblocal/startup/vxenv.h"
+#include "liblocal/text/utf8_files.h"
+#include "liblocal/text/vxpath.h"
+#include "liblocal/threads/c_memory.h"
+#include "liblocal/threads/vx_once.h"
+
+namespace {
+
+constexpr char kDefaultDirectory[] = "/kiv/debug";
+
+rpc_io_switches switches = {true, true, true};
+
+bool is_there(const char* directory, const char* name) {
+  c_unique_ptr<char> path(path_concat(directory, name));
+  return utf8_access(path.get(), F_OK) == 0;
+}
+
+void look_up() {
+  const char* directory = vxgetenv("KIV_DEBUG_DIR");
+  if (directory == nullptr) directory = kDefaultDirectory;
+  switches.gather_writes = !is_there(directory, "nowritev");
+  switches.scatter_reads = !is_there(directory, "noreadv");
+  switches.delayed_ends = !is_there(directory, "nodelayeor");
+}
+
+}  // namespace
+
+const rpc_io_switches& rpc_get_io_switches() {
+  static vx_once_control once;
+  vx_once(&once, look_up);
+  return switches;
+}

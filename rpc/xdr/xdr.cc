@@ -1,0 +1,242 @@
+#include "rpc/xdr/xdr.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstdlib>
+#include <cstring>
+
+#include "liblocal/threads/c_memory.h"
+#include "rpc/xdr/xdr_growth.h"
+
+namespace {
+
+constexpr uint8_t kZeros[kXdrUnit] = {};
+
+// Runs the slot of the stream that the operation asks for, if any.
+template <auto put, auto get, typename T>
+bool run_slot(XDR* xdrs, T* value) {
+  switch (xdrs->operation) {
+    case xdr_op::kEncode:
+      return (xdrs->ops->*put)(xdrs, value);
+    case xdr_op::kDecode:
+      return (xdrs->ops->*get)(xdrs, value);
+    default:
+      return true;
+  }
+}
+
+// One unit on the wire for a host type of another size: the low 32 bits go out, and
+// what comes in is taken as a Wire before it is cut or extended to a T.
+template <typename Wire, typename T>
+bool as_unit(XDR* xdrs, T* value) {
+  int32_t unit = 0;
+  // NOLINTNEXTLINE(bugprone-signed-char-misuse): a char travels with its sign.
+  if (xdrs->operation == xdr_op::kEncode) unit = static_cast<int32_t>(*value);
+  if (!xdr_int32_t(xdrs, &unit)) return false;
+  if (xdrs->operation == xdr_op::kDecode) *value = static_cast<T>(static_cast<Wire>(unit));
+  return true;
+}
+
+bool put_padding(XDR* xdrs, uint32_t length) {
+  uint32_t padding = xdr_padding(length);
+  return padding == 0 || xdrs->ops->put_bytes(xdrs, kZeros, padding);
+}
+
+bool skip_padding(XDR* xdrs, uint32_t length) {
+  uint8_t scratch[kXdrUnit];
+  uint32_t padding = xdr_padding(length);
+  return padding == 0 || xdrs->ops->get_bytes(xdrs, scratch, padding);
+}
+
+bool get_length(XDR* xdrs, uint32_t* length, uint32_t maximum) {
+  return xdr_uint32_t(xdrs, length) && *length <= std::min(maximum, kXdrMaxBytes);
+}
+
+// Reads `wire_bytes` into a new buffer of `capacity` bytes, which is not smaller.
+// Null when the stream does not have them, and without memory.
+c_unique_ptr<uint8_t> get_new_bytes(XDR* xdrs, uint32_t wire_bytes, uint32_t capacity) {
+  uint32_t held = 0;
+  if (!xdr_first_piece(xdrs, wire_bytes, 1, 1, &held)) return nullptr;
+  c_unique_ptr<uint8_t> bytes(static_cast<uint8_t*>(malloc(held < wire_bytes ? held : capacity)));
+  for (uint32_t done = 0; bytes != nullptr;) {
+    if (!xdrs->ops->get_bytes(xdrs, bytes.get() + done, held - done)) return nullptr;
+    if (held == wire_bytes) break;
+    done = held;
+    held = xdr_next_piece(held, wire_bytes);
+    void* larger = realloc(bytes.get(), held < wire_bytes ? held : capacity);
+    if (larger == nullptr) return nullptr;
+    (void)bytes.release();
+    bytes.reset(static_cast<uint8_t*>(larger));
+  }
+  return bytes;
+}
+
+template <typename T>
+bool release(T** memory) {
+  free(*memory);
+  *memory = nullptr;
+  return true;
+}
+
+bool encode_bytes(XDR* xdrs, const uint8_t* bytes, uint32_t size, uint32_t maximum) {
+  if (size > std::min(maximum, kXdrMaxBytes) || (bytes == nullptr && size > 0)) return false;
+  return xdr_uint32_t(xdrs, &size) && xdrs->ops->put_bytes(xdrs, bytes, size) &&
+         put_padding(xdrs, size);
+}
+
+bool decode_bytes(XDR* xdrs, uint8_t** bytes, uint32_t* size, uint32_t maximum) {
+  uint32_t length = 0;
+  if (!get_length(xdrs, &length, maximum)) return false;
+  *size = length;
+  if (length == 0) return true;
+  if (*bytes != nullptr) {
+    return xdrs->ops->get_bytes(xdrs, *bytes, length) && skip_padding(xdrs, length);
+  }
+  uint32_t padded = length + xdr_padding(length);
+  *bytes = get_new_bytes(xdrs, padded, padded).release();
+  return *bytes != nullptr;
+}
+
+bool encode_string(XDR* xdrs, const char* text, uint32_t maximum) {
+  size_t length = text != nullptr ? strlen(text) : 0;
+  if (length > std::min(maximum, kXdrMaxBytes)) return false;
+  auto size = static_cast<uint32_t>(length);
+  if (!xdr_uint32_t(xdrs, &size)) return false;
+  // The terminator serves as a single byte of padding.
+  if (xdr_padding(size) == 1) return xdrs->ops->put_bytes(xdrs, text, size + 1);
+  return xdrs->ops->put_bytes(xdrs, text, size) && put_padding(xdrs, size);
+}
+
+bool decode_string(XDR* xdrs, char** text, uint32_t maximum) {
+  uint32_t size = 0;
+  if (!get_length(xdrs, &size, maximum)) return false;
+  uint32_t padding = xdr_padding(size);
+  if (*text == nullptr) {
+    // Three more bytes hold the terminator or the padding, whichever is longer.
+    void* bytes = get_new_bytes(xdrs, size + padding, size + 3).release();
+    if (bytes == nullptr) return false;
+    *text = static_cast<char*>(bytes);
+  } else if (padding == 1) {
+    if (!xdrs->ops->get_bytes(xdrs, *text, size + 1)) return false;
+  } else if (!xdrs->ops->get_bytes(xdrs, *text, size) || !skip_padding(xdrs, size)) {
+    return false;
+  }
+  (*text)[size] = '\0';
+  return true;
+}
+
+}  // namespace
+
+XDR __xdr = {xdr_op::kFree, nullptr, nullptr, nullptr, nullptr, 0};
+
+bool __brix_xdr_void(XDR* /*xdrs*/, void* /*object*/) { return true; }
+
+bool xdr_int32_t(XDR* xdrs, int32_t* value) {
+  return run_slot<&xdr_ops::put_int32, &xdr_ops::get_int32>(xdrs, value);
+}
+
+bool xdr_uint32_t(XDR* xdrs, uint32_t* value) {
+  return xdr_int32_t(xdrs, reinterpret_cast<int32_t*>(value));
+}
+
+bool __brix_xdr_enum(XDR* xdrs, int32_t* value) { return xdr_int32_t(xdrs, value); }
+bool __brix_xdr_int(XDR* xdrs, int32_t* value) { return as_unit<int32_t>(xdrs, value); }
+bool __brix_xdr_u_int(XDR* xdrs, uint32_t* value) { return as_unit<uint32_t>(xdrs, value); }
+bool __brix_xdr_short(XDR* xdrs, int16_t* value) { return as_unit<int32_t>(xdrs, value); }
+bool __brix_xdr_u_short(XDR* xdrs, uint16_t* value) { return as_unit<uint32_t>(xdrs, value); }
+bool __brix_xdr_char(XDR* xdrs, char* value) { return as_unit<int32_t>(xdrs, value); }
+bool xdr_shorten(XDR* xdrs, long* value) { return as_unit<int32_t>(xdrs, value); }
+bool xdr_u_shorten(XDR* xdrs, unsigned long* value) { return as_unit<uint32_t>(xdrs, value); }
+bool __brix_xdr_time_t(XDR* xdrs, time_t* value) { return as_unit<int32_t>(xdrs, value); }
+
+bool __brix_xdr_bool(XDR* xdrs, int32_t* value) {
+  int32_t unit = 0;
+  if (xdrs->operation == xdr_op::kEncode) unit = *value != 0 ? 1 : 0;
+  if (!xdr_int32_t(xdrs, &unit)) return false;
+  if (xdrs->operation == xdr_op::kDecode) *value = unit != 0 ? 1 : 0;
+  return true;
+}
+
+bool __brix_xdr_long(XDR* xdrs, long* value) {
+  return run_slot<&xdr_ops::put_long, &xdr_ops::get_long>(xdrs, value);
+}
+
+bool __brix_xdr_u_long(XDR* xdrs, unsigned long* value) {
+  if (!__brix_xdr_long(xdrs, reinterpret_cast<long*>(value))) return false;
+  // A kind of stream may extend the sign.
+  if (xdrs->operation == xdr_op::kDecode) *value = static_cast<uint32_t>(*value);
+  return true;
+}
+
+bool xdr_int64_t(XDR* xdrs, int64_t* value) {
+  return run_slot<&xdr_ops::put_int64, &xdr_ops::get_int64>(xdrs, value);
+}
+
+bool xdr_uint64_t(XDR* xdrs, uint64_t* value) {
+  return xdr_int64_t(xdrs, reinterpret_cast<int64_t*>(value));
+}
+
+bool __brix_xdr_float(XDR* xdrs, float* value) {
+  int32_t bits = 0;
+  if (xdrs->operation == xdr_op::kEncode) bits = std::bit_cast<int32_t>(*value);
+  if (!xdr_int32_t(xdrs, &bits)) return false;
+  if (xdrs->operation == xdr_op::kDecode) *value = std::bit_cast<float>(bits);
+  return true;
+}
+
+bool __brix_xdr_double(XDR* xdrs, double* value) {
+  int64_t bits = 0;
+  if (xdrs->operation == xdr_op::kEncode) bits = std::bit_cast<int64_t>(*value);
+  if (!xdr_int64_t(xdrs, &bits)) return false;
+  if (xdrs->operation == xdr_op::kDecode) *value = std::bit_cast<double>(bits);
+  return true;
+}
+
+bool __brix_xdr_opaque(XDR* xdrs, void* bytes, uint32_t count) {
+  if (count == 0) return true;
+  switch (xdrs->operation) {
+    case xdr_op::kEncode:
+      return xdrs->ops->put_bytes(xdrs, bytes, count) && put_padding(xdrs, count);
+    case xdr_op::kDecode:
+      return xdrs->ops->get_bytes(xdrs, bytes, count) && skip_padding(xdrs, count);
+    case xdr_op::kFree:
+      return true;
+  }
+  return false;
+}
+
+bool xdr_sha_digest(XDR* xdrs, uint8_t* bytes) {
+  return __brix_xdr_opaque(xdrs, bytes, kXdrDigestSize);
+}
+
+bool xdr_vxui_t(XDR* xdrs, uint8_t* bytes) {
+  return __brix_xdr_opaque(xdrs, bytes, kXdrDigestSize);
+}
+
+bool __brix_xdr_bytes(XDR* xdrs, uint8_t** bytes, uint32_t* size, uint32_t maximum) {
+  switch (xdrs->operation) {
+    case xdr_op::kEncode:
+      return encode_bytes(xdrs, *bytes, *size, maximum);
+    case xdr_op::kDecode:
+      return decode_bytes(xdrs, bytes, size, maximum);
+    case xdr_op::kFree:
+      return release(bytes);
+  }
+  return false;
+}
+
+bool __brix_xdr_string(XDR* xdrs, char** text, uint32_t maximum) {
+  switch (xdrs->operation) {
+    case xdr_op::kEncode:
+      return encode_string(xdrs, *text, maximum);
+    case xdr_op::kDecode:
+      return decode_string(xdrs, text, maximum);
+    case xdr_op::kFree:
+      return release(text);
+  }
+  return false;
+}
+
+bool __brix_xdr_wrapstring(XDR* xdrs, char** text) {
+  return __brix_xdr_string(xdrs, text, UINT32_MAX);
+}

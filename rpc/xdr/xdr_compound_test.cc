@@ -1,0 +1,162 @@
+#include "rpc/xdr/xdr_compound.h"
+
+#include <random>
+
+#include "rpc/xdr/xdr_object.h"
+#include "tests/xdr_item.h"
+#include "tests/xdr_streams.h"
+
+namespace {
+
+constexpr xdrproc_t kItem = xdr_filter<item_filter>;
+
+// A random item in its encoded form.
+class Generator {
+ public:
+  explicit Generator(unsigned seed) : random_(seed) {}
+
+  std::string item(int depth = 0) {
+    std::string all = bytes(below(31));
+    uint32_t count = below(6);
+    all += unit(count);
+    while (count-- > 0) all += bytes(below(9));
+    count = below(21);
+    all += unit(count);
+    for (uint32_t i = 0; i < 2 * count + 2; ++i) all += unit(random_());
+    bool optional = depth < 3 && below(2) == 1;
+    all += unit(optional ? 1 : 0) + (optional ? item(depth + 1) : "");
+    return all + (below(2) == 1 ? unit(1) + unit(below(65536)) : unit(2) + bytes(below(21)));
+  }
+
+ private:
+  uint32_t below(uint32_t end) { return static_cast<uint32_t>(random_()) % end; }
+  static std::string unit(unsigned long number) {
+    uint32_t swapped = __builtin_bswap32(static_cast<uint32_t>(number));
+    return {reinterpret_cast<char*>(&swapped), sizeof swapped};
+  }
+  std::string bytes(uint32_t count) {
+    return unit(count) + std::string(count, static_cast<char>('a' + below(26))) +
+           std::string(xdr_padding(count), '\0');
+  }
+  std::mt19937 random_;
+};
+
+TEST(XdrCompound, RoundTripsWhateverIsGenerated) {
+  for (unsigned seed = 0; seed < 60; ++seed) {
+    const std::string wire = Generator(seed).item();
+    for (TestStream::Kind kind : {TestStream::kPlain, TestStream::kBlind}) {
+      Item item = {};
+      TestStream in(wire, xdr_op::kDecode, kind);
+      ASSERT_TRUE(item_filter(in.get(), &item)) << seed;
+      EXPECT_EQ(encoded(kItem, &item), to_hex(wire)) << seed;
+      void* copy = __brix_xdr_dup(kItem, &item, sizeof item);
+      ASSERT_NE(copy, nullptr);
+      __brix_xdr_free(kItem, &item);
+      EXPECT_EQ(encoded(kItem, copy), to_hex(wire)) << seed;
+      __brix_xdr_free_pointer(kItem, copy);
+    }
+  }
+}
+
+TEST(XdrCompound, ReleasesWhatFailsHalfWay) {
+  for (unsigned seed = 0; seed < 6; ++seed) {
+    const std::string wire = Generator(seed).item();
+    expect_failures_release<Item>(kItem, wire);
+    Item item = {};
+    ASSERT_TRUE(item_filter(TestStream(wire, xdr_op::kDecode).get(), &item));
+    void* copy = nullptr;
+    for (int granted = 0; copy == nullptr; ++granted) {
+      FailingMalloc failing(granted);
+      copy = __brix_xdr_dup(kItem, &item, sizeof item);
+      ASSERT_EQ(copy == nullptr, failing.failed());
+    }
+    __brix_xdr_free_pointer(kItem, copy);
+    __brix_xdr_free(kItem, &item);
+    EXPECT_TRUE(item.name == nullptr && item.always == nullptr && item.optional == nullptr);
+  }
+  Item unknown = {};
+  unknown.kind = 3;  // encodes nowhere
+  EXPECT_EQ(__brix_xdr_dup(kItem, &unknown, sizeof unknown), nullptr);
+}
+
+// Carries `count` integers of `size` bytes through a stream with `room`; tells what is
+// there then. A blind stream takes them one by one.
+std::string carry(xdrproc_t filter, uint32_t size, xdr_op operation, size_t room, uint32_t count,
+                  TestStream::Kind kind) {
+  std::string values = "abcdefghijklmnopqrstuvwx";
+  const std::string_view bytes =
+      "123456789\xF0\xF1\xF2"
+      "ABCDEFGHIJKL";
+  TestStream stream(bytes.substr(0, room), operation, kind);
+  const bool done = __brix_xdr_vector(stream.get(), values.data(), count, size, filter);
+  return std::to_string(done) + values + stream.hex();
+}
+
+TEST(XdrCompound, CarriesIntegersAtOnceAsOneByOne) {
+  const std::pair<xdrproc_t, uint32_t> filters[] = {
+      {xdr_filter<xdr_int32_t>, 4},      {xdr_filter<xdr_uint32_t>, 4},
+      {xdr_filter<__brix_xdr_enum>, 4},  {xdr_filter<__brix_xdr_int>, 4},
+      {xdr_filter<__brix_xdr_u_int>, 4}, {xdr_filter<xdr_int64_t>, 8},
+      {xdr_filter<xdr_uint64_t>, 8}};
+  for (const auto& [filter, size] : filters) {
+    for (xdr_op operation : {xdr_op::kEncode, xdr_op::kDecode, xdr_op::kFree}) {
+      for (size_t room = 0; room <= 24; ++room) {
+        for (uint32_t count = 0; count <= 24 / size; ++count) {
+          EXPECT_EQ(carry(filter, size, operation, room, count, TestStream::kPlain),
+                    carry(filter, size, operation, room, count, TestStream::kBlind))
+              << room << " " << count;
+        }
+      }
+    }
+  }
+  // Only where they stand side by side.
+  int32_t apart[] = {1, 7, 2, 8};
+  TestStream out(std::string(16, 'x'), xdr_op::kEncode);
+  EXPECT_TRUE(__brix_xdr_vector(out.get(), apart, 2, 8, xdr_filter<xdr_int32_t>));
+  EXPECT_EQ(out.hex(), "0000000100000002");
+}
+
+bool run_array(TestStream&& stream, void** array, uint32_t* count, uint32_t maximum,
+               uint32_t element_size = 4) {
+  return __brix_xdr_array(stream.get(), array, count, maximum, element_size,
+                          xdr_filter<xdr_int32_t>);
+}
+
+TEST(XdrCompound, BoundsArrays) {
+  const std::string wire = from_hex("00000002 00000007 00000009");
+  void* array = nullptr;
+  uint32_t count = 99;
+  for (auto [maximum, element_size] : {std::pair{1U, 4U}, {2U, 0U}, {2U, 0x80000000U}}) {
+    EXPECT_FALSE(run_array({wire, xdr_op::kDecode}, &array, &count, maximum, element_size));
+    EXPECT_TRUE(array == nullptr && count == 0);
+  }
+  ASSERT_TRUE(run_array({wire, xdr_op::kDecode}, &array, &count, 2));
+  EXPECT_FALSE(run_array({wire, xdr_op::kEncode}, &array, &count, 1));
+  EXPECT_TRUE(run_array({"", xdr_op::kFree}, &array, &count, 1));
+  EXPECT_EQ(array, nullptr);
+  EXPECT_FALSE(run_array({wire, xdr_op::kEncode}, &array, &count, 2)) << "counted, not there";
+}
+
+// A peer that declares many elements and sends few gets memory for few.
+TEST(XdrCompound, BelievesNoDeclaredCount) {
+  for (const char* declared : {"00000004", "10000000", "3FFFFFFF"}) {
+    void* array = nullptr;
+    uint32_t count = 0;
+    FailingMalloc nothing(0);
+    EXPECT_FALSE(run_array({from_hex(declared) + "twelve bytes", xdr_op::kDecode}, &array, &count,
+                           UINT32_MAX));
+    EXPECT_FALSE(nothing.failed());
+  }
+  for (uint32_t sent : {0U, 16384U, 16385U, 50000U}) {
+    void* array = nullptr;
+    uint32_t count = 0;
+    EXPECT_FALSE(run_array(
+        {from_hex("3FFFFFFF") + std::string(sent * 4, '\x01'), xdr_op::kDecode, TestStream::kBlind},
+        &array, &count, UINT32_MAX));
+    EXPECT_LE(count, std::max(16384U, 2 * sent));
+    for (uint32_t i = sent; i < count; ++i) ASSERT_EQ(static_cast<int32_t*>(array)[i], 0);
+    EXPECT_TRUE(run_array({"", xdr_op::kFree}, &array, &count, UINT32_MAX));
+  }
+}
+
+}  // namespace
