@@ -9,10 +9,16 @@ namespace {
 
 rpc_auth_methods_lookup table = nullptr;  // under the process lock
 
+// The process lock; null, which locks nothing, once the process block has gone at exit.
+vx_mutex* process_lock() {
+  rpc_p_varp* process = get_rpc_p_varp();
+  return process != nullptr ? process->lock : nullptr;
+}
+
 }  // namespace
 
 void rpc_install_auth_methods(rpc_auth_methods_lookup lookup) {
-  VxMutexLock lock(get_rpc_p_varp()->lock);
+  VxMutexLock lock(process_lock());
   table = lookup;
 }
 
@@ -21,7 +27,7 @@ uint32_t rpc_allowed_auth_methods(const sockaddr_in* server) {
   bool installed = false;
   bool found = false;
   {
-    VxMutexLock lock(get_rpc_p_varp()->lock);
+    VxMutexLock lock(process_lock());
     installed = table != nullptr;
     found = installed && table(server, &methods);
   }

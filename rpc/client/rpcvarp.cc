@@ -98,7 +98,9 @@ bool rpc_set_server_transport(int32_t descriptor, rpc_server_transport* transpor
     group = static_cast<rpc_server_transport**>(calloc(kServerTransportGroup, sizeof(void*)));
     if (group == nullptr) return false;
   }
-  group[descriptor % kServerTransportGroup] = transport;
+  rpc_server_transport** slot = &group[descriptor % kServerTransportGroup];
+  if (*slot != transport) destroy_transport(slot);
+  *slot = transport;
   return true;
 }
 

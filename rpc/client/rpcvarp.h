@@ -76,8 +76,8 @@ VARP_DECLARE_PROCESS_BLOCK(rpc)
 void rpc_set_createerr(clnt_stat status, int32_t error_number);
 
 /// Puts `transport` (null: none) into the calling thread's slot of `descriptor`, which
-/// owns it until the thread ends. False for a descriptor without a slot and without
-/// memory.
+/// owns it until another takes its place or the thread ends. False for a descriptor
+/// without a slot and without memory.
 [[nodiscard]] bool rpc_set_server_transport(int32_t descriptor, rpc_server_transport* transport);
 
 /// Frees the port cache and the list of started mappers of `block`, leaving both empty.

@@ -34,6 +34,11 @@ TEST(RpcVarp, ReleasesWhatAThreadUsed) {
     rpc_t_varp* block = get_rpc_t_varp();
     for (int slot : {65535, 3, 255, 256})
       EXPECT_TRUE(rpc_set_server_transport(slot, new_transport(slot)));
+    for (int again = 0; again < 2; ++again) {
+      EXPECT_TRUE(rpc_set_server_transport(7, block->transports[0][7]));
+      EXPECT_TRUE(rpc_set_server_transport(7, new_transport(again)));
+    }
+    EXPECT_TRUE(rpc_set_server_transport(7, nullptr));
     for (int slot : {-1, 65536}) EXPECT_FALSE(rpc_set_server_transport(slot, nullptr));
     for (int i = 0; i < 3; ++i) {
       block->port_cache =
@@ -44,7 +49,7 @@ TEST(RpcVarp, ReleasesWhatAThreadUsed) {
     FailingMalloc nothing(0);
     EXPECT_FALSE(rpc_set_server_transport(1000, nullptr));
   }).join();
-  EXPECT_EQ(destroyed, (std::vector{3, 255, 256, 65535}));
+  EXPECT_EQ(destroyed, (std::vector{0, 1, 3, 255, 256, 65535}));
 }
 
 // Page faults of a thread that makes its block, uses one slot and releases the block.

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "liblocal/hosts/svc_time.h"
 #include "liblocal/threads/c_memory.h"
 #include "rpc/auth/a_none.h"
 #include "rpc/auth/auth.h"
@@ -260,6 +261,7 @@ CLIENT* __brix_clnttcp_create(sockaddr_in* server, unsigned long program, unsign
                               int* socket, uint32_t send_size, uint32_t receive_size) {
   (void)tcp_blocking_mode();  // the first client of the process settles both
   (void)rpc_get_io_switches();
+  svc_time_reset();  // connecting is a new piece of work
   c_unique_ptr<CLIENT> client(static_cast<CLIENT*>(calloc(1, sizeof(CLIENT))));
   c_unique_ptr<TcpRecord> record(static_cast<TcpRecord*>(calloc(1, sizeof(TcpRecord))));
   if (client == nullptr || record == nullptr) return out_of_memory();

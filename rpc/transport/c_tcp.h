@@ -7,9 +7,10 @@
 // time zero and no results filter (null) is one-way: it returns RPC_SUCCESS once its
 // record is handed to the stream, and leaves with the next call that is not (or when
 // the buffer is full); what is left when the client is destroyed is not sent. A call
-// with time zero and a results filter is sent and comes to RPC_TIMEDOUT. Replies to
-// other calls are dropped. A refused call is repeated when the authentication falls
-// back or refreshes.
+// with time zero and a results filter is sent and comes to RPC_TIMEDOUT. Where the limit
+// is zero, sending waits for room as long as the peer needs, and leaves no record half
+// sent. Replies to other calls are dropped. A refused call is repeated when the
+// authentication falls back or refreshes.
 //
 // A wait function is called before a read or write, after each wait step and at the
 // end. Its other answer than 0 ends the call with RPC_CANCELLED. Like a call that

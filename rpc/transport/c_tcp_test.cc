@@ -13,6 +13,7 @@
 #include <random>
 #include <semaphore>
 
+#include "liblocal/hosts/svc_time.h"
 #include "liblocal/messages/liblvars.h"
 #include "rpc/auth/a_unix.h"
 #include "rpc/auth/auth.h"
@@ -25,6 +26,7 @@
 #include "tests/failing_malloc.h"
 #include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
+#include "tests/stand_ins.h"
 #include "tests/tcp_peer.h"
 
 namespace {
@@ -414,6 +416,31 @@ TEST_F(TcpTest, FailuresOfWriting) {
   expect(send_much(kLong), RPC_CANTSEND, ECONNRESET);
 }
 
+// More calls than the sockets hold, to a peer that pauses before each portion.
+TEST_F(TcpTest, ABurstOfOneWayCallsArrivesWhole) {
+  constexpr uint32_t kCalls = 2500;
+  size_t arrived = 0;
+  std::binary_semaphore all{0};
+  TcpPeer peer([&](TcpConnection& connection) {
+    for (bool on = true; on; ++arrived) {
+      if (arrived % 250 == 0) usleep(20000);
+      auto request = connection.read_record();
+      on = request.has_value() && request->size() == 40 + 4096;
+    }
+    all.release();
+  });
+  connect(peer);
+  auto filter = [](XDR* xdrs, void* bytes) { return __brix_xdr_opaque(xdrs, bytes, 4096); };
+  char bytes[4096] = {};
+  for (uint32_t i = 0; i < kCalls; ++i) {
+    ASSERT_EQ(client_->ops->call(client_, 7, filter, bytes, nullptr, nullptr, kNone), RPC_SUCCESS);
+  }
+  expect(call(kNone), RPC_TIMEDOUT);  // the last one takes along what waits
+  destroy();
+  all.acquire();
+  EXPECT_EQ(arrived, kCalls + 1);
+}
+
 // While the client cannot write, the peer sends before it reads on, and reads slowly.
 TEST_F(TcpTest, ASlowPeerIsWaitedForAndItsInputReadAhead) {
   constexpr size_t kRecord = kMuch + 48;  // with two headers and that of the call
@@ -605,6 +632,34 @@ TEST_F(TcpTest, CreationFails) {
   };
   EXPECT_EXIT(_exit(tries_with_two_ports()), testing::ExitedWithCode(4), "");
   close(listener);
+}
+
+// The last of all exit functions finds the blocks of the process gone.
+TEST_F(TcpTest, ClientsAreMadeAndUsedAtTheVeryEnd) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  static auto at_the_end = [this] {
+    TcpPeer peer(all_with(kAnswer));
+    connect(peer);
+    rpc_install_auth_methods(nullptr);
+    _exit(get_rpc_p_varp() == nullptr && call() == RPC_SUCCESS ? 42 : 1);
+  };
+  auto end = [] {
+    atexit([] { at_the_end(); });
+    get_rpc_p_varp();
+    exit(0);
+  };
+  EXPECT_EXIT(end(), testing::ExitedWithCode(42), "");
+}
+
+TEST_F(TcpTest, CreationBeginsANewServiceTime) {
+  stand_ins::now = 1000;
+  svc_time_reset();
+  EXPECT_EQ(svc_time(), 1000);
+  stand_ins::now = 2000;
+  create(kNobody);
+  EXPECT_EQ(svc_time(), 2000);
+  stand_ins::now = 0;
+  svc_time_reset();
 }
 
 // Environments need a process each, whose peer ends before it does.

@@ -78,11 +78,18 @@ void end(const Waiter& waiter) { waiter.record->cancelled_at_end = is_cancelled(
 
 bool means_waiting(int error) { return error == EAGAIN || error == ENOMEM || error == EINPROGRESS; }
 
+// A call with time zero is sent whole: for room it waits as long as its peer needs, since
+// what is left of a record cannot be taken back.
+bool is_unlimited(const Waiter& waiter) {
+  const TcpRecord* record = waiter.record;
+  return record->wait_state == kWaitNoLimit ||
+         (waiter.failure == RPC_CANTSEND && !timerisset(&record->wait));
+}
+
 // True when the limit is used up. One of zero still has its look.
 bool is_timed_out(const Waiter& waiter) {
-  const TcpRecord* record = waiter.record;
-  if (record->wait_state == kWaitNoLimit || !timerisset(&waiter.elapsed)) return false;
-  const timeval limit = tamed(record->wait);
+  if (is_unlimited(waiter) || !timerisset(&waiter.elapsed)) return false;
+  const timeval limit = tamed(waiter.record->wait);
   if (timercmp(&waiter.elapsed, &limit, <)) return false;
   tcp_finish(waiter.record, RPC_TIMEDOUT);
   return true;
@@ -91,11 +98,10 @@ bool is_timed_out(const Waiter& waiter) {
 // The next wait: a step, or what is left of the limit, which is the last moment. A step
 // of zero stands for none.
 timeval next_step(const Waiter& waiter) {
-  const TcpRecord* record = waiter.record;
-  timeval step = tamed(record->waiting.step);
+  timeval step = tamed(waiter.record->waiting.step);
   if (!timerisset(&step)) step = {kLongestStep, 0};
-  if (record->wait_state == kWaitNoLimit) return step;
-  const timeval limit = tamed(record->wait);
+  if (is_unlimited(waiter)) return step;
+  const timeval limit = tamed(waiter.record->wait);
   timeval left;
   timersub(&limit, &waiter.elapsed, &left);
   return timercmp(&left, &step, <) ? left : step;

@@ -36,9 +36,10 @@ bool put(XDR* xdrs, const T* value) {
 }
 
 bool mem_get_bytes(XDR* xdrs, void* bytes, uint32_t length) {
+  if (length == 0) return true;  // of a buffer and into memory that may be null
   const uint8_t* at = take(xdrs, length);
   if (at == nullptr) return false;
-  if (length > 0) memcpy(bytes, at, length);
+  memcpy(bytes, at, length);
   return true;
 }
 

@@ -55,8 +55,10 @@ bool get_length(XDR* xdrs, uint32_t* length, uint32_t maximum) {
 // Reads `wire_bytes` into a new buffer of `capacity` bytes, which is not smaller.
 // Null when the stream does not have them, and without memory.
 c_unique_ptr<uint8_t> get_new_bytes(XDR* xdrs, uint32_t wire_bytes, uint32_t capacity) {
-  uint32_t held = 0;
-  if (!xdr_first_piece(xdrs, wire_bytes, 1, 1, &held)) return nullptr;
+  const int32_t remaining = xdrs->ops->get_remaining(xdrs);
+  const bool known = remaining != kXdrRemainingUnknown;
+  if (known && wire_bytes > static_cast<uint32_t>(remaining)) return nullptr;
+  uint32_t held = known ? wire_bytes : xdr_first_piece(wire_bytes, 1);
   c_unique_ptr<uint8_t> bytes(static_cast<uint8_t*>(malloc(held < wire_bytes ? held : capacity)));
   for (uint32_t done = 0; bytes != nullptr;) {
     if (!xdrs->ops->get_bytes(xdrs, bytes.get() + done, held - done)) return nullptr;

@@ -17,8 +17,9 @@
 // __brix_xdr_free and the same filter.
 //
 // Memory held for a peer never exceeds what the peer has sent by more than a factor:
-// a declared length that the stream cannot hold fails before anything is allocated,
-// and where the stream cannot tell, memory grows with what has arrived.
+// counted bytes that the stream cannot hold fail before anything is allocated; where the
+// stream cannot tell, and for arrays that it is not known to hold, memory grows with what
+// has arrived.
 //
 // Thread safety: a stream is used by one thread at a time; nothing else is shared.
 #pragma once

@@ -5,10 +5,16 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "liblocal/threads/c_memory.h"
+#include "rpc/xdr/x_mem.h"
 #include "rpc/xdr/xdr_growth.h"
+#include "rpc/xdr/xdr_object.h"
 #include "rpc/xdr/xdr_units.h"
 
 namespace {
+
+// Bytes of an array whose elements take none of the stream; no more are made.
+constexpr size_t kMostForNothing = 1 << 20;
 
 // The width of the integers that `element` stands for; 0 when it is something else.
 uint32_t integer_width(xdrproc_t element) {
@@ -51,14 +57,30 @@ bool run_on_block(XDR* xdrs, uint8_t* elements, uint32_t count, uint32_t element
   return true;
 }
 
+// Whether the stream is known to hold `count` elements that take a unit at least.
+bool holds(XDR* xdrs, uint32_t count) {
+  const int32_t remaining = xdrs->ops->get_remaining(xdrs);
+  return remaining != kXdrRemainingUnknown && count <= static_cast<uint32_t>(remaining) / kXdrUnit;
+}
+
+// Whether elements come out of nothing, so that no input bounds their number.
+bool reads_nothing(xdrproc_t element, uint32_t element_size) {
+  c_unique_ptr<void> sample(calloc(1, element_size));
+  if (sample == nullptr) return true;
+  XDR empty;
+  __brix_xdrmem_create(&empty, nullptr, 0, xdr_op::kDecode);
+  const bool done = element(&empty, sample.get());
+  __brix_xdr_free(element, sample.get());
+  return done;
+}
+
 // Decodes `count` elements, more than none, into a new array that the caller releases
 // also after a failure: `*count` is then the number of elements that it has.
 bool decode_new_array(XDR* xdrs, void** array, uint32_t* count, uint32_t element_size,
                       xdrproc_t element) {
   const uint32_t wanted = *count;
   *count = 0;
-  uint32_t held = 0;
-  if (!xdr_first_piece(xdrs, wanted, kXdrUnit, element_size, &held)) return false;
+  uint32_t held = holds(xdrs, wanted) ? wanted : xdr_first_piece(wanted, element_size);
   *array = calloc(held, element_size);
   while (*array != nullptr) {
     uint32_t done = *count;
@@ -69,6 +91,7 @@ bool decode_new_array(XDR* xdrs, void** array, uint32_t* count, uint32_t element
       return false;
     }
     if (held == wanted) return true;
+    if (held * size >= kMostForNothing && reads_nothing(element, element_size)) break;
     held = xdr_next_piece(held, wanted);
     void* larger = realloc(*array, held * size);
     if (larger == nullptr) break;

@@ -165,6 +165,9 @@ TEST(XdrMemory, LeavesTheStreamAloneWhenItFails) {
   EXPECT_STREQ(bytes, "123");
   EXPECT_EQ(ops.get_remaining(xdrs), 2);
   EXPECT_EQ(memcmp(ops.get_inline(xdrs, 2), "23", 2), 0);
+  XDR nowhere;
+  __brix_xdrmem_create(&nowhere, nullptr, 0, xdr_op::kDecode);
+  EXPECT_TRUE(ops.get_bytes(&nowhere, nullptr, 0) && ops.put_bytes(&nowhere, nullptr, 0));
 }
 
 }  // namespace
