@@ -22,7 +22,6 @@
 
 namespace {
 
-constexpr int32_t kCatalogSet = 17;
 constexpr int kUsualInterfaces = 32;  // room that is tried while their number is unknown
 constexpr int kMaxInterfaces = kMaxLocalAddresses;
 
@@ -77,7 +76,7 @@ InterfaceList set_ifconf_buffer(int socket) {
     InterfaceList list;
     list.records.reset(static_cast<ifreq*>(calloc(1, static_cast<size_t>(size))));
     if (list.records == nullptr) {
-      printerr("%s", vxcatgets(Catd, kCatalogSet, 0, "set_ifconf_buffer: Out of memory."));
+      printerr("%s", vxcatgets(Catd, kRuntimeMessageSet, 0, "set_ifconf_buffer: Out of memory."));
       return {};
     }
     ifconf request{};
@@ -203,7 +202,7 @@ void __brix_get_myaddress(sockaddr_in* address) {
   }
   InterfaceList list = set_ifconf_buffer(any.descriptor());
   if (list.count == 0) {
-    printerr("%s", vxcatgets(Catd, kCatalogSet, 0, "No network interfaces detected!"));
+    printerr("%s", vxcatgets(Catd, kRuntimeMessageSet, 0, "No network interfaces detected!"));
   }
   for (const ifreq& record : list.all()) {
     if (record.ifr_addr.sa_family != AF_INET) continue;

@@ -4,6 +4,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -11,20 +12,13 @@
 #include "liblocal/hosts/svc_time.h"
 #include "liblocal/messages/errinfo.h"
 #include "liblocal/startup/vxenv.h"
-#include "liblocal/threads/vx_once.h"
 
 namespace {
 
 constexpr size_t kSlotSize = sizeof(void*);  // of the table, which holds pointers
 constexpr int32_t kLowRoom = 2;              // free slots at which an insertion makes room
 
-vx_once_control lock_once;
-vx_mutex* cache_lock = nullptr;
-
-void create_lock() {
-  cache_lock = vx_mutex_new();
-  if (cache_lock == nullptr) raise(SIGTERM);
-}
+std::atomic<vx_mutex*> cache_lock;
 
 vx_error_record* no_memory() { return err_set(1, ENOMEM); }
 
@@ -134,8 +128,9 @@ host_entry* take_host(hostlist_cache* cache, const char* key, const char* name, 
 }  // namespace
 
 vx_mutex* hostlist_cache_lock() {
-  vx_once(&lock_once, create_lock);
-  return cache_lock;
+  vx_mutex* lock = vx_mutex_made_once(&cache_lock);
+  if (lock == nullptr) raise(SIGTERM);
+  return lock;
 }
 
 host_place hostlist_cache_find(const hostlist_cache* cache, const char* name) {

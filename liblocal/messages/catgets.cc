@@ -10,20 +10,19 @@
 #include "liblocal/messages/debug.h"
 #include "liblocal/messages/locales.h"
 #include "liblocal/messages/vxinit_done.h"
+#include "liblocal/threads/text_sizes.h"
 
 int64_t Catd = -1;
 
 namespace {
 
-constexpr int32_t kVersionSet = 17;
 constexpr int32_t kVersionNumber = 264;
 constexpr const char* kVersion = "#1";
-constexpr size_t kNameSize = 12288;  // bytes of a catalog's name
 
 nl_catd platform_catalog(int64_t catalog) { return reinterpret_cast<nl_catd>(catalog); }
 
 // The file name of the catalog `name`. False when it is too long.
-bool build_name(const char* name, char (&file)[kNameSize]) {
+bool build_name(const char* name, char (&file)[kPathSize]) {
   if (name == nullptr || strcmp(name, "kiv") == 0) name = "vaultmre.cat";
   const char* suffix = strchr(name, '.') == nullptr ? ".cat" : "";
   return static_cast<size_t>(snprintf(file, sizeof file, "%s%s", name, suffix)) < sizeof file;
@@ -31,7 +30,7 @@ bool build_name(const char* name, char (&file)[kNameSize]) {
 
 // A catalog without the marker is taken as it is.
 bool is_of_this_version(int64_t catalog) {
-  std::string_view version = vxcatgets(catalog, kVersionSet, kVersionNumber, "");
+  std::string_view version = vxcatgets(catalog, kRuntimeMessageSet, kVersionNumber, "");
   return version.empty() || version == kVersion;
 }
 
@@ -40,7 +39,8 @@ bool is_of_this_version(int64_t catalog) {
 const char* vxcatgets(int64_t catalog, int32_t set, int32_t number, const char* default_text) {
   if (catalog == -1) return default_text;
   // The version check of vxcatopen comes through during the initialisation too.
-  if (vxinit_done() == 0 && set != kVersionSet && number != kVersionNumber) return default_text;
+  if (vxinit_done() == 0 && set != kRuntimeMessageSet && number != kVersionNumber)
+    return default_text;
   int saved_errno = errno;
   const char* text = catgets(platform_catalog(catalog), set, number, default_text);
   errno = saved_errno;
@@ -49,7 +49,7 @@ const char* vxcatgets(int64_t catalog, int32_t set, int32_t number, const char* 
 
 int64_t vxcatopen(const char* name, int flags) {
   if (get_lang_subdir() == nullptr) return -1;
-  char file[kNameSize];
+  char file[kPathSize];
   int64_t catalog =
       build_name(name, file) ? reinterpret_cast<int64_t>(catopen(file, flags)) : int64_t{-1};
   if (catalog == -1) {

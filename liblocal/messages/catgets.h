@@ -13,6 +13,8 @@
 /// vxcatgets and never change it.
 extern int64_t Catd;
 
+constexpr int32_t kRuntimeMessageSet = 17;  // of the runtime and the RPC engine
+
 /// The text of message `number` of `set`: the catalog's, or `default_text`
 /// itself when no catalog is open or it holds no such message. Until _vxinit has
 /// ended, only set 17 and number 264 are looked up. Keeps `errno`. The caller neither

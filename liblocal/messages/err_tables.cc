@@ -12,8 +12,6 @@ char* rpc_errlist[kRpcErrorCodes];
 
 namespace {
 
-constexpr int32_t kCatalogSet = 17;
-
 struct CatalogText {
   int32_t number;
   const char* text;
@@ -118,7 +116,7 @@ vx_once_control tables_once;
 vx_once_control rpc_once;
 
 char* copy_of(const CatalogText& entry) {
-  return xstrdup(vxcatgets(Catd, kCatalogSet, entry.number, entry.text));
+  return xstrdup(vxcatgets(Catd, kRuntimeMessageSet, entry.number, entry.text));
 }
 
 // Part of every table's making, so here the texts get their release.

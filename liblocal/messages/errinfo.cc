@@ -17,7 +17,6 @@
 
 namespace {
 
-constexpr int32_t kCatalogSet = 17;
 constexpr int32_t kTypeUnit = 10000;
 constexpr int32_t kSeverityUnit = 1000;
 
@@ -82,11 +81,11 @@ void copy_message(const char* text, char* message) {
 const char* severity_word(int32_t severity) {
   switch (severity) {
     case kNotice:
-      return vxcatgets(Catd, kCatalogSet, 276, "notice");
+      return vxcatgets(Catd, kRuntimeMessageSet, 276, "notice");
     case kWarning:
-      return vxcatgets(Catd, kCatalogSet, 277, "warning");
+      return vxcatgets(Catd, kRuntimeMessageSet, 277, "warning");
     default:
-      return vxcatgets(Catd, kCatalogSet, 278, "error");
+      return vxcatgets(Catd, kRuntimeMessageSet, 278, "error");
   }
 }
 
@@ -193,10 +192,11 @@ void err_print(const vx_error_record* record) {
   Detail detail = detail_of(record->number, entry != nullptr);
   const char* word = severity_word(severity_of(record->number));
   if (entry != nullptr) {
-    printerr(vxcatgets(Catd, kCatalogSet, 280, "%s %s: %s%s\n"), entry->name, word, record->text,
-             detail.text);
+    printerr(vxcatgets(Catd, kRuntimeMessageSet, 280, "%s %s: %s%s\n"), entry->name, word,
+             record->text, detail.text);
   } else {
-    printerr(vxcatgets(Catd, kCatalogSet, 279, "%s, %s%s\n"), word, record->text, detail.text);
+    printerr(vxcatgets(Catd, kRuntimeMessageSet, 279, "%s, %s%s\n"), word, record->text,
+             detail.text);
   }
 }
 
@@ -246,7 +246,7 @@ const char* brix_strerror(int error) {
   if (found != nullptr && *found != '\0') {
     utf8_mbs(text, found, kErrorTextSize);
   } else {
-    snprintf(text, kErrorTextSize, vxcatgets(Catd, kCatalogSet, 149, "Error %d\n"), error);
+    snprintf(text, kErrorTextSize, vxcatgets(Catd, kRuntimeMessageSet, 149, "Error %d\n"), error);
   }
   errno = saved_errno;
   return text;

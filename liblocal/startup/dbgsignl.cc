@@ -22,7 +22,7 @@
 #include "liblocal/text/vxpath.h"
 #include "liblocal/threads/vx_thread.h"
 
-char Dbgcmdpath[kDbgcmdpathSize];
+char Dbgcmdpath[kPathSize];
 std::atomic<int> Debug_me;
 std::atomic<int> Force_debug;
 

@@ -8,12 +8,13 @@
 
 #include <atomic>
 
-constexpr int kDbgcmdpathSize = 12288;
+#include "liblocal/threads/text_sizes.h"
+
 constexpr int kDebugCommandLimit = 1024;  // bytes of a command file that are read
 
 /// Path of the debug command file; set once by _vxinit, and empty, which names no
 /// file, until then.
-extern char Dbgcmdpath[kDbgcmdpathSize];
+extern char Dbgcmdpath[kPathSize];
 
 extern std::atomic<int> Debug_me;     // not 0 at the start: wait to be debugged
 extern std::atomic<int> Force_debug;  // not 0 at the start: wait, whatever the program's name

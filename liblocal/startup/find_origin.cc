@@ -62,7 +62,9 @@ bool find_program(const char* argv0, char* path) {
 // Any of the names could be in a directory of someone else's.
 void refuse_hard_links(const char* path, nlink_t links) {
   if (links <= 1) return;
-  printerr(vxcatgets(Catd, 17, 291, "unable to execute with hard links to binary %s\n"), path);
+  printerr(
+      vxcatgets(Catd, kRuntimeMessageSet, 291, "unable to execute with hard links to binary %s\n"),
+      path);
   exit(1);
 }
 

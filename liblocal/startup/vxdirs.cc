@@ -8,7 +8,6 @@
 #include "liblocal/startup/find_origin.h"
 #include "liblocal/text/vxpath.h"
 #include "liblocal/threads/vx_mutex.h"
-#include "liblocal/threads/vx_once.h"
 #include "liblocal/threads/xmalloc.h"
 
 namespace {
@@ -46,8 +45,7 @@ Directory directories[] = {{"bin", nullptr},   {"applogs", nullptr}, {"cores", n
 
 // What follows is written under directory_mutex. The atomic pointers are set once
 // and then read without it.
-vx_once_control set_up_once;
-vx_mutex* directory_mutex = nullptr;
+std::atomic<vx_mutex*> directory_mutex;
 char* argv0_copy = nullptr;
 std::atomic<const char*> installdir;
 const char* application = nullptr;
@@ -55,14 +53,10 @@ const char* default_appdir = nullptr;
 const char* chosen_appdir = nullptr;
 std::atomic<char*> securedir;  // set without the mutex
 
-void set_up() {
-  directory_mutex = vx_mutex_new();
-  if (directory_mutex == nullptr) raise(SIGTERM);
-}
-
 vx_mutex* mutex() {
-  vx_once(&set_up_once, set_up);
-  return directory_mutex;
+  vx_mutex* made = vx_mutex_made_once(&directory_mutex);
+  if (made == nullptr) raise(SIGTERM);
+  return made;
 }
 
 bool lives_where_installed(const char* name) {

@@ -1,5 +1,6 @@
 #include "liblocal/startup/vxenv.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -11,13 +12,11 @@
 #include "liblocal/text/ascii.h"
 #include "liblocal/text/utf8_convert.h"
 #include "liblocal/threads/c_memory.h"
+#include "liblocal/threads/text_sizes.h"
 #include "liblocal/threads/vx_mutex.h"
-#include "liblocal/threads/vx_once.h"
 #include "liblocal/threads/xmalloc.h"
 
 namespace {
-
-constexpr size_t kValueSize = 18432;  // bytes of a converted text, terminator included
 
 // A text that add_to_environment has handed to the environment, which points at it
 // from then on: neither is ever freed.
@@ -26,11 +25,8 @@ struct Assignment {
   Assignment* next;
 };
 
-vx_once_control set_up_once;
-vx_mutex* list_mutex = nullptr;
+std::atomic<vx_mutex*> list_mutex;
 Assignment* assignments = nullptr;  // newest first; guarded by list_mutex
-
-void set_up() { list_mutex = vx_mutex_new(); }
 
 // "name=value" or "name=value:old", from malloc; null without memory.
 c_unique_ptr<char> make_assignment(const char* name, const char* value, const char* old) {
@@ -44,8 +40,7 @@ c_unique_ptr<char> make_assignment(const char* name, const char* value, const ch
 
 // The listed text that equals `text`, which is added when there is none.
 char* listed(c_unique_ptr<char> text) {
-  vx_once(&set_up_once, set_up);
-  VxMutexLock lock(list_mutex);
+  VxMutexLock lock(vx_mutex_made_once(&list_mutex));
   for (Assignment* each = assignments; each != nullptr; each = each->next) {
     if (strcmp(each->text, text.get()) == 0) return each->text;
   }
@@ -55,10 +50,10 @@ char* listed(c_unique_ptr<char> text) {
   return added->text;
 }
 
-// An area for a converted text, of kValueSize zero bytes, that is never freed; null
+// An area for a converted text, of kMessageSize zero bytes, that is never freed; null
 // without memory, which is told.
 char* new_area() {
-  char* area = static_cast<char*>(calloc(1, kValueSize));
+  char* area = static_cast<char*>(calloc(1, kMessageSize));
   if (area == nullptr) {
     printerr("%s\n", brix_strerror(ENOMEM));
     errno = ENOMEM;
@@ -72,7 +67,7 @@ const char* vxgetenv(const char* name) {
   const char* value = getenv(name);
   if (value == nullptr || is_ascii_text(value)) return value;
   char* converted = new_area();
-  if (converted != nullptr) utf8_mbs(converted, value, kValueSize);
+  if (converted != nullptr) utf8_mbs(converted, value, kMessageSize);
   return converted;
 }
 
@@ -81,7 +76,7 @@ int vxputenv(char* text) {
   if (is_ascii_text(text)) return putenv(text);
   char* converted = new_area();
   if (converted == nullptr) return -1;
-  ansi_mbs(converted, text, kValueSize);
+  ansi_mbs(converted, text, kMessageSize);
   return putenv(converted);
 }
 

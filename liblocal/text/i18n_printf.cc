@@ -9,11 +9,12 @@
 
 #include "liblocal/text/i18n_conversion.h"
 #include "liblocal/text/utf8_columns.h"
+#include "liblocal/threads/text_sizes.h"
 
 namespace {
 
-constexpr size_t kSlack = 18432;     // room beyond the format's length, and beyond each growth
-constexpr size_t kUsualNumber = 64;  // room for a number without width and precision
+constexpr size_t kSlack = kMessageSize;  // room beyond the format's length, and beyond each growth
+constexpr size_t kUsualNumber = 64;      // room for a number without width and precision
 
 // Where the text goes: to the caller's buffer, or to an area of its own that grows. Such
 // an area always has room for the literal text of the format.

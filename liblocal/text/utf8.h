@@ -11,8 +11,9 @@
 #include <cstdio>
 
 #include "liblocal/text/utf8_marks.h"
+#include "liblocal/threads/text_sizes.h"
 
-constexpr size_t kGetsSize = 18432;  // bytes of the buffer of vxgets
+constexpr size_t kGetsSize = kMessageSize;  // bytes of the buffer of vxgets
 
 /// Opens the file named by the UTF-8 text `path` as fopen does. The stream is
 /// not marked. Returns null with `errno` set on failure; the caller closes the

@@ -14,13 +14,13 @@
 #include "liblocal/text/mbt.h"
 #include "liblocal/text/utf8_codec.h"
 #include "liblocal/threads/liblvarp.h"
+#include "liblocal/threads/text_sizes.h"
 #include "liblocal/threads/vx_mutex.h"
 
 namespace {
 
 using std::string_view_literals::operator""sv;
 
-constexpr size_t kPathAreaSize = 12288;      // bytes of vx_utf8tombts's first step
 constexpr size_t kLeastThreadBuffer = 6144;  // bytes of a buffer of utf8encode
 constexpr size_t kShortRun = 16;             // bytes, behind a character that a codeset lacks
 
@@ -372,7 +372,7 @@ Utf8Progress ansi_mbs_part(char* output, size_t room, const char* input, size_t 
 }
 
 int vx_utf8tombts(char* output, const char* input, size_t size) {
-  char area[kPathAreaSize];
+  char area[kPathSize];
   if (ansi_mbs(area, input, sizeof area) == 0) return 0;
   return vx_mbstombts(output, area, size);
 }

@@ -9,11 +9,10 @@
 #include "liblocal/text/utf8_convert.h"
 #include "liblocal/threads/c_memory.h"
 #include "liblocal/threads/liblvarp.h"
+#include "liblocal/threads/text_sizes.h"
 #include "liblocal/threads/xmalloc.h"
 
 namespace {
-
-constexpr size_t kPathSize = 12288;  // bytes of a thread's path buffer
 
 // Memory of `size` bytes; null with ENOMEM in `errno`.
 c_unique_ptr<char> allocate(size_t size) {

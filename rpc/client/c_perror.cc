@@ -32,7 +32,7 @@ class ThreadText {
   ThreadText() : text_(get_rpc_t_varp()->text) { text_[0] = '\0'; }
 
   [[gnu::format(printf, 2, 3)]] void append(const char* format, ...) {
-    size_t room = kRpcTextSize - length_;
+    size_t room = kMessageSize - length_;
     va_list arguments;
     va_start(arguments, format);
     int wanted = vsnprintf(text_ + length_, room, format, arguments);
@@ -47,7 +47,7 @@ class ThreadText {
 
   // Ends the line, over the last byte of a full buffer, and returns the text.
   char* finish() {
-    length_ = std::min(length_, kRpcTextSize - 2);
+    length_ = std::min(length_, kMessageSize - 2);
     append("\n");
     return text_;
   }

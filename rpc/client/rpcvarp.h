@@ -8,12 +8,12 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "liblocal/threads/text_sizes.h"
 #include "liblocal/threads/varp.h"
 #include "rpc/messages/rpc_err.h"
 
 struct vx_mutex;
 
-constexpr size_t kRpcTextSize = 18432;            // bytes of an error's text
 constexpr int32_t kServerTransportSlots = 65536;  // one for each descriptor
 constexpr int32_t kServerTransportGroup = 256;    // slots that come into being together
 
@@ -48,7 +48,7 @@ struct rpc_server_transport {
 /// What the runtime keeps for each thread; zeroed at first.
 struct rpc_t_varp {
   rpc_createerr create_error;
-  char text[kRpcTextSize];      // c_perror.h
+  char text[kMessageSize];      // c_perror.h
   rpc_port_entry* port_cache;   // newest first; owned, each from malloc
   int32_t port_cache_read;      // 1 once the environment was read into it
   rpc_started_mapper* mappers;  // owned, each from malloc

@@ -1,0 +1,7 @@
+// How large texts may become, terminators included.
+#pragma once
+
+#include <cstddef>
+
+constexpr size_t kMessageSize = 18432;  // bytes of a message, a converted line
+constexpr size_t kPathSize = 12288;     // bytes of a path name
