@@ -87,9 +87,9 @@ void print_address(const uint8_t* bytes) {
   printf("%d.%d.%d.%d", bytes[0], bytes[1], bytes[2], bytes[3]);
 }
 
-void print_ticks(unsigned long hundredths) {
-  unsigned long seconds = hundredths / 100;
-  printf("%lu days %lu:%02lu:%02lu", seconds / 86400, seconds / 3600 % 24, seconds / 60 % 60,
+void print_ticks(uint32_t hundredths) {
+  uint32_t seconds = hundredths / 100;
+  printf("%u days %u:%02u:%02u", seconds / 86400, seconds / 3600 % 24, seconds / 60 % 60,
          seconds % 60);
 }
 
@@ -103,6 +103,10 @@ void print_generic_trap(long number) {
 
 long number_of(const snmp_var& var) { return *static_cast<const long*>(var.value); }
 
+// The engine hands over what has the top bit set as a negative number. Counters, gauges
+// and ticks are unsigned (RFC 1155).
+uint32_t as_unsigned(long number) { return static_cast<uint32_t>(number); }
+
 void print_value(const snmp_var& var) {
   const auto* bytes = static_cast<const uint8_t*>(var.value);
   size_t length = static_cast<size_t>(var.value_length);
@@ -111,14 +115,14 @@ void print_value(const snmp_var& var) {
       printf("INTEGER %ld", number_of(var));
       break;
     case kSnmpCounter:
-      printf("Counter %ld", number_of(var));
+      printf("Counter %" PRIu32, as_unsigned(number_of(var)));
       break;
     case kSnmpGauge:
-      printf("Gauge %ld", number_of(var));
+      printf("Gauge %" PRIu32, as_unsigned(number_of(var)));
       break;
     case kSnmpTimeTicks:
-      printf("TimeTicks %ld, ", number_of(var));
-      print_ticks(static_cast<unsigned long>(number_of(var)));
+      printf("TimeTicks %" PRIu32 ", ", as_unsigned(number_of(var)));
+      print_ticks(as_unsigned(number_of(var)));
       break;
     case kAsnOctetString:
       printf("OCTET STRING ");
@@ -164,7 +168,7 @@ void print_trap(const snmp_pdu& trap) {
   print_generic_trap(trap.generic_trap);
   printf("\n  specific    %ld", trap.specific_trap);
   printf("\n  up-time     ");
-  print_ticks(trap.time_stamp);
+  print_ticks(static_cast<uint32_t>(trap.time_stamp));
   for (const snmp_var* var = trap.variables; var != nullptr; var = var->next) {
     printf("\n  ");
     print_object_id(var->name, static_cast<size_t>(var->name_length));

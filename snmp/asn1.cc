@@ -16,25 +16,19 @@ constexpr uint64_t kFirstArcFactor = 40;  // the first two arcs travel as 40 * a
 
 // Contents of up to 64 bytes never need more header than a tag and one length
 // byte, so the items that cannot grow longer put theirs in place at once.
-constexpr int32_t kShortHeader = 2;
-static_assert(kAsnMaxObjidBytes < kLongForm);
+constexpr int32_t kShortHeader = asn_header_size(kAsnMaxObjidBytes);
+static_assert(kShortHeader == asn_header_size(0));
 
-// Writes `number`, above 0x7F, in base 128, most significant group first. Returns
-// the position past it, or nullptr when it would pass `end`.
-uint8_t* put_groups(uint8_t* at, const uint8_t* end, uint64_t number) {
-  int groups = (static_cast<int>(std::bit_width(number)) + 6) / 7;
-  if (end - at < groups) return nullptr;
-  for (int shift = 7 * (groups - 1); shift > 0; shift -= 7) {
+// Writes `number` in base 128, most significant group first. Returns the position past
+// it, or nullptr when it would pass `end`.
+uint8_t* put_subid(uint8_t* at, const uint8_t* end, uint64_t number) {
+  int shift = 0;
+  while (number >> shift > 0x7F) shift += 7;
+  for (; shift > 0 && at != end; shift -= 7) {
     *at++ = static_cast<uint8_t>(kMoreGroups | number >> shift);
   }
-  *at++ = static_cast<uint8_t>(number & 0x7F);
-  return at;
-}
-
-uint8_t* put_subid(uint8_t* at, const uint8_t* end, uint64_t number) {
-  if (number > 0x7F) return put_groups(at, end, number);
   if (at == end) return nullptr;
-  *at++ = static_cast<uint8_t>(number);
+  *at++ = static_cast<uint8_t>(number & 0x7F);
   return at;
 }
 
@@ -87,7 +81,7 @@ uint8_t* asn_build_length(uint8_t* at, int32_t* room, int32_t length) {
 }
 
 uint8_t* asn_build_header(uint8_t* at, int32_t* room, uint8_t tag, int32_t length) {
-  if (!can_build_length(length) || !take(room, 1 + asn_length_size(length))) return nullptr;
+  if (!can_build_length(length) || !take(room, asn_header_size(length))) return nullptr;
   *at = tag;
   return put_length(at + 1, length);
 }
@@ -107,7 +101,7 @@ uint8_t* asn_build_int(uint8_t* at, int32_t* room, uint8_t tag, const long* valu
 
 uint8_t* asn_build_string(uint8_t* at, int32_t* room, uint8_t tag, const uint8_t* bytes,
                           int32_t count) {
-  if (!can_build_length(count) || !take(room, 1 + asn_length_size(count) + count)) return nullptr;
+  if (!can_build_length(count) || !take(room, asn_header_size(count) + count)) return nullptr;
   *at = tag;
   at = put_length(at + 1, count);
   if (count > 0) memcpy(at, bytes, static_cast<size_t>(count));

@@ -32,6 +32,11 @@ constexpr int32_t kAsnMaxBuildLength = 65535;  // largest length that is written
   return length < 0x80 ? 1 : length < 0x100 ? 2 : 3;
 }
 
+/// Bytes of the header of an item with `length` (0 to 65535) content bytes, 2 to 4.
+[[nodiscard]] constexpr int32_t asn_header_size(int32_t length) {
+  return 1 + asn_length_size(length);
+}
+
 /// Content bytes of the low 32 bits of `value` in the shortest two's-complement
 /// form, 1 to 4: those that it reaches into once its sign is folded away, with one
 /// bit left for the sign.

@@ -10,22 +10,29 @@
 #include "snmp/snmp_auth.h"
 #include "snmp/snmp_pdu.h"
 #include "snmp/snmp_session.h"
+#include "snmp/snmp_texts.h"
 
 namespace {
 
 constexpr int32_t kAddressBytes = 4;
-constexpr int32_t kMessageSet = 41;   // catalog set of the engine's messages
-constexpr long kVersion1 = 0;         // SNMPv1 as a message states it
-constexpr int32_t kLongLength = 128;  // the first length that takes more than a byte
-constexpr int32_t kShortHeader = 2;   // bytes of a header with a shorter one
-
-// Bytes that a header of `length` content bytes takes beyond a short one.
-int32_t extra_length_bytes(int32_t length) { return asn_length_size(length) - 1; }
-
-// Completes a short header whose contents came to `length` bytes, below 128.
-void set_short_length(uint8_t* header, int32_t length) { header[1] = static_cast<uint8_t>(length); }
-
+constexpr long kVersion1 = 0;  // SNMPv1 as a message states it
 int32_t distance(const uint8_t* from, const uint8_t* to) { return static_cast<int32_t>(to - from); }
+
+// Gives the item at `header` its length, with `contents` built behind a provisional
+// header and ending at `end`. They move when the real header is longer. Returns the
+// item's end, or nullptr when `*room` cannot hold the difference.
+uint8_t* close_item(uint8_t* header, uint8_t* contents, uint8_t* end, int32_t* room) {
+  int32_t length = distance(contents, end);
+  int32_t header_size = asn_header_size(length);
+  int32_t growth = header_size - distance(header, contents);
+  if (growth > 0) {
+    if (*room < growth) return nullptr;
+    *room -= growth;
+    shift_bytes(contents, length, growth);
+    end += growth;
+  }
+  return asn_build_header(header, &header_size, *header, length) != nullptr ? end : nullptr;
+}
 
 uint8_t* build_value(uint8_t* at, int32_t* room, uint8_t type, const void* value,
                      int32_t value_length) {
@@ -95,17 +102,16 @@ struct Community {
   int32_t length;
 };
 
-// Builds a whole message front to back, the three headers around fields and
-// bindings as short as for empty contents. The usual message is then complete but
-// for their lengths; in a longer one, fields and bindings first move to make room
-// for longer headers. `build_fields` and `build_bindings` build as asn_build_* do.
-// Returns the message's length, or 0.
+// Builds a whole message front to back and then gives its items their lengths, from
+// the innermost outwards. `limit` is the longest PDU; `build_fields` and
+// `build_bindings` build as asn_build_* do. Returns the message's length, or 0.
 template <typename BuildFields, typename BuildBindings>
-int32_t build_message(uint8_t* packet, int32_t size, Community community, uint8_t command,
-                      BuildFields build_fields, BuildBindings build_bindings) {
+int32_t build_message(uint8_t* packet, int32_t size, int32_t limit, Community community,
+                      uint8_t command, BuildFields build_fields, BuildBindings build_bindings) {
   int32_t room = size;
   uint8_t* pdu = snmp_auth_build(packet, &room, community.bytes, &community.length, &kVersion1, 0);
   if (pdu == nullptr) return 0;
+  uint8_t* contents = pdu - snmp_auth_length(community.length, kVersion1);
   uint8_t* fields = asn_build_header(pdu, &room, command, 0);
   if (fields == nullptr) return 0;
   uint8_t* sequence = build_fields(fields, &room);
@@ -115,34 +121,12 @@ int32_t build_message(uint8_t* packet, int32_t size, Community community, uint8_
   uint8_t* end = build_bindings(bindings, &room);
   if (end == nullptr) return 0;
 
-  int32_t bindings_length = distance(bindings, end);
-  if (int32_t length = distance(packet, end) - kShortHeader; length < kLongLength) {
-    set_short_length(packet, length);
-    set_short_length(pdu, distance(fields, end));
-    set_short_length(sequence, bindings_length);
-    return kShortHeader + length;
-  }
-  int32_t sequence_growth = extra_length_bytes(bindings_length);
-  int32_t fields_length = distance(fields, sequence);
-  int32_t pdu_length = fields_length + kShortHeader + sequence_growth + bindings_length;
-  int32_t pdu_growth = extra_length_bytes(pdu_length);
-  int32_t pdu_item = kShortHeader + pdu_growth + pdu_length;
-  if (pdu_item > kSnmpMaxPacket) return 0;
-  int32_t message_growth =
-      snmp_auth_size(community.length, kVersion1, pdu_item) - distance(packet, pdu);
-  int32_t pdu_shift = message_growth + pdu_growth;
-  if (room < pdu_shift + sequence_growth) return 0;
-
-  shift_bytes(bindings, bindings_length, pdu_shift + sequence_growth);
-  shift_bytes(fields, fields_length, pdu_shift);
-  room = size;
-  pdu = snmp_auth_build(packet, &room, community.bytes, &community.length, &kVersion1, pdu_item);
-  if (pdu == nullptr) return 0;
-  fields = asn_build_header(pdu, &room, command, pdu_length);
-  if (fields == nullptr) return 0;
-  room -= fields_length;
-  bindings = asn_build_header(fields + fields_length, &room, kAsnSequence, bindings_length);
-  return bindings != nullptr ? distance(packet, bindings) + bindings_length : 0;
+  end = close_item(sequence, bindings, end, &room);
+  if (end == nullptr) return 0;
+  end = close_item(pdu, fields, end, &room);
+  if (end == nullptr || distance(pdu, end) > limit) return 0;
+  end = close_item(packet, contents, end, &room);
+  return end != nullptr ? distance(packet, end) : 0;
 }
 
 // --- Reading -----------------------------------------------------------------
@@ -152,9 +136,6 @@ const uint8_t* parse_long(const uint8_t* at, int32_t* left, uint8_t wanted, long
   at = asn_parse_int(at, left, &tag, value, sizeof *value);
   return tag == wanted ? at : nullptr;
 }
-
-// Counter, Gauge and TimeTicks are unsigned, whatever their top bit (RFC 1155).
-long as_unsigned_32(long value) { return static_cast<long>(static_cast<uint32_t>(value)); }
 
 // Reads an object identifier of at most 64 sub-identifiers into a new array.
 const uint8_t* parse_new_objid(const uint8_t* at, int32_t* left, uint64_t** subids,
@@ -187,7 +168,7 @@ const uint8_t* parse_trap_fields(const uint8_t* at, int32_t* left, snmp_pdu* pdu
   if (at == nullptr) return nullptr;
   long ticks = 0;
   at = parse_long(at, left, kSnmpTimeTicks, &ticks);
-  pdu->time_stamp = static_cast<unsigned long>(as_unsigned_32(ticks));
+  pdu->time_stamp = static_cast<unsigned long>(ticks);
   return at;
 }
 
@@ -205,9 +186,7 @@ bool parse_int_value(snmp_var* var, const uint8_t* item, int32_t left) {
   var->value = value;
   if (value == nullptr) return false;
   var->value_length = sizeof *value;
-  if (asn_parse_int(item, &left, &var->type, value, sizeof *value) == nullptr) return false;
-  if (var->type != kAsnInteger) *value = as_unsigned_32(*value);
-  return true;
+  return asn_parse_int(item, &left, &var->type, value, sizeof *value) != nullptr;
 }
 
 // An empty string has no bytes to own: its value stays null.
@@ -243,11 +222,12 @@ bool parse_value(snmp_var* var, const uint8_t* item, int32_t left, int32_t lengt
     case kSnmpOpaque:
       return parse_string_value(var, item, left, length);
     case kAsnNull:
-      return asn_parse_null(item, &left, &var->type) != nullptr;
+      return true;
     case kAsnObjectId:
       return parse_objid_value(var, item, left);
     default:
-      vxfprintf(stderr, vxcatgets(Catd, kMessageSet, 63, "bad type returned (%x)\n"), var->type);
+      vxfprintf(stderr, vxcatgets(Catd, kSnmpMessageSet, 63, "bad type returned (%x)\n"),
+                var->type);
       return true;
   }
 }
@@ -282,9 +262,9 @@ bool parse_variables(const uint8_t* at, int32_t left, snmp_pdu* pdu) {
 }
 
 void report_version(long version) {
-  vxfprintf(stderr, vxcatgets(Catd, kMessageSet, 61, "Wrong version: %d\n"),
+  vxfprintf(stderr, vxcatgets(Catd, kSnmpMessageSet, 61, "Wrong version: %d\n"),
             static_cast<int>(version));
-  vxfprintf(stderr, "%s", vxcatgets(Catd, kMessageSet, 62, "Continuing anyway\n"));
+  vxfprintf(stderr, "%s", vxcatgets(Catd, kSnmpMessageSet, 62, "Continuing anyway\n"));
 }
 
 }  // namespace
@@ -300,20 +280,7 @@ uint8_t* snmp_build_var_op(uint8_t* at, const uint64_t* name, const int32_t* nam
   uint8_t* end = asn_build_objid(contents, room, kAsnObjectId, name, *name_length);
   if (end == nullptr) return nullptr;
   end = build_value(end, room, type, value, value_length);
-  if (end == nullptr) return nullptr;
-
-  int32_t length = distance(contents, end);
-  int32_t growth = extra_length_bytes(length);
-  if (*room < growth) return nullptr;
-  if (growth == 0) {
-    set_short_length(at, length);
-    return end;
-  }
-  *room -= growth;
-  shift_bytes(contents, length, growth);
-  int32_t header_room = kShortHeader + growth;
-  contents = asn_build_header(at, &header_room, kAsnSequence, length);
-  return contents != nullptr ? contents + length : nullptr;
+  return end != nullptr ? close_item(at, contents, end, room) : nullptr;
 }
 
 const uint8_t* snmp_parse_var_op(const uint8_t* at, uint64_t* name, int32_t* name_length,
@@ -331,17 +298,14 @@ const uint8_t* snmp_parse_var_op(const uint8_t* at, uint64_t* name, int32_t* nam
   *value_length = contents;
   at = asn_parse_header(at, value_length, type);
   if (at == nullptr) return nullptr;
-  const uint8_t* end = at + *value_length;
-  // Bytes behind the value would be taken for the next binding.
-  if (end != start + whole) return nullptr;
   *left -= whole;
-  return end;
+  return start + whole;
 }
 
 int snmp_build_packet(const snmp_session* session, const snmp_pdu* pdu, uint8_t* packet,
                       int32_t* length) {
   int32_t built = build_message(
-      packet, *length, {session->community, session->community_length},
+      packet, *length, kSnmpMaxPacket, {session->community, session->community_length},
       static_cast<uint8_t>(pdu->command),
       [pdu](uint8_t* at, int32_t* room) { return build_pdu_fields(at, room, pdu); },
       [pdu](uint8_t* at, int32_t* room) { return build_variables(at, room, pdu->variables); });
@@ -357,7 +321,7 @@ int32_t snmp_build_trap(uint8_t* packet, int32_t* length, const uint64_t* enterp
                         const void* value) {
   static constexpr uint8_t kPublic[] = {'p', 'u', 'b', 'l', 'i', 'c'};
   int32_t built = build_message(
-      packet, *length, {kPublic, sizeof kPublic}, kSnmpTrap,
+      packet, *length, INT32_MAX, {kPublic, sizeof kPublic}, kSnmpTrap,
       [=](uint8_t* at, int32_t* room) {
         return build_trap_fields(at, room, enterprise, enterprise_length, agent_address,
                                  generic_trap, specific_trap, time_stamp);

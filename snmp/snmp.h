@@ -32,8 +32,9 @@ enum class SnmpParse {
                                          int32_t value_length, const void* value, int32_t* room);
 
 /// Reads one binding at `at` and returns the position past it, or nullptr when it
-/// is malformed. `name` holds `*name_length` entries on entry; the value is left
-/// undecoded: `*value` is where its item starts, `*type` its tag and
+/// is malformed; bytes of the binding behind its value are skipped. `name` holds `*name_length`
+/// entries on entry; the value is left undecoded: `*value` is where its item starts, `*type` its
+/// tag and
 /// `*value_length` its content bytes.
 [[nodiscard]] const uint8_t* snmp_parse_var_op(const uint8_t* at, uint64_t* name,
                                                int32_t* name_length, uint8_t* type,

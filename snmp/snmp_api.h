@@ -30,6 +30,7 @@ struct request_record {
   timeval sent_at;     // last send
   timeval expires_at;  // sent_at + timeout
   snmp_pdu* pdu;       // owned
+  bool busy;           // with the callback now, or done with; it goes with the round
 };
 
 /// The engine's side of an open session.
@@ -44,21 +45,22 @@ struct session_entry {
   session_entry* next;
   snmp_session* session;
   session_state* state;
+  session_entry* next_closed;  // while a round keeps it after snmp_close
 };
 
-extern session_entry* Sessions;               // open sessions, newest first
-extern long Reqid;                            // last request id given out; 0 until seeded
-extern int snmp_errno;                        // code of the last failure
-extern int snmp_dump_packet;                  // non-zero: dump every packet on standard output
-extern const uint64_t default_enterprise[9];  // for a trap without an enterprise
+extern session_entry* Sessions;  // open sessions, newest first
+extern long Reqid;               // last request id given out; 0 until seeded
+extern int snmp_errno;           // code of the last failure
+extern int snmp_dump_packet;     // non-zero: dump every packet on standard output
 
 /// Opens a session as `session_template` states, which is not used after the
 /// call. Returns the session's own copy, released with snmp_close, or null with
 /// snmp_errno set and the reason on standard error; nothing is then left behind.
 [[nodiscard]] snmp_session* snmp_open(const snmp_session* session_template);
 
-/// Closes `session` and releases it with its pending requests. Returns 1, or 0
-/// with snmp_errno -4 when it is not an open session.
+/// Closes `session` and releases it with its pending requests; inside a callback what
+/// was handed to the callback stays until that returns. Returns 1, or 0 with
+/// snmp_errno -4 when it is not an open session.
 int snmp_close(snmp_session* session);
 
 /// Sends `pdu` in one datagram, to its own address or else to the session's
@@ -68,11 +70,15 @@ int snmp_close(snmp_session* session);
 ///
 /// Returns the low 32 bits of the request id (1 for a trap), or 0 with snmp_errno
 /// set; `pdu` then stays the caller's and nothing is remembered.
+///
+/// REQUIRES: the low 32 bits of a request id of the caller's own are not all 0, which
+/// the result could not tell from a failure.
 [[nodiscard]] int32_t snmp_send(snmp_session* session, snmp_pdu* pdu);
 
 /// Reads one datagram of every session whose socket is in `readable` and calls
-/// its callback. A mangled message ends the call early, as does a callback that
-/// closes a session; what is still unread then stays readable.
+/// its callback. A mangled message ends the call early; what is still unread then
+/// stays readable. A callback may call this and snmp_timeout in turn, down to 16
+/// calls inside each other; deeper ones do nothing.
 void snmp_read(const vx_fd_set* readable);
 
 /// Prepares a wait: adds every session's socket to `readable` and raises `*count`

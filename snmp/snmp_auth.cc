@@ -4,28 +4,20 @@
 
 namespace {
 
-constexpr int32_t kTagSize = 1;
-
 // Bytes of a whole item with `length` content bytes.
-int32_t item_size(int32_t length) { return kTagSize + asn_length_size(length) + length; }
-
-// Bytes of the version item and the community item together.
-int32_t preamble_size(int32_t community_length, long version) {
-  return item_size(asn_int_size(version)) + item_size(community_length);
-}
+int32_t item_size(int32_t length) { return asn_header_size(length) + length; }
 
 }  // namespace
 
-int32_t snmp_auth_size(int32_t community_length, long version, int32_t pdu_length) {
-  int32_t preamble = preamble_size(community_length, version);
-  return item_size(preamble + pdu_length) - pdu_length;
+int32_t snmp_auth_length(int32_t community_length, long version) {
+  return item_size(asn_int_size(version)) + item_size(community_length);
 }
 
 uint8_t* snmp_auth_build(uint8_t* at, int32_t* room, const uint8_t* community,
                          const int32_t* community_length, const long* version, int32_t pdu_length) {
   if (*community_length < 0 || *community_length > kAsnMaxBuildLength) return nullptr;
-  int32_t preamble = preamble_size(*community_length, *version);
-  at = asn_build_header(at, room, kAsnSequence, preamble + pdu_length);
+  int32_t length = snmp_auth_length(*community_length, *version) + pdu_length;
+  at = asn_build_header(at, room, kAsnSequence, length);
   if (at == nullptr) return nullptr;
   at = asn_build_int(at, room, kAsnInteger, version, sizeof *version);
   if (at == nullptr) return nullptr;

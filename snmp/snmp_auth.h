@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-/// Bytes that snmp_auth_build writes before a PDU of `pdu_length` bytes.
-[[nodiscard]] int32_t snmp_auth_size(int32_t community_length, long version, int32_t pdu_length);
+/// Bytes of the version item and the community item together.
+[[nodiscard]] int32_t snmp_auth_length(int32_t community_length, long version);
 
 /// Writes the message header, the version and the community; the PDU of
 /// `pdu_length` bytes is the caller's to write at the position returned. Fails

@@ -6,22 +6,18 @@
 #include <cstdio>
 
 #include "liblocal/threads/vx_select.h"
-#include "snmp/snmp_api.h"
 #include "snmp/snmp_pdu.h"
+#include "snmp/snmp_sessions.h"
 
 synch_state snmp_synch_state = {};
 
 namespace {
 
-void stop_waiting(int status) {
-  snmp_synch_state.waiting = 0;
-  snmp_synch_state.status = status;
-}
-
 int synch_callback(int operation, snmp_session* /*session*/, int32_t request_id, snmp_pdu* pdu,
                    void* callback_arg) {
   auto* state = static_cast<synch_state*>(callback_arg);
   if (request_id != state->request_id) return 0;
+  if (state->waiting == 0) return 1;  // after the end of its wait it is nobody's
   state->waiting = 0;
   if (operation == kSnmpTimedOut) {
     state->status = kSnmpSynchTimeout;
@@ -32,6 +28,14 @@ int synch_callback(int operation, snmp_session* /*session*/, int32_t request_id,
   return 1;
 }
 
+// Whether `pdu` waits on `session` for its response.
+bool is_pending(const snmp_session* session, const snmp_pdu* pdu) {
+  const session_entry* entry = find_entry(session);
+  const request_record* request = entry != nullptr ? entry->state->requests : nullptr;
+  while (request != nullptr && (request->pdu != pdu || request->busy)) request = request->next;
+  return request != nullptr;
+}
+
 // Waits once for a message or for the next expiry, and lets the engine handle it.
 void wait_once() {
   int count = 0;
@@ -40,19 +44,14 @@ void wait_once() {
   vx_fd_set readable;
   VX_FD_ZERO(&readable);
   snmp_select_info(&count, &readable, &timeout, &block);
-  // No request is pending any more: a callback of another session closed ours, and
-  // a wait without limit would have no end.
-  if (block == 1) return stop_waiting(kSnmpSynchError);
   int ready = vx_select(count, &readable, nullptr, nullptr, &timeout);
   if (ready > 0) {
     snmp_read(&readable);
   } else if (ready == 0) {
     snmp_timeout();
-  } else if (ready < -1) {
-    stop_waiting(kSnmpSynchError);
-  } else if (errno != EINTR) {
-    perror("select");
-    stop_waiting(kSnmpSynchError);
+  } else if (ready < -1 || errno != EINTR) {
+    if (ready == -1) perror("select");
+    snmp_synch_state.waiting = 0;
   }
 }
 
@@ -65,20 +64,28 @@ synch_state* snmp_synch_setup(snmp_session* session) {
 }
 
 int snmp_synch_response(snmp_session* session, snmp_pdu* pdu, snmp_pdu** response) {
+  // A call inside a callback may interrupt another call.
+  const synch_state interrupted = snmp_synch_state;
   // What stands when the wait ends without an answer of its own: an error, and no
   // response left over from an earlier call.
   snmp_synch_state = {
       .waiting = 1, .status = kSnmpSynchError, .request_id = 0, .response = nullptr};
-  *response = nullptr;
-  snmp_synch_state.request_id = snmp_send(session, pdu);
-  if (snmp_synch_state.request_id == 0) {
-    snmp_synch_state.waiting = 0;
-    snmp_free_pdu(pdu);
-    return kSnmpSynchError;
+  if (is_too_deep()) {
+    fail(kSnmpErrGeneric);
+  } else {
+    snmp_synch_state.request_id = snmp_send(session, pdu);
   }
-  while (snmp_synch_state.waiting != 0) wait_once();
-  // A response that comes after the end of its wait is nobody's.
-  snmp_synch_state.request_id = 0;
+  if (is_pending(session, pdu)) {
+    // Not for good: a callback may close the session, and a call inside a callback
+    // sees, and does not take, what comes for this one.
+    do wait_once();
+    while (snmp_synch_state.waiting != 0 && is_pending(session, pdu));
+  } else {
+    snmp_free_pdu(pdu);  // it could not be sent, or gets no response
+  }
+  snmp_synch_state.waiting = 0;
   *response = snmp_synch_state.response;
-  return snmp_synch_state.status;
+  int status = snmp_synch_state.status;
+  if (interrupted.waiting != 0) snmp_synch_state = interrupted;
+  return status;
 }

@@ -27,9 +27,14 @@ extern synch_state snmp_synch_state;
 synch_state* snmp_synch_setup(snmp_session* session);
 
 /// Sends `pdu`, a Get, GetNext or Set request, and waits for its response or its
-/// time-out. `pdu` belongs to the call from here on, also when it fails.
+/// time-out. `pdu` belongs to the call from here on, also when it fails. A PDU of
+/// another kind is sent, and the result is an error: nothing answers it.
 ///
 /// REQUIRES: snmp_synch_setup was called for `session`.
+///
+/// A callback may call it too. What comes for a call that is thereby interrupted is
+/// not taken meanwhile, so that its request is repeated. Fails at once inside 16
+/// calls of snmp_read and snmp_timeout.
 ///
 /// Returns 0 with `*response` set, which the caller releases with snmp_free_pdu;
 /// or 1 (error) or 2 (timed out) with `*response` null.

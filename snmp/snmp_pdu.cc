@@ -7,9 +7,9 @@
 
 #include "snmp/asn1.h"
 
-namespace {
+const uint64_t default_enterprise[9] = {1, 3, 6, 1, 4, 1, 3, 1, 1};
 
-const char* const error_string[] = {
+const char* const error_string[6] = {
     "No Error",
     "Response message would have been too large.",
     "There is no such variable name in this MIB.",
@@ -18,10 +18,7 @@ const char* const error_string[] = {
     "A general failure occured",
 };
 
-struct FreePdu {
-  void operator()(snmp_pdu* pdu) const { snmp_free_pdu(pdu); }
-};
-using unique_pdu = std::unique_ptr<snmp_pdu, FreePdu>;
+namespace {
 
 // A copy of `bytes` bytes at `from`, or null for none; `*ok` turns false without
 // memory.

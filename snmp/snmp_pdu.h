@@ -8,6 +8,7 @@
 #include <netinet/in.h>
 
 #include <cstdint>
+#include <memory>
 
 // PDU tags, the values of snmp_pdu::command.
 constexpr uint8_t kSnmpGetRequest = 0xA0;
@@ -52,12 +53,20 @@ struct snmp_pdu {
   snmp_var* variables;  // owned, in wire order
 };
 
+extern const uint64_t default_enterprise[9];  // for a trap without an enterprise
+extern const char* const error_string[6];     // texts by error status
+
 /// A new zeroed PDU of `command` with error status and error index -1. Returns
 /// null without memory. The caller releases it with snmp_free_pdu.
 [[nodiscard]] snmp_pdu* snmp_pdu_create(int32_t command);
 
 /// Releases `pdu` with all it owns. Null is allowed.
 void snmp_free_pdu(snmp_pdu* pdu);
+
+struct FreePdu {
+  void operator()(snmp_pdu* pdu) const { snmp_free_pdu(pdu); }
+};
+using unique_pdu = std::unique_ptr<snmp_pdu, FreePdu>;
 
 /// Stores a new zeroed binding in `*link`, the null end of a binding list. Returns
 /// it, or null without memory; the list is then as before. It belongs to the list.
@@ -75,6 +84,5 @@ void snmp_add_null_var(snmp_pdu* pdu, const uint64_t* name, int32_t name_length)
 /// is not such a response, when no binding would be left, or without memory.
 [[nodiscard]] snmp_pdu* snmp_fix_pdu(const snmp_pdu* pdu, int32_t command);
 
-/// The text of an error status (0 to 5), "Unknown Error" for any other. The text
-/// is static.
+/// The error_string of an error status, "Unknown Error" for any other than 0 to 5.
 [[nodiscard]] const char* snmp_errstring(int32_t error_status);

@@ -18,17 +18,14 @@ constexpr long kSnmpDefaultTimeout = -1;
 /// Filter for received messages, called between the community and the PDU. It
 /// returns the position to continue from (and may change `*left`, the bytes
 /// there), or null, which drops the message.
-///
-/// REQUIRES: it closes no session.
 using snmp_auth_hook = const uint8_t* (*)(const uint8_t* pdu, int32_t* left,
                                           const uint8_t* community, int32_t community_length);
 
 /// Receives messages and time-outs. The PDU is released after the call. The
 /// request id has 32 bits, as snmp_send returns it. For a response a result of 1
-/// means that it was taken: the pending request is then removed.
-///
-/// REQUIRES: it may send on, open and close sessions, but must not call
-/// snmp_read, snmp_timeout or snmp_synch_response.
+/// means that it was taken: the pending request is then removed. It may call every
+/// operation of the engine; meanwhile the request that it is called for waits for
+/// nothing.
 using snmp_callback = int (*)(int operation, snmp_session* session, int32_t request_id,
                               snmp_pdu* pdu, void* callback_arg);
 

@@ -1,0 +1,84 @@
+// Receiving messages and handing them to the callbacks.
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <cstdio>
+
+#include "liblocal/messages/catgets.h"
+#include "liblocal/text/vxprint.h"
+#include "snmp/snmp.h"
+#include "snmp/snmp_send.h"
+#include "snmp/snmp_sessions.h"
+#include "snmp/snmp_texts.h"
+
+namespace {
+
+// Offers a response to the requests with its id until it is taken.
+void deliver_response(session_entry* entry, snmp_pdu* response) {
+  int32_t id = low_32_bits(response->request_id);
+  for (request_record* request = entry->state->requests; request != nullptr;
+       request = request->next) {
+    if (request->busy || low_32_bits(request->request_id) != id) continue;
+    request->busy = true;
+    int result = call_back(kSnmpReceivedMessage, entry->session, response);
+    if (result == 1 || is_closed(entry)) return;
+    request->busy = false;
+  }
+}
+
+void deliver(session_entry* entry, snmp_pdu* pdu) {
+  switch (pdu->command) {
+    case kSnmpGetResponse:
+      return deliver_response(entry, pdu);
+    case kSnmpGetRequest:
+    case kSnmpGetNextRequest:
+    case kSnmpSetRequest:
+    case kSnmpTrap:
+      call_back(kSnmpReceivedMessage, entry->session, pdu);
+  }
+}
+
+// Reads and delivers one datagram. False when it was mangled, which ends the round.
+bool read_session(session_entry* entry) {
+  uint8_t packet[kSnmpMaxPacket];
+  sockaddr_in from{};
+  socklen_t from_length = sizeof from;
+  // A datagram whose checksum is wrong is gone by now: that must not block.
+  ssize_t length = recvfrom(entry->state->socket, packet, sizeof packet, MSG_DONTWAIT,
+                            reinterpret_cast<sockaddr*>(&from), &from_length);
+  if (length < 0) {
+    perror("recvfrom");
+    return true;
+  }
+  if (snmp_dump_packet != 0) {
+    char sender[INET_ADDRSTRLEN];
+    inet_ntop(AF_INET, &from.sin_addr, sender, sizeof sender);
+    vxprintf(vxcatgets(Catd, kSnmpMessageSet, 66, "recieved %d bytes from %s:\n"),
+             static_cast<int>(length), sender);
+    dump_packet(packet, static_cast<int32_t>(length));
+  }
+  unique_pdu pdu(snmp_pdu_create(0));
+  if (pdu == nullptr) return true;  // no memory: the datagram is lost, as on the network
+  pdu->address = from;
+  switch (snmp_parse_packet(entry->session, pdu.get(), {packet, static_cast<size_t>(length)})) {
+    case SnmpParse::kDone:
+      if (!is_closed(entry)) deliver(entry, pdu.get());  // the auth_hook may have closed it
+      return true;
+    case SnmpParse::kDropped:
+      return true;
+    case SnmpParse::kMangled:
+      vxfprintf(stderr, "%s", vxcatgets(Catd, kSnmpMessageSet, 67, "Mangled packet\n"));
+      return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void snmp_read(const vx_fd_set* readable) {
+  if (!begin_round()) return;
+  for (session_entry* entry = Sessions; entry != nullptr; entry = entry->next) {
+    if (VX_FD_ISSET(entry->state->socket, readable) && !read_session(entry)) break;
+  }
+  end_round();
+}

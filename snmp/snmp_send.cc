@@ -1,0 +1,126 @@
+#include "snmp/snmp_send.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "liblocal/messages/catgets.h"
+#include "liblocal/text/vxprint.h"
+#include "liblocal/threads/c_memory.h"
+#include "snmp/snmp.h"
+#include "snmp/snmp_sessions.h"
+#include "snmp/snmp_texts.h"
+
+int snmp_dump_packet = 0;
+
+namespace {
+
+constexpr long kMicrosecondsPerSecond = 1000000;
+constexpr long kTrapRequestId = 1;
+constexpr int32_t kDumpColumns = 16;
+
+bool gets_response(int32_t command) {
+  return command == kSnmpGetRequest || command == kSnmpGetNextRequest || command == kSnmpSetRequest;
+}
+
+// The ids whose low bits are 0 are left out: a result of 0 means failure.
+long next_request_id() {
+  do {
+    ++Reqid;
+  } while (low_32_bits(Reqid) == 0);
+  return Reqid;
+}
+
+bool complete_trap(snmp_pdu* pdu) {
+  pdu->request_id = kTrapRequestId;
+  if (pdu->enterprise_length != 0) return true;
+  auto* enterprise = static_cast<uint64_t*>(malloc(sizeof default_enterprise));
+  if (enterprise == nullptr) return fail(kSnmpErrGeneric);
+  memcpy(enterprise, default_enterprise, sizeof default_enterprise);
+  free(pdu->enterprise);
+  pdu->enterprise = enterprise;
+  pdu->enterprise_length = std::size(default_enterprise);
+  return true;
+}
+
+bool complete_pdu(snmp_pdu* pdu) {
+  if (!gets_response(pdu->command) && pdu->command != kSnmpGetResponse) return complete_trap(pdu);
+  if (pdu->request_id == 0) pdu->request_id = next_request_id();
+  if (pdu->error_status == -1) pdu->error_status = 0;
+  if (pdu->error_index == -1) pdu->error_index = 0;
+  return true;
+}
+
+bool complete_address(snmp_pdu* pdu, const sockaddr_in& peer) {
+  if (pdu->address.sin_addr.s_addr == 0) pdu->address = peer;
+  if (pdu->address.sin_addr.s_addr != 0) return true;
+  vxfprintf(stderr, "%s", vxcatgets(Catd, kSnmpMessageSet, 64, "No remote IP address specified\n"));
+  return fail(kSnmpErrUnknownHost);
+}
+
+}  // namespace
+
+void dump_packet(const uint8_t* packet, int32_t length) {
+  for (int32_t i = 0; i < length; ++i) {
+    vxprintf("%02X ", packet[i]);
+    if (i % kDumpColumns == kDumpColumns - 1) vxprintf("\n");
+  }
+  vxprintf("\n\n");
+}
+
+int32_t prepare_packet(const snmp_session* session, const snmp_pdu* pdu, uint8_t* packet) {
+  int32_t length = kSnmpMaxPacket;
+  if (snmp_build_packet(session, pdu, packet, &length) != 0) {
+    vxfprintf(stderr, "%s", vxcatgets(Catd, kSnmpMessageSet, 65, "Error building packet\n"));
+    return fail(kSnmpErrGeneric);
+  }
+  if (snmp_dump_packet != 0) dump_packet(packet, length);
+  return length;
+}
+
+bool send_packet(int socket, const snmp_pdu* pdu, const uint8_t* packet, int32_t length) {
+  ssize_t sent = sendto(socket, packet, static_cast<size_t>(length), 0,
+                        reinterpret_cast<const sockaddr*>(&pdu->address), sizeof pdu->address);
+  if (sent >= 0) return true;
+  perror("sendto");
+  return fail(kSnmpErrGeneric);
+}
+
+void start_waiting(request_record* request, const timeval& sent_at) {
+  timeval wait = {request->timeout / kMicrosecondsPerSecond,
+                  request->timeout % kMicrosecondsPerSecond};
+  request->sent_at = sent_at;
+  timeradd(&sent_at, &wait, &request->expires_at);
+}
+
+int32_t snmp_send(snmp_session* session, snmp_pdu* pdu) {
+  session_entry* entry = find_entry(session);
+  if (entry == nullptr) return fail(kSnmpErrUnknownSession);
+  if (!complete_pdu(pdu) || !complete_address(pdu, entry->state->peer_address)) return 0;
+  uint8_t packet[kSnmpMaxPacket];
+  int32_t length = prepare_packet(session, pdu, packet);
+  if (length == 0) return 0;
+
+  // The record is made before anything is sent, so that what was sent is always
+  // remembered.
+  c_unique_ptr<request_record> request;
+  if (gets_response(pdu->command)) {
+    request.reset(static_cast<request_record*>(calloc(1, sizeof(request_record))));
+    if (request == nullptr) return fail(kSnmpErrGeneric);
+  }
+  timeval sent_at = now();
+  if (!send_packet(entry->state->socket, pdu, packet, length)) return 0;
+  if (request != nullptr) {
+    request->request_id = pdu->request_id;
+    request->retries = 1;
+    request->timeout = std::max(session->timeout, 0L);
+    request->pdu = pdu;
+    start_waiting(request.get(), sent_at);
+    request->next = entry->state->requests;
+    entry->state->requests = request.release();
+  }
+  return low_32_bits(pdu->request_id);
+}
