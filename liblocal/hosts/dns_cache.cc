@@ -22,7 +22,6 @@
 namespace {
 
 constexpr hostlist_limits kLimits = {.variable = "MAX_DNS_CACHE_SIZE", .least_maximum = 0x20000};
-constexpr const char* kLocalWord = "localhost";
 
 vx_once_control release_once;
 
@@ -40,6 +39,8 @@ bool knows_own_name(const hostlist_cache* cache) {
 struct DottedText {
   char text[INET_ADDRSTRLEN];
 };
+
+constexpr DottedText kLocalWord = {"localhost"};  // may stand for an address
 
 // By hand, since the platform's conversion brings its whole formatter along.
 DottedText dotted(in_addr address) {
@@ -67,6 +68,27 @@ struct AddressList {
   std::span<const in_addr> all() const { return {addresses, count}; }
 };
 
+// Addresses that wait until all names are in a chain.
+class DottedList {
+ public:
+  explicit DottedList(size_t room)
+      : texts_(static_cast<DottedText*>(calloc(room, sizeof(DottedText)))) {}
+
+  bool has_room() const { return texts_ != nullptr; }
+  void push(const DottedText& text) { texts_.get()[count_++] = text; }
+  vx_error_record* add_to(hostlist_cache* cache, host_entry* host) const {
+    vx_error_record* error = nullptr;
+    for (size_t i = 0; i < count_ && error == nullptr; ++i) {
+      error = hostlist_cache_add_names(cache, host, texts_.get()[i].text, nullptr);
+    }
+    return error;
+  }
+
+ private:
+  c_unique_ptr<DottedText> texts_;
+  size_t count_ = 0;
+};
+
 const hostent* reverse_lookup(in_addr address) {
   return vx_ts_gethostbyaddr(&address, sizeof address, AF_INET);
 }
@@ -80,10 +102,13 @@ vx_error_record* add_short_name(hostlist_cache* cache, host_entry* host, const h
   return hostlist_cache_add_names(cache, host, label.get(), answer.h_aliases);
 }
 
-// The addresses of all interfaces, and what they are called.
+// What the addresses of all interfaces are called, and then those addresses.
 vx_error_record* add_own_addresses(hostlist_cache* cache, host_entry* host) {
   sockaddr_in* table = nullptr;
   const int32_t count = get_myaddrs(&table);
+  if (count <= 0) return nullptr;
+  DottedList named(static_cast<size_t>(count));
+  if (!named.has_room()) return err_set(1, ENOMEM);
   for (int32_t i = 0; i < count; ++i) {
     if (table[i].sin_family != AF_INET) continue;
     const DottedText address = dotted(table[i].sin_addr);
@@ -95,38 +120,34 @@ vx_error_record* add_own_addresses(hostlist_cache* cache, host_entry* host) {
     if (clu_is_localvirthost(reverse->h_name) != 0) continue;
     vx_error_record* error =
         hostlist_cache_add_names(cache, host, reverse->h_name, reverse->h_aliases);
-    if (error == nullptr) error = hostlist_cache_add_names(cache, host, address.text, nullptr);
     if (error != nullptr) return error;
+    named.push(address);
   }
-  return nullptr;
+  return named.add_to(cache, host);
 }
 
-// One address of the answer for `asked`, and what it is called.
-vx_error_record* add_address(hostlist_cache* cache, host_entry* host, const char* asked,
-                             in_addr address, bool local) {
-  const DottedText text = dotted(address);
-  const char* kept = text.text;
-  const hostent* reverse = reverse_lookup(address);
-  vx_error_record* error = nullptr;
-  if (reverse == nullptr) {
-    if (Debug >= 0) {
-      debugprintf("Reverse DNS lookup failed for host %s, address %s\n", asked, text.text);
-    }
-  } else if (local && clu_is_localvirthost(reverse->h_name) != 0) {
-    kept = kLocalWord;
-  } else {
-    error = hostlist_cache_add_names(cache, host, reverse->h_name, nullptr);
-  }
-  return error != nullptr ? error : hostlist_cache_add_names(cache, host, kept, nullptr);
-}
-
+// What the addresses of the answer for `asked` are called, and then those addresses.
 vx_error_record* add_addresses(hostlist_cache* cache, host_entry* host, const char* asked,
                                const AddressList& addresses, bool local) {
+  DottedList collected(addresses.count);
+  if (!collected.has_room()) return err_set(1, ENOMEM);
   for (in_addr address : addresses.all()) {
-    vx_error_record* error = add_address(cache, host, asked, address, local);
+    DottedText text = dotted(address);
+    const hostent* reverse = reverse_lookup(address);
+    vx_error_record* error = nullptr;
+    if (reverse == nullptr) {
+      if (Debug >= 0) {
+        debugprintf("Reverse DNS lookup failed for host %s, address %s\n", asked, text.text);
+      }
+    } else if (local && clu_is_localvirthost(reverse->h_name) != 0) {
+      text = kLocalWord;
+    } else {
+      error = hostlist_cache_add_names(cache, host, reverse->h_name, nullptr);
+    }
     if (error != nullptr) return error;
+    collected.push(text);
   }
-  return nullptr;
+  return collected.add_to(cache, host);
 }
 
 // A failure here leaves out names; the host is good without them.
@@ -169,7 +190,7 @@ host_entry* dns_cache_known(const char* name) {
 }
 
 bool dns_cache_is_local_word(const char* name) {
-  return name == nullptr || *name == '\0' || strcasecmp(name, kLocalWord) == 0;
+  return name == nullptr || *name == '\0' || strcasecmp(name, kLocalWord.text) == 0;
 }
 
 host_entry* dns_cache_resolve(hostlist_cache* cache, const char* name, int64_t now) {
@@ -190,7 +211,7 @@ host_entry* dns_cache_resolve(hostlist_cache* cache, const char* name, int64_t n
   if (local) become_local_host(cache, host, *answer);
   vx_error_record* error = add_addresses(cache, host, asked, addresses, local);
   if (error == nullptr) {
-    error = hostlist_cache_add_names(cache, host, local ? kLocalWord : name, nullptr);
+    error = hostlist_cache_add_names(cache, host, local ? kLocalWord.text : name, nullptr);
   }
   if (error == nullptr) return host;
   err_print(error);

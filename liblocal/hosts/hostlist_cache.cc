@@ -39,9 +39,9 @@ host_entry* take_entry(hostlist_cache* cache) {
   return entry;
 }
 
-// Makes room without evicting `host`.
+// Makes room without evicting `host`, which is live then, unless its name is unknown.
 void extend_around(hostlist_cache* cache, host_entry* host) {
-  uint32_t state = host->state;
+  const uint32_t state = host->state == HOST_UNRESOLVED ? HOST_UNRESOLVED : HOST_LIVE;
   host->state = HOST_PINNED;
   hostlist_cache_extend(cache);
   host->state = state;
@@ -53,7 +53,7 @@ int32_t position_of(const hostlist_cache* cache, const host_entry* entry, int32_
   return strcasecmp(entry->name, cache->table[hint]->name) > 0 ? hint + 1 : hint;
 }
 
-// Gives an entry of the table, dropped by now, to another host.
+// Gives an entry of the table to a host.
 void reuse(hostlist_cache* cache, host_entry* entry, host_entry* primary, uint32_t state,
            int64_t expiry) {
   if (entry->state == HOST_STALE) --cache->stale_count;
@@ -69,17 +69,18 @@ int32_t maximum_of(const hostlist_limits* limits) {
   return std::clamp(maximum, limits->least_maximum, INT32_MAX - limits->step);
 }
 
+// The new table is fresh from the system, so that slots never used cost no memory.
 bool grow(hostlist_cache* cache) {
-  auto old_size = static_cast<size_t>(cache->capacity);
-  auto added = static_cast<size_t>(cache->limits->step);
-  void* larger = realloc(cache->table, (old_size + added) * kSlotSize);
+  const int32_t capacity = cache->capacity + cache->limits->step;
+  void* larger = calloc(static_cast<size_t>(capacity), kSlotSize);
   if (larger == nullptr) {
     no_memory();
     return false;
   }
+  std::copy_n(cache->table, cache->count, static_cast<host_entry**>(larger));
+  free(cache->table);
   cache->table = static_cast<host_entry**>(larger);
-  std::fill_n(cache->table + old_size, added, nullptr);
-  cache->capacity += cache->limits->step;
+  cache->capacity = capacity;
   return true;
 }
 
@@ -247,10 +248,11 @@ host_entry* hostlist_cache_add_alias(hostlist_cache* cache, host_entry* primary,
     entry = hostlist_cach_new_host(cache, name, primary, primary->state, primary->expiry);
     return entry != nullptr && hostlist_cache_insert(cache, entry, hint) ? entry : nullptr;
   }
-  if (entry->primary != primary && entry->primary != cache->local_host) {
+  if (entry->primary != primary) {
+    if (entry->primary == cache->local_host) return entry;
     hostlist_cache_drop_host(cache, entry);
-    reuse(cache, entry, primary, primary->state, primary->expiry);
   }
+  reuse(cache, entry, primary, primary->state, primary->expiry);
   return entry;
 }
 
@@ -260,10 +262,11 @@ vx_error_record* hostlist_cache_add_names(hostlist_cache* cache, host_entry* pri
   if (list == nullptr) list = &none;
   host_entry* tail = last_of(primary);
   for (const char* each = name != nullptr ? name : *list++; each != nullptr; each = *list++) {
+    const host_entry* known = hostlist_cache_find(cache, each).entry;
+    if (known != nullptr && known->primary == primary) continue;
     host_entry* entry = hostlist_cache_add_alias(cache, primary, each);
     if (entry == nullptr) return no_memory();
-    // Only an entry that is new here has no next without being the last.
-    if (entry->primary != primary || entry == tail || entry->next != nullptr) continue;
+    if (entry->primary != primary) continue;  // the local host's
     tail->next = entry;
     tail = entry;
   }

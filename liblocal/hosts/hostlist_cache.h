@@ -93,8 +93,9 @@ struct host_place {
 
 /// Puts `entry` into the table. `hint` is where the search for its name ended, without
 /// another operation since. Makes room when little is left; the entry's own host is not
-/// evicted for it. When the table is full and no room can be made the entry is given back
-/// to the free list. Returns whether it is in the table.
+/// evicted for it, and unless its name is unknown it is HOST_LIVE then. When the table is full and
+/// no room can be made the entry is given back to the free list. Returns whether it is in the
+/// table.
 [[nodiscard]] bool hostlist_cache_insert(hostlist_cache* cache, host_entry* entry, int32_t hint);
 
 /// Makes the whole host of `entry` stale, ending its chain. When it was the local host
@@ -114,10 +115,10 @@ bool hostlist_cache_extend(hostlist_cache* cache);
 /// expired, then any. The local host and pinned ones stay.
 void hostlist_cache_trim(hostlist_cache* cache);
 
-/// Makes `name` an entry of the host `primary`, for the caller to link into its chain
-/// unless it is there already. Another host that the name belonged to is dropped, but the
-/// local host keeps its names: what the resolver says of others never changes who this
-/// host is. Returns the entry of `name`, or null.
+/// Makes `name` an entry of the host `primary`, with that one's state and expiry, for the
+/// caller to link into its chain unless it is there already. Another host that the name belonged to
+/// is dropped, but the local host keeps its names: what the resolver says of others never changes
+/// who this host is. Returns the entry of `name`, or null.
 [[nodiscard]] host_entry* hostlist_cache_add_alias(hostlist_cache* cache, host_entry* primary,
                                                    const char* name);
 
