@@ -4,13 +4,14 @@
 #include <gtest/gtest.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <string>
 
 #include "liblocal/hosts/hostlist_cache.h"
 
 /// Empty when `cache` is sound, else what is wrong with it.
 inline std::string hostlist_fault(const hostlist_cache& cache) {
-  int32_t stale = 0, chained = 0, living = 0;
+  int32_t stale = 0, chained = 0;
   bool local_host_seen = cache.local_host == nullptr;
   if (cache.count > cache.capacity) return "more entries than slots";
   for (int32_t i = 0; i < cache.count; ++i) {
@@ -19,24 +20,21 @@ inline std::string hostlist_fault(const hostlist_cache& cache) {
     if (entry->state == HOST_STALE) {
       ++stale;
       if (entry->primary != entry || entry->next != nullptr) return "a stale entry has a chain";
-      continue;
     }
-    ++living;
-    if (entry->primary->primary != entry->primary) return "a primary that is none";
-    if (entry->primary->state == HOST_STALE) return "an entry of a stale host";
-    if (entry == cache.local_host && entry->primary == entry) local_host_seen = true;
-    if (entry->primary != entry) continue;
+    if (entry->primary != entry || entry->state == HOST_STALE) continue;
+    if (entry == cache.local_host) local_host_seen = true;
     for (const host_entry* link = entry; link != nullptr; link = link->next) {
       if (++chained > cache.count) return "a chain without end";
       if (link->primary != entry) return "a chain with another's entry";
       if (link->state == HOST_STALE) return "a chain with a stale entry";
     }
   }
-  if (chained != living) return "an entry that is in no chain";
+  if (chained + stale != cache.count) return "an entry that is in no chain";
   if (stale != cache.stale_count) return "stale entries miscounted";
   if (!local_host_seen) return "a local host that is no host of the table";
-  for (int32_t i = cache.count; i < cache.capacity; ++i) {
-    if (cache.table[i] != nullptr) return "a free slot in use";
+  if (std::count(cache.table, cache.table + cache.capacity, nullptr) !=
+      cache.capacity - cache.count) {
+    return "a free slot in use";
   }
   for (const host_entry* free = cache.free_list; free != nullptr; free = free->next) {
     if (free->name != nullptr) return "a free entry with a name";
@@ -46,8 +44,7 @@ inline std::string hostlist_fault(const hostlist_cache& cache) {
 
 /// The names of a host, in the order of its chain, with a blank between them.
 inline std::string names_of(const host_entry* host) {
-  std::string names;
-  for (; host != nullptr; host = host->next)
-    names += (names.empty() ? "" : " ") + std::string(host->name);
+  std::string names = host != nullptr ? host->name : "";
+  while (host != nullptr && (host = host->next) != nullptr) names += std::string(" ") + host->name;
   return names;
 }

@@ -1,24 +1,52 @@
 #include "tests/stand_ins.h"
 
+#include <arpa/inet.h>
 #include <netdb.h>
+#include <sys/ioctl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
+#include <sstream>
 
 namespace stand_ins {
 
 std::atomic<int64_t> now;
 std::atomic<int> names_asked;
 std::atomic<bool> resolver_is_down;
-std::atomic<unsigned long> refused_request;
-std::atomic<int> refusal;
 std::atomic<bool> no_push_back;
+std::atomic<const std::vector<ifreq>*> interfaces;
+std::atomic<int> counting_error, listing_error;
+
+std::vector<ifreq> made_up(const std::string& words) {
+  std::vector<ifreq> all;
+  std::istringstream text(words);
+  std::string flags, address;
+  for (sa_family_t family = 0; text >> flags >> address >> family;) {
+    ifreq& record = all.emplace_back();
+    flags.copy(record.ifr_name, sizeof record.ifr_name);
+    const sockaddr_in given = {family, 0, {inet_addr(address.c_str())}, {}};
+    memcpy(&record.ifr_addr, &given, sizeof given);
+  }
+  return all;
+}
 
 }  // namespace stand_ins
 
 using namespace stand_ins;
+
+namespace {
+
+int fail(int error) {
+  errno = error;
+  return -1;
+}
+
+}  // namespace
 
 // The names that the linker's --wrap gives to what is called and to the real one.
 extern "C" {
@@ -60,10 +88,23 @@ int __wrap_ioctl(int descriptor, unsigned long request, ...) {
   va_start(arguments, request);
   void* argument = va_arg(arguments, void*);
   va_end(arguments);
-  if (request == refused_request) {
-    errno = refusal;
-    return -1;
+  const std::vector<ifreq>* there = interfaces;
+  if (there == nullptr) return __real_ioctl(descriptor, request, argument);
+  if (request == SIOCGIFFLAGS) {
+    auto* record = static_cast<ifreq*>(argument);
+    const int flags = atoi(record->ifr_name);
+    record->ifr_flags = static_cast<int16_t>(flags);
+    return flags < 0 ? fail(-flags) : 0;
   }
-  return __real_ioctl(descriptor, request, argument);
+  auto* list = static_cast<ifconf*>(argument);
+  const bool counting = list->ifc_buf == nullptr;
+  if (const int error = counting ? counting_error : listing_error; error != 0) return fail(error);
+  size_t count = there->size();
+  if (!counting) {
+    count = std::min(count, static_cast<size_t>(list->ifc_len) / sizeof(ifreq));
+    std::copy_n(there->begin(), count, list->ifc_req);
+  }
+  list->ifc_len = static_cast<int>(count * sizeof(ifreq));
+  return 0;
 }
 }

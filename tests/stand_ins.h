@@ -1,19 +1,28 @@
-// What the platform answers, as a test wants it: the clock, the resolver, the interface
-// requests and streams. A test program that links `stand_ins` has the time,
-// gethostbyname_r, gethostbyaddr_r, ioctl and ungetc calls of its own objects and static
-// libraries pass through here.
+// What the platform answers, as a test wants it: the clock, the resolver, the interfaces
+// and streams. A test program that links `stand_ins` has the time, gethostbyname_r,
+// gethostbyaddr_r, ioctl and ungetc calls of its own objects and static libraries pass
+// through here.
 #pragma once
+
+#include <net/if.h>
 
 #include <atomic>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 namespace stand_ins {
 
-extern std::atomic<int64_t> now;                    // what time answers; 0: the real time
-extern std::atomic<int> names_asked;                // calls of the resolver, by name
-extern std::atomic<bool> resolver_is_down;          // it knows nothing
-extern std::atomic<unsigned long> refused_request;  // of ioctl; 0: none
-extern std::atomic<int> refusal;                    // its errno
-extern std::atomic<bool> no_push_back;              // ungetc has no memory
+extern std::atomic<int64_t> now;            // what time answers; 0: the real time
+extern std::atomic<int> names_asked;        // calls of the resolver, by name
+extern std::atomic<bool> resolver_is_down;  // it knows nothing
+extern std::atomic<bool> no_push_back;      // ungetc has no memory
+
+// Interfaces instead of the machine's, each named by its flags; below 0, asking for them
+// fails with the errno of that size. Null: the machine's.
+extern std::atomic<const std::vector<ifreq>*> interfaces;
+std::vector<ifreq> made_up(const std::string& words);  // flags, address and family of each
+extern std::atomic<int> counting_error;  // errno of asking how many there are; 0: none
+extern std::atomic<int> listing_error;   // errno of asking for the list
 
 }  // namespace stand_ins

@@ -107,25 +107,6 @@ bool is_live(const host_entry* entry) {
   return state == HOST_LIVE || state == HOST_PINNED;
 }
 
-// The host that hostlist_cache_add_host adds to.
-host_entry* take_host(hostlist_cache* cache, const char* key, const char* name, uint32_t state,
-                      int64_t expiry) {
-  host_place place = {};
-  if (key != nullptr) place = hostlist_cache_find(cache, key);
-  if (place.entry == nullptr || !is_live(place.entry)) place = hostlist_cache_find(cache, name);
-  host_entry* entry = place.entry;
-  if (entry == nullptr) {
-    entry = hostlist_cach_new_host(cache, name, nullptr, state, expiry);
-    if (entry == nullptr || !hostlist_cache_insert(cache, entry, place.hint)) return nullptr;
-  } else if (is_live(entry)) {
-    entry->primary->expiry = expiry;
-  } else {
-    hostlist_cache_drop_host(cache, entry);
-    reuse(cache, entry, entry, state, expiry);
-  }
-  return entry->primary;
-}
-
 }  // namespace
 
 vx_mutex* hostlist_cache_lock() {
@@ -275,16 +256,27 @@ vx_error_record* hostlist_cache_add_names(hostlist_cache* cache, host_entry* pri
 
 host_entry* hostlist_cache_add_host(hostlist_cache* cache, const char* key, const char* name,
                                     const char* const* aliases, uint32_t state, int64_t expiry) {
-  host_entry* host = take_host(cache, key, name, state, expiry);
-  vx_error_record* error = nullptr;
+  host_place place = {};
+  if (key != nullptr) place = hostlist_cache_find(cache, key);
+  if (place.entry == nullptr || !is_live(place.entry)) place = hostlist_cache_find(cache, name);
+  host_entry* host = place.entry;
   if (host == nullptr) {
-    error = no_memory();
+    key = nullptr;
+    host = hostlist_cach_new_host(cache, name, nullptr, state, expiry);
+    if (host != nullptr && !hostlist_cache_insert(cache, host, place.hint)) host = nullptr;
+  } else if (is_live(host)) {
+    host = host->primary;
+    host->expiry = expiry;
   } else {
-    error = hostlist_cache_add_names(cache, host, key, aliases);
-    if (error != nullptr) hostlist_cache_drop_host(cache, host);
+    hostlist_cache_drop_host(cache, host);
+    reuse(cache, host, host, state, expiry);
   }
+  vx_error_record* error =
+      host != nullptr ? hostlist_cache_add_names(cache, host, key, aliases) : no_memory();
+  if (error == nullptr) return host;
+  if (host != nullptr) hostlist_cache_drop_host(cache, host);
   err_print(error);
-  return error == nullptr ? host : nullptr;
+  return nullptr;
 }
 
 void hostlist_cache_free(hostlist_cache* cache) {

@@ -130,9 +130,9 @@ void hostlist_cache_trim(hostlist_cache* cache);
 
 /// Adds a host. The live host that `key` (a dotted address, or null) belongs to, or else
 /// the live host of `name`, is taken and gets the new expiry. Otherwise `name` becomes a
-/// new host of the given state. `key` and `aliases` (ended by a null; or null) are added
-/// to its chain. Returns the host; null, after the error was printed and the host dropped,
-/// without memory.
+/// new host of the given state. `key`, unless `name` was not in the table before, and
+/// `aliases` (ended by a null; or null) are added to its chain. Returns the host; null,
+/// after the error was printed and the host dropped, without memory.
 [[nodiscard]] host_entry* hostlist_cache_add_host(hostlist_cache* cache, const char* key,
                                                   const char* name, const char* const* aliases,
                                                   uint32_t state, int64_t expiry);

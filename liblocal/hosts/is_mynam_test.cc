@@ -5,7 +5,6 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -13,13 +12,12 @@
 #include "liblocal/hosts/cluster.h"
 #include "liblocal/hosts/dns_cache.h"
 #include "liblocal/hosts/get_myad.h"
-#include "liblocal/hosts/localhost.h"
 #include "liblocal/hosts/svc_time.h"
-#include "liblocal/messages/errinfo.h"
 #include "liblocal/threads/vx_error.h"
 #include "tests/failing_malloc.h"
 #include "tests/hostlist_check.h"
 #include "tests/lab.h"
+#include "tests/printed.h"
 #include "tests/stand_ins.h"
 #include "tests/threads.h"
 
@@ -28,11 +26,8 @@ using namespace stand_ins;
 namespace {
 
 const std::string kHosts =
-    "127.0.0.1 localhost manager\n"
-    "192.0.2.1 lab-host.example.net lab-host\n"
-    "198.51.100.1 web.example.net web www\n"
-    "198.51.100.2 web.example.net web\n"
-    "198.51.100.3 mail.example.net mail\n";
+    "127.0.0.1 localhost manager\n192.0.2.1 node.net box\n192.0.2.3 node.net\n"
+    "198.51.100.1 web.net web www\n198.51.100.2 web.net web\n198.51.100.3 mail.net mail\n";
 
 void pass(int64_t seconds) {
   now += seconds;
@@ -51,28 +46,30 @@ class NameTest : public LabTest {
     LabTest::SetUp();
     if (IsSkipped()) return;
     hosts_before_ = lab::read_file("/etc/hosts");
-    lab::write_file("/etc/hosts", kHosts);
-    free_dns_hostlist_cache();
-    free_client_hostlist_cache();
-    now = 1'000'000'000;
-    svc_time_reset();
-    testing::internal::CaptureStderr();
+    start_over(kHosts);
+    pass(1'000'000'000);
+    Debug = -1;
   }
   void TearDown() override {
     if (IsSkipped()) return;
-    testing::internal::GetCapturedStderr();
     EXPECT_EQ(hostlist_fault(dns_hostlist_cache), "");
-    lab::write_file("/etc/hosts", hosts_before_);
+    start_over(hosts_before_);
+    pass(-now);
+    Debug = 0;
     resolver_is_down = false;
-    now = 0;
-    svc_time_reset();
     clu_set_localvirthost_hook(nullptr);
   }
 
+  static void start_over(const std::string& hosts) {
+    lab::write_file("/etc/hosts", hosts);
+    free_dns_hostlist_cache();
+    free_client_hostlist_cache();
+    strcpy(dns_hostlist_cache.local_host_name, "node.net");
+  }
+
   // How many names `work` asks the resolver for.
-  template <typename Work>
-  static int asked_by(Work work) {
-    int before = names_asked;
+  static int asked_by(auto work) {
+    const int before = names_asked;
     work();
     EXPECT_EQ(hostlist_fault(dns_hostlist_cache), "");
     return names_asked - before;
@@ -82,132 +79,139 @@ class NameTest : public LabTest {
   std::string hosts_before_;
 };
 
-TEST_F(NameTest, OfThisHost) {
+TEST_F(NameTest, ThisHostAndOthers) {
   auto ask_for_the_obvious = [] {
     EXPECT_TRUE(is_myname(nullptr) && is_myname("LocalHost"));
     EXPECT_TRUE(samehost("Web", "wEB") && samehost(nullptr, nullptr));
   };
   EXPECT_EQ(asked_by(ask_for_the_obvious), 0);
-  for (const char* name :
-       {"lab-host", "LAB-HOST.example.net", " lab-host", "192.0.2.1", "manager", "127.0.0.1", ""}) {
+  for (const char* name : {"node", "NODE.net", " box", "192.0.2.3", "manager", ""}) {
     EXPECT_EQ(is_myname(name), 1) << name;
   }
-  for (const char* name : {"web", "198.51.100.3", "nobody", "  "}) {
-    EXPECT_EQ(is_myname(name), 0) << name;
+  for (const char* name : {"web", "198.51.100.3", "nobody", "  "}) EXPECT_EQ(is_myname(name), 0);
+  EXPECT_EQ(owned(get_primaryhostname(nullptr)), "node.net");
+  EXPECT_EQ(owned(get_primaryhostname("www")), "web.net");
+  EXPECT_TRUE(samehost("mail", "198.51.100.3") && samehost("web", "198.51.100.2"));
+  EXPECT_TRUE(samehost(nullptr, "box") && samehost("box", nullptr));
+  EXPECT_FALSE(samehost("web", "mail") || samehost("nobody", "NOBODY2") || samehost("web", "no"));
+}
+
+TEST_F(NameTest, NamesStandBeforeAddresses) {
+  constexpr auto none = [](const char*) { return 0; };
+  constexpr auto all = [](const char*) { return 1; };
+  constexpr auto word = [](const char* name) { return strcmp(name, "localhost") == 0 ? 1 : 0; };
+  const std::string unnamed = "Reverse DNS lookup failed for address 203.0.113.9\n";
+  const struct {
+    const char* asked;
+    int (*hook)(const char* name);
+    std::string chain, told;
+  } cases[] = {
+      {nullptr, none, "node.net box node localhost manager 192.0.2.1 127.0.0.1 192.0.2.3", unnamed},
+      {nullptr, word, "node.net box node 192.0.2.1 192.0.2.3 localhost", unnamed},
+      {nullptr, all, "node.net box node localhost", unnamed},
+      {"web", all, "web.net web www 198.51.100.1 198.51.100.2", ""},
+      {"9.9.9.9", all, "9.9.9.9", "Reverse DNS lookup failed for host 9.9.9.9, address 9.9.9.9\n"},
+      {"nobody", all, "nobody", "Illegal/NULL hostname detected (nobody)\n"},
+  };
+  const std::vector<ifreq> there =
+      made_up("1 192.0.2.1 2 1 203.0.113.9 2 1 10.0.0.1 10 9 127.0.0.1 2");
+  interfaces = &there;
+  for (const auto& [asked, hook, chain, told] : cases) {
+    start_over(kHosts);
+    clu_set_localvirthost_hook(hook);
+    const std::string text = printed(1, [name = asked, &wanted = chain] {
+      DnsCacheHold hold;
+      EXPECT_EQ(names_of(dns_cache_resolve(&dns_hostlist_cache, name, now)), wanted);
+    });
+    EXPECT_TRUE(text.ends_with(told) && text.empty() == told.empty()) << text;
+    Debug = -1;
+    EXPECT_EQ(is_myname("mail"), hook("mail"));
   }
-  EXPECT_EQ(owned(get_primaryhostname(nullptr)), "lab-host.example.net");
-  EXPECT_EQ(owned(get_primaryhostname("www")), "web.example.net");
-  EXPECT_EQ(samehost("mail", "198.51.100.3"), 1);
-  EXPECT_EQ(samehost("web", "198.51.100.2"), 1);
-  EXPECT_EQ(samehost("web", "mail"), 0);
-  EXPECT_EQ(samehost(nullptr, "lab-host"), 1);
-  EXPECT_EQ(samehost("nobody", "NOBODY2"), 0) << "two unknown names are no host";
+  interfaces = nullptr;
 }
 
 TEST_F(NameTest, AskTheResolverOncePerTime) {
-  EXPECT_EQ(is_myname("lab-host"), 1);
   auto all = [] {
-    EXPECT_EQ(is_myname("www"), 0);
-    EXPECT_EQ(is_validhostname("nobody"), 0);
-    EXPECT_EQ(is_myname("nobody"), 0);
-    EXPECT_EQ(is_myname("lab-host"), 1);
+    EXPECT_FALSE(is_myname("www") || is_validhostname("nobody") || is_myname("nobody"));
+    EXPECT_TRUE(is_myname("node"));
   };
-  EXPECT_EQ(asked_by(all), 2);
-  EXPECT_EQ(asked_by(all), 0);
+  EXPECT_EQ(asked_by(all), 3);
   now += 5000;
   EXPECT_EQ(asked_by(all), 0) << "the service time stands until it is reset";
   now -= 5000;
-  pass(300);
-  EXPECT_EQ(asked_by(all), 0);
-  pass(1);
-  EXPECT_EQ(asked_by(all), 1) << "the unknown name";
-  pass(1499);
-  EXPECT_EQ(asked_by(all), 1) << "again";
-  pass(1);
-  EXPECT_EQ(asked_by(all), 2) << "this host, and the known one";
+  // The unknown name, again, this host and the known one.
+  for (auto [seconds, asked] : {std::pair{300, 0}, {1, 1}, {1499, 1}, {1, 2}}) {
+    pass(seconds);
+    EXPECT_EQ(asked_by(all), asked) << seconds;
+  }
 }
 
 TEST_F(NameTest, AResolverThatIsDown) {
-  EXPECT_EQ(is_myname("lab-host"), 1);
-  EXPECT_EQ(is_validhostname("web"), 1);
+  EXPECT_TRUE(is_myname("node") && is_validhostname("web"));
   resolver_is_down = true;
-  pass(1801);
   auto all = [] {
-    EXPECT_EQ(is_myname("lab-host"), 1) << "who this host is stays known";
-    EXPECT_EQ(is_validhostname("web"), 1);
-    EXPECT_EQ(is_validhostname("mail"), 0);
+    EXPECT_TRUE(is_myname("node") && is_validhostname("web")) << "what is known stays known";
+    EXPECT_FALSE(is_validhostname("mail"));
   };
-  EXPECT_EQ(asked_by(all), 3);
-  EXPECT_EQ(asked_by(all), 0);
-  pass(301);
-  EXPECT_EQ(asked_by(all), 3);
-
-  free_dns_hostlist_cache();
-  EXPECT_EQ(is_myname("lab-host"), 0);
+  for (auto [seconds, asked] : {std::pair{1801, 3}, {0, 0}, {300, 0}, {1, 3}}) {
+    pass(seconds);
+    EXPECT_EQ(asked_by(all), asked) << seconds;
+  }
+  start_over(kHosts);
+  EXPECT_EQ(asked_by([] { EXPECT_FALSE(is_myname("node") || is_validhostname(nullptr)); }), 2);
   EXPECT_EQ(get_primaryhostname(nullptr), nullptr);
   resolver_is_down = false;
   pass(301);
-  EXPECT_EQ(is_myname("lab-host"), 1);
+  EXPECT_EQ(is_myname("node"), 1);
 }
 
 TEST_F(NameTest, NamesMoveFromHostToHost) {
-  EXPECT_EQ(samehost("web", "www"), 1);
-  EXPECT_EQ(samehost("web", "198.51.100.2"), 1);
-  lab::write_file("/etc/hosts", kHosts + "198.51.100.9 new.example.net www.example.net\n" +
-                                    "198.51.100.2 new.example.net\n");
-  EXPECT_EQ(is_validhostname("new.example.net"), 1);
-  EXPECT_EQ(hostlist_fault(dns_hostlist_cache), "");
-  EXPECT_EQ(asked_by([] { EXPECT_EQ(is_validhostname("www"), 1); }), 1) << "its host was dropped";
+  EXPECT_TRUE(samehost("web", "www") && is_validhostname("198.51.100.2"));
+  lab::write_file("/etc/hosts", kHosts + "198.51.100.9 new www.net www\n198.51.100.2 new\n");
+  EXPECT_EQ(is_validhostname("new"), 1);
+  EXPECT_EQ(asked_by([] { EXPECT_EQ(is_validhostname("web"), 1); }), 1) << "its host was dropped";
   // Even the host of the first name goes when the second name claims it.
   EXPECT_EQ(samehost("mail", "198.51.100.3"), 1);
-  lab::write_file("/etc/hosts", kHosts + "198.51.100.7 thief mail.example.net\n");
+  lab::write_file("/etc/hosts", kHosts + "198.51.100.7 thief mail.net\n");
   EXPECT_EQ(asked_by([] { EXPECT_EQ(samehost("mail", "thief"), 0); }), 1);
-}
-
-TEST_F(NameTest, StrangersCannotBecomeThisHost) {
-  EXPECT_EQ(is_myname("lab-host"), 1);
-  lab::write_file("/etc/hosts", kHosts + "203.0.113.5 localhost\n203.0.113.5 stranger lab-host\n");
+  // But nobody becomes this host, nor takes its names.
+  lab::write_file("/etc/hosts", kHosts + "203.0.113.5 localhost\n203.0.113.5 stranger box\n");
   for (int round = 0; round < 2; ++round) {
-    EXPECT_EQ(is_myname("stranger"), 0);
-    EXPECT_EQ(is_myname("lab-host"), 1);
-    EXPECT_EQ(is_myname("192.0.2.1"), 1);
+    EXPECT_FALSE(is_myname("stranger"));
+    EXPECT_TRUE(is_myname("box") && is_myname("192.0.2.1"));
   }
 }
 
-TEST_F(NameTest, ACluster) {
-  clu_set_localvirthost_hook([](const char* name) {
-    return strcmp(name, "manager") == 0 || strcmp(name, "localhost") == 0 ? 1 : 0;
+TEST_F(NameTest, EveryAllocationRefused) {
+  const std::string told = printed(0, [] {
+    bool refused = true;
+    for (int granted = 0; refused; ++granted) {
+      start_over(kHosts);
+      std::string first;
+      {
+        FailingMalloc failing(granted, 1);
+        first = owned(get_primaryhostname("www"));
+        refused = failing.failed();
+      }
+      EXPECT_TRUE(first == "web.net" || (refused && first == "(null)")) << first;
+      EXPECT_EQ(hostlist_fault(dns_hostlist_cache), "");
+      EXPECT_EQ(owned(get_primaryhostname("www")), "web.net") << "at the next time";
+    }
   });
-  EXPECT_EQ(is_myname("lab-host"), 1);
-  EXPECT_EQ(names_of(dns_hostlist_cache.local_host).find("127.0.0.1"), std::string::npos);
-  EXPECT_EQ(is_myname("manager"), 1) << "by the hook";
-  EXPECT_EQ(is_myname("web"), 0);
-}
-
-TEST_F(NameTest, HundredsOfAddresses) {
-  std::string hosts = kHosts;
-  for (int i = 0; i < 300; ++i) {
-    hosts += "10.9." + std::to_string(i / 200) + "." + std::to_string(i % 200 + 1) + " many\n";
-  }
-  lab::write_file("/etc/hosts", hosts);
-  EXPECT_EQ(samehost("many", "10.9.1.100"), 1);
-  EXPECT_EQ(asked_by([] { EXPECT_EQ(samehost("10.9.0.1", "10.9.0.199"), 1); }), 0);
+  EXPECT_TRUE(told.ends_with("SYSTEM error: Cannot allocate memory\n")) << told;
 }
 
 TEST_F(NameTest, EightThreads) {
-  vx_error_set_last(0, kVxErrorErrno);
   in_threads(8, [](int thread) {
     vx_error_set_last(0, kVxErrorErrno);
     const std::string own = "client" + std::to_string(thread);
     const char* aliases[] = {"shared", nullptr};
+    const in_addr broadcast = {INADDR_NONE};
     for (int i = 0; i < 50; ++i) {
-      EXPECT_EQ(is_myname("lab-host"), 1);
-      EXPECT_EQ(samehost("web", "www"), 1);
-      EXPECT_EQ(is_validhostname(own.c_str()), 0);
+      EXPECT_TRUE(is_myname("box") && samehost("web", "www"));
+      EXPECT_FALSE(is_validhostname(own.c_str()) || is_myaddr(AF_INET, &broadcast, 4));
       EXPECT_EQ(client_list_add_client(own.c_str(), aliases), 1);
       owned(get_primaryclientname("shared"));
-      const in_addr broadcast = {INADDR_NONE};
-      EXPECT_EQ(is_myaddr(AF_INET, &broadcast, 4), 0);
       if (i % 10 == thread) svc_time_reset();
     }
     EXPECT_EQ(vx_error_get_last(), 0) << "no lock was taken twice";
@@ -215,29 +219,55 @@ TEST_F(NameTest, EightThreads) {
 }
 
 TEST_F(NameTest, Clients) {
-  const char* aliases[] = {"www", "web.example.net", nullptr};
+  const char* aliases[] = {"www", "web.net", nullptr};
   auto add = [&] {
-    EXPECT_EQ(client_list_add_client("web", aliases), 1);
-    EXPECT_EQ(client_list_add_client("mail", nullptr), 1);
-    EXPECT_EQ(client_list_add_client(nullptr, aliases), 0);
+    EXPECT_TRUE(client_list_add_client("web", aliases) && client_list_add_client("mail", nullptr));
+    EXPECT_FALSE(client_list_add_client(nullptr, aliases));
   };
   EXPECT_EQ(asked_by(add), 0);
   EXPECT_TRUE(sameclient("WWW", "web") && sameclient("unknown", "Unknown"));
-  EXPECT_FALSE(sameclient("web", "mail") || sameclient(nullptr, nullptr));
+  EXPECT_FALSE(sameclient("web", "mail") || sameclient("a", "b") || sameclient(nullptr, nullptr) ||
+               sameclient("web", nullptr) || sameclient(nullptr, "web"));
   EXPECT_EQ(owned(get_primaryclientname("www")), "web");
-  client_list_remove_byname("www");
+  auto without_memory = [] {
+    FailingMalloc failing(0, 1);
+    EXPECT_EQ(get_primaryclientname("mail"), nullptr);
+  };
+  EXPECT_EQ(printed(0, without_memory), "kivtrap: SYSTEM error: Cannot allocate memory\n");
+  for (const char* name : {static_cast<const char*>(nullptr), "unknown", "www"}) {
+    EXPECT_EQ(owned(get_primaryclientname("web")), "web");
+    client_list_remove_byname(name);
+  }
   EXPECT_EQ(get_primaryclientname("web"), nullptr) << "at once, not with the next purge";
 
   set_client_cache_update_style(kClientsNeverExpire);
   client_list_add_client("ever", nullptr);
-  pass(3600);
-  EXPECT_EQ(owned(get_primaryclientname("mail")), "mail");
-  pass(1);
-  EXPECT_EQ(get_primaryclientname("mail"), nullptr);
+  for (auto [seconds, mail] : {std::pair{3600, "mail"}, {1, "(null)"}}) {
+    pass(seconds);
+    EXPECT_EQ(owned(get_primaryclientname("mail")), mail);
+  }
   EXPECT_EQ(owned(get_primaryclientname("ever")), "ever");
   free_client_hostlist_cache();
   EXPECT_EQ(get_client_cache_update_style(), 0);
   EXPECT_EQ(get_primaryclientname("ever"), nullptr);
+}
+
+// Registered before anything of the runtime, and so the last to run at exit.
+bool leaving = false;
+[[maybe_unused]] const int last_of_all = atexit([] {
+  if (!leaving) return;
+  sockaddr_in* table = nullptr;
+  const bool gone = get_myaddrs(&table) == -1 && table == nullptr &&
+                    dns_hostlist_cache.table == nullptr && get_primaryclientname("web") == nullptr;
+  _exit(gone && is_validhostname("box") == 1 ? 0 : 1);
+});
+
+TEST_F(NameTest, NothingIsLeftAtExit) {
+  auto leave = [] {
+    leaving = is_myname("box") == 1 && client_list_add_client("web", nullptr) == 1;
+    exit(2);
+  };
+  EXPECT_EXIT(leave(), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
