@@ -53,8 +53,6 @@ extern "C" {
 time_t __real_time(time_t* result);
 int __real_gethostbyname_r(const char* name, hostent* entry, char* text, size_t size,
                            hostent** result, int* error);
-int __real_gethostbyaddr_r(const void* address, socklen_t length, int type, hostent* entry,
-                           char* text, size_t size, hostent** result, int* error);
 int __real_ioctl(int descriptor, unsigned long request, ...);
 int __real_ungetc(int byte, FILE* stream);
 
@@ -76,13 +74,6 @@ int __wrap_gethostbyname_r(const char* name, hostent* entry, char* text, size_t 
   return __real_gethostbyname_r(name, entry, text, size, result, error);
 }
 
-int __wrap_gethostbyaddr_r(const void* address, socklen_t length, int type, hostent* entry,
-                           char* text, size_t size, hostent** result, int* error) {
-  *result = nullptr;
-  if (resolver_is_down) return EAGAIN;
-  return __real_gethostbyaddr_r(address, length, type, entry, text, size, result, error);
-}
-
 int __wrap_ioctl(int descriptor, unsigned long request, ...) {
   va_list arguments;
   va_start(arguments, request);
@@ -99,11 +90,9 @@ int __wrap_ioctl(int descriptor, unsigned long request, ...) {
   auto* list = static_cast<ifconf*>(argument);
   const bool counting = list->ifc_buf == nullptr;
   if (const int error = counting ? counting_error : listing_error; error != 0) return fail(error);
-  size_t count = there->size();
-  if (!counting) {
-    count = std::min(count, static_cast<size_t>(list->ifc_len) / sizeof(ifreq));
-    std::copy_n(there->begin(), count, list->ifc_req);
-  }
+  const size_t room = counting ? SIZE_MAX : static_cast<size_t>(list->ifc_len) / sizeof(ifreq);
+  const size_t count = std::min(there->size(), room);
+  if (!counting) std::copy_n(there->begin(), count, list->ifc_req);
   list->ifc_len = static_cast<int>(count * sizeof(ifreq));
   return 0;
 }

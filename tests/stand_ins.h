@@ -1,7 +1,6 @@
 // What the platform answers, as a test wants it: the clock, the resolver, the interfaces
-// and streams. A test program that links `stand_ins` has the time, gethostbyname_r,
-// gethostbyaddr_r, ioctl and ungetc calls of its own objects and static libraries pass
-// through here.
+// and streams. A test program that links `stand_ins` has the time, gethostbyname_r, ioctl
+// and ungetc calls of its own objects and static libraries pass through here.
 #pragma once
 
 #include <net/if.h>

@@ -2,12 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <cstdlib>
 
 #include "liblocal/hosts/svc_time.h"
-#include "liblocal/messages/errinfo.h"
-#include "tests/failing_malloc.h"
 #include "tests/hostlist_check.h"
 #include "tests/printed.h"
 
@@ -122,24 +119,6 @@ TEST(HostlistCache, TheEnvironmentOnlyRaisesTheMaximum) {
     EXPECT_EQ(cache.maximum_capacity, maximum) << value;
   }
   unsetenv(kSmall.variable);
-}
-
-TEST(HostlistCache, EveryAllocationRefused) {
-  err_set(1, ENOMEM);  // its tables wait for memory
-  printed(0, [] {
-    bool refused = true;
-    for (int granted = 0; refused; ++granted) {
-      Cache cache;
-      for (const char* name : {"a", "b", "d", "f"}) cache.add(name);
-      FailingMalloc failing(granted);
-      const char* aliases[] = {"c", "e", "g", "h", nullptr};
-      const host_entry* host =
-          hostlist_cache_add_host(&cache, "10.0.0.1", "a", aliases, HOST_LIVE, 1);
-      refused = failing.failed();
-      EXPECT_EQ(hostlist_fault(cache), "");
-      EXPECT_EQ(cache.names("a"), host == nullptr ? "" : "a 10.0.0.1 c e g h") << "all or nothing";
-    }
-  });
 }
 
 }  // namespace
