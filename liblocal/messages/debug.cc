@@ -60,7 +60,7 @@ void vdfprintf(int level, const char* format, va_list arguments) {
   if (Debug >= level) write_line("", format, arguments);
 }
 
-void vxdebug::vdprintf(int level, const char* format, va_list arguments) {
+void vdprintf(int level, const char* format, va_list arguments) {
   if (Debug >= level) write_line(level == 0 ? "Diagnostic: " : "", format, arguments);
 }
 

@@ -23,14 +23,13 @@
 [[gnu::format(printf, 2, 3)]] void dfprintf(int level, const char* format, ...);
 [[gnu::format(printf, 2, 0)]] void vdfprintf(int level, const char* format, va_list arguments);
 
-// In a namespace of its own: the platform has a vdprintf of the same arguments,
-// whose first one is a descriptor.
-namespace vxdebug {
+// The platform's stdio has a vdprintf of the same arguments, whose first one is a
+// descriptor: no declaration can stand beside it. Behind this header the name means this
+// service's.
+#define vdprintf debug_vdprintf
 
 /// As vdfprintf; a line of level 0 has "Diagnostic: " between prefix and message.
 [[gnu::format(printf, 2, 0)]] void vdprintf(int level, const char* format, va_list arguments);
-
-}  // namespace vxdebug
 
 /// Writes the formatted message, without prefix, to standard error when `Debug`
 /// is at least `level`. With a number other than -1 in the environment variable

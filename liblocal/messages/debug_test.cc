@@ -13,7 +13,7 @@ namespace {
 [[gnu::format(printf, 2, 3)]] void diagnose(int level, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  vxdebug::vdprintf(level, format, arguments);
+  vdprintf(level, format, arguments);
   va_end(arguments);
 }
 

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
+#include <utility>
 
 #include "liblocal/messages/catgets.h"
 #include "liblocal/threads/liblvarp.h"
@@ -96,66 +98,56 @@ constexpr int32_t kRapSeverities[kRapErrorCodes] = {1, 5, 5, 5, 5, 5, 5, 5, 5, 5
                                                     5, 5, 5, 5, 5, 5, 5, 5, 5, 5, 5,
                                                     5, 5, 5, 5, 5, 5, 5, 5, 5, 5, 5};
 
-constexpr int32_t kJobsErrorCodes = 4;
-
 // These have no catalog number.
-constexpr const char* kJobsTexts[kJobsErrorCodes] = {
-    "", "Invalid arguments", "Unable to find job record", "Invalid or NULL session channel"};
-
-constexpr int32_t kJobsSeverities[kJobsErrorCodes] = {1, 4, 5, 4};
-
+constexpr const char* kJobsTexts[] = {"", "Invalid arguments", "Unable to find job record",
+                                      "Invalid or NULL session channel"};
+constexpr int32_t kJobsSeverities[] = {1, 4, 5, 4};
+constexpr const char* kGenericTexts[] = {"Success", kErrDefaultText};
 constexpr int32_t kGenericSeverities[] = {1, 5};
 
-// Written once, under the once controls; freed by err_unsetall.
 err_type types[kErrTypeSlots];
 char* rap_errlist[kRapErrorCodes];
-char* jobs_errlist[kJobsErrorCodes];
-char* generic_errlist[2];  // the "Success" copy and the default text
 
 vx_once_control tables_once;
 vx_once_control rpc_once;
 
-char* copy_of(const CatalogText& entry) {
-  return xstrdup(vxcatgets(Catd, kRuntimeMessageSet, entry.number, entry.text));
+template <size_t N>
+void build(char* (&list)[N], const CatalogText (&entries)[N]) {
+  for (size_t code = 0; code < N; ++code) {
+    const auto& [number, text] = entries[code];
+    list[code] = xstrdup(vxcatgets(Catd, kRuntimeMessageSet, number, text));
+  }
+}
+
+// Frees what was built. The default texts take its place, for those who come late.
+template <size_t N>
+void release(char* (&list)[N], const CatalogText (&entries)[N]) {
+  for (size_t code = 0; code < N; ++code) {
+    char* built = std::exchange(list[code], const_cast<char*>(entries[code].text));
+    if (built != entries[code].text) free(built);
+  }
 }
 
 // Part of every table's making, so here the texts get their release.
 void build_rpc_errlist() {
   liblocal_set_release(LiblocalRelease::kErrorTables, err_unsetall);
   get_liblocal_p_varp();
-  for (int32_t code = 0; code < kRpcErrorCodes; ++code)
-    rpc_errlist[code] = copy_of(kRpcTexts[code]);
+  build(rpc_errlist, kRpcTexts);
 }
 
 void build_tables() {
-  generic_errlist[0] = xstrdup("Success");
-  generic_errlist[1] = static_cast<char*>(xmalloc(kMessageSize));
-  snprintf(generic_errlist[1], kMessageSize, "Unknown error");
   init_rpc_errlist();
-  for (int32_t code = 0; code < kRapErrorCodes; ++code)
-    rap_errlist[code] = copy_of(kRapTexts[code]);
-  for (int32_t code = 0; code < kJobsErrorCodes; ++code) {
-    jobs_errlist[code] = xstrdup(kJobsTexts[code]);
-  }
-
+  build(rap_errlist, kRapTexts);
   // The texts of system errors come from the platform, for every code.
   err_settype(kErrTypeSystem, 1, "SYSTEM", nullptr, nullptr);
   err_settype(kErrTypeRpc, kRpcErrorCodes - 1, "RPC", rpc_errlist, kRpcSeverities);
   err_settype(kErrTypeRap, kRapErrorCodes - 1, "RAP", rap_errlist, kRapSeverities);
-  err_settype(4, 1, "WISS", generic_errlist, kGenericSeverities);
-  err_settype(5, 1, "Vaultmere", generic_errlist, kGenericSeverities);
-  err_settype(6, 1, "Jukebox", generic_errlist, kGenericSeverities);
-  err_settype(7, 1, "File index", generic_errlist, kGenericSeverities);
-  err_settype(8, 1, "Media DB", generic_errlist, kGenericSeverities);
-  err_settype(kErrTypeJobs, kJobsErrorCodes - 1, "Jobs", jobs_errlist, kJobsSeverities);
-}
-
-template <size_t N>
-void release(char* (&texts)[N]) {
-  for (char*& text : texts) {
-    free(text);
-    text = nullptr;
-  }
+  err_settype(4, 1, "WISS", kGenericTexts, kGenericSeverities);
+  err_settype(5, 1, "Vaultmere", kGenericTexts, kGenericSeverities);
+  err_settype(6, 1, "Jukebox", kGenericTexts, kGenericSeverities);
+  err_settype(7, 1, "File index", kGenericTexts, kGenericSeverities);
+  err_settype(8, 1, "Media DB", kGenericTexts, kGenericSeverities);
+  err_settype(kErrTypeJobs, std::size(kJobsTexts) - 1, "Jobs", kJobsTexts, kJobsSeverities);
 }
 
 }  // namespace
@@ -169,9 +161,9 @@ void err_settype(int32_t type, int32_t max_code, const char* name, const char* c
   if (type < 0 || type >= kErrTypeSlots) return;
   err_type* slot = &types[type];
   snprintf(slot->name, sizeof slot->name, "%s", name);
-  slot->max_code = max_code;
   slot->texts = texts;
   slot->severities = severities;
+  slot->max_code.store(max_code, std::memory_order_release);  // last: err_print may look on
 }
 
 const err_type* err_type_of(int32_t type) {
@@ -179,11 +171,7 @@ const err_type* err_type_of(int32_t type) {
   return &types[type];
 }
 
-const char* err_default_text() { return generic_errlist[1]; }
-
 void err_unsetall() {
-  release(rpc_errlist);
-  release(rap_errlist);
-  release(jobs_errlist);
-  release(generic_errlist);
+  release(rpc_errlist, kRpcTexts);
+  release(rap_errlist, kRapTexts);
 }

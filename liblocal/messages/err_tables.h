@@ -6,6 +6,7 @@
 // use, and read without a lock from then on.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -14,13 +15,15 @@ constexpr int32_t kErrTypeRpc = 2;
 constexpr int32_t kErrTypeRap = 3;
 constexpr int32_t kErrTypeJobs = 9;
 
+constexpr const char* kErrDefaultText = "Unknown error";  // of what no table covers
+
 constexpr int32_t kErrTypeSlots = 11;     // slots 0 to 10; records know the types 1 to 10
 constexpr size_t kErrTypeNameSize = 132;  // terminator included
 constexpr int32_t kRpcErrorCodes = 28;    // RPC call status codes 0 to 27
 
 /// One type. `texts` and `severities` have `max_code` + 1 elements each.
 struct err_type {
-  int32_t max_code;  // 0: the slot is unused
+  std::atomic<int32_t> max_code;  // 0: the slot is unused
   char name[kErrTypeNameSize];
   const char* const* texts;
   const int32_t* severities;
@@ -46,14 +49,10 @@ void err_settype(int32_t type, int32_t max_code, const char* name, const char* c
 /// Registers the built-in types, on its first call only. Thread safe.
 void err_tables_init();
 
-/// The type, when `type` is 1 to 10 and its slot is used; else null. Call it
-/// after err_tables_init.
+/// The type, when `type` is 1 to 10 and its slot is used; else null. Thread safe.
 [[nodiscard]] const err_type* err_type_of(int32_t type);
 
-/// "Unknown error": the text of what no table covers. Call it after
-/// err_tables_init.
-[[nodiscard]] const char* err_default_text();
-
-/// Frees every text of the tables. Only for the end of the process: the tables
-/// and the records that point to their texts must not be used afterwards.
+/// Frees the texts that the tables took from the catalog; from then on they have the
+/// default texts. Only for the end of the process: no thread may use the tables
+/// meanwhile, nor afterwards a record that was set before.
 void err_unsetall();

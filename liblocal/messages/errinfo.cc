@@ -43,18 +43,17 @@ int32_t system_severity(int32_t error) {
   }
 }
 
-const char* default_text(int32_t type, int32_t code) {
-  const err_type* entry = err_type_of(type);
-  if (entry != nullptr && type == kErrTypeSystem) return brix_strerror(code);
-  if (entry != nullptr && code >= 0 && code <= entry->max_code) return entry->texts[code];
-  return err_default_text();
-}
+// What the tables say of an error.
+struct Defaults {
+  const char* text;  // null: the platform's
+  int32_t severity;
+};
 
-int32_t default_severity(int32_t type, int32_t code) {
+Defaults defaults_of(int32_t type, int32_t code) {
   const err_type* entry = err_type_of(type);
-  if (entry != nullptr && type == kErrTypeSystem) return system_severity(code);
-  if (entry != nullptr && code >= 0 && code <= entry->max_code) return entry->severities[code];
-  return 0;
+  if (entry != nullptr && type == kErrTypeSystem) return {nullptr, system_severity(code)};
+  if (entry == nullptr || code < 0 || code > entry->max_code) return {kErrDefaultText, 0};
+  return {entry->texts[code], entry->severities[code]};
 }
 
 // Any argument is allowed, so the number is made where overflow wraps.
@@ -114,8 +113,9 @@ Detail detail_of(int32_t number, bool type_is_named) {
 
 vx_error_record* err_setall(int32_t type, int32_t severity, int32_t code, const char* text) {
   err_tables_init();
-  if (text == nullptr) text = default_text(type, code);
-  if (severity == 0) severity = default_severity(type, code);
+  const Defaults defaults = defaults_of(type, code);
+  if (text == nullptr) text = defaults.text != nullptr ? defaults.text : brix_strerror(code);
+  if (severity == 0) severity = defaults.severity;
   vx_error_record* current = &get_liblocal_t_varp()->current_error;
   *current = {make_number(type, severity, code), text};
   return current;
@@ -186,7 +186,6 @@ vx_error_record* err_move_to_varp(vx_error_record* record) { return err_restore(
 
 void err_print(const vx_error_record* record) {
   if (record == nullptr) return;
-  err_tables_init();
   int32_t type = record->number / kTypeUnit;
   const err_type* entry = type <= kErrTypeJobs ? err_type_of(type) : nullptr;
   Detail detail = detail_of(record->number, entry != nullptr);
@@ -227,8 +226,10 @@ int err_accrue(const char* text) {
 
 vx_error_record* blow_err(int mode) {
   liblocal_t_varp* block = get_liblocal_t_varp();
-  print_set_accrual_hook(err_accrue);
-  block->accruing = 1;
+  if (block->accruing == 0) {
+    print_set_accrual_hook(err_accrue);
+    block->accruing = 1;
+  }
   if (block->accrued_text == nullptr) return nullptr;
   vx_error_record* record = err_setstr(-1, -1, "%s", block->accrued_text);
   if (mode == 1) {

@@ -59,7 +59,8 @@ vx_error_record* err_restore(vx_error_record* saved);
 /// err_restore for a record of the caller that owns its text.
 vx_error_record* err_move_to_varp(vx_error_record* record);
 
-/// Prints `record` with printerr: the type's name (when it is known), the word for
+/// Prints `record` with printerr: the type's name (when it is known: 1 to 9, from the first
+/// err_setall on), the word for
 /// the severity and the text; with `Debug` other than 0 also severity and number.
 /// A null record prints nothing.
 void err_print(const vx_error_record* record);

@@ -9,6 +9,7 @@
 #include "liblocal/text/i18n_printf.h"
 #include "liblocal/text/vxprint.h"
 #include "liblocal/threads/c_memory.h"
+#include "liblocal/threads/varp.h"
 
 namespace {
 
@@ -88,6 +89,8 @@ void printerr(const char* format, ...) {
   vprinterr(format, arguments);
   va_end(arguments);
 }
+
+void (*const varp_print_error)(const char* format, ...) = printerr;
 
 void printinfo(const char* format, ...) {
   va_list arguments;

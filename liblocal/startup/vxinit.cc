@@ -7,7 +7,6 @@
 #include <cstring>
 
 #include "liblocal/messages/locales.h"
-#include "liblocal/messages/print.h"
 #include "liblocal/startup/dbgsignl.h"
 #include "liblocal/startup/regevent.h"
 #include "liblocal/startup/vxdirs.h"
@@ -18,7 +17,6 @@
 #include "liblocal/text/utf8_convert.h"
 #include "liblocal/text/vxpath.h"
 #include "liblocal/threads/c_memory.h"
-#include "liblocal/threads/varp.h"
 #include "liblocal/threads/vx_thread.h"
 
 namespace {
@@ -40,7 +38,6 @@ void set_up_process(const char* name, char** argv) {
   init_locales(name, "");
   regevent_setup();
   _vx_thr_libinit();
-  varp_set_error_printer([](const char* text) { printerr("%s", text); });
   if (argv != nullptr) vx_find_installdir(argv[0]);
   get_saved_uids(nullptr, nullptr);
   _vx_print_uids(vxgetenv("KIV_PRINT_UIDS") != nullptr ? 1 : 0);

@@ -6,11 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "liblocal/threads/xmalloc.h"
-
 namespace {
 
-constexpr uint32_t kBlockPauseMs = 2000;  // between attempts to allocate a block
 constexpr const char* kShutdownVariable = "KIV_SHUTDOWN_STDIO";
 char shutdown_off[] = "KIV_SHUTDOWN_STDIO=0";  // handed to the environment
 
@@ -35,9 +32,7 @@ bool take_shutdown_request() {
 VARP_DEFINE_THREAD_BLOCK(liblocal)
 VARP_DEFINE_PROCESS_BLOCK(liblocal)
 
-liblocal_t_varp* liblocal_t_init() {
-  return static_cast<liblocal_t_varp*>(_vx_calloc_every(1, sizeof(liblocal_t_varp), kBlockPauseMs));
-}
+liblocal_t_varp* liblocal_t_init() { return varp_new_block<liblocal_t_varp>(); }
 
 void liblocal_t_clean(void* memory) {
   auto* block = static_cast<liblocal_t_varp*>(memory);
@@ -51,8 +46,7 @@ void liblocal_t_clean(void* memory) {
 }
 
 void liblocal_p_init() {
-  auto* block =
-      static_cast<liblocal_p_varp*>(_vx_calloc_every(1, sizeof(liblocal_p_varp), kBlockPauseMs));
+  auto* block = varp_new_block<liblocal_p_varp>();
   block->shutdown_stdio = take_shutdown_request() ? 1 : 0;
   Global_liblocal_p_varp.store(block, std::memory_order_release);
 }
@@ -73,12 +67,11 @@ void liblocal_set_release(LiblocalRelease what, void (*release_function)()) {
 
 void vx_shutdown_stdio(liblocal_p_varp* block) {
   if (block == nullptr) block = get_liblocal_p_varp();
-  if (block == nullptr || block->shutdown_stdio == 0) return;
+  if (block == nullptr || block->shutdown_stdio.exchange(0) == 0) return;
   fflush(stdout);
   fflush(stderr);
   close(STDERR_FILENO);
   close(STDOUT_FILENO);
-  block->shutdown_stdio = 0;
 }
 
 void vx_exit(int status) {

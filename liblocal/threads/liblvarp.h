@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <pwd.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -18,7 +19,6 @@ constexpr size_t kErrorTextSize = 1024;       // bytes of one system error's tex
 constexpr size_t kDatabaseTextSize = 1024;    // bytes of one database entry's texts
 constexpr size_t kHostByNameTextSize = 8192;  // bytes of one host's names and addresses
 constexpr size_t kTimeTextSize = 26;          // bytes of a time as text
-constexpr size_t kValueTextSize = 64;         // bytes of a value as text
 
 /// An error record: type * 10000 + severity * 1000 + code, and the message.
 struct vx_error_record {
@@ -45,7 +45,6 @@ struct liblocal_t_varp {
   vx_text_buffer utf8_decoded;         // utf8decode; owned
   vx_text_buffer utf8_path;            // the last path in the locale's codeset; owned
   uint32_t random_seed;                // vx_ts_rand; 0 until seeded
-  char value_text[kValueTextSize];     // val_str
   char asctime_text[kTimeTextSize];
   char ctime_text[kTimeTextSize];
   group grgid_entry;
@@ -77,9 +76,9 @@ struct liblocal_t_varp {
 
 /// What the runtime keeps for the process.
 struct liblocal_p_varp {
-  int32_t shutdown_stdio;        // 1: the standard streams are shut down at exit
-  sockaddr_in* local_addresses;  // the table of get_myaddrs; owned
-  int32_t local_address_count;   // its valid slots
+  std::atomic<int32_t> shutdown_stdio;  // 1: the standard streams are shut down at exit
+  sockaddr_in* local_addresses;         // the table of get_myaddrs; owned
+  int32_t local_address_count;          // its valid slots
 };
 
 VARP_DECLARE_THREAD_BLOCK(liblocal)
@@ -95,8 +94,8 @@ enum class LiblocalRelease { kDnsHostCache, kClientHostCache, kErrorTables };
 void liblocal_set_release(LiblocalRelease what, void (*release)());
 
 /// When the shutdown flag of `block` (null: the runtime's process block) is set:
-/// flushes standard output and standard error, closes their descriptors and clears
-/// the flag.
+/// clears it, flushes standard output and standard error and closes their
+/// descriptors. Thread safe: of several callers one does.
 void vx_shutdown_stdio(liblocal_p_varp* block);
 
 /// vx_shutdown_stdio of the process block, then exit with `status`.

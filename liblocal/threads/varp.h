@@ -23,6 +23,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 
 #include "liblocal/threads/vx_atexit.h"
 #include "liblocal/threads/vx_once.h"
@@ -30,70 +31,80 @@
 
 /// Registers the per-process block `data` for `clean` at process exit; a null
 /// `clean` is skipped then. Waits for memory. The cleaner runs under the registry's
-/// lock: it must not call varp_add_data or is_proc_exiting itself, nor wait for a
-/// thread that does. What is registered after the exit-time cleanup has run is never
-/// cleaned. Thread safe.
+/// lock: it must not wait for a thread that calls varp_add_data. What is registered
+/// after the exit-time cleanup has run is never cleaned. Thread safe.
 void varp_add_data(void* data, void (*clean)(void* data));
 
 /// 1 once the exit-time cleanup of the registry has begun, else 0. Thread safe.
 [[nodiscard]] int is_proc_exiting();
 
-/// Names the printer of error messages, for the registry's one message; until then
-/// it goes to standard error as it is. Thread safe.
-void varp_set_error_printer(void (*print)(const char* text));
+/// What the registry prints its one message with; print.cc, which is above, fills the
+/// slot when the program is linked.
+extern void (*const varp_print_error)(const char* format, ...);
+
+/// Memory for a block, zeroed, never null: a failed allocation is tried again every
+/// kBlockPauseMs.
+[[nodiscard]] void* _varp_allocate(size_t size);
+
+template <typename Block>
+[[nodiscard]] Block* varp_new_block() {
+  return static_cast<Block*>(_varp_allocate(sizeof(Block)));
+}
 
 /// A new key for the thread blocks of `module`. Without one the process ends with
 /// status 1 and a message on standard error.
 [[nodiscard]] vx_threadstorage* _varp_new_key(const char* module, void (*clean)(void* block));
 
-/// The behaviour of every thread block; `M` names the parts of one module.
-template <typename M>
+/// Makes `block` the calling thread's value of `key`, trying again as _varp_allocate.
+void _varp_keep(vx_threadstorage* key, void* block);
+
+/// The behaviour of every thread block, over the parts that its module gives it.
+template <auto& kModule, auto& key, auto& once, auto& needs_init, auto& init, auto& clean>
 struct VarpThreadBlock {
-  static typename M::Block* get() {
-    if (M::needs_init().load(std::memory_order_acquire) != 0) vx_once(M::once(), create_key);
-    void* block = vx_threadstorage_get(M::key());
-    if (block == nullptr) {
-      block = M::init();
-      vx_threadstorage_set(M::key(), block);
-    }
-    return static_cast<typename M::Block*>(block);
+  static auto get() {
+    using Block = decltype(init());
+    if (needs_init.load(std::memory_order_acquire) != 0) vx_once(&once, create_key);
+    if (void* own = vx_threadstorage_get(key); own != nullptr) return static_cast<Block>(own);
+    Block made = init();
+    _varp_keep(key, made);
+    return made;
   }
 
   /// Releases the calling thread's block, if it has one.
   static void clean_own() {
-    if (M::needs_init().load(std::memory_order_acquire) != 0) return;
-    void* block = vx_threadstorage_get(M::key());
-    if (block == nullptr) return;
-    M::clean(block);
-    vx_threadstorage_set(M::key(), nullptr);
+    if (needs_init.load(std::memory_order_acquire) != 0) return;
+    void* own = vx_threadstorage_get(key);
+    if (own == nullptr) return;
+    clean(own);
+    vx_threadstorage_set(key, nullptr);
   }
 
  private:
   static void create_key() {
-    M::key() = _varp_new_key(M::kModule, M::clean);
+    key = _varp_new_key(kModule, clean);
     vx_atexit(clean_own);
-    M::needs_init().store(0, std::memory_order_release);
+    needs_init.store(0, std::memory_order_release);
   }
 };
 
-/// The behaviour of every process block.
-template <typename M>
+/// The behaviour of every process block; `Own` is its module's thread block.
+template <typename Own, auto& global, auto& once, auto& needs_init, auto& init, auto& clean>
 struct VarpProcessBlock {
-  static typename M::Block* get() {
-    if (M::needs_init().load(std::memory_order_acquire) != 0) vx_once(M::once(), create);
-    return M::global().load(std::memory_order_acquire);
+  static auto get() {
+    if (needs_init.load(std::memory_order_acquire) != 0) vx_once(&once, create);
+    return global.load(std::memory_order_acquire);
   }
 
  private:
   static void create() {
-    M::init();
-    varp_add_data(M::global().load(std::memory_order_relaxed), clean);
-    M::needs_init().store(0, std::memory_order_release);
+    init();
+    varp_add_data(global.load(std::memory_order_relaxed), release);
+    needs_init.store(0, std::memory_order_release);
   }
-  static void clean(void* block) {
-    VarpThreadBlock<typename M::Thread>::clean_own();
-    M::clean(block);
-    M::global().store(nullptr, std::memory_order_release);
+  static void release(void* block) {
+    Own::clean_own();
+    clean(block);
+    global.store(nullptr, std::memory_order_release);
   }
 };
 
@@ -108,22 +119,14 @@ struct VarpProcessBlock {
   void M##_t_clean(void* block);             \
   M##_t_varp* get_##M##_t_varp();
 
-#define VARP_DEFINE_THREAD_BLOCK(M)                                    \
-  vx_threadstorage* Key_##M##_t_varp = nullptr;                        \
-  vx_once_control once_##M##_t_varp;                                   \
-  std::atomic<int> M##_t_needs_init = 1;                               \
-  namespace {                                                          \
-  struct M##_t_parts {                                                 \
-    using Block = M##_t_varp;                                          \
-    static constexpr const char* kModule = #M;                         \
-    static vx_threadstorage*& key() { return Key_##M##_t_varp; }       \
-    static vx_once_control* once() { return &once_##M##_t_varp; }      \
-    static std::atomic<int>& needs_init() { return M##_t_needs_init; } \
-    static Block* init() { return M##_t_init(); }                      \
-    static void clean(void* block) { M##_t_clean(block); }             \
-  };                                                                   \
-  }                                                                    \
-  M##_t_varp* get_##M##_t_varp() { return VarpThreadBlock<M##_t_parts>::get(); }
+#define VARP_DEFINE_THREAD_BLOCK(M)                                                    \
+  vx_threadstorage* Key_##M##_t_varp = nullptr;                                        \
+  vx_once_control once_##M##_t_varp;                                                   \
+  std::atomic<int> M##_t_needs_init = 1;                                               \
+  static constexpr char M##_module[] = #M;                                             \
+  using M##_t_block = VarpThreadBlock<M##_module, Key_##M##_t_varp, once_##M##_t_varp, \
+                                      M##_t_needs_init, M##_t_init, M##_t_clean>;      \
+  M##_t_varp* get_##M##_t_varp() { return M##_t_block::get(); }
 
 #define VARP_DECLARE_PROCESS_BLOCK(M)                  \
   extern std::atomic<M##_p_varp*> Global_##M##_p_varp; \
@@ -134,19 +137,11 @@ struct VarpProcessBlock {
   M##_p_varp* get_##M##_p_varp();
 
 // Stands after VARP_DEFINE_THREAD_BLOCK of the same module.
-#define VARP_DEFINE_PROCESS_BLOCK(M)                                     \
-  std::atomic<M##_p_varp*> Global_##M##_p_varp = nullptr;                \
-  vx_once_control once_##M##_p_varp;                                     \
-  std::atomic<int> M##_p_needs_init = 1;                                 \
-  namespace {                                                            \
-  struct M##_p_parts {                                                   \
-    using Block = M##_p_varp;                                            \
-    using Thread = M##_t_parts;                                          \
-    static std::atomic<Block*>& global() { return Global_##M##_p_varp; } \
-    static vx_once_control* once() { return &once_##M##_p_varp; }        \
-    static std::atomic<int>& needs_init() { return M##_p_needs_init; }   \
-    static void init() { M##_p_init(); }                                 \
-    static void clean(void* block) { M##_p_clean(block); }               \
-  };                                                                     \
-  }                                                                      \
-  M##_p_varp* get_##M##_p_varp() { return VarpProcessBlock<M##_p_parts>::get(); }
+#define VARP_DEFINE_PROCESS_BLOCK(M)                                                               \
+  std::atomic<M##_p_varp*> Global_##M##_p_varp = nullptr;                                          \
+  vx_once_control once_##M##_p_varp;                                                               \
+  std::atomic<int> M##_p_needs_init = 1;                                                           \
+  M##_p_varp* get_##M##_p_varp() {                                                                 \
+    return VarpProcessBlock<M##_t_block, Global_##M##_p_varp, once_##M##_p_varp, M##_p_needs_init, \
+                            M##_p_init, M##_p_clean>::get();                                       \
+  }

@@ -27,7 +27,7 @@ void run_functions() {
   }
 }
 
-void give_up(const char* what) {
+void end_process_without(const char* what) {
   char reason[256];
   vx_error_get_message(reason, sizeof reason);
   fprintf(stderr, "Failed to create %s: %s\n", what, reason);
@@ -39,9 +39,9 @@ void set_up() {
   _vx_orvane_get();
   functions = vx_list_new();
   if (functions != nullptr) enabled = vx_atomic_new(1);
-  if (enabled == nullptr) give_up("internal atexit list");
+  if (enabled == nullptr) end_process_without("internal atexit list");
   progname_mutex = vx_mutex_new();
-  if (progname_mutex == nullptr) give_up("progname mutex");
+  if (progname_mutex == nullptr) end_process_without("progname mutex");
   atexit(run_functions);
 }
 

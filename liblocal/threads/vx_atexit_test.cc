@@ -35,33 +35,31 @@ TEST(VxAtexit, RunsNewestFirst) {
   EXPECT_EXIT((fill(), vx_atexit_disable(), vx_atexit_enable(), exit(3)), exits, "^cbna$");
 }
 
-TEST(VxAtexit, ServesSeveralThreads) {
-  in_threads(8, [](int) {
-    for (int i = 0; i < 200; ++i) {
-      EXPECT_EQ(vx_atexit(say<'y'>), 0);
-      EXPECT_EQ(vx_atexit(say<'z'>), 0);
-      EXPECT_EQ(vx_unatexit(say<'z'>), 0);
-    }
-  });
-  int left = 0;
-  while (vx_unatexit(say<'y'>) == 0) ++left;
-  EXPECT_EQ(left, 8 * 200);
-  EXPECT_EQ(vx_unatexit(say<'z'>), 49);
-}
-
-void first_use_without_memory() {
-  vx_error_set_last(0, 1);
-  FailingMalloc nothing(0);
-  vx_atexit(say<'?'>);
-}
-
-TEST(VxAtexit, WithoutMemory) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");  // in a process that has used nothing yet
-  EXPECT_EXIT(first_use_without_memory(), testing::KilledBySignal(SIGTERM),
-              "^Failed to create internal atexit list: Cannot allocate memory\n$");
-  EXPECT_EQ(vx_unatexit(say<'?'>), 49);
+TEST(VxAtexit, ReportsWhatItCannotDo) {
+  in_threads(4, [](int) { EXPECT_EQ(vx_atexit(say<'y'>), 0); });
+  for (int wanted : {0, 0, 0, 0, 49}) EXPECT_EQ(vx_unatexit(say<'y'>), wanted);
+  EXPECT_EQ(vx_atexit(nullptr), 2);
+  EXPECT_EQ(vx_unatexit(nullptr), 2);
   FailingMalloc nothing(0);
   EXPECT_EQ(vx_atexit(say<'?'>), 53);
+}
+
+// In a process that has used nothing yet.
+void first_use(int granted, bool goes_on) {
+  if (goes_on) std::signal(SIGTERM, SIG_IGN);
+  vx_error_set_last(0, 1);
+  FailingMalloc one(granted, 1);
+  exit(vx_atexit(say<'?'>));
+}
+
+TEST(VxAtexit, NeedsItsListAndTheMutexOfTheName) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const std::string list = "^Failed to create internal atexit list: Cannot allocate memory\n$";
+  const std::string mutex = "^Failed to create progname mutex: Cannot allocate memory\n";
+  EXPECT_EXIT(first_use(0, false), testing::KilledBySignal(SIGTERM), list);
+  EXPECT_EXIT(first_use(0, true), testing::ExitedWithCode(2), list);
+  EXPECT_EXIT(first_use(1, true), testing::ExitedWithCode(0), list) << "the switch is off";
+  EXPECT_EXIT(first_use(3, true), testing::ExitedWithCode(0), mutex + "\\?$");
 }
 
 }  // namespace

@@ -83,12 +83,3 @@ void* vx_list_take_first(vx_list* list) {
   ListLock lock(list);
   return list->first != nullptr ? unlink(&list->first) : nullptr;
 }
-
-bool vx_list_is_empty(vx_list* list) {
-  if (list == nullptr) {
-    _vx_error_null_argument();
-    return true;
-  }
-  ListLock lock(list);
-  return list->first == nullptr;
-}

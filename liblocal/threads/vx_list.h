@@ -22,6 +22,3 @@ int32_t vx_list_remove(vx_list* list, const void* entry);
 
 /// Removes the first entry and returns it; null when the list is empty.
 [[nodiscard]] void* vx_list_take_first(vx_list* list);
-
-/// True when the list holds nothing.
-[[nodiscard]] bool vx_list_is_empty(vx_list* list);

@@ -6,6 +6,8 @@
 #include <csignal>
 #include <cstdlib>
 
+#include "liblocal/threads/xmalloc.h"
+
 namespace {
 
 // On the system's own key and once-control: the library's report their failures
@@ -16,8 +18,7 @@ std::atomic<void (*)(vx_thread*)> identity_release = nullptr;
 
 void release(void* storage) {
   auto* record = static_cast<vx_orvane*>(storage);
-  auto give_up = identity_release.load(std::memory_order_acquire);
-  if (record->identity != nullptr && give_up != nullptr) give_up(record->identity);
+  if (record->identity != nullptr) identity_release.load()(record->identity);
   free(record->last_error);
   free(record);
 }
@@ -30,8 +31,15 @@ void release_at_exit() {
   release(record);
 }
 
+// A thread without its record cannot even report that: the process is asked to end.
+// Where it goes on nevertheless, the next attempt may do better.
+void ask_to_end() {
+  raise(SIGTERM);
+  _vx_pause_ms(kBlockPauseMs);
+}
+
 void create_storage() {
-  if (pthread_key_create(&_VX_orvane_storage, release) != 0) raise(SIGTERM);
+  while (pthread_key_create(&_VX_orvane_storage, release) != 0) ask_to_end();
   atexit(release_at_exit);
 }
 
@@ -41,11 +49,11 @@ vx_orvane* _vx_orvane_get() {
   pthread_once(&storage_once, create_storage);
   auto* record = static_cast<vx_orvane*>(pthread_getspecific(_VX_orvane_storage));
   if (record != nullptr) return record;
-  record = static_cast<vx_orvane*>(calloc(1, sizeof(vx_orvane)));
-  if (record == nullptr || pthread_setspecific(_VX_orvane_storage, record) != 0) raise(SIGTERM);
+  while ((record = static_cast<vx_orvane*>(calloc(1, sizeof(vx_orvane)))) == nullptr) ask_to_end();
+  while (pthread_setspecific(_VX_orvane_storage, record) != 0) ask_to_end();
   return record;
 }
 
 void _vx_orvane_set_identity_release(void (*release_identity)(vx_thread*)) {
-  identity_release.store(release_identity, std::memory_order_release);
+  identity_release = release_identity;
 }

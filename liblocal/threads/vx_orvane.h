@@ -1,6 +1,6 @@
 // The per-thread library record ("orvane"): what the thread primitives keep for
-// each thread. The lowest layer of the runtime: it stands on the C library alone,
-// so that everything above may record an error.
+// each thread. It stands on the C library, and xmalloc's pause, alone, so that
+// everything above may record an error.
 #pragma once
 
 #include <cstdint>
@@ -19,11 +19,14 @@ struct vx_orvane {
   vx_last_error* last_error;  // null until an error is recorded; owned
 };
 
-/// The calling thread's record, made zeroed on first use; never null. Sends the
-/// process SIGTERM when its key or the record cannot be made. The record goes when
-/// the thread ends, and the exiting thread's record at process exit.
+/// The calling thread's record, made zeroed on first use; never null. When its
+/// key or the record cannot be made, sends the process SIGTERM and, should it go on,
+/// tries again every 2000 ms. The record goes when the thread ends, and the exiting
+/// thread's record at process exit.
 vx_orvane* _vx_orvane_get();
 
 /// Names the function that gives up a record's identity when the record goes.
-/// Thread safe; the thread layer calls it before it makes the first identity.
+/// Thread safe.
+///
+/// REQUIRES: called before a record gets an identity.
 void _vx_orvane_set_identity_release(void (*release)(vx_thread* identity));

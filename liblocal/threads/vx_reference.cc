@@ -2,9 +2,9 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 
 #include "liblocal/threads/vx_error.h"
 #include "liblocal/threads/xmalloc.h"
@@ -22,6 +22,7 @@ struct Slot {
 pthread_mutex_t table_mutex = PTHREAD_MUTEX_INITIALIZER;
 Slot* _VX_reference_table = nullptr;  // guarded by table_mutex, as is all below
 int32_t table_size = 0;
+int32_t first_free = 0;  // no slot below it is free
 
 class TableLock {
  public:
@@ -30,14 +31,12 @@ class TableLock {
 };
 
 bool grow() {
-  size_t old_size = static_cast<size_t>(table_size);
-  size_t size = old_size + kGrowth;
+  const size_t size = static_cast<size_t>(table_size + kGrowth) * sizeof(Slot);
   // The first slots are waited for.
-  void* larger = table_size == 0 ? xcalloc(size, sizeof(Slot)) : calloc(size, sizeof(Slot));
+  void* larger = table_size == 0 ? xmalloc(size) : realloc(_VX_reference_table, size);
   if (larger == nullptr) return false;
-  if (table_size > 0) memcpy(larger, _VX_reference_table, old_size * sizeof(Slot));
-  free(_VX_reference_table);
   _VX_reference_table = static_cast<Slot*>(larger);
+  std::fill_n(_VX_reference_table + table_size, kGrowth, Slot{});
   table_size += kGrowth;
   return true;
 }
@@ -61,14 +60,13 @@ int32_t check(const void* object) {
 
 int32_t _vx_reference_from_constructor(void* object, vx_destroy_function destroy) {
   TableLock lock;
-  int32_t number = 0;
-  while (number < table_size && _VX_reference_table[number].object != nullptr) ++number;
-  if (number == table_size && !grow()) {
+  while (first_free < table_size && _VX_reference_table[first_free].object != nullptr) ++first_free;
+  if (first_free == table_size && !grow()) {
     _vx_error_fail(ENOMEM);
     return -1;
   }
-  _VX_reference_table[number] = {object, 1, destroy};
-  return number;
+  _VX_reference_table[first_free] = {object, 1, destroy};
+  return first_free++;
 }
 
 int32_t _vx_unreference_from_destructor(void* object) {
@@ -80,6 +78,7 @@ int32_t _vx_unreference_from_destructor(void* object) {
   }
   if (slot->count < 2) {
     *slot = {};
+    first_free = std::min(first_free, static_cast<int32_t>(slot - _VX_reference_table));
     return 0;
   }
   return static_cast<int32_t>(slot->count--);

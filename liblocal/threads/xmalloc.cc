@@ -8,21 +8,19 @@ namespace {
 
 constexpr uint32_t kPauseMs = 5000;
 
-void wait_for_memory(uint32_t pause_ms) {
-  timespec pause{static_cast<time_t>(pause_ms / 1000),
-                 static_cast<long>(pause_ms % 1000) * 1000000};
-  nanosleep(&pause, nullptr);
-}
-
 }  // namespace
 
 void* xmalloc(size_t size) {
   void* memory;
-  while ((memory = malloc(size)) == nullptr) wait_for_memory(kPauseMs);
+  while ((memory = malloc(size)) == nullptr) _vx_pause_ms(kPauseMs);
   return memory;
 }
 
-void* xcalloc(size_t count, size_t size) { return _vx_calloc_every(count, size, kPauseMs); }
+void* xcalloc(size_t count, size_t size) {
+  void* memory;
+  while ((memory = calloc(count, size)) == nullptr) _vx_pause_ms(kPauseMs);
+  return memory;
+}
 
 char* xstrdup(const char* text) {
   if (text == nullptr) return nullptr;
@@ -30,8 +28,8 @@ char* xstrdup(const char* text) {
   return static_cast<char*>(memcpy(xmalloc(size), text, size));
 }
 
-void* _vx_calloc_every(size_t count, size_t size, uint32_t pause_ms) {
-  void* memory;
-  while ((memory = calloc(count, size)) == nullptr) wait_for_memory(pause_ms);
-  return memory;
+void _vx_pause_ms(uint32_t milliseconds) {
+  timespec pause{static_cast<time_t>(milliseconds / 1000),
+                 static_cast<long>(milliseconds % 1000) * 1000000};
+  nanosleep(&pause, nullptr);
 }

@@ -16,5 +16,7 @@
 /// A copy of `text`, made as by xmalloc; null for null.
 [[nodiscard]] char* xstrdup(const char* text);
 
-/// xcalloc with its own pause between attempts, for the variable blocks.
-[[nodiscard, gnu::malloc]] void* _vx_calloc_every(size_t count, size_t size, uint32_t pause_ms);
+constexpr uint32_t kBlockPauseMs = 2000;  // between attempts to make a block or what it needs
+
+/// Waits before another attempt. Records no error.
+void _vx_pause_ms(uint32_t milliseconds);

@@ -1,56 +1,125 @@
+// What waits instead of failing: the allocators, and all that a block or a record needs.
 #include "liblocal/threads/xmalloc.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
-#include <functional>
-#include <memory>
-#include <vector>
+#include <csignal>
+#include <string>
+#include <thread>
 
 #include "liblocal/threads/liblvarp.h"
+#include "liblocal/threads/vx_error.h"
+#include "liblocal/threads/vx_mutex.h"
+#include "liblocal/threads/vx_thread.h"
 #include "tests/failing_malloc.h"
 
 namespace {
 
-// What a pause does instead of passing, while a test wants to see it.
-std::function<void(int64_t milliseconds)> on_pause;
+std::atomic<int> keys_refused, values_refused, keys_deleted;
+std::string* pauses = nullptr;  // where they are written instead of made, as "seconds.nanoseconds "
+
+bool is_refused(std::atomic<int>& left) { return left > 0 && left-- > 0; }
 
 }  // namespace
 
-// Takes the place of the platform's for the whole test program.
-extern "C" int nanosleep(const timespec* pause, timespec* left) {
-  if (on_pause) {
-    on_pause(pause->tv_sec * 1000 + pause->tv_nsec / 1000000);
-    return 0;
-  }
-  errno = clock_nanosleep(CLOCK_MONOTONIC, 0, pause, left);
-  return errno == 0 ? 0 : -1;
+// The names that the linker's --wrap gives to what is called and to the real one.
+extern "C" {
+int __real_pthread_key_create(pthread_key_t* key, void (*destructor)(void*));
+int __real_pthread_key_delete(pthread_key_t key);
+int __real_pthread_setspecific(pthread_key_t key, const void* value);
+int __real_nanosleep(const timespec* pause, timespec* left);
+
+int __wrap_pthread_key_create(pthread_key_t* key, void (*destructor)(void*)) {
+  return is_refused(keys_refused) ? EAGAIN : __real_pthread_key_create(key, destructor);
+}
+int __wrap_pthread_key_delete(pthread_key_t key) {
+  ++keys_deleted;
+  return __real_pthread_key_delete(key);
+}
+int __wrap_pthread_setspecific(pthread_key_t key, const void* value) {
+  return is_refused(values_refused) ? ENOMEM : __real_pthread_setspecific(key, value);
+}
+int __wrap_nanosleep(const timespec* pause, timespec* left) {
+  if (pauses == nullptr) return __real_nanosleep(pause, left);
+  ((*pauses += std::to_string(pause->tv_sec) + ".") += std::to_string(pause->tv_nsec)) += " ";
+  return 0;
+}
 }
 
 namespace {
 
-// The pauses of `allocate` when memory comes back after the third.
-std::vector<int64_t> pauses_of(const std::function<void*()>& allocate) {
-  std::vector<int64_t> pauses;
-  auto shortage = std::make_unique<FailingMalloc>(0);
-  on_pause = [&](int64_t milliseconds) {
-    pauses.push_back(milliseconds);
-    if (pauses.size() == 3) shortage.reset();
-  };
-  void* memory = allocate();
-  on_pause = nullptr;
-  EXPECT_NE(memory, nullptr);
-  free(memory);
-  return pauses;
+// The pauses of `work`, while the next `refusals` allocations but the first `granted` fail.
+std::string pauses_of(int granted, int refusals, auto work) {
+  std::string made;
+  made.reserve(100);
+  pauses = &made;
+  {
+    FailingMalloc shortage(granted, refusals);
+    work();
+  }
+  pauses = nullptr;
+  return made;
 }
 
-TEST(Xmalloc, WaitsForMemoryAndGoesOn) {
-  const std::vector<int64_t> allocators(3, 5000), blocks(3, 2000);
-  EXPECT_EQ(pauses_of([] { return xmalloc(10); }), allocators);
-  EXPECT_EQ(pauses_of([] { return xcalloc(2, 10); }), allocators);
-  EXPECT_EQ(pauses_of([] { return xstrdup("text"); }), allocators);
-  EXPECT_EQ(pauses_of([] { return liblocal_t_init(); }), blocks);
+TEST(Waiting, ForMemory) {
+  EXPECT_EQ(pauses_of(0, 3, [] { free(xmalloc(10)); }), "5.0 5.0 5.0 ");
+  EXPECT_EQ(pauses_of(0, 1, [] { free(xcalloc(2, 10)); }), "5.0 ");
+  EXPECT_EQ(pauses_of(0, 1, [] { free(xstrdup("text")); }), "5.0 ");
+  EXPECT_EQ(pauses_of(0, 2, [] { liblocal_t_clean(liblocal_t_init()); }), "2.0 2.0 ");
+  EXPECT_EQ(pauses_of(0, 0, [] { EXPECT_EQ(vx_thread_sleep(1234), 0); }), "1.234000000 ");
+  EXPECT_EQ(pauses_of(0, 0, [] { _vx_pause_ms(1234); }), "1.234000000 ");
+  EXPECT_EQ(xstrdup(nullptr), nullptr);
+}
+
+TEST(Waiting, ForThePlaceOfAThreadsBlock) {
+  std::thread([] {
+    vx_error_set_last(0, 1);
+    values_refused = 2;
+    liblocal_t_varp* block = nullptr;
+    EXPECT_EQ(pauses_of(0, 0, [&block] { block = get_liblocal_t_varp(); }), "2.0 2.0 ");
+    EXPECT_EQ(get_liblocal_t_varp(), block);
+  }).join();
+}
+
+// Of a process that has used nothing yet, and goes on when it is asked to end.
+void first_error() {
+  static std::atomic<int> asked;
+  std::signal(SIGTERM, [](int) { ++asked; });
+  keys_refused = 1;
+  values_refused = 2;
+  std::string seen = pauses_of(0, 3, [] { vx_error_set_last(EPERM, 1); });
+  seen += std::to_string(vx_error_get_last()) + " " + std::to_string(asked);
+  FailingMalloc after_object(1, 2);
+  pauses = &(seen += " ");
+  vx_mutex_destroy(vx_mutex_new());  // needs the first slots of the reference table
+  fputs(seen.c_str(), stderr);
+  _exit(3);
+}
+
+TEST(Waiting, ForTheRecordOfErrorsAndTheFirstSlots) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(first_error(), testing::ExitedWithCode(3), "^2.0 2.0 2.0 2.0 2.0 2.0 69 6 5.0 5.0 $");
+  auto default_action = [] {
+    keys_refused = 1;
+    vx_error_set_last(EPERM, 1);
+  };
+  EXPECT_EXIT(default_action(), testing::KilledBySignal(SIGTERM), "^$");
+}
+
+TEST(Waiting, EndsWithoutAKey) {
+  vx_error_set_last(0, 1);
+  keys_refused = 2;
+  EXPECT_EQ(vx_threadstorage_new(nullptr), nullptr);
+  EXPECT_EQ(vx_error_get_last(), 8);
+  EXPECT_EXIT((void)_varp_new_key("kiv", nullptr), testing::ExitedWithCode(1),
+              "^create_thread_key_kiv: unable to create thread-local storage key\\.$");
+  keys_refused = 0;
+  keys_deleted = 0;
+  EXPECT_EQ(vx_threadstorage_destroy(vx_threadstorage_new(nullptr)), 0);
+  EXPECT_EQ(keys_deleted, 1);
 }
 
 }  // namespace

@@ -4,19 +4,16 @@
 #include <cstdlib>
 
 #include "liblocal/threads/vx_mutex.h"
-#include "liblocal/threads/vx_thread.h"
 #include "liblocal/threads/xmalloc.h"
 #include "rpc/xdr/io_switches.h"
 
 namespace {
 
-constexpr uint32_t kBlockPauseMs = 2000;  // between attempts to allocate a block or a lock
-
 vx_mutex* new_lock() {
   for (;;) {
     vx_mutex* lock = vx_mutex_new();
     if (lock != nullptr) return lock;
-    vx_thread_sleep(kBlockPauseMs);
+    _vx_pause_ms(kBlockPauseMs);
   }
 }
 
@@ -53,21 +50,24 @@ void destroy_server_transports(rpc_t_varp* block) {
 
 VARP_DEFINE_THREAD_BLOCK(rpc)
 VARP_DEFINE_PROCESS_BLOCK(rpc)
+std::atomic<rpc_t_varp*> Global_rpc_t_varp;
 
 rpc_t_varp* rpc_t_init() {
   (void)rpc_get_io_switches();  // settled with the process's first block
-  return static_cast<rpc_t_varp*>(_vx_calloc_every(1, sizeof(rpc_t_varp), kBlockPauseMs));
+  return Global_rpc_t_varp = varp_new_block<rpc_t_varp>();
 }
 
 void rpc_t_clean(void* memory) {
   auto* block = static_cast<rpc_t_varp*>(memory);
   destroy_server_transports(block);
   cleanup_mappers(block);
+  rpc_t_varp* newest = block;
+  Global_rpc_t_varp.compare_exchange_strong(newest, nullptr);
   free(block);
 }
 
 void rpc_p_init() {
-  auto* block = static_cast<rpc_p_varp*>(_vx_calloc_every(1, sizeof(rpc_p_varp), kBlockPauseMs));
+  auto* block = varp_new_block<rpc_p_varp>();
   block->lock = new_lock();
   block->transport_lock = new_lock();
   Global_rpc_p_varp.store(block, std::memory_order_release);

@@ -67,6 +67,9 @@ struct rpc_p_varp {
 VARP_DECLARE_THREAD_BLOCK(rpc)
 VARP_DECLARE_PROCESS_BLOCK(rpc)
 
+/// The most recently created thread block; null when that one has gone.
+extern std::atomic<rpc_t_varp*> Global_rpc_t_varp;
+
 /// Why the calling thread's last attempt to make a client failed; success does not
 /// clear it. Never null.
 [[nodiscard]] rpc_createerr* __get_rpc_createerr();

@@ -32,6 +32,7 @@ TEST(RpcVarp, ReleasesWhatAThreadUsed) {
   destroyed.clear();
   std::thread([] {
     rpc_t_varp* block = get_rpc_t_varp();
+    EXPECT_EQ(Global_rpc_t_varp, block) << "the newest";
     for (int slot : {65535, 3, 255, 256})
       EXPECT_TRUE(rpc_set_server_transport(slot, new_transport(slot)));
     for (int again = 0; again < 2; ++again) {
@@ -49,6 +50,7 @@ TEST(RpcVarp, ReleasesWhatAThreadUsed) {
     FailingMalloc nothing(0);
     EXPECT_FALSE(rpc_set_server_transport(1000, nullptr));
   }).join();
+  EXPECT_EQ(Global_rpc_t_varp, nullptr);
   EXPECT_EQ(destroyed, (std::vector{0, 1, 3, 255, 256, 65535}));
 }
 
