@@ -149,7 +149,7 @@ void report_page_faults() {
 
 constexpr Path kPaths[] = {
     {"RPC call over UDP on loopback", "call", call, call_floor, 1.15},
-    {"client creation with a port mapper", "create", create, create_floor, 1.15},
+    {"client creation with a port mapper", "create", create, create_floor, 1.1},
 };
 
 }  // namespace

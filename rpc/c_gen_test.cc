@@ -1,27 +1,48 @@
 #include "rpc/c_gen.h"
 
+#include <gmock/gmock.h>
+
 #include <cerrno>
 #include <cstdlib>
+#include <optional>
 
 #include "rpc/auth/auth.h"
+#include "tests/printed.h"
 #include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
 
 namespace {
 
+using lab::RpcServer;
+
 constexpr rpc_createerr kUntouched = {RPC_CANCELLED, {}};
 
-class CreateTest : public lab::ClientTest {
+// Both mappers that a client may ask, which know every program.
+struct Mappers {
+  RpcServer over_udp{7938, "127.0.0.1", lab::port_mapper(4711)};
+  RpcServer over_tcp{[](RpcServer& server) {
+                       while (auto request = server.read_request()) {
+                         server.send(lab::fragment(lab::success_to(*request, "00001F02")));
+                       }
+                     },
+                     7938};
+};
+
+// In the lab, as mappers have fixed ports, and hosts their names.
+class CreateTest : public lab::ClientTestOn<LabTest> {
  protected:
   void SetUp() override {
     LabTest::SetUp();
+    if (IsSkipped()) return;
+    mappers_.emplace();
     *__get_rpc_createerr() = kUntouched;
     unsetenv("KIV_TRANSPORT");
   }
+
+  std::optional<Mappers> mappers_;
 };
 
 TEST_F(CreateTest, OwnNamesGoToLoopback) {
-  lab::RpcServer mapper(7938, "127.0.0.1", lab::port_mapper(4711));
   for (const char* host :
        {static_cast<const char*>(nullptr), "", "lab-host", "127.0.0.1", "192.0.2.1", "  manager"}) {
     SCOPED_TRACE(testing::PrintToString(host));
@@ -30,29 +51,43 @@ TEST_F(CreateTest, OwnNamesGoToLoopback) {
     const auto server = get<sockaddr_in>(CLGET_SERVER_ADDR);
     EXPECT_EQ(ntohl(server.sin_addr.s_addr), INADDR_LOOPBACK);
     EXPECT_EQ(ntohs(server.sin_port), 4711);
-    EXPECT_EQ(get<timeval>(CLGET_TIMEOUT).tv_sec, 25);
     EXPECT_EQ(get<timeval>(CLGET_RETRY_TIMEOUT).tv_sec, 5);
+    EXPECT_EQ(get<timeval>(CLGET_RETRY_TIMEOUT).tv_usec, 0);
     destroy();
   }
   EXPECT_EQ(__get_rpc_createerr()->status, RPC_CANCELLED) << "success does not clear it";
 }
 
+TEST_F(CreateTest, TransportsByName) {
+  setenv("KIV_TRANSPORT", "SPP", 1);
+  for (const char* name : {"tcp", "PIPE", "shm", "spp", "", "Udp"}) {
+    const bool udp = *name == 'U';
+    EXPECT_THAT(printed(3, [&] { client_ = __brix_clnt_create("", 5, 6, name); }),
+                testing::HasSubstr(udp ? "Calling clntudp_create function\n"
+                                       : "Calling clnttcp_create function\n"));
+    ASSERT_NE(client_, nullptr) << name;
+    EXPECT_EQ(get<timeval>(CLGET_TIMEOUT).tv_sec, udp ? 25 : 30);
+    EXPECT_EQ(get<timeval>(CLGET_TIMEOUT).tv_usec, 0);
+    EXPECT_TRUE(udp || call() == RPC_SUCCESS) << "the mapper itself answers";
+    destroy();
+  }
+  sockaddr_in elsewhere = {AF_INET6, htons(7938), {}, {}};
+  EXPECT_EQ(clntgen_create(&elsewhere, 5, 6, nullptr, &socket_, 0, 0), nullptr);
+  EXPECT_EQ(__get_rpc_createerr()->status, RPC_CANCELLED);
+}
+
 TEST_F(CreateTest, WhatCannotBeMade) {
-  lab::EmptyPortMappers mappers;
   const struct {
     const char* host;
     const char* transport;
     const char* environment;
     clnt_stat status;
     int32_t error;
-  } cases[] = {
-      {"no-such-host", "sctp", nullptr, RPC_UNKNOWNHOST, 0},
-      {"manager", "sctp", nullptr, RPC_SYSTEMERROR, EPFNOSUPPORT},
-      {"manager", nullptr, "ud", RPC_SYSTEMERROR, EPFNOSUPPORT},
-      {"manager", "udp", "", RPC_PROGNOTREGISTERED, 0},
-      {"manager", "", "UDP", RPC_PROGNOTREGISTERED, 0},
-      {"manager", nullptr, "", RPC_CANCELLED, 0},
-  };
+  } cases[] = {{"no-such-host", "sctp", nullptr, RPC_UNKNOWNHOST, 0},
+               {"manager", "sctp", nullptr, RPC_SYSTEMERROR, EPFNOSUPPORT},
+               {"manager", nullptr, "ud", RPC_SYSTEMERROR, EPFNOSUPPORT},
+               {"manager", "udpx", "udp", RPC_SYSTEMERROR, EPFNOSUPPORT},
+               {"manager", nullptr, "", RPC_CANCELLED, 0}};
   for (const auto& test : cases) {
     SCOPED_TRACE(testing::PrintToString(test.transport));
     *__get_rpc_createerr() = kUntouched;
@@ -64,10 +99,15 @@ TEST_F(CreateTest, WhatCannotBeMade) {
 }
 
 TEST_F(CreateTest, WithAuthentication) {
-  lab::RpcServer mapper(7938, "127.0.0.1", lab::port_mapper(4711));
-  client_ = clnt_create_with_auth("", 100122, 0, "udp", kAuthMethodsNone);
-  ASSERT_NE(client_, nullptr);
-  EXPECT_EQ(client_->auth->credential.flavour, kAuthNone);
+  for (auto [transport, allowed] : {std::pair{"udp", 0U}, {"tcp", kAuthMethodsSystem}}) {
+    client_ = clnt_create_with_auth("", 5, 6, transport, kAuthMethodsSystem | 128);
+    ASSERT_NE(client_, nullptr);
+    EXPECT_EQ(client_->auth->credential.flavour, kAuthNone);
+    uint32_t methods = 0;
+    EXPECT_EQ(control(CLGET_AUTH_METHODS, &methods), allowed != 0);
+    EXPECT_EQ(methods, allowed);
+    destroy();
+  }
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 namespace failing_calls {
 
 Refusal connects, reads, writes, waits;
+timeval last_wait;
 
 void refuse(Refusal& calls, int error, int count) {
   calls.error = error;
@@ -37,6 +38,7 @@ bool is_refused(Refusal& calls, int buffers = 0) {
 extern "C" {
 int __real_connect(int socket, const sockaddr* address, socklen_t length);
 ssize_t __real_readv(int descriptor, const iovec* buffers, int count);
+ssize_t __real_recv(int socket, void* buffer, size_t size, int flags);
 ssize_t __real_sendmsg(int socket, const msghdr* message, int flags);
 int __real_select(int count, fd_set* in, fd_set* out, fd_set* exceptional, timeval* timeout);
 
@@ -54,12 +56,17 @@ ssize_t __wrap_readv(int descriptor, const iovec* buffers, int count) {
   return is_refused(reads, count) ? -1 : __real_readv(descriptor, buffers, count);
 }
 
+ssize_t __wrap_recv(int socket, void* buffer, size_t size, int flags) {
+  return is_refused(reads) ? -1 : __real_recv(socket, buffer, size, flags);
+}
+
 ssize_t __wrap_sendmsg(int socket, const msghdr* message, int flags) {
   const auto buffers = static_cast<int>(message->msg_iovlen);
   return is_refused(writes, buffers) ? -1 : __real_sendmsg(socket, message, flags);
 }
 
 int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* exceptional, timeval* timeout) {
+  last_wait = *timeout;
   return is_refused(waits) ? -1 : __real_select(count, in, out, exceptional, timeout);
 }
 }

@@ -1,7 +1,9 @@
 // System calls of connections that fail on demand. A test program that links
-// `failing_calls` has the connect, readv, sendmsg and select calls of its own objects and
-// static libraries pass through here.
+// `failing_calls` has the connect, readv, recv, sendmsg and select calls of its own objects
+// and static libraries pass through here.
 #pragma once
+
+#include <sys/time.h>
 
 #include <atomic>
 
@@ -13,8 +15,12 @@ struct Refusal {
   std::atomic<int> most;   // buffers of one call until now
 };
 
-/// A connect that fails with EINTR goes on by itself, as the platform's does.
+/// A connect that fails with EINTR goes on by itself, as the platform's does. Reads are
+/// readv and recv.
 extern Refusal connects, reads, writes, waits;
+
+/// What the last select was to wait.
+extern timeval last_wait;
 
 /// Lets the next `count` calls fail with `error`.
 void refuse(Refusal& calls, int error, int count = 1);

@@ -1,26 +1,27 @@
 // RPC clients under test, and one procedure that is called through them.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/time.h>
 
 #include "rpc/client/clnt.h"
 #include "rpc/client/rpcvarp.h"
+#include "rpc/transport/c_tcp.h"
+#include "rpc/transport/c_udp.h"
 #include "tests/lab.h"
 
 namespace lab {
 
 constexpr timeval kLong = {20, 0};  // nothing waits so long
+enum Transport { kUdp, kTcp };
 
 inline sockaddr_in loopback(uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
+  return {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
 }
 
-/// Tests of a transport, which make `client_`.
-class ClientTest : public LabTest {
+/// Tests of clients, on a Base that has what their servers need.
+template <typename Base>
+class ClientTestOn : public Base {
  protected:
   void TearDown() override { destroy(); }
 
@@ -29,11 +30,26 @@ class ClientTest : public LabTest {
     client_ = nullptr;
   }
 
+  /// Makes `client_`, of program 5 and version 6 at 127.0.0.1, in the place of the last.
+  CLIENT* create(Transport transport, uint16_t port, int socket = -1, uint32_t size = 100,
+                 timeval retry = kLong) {
+    destroy();
+    sockaddr_in server = loopback(port);
+    socket_ = socket;
+    return client_ = transport == kTcp
+                         ? __brix_clnttcp_create(&server, 5, 6, &socket_, size, size)
+                         : __brix_clntudp_bufcreate(&server, 5, 6, retry, &socket_, size, size);
+  }
+
   /// Calls procedure 7 with the argument 8.
   clnt_stat call(timeval limit = kLong) {
     int32_t argument = 8;
-    return client_->ops->call(client_, 7, xdr_filter<__brix_xdr_int>, &argument,
-                              xdr_filter<__brix_xdr_int>, &result_, limit);
+    return call_with(xdr_filter<__brix_xdr_int>, &argument, limit);
+  }
+
+  clnt_stat call_with(xdrproc_t filter, void* arguments, timeval limit = kLong) {
+    return client_->ops->call(client_, 7, filter, arguments, xdr_filter<__brix_xdr_int>, &result_,
+                              limit);
   }
 
   bool control(uint32_t request, void* information) {
@@ -64,7 +80,11 @@ class ClientTest : public LabTest {
   }
 
   CLIENT* client_ = nullptr;
+  int socket_ = -1;
   int32_t result_ = 0;
 };
+
+/// Their servers are on loopback, at ports that the system chose.
+using ClientTest = ClientTestOn<testing::Test>;
 
 }  // namespace lab

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -11,28 +12,48 @@
 
 namespace lab {
 
-/// A UDP server in a thread of its own.
+/// A server in a thread of its own, over UDP or TCP. Its end ends what it is doing.
 class RpcServer {
  public:
   /// The datagrams to answer `request` with.
   using Script = std::function<std::vector<std::string>(const std::string& request)>;
+  /// What happens on a connection, by the operations below.
+  using Conversation = std::function<void(RpcServer& server)>;
 
-  /// Listens on `port` (0: any) once it is made.
+  /// Over UDP on `port` (0: any).
   RpcServer(uint16_t port, const std::string& address, Script script);
+  /// Over TCP on `port` of 127.0.0.1: one connection after the other.
+  explicit RpcServer(Conversation conversation, uint16_t port = 0);
+  ~RpcServer();
 
-  uint16_t port() const { return receiver_.port(); }
-  /// What has arrived until now.
+  uint16_t port() const { return port_; }
+  /// The datagrams and records that were read until now.
   std::vector<std::string> requests() const;
 
- private:
-  void serve(const std::stop_token& stop);
+  /// The next record, its fragments joined; nothing at the end.
+  std::optional<std::string> read_request();
+  /// The next `count` bytes of the connection, fewer at the end of input.
+  std::string read_bytes(size_t count) const;
+  /// Sends `bytes` as they are, waiting for all to be taken; false once the client is gone.
+  bool send(const std::string& bytes) const;
+  /// The connection's socket.
+  int socket() const { return serving_; }
 
-  UdpReceiver receiver_;
-  Script script_;
-  mutable std::mutex mutex_;  // guards requests_
+ private:
+  RpcServer(int type, const std::string& address, uint16_t port);
+  void accept_all(const Conversation& conversation);
+
+  const int listener_;
+  uint16_t port_ = 0;
+  mutable std::mutex mutex_;  // guards the next two, and ending against serving
   std::vector<std::string> requests_;
+  bool ended_ = false;
+  int serving_ = -1;     // changed by the thread alone
   std::jthread thread_;  // the last member: it uses the others
 };
+
+/// `bytes` as one fragment of a record.
+std::string fragment(const std::string& bytes, bool last = true);
 
 /// The reply to `request` whose bytes behind the transaction id are `hex`.
 std::string reply_to(const std::string& request, const std::string& hex);

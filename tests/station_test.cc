@@ -43,7 +43,7 @@ class RealPortMapper {
   pid_t process_;
 };
 
-class StationTest : public lab::ClientTest {
+class StationTest : public lab::ClientTestOn<LabTest> {
  protected:
   void SetUp() override {
     LabTest::SetUp();

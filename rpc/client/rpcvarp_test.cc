@@ -1,12 +1,10 @@
 #include "rpc/client/rpcvarp.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <thread>
 #include <vector>
 
-#include "liblocal/threads/vx_threadstorage.h"
 #include "tests/failing_malloc.h"
 
 namespace {
@@ -21,6 +19,7 @@ std::vector<int> destroyed;
 rpc_server_transport* new_transport(int number) {
   auto* transport = new Transport{{malloc(100), nullptr}, number};
   transport->header.destroy = [](rpc_server_transport* header) {
+    EXPECT_EQ(header->extra, nullptr);
     auto* whole = reinterpret_cast<Transport*>(header);
     destroyed.push_back(whole->number);
     delete whole;
@@ -29,14 +28,13 @@ rpc_server_transport* new_transport(int number) {
 }
 
 TEST(RpcVarp, ReleasesWhatAThreadUsed) {
-  destroyed.clear();
   std::thread([] {
     rpc_t_varp* block = get_rpc_t_varp();
     EXPECT_EQ(Global_rpc_t_varp, block) << "the newest";
     for (int slot : {65535, 3, 255, 256})
       EXPECT_TRUE(rpc_set_server_transport(slot, new_transport(slot)));
     for (int again = 0; again < 2; ++again) {
-      EXPECT_TRUE(rpc_set_server_transport(7, block->transports[0][7]));
+      EXPECT_TRUE(rpc_set_server_transport(7, block->transports[0][7])) << "stays";
       EXPECT_TRUE(rpc_set_server_transport(7, new_transport(again)));
     }
     EXPECT_TRUE(rpc_set_server_transport(7, nullptr));
@@ -54,24 +52,14 @@ TEST(RpcVarp, ReleasesWhatAThreadUsed) {
   EXPECT_EQ(destroyed, (std::vector{0, 1, 3, 255, 256, 65535}));
 }
 
-// Page faults of a thread that makes its block, uses one slot and releases the block.
-long page_faults_with(int32_t slot) {
-  rusage before{};
-  rusage after{};
-  std::thread([&] {
-    get_rpc_p_varp();
-    getrusage(RUSAGE_THREAD, &before);
-    EXPECT_TRUE(rpc_set_server_transport(slot, nullptr));
-    rpc_t_clean(get_rpc_t_varp());
-    getrusage(RUSAGE_THREAD, &after);
-    vx_threadstorage_set(Key_rpc_t_varp, nullptr);
+TEST(RpcVarp, SettingTheCreationErrorKeepsErrno) {
+  std::thread([] {
+    errno = EXDEV;
+    rpc_set_createerr(RPC_SYSTEMERROR, ENOSPC);  // makes the thread's block
+    EXPECT_EQ(errno, EXDEV);
+    EXPECT_EQ(__get_rpc_createerr()->cause.error_number, ENOSPC);
+    EXPECT_EQ(__get_rpc_createerr()->cause.status, RPC_SUCCESS);
   }).join();
-  return after.ru_minflt - before.ru_minflt;
-}
-
-TEST(RpcVarp, TouchesOnlyWhatWasUsed) {
-  const long with_first = page_faults_with(0);  // and what a sanitizer adds
-  EXPECT_LT(page_faults_with(65535), with_first + 32) << "the slots between take 128 pages";
 }
 
 }  // namespace

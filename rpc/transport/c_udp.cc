@@ -274,11 +274,12 @@ bool take_socket(UdpRecord* record, int* socket) {
   return *socket != -1 && rpc_can_wait_on(*socket);
 }
 
-// A zeroed record with its buffers.
+// A zeroed record with its buffers, of which only what was written is ever read.
 c_unique_ptr<UdpRecord> make_record(uint32_t send_size, uint32_t receive_size) {
   size_t bytes = sizeof(UdpRecord) + receive_size + send_size;
-  c_unique_ptr<UdpRecord> record(static_cast<UdpRecord*>(calloc(1, bytes)));
+  c_unique_ptr<UdpRecord> record(static_cast<UdpRecord*>(malloc(bytes)));
   if (record == nullptr) return nullptr;
+  *record = {};
   record->send_size = send_size;
   record->receive_size = receive_size;
   record->send_buffer = receive_buffer_of(record.get()) + receive_size;

@@ -61,8 +61,9 @@ bool mem_set_position(XDR* xdrs, uint32_t wanted) {
   return true;
 }
 
+// A negative length is more than any buffer has.
 uint8_t* mem_get_inline(XDR* xdrs, int32_t length) {
-  return length < 0 ? nullptr : take(xdrs, static_cast<uint32_t>(length));
+  return take(xdrs, static_cast<uint32_t>(length));
 }
 
 void mem_destroy(XDR* /*xdrs*/) {}

@@ -7,6 +7,7 @@
 
 #include "liblocal/threads/c_memory.h"
 #include "rpc/xdr/xdr_growth.h"
+#include "rpc/xdr/xdr_units.h"
 
 namespace {
 
@@ -80,8 +81,23 @@ bool release(T** memory) {
   return true;
 }
 
+// Puts few counted bytes in one step, where the stream has the room in one piece. False,
+// with nothing done, when that is not so.
+bool put_at_once(XDR* xdrs, const void* bytes, uint32_t size) {
+  constexpr uint32_t kFew = 1024;  // more take their time in the copy
+  if (size - 1 >= kFew) return false;
+  const uint32_t padded = (size + kXdrUnit - 1) & ~(kXdrUnit - 1);
+  uint8_t* at = xdrs->ops->get_inline(xdrs, static_cast<int32_t>(kXdrUnit + padded));
+  if (at == nullptr) return false;
+  xdr_store(at + padded, 0U);  // the padding: the last unit, whose other bytes follow
+  xdr_store(at, size);
+  memcpy(at + kXdrUnit, bytes, size);
+  return true;
+}
+
 bool encode_bytes(XDR* xdrs, const uint8_t* bytes, uint32_t size, uint32_t maximum) {
   if (size > std::min(maximum, kXdrMaxBytes) || (bytes == nullptr && size > 0)) return false;
+  if (put_at_once(xdrs, bytes, size)) return true;
   return xdr_uint32_t(xdrs, &size) && xdrs->ops->put_bytes(xdrs, bytes, size) &&
          put_padding(xdrs, size);
 }
@@ -103,6 +119,7 @@ bool encode_string(XDR* xdrs, const char* text, uint32_t maximum) {
   size_t length = text != nullptr ? strlen(text) : 0;
   if (length > std::min(maximum, kXdrMaxBytes)) return false;
   auto size = static_cast<uint32_t>(length);
+  if (put_at_once(xdrs, text, size)) return true;
   if (!xdr_uint32_t(xdrs, &size)) return false;
   // The terminator serves as a single byte of padding.
   if (xdr_padding(size) == 1) return xdrs->ops->put_bytes(xdrs, text, size + 1);

@@ -1,0 +1,221 @@
+// What holds for clients over UDP and over TCP.
+#include "rpc/transport/c_transport.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <optional>
+
+#include "rpc/auth/a_none.h"
+#include "rpc/auth/auth.h"
+#include "tests/failing_malloc.h"
+#include "tests/rpc_client.h"
+#include "tests/rpc_server.h"
+
+namespace {
+
+using lab::RpcServer;
+
+constexpr uint16_t kNobody = 9;  // a port
+constexpr char kTooWeak[] = "00000001 00000001 00000001 00000005";
+constexpr char kRejected[] = "00000001 00000001 00000001 00000002";
+constexpr char kVersion2[] = "00000001 00000000 00000000 00000000 00000002 00000002 00000003";
+// Success, with a verifier that has a body, and 42 for results.
+constexpr char kAnswer[] = "00000001 00000000 00000002 00000004 61626364 00000000 0000002A";
+
+// A flavour of any number that refreshes a few times. It owns nothing.
+struct ScriptedAuth {
+  AUTH handle{};
+  int refreshes_left = 0;
+  bool valid = true;
+  bool wants_refresh = false;
+
+  static ScriptedAuth* of(AUTH* auth) { return static_cast<ScriptedAuth*>(auth->private_data); }
+
+  ScriptedAuth(int32_t flavour, int refreshes) : refreshes_left(refreshes) {
+    static constexpr auth_ops kOps = {
+        [](AUTH*) {},
+        [](AUTH*, XDR* xdrs) {
+          AUTH* none = __brix_authnone_create();
+          return none->ops->marshal(none, xdrs);
+        },
+        [](AUTH* auth, const opaque_auth*) { return of(auth)->valid; },
+        [](AUTH* auth) { return of(auth)->refreshes_left-- > 0; },
+        [](AUTH* auth, bool, CLIENT*) { return of(auth)->wants_refresh; },
+        [](AUTH*) {},
+        [](AUTH*, uint32_t, void*) { return false; }};
+    handle.credential.flavour = flavour;
+    handle.ops = &kOps;
+    handle.private_data = this;
+  }
+};
+
+class TransportTest : public lab::ClientTest, public testing::WithParamInterface<lab::Transport> {
+ protected:
+  bool is_tcp() const { return GetParam() == lab::kTcp; }
+
+  // A client of a new server that answers with `hex` behind the id.
+  void connect(const std::string& hex = kAnswer) {
+    destroy();
+    server_.reset();
+    if (is_tcp()) {
+      server_.emplace([hex](RpcServer& server) {
+        while (auto request = server.read_request()) {
+          server.send(lab::fragment(lab::reply_to(*request, hex)));
+        }
+      });
+    } else {
+      server_.emplace(uint16_t{0}, "127.0.0.1", [hex](const std::string& request) {
+        return std::vector{lab::reply_to(request, hex)};
+      });
+    }
+    ASSERT_NE(create(GetParam(), server_->port()), nullptr);
+  }
+
+  size_t sent() const { return server_->requests().size(); }
+
+  std::optional<RpcServer> server_;
+};
+
+TEST_P(TransportTest, CallsOnTheWire) {
+  connect();
+  for (int i = 0; i < 300; ++i) ASSERT_EQ(call(), RPC_SUCCESS);
+  expect(call(), RPC_SUCCESS);
+  EXPECT_EQ(result_, 42);
+  const auto requests = server_->requests();
+  ASSERT_EQ(requests.size(), 301U);
+  uint32_t expected = 0;
+  for (const std::string& request : requests) {
+    EXPECT_EQ(to_hex(request.substr(4)),
+              "000000000000000200000005000000060000000700000000000000000000000000000000"
+              "00000008");
+    // The first byte of an id is its lowest. It counts up in 16 bits, or down in 32.
+    uint32_t id = 0;
+    request.copy(reinterpret_cast<char*>(&id), sizeof id);
+    EXPECT_TRUE(id == expected || &request == &requests[0]);
+    expected = is_tcp() ? id - 1 : (id & 0xFFFF0000) | ((id + 1) & 0xFFFF);
+  }
+}
+
+TEST_P(TransportTest, RefreshAndFallback) {
+  const struct {
+    const char* title;
+    int32_t flavour;
+    const char* hex;
+    int refreshes;
+    bool confirmed;
+    size_t sent;
+    int32_t after;     // the flavour; -1: no authentication
+    uint32_t allowed;  // methods; over TCP
+  } cases[] = {
+      {"two at most", 99, kTooWeak, 9, false, 3, 99, kAuthMethodsDefault},
+      {"nothing weaker than 99", 99, kRejected, 0, false, 1, 99, kAuthMethodsDefault},
+      {"system to none", kAuthSystem, kRejected, 9, false, 2, kAuthNone, kAuthMethodsDefault},
+      {"the strong to system", 30001, kTooWeak, 0, false, 1, 30001, kAuthMethodsDefault},
+      {"not when it was confirmed", kAuthSystem, kRejected, 1, true, 2, 1, kAuthMethodsDefault},
+      {"not for another reason", kAuthSystem, kTooWeak, 0, false, 1, 1, kAuthMethodsDefault},
+      {"the first word counts", kAuthSystem, kVersion2, 0, false, 2, 0, kAuthMethodsDefault},
+      {"none is not allowed", kAuthSystem, kRejected, 9, false, 1, -1, kAuthMethodsSystem},
+      {"from 6 down", 6, kRejected, 0, false, 3, kAuthNone, kAuthMethodsDefault},
+      {"from 30001 down", 30001, kRejected, 0, false, 3, kAuthNone, kAuthMethodsDefault},
+      {"from 30013 down", 30013, kRejected, 0, false, 3, kAuthNone, kAuthMethodsDefault},
+      {"system is not allowed", 6, kRejected, 0, false, 2, kAuthNone, kAuthMethodsNone},
+      {"nothing is allowed", 6, kRejected, 0, false, 1, -1, kAuthMethodsOwn}};
+  for (const auto& test : cases) {
+    if (!is_tcp() && test.allowed != kAuthMethodsDefault) continue;
+    SCOPED_TRACE(test.title);
+    ScriptedAuth auth(test.flavour, test.refreshes);
+    connect(test.hex);
+    client_->auth = &auth.handle;
+    uint32_t allowed = test.allowed;
+    EXPECT_EQ(control(CLSET_AUTH_METHODS, &allowed), is_tcp());
+    if (test.confirmed) control(CLSET_AUTH_CONFIRMED, &allowed);
+    EXPECT_NE(call(), RPC_SUCCESS);
+    EXPECT_EQ(sent(), test.sent);
+    EXPECT_EQ(client_->auth != nullptr ? client_->auth->credential.flavour : -1, test.after);
+    EXPECT_EQ(get<int32_t>(CLGET_AUTH_CONFIRMED), test.confirmed ? 1 : 0);
+  }
+}
+
+TEST_P(TransportTest, WhatTheAuthenticationRefuses) {
+  ScriptedAuth auth(99, 1);
+  auth.valid = false;
+  connect();
+  client_->auth = &auth.handle;
+  expect(call(), RPC_AUTHERROR, kAuthInvalidServerVerifier);
+  EXPECT_EQ(auth.refreshes_left, 1);
+  EXPECT_EQ(get<int32_t>(CLGET_AUTH_CONFIRMED), 1);
+
+  auth.valid = true;
+  auth.wants_refresh = true;
+  EXPECT_EQ(call(), RPC_SUCCESS);
+  // Without a refresh the next one is not even sent.
+  EXPECT_EQ(call(), RPC_SUCCESS) << "the status of the call before";
+  EXPECT_EQ(sent(), 2U);
+  client_->auth = nullptr;
+  expect(call(), RPC_AUTHERROR, kAuthFailed);
+}
+
+TEST_P(TransportTest, ArgumentsAndResultsThatFail) {
+  connect();
+  auto only_free = [](XDR* xdrs, void*) { return xdrs->operation == xdr_op::kFree; };
+  expect(call_with(only_free, nullptr), RPC_CANTENCODEARGS);
+  EXPECT_TRUE(client_->ops->freeres(client_, only_free, nullptr));
+  int32_t argument = 8;
+  expect(client_->ops->call(client_, 7, xdr_filter<__brix_xdr_int>, &argument, only_free, nullptr,
+                            lab::kLong),
+         RPC_CANTDECODERES);
+  expect(call(), RPC_SUCCESS);  // the reply to what was encoded is dropped
+}
+
+TEST_P(TransportTest, DestroyClosesTheSocketThatIsItsOwn) {
+  connect();
+  EXPECT_EQ(fcntl(socket_, F_GETFD), FD_CLOEXEC);
+  EXPECT_EQ(get<int>(CLGET_FD), socket_);
+  EXPECT_EQ(ntohs(get<sockaddr_in>(CLGET_SERVER_ADDR).sin_port), server_->port());
+  int ignored = 0;
+  for (bool given : {false, true}) {
+    for (uint32_t request : {CLGET_FD, CLSET_FD_CLOSE, CLSET_FD_NCLOSE}) {
+      control(CLSET_FD_NCLOSE, &ignored);
+      const int other = socket_;
+      ASSERT_NE(create(GetParam(), server_->port(), given ? other : -1), nullptr);
+      EXPECT_EQ(socket_ == other, given);
+      if (!given) close(other);
+      control(request, &ignored);
+      destroy();
+      const bool open = fcntl(socket_, F_GETFD) != -1;
+      EXPECT_EQ(open, request == CLGET_FD ? given : request == CLSET_FD_NCLOSE);
+      if (open) close(socket_);
+      connect();
+    }
+  }
+}
+
+TEST_P(TransportTest, CreationFails) {
+  connect();
+  destroy();
+  get_rpc_p_varp();  // the block waits for its memory
+  const int next = dup(0);
+  close(next);
+  int granted = 0;
+  for (;; ++granted) {
+    FailingMalloc memory(granted);
+    errno = 0;
+    if (create(GetParam(), server_->port()) != nullptr) break;
+    EXPECT_EQ(errno, ENOMEM);
+    expect_not_created(RPC_SYSTEMERROR, ENOMEM);
+    EXPECT_EQ(socket_, -1);
+  }
+  EXPECT_EQ(granted, is_tcp() ? 3 : 2) << "handle, record, stream";
+  create(GetParam(), kNobody, 65536);
+  EXPECT_EQ(errno, EMFILE);
+  expect_not_created(RPC_SYSTEMERROR, EMFILE);
+  EXPECT_EQ(dup(0), next) << "a socket is left";
+  close(next);
+}
+
+INSTANTIATE_TEST_SUITE_P(Both, TransportTest, testing::Values(lab::kUdp, lab::kTcp));
+
+}  // namespace
