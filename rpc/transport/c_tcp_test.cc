@@ -194,14 +194,17 @@ TEST_F(TcpTest, WhatCallsComeTo) {
        kStay, RPC_SUCCESS, 0}};
   for (const auto& test : cases) {
     SCOPED_TRACE(test.what);
-    RpcServer server([&test](RpcServer& peer) {
+    Watcher watcher;
+    RpcServer server([&](RpcServer& peer) {
       peer.send(wire(test.answer, *peer.read_request()));
       const linger now = {1, 0};
       if (test.then == kReset) setsockopt(peer.socket(), SOL_SOCKET, SO_LINGER, &now, sizeof now);
-      if (test.then == kBeUrgent) send_urgently(peer);
+      for (int i = 0; test.then == kBeUrgent && i < 2; ++i) watcher.go.acquire();
+      if (test.then == kBeUrgent) send_urgently(peer);  // to who waits, as a read would miss it
       if (test.then == kStay || test.then == kBeUrgent) stall(peer);
     });
     connect(server);
+    if (test.then == kBeUrgent) watch(&watcher);
     expect(call(), test.status, test.detail);
   }
 }

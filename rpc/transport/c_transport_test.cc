@@ -196,7 +196,8 @@ TEST_P(TransportTest, DestroyClosesTheSocketThatIsItsOwn) {
 TEST_P(TransportTest, CreationFails) {
   connect();
   destroy();
-  get_rpc_p_varp();  // the block waits for its memory
+  get_rpc_t_varp();  // the blocks wait for their memory
+  get_rpc_p_varp();
   const int next = dup(0);
   close(next);
   int granted = 0;
