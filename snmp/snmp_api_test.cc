@@ -36,11 +36,9 @@ long open_descriptors() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
-class SessionTest : public LabTest {
+class SessionTest : public testing::Test {
  protected:
   void SetUp() override {
-    LabTest::SetUp();
-    if (IsSkipped() || HasFatalFailure()) return;
     agent.emplace(uint16_t{0});
     wanted.peer_name = const_cast<char*>("127.0.0.1");
     wanted.remote_port = agent->port();
@@ -110,6 +108,7 @@ class SessionTest : public LabTest {
 };
 
 TEST_F(SessionTest, DefaultsAndOwnCopies) {
+  if (lab::skip_outside()) return;
   char peer[] = "manager";
   wanted.peer_name = peer;
   wanted.remote_port = 0;
@@ -146,6 +145,7 @@ TEST_F(SessionTest, DefaultsAndOwnCopies) {
 }
 
 TEST_F(SessionTest, FailuresToOpen) {
+  if (lab::skip_outside()) return;  // a name is looked up
   auto expect_refused = [this](const char* told, int error) {
     EXPECT_EQ(printed(0, [this] { EXPECT_EQ(snmp_open(&wanted), nullptr); }), told);
     EXPECT_EQ(snmp_errno, error);
@@ -208,6 +208,7 @@ TEST_F(SessionTest, SendsWithWhatWasMissing) {
 }
 
 TEST_F(SessionTest, FailuresToSend) {
+  if (lab::skip_outside()) return;  // another network is sent to
   snmp_session* session = open_and_ask();
   request_record* request = Sessions->state->requests;
   snmp_pdu* pdu = make_pdu(kSnmpGetRequest, 7);

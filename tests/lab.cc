@@ -4,19 +4,14 @@
 #include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
-#include <net/if.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/mman.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 #include <utmp.h>
 
@@ -28,137 +23,18 @@
 #include <sstream>
 #include <system_error>
 
-namespace fs = std::filesystem;
-
 namespace lab {
 namespace {
 
-constexpr char kMarker[] = "KIVTRAP_LAB";  // "new": namespaces are there; "ready": all is
-constexpr unsigned kLongestRun = 200;      // seconds
-
-std::string reason_outside;
+constexpr char kLab[] = "KIVTRAP_LAB";  // what lab.sh tells
+constexpr unsigned kLongestRun = 200;   // seconds
 
 void check(bool ok, const std::string& what) {
   if (!ok) throw std::system_error(errno, std::generic_category(), what);
 }
 
-// The user ids of the namespace: all that the parent may give, or only its own.
-void map_ids(pid_t child) {
-  std::string proc = "/proc/" + std::to_string(child);
-  for (bool group : {false, true}) {
-    std::string file = group ? "/gid_map" : "/uid_map";
-    unsigned id = group ? getegid() : geteuid();
-    try {
-      write_file(proc + file, "0 0 65536");
-    } catch (const std::system_error&) {
-      if (group) write_file(proc + "/setgroups", "deny");
-      write_file(proc + file, "0 " + std::to_string(id) + " 1");
-    }
-  }
-}
-
 int exit_status(int wait_status) {
   return WIFEXITED(wait_status) ? WEXITSTATUS(wait_status) : 128 + WTERMSIG(wait_status);
-}
-
-// Runs this program again in new namespaces and ends with its status. Returns
-// when that is impossible. A plain fork would not do: the thread sanitizer runs a
-// thread of its own, and no process with threads may change its user namespace.
-void run_again_in_namespaces(char** argv) {
-  int go[2];
-  check(pipe2(go, O_CLOEXEC) == 0, "pipe");
-  setenv(kMarker, "new", 1);
-  long flags = CLONE_NEWUSER | CLONE_NEWNET | CLONE_NEWNS | CLONE_NEWUTS | CLONE_NEWIPC | SIGCHLD;
-  long child = syscall(SYS_clone, flags, nullptr, nullptr, nullptr, 0);
-  if (child == 0) {
-    char ready = 0;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (read(go[0], &ready, 1) == 1) execv("/proc/self/exe", argv);
-    _exit(127);
-  }
-  unsetenv(kMarker);
-  check(child > 0, "clone");
-  map_ids(static_cast<pid_t>(child));  // without them the child waits until it goes with us
-  check(write(go[1], "", 1) == 1, "write");
-  int status = 0;
-  while (waitpid(static_cast<pid_t>(child), &status, 0) < 0 && errno == EINTR) {
-  }
-  exit(exit_status(status));
-}
-
-void bind(const fs::path& from, const fs::path& to) {
-  fs::create_directory(to);
-  check(mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0,
-        "mount " + to.string());
-}
-
-// An /etc of our own: links to the host's files, and the lab's instead of some.
-void fill_etc(const fs::path& root) {
-  bind("/etc", root / "host-etc");
-  fs::create_directory(root / "etc");
-  for (const fs::directory_entry& entry : fs::directory_iterator("/etc")) {
-    fs::path name = entry.path().filename();
-    fs::create_symlink("/host-etc" / name, root / "etc" / name);
-  }
-  const std::pair<const char*, const char*> own_files[] = {
-      {"hosts",
-       "127.0.0.1 localhost manager\n"
-       "192.0.2.1 lab-host\n"
-       "10.9.0.1 lab-cable\n"
-       "10.9.0.2 station\n"},
-      {"services", "sunrpc 111/tcp portmapper\nsunrpc 111/udp portmapper\nsnmp 161/udp\n"},
-      {"nsswitch.conf", "hosts: files\nservices: files\n"},
-      {"host.conf", "multi on\n"},  // all lines of a name
-      {"resolv.conf", ""}};
-  for (const auto& [name, text] : own_files) {
-    fs::remove(root / "etc" / name);
-    write_file(root / "etc" / name, text);
-  }
-}
-
-// Changes to a root directory in memory: the host's directories, but an /etc and an
-// empty /run of our own, and room for new ones.
-void change_root() {
-  const fs::path root = "/run";
-  const fs::path here = fs::current_path();
-  check(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "mount /");
-  check(mount("tmpfs", root.c_str(), "tmpfs", 0, "mode=755") == 0, "mount tmpfs");
-  fill_etc(root);
-  fs::create_directory(root / "run");
-  for (const fs::directory_entry& entry : fs::directory_iterator("/")) {
-    fs::path name = entry.path().filename();
-    if (name == "etc" || name == "run") continue;
-    if (entry.is_symlink()) {
-      fs::copy_symlink(entry.path(), root / name);
-    } else if (entry.is_directory()) {
-      bind(entry.path(), root / name);
-    }
-  }
-  fs::current_path(root);
-  check(syscall(SYS_pivot_root, ".", ".") == 0, "pivot_root");
-  check(umount2(".", MNT_DETACH) == 0, "umount");
-  fs::current_path(here);
-}
-
-void bring_up_loopback() {
-  int any = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  check(any >= 0, "socket");
-  ifreq request{};
-  strcpy(request.ifr_name, "lo");
-  request.ifr_flags = IFF_UP;
-  check(ioctl(any, SIOCSIFFLAGS, &request) == 0, "lo up");
-  close(any);
-}
-
-void furnish() {
-  change_root();
-  bring_up_loopback();
-  set_host_name(kHostName);
-  timespec now{};
-  timespec up{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  clock_gettime(CLOCK_BOOTTIME, &up);
-  set_boot_time(now.tv_sec - up.tv_sec);
 }
 
 // What was written to a file without a name, which goes.
@@ -201,23 +77,36 @@ void refuse(int call, int error) {
 }  // namespace
 
 void enter(char** argv) {
-  const char* marker = getenv(kMarker);
-  if (marker != nullptr && strcmp(marker, "ready") == 0) return;
-  try {
-    if (marker == nullptr) run_again_in_namespaces(argv);
-    furnish();
-    setenv(kMarker, "ready", 1);
-  } catch (const std::exception& failure) {
-    reason_outside = std::string("no private network here: ") + failure.what();
-    // Half a lab is none: on with the host's own files would be a surprise.
-    if (marker != nullptr) {
-      fprintf(stderr, "%s\n", reason_outside.c_str());
-      exit(1);
-    }
-  }
+  if (getenv(kLab) != nullptr) return;
+  std::string program = std::filesystem::read_symlink("/proc/self/exe");
+  std::vector<char*> words = {const_cast<char*>(LAB_RUN), program.data()};
+  while (*++argv != nullptr) words.push_back(*argv);
+  words.push_back(nullptr);
+  execv(LAB_RUN, words.data());
+  perror(LAB_RUN);
+  exit(1);
 }
 
-const std::string& why_outside() { return reason_outside; }
+std::string why_outside() {
+  const char* where = getenv(kLab);
+  if (where == nullptr) return "not in the lab";
+  return strcmp(where, "ready") == 0 ? "" : where;
+}
+
+bool skip_outside() {
+  if (!why_outside().empty()) LabTest::skip(why_outside());
+  return !why_outside().empty();
+}
+
+bool skip_without_ports() {
+  try {
+    UdpReceiver station(162), standard(111), own(7938);
+    return false;
+  } catch (const std::system_error& failure) {
+    LabTest::skip(std::string("the ports of a station: ") + failure.what());
+    return true;
+  }
+}
 
 bool has_users() {
   unsigned inside = 0, outside = 0, count = 0;
@@ -226,6 +115,7 @@ bool has_users() {
 }
 
 void write_file(const std::string& path, std::string_view text) {
+  if (path.starts_with("/etc/") && !why_outside().empty()) throw std::logic_error(path);
   // Not through a link of the lab's /etc, behind which is the host's own file.
   int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
   check(file >= 0, path);
@@ -329,9 +219,7 @@ void SecondHost::inside(const std::function<void()>& work) const {
 
 }  // namespace lab
 
-void LabTest::SetUp() {
-  if (!lab::why_outside().empty()) skip(lab::why_outside());
-}
+void LabTest::SetUp() { lab::skip_outside(); }
 
 void LabTest::skip(const std::string& reason) {
   if (getenv("CI") != nullptr) FAIL() << reason;

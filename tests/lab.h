@@ -1,12 +1,8 @@
-// The lab: a private user, network, mount, UTS and IPC namespace for everything
-// that touches the network, the host's name, /etc or the boot record.
+// Tests in the lab, the private machine that lab.sh makes, and what they use there.
 //
-// A program enters it once, at its start, and stays: it is then root of a machine
-// of its own, with loopback up, an empty /run, the names below and nothing to
-// reach outside. What it writes to /etc, /run and new directories of / disappears
-// with it, but /etc holds links to the host's files: remove one before writing it.
-// Where the host forbids such namespaces the program goes on outside, and every
-// LabTest skips with the reason (and fails when CI is set).
+// Every test program enters the lab at its start. Where there can be none it goes on
+// outside. A test that needs loopback alone states nothing and runs all the same; one that
+// needs more is a LabTest, or asks skip_outside or skip_without_ports in its SetUp.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -23,13 +19,17 @@ namespace lab {
 constexpr char kHostName[] = "lab-host";  // 192.0.2.1 by the lab's hosts file
 constexpr unsigned kUser = 1000;          // a user and group without rights
 
-/// Enters the lab, unless the process (or one it descends from) is in one. Runs
-/// the program again inside and ends with its exit status, so it returns only
-/// inside, or where the lab cannot be made. Call it first in main.
+/// Runs the program again in the lab, unless it already comes from lab.sh. Call it first
+/// in main.
 void enter(char** argv);
 
 /// Empty inside the lab, else the reason why there is none.
-const std::string& why_outside();
+std::string why_outside();
+
+/// Skips the running test outside the lab; true then.
+bool skip_outside();
+/// Skips it where the ports of a station, 162, 111 and 7938 on loopback, cannot be had.
+bool skip_without_ports();
 
 /// False where the host lends the lab no users but root.
 bool has_users();
@@ -100,12 +100,15 @@ class SecondHost {
 
 }  // namespace lab
 
-/// A test that needs the lab.
+/// A test that needs more than loopback: the lab's host name, /etc, /run, new directories
+/// of / or a second machine.
 class LabTest : public testing::Test {
+ public:
+  /// Skips the running test because something is lacking; in CI it fails.
+  static void skip(const std::string& reason);
+
  protected:
   void SetUp() override;
-  /// Skips the running test because the lab lacks something; in CI it fails.
-  static void skip(const std::string& reason);
 };
 
 /// The bytes that hex digits stand for; blanks between them are ignored.

@@ -9,7 +9,11 @@
 namespace {
 
 using lab::Outcome;
-using ListenerTest = LabTest;
+
+class ListenerTest : public testing::Test {
+ protected:
+  void SetUp() override { lab::skip_without_ports(); }
+};
 
 // A trap with a binding of every type, and texts that would act on a terminal.
 constexpr char kTrap[] =

@@ -46,8 +46,7 @@ class RealPortMapper {
 class StationTest : public lab::ClientTestOn<LabTest> {
  protected:
   void SetUp() override {
-    LabTest::SetUp();
-    if (IsSkipped() || HasFatalFailure()) return;
+    if (lab::skip_outside()) return;
     station_.emplace(std::vector<std::string>{kStation});
     station_->inside([this] { manager_.emplace(uint16_t{162}, kStation); });
   }

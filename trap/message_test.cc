@@ -45,9 +45,8 @@ TEST(ReadMessage, WithoutMemoryTheNextLineGetsItsChance) {
   EXPECT_STREQ(message.get(), "line 2");
 }
 
-using DeliveryTest = LabTest;
-
-TEST_F(DeliveryTest, EveryAllocationMayFail) {
+TEST(DeliveryTest, EveryAllocationMayFail) {
+  if (lab::skip_without_ports()) return;
   lab::UdpReceiver station(162);
   TrapOptions options;
   options.community = "public";

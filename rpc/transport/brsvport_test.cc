@@ -18,7 +18,7 @@ namespace {
 const sockaddr_in kElsewhere = {AF_INET, 0, {htonl(0xC0000263)}, {}};
 
 // Sockets that stay bound until the test ends.
-class BindTest : public LabTest {
+class BindTest : public testing::Test {
  protected:
   void TearDown() override {
     for (int descriptor : open_) close(descriptor);

@@ -1,0 +1,90 @@
+#!/bin/sh
+# lab_run COMMAND...: runs a command in the lab: private network, mount, UTS and IPC
+# namespaces for everything that touches the network, the host's name, /etc or the boot
+# record. There it is root of a machine of its own, with loopback up, an empty /run, the
+# names below and nothing to reach outside. What it writes to /etc, /run and new directories
+# of / disappears with it, but /etc holds links to the host's files: remove one before
+# writing it.
+#
+# KIVTRAP_LAB is "ready" for the command, or the reason why there is no lab. The command
+# then runs all the same, on the machine that it is on.
+set -eu
+[ $# -gt 0 ] || { echo "usage: lab_run COMMAND..." >&2; exit 2; }
+self=$(realpath "$0")
+
+# in_namespaces STAGE WAY COMMAND...: this script once more, in new namespaces.
+in_namespaces() {
+  KIVTRAP_LAB=$1 way=$2
+  export KIVTRAP_LAB
+  shift 2
+  exec unshare "$way" --net --mount --uts --ipc --propagation unchanged "$self" "$@"
+}
+
+# All users that the host may give to this process, once it has its user namespace, or
+# only its own.
+map_ids() {
+  # shellcheck disable=SC3013 # every sh of Debian knows -ef
+  while [ /proc/$$/ns/user -ef /proc/self/ns/user ]; do sleep 0.002; done
+  { echo 0 0 65536 >/proc/$$/gid_map && echo 0 0 65536 >/proc/$$/uid_map; } 2>/dev/null || {
+    echo deny >/proc/$$/setgroups
+    echo "0 $(id -g) 1" >/proc/$$/gid_map
+    echo "0 $(id -u) 1" >/proc/$$/uid_map
+  }
+}
+
+# Everything that may be refused.
+found() {
+  # Mounts made here stay here. In a chroot the root is no mount point; entering the mount
+  # namespace that one is in leaves the chroot for the one command.
+  nsenter --mount=/proc/self/ns/mnt mount --make-rprivate /
+  mount -n -t tmpfs -o mode=755 lab /run
+  ip link set lo up
+  hostname lab-host
+}
+
+case ${KIVTRAP_LAB-} in
+"")
+  if reason=$(in_namespaces try --map-root-user true 2>&1); then
+    (map_ids &)
+    in_namespaces unmapped --user "$@"
+  elif reason=$(in_namespaces try --mount true 2>&1); then
+    in_namespaces new --mount "$@"
+  fi
+  KIVTRAP_LAB="no private network here: $reason"
+  export KIVTRAP_LAB
+  exec flock --close /tmp "$@" # one at a time: they share the machine's ports
+  ;;
+try) found ;;
+unmapped)
+  until read -r _ <"/proc/$$/uid_map"; do sleep 0.002; done
+  KIVTRAP_LAB=new exec "$self" "$@" # root, by now
+  ;;
+new)
+  found
+  # The host's directories under /run, as the root directory from here on.
+  mkdir /run/etc /run/run
+  {
+    echo "/etc /run/host-etc none rbind,X-mount.mkdir"
+    find / -mindepth 1 -maxdepth 1 ! -name etc ! -name run \( -type l -exec cp -P -t /run {} + \
+      -o -type d -printf '%p /run%p none rbind,X-mount.mkdir\n' \)
+  } >/run/run/fstab
+  mount -n -a -T /run/run/fstab
+  KIVTRAP_LAB=empty exec unshare --root=/run --wd="$PWD" "$self" "$@"
+  ;;
+empty)
+  ln -s /host-etc/* /etc
+  cd /etc
+  rm -f hosts services nsswitch.conf host.conf resolv.conf
+  printf '%s\n' '127.0.0.1 localhost manager' '192.0.2.1 lab-host' '10.9.0.1 lab-cable' \
+    '10.9.0.2 station' >hosts
+  printf '%s\n' 'sunrpc 111/tcp portmapper' 'sunrpc 111/udp portmapper' 'snmp 161/udp' >services
+  printf '%s\n' 'hosts: files' 'services: files' >nsswitch.conf
+  echo 'multi on' >host.conf # all lines of a name
+  : >resolv.conf
+  # A boot record.
+  perl -e 'print pack "s x338 l x40", 2, time - int <>' /proc/uptime >/run/utmp
+  cd "$OLDPWD"
+  KIVTRAP_LAB=ready exec "$@"
+  ;;
+*) exec "$@" ;;
+esac
