@@ -1,6 +1,7 @@
 #include "trap/message.h"
 
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -31,6 +32,16 @@ size_t find_break(const char* line, size_t length, size_t start) {
   return kNoBreak;
 }
 
+// Reads the next line into `line` of kLineSize bytes. A signal, such as the one of a debug
+// command, that interrupts the wait for it does not end the input.
+bool next_line(char* line, FILE* source) {
+  while (vxfgets(line, kReadLimit, source) == nullptr) {
+    if (ferror(source) == 0 || errno != EINTR) return false;
+    clearerr(source);
+  }
+  return true;
+}
+
 }  // namespace
 
 FILE* open_message_source(const char* file) {
@@ -50,7 +61,7 @@ c_unique_ptr<char> read_message(FILE* source, bool wrap) {
   c_unique_ptr<char> message;
   char line[kLineSize];
   char wrapped[kLineSize];
-  while (vxfgets(line, kReadLimit, source) != nullptr) {
+  while (next_line(line, source)) {
     if (message != nullptr) continue;
     if (wrap) wrap_line(line, wrapped);
     // Without memory for this line the next one gets its chance.
