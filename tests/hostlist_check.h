@@ -19,7 +19,9 @@ inline std::string hostlist_fault(const hostlist_cache& cache) {
     if (entry->state == HOST_STALE && (entry->primary != entry || entry->next != nullptr)) {
       return "a stale entry has a chain";
     }
-    if (entry->primary != entry || entry->state == HOST_STALE) continue;
+    const host_entry* host = entry->state == HOST_STALE ? nullptr : entry->primary;
+    if (hostlist_cache_host(&cache, entry->name) != host) return "not found";
+    if (host != entry) continue;
     local_host_seen |= entry == cache.local_host;
     for (const host_entry* link = entry; link != nullptr; link = link->next) {
       if (++chained > cache.count) return "a chain without end";

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -69,6 +70,53 @@ int32_t maximum_of(const hostlist_limits* limits) {
   return std::clamp(maximum, limits->least_maximum, INT32_MAX - limits->step);
 }
 
+uint32_t hash_of(const char* name) {
+  constexpr uint64_t kLowerCase = 0x2020202020202020;  // of ASCII letters
+  constexpr uint64_t kSpread = 0x9E3779B97F4A7C15;
+  uint64_t hash = 0;
+  for (size_t left = strlen(name), size = 0; left > 0; left -= size, name += size) {
+    uint64_t word = 0;
+    size = std::min(left, sizeof word);
+    memcpy(&word, name, size);
+    hash = (hash ^ (word | kLowerCase)) * kSpread;
+    hash ^= hash >> 32;
+  }
+  return static_cast<uint32_t>(hash);
+}
+
+// At most half full.
+size_t index_size(const hostlist_cache* cache) {
+  return std::bit_ceil(2 * static_cast<size_t>(cache->capacity));
+}
+
+// An entry stands in the slot of its hash or the next free one behind it.
+void add_to_index(hostlist_cache* cache, host_entry* entry) {
+  if (cache->index == nullptr) return;
+  const size_t mask = index_size(cache) - 1;
+  size_t at = entry->hash & mask;
+  while (cache->index[at] != nullptr) at = (at + 1) & mask;
+  cache->index[at] = entry;
+}
+
+// Null also for a name that only the locale knows to be the same.
+const host_entry* find_in_index(const hostlist_cache* cache, const char* name) {
+  if (cache->index == nullptr) return nullptr;
+  const size_t mask = index_size(cache) - 1;
+  const uint32_t hash = hash_of(name);
+  for (size_t at = hash & mask; cache->index[at] != nullptr; at = (at + 1) & mask) {
+    const host_entry* entry = cache->index[at];
+    if (entry->hash == hash && strcasecmp(entry->name, name) == 0) return entry;
+  }
+  return nullptr;
+}
+
+// Makes the index anew. Without memory for it there is none, and names are searched for.
+void make_index(hostlist_cache* cache) {
+  free(cache->index);
+  cache->index = static_cast<host_entry**>(calloc(index_size(cache), kSlotSize));
+  for (int32_t i = 0; i < cache->count; ++i) add_to_index(cache, cache->table[i]);
+}
+
 // The new table is fresh from the system, so that slots never used cost no memory.
 bool grow(hostlist_cache* cache) {
   const int32_t capacity = cache->capacity + cache->limits->step;
@@ -80,7 +128,10 @@ bool grow(hostlist_cache* cache) {
   std::copy_n(cache->table, cache->count, static_cast<host_entry**>(larger));
   free(cache->table);
   cache->table = static_cast<host_entry**>(larger);
+  const size_t indexed = index_size(cache);
+  const bool is_first = cache->capacity == 0;
   cache->capacity = capacity;
+  if (!is_first && (cache->index == nullptr || index_size(cache) != indexed)) make_index(cache);
   return true;
 }
 
@@ -134,7 +185,8 @@ host_place hostlist_cache_find(const hostlist_cache* cache, const char* name) {
 }
 
 host_entry* hostlist_cache_host(const hostlist_cache* cache, const char* name) {
-  const host_entry* entry = hostlist_cache_find(cache, name).entry;
+  const host_entry* entry = find_in_index(cache, name);
+  if (entry == nullptr) entry = hostlist_cache_find(cache, name).entry;
   return entry == nullptr || entry->state == HOST_STALE ? nullptr : entry->primary;
 }
 
@@ -147,7 +199,8 @@ host_entry* hostlist_cach_new_host(hostlist_cache* cache, const char* name, host
     no_memory();
     return nullptr;
   }
-  *entry = {copy, primary != nullptr ? primary : entry, nullptr, state, expiry};
+  if (primary == nullptr) primary = entry;
+  *entry = {copy, primary, nullptr, state, hash_of(copy), expiry};
   return entry;
 }
 
@@ -165,6 +218,7 @@ bool hostlist_cache_insert(hostlist_cache* cache, host_entry* entry, int32_t hin
   std::copy_backward(slot, cache->table + cache->count, cache->table + cache->count + 1);
   *slot = entry;
   ++cache->count;
+  add_to_index(cache, entry);
   // Without memory to grow, the slots that are left still serve.
   if (free_slots(cache) <= kLowRoom) extend_around(cache, entry->primary);
   return true;
@@ -197,6 +251,7 @@ void hostlist_cache_purge(hostlist_cache* cache, uint32_t state) {
   }
   std::fill(cache->table + kept, cache->table + cache->count, nullptr);
   cache->count = kept;
+  if (removed != nullptr && cache->index != nullptr) make_index(cache);
   if (state == HOST_STALE) cache->stale_count = 0;
   while (host_entry* entry = removed) {
     removed = entry->next;
@@ -286,5 +341,6 @@ void hostlist_cache_free(hostlist_cache* cache) {
     free(entry);
   }
   free(cache->table);
+  free(cache->index);
   *cache = {.limits = cache->limits};
 }

@@ -3,6 +3,7 @@
 //
 // The resolver's hosts (dns_cache.h) and the clients (client_list.h) each have a cache of
 // their own. The table is an array of pointers, sorted by name; letter case never counts.
+// Beside a table of more than one step stands an index, for names that are there.
 // A host is its primary entry, the first of its chain: that entry's state and expiry
 // count for the whole chain. Between two operations
 //
@@ -45,6 +46,7 @@ struct host_entry {
   host_entry* primary;  // of the entry's host; its own for the first one
   host_entry* next;     // in the chain, or in the free list
   uint32_t state;
+  uint32_t hash;   // of the name, whatever its case
   int64_t expiry;  // service time after which the host is to be resolved again
 };
 
@@ -59,6 +61,7 @@ struct hostlist_limits {
 struct hostlist_cache {
   const hostlist_limits* limits;     // not null; stays when the cache is freed
   host_entry** table = nullptr;      // `capacity` slots, the first `count` in use
+  host_entry** index = nullptr;      // a hash table of all entries; null while they are few
   host_entry* local_host = nullptr;  // this host; null until resolved, and for the clients
   host_entry* free_list = nullptr;   // entries to be used again, linked by `next`
   int32_t count = 0;
