@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "liblocal/hosts/svc_time.h"
+#include "tests/failing_malloc.h"
 #include "tests/hostlist_check.h"
 #include "tests/printed.h"
 
@@ -101,8 +102,15 @@ TEST(HostlistCache, TheHostOfTheLastSlotsIsLiveUnlessUnknown) {
   }
 }
 
-TEST(HostlistCache, FullOfWhatMustStay) {
+TEST(HostlistCache, GrowsUntilFullOfWhatMustStay) {
   Cache cache;
+  for (const char* name : {"h10", "h11", "h12"}) cache.add(name);
+  {
+    FailingMalloc failing(0, 1);
+    EXPECT_FALSE(hostlist_cache_extend(&cache));
+  }
+  EXPECT_TRUE(hostlist_cache_extend(&cache) && hostlist_cache_extend(&cache));
+  EXPECT_EQ(cache.capacity, 16);
   for (int i = 10; i < 42; ++i) cache.add("h" + std::to_string(i))->state = HOST_PINNED;
   EXPECT_EQ(printed(0, [&] { EXPECT_EQ(cache.add("new"), nullptr); }),
             "kivtrap: SYSTEM error: Cannot allocate memory\n");
