@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# bench/command.sh BUILD_DIR: the whole command beside a C program that sends one
-# prepared datagram, in wall time and in peak memory; and beside the same floor, what the C
-# library's part of the command takes. A port mapper answers the question at once.
+# bench/command.sh BUILD_DIR: the whole command beside a C program that makes the same calls
+# of the C library, in wall time and in peak memory; and beside one that only sends a
+# prepared datagram. A port mapper answers the question at once.
 set -euo pipefail
 shopt -s inherit_errexit
 build=$1
@@ -11,24 +11,25 @@ trap 'kill %1; rm -rf "$scratch"' EXIT
 until grep -qs Answering "$scratch/mapper"; do sleep 0.05; done
 echo "disk full" >"$scratch/text"
 kivtrap=("$build/trap/kivtrap" -f "$scratch/text" 127.0.0.1)
-library=("$build/bench/library_calls" "$scratch/text")
-floor=("$build/bench/minimal_sender")
+floor=("$build/bench/library_calls" "$scratch/text")
+sender=("$build/bench/minimal_sender")
 
-# measure LOCALE: the programs in that locale, which the floor does not put itself into.
+# measure LOCALE: the programs in that locale, which the sender does not put itself into.
 # Between them nothing changes but the program: hyperfine starts all without a shell, in
 # several rounds, and the shortest run of each counts.
 measure() {
   export LC_ALL=$1
   for round in 1 2 3; do
     hyperfine -N --style none --warmup 50 --runs 500 --export-csv "$scratch/$round.csv" \
-      -n kivtrap "${kivtrap[*]}" -n library "${library[*]}" -n floor "${floor[*]}" \
+      -n kivtrap "${kivtrap[*]}" -n floor "${floor[*]}" -n sender "${sender[*]}" \
       2>"$scratch/warnings" || { cat "$scratch/warnings" >&2 && exit 1; }
   done
-  floor_peak=$(peak "${floor[@]}")
-  report "whole command in $1, wall time" "$(shortest kivtrap)" "$(shortest floor)" 1.5
-  report "  the C library's calls alone" "$(shortest library)" "$(shortest floor)"
-  report "whole command in $1, peak memory" "$(peak "${kivtrap[@]}")" "$floor_peak" 1.5
-  report "  the C library's calls alone" "$(peak "${library[@]}")" "$floor_peak"
+  local own_time own_peak
+  own_time=$(shortest kivtrap) own_peak=$(peak "${kivtrap[@]}")
+  report "whole command in $1, wall time" "$own_time" "$(shortest floor)" 1.15
+  report "whole command in $1, peak memory" "$own_peak" "$(peak "${floor[@]}")" 1.15
+  report "  wall time beside one datagram" "$own_time" "$(shortest sender)"
+  report "  peak memory beside one datagram" "$own_peak" "$(peak "${sender[@]}")"
 }
 
 # shortest NAME: seconds.

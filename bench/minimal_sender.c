@@ -1,5 +1,5 @@
-// The floor of the whole command: sends one prepared trap to 127.0.0.1, port 162,
-// and ends.
+// What no sender of a trap does without: sends one that is prepared to 127.0.0.1, port
+// 162, and ends.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
