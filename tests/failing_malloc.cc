@@ -1,6 +1,7 @@
 #include "tests/failing_malloc.h"
 
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <cstddef>
 
@@ -11,7 +12,9 @@ std::atomic<int> refusals_left = 0;
 
 bool grant() {
   if (left == INT_MAX || --left >= 0) return true;
-  return --refusals_left < 0;
+  if (--refusals_left < 0) return true;
+  errno = ENOMEM;
+  return false;
 }
 
 }  // namespace

@@ -15,26 +15,10 @@ namespace fs = std::filesystem;
 
 using lab::Outcome;
 
-// Copies a program into a directory of the lab. Valgrind, which would put its own words and
-// rights in the place of the test's, leaves what is in /startup alone.
-std::string install(const fs::path& program, const std::string& directory = "/startup/bin/") {
-  fs::create_directories(directory);
-  std::string copy = directory + program.filename().string();
-  fs::copy_file(program, copy, fs::copy_options::overwrite_existing);
-  return copy;
-}
-
-// Copies a program so that it runs with the rights of `owner`.
-std::string install_set_user_id(const char* program, unsigned owner) {
-  std::string copy = install(program, "/startup/setuid/bin/");
-  EXPECT_EQ(chown(copy.c_str(), owner, 0), 0);
-  EXPECT_EQ(chmod(copy.c_str(), 04755), 0);
-  return copy;
-}
-
-// What a program started as `argv0` writes when it shows its origin.
-std::string origin_line(const std::string& argv0) {
-  return fs::path(argv0).filename().string() + ": origin for `" + argv0 + "' is `/startup/bin/'\n";
+// What a program started as `argv0` writes when it shows its origin, `directory`.
+std::string origin_line(const std::string& argv0, const std::string& directory = "/startup/bin/") {
+  return fs::path(argv0).filename().string() + ": origin for `" + argv0 + "' is `" + directory +
+         "'\n";
 }
 
 std::string usage_of(const std::string& argv0) {
@@ -55,8 +39,22 @@ class StartupTest : public LabTest {
     station.emplace(uint16_t{162});
     mappers.emplace();
     fs::remove_all("/startup");
-    install(KIVTRAP);
-    install(PROBE);
+    install("/startup/bin");
+  }
+
+  // Copies the command into a directory of the lab. Valgrind, which would put its own words
+  // and rights in the place of the test's, leaves what is in /startup alone.
+  static std::string install(const std::string& directory) {
+    fs::create_directories(directory);
+    fs::copy_file(KIVTRAP, directory + "/kivtrap");
+    return directory + "/kivtrap";
+  }
+
+  // Copies it so that it runs with the rights of root.
+  static std::string install_set_user_id() {
+    std::string copy = install("/startup/setuid/bin");
+    EXPECT_EQ(chown(copy.c_str(), 0, 0) + chmod(copy.c_str(), 04755), 0);
+    return copy;
   }
 
   static lab::Command command(const std::string& file, std::vector<std::string> words,
@@ -77,6 +75,10 @@ class StartupTest : public LabTest {
     lab::Command made = command(file, std::move(words), std::move(environment));
     made.user = lab::kUser;
     return made;
+  }
+
+  static std::vector<std::string> locale_of(const std::string& codeset) {
+    return {"LOCPATH=/startup", "LC_ALL=" + compile_locale("/startup", codeset)};
   }
 
   const std::string program = "/startup/bin/kivtrap";
@@ -108,11 +110,14 @@ TEST_F(StartupTest, Origin) {
       {std::string(1023, 'k'), "PATH=/startup/bin", false},
   };
   for (const auto& [argv0, path, found] : cases) {
-    SCOPED_TRACE(testing::Message() << argv0 << " " << path);
-    Outcome outcome = lab::run(command(program, {argv0}, {path, "KIV_PRINT_ORIGIN=quit"}));
-    EXPECT_EQ(outcome.status, found ? 0 : 1);
-    EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(outcome.err, found ? origin_line(argv0) : usage_of(argv0));
+    for (const char* value : {"quit", "Q"}) {
+      SCOPED_TRACE(testing::Message() << argv0 << " " << path);
+      Outcome outcome =
+          lab::run(command(program, {argv0}, {path, std::string("KIV_PRINT_ORIGIN=") + value}));
+      EXPECT_EQ(outcome.status, found ? 0 : 1);
+      EXPECT_EQ(outcome.out, "");
+      EXPECT_EQ(outcome.err, found ? origin_line(argv0) : usage_of(argv0));
+    }
   }
   fs::current_path("/");
 
@@ -123,79 +128,41 @@ TEST_F(StartupTest, Origin) {
   EXPECT_EQ(goes_on.err, origin_line(program) + usage_of(program));
 }
 
-TEST_F(StartupTest, RefusesHardLinks) {
-  fs::create_hard_link(program, "/startup/other");
-  fs::create_symlink("other", "/startup/link");
-  Outcome outcome = lab::run(command(program, {"/startup/link", "manager"}));
-  EXPECT_EQ(outcome.status, 1);
-  EXPECT_EQ(outcome.out + outcome.err, hard_link_line("link", "/startup/other"));
+// Whatever the bytes of its directory's name are in the locale's codeset: characters,
+// others than they are in UTF-8, or none.
+TEST_F(StartupTest, OriginInEveryLocale) {
+  for (const char* codeset : {"", "UTF-8", "EUC-JP"}) {
+    std::vector<std::string> environment = {"LC_ALL=C"};
+    if (*codeset != '\0') environment = locale_of(codeset);
+    environment.emplace_back("KIV_PRINT_ORIGIN=q");
+    for (const char* bytes : {"\xC3\xA9", "\xE9", "\xC3\xA9\xFF", "\xEF\xA2\x80"}) {
+      const std::string directory = std::string("/startup/in ") + codeset + bytes;
+      const std::string copy = install(directory);
+      SCOPED_TRACE(copy);
+      EXPECT_EQ(lab::run(command(copy, {copy}, environment)).err,
+                origin_line(copy, directory + "/"));
+      environment.push_back("PATH=" + directory);
+      EXPECT_EQ(lab::run(command(copy, {"kivtrap"}, environment)).err,
+                origin_line("kivtrap", directory + "/"));
+      environment.pop_back();
+      fs::create_hard_link(copy, directory + "/other");
+      fs::create_symlink("other", directory + "/link");
+      Outcome refused = lab::run(command(copy, {directory + "/link", "manager"}, environment));
+      EXPECT_EQ(refused.status, 1);
+      EXPECT_EQ(refused.out + refused.err, hard_link_line("link", directory + "/other"));
+    }
+  }
   EXPECT_FALSE(station->receive_now());
-}
-
-TEST_F(StartupTest, Directories) {
-  const struct {
-    std::string name, argv0, home, application, command;
-  } cases[] = {
-      {"kiv", "/startup/bin/startup_probe", "/startup", "/kiv", "/kiv/tmp/vxdbg.tmp"},
-      {"qmo", "startup_probe", "/startup", "/startup", "/startup/bin/vxdbg.tmp"},
-      {"tarn", "startup_probe", "/startup", "/startup", "/startup/tmp/vxdbg.tmp"},
-      {"qmo", "nowhere", "(none)", "/qmo", ""},
-      // the first name to be given is the later "other"
-      {"-", "startup_probe", "/startup", "/other", ""},
-  };
-  for (const auto& [name, argv0, home, application, command_file] : cases) {
-    Outcome outcome =
-        lab::run(command("/startup/bin/startup_probe", {argv0, name}, {"PATH=/startup/bin"}));
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.out.substr(0, outcome.out.find("\nstarted=")),
-              "before=0\nafter=1\ninstalldir=" + home + "\nappdir=" + application +
-                  "\nbindir=" + (home == "(none)" ? home : home + "/bin") +
-                  "\ntmpdir=" + application + "/tmp\nmoddir=" + application +
-                  "/mod\nsecuredir=" + application + "/tmp/sec\ncommand=" + command_file)
-        << name;
-  }
-}
-
-TEST_F(StartupTest, RightsOfASetUserIdStart) {
-  if (!lab::has_users()) return skip("no users but root here");
-  const std::string dropped = "startup_probe: set_nonprivileged: new uid ";
-  const std::tuple<unsigned, const char*, std::string> cases[] = {
-      {0,
-       "started=0,1000,1000\nprivileged=0,0,1000\nkept=0,0,1000\ndropped=0,1000,1000\n"
-       "saved=1000,0\ngroups=1000,1000\n",
-       dropped + "0 euid 1000\nstartup_probe: set_privileged: new uid 0 euid 0\n" + dropped +
-           "0 euid 1000\n"},
-      {2000,  // cannot give its rights up for good, nor take those of root
-       "started=1000,2000,2000\nprivileged=1000,2000,2000\nkept=1000,2000,2000\n"
-       "dropped=1000,2000,2000\nsaved=1000,2000\ngroups=1000,1000\n",
-       dropped + "1000 euid 2000\n" + dropped + "1000 euid 2000\n"},
-      {lab::kUser,
-       "started=1000,1000,1000\nprivileged=1000,1000,1000\nkept=1000,1000,1000\n"
-       "dropped=1000,1000,1000\nsaved=1000,1000\ngroups=1000,1000\n",
-       ""},
-  };
-  for (const auto& [owner, ids, told] : cases) {
-    SCOPED_TRACE(owner);
-    const std::string probe = install_set_user_id(PROBE, owner);
-    Outcome outcome =
-        lab::run(users_command(probe, {probe, "kiv"}, {"KIV_PRINT_UIDS=", "PATH=/nowhere"}));
-    EXPECT_EQ(outcome.status, 0);
-    size_t start = outcome.out.find("started=");
-    ASSERT_NE(start, outcome.out.npos) << outcome.out;
-    EXPECT_EQ(outcome.out.substr(start), ids);
-    EXPECT_EQ(outcome.err, told);
-  }
 }
 
 // What the caller says of the program's place does not count, nor do its rights.
 TEST_F(StartupTest, ASetUserIdProgram) {
   if (!lab::has_users()) return skip("no users but root here");
-  const std::string probe = install_set_user_id(PROBE, 0);
-  const std::string trusted = install_set_user_id(KIVTRAP, 0);
-  for (const char* argv0 : {"/startup/bin/startup_probe", "startup_probe", "/no/such/file"}) {
-    Outcome outcome = lab::run(users_command(probe, {argv0, "tarn"}, {"PATH=/startup/bin"}));
-    EXPECT_NE(outcome.out.find("\ninstalldir=/startup/setuid\nappdir=/startup/setuid\n"),
-              outcome.out.npos);
+  const std::string trusted = install_set_user_id();
+  for (const char* argv0 : {"/startup/bin/kivtrap", "kivtrap", "/no/such/file"}) {
+    Outcome outcome =
+        lab::run(users_command(trusted, {argv0}, {"PATH=/startup/bin", "KIV_PRINT_ORIGIN=q"}));
+    EXPECT_EQ(outcome.err, origin_line(argv0, "/startup/setuid/bin/"));
   }
   fs::create_hard_link(trusted, "/startup/setuid/elsewhere");
   Outcome linked = lab::run(users_command("/startup/setuid/elsewhere", {program, "manager"}));
@@ -222,44 +189,25 @@ std::pair<std::string, std::string> texts_of(const std::string& trap) {
           trap.substr(message + 1)};
 }
 
-TEST_F(StartupTest, TextsInEveryLocale) {
-  auto locale_of = [](const std::string& codeset) -> std::vector<std::string> {
-    return {"LOCPATH=/startup", "LC_ALL=" + compile_locale("/startup", codeset)};
+// A file of a converted name is found again, and its text is sent as it is.
+TEST_F(StartupTest, TextsInTheLocale) {
+  const std::string argument = "\xC6\xFC\xCB\xDC", high = "\xC6\x80\xBF\xFF";
+  std::vector<std::string> environment = locale_of("EUC-JP");
+  const std::string file = "/startup/" + argument;
+  lab::write_file(file, high + "\n");
+  auto sent = [&](lab::Command run) {
+    EXPECT_EQ(lab::run(run).status, 0);
+    return texts_of(station->receive_now().value_or(""));
   };
-  std::string high;
-  for (int byte = 0x80; byte <= 0xBF; ++byte)
-    high += {static_cast<char>(byte + 0x40), static_cast<char>(byte)};
-  high.resize(100);
-  const struct {
-    std::string codeset, argument, wanted;
-  } cases[] = {{"ISO-8859-1", "caf\xE9", "caf\xC3\xA9"},
-               {"ISO-8859-15", "\xA4", "\xE2\x82\xAC"},
-               {"EUC-JP", "\xC6\xFC\xCB\xDC", "\xE6\x97\xA5\xE6\x9C\xAC"},
-               {"UTF-8", "caf\xC3\xA9", "caf\xC3\xA9"},
-               {"UTF-8", "plain", "plain"}};
-  for (const auto& [codeset, argument, wanted] : cases) {
-    SCOPED_TRACE(testing::Message() << codeset << " " << argument);
-    std::vector<std::string> environment = locale_of(codeset);
-    // A file of that name is found again, and its text is sent as it is.
-    const std::string file = "/startup/" + argument;
-    lab::write_file(file, high + "\n");
-    const std::vector<std::string> words = {program, "-c", argument, "-f", file, "manager"};
-    EXPECT_EQ(lab::run(command(program, words, environment)).status, 0);
-    EXPECT_EQ(texts_of(station->receive_now().value_or("")), std::pair(wanted, high));
-    environment.emplace_back("KIV_MAST=");
-    lab::Command kept = command(program, {program, "-c", argument, "manager"}, environment);
-    kept.input = high + "\n";
-    EXPECT_EQ(lab::run(kept).status, 0);
-    EXPECT_EQ(texts_of(station->receive_now().value_or("")), std::pair(argument, high));
-  }
-
-  // In the plain locale every byte is the Latin-1 character; a caller's own locales are
-  // not for a set-user-id program.
+  EXPECT_EQ(sent(command(program, {program, "-c", argument, "-f", file, "manager"}, environment)),
+            std::pair(std::string("\xE6\x97\xA5\xE6\x9C\xAC"), high));
+  // A caller's own locales are not for a set-user-id program, and in the plain one every
+  // byte is the Latin-1 character.
   if (!lab::has_users()) return skip("no users but root here");
-  lab::Command trusted = users_command(install_set_user_id(KIVTRAP, 0),
-                                       {program, "-c", "\xC6\xFC", "manager"}, locale_of("EUC-JP"));
-  EXPECT_EQ(lab::run(trusted).status, 0);
-  EXPECT_EQ(texts_of(station->receive_now().value_or("")).first, "\xC3\x86\xC3\xBC");
+  EXPECT_EQ(
+      sent(users_command(install_set_user_id(), {program, "-c", "\xC6", "manager"}, environment))
+          .first,
+      "\xC3\x86");
 }
 
 }  // namespace

@@ -21,13 +21,6 @@ constexpr const char* kVersion = "#1";
 
 nl_catd platform_catalog(int64_t catalog) { return reinterpret_cast<nl_catd>(catalog); }
 
-// The file name of the catalog `name`. False when it is too long.
-bool build_name(const char* name, char (&file)[kPathSize]) {
-  if (name == nullptr || strcmp(name, "kiv") == 0) name = "vaultmre.cat";
-  const char* suffix = strchr(name, '.') == nullptr ? ".cat" : "";
-  return static_cast<size_t>(snprintf(file, sizeof file, "%s%s", name, suffix)) < sizeof file;
-}
-
 // A catalog without the marker is taken as it is.
 bool is_of_this_version(int64_t catalog) {
   std::string_view version = vxcatgets(catalog, kRuntimeMessageSet, kVersionNumber, "");
@@ -49,11 +42,15 @@ const char* vxcatgets(int64_t catalog, int32_t set, int32_t number, const char* 
 
 int64_t vxcatopen(const char* name, int flags) {
   if (get_lang_subdir() == nullptr) return -1;
+  if (name == nullptr || strcmp(name, "kiv") == 0) name = "vaultmre.cat";
+  const char* suffix = strchr(name, '.') == nullptr ? ".cat" : "";
   char file[kPathSize];
-  int64_t catalog =
-      build_name(name, file) ? reinterpret_cast<int64_t>(catopen(file, flags)) : int64_t{-1};
+  int64_t catalog = -1;
+  if (static_cast<size_t>(snprintf(file, sizeof file, "%s%s", name, suffix)) < sizeof file) {
+    catalog = reinterpret_cast<int64_t>(catopen(file, flags));
+  }
   if (catalog == -1) {
-    if (Debug > 0) debugprintf("Message catalog \"%s\" NOT found.\n", file);
+    if (Debug > 0) debugprintf("Message catalog \"%s%s\" NOT found.\n", name, suffix);
     return -1;
   }
   if (!is_of_this_version(catalog)) {
@@ -61,7 +58,7 @@ int64_t vxcatopen(const char* name, int flags) {
     vxcatclose(catalog);
     return -1;
   }
-  if (Debug >= 1) debugprintf("Message catalog \"%s\" found.\n", file);
+  if (Debug > 0) debugprintf("Message catalog \"%s\" found.\n", file);
   return catalog;
 }
 

@@ -12,9 +12,19 @@
 #include "liblocal/messages/locales.h"
 #include "liblocal/messages/message_ids.h"
 #include "liblocal/messages/vxinit_done.h"
+#include "liblocal/threads/text_sizes.h"
 #include "tests/lab.h"
 #include "tests/locales.h"
 #include "tests/printed.h"
+
+namespace {
+
+const char* language = nullptr;
+
+}  // namespace
+
+// What the linker puts in the place of get_lang_subdir.
+extern "C" const char* __wrap__Z15get_lang_subdirv() { return language; }
 
 namespace {
 
@@ -22,12 +32,14 @@ TEST(Locales, Names) {
   // Each name and what becomes of it; "-": the buffer stays as it was.
   std::istringstream cases(
       "C -  en_US -  en_US.UTF-8 -  en_US.utf8 -  xx.eucJP ja_JP.EUC  zh_CN.EUC zh_CN.GB2312-80 "
-      "ja_JP.PCK ja_JP.sjis  japan ja_JP.EUC  fr fr_FR.8859-1  chinese zh_CN.GB2312-80 "
-      "de_DE.ISO8859-1 de_DE.8859-1  de_DE.ISO8859-15 de_DE.ISO8859-15  sv sv");
+      "ja_JP.PCK ja_JP.sjis  japan ja_JP.EUC  ja ja_JP.EUC  ja_JP ja_JP.EUC  japanese ja_JP.EUC "
+      "fr fr_FR.8859-1  de de_DE.8859-1  chinese zh_CN.GB2312-80  zh zh_CN.GB2312-80 "
+      "de_DE.ISO8859-1 de_DE.8859-1  sv.iso88591 sv.8859-1  de_DE.ISO8859-15 de_DE.ISO8859-15 "
+      "sv sv  a.b.eucJP a.b.eucJP");
   char buffer[kLocaleNameSize];
   for (std::string name, wanted; cases >> name >> wanted;) {
     strcpy(buffer, "-");
-    EXPECT_EQ(normalise_locale(name.c_str(), buffer), wanted != "-");
+    EXPECT_EQ(normalise_locale(name.c_str(), buffer), wanted != "-") << name;
     EXPECT_EQ(buffer, wanted) << name;
   }
   const std::string longest(127, 'x');
@@ -38,63 +50,117 @@ TEST(Locales, Names) {
 
 TEST(Locales, SetUp) {
   in_locale("ISO-8859-1", [] {
-    setenv("LC_ALL", "de_DE.nowhere", 1);
-    const std::string subdir = "kivtrap: Lang Subdir is\"unknown\".\n";
-    EXPECT_EQ(printed(1, [] { EXPECT_EQ(init_locales("kiv", ""), nullptr); }),
-              "kivtrap: Locale\"\" found.\n" + subdir);
-    EXPECT_STREQ(get_user_locale(), "C");
-    setenv("LC_ALL", "C.UTF-8", 1);
-    set_lang_subdir("de");
-    EXPECT_EQ(printed(1, [] { EXPECT_STREQ(init_locales("kiv", ""), "C.UTF-8"); }),
-              "kivtrap: Locale\"C.UTF-8\" found.\n" + subdir);
-    EXPECT_EQ(get_lang_subdir(), nullptr);
+    // The environment's locale, what it is found to be, and the answer.
+    const std::tuple<const char*, std::string, const char*> cases[] = {
+        {"de_DE.nowhere", "", nullptr}, {"C", "", "C"}, {"C.UTF-8", "C.UTF-8", "C.UTF-8"}};
+    for (const auto& [name, found, answer] : cases) {
+      setenv("LC_ALL", name, 1);
+      const char* result = nullptr;
+      EXPECT_EQ(printed(1, [&] { result = init_locales("kiv", ""); }),
+                "kivtrap: Locale\"" + found + "\" found.\nkivtrap: Lang Subdir is\"unknown\".\n");
+      EXPECT_STREQ(result, answer);
+      EXPECT_STREQ(setlocale(LC_CTYPE, nullptr), answer != nullptr ? answer : "C");
+      EXPECT_STREQ(get_user_locale(), "C");
+      EXPECT_STREQ(get_rap_locale(), "C");
+    }
+    EXPECT_EQ(printed(0, [] { EXPECT_STREQ(init_locales("kiv", "POSIX"), "C"); }), "");
   });
 }
 
-TEST(Catgets, OpensAndLooksUp) {
+// A catalog in `place`, made by the platform's own compiler.
+void make_catalog(const TemporaryDirectory& place, const std::string& name,
+                  const std::string& messages) {
+  lab::write_file(place.path() + "/source", messages);
+  lab::Command compile;
+  compile.words = {"/usr/bin/gencat", place.path() + "/" + name, place.path() + "/source"};
+  ASSERT_EQ(lab::run(compile).status, 0);
+}
+
+TEST(Catgets, Opens) {
   in_locale("", [] {
     TemporaryDirectory place;
-    auto make = [&place](const std::string& name, const std::string& messages) {
-      lab::write_file(place.path() + "/source", messages);
-      lab::Command compile;
-      compile.words = {"/usr/bin/gencat", place.path() + "/" + name, place.path() + "/source"};
-      ASSERT_EQ(lab::run(compile).status, 0);
-    };
-    make("vaultmre.cat", "$set 17\n264 #1\n17 J\n$set 41\n22 benutze\n264 vier\n");
-    make("bare.cat", "$set 41\n22 bare\n");
-    make("old.cat", "$set 17\n264 #0\n");
+    make_catalog(place, "vaultmre.cat", "$set 41\n264 #0\n");  // a marker of another set
+    make_catalog(place, "new.one", "$set 17\n264 #1\n");
+    make_catalog(place, "old.cat", "$set 17\n264 #0\n");
+    make_catalog(place, "longer.cat", "$set 17\n264 #1 \n");
     setenv("NLSPATH", (place.path() + "/%N").c_str(), 1);
     EXPECT_EQ(vxcatopen("kiv", 0), -1) << "without a language";
-    set_lang_subdir("de");
-    int64_t catalog = -1;
-    EXPECT_EQ(printed(1, [&] { catalog = vxcatopen("kiv", 0); }),
-              "kivtrap: Message catalog \"vaultmre.cat\" found.\n");
-    EXPECT_EQ(printed(1, [] { EXPECT_EQ(vxcatopen("old", 0), -1); }),
-              "kivtrap: Message catalog \"old.cat\" incompatible version.\n");
-    EXPECT_EQ(printed(1, [] { EXPECT_EQ(vxcatopen("no.such", 0), -1); }),
-              "kivtrap: Message catalog \"no.such\" NOT found.\n");
-    EXPECT_EQ(vxcatopen(std::string(20000, 'x').c_str(), 0), -1);
-    EXPECT_EQ(vxcatclose(vxcatopen("bare", 0)) + vxcatclose(vxcatopen(nullptr, 0)), 0);
+    language = "de";
+    const std::string most(kPathSize - 5, 'x'), more(kPathSize - 4, 'x');
+    const std::tuple<const char*, std::string, const char*> cases[] = {
+        {"kiv", "vaultmre.cat", "found"},
+        {nullptr, "vaultmre.cat", "found"},
+        {"new.one", "new.one", "found"},
+        {"new", "new.cat", "NOT found"},
+        {"old", "old.cat", "incompatible version"},
+        {"longer", "longer.cat", "incompatible version"},
+        {most.c_str(), most + ".cat", "NOT found"},
+        {more.c_str(), more + ".cat", "NOT found"}};
+    for (const auto& [name, file, outcome] : cases) {
+      SCOPED_TRACE(file.substr(0, 20));
+      for (int level : {0, 1}) {
+        int64_t catalog = -1;
+        EXPECT_EQ(printed(level, [&, name = name] { catalog = vxcatopen(name, 0); }),
+                  level == 0 ? "" : "kivtrap: Message catalog \"" + file + "\" " + outcome + ".\n");
+        EXPECT_EQ(catalog != -1, outcome == std::string("found"));
+        EXPECT_TRUE(catalog == -1 || vxcatclose(catalog) == 0);
+      }
+    }
+  });
+}
 
+TEST(Catgets, LooksUp) {
+  in_locale("", [] {
+    TemporaryDirectory place;
+    std::string letters;
+    for (int i = 10; i <= 17; ++i) letters += std::to_string(i) + " <" + std::to_string(i) + ">\n";
+    make_catalog(place, "vaultmre.cat", "$set 17\n" + letters + "$set 41\n22 benutze\n264 vier\n");
+    setenv("NLSPATH", (place.path() + "/%N").c_str(), 1);
+    language = "de";
+    Catd = vxcatopen("kiv", 0);
+    ASSERT_NE(Catd, -1);
     const char* text = "usage";
-    EXPECT_EQ(vxcatgets(catalog, 41, 22, text), text) << "before the initialisation has ended";
-    EXPECT_STREQ(vxcatgets(catalog, 41, 264, text), "vier");
-    EXPECT_STREQ(vxcatgets(catalog, 17, 17, text), "J");
+    EXPECT_EQ(vxcatgets(Catd, 41, 22, text), text) << "before the initialisation has ended";
+    EXPECT_STREQ(vxcatgets(Catd, 41, 264, text), "vier");
+    EXPECT_STREQ(vxcatgets(Catd, 17, 17, text), "<17>");
     _vx_set_initialised();
     errno = EBUSY;
-    EXPECT_STREQ(vxcatgets(catalog, 41, 22, text), "benutze");
+    EXPECT_STREQ(vxcatgets(Catd, 41, 22, text), "benutze");
+    EXPECT_EQ(vxcatgets(Catd, 41, 23, text), text);
     EXPECT_EQ(vxcatgets(-1, 41, 22, text), text);
     EXPECT_EQ(errno, EBUSY);
-    Catd = catalog;
-    EXPECT_TRUE(is_yes("Ja") && is_yes("yes") && !is_yes("Yes"));
-    Catd = -1;
-    EXPECT_EQ(vxcatclose(catalog), 0);
+
+    const std::tuple<int (*)(const char*), int> answers[] = {
+        {is_no, 10}, {is_quit, 12}, {is_rename, 14}, {is_yes, 16}};
+    for (const auto& [is_answer, number] : answers) {
+      for (int i = 10; i <= 17; ++i) {
+        const std::string answer = "<" + std::to_string(i) + "> and more";
+        EXPECT_EQ(is_answer(answer.c_str()), i == number || i == number + 1 ? 1 : 0) << number << i;
+      }
+      EXPECT_EQ(is_answer("<1"), 0) << number;
+    }
+    EXPECT_STREQ(i18n_char_no(), "<11>");
+    EXPECT_STREQ(i18n_char_rename(), "<15>");
+    EXPECT_STREQ(i18n_char_yes(), "<17>");
+    EXPECT_EQ(vxcatclose(Catd), 0);
   });
 }
 
 TEST(Answers, Letters) {
-  EXPECT_TRUE(is_yes("yes") && is_yes("Yo") && !is_yes("no") && !is_yes("") && !is_yes(nullptr));
-  EXPECT_TRUE(is_no("No") && is_quit("q") && is_rename("R") && !is_rename("q") && !is_quit("r"));
+  const std::tuple<int (*)(const char*), char, const char*> cases[] = {
+      {is_no, 'n', i18n_char_no()},
+      {is_quit, 'q', nullptr},
+      {is_rename, 'r', i18n_char_rename()},
+      {is_yes, 'y', i18n_char_yes()}};
+  for (const auto& [is_answer, letter, shown] : cases) {
+    const char upper = static_cast<char>(letter - 'a' + 'A');
+    for (int c = 1; c < 128; ++c) {
+      const char answer[] = {static_cast<char>(c), 'x', '\0'};
+      EXPECT_EQ(is_answer(answer), c == letter || c == upper ? 1 : 0) << answer << letter;
+    }
+    EXPECT_EQ(is_answer("") + is_answer(nullptr), 0);
+    EXPECT_TRUE(shown == nullptr || shown == std::string(1, upper));
+  }
 }
 
 TEST(I18n3, JoinsAndRotates) {
@@ -102,11 +168,13 @@ TEST(I18n3, JoinsAndRotates) {
   for (int i = 1; i < kJoinedTexts; ++i) EXPECT_NE(i18n_3("", "x", ""), first);
   EXPECT_STREQ(first, "ac");
   const std::string half(4000, 'x');
-  EXPECT_EQ(i18n_3(half.c_str(), half.c_str(), ""), (half + half).substr(0, kJoinedSize - 1));
-  EXPECT_EQ(first, (half + half).substr(0, kJoinedSize - 1)) << "its place comes round again";
+  EXPECT_EQ(i18n_3(half.c_str(), half.c_str(), ""), (half + half).substr(0, 6143));
+  EXPECT_EQ(first, (half + half).substr(0, 6143)) << "its place comes round again";
 }
 
-static_assert(mc_message_id(1, 7) == 0x801 * 65536 + 7);
-static_assert(mc_message_id(0x80000000, 0) == -int64_t{0x7FFFF800} * 65536);
+TEST(MessageIds, OfFacilityAndNumber) {
+  EXPECT_EQ(mc_message_id(1, 7), 0x8010007);
+  EXPECT_EQ(mc_message_id(0x80000000, 0), -int64_t{0x7FFFF800} * 65536);
+}
 
 }  // namespace

@@ -13,7 +13,6 @@
 
 namespace {
 
-c_unique_ptr<char> lang_subdir;
 c_unique_ptr<char> rap_locale;
 c_unique_ptr<char> user_locale;
 char locale_name[kLocaleNameSize];  // the messages locale by this system's name
@@ -25,34 +24,19 @@ struct Renamed {
 
 constexpr std::string_view kAsTheyAre[] = {"C", "en_US", "en_US.UTF-8", "en_US.utf8"};
 
-// Names without a codeset.
-constexpr Renamed kBareNames[] = {
+constexpr Renamed kRenamed[] = {
     {"ja", "ja_JP.EUC"},       {"japan", "ja_JP.EUC"},         {"ja_JP", "ja_JP.EUC"},
     {"japanese", "ja_JP.EUC"}, {"fr", "fr_FR.8859-1"},         {"de", "de_DE.8859-1"},
-    {"zh", "zh_CN.GB2312-80"}, {"chinese", "zh_CN.GB2312-80"},
+    {"zh", "zh_CN.GB2312-80"}, {"chinese", "zh_CN.GB2312-80"}, {"zh_CN.EUC", "zh_CN.GB2312-80"},
 };
 
-// Whether `text` is one of a table's names; `*becomes` is then what it stands for.
-bool find_bare_name(std::string_view text, std::string_view* becomes) {
-  for (const Renamed& bare : kBareNames) {
-    if (text != bare.name) continue;
-    *becomes = bare.becomes;
-    return true;
-  }
-  return false;
-}
-
-// This system's name of `name`, in the platform's spelling of the Latin-1 codeset.
+// This system's name of `name`, but for the spelling of the Latin-1 codeset.
 std::string_view renamed(std::string_view name) {
-  size_t dot = name.find('.');
-  if (dot == name.npos) {
-    std::string_view becomes = name;
-    find_bare_name(name, &becomes);
-    return becomes;
+  for (const Renamed& each : kRenamed) {
+    if (name == each.name) return each.becomes;
   }
-  std::string_view codeset = text_part(name, dot);
+  const std::string_view codeset = text_part(name, name.find('.'));
   if (codeset == ".eucJP") return "ja_JP.EUC";
-  if (name == "zh_CN.EUC") return "zh_CN.GB2312-80";
   if (codeset == ".PCK") return "ja_JP.sjis";
   return name;
 }
@@ -78,7 +62,6 @@ bool normalise_locale(const char* name, char (&buffer)[kLocaleNameSize]) {
 const char* init_locales(const char* /*name*/, const char* locale) {
   const char* messages = setlocale(LC_MESSAGES, "");
   if (messages != nullptr) normalise_locale(messages, locale_name);
-  lang_subdir.reset();
   if (Debug > 0) {
     debugprintf("Locale\"%s\" found.\n", locale_name);
     debugprintf("Lang Subdir is\"%s\".\n", "unknown");
@@ -88,10 +71,8 @@ const char* init_locales(const char* /*name*/, const char* locale) {
   return setlocale(LC_ALL, locale);
 }
 
-const char* get_lang_subdir() { return lang_subdir.get(); }
+const char* get_lang_subdir() { return nullptr; }
 
 const char* get_rap_locale() { return rap_locale.get(); }
 
 const char* get_user_locale() { return user_locale.get(); }
-
-void set_lang_subdir(const char* name) { lang_subdir.reset(xstrdup(name)); }

@@ -12,21 +12,20 @@
 constexpr size_t kLocaleNameSize = 128;
 
 /// Puts the process into the locale of its environment: finds and normalises the name
-/// of the messages locale, which two debug lines report from level 1 on, leaves the
-/// language subdirectory unset and selects `locale` ("" is the environment's) for all
-/// categories. The application's name plays no part. May run again. Returns the
-/// platform's answer to the last selection, null when there is no such locale.
+/// of the messages locale, which two debug lines report from level 1 on, and selects
+/// `locale` ("" is the environment's) for all categories. The application's name plays no part. May
+/// run again. Returns the platform's answer to the last selection, null when there is no such
+/// locale.
 const char* init_locales(const char* name, const char* locale);
 
-/// The language subdirectory, the neutral locale ("C") and the user's locale; null
-/// while unset. They stay owned here, until the next init_locales.
+/// The language subdirectory, without which vxcatopen opens no catalog: null, for this
+/// system has texts of one language.
 [[nodiscard]] const char* get_lang_subdir();
+
+/// The neutral locale ("C") and the user's locale; null while unset. They stay owned
+/// here, until the next init_locales.
 [[nodiscard]] const char* get_rap_locale();
 [[nodiscard]] const char* get_user_locale();
-
-/// Names the language subdirectory, which lets vxcatopen open catalogs; null unsets it.
-/// Waits for memory.
-void set_lang_subdir(const char* name);
 
 /// Writes the system's own name of the messages locale `name` into `buffer`. Leaves
 /// `buffer` as it is, and returns false, for the names that need none ("C" and the

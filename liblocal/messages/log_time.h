@@ -14,3 +14,10 @@ constexpr size_t kLogTimeSize = 600;  // bytes that the text of a time may take
 ///
 /// REQUIRES: `buffer` is null or holds kLogTimeSize bytes.
 char* log_entry_time(time_t time, char* buffer);
+
+/// Takes down how far local time is from UTC now, for log_time_in_handler.
+void log_time_note_zone();
+
+/// Writes log_entry_time's text of this moment into `buffer`, kLogTimeSize bytes, by the
+/// last log_time_note_zone, and returns the end of the text. Async-signal-safe.
+char* log_time_in_handler(char* buffer);

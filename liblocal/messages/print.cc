@@ -1,12 +1,16 @@
 #include "liblocal/messages/print.h"
 
+#include <unistd.h>
+
 #include <atomic>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 
 #include "liblocal/messages/log_time.h"
 #include "liblocal/messages/progname.h"
 #include "liblocal/text/i18n_printf.h"
+#include "liblocal/text/text_view.h"
 #include "liblocal/text/vxprint.h"
 #include "liblocal/threads/c_memory.h"
 #include "liblocal/threads/varp.h"
@@ -50,13 +54,36 @@ char* print_prefix(char* buffer) {
   char stamp[kLogTimeSize] = "";
   char name[kNameSize];
   const bool stamped = timestamps != 0;
-  if (stamped) log_entry_time(time(nullptr), stamp);
+  if (stamped) {
+    log_time_note_zone();
+    log_entry_time(time(nullptr), stamp);
+  }
   snprintf(buffer, kMessagePrefixSize, "%s%s%s: ", stamp, stamped ? " " : "",
            vx_get_progname(name, sizeof name));
   return buffer;
 }
 
-void print_timestamps(int on) { timestamps = on; }
+char* print_prefix_in_handler(char* buffer) {
+  char* at = buffer;
+  if (timestamps != 0) {
+    at = log_time_in_handler(at);
+    *at++ = ' ';
+  }
+  if (_vx_peek_progname(at, kNameSize)) {
+    at += strlen(at);
+  } else {
+    at += text_copy("(pid ", at, kNameSize);
+    at = std::to_chars(at, buffer + kMessagePrefixSize, getpid()).ptr;
+    *at++ = ')';
+  }
+  memcpy(at, ": ", sizeof ": ");
+  return buffer;
+}
+
+void print_timestamps(int on) {
+  if (on != 0) log_time_note_zone();
+  timestamps = on;
+}
 
 void print_set_accrual_hook(print_accrual_hook hook) { accrual_hook = hook; }
 

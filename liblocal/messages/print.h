@@ -16,6 +16,10 @@ constexpr size_t kMessagePrefixSize = 666;  // a time stamp of 599, a blank, a n
 /// ": ". Returns `buffer`.
 char* print_prefix(char* buffer);
 
+/// print_prefix for a signal handler: async-signal-safe. Local time is what it was when
+/// time stamps were switched on or a prefix was last written.
+char* print_prefix_in_handler(char* buffer);
+
 /// Starts messages with the time when `on` is not 0. Off at the start.
 void print_timestamps(int on);
 

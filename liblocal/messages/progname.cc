@@ -2,20 +2,23 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
 #include "liblocal/text/ascii.h"
-#include "liblocal/text/text_view.h"
 #include "liblocal/text/vxpath.h"
 #include "liblocal/threads/vx_atexit.h"
 #include "liblocal/threads/vx_mutex.h"
 
 namespace {
 
-// Both are guarded by the mutex of the program's name.
-char program_name[kPathComponentSize];
-bool recorded = false;
+// Written under the mutex of the program's name, each name in the place of the last but
+// one: who may not wait for the mutex copies a name that is not being written.
+std::atomic<char> names[2][kPathComponentSize];
+std::atomic<uint64_t> recorded;  // names so far; the last one is names[recorded % 2]
 
 }  // namespace
 
@@ -27,15 +30,26 @@ void vx_set_progname(const char* path) {
   for (char* c = name; *c != '\0'; ++c) *c = ascii_lower(*c);
 
   VxMutexLock lock(_vx_progname_mutex());
-  memcpy(program_name, name, strlen(name) + 1);
-  recorded = true;
+  std::copy_n(name, strlen(name) + 1, names[(recorded + 1) % 2]);
+  ++recorded;
+}
+
+bool _vx_peek_progname(char* buffer, size_t size) {
+  uint64_t seen = 0;
+  do {
+    seen = recorded;
+    if (seen == 0) return false;
+    const auto& name = names[seen % 2];
+    size_t length = 0;
+    while (length + 1 < size && (buffer[length] = name[length]) != '\0') ++length;
+    if (size != 0) buffer[length] = '\0';
+  } while (recorded != seen);
+  return true;
 }
 
 char* vx_get_progname(char* buffer, size_t size) {
   VxMutexLock lock(_vx_progname_mutex());
-  if (recorded) {
-    text_copy_cut(program_name, buffer, size);
-  } else {
+  if (!_vx_peek_progname(buffer, size)) {
     snprintf(buffer, size, "(pid %d)", static_cast<int>(getpid()));
   }
   return buffer;

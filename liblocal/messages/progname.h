@@ -13,3 +13,7 @@ void vx_set_progname(const char* path);
 /// Copies the program's name into `buffer` of `size` bytes, cut to fit and always
 /// terminated; without a recorded name the text is "(pid N)". Returns `buffer`.
 char* vx_get_progname(char* buffer, size_t size);
+
+/// Copies the recorded name likewise. Returns false, with `buffer` as it was, when there
+/// is none. Async-signal-safe.
+[[nodiscard]] bool _vx_peek_progname(char* buffer, size_t size);

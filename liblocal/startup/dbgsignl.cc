@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -15,7 +16,7 @@
 
 #include "liblocal/messages/debug.h"
 #include "liblocal/messages/debug_command.h"
-#include "liblocal/messages/progname.h"
+#include "liblocal/messages/print.h"
 #include "liblocal/startup/vxenv.h"
 #include "liblocal/text/ascii.h"
 #include "liblocal/text/text_view.h"
@@ -28,16 +29,13 @@ std::atomic<int> Force_debug;
 
 namespace {
 
-constexpr size_t kNameSize = 64;  // the part of the program's name that lines show
 constexpr uint32_t kDebuggerWaitMillis = 10000;
 
-char handler_name[kNameSize];  // written before the handler is installed
-
-// One line of output built without the platform's formatter, which a signal
-// handler may not call.
+// One debug line built without the platform's formatter, which a signal handler may
+// not call.
 class SignalLine {
  public:
-  SignalLine() { *this << handler_name << ": "; }
+  SignalLine() { length_ = strlen(print_prefix_in_handler(text_)); }
 
   SignalLine& operator<<(std::string_view text) {
     size_t room = sizeof text_ - length_;
@@ -47,12 +45,7 @@ class SignalLine {
 
   SignalLine& operator<<(int number) {
     char digits[12];
-    char* start = digits + sizeof digits;
-    unsigned rest = number < 0 ? 0U - static_cast<unsigned>(number) : static_cast<unsigned>(number);
-    do *--start = static_cast<char>('0' + rest % 10);
-    while ((rest /= 10) != 0);
-    if (number < 0) *--start = '-';
-    return *this << std::string_view(start, static_cast<size_t>(digits + sizeof digits - start));
+    return *this << std::string_view(digits, std::to_chars(digits, std::end(digits), number).ptr);
   }
 
   void send() const {
@@ -60,8 +53,8 @@ class SignalLine {
   }
 
  private:
-  char text_[kNameSize + kDebugCommandLimit + 128] = {};  // name and value stand in one command
-  size_t length_ = 0;
+  char text_[kMessagePrefixSize + kDebugCommandLimit + 128];  // one command has name and value
+  size_t length_;
 };
 
 struct Level {
@@ -121,20 +114,20 @@ void copy_base_name(const char* path, char* name) {
   for (char* c = name; *c != '\0'; ++c) *c = ascii_lower(*c);
 }
 
-// True when an item of `list` begins with `name`.
-bool is_listed(const char* list, const char* name) {
-  size_t length = strlen(name);
-  for (const char* item = list; item != nullptr;) {
-    if (strncasecmp(item, name, length) == 0) return true;
-    item = strchr(item, ',');
-    if (item != nullptr) ++item;
+// True when an item of `list` begins with `name`, in any case.
+bool is_listed(std::string_view list, std::string_view name) {
+  for (;;) {
+    const size_t comma = list.find(',');
+    const std::string_view item = text_part(list, 0, comma);
+    if (item.size() >= name.size() && strncasecmp(item.data(), name.data(), name.size()) == 0) {
+      return true;
+    }
+    if (comma == list.npos) return false;
+    list.remove_prefix(comma + 1);
   }
-  return false;
 }
 
 }  // namespace
-
-void ondbgintr_prepare() { vx_get_progname(handler_name, sizeof handler_name); }
 
 void ondbgintr(int signal) {
   if (signal != SIGUSR2) return;

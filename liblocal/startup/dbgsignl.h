@@ -19,10 +19,6 @@ extern char Dbgcmdpath[kPathSize];
 extern std::atomic<int> Debug_me;     // not 0 at the start: wait to be debugged
 extern std::atomic<int> Force_debug;  // not 0 at the start: wait, whatever the program's name
 
-/// Takes down what the handler needs and may not ask for itself: the program's
-/// name as it is now, for the lines it writes. Call before installing it.
-void ondbgintr_prepare();
-
 /// The debug command handler: for SIGUSR2 reads at most kDebugCommandLimit bytes
 /// of the debug command file, deletes it, and sets the level that the command
 /// names. Any other signal, a file that cannot be opened and one that is no
@@ -32,8 +28,8 @@ void ondbgintr_prepare();
 /// A change is told in one debug line unless `Debug` is negative; a negative
 /// value changes nothing and is told when `Debug` is above 2.
 ///
-/// Async-signal-safe throughout, and keeps `errno`. Therefore its lines carry no
-/// time stamp, and what standard output holds in its buffer stays there.
+/// Async-signal-safe throughout, and keeps `errno`. Therefore what standard output holds
+/// in its buffer stays there, and the program's name is not converted to the locale.
 void ondbgintr(int signal);
 
 /// The wait at the start of the program of the path `path`. Returns at once

@@ -4,15 +4,26 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <thread>
+#include <filesystem>
+#include <set>
 
 #include "liblocal/messages/debug.h"
-#include "liblocal/messages/errinfo.h"
+#include "liblocal/messages/print.h"
 #include "liblocal/startup/regevent.h"
-#include "liblocal/startup/vxinit.h"
-#include "liblocal/threads/vx_select.h"
 #include "tests/lab.h"
 #include "tests/printed.h"
+#include "tests/stand_ins.h"
+
+std::atomic<int> waits_for_debugger;  // so many, and it is there; 0: the program sleeps
+
+// What the linker puts in the place of vx_thread_sleep.
+extern "C" int32_t __real__Z15vx_thread_sleepj(uint32_t milliseconds);
+extern "C" int32_t __wrap__Z15vx_thread_sleepj(uint32_t milliseconds) {
+  if (waits_for_debugger == 0) return __real__Z15vx_thread_sleepj(milliseconds);
+  EXPECT_EQ(milliseconds, 10000);
+  if (--waits_for_debugger == 0) Debug_me = 0;  // the debugger is there
+  return 0;
+}
 
 namespace {
 
@@ -36,12 +47,13 @@ class DebugCommand : public testing::Test {
   }
   static std::string told() {
     testing::internal::CaptureStderr();
+    errno = EBUSY;
     raise(SIGUSR2);
+    EXPECT_EQ(errno, EBUSY);
     return testing::internal::GetCapturedStderr();
   }
   static bool file_is_there() {
-    struct stat status;
-    return lstat(Dbgcmdpath, &status) == 0;
+    return std::filesystem::exists(std::filesystem::symlink_status(Dbgcmdpath));
   }
 };
 
@@ -75,19 +87,39 @@ TEST_F(DebugCommand, Commands) {
   EXPECT_EQ(told(), "") << "without a file";
   EXPECT_EQ(told("vflag=7"), change("Vflag level", 7));
   EXPECT_EQ(told("PRINTDEVINFO=8"), change("PrintDevInfo", 8));
+  EXPECT_EQ(Vflag * 10 + PrintDevInfo, 78);
+  lab::write_file(Dbgcmdpath, "Debug=5");
+  ondbgintr(SIGUSR1);
+  EXPECT_TRUE(file_is_there());
 }
 
 TEST_F(DebugCommand, WhatIsTold) {
-  Debug = 3;
   const std::string name(1000, 'n'), value = "-1234567890123456789012";  // 1024 bytes with '='
+  Debug = 2;
+  EXPECT_EQ(told(name + "=" + value), "");
+  Debug = 3;
   EXPECT_EQ(told(name + "=" + value),
             "kivtrap: " + value + " is an invalid value for " + name + "\n");
+  for (int level : {-1, 0}) {
+    Debug = level;
+    Vflag = 1;
+    EXPECT_EQ(told("Vflag=2"), level < 0 ? "" : change("Vflag level", 2));
+  }
+  // The line begins as any other does at that moment, and goes where they go.
   const std::string path = testing::TempDir() + "/debug_lines";
-  Debug = 1;
   dfopen(path.c_str());
+  setenv("TZ", "XYZ-05:45", 1);
+  tzset();
+  vx_set_progname("Renamed.exe");
+  stand_ins::now = 1795036118;
+  print_timestamps(1);
+  Debug = 1;
   EXPECT_EQ(told("Debug=0"), "");
+  print_timestamps(0);
+  stand_ins::now = 0;
   dfclose();
-  EXPECT_EQ(lab::read_file(path), change("Debug level", 0));
+  EXPECT_EQ(lab::read_file(path),
+            "11/19/26 02:53:38 renamed" + change("Debug level", 0).substr(strlen("kivtrap")));
   remove(path.c_str());
 }
 
@@ -110,66 +142,62 @@ TEST_F(DebugCommand, OnlyARegularFileIsTaken) {
   EXPECT_EQ(Debug, 1);
 }
 
-TEST_F(DebugCommand, ReachesAWaitingProcess) {
-  lab::write_file(Dbgcmdpath, "Debug = 3\n");
-  testing::internal::CaptureStderr();
-  std::atomic<bool> waiting = false;
-  const std::string state = "/proc/self/task/" + std::to_string(gettid()) + "/stat";
-  std::thread sender([&, waiter = pthread_self()] {
-    while (!waiting || lab::read_file(state).find(") S ") == std::string::npos) usleep(1000);
-    pthread_kill(waiter, SIGUSR2);
-  });
-  timeval limit = {30, 0};
-  waiting = true;
-  EXPECT_EQ(vx_select(0, nullptr, nullptr, nullptr, &limit), -1);
-  EXPECT_EQ(errno, EINTR);
-  EXPECT_EQ(Debug, 3);
-  EXPECT_FALSE(file_is_there());
-  sender.join();
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), change("Debug level", 3));
-}
-
-// The signal lands anywhere in the work of the thread that takes it.
-TEST_F(DebugCommand, AThousandSignals) {
-  Debug = -1;
-  std::atomic<bool> done = false;
-  std::thread sender([&, worker = pthread_self()] {
-    for (int i = 0; i < 1000; ++i) {
-      lab::write_file(Dbgcmdpath, "Vflag=" + std::to_string(i));
-      pthread_kill(worker, SIGUSR2);
-      while (Vflag != i || file_is_there()) usleep(10);
+TEST_F(DebugCommand, TheActionBlocksOthersAndRestartsNothing) {
+  struct sigaction action, later = {};
+  ASSERT_EQ(sigaction(SIGUSR2, nullptr, &action), 0);
+  EXPECT_EQ(action.sa_handler, ondbgintr);
+  EXPECT_EQ(action.sa_flags & (SA_RESTART | SA_RESETHAND | SA_NODEFER | SA_SIGINFO), 0);
+  auto blocked = [](const struct sigaction& of) {
+    std::set<int> signals;
+    for (int signal = 1; signal < SIGRTMIN; ++signal) {
+      if (sigismember(&of.sa_mask, signal) == 1) signals.insert(signal);
     }
-    done = true;
-  });
-  for (int number = 0; !done; ++number) {
-    errno = EBUSY;
-    EXPECT_EQ(err_setstr(3, 5001, "%d", number)->text, std::to_string(number));
-    EXPECT_EQ(errno, EBUSY);
-  }
-  sender.join();
+    return signals;
+  };
+  std::set<int> wanted = {SIGHUP,  SIGINT,  SIGPIPE, SIGALRM, SIGTERM,
+                          SIGUSR1, SIGUSR2, SIGCHLD, SIGXCPU, SIGXFSZ};
+  EXPECT_EQ(blocked(action), wanted);
+  later.sa_handler = SIG_IGN;
+  sigaddset(&later.sa_mask, SIGQUIT);
+  EXPECT_EQ(regevent(SIGWINCH, &later), 0);
+  wanted.insert(SIGWINCH);
+  EXPECT_EQ(blocked(later), wanted);
+  EXPECT_EQ(regevent(SIGKILL, &later), -1);
+  EXPECT_EQ(regevent(SIGUSR2, &later), 0);
+  EXPECT_EQ(regevent_setup(), 0);  // which is for the first time only
+  EXPECT_EQ(told("Debug=3"), "");
+  EXPECT_EQ(regevent(SIGUSR2, &action), 0);
 }
 
 TEST(DebugCheck, WhoWaits) {
-  const std::string line =
-      "kivtrap: kivtrap (" + std::to_string(getpid()) + ") waiting to be debugged\n";
   const struct {
     int me, force;
-    const char *path, *programs;
-    bool waits;
-  } cases[] = {{1, 0, "/usr/bin/KIVtrap.exe/", "other,kivtrapper", true},
-               {1, 0, "kivtrap", "kivtra, kivtrap", false},
-               {0, 1, "kivtrap", "", true},
-               {0, 0, "kivtrap", "kivtrap", false}};
-  signal(SIGALRM, [](int) { Debug_me = 0; });  // the debugger
-  for (const auto& [me, force, path, programs, waits] : cases) {
-    Debug_me = me;
-    Force_debug = force;
-    setenv("KIV_DEBUGPROCS", programs, 1);
-    if (waits) ualarm(50000, 0);
-    EXPECT_EQ(printed(0, [path = path] { debug_check(path); }), waits ? line : "");
-    EXPECT_EQ(Force_debug, 0);
+    const char *path, *programs, *waits_as;
+  } cases[] = {{1, 0, "/usr/bin/KIVtrap.exe/", "other,kivtrapper", "kivtrap"},
+               {1, 0, "kivtrap", "kivtra, kivtrap", nullptr},
+               {1, 0, "b", "a,xb,cB,", nullptr},
+               {1, 0, "a.b.c", "a.B", "a.b"},
+               {1, 0, "a,b", "a,b", nullptr},
+               {1, 0, "kivtrap", nullptr, nullptr},
+               {0, 1, "kivtrap", "", "kivtrap"},
+               {0, 0, "kivtrap", "kivtrap", nullptr}};
+  for (const auto& [me, force, path, programs, waits_as] : cases) {
+    for (int level : {-1, 0}) {
+      Debug_me = me;
+      Force_debug = force;
+      programs != nullptr ? setenv("KIV_DEBUGPROCS", programs, 1) : unsetenv("KIV_DEBUGPROCS");
+      waits_for_debugger = 2;
+      std::string line;
+      if (waits_as != nullptr && level == 0) {
+        line = std::string("kivtrap: ") + waits_as + " (" + std::to_string(getpid()) +
+               ") waiting to be debugged\n";
+      }
+      EXPECT_EQ(printed(level, [path = path] { debug_check(path); }), line + line) << path;
+      EXPECT_EQ(waits_for_debugger, waits_as != nullptr ? 0 : 2) << path;
+      EXPECT_EQ(Force_debug, 0);
+    }
   }
-  Debug_me = 0;
+  Debug_me = waits_for_debugger = 0;
 }
 
 }  // namespace

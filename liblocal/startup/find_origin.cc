@@ -13,49 +13,64 @@
 #include "liblocal/messages/print.h"
 #include "liblocal/startup/fullp_ux.h"
 #include "liblocal/startup/vxenv.h"
+#include "liblocal/text/ascii.h"
+#include "liblocal/text/mbt.h"
 #include "liblocal/text/text_view.h"
+#include "liblocal/text/utf8_convert.h"
 #include "liblocal/text/utf8_files.h"
 
 namespace {
 
-constexpr size_t kProgramPathSize = 1024;  // bytes of an executable's path, terminator included
+constexpr size_t kProgramPathSize = 1024;  // bytes of a program's path, terminator included
 constexpr int kTooLongStatus = 111;
 
 char origin[kPathSize];
 bool found = false;
 
 bool is_executable(const char* path) {
-  vx_stat_record status;
-  return utf8_access(path, X_OK) == 0 && vx_stat(path, &status) == 0 && S_ISREG(status.mode);
+  struct stat status;
+  return access(path, X_OK) == 0 && stat(path, &status) == 0 && S_ISREG(status.st_mode);
 }
 
-// Looks for `name` in the directories of PATH, in order. Writes the path of the
-// first executable into `path`, of kProgramPathSize bytes.
+// Looks for `name` in the directories of PATH, in order. Writes the path of the first
+// executable into `path`, of kProgramPathSize bytes.
 bool search_path(std::string_view name, char* path) {
-  const char* list = vxgetenv("PATH");
-  for (std::string_view rest = list != nullptr ? list : ".";;) {
-    std::string_view directory = text_part(rest, 0, rest.find(':'));
-    if (directory.size() + name.size() + 1 < kProgramPathSize) {
-      char* at = path + text_copy(directory, path, directory.size());
-      *at++ = '/';
-      at[text_copy(name, at, name.size())] = '\0';
-      if (is_executable(path)) return true;
-    }
-    if (directory.size() == rest.size()) return false;
-    rest.remove_prefix(directory.size() + 1);
-  }
+  const char* list = getenv("PATH");
+  std::string_view rest = list != nullptr ? list : ".";
+  size_t colon = 0;
+  do {
+    colon = rest.find(':');
+    const std::string_view directory = text_part(rest, 0, colon);
+    rest = text_part(rest, directory.size() + 1);
+    if (directory.size() + name.size() + 1 >= kProgramPathSize) continue;
+    char* at = path + text_copy(directory, path, directory.size());
+    *at++ = '/';
+    at[text_copy(name, at, name.size())] = '\0';
+    if (is_executable(path)) return true;
+  } while (colon != rest.npos);
+  return false;
 }
 
-// The executable as the kernel knows it.
-bool ask_kernel(char* path) {
-  ssize_t length = utf8_readlink("/proc/self/exe", path, kProgramPathSize);
-  return length >= 0 && static_cast<size_t>(length) < kProgramPathSize - 1;  // else perhaps cut
+// Writes `name`, in the locale's codeset, as UTF-8 into `utf8`, of kPathSize bytes: as
+// readable text where that leads back to the same bytes, else in transparent bytes.
+void convert_name(const char* name, char* utf8) {
+  if (is_ascii_text(name)) return text_copy_cut(name, utf8, kPathSize);
+  char back[kProgramPathSize];
+  utf8_mbs(utf8, name, kPathSize);
+  ansi_mbs(back, utf8, sizeof back);
+  if (strcmp(back, name) != 0) static_cast<void>(vx_mbstombts(utf8, name, kPathSize));
 }
 
+// Writes the path of the program that was started as `argv0` into `path`, of kPathSize
+// bytes.
 bool find_program(const char* argv0, char* path) {
-  if (getauxval(AT_SECURE) != 0) return ask_kernel(path);
-  if (strchr(argv0, '/') == nullptr) return search_path(argv0, path);
-  memcpy(path, argv0, strlen(argv0) + 1);
+  if (getauxval(AT_SECURE) != 0) return utf8_readlink("/proc/self/exe", path, kPathSize) >= 0;
+  char candidate[kProgramPathSize];
+  if (strchr(argv0, '/') == nullptr) {
+    if (!search_path(argv0, candidate)) return false;
+    argv0 = candidate;
+  }
+  convert_name(argv0, path);
   return true;
 }
 
@@ -68,11 +83,13 @@ void refuse_hard_links(const char* path, nlink_t links) {
   exit(1);
 }
 
-// For whoever wants to know, or wants to know nothing else.
+// Tells the origin on request, and ends the process where nothing else is wanted of it.
 void print_origin(const char* argv0) {
   const char* wish = vxgetenv("KIV_PRINT_ORIGIN");
   if (wish == nullptr) return;
-  if (Debug >= 0) debugprintf("origin for `%s' is `%s'\n", argv0, origin);
+  char name[kPathSize];
+  convert_name(argv0, name);
+  if (Debug >= 0) debugprintf("origin for `%s' is `%s'\n", name, origin);
   if (*wish == 'q' || *wish == 'Q') exit(0);
 }
 
@@ -83,7 +100,7 @@ const char* find_origin(const char* argv0) {
   if (argv0 == nullptr) return nullptr;
   if (strlen(argv0) >= kProgramPathSize) exit(kTooLongStatus);
 
-  char path[kProgramPathSize];
+  char path[kPathSize];
   if (!find_program(argv0, path)) return nullptr;
   if (fullpath2(path, origin, sizeof origin, kFullpathFollow) == nullptr) return nullptr;
   char* slash = strrchr(origin, '/');

@@ -1,10 +1,10 @@
 // The program's origin: the directory that holds its executable.
 #pragma once
 
-/// Finds the executable of the program that was started as `argv0` and returns the
-/// full name of its directory, with a '/' at the end. A name without '/' is looked
-/// for in the directories of PATH ("." without that variable); links are followed.
-/// Once found it is not looked for again. The text belongs to this service.
+/// Finds the executable of the program that was started as `argv0`, in the locale's
+/// codeset, and returns the full name of its directory, with a '/' at the end. A name without '/'
+/// is looked for in the directories of PATH ("." without that variable); links are followed. Once
+/// found it is not looked for again. The text belongs to this service.
 ///
 /// The caller of a set-user-id program chooses `argv0` and PATH. There the
 /// executable is what the kernel says it is.

@@ -3,12 +3,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
 
 #include "liblocal/messages/debug.h"
 #include "liblocal/messages/errinfo.h"
+#include "liblocal/text/text_view.h"
 #include "liblocal/text/utf8_files.h"
 
 namespace {
@@ -46,31 +48,23 @@ void strip_trailing_slashes(char* path) {
   while (length > 1 && path[length - 1] == '/') path[--length] = '\0';
 }
 
-// Copies `path` into `copy`, of kPathSize bytes, less its trailing slashes.
-bool copy_path(const char* path, char* copy) {
-  size_t length = strlen(path);
-  if (length >= kPathSize) {
-    errno = ENAMETOOLONG;
-    return false;
-  }
-  memcpy(copy, path, length + 1);
-  strip_trailing_slashes(copy);
-  return true;
-}
-
-// The absolute `path` itself, when every parent is a real directory and no component
-// but the first may be a step.
+// The absolute `path` itself, less trailing slashes, when every parent is a real directory
+// and no component but the first may be a step.
 bool take_as_it_is(const char* path, char* output, size_t size, bool follow) {
   char copy[kPathSize];
-  if (*path != '/' || strlen(path) >= size || !copy_path(path, copy)) return false;
+  if (*path != '/' || strlen(path) >= std::min(size, sizeof copy)) return false;
+  text_copy_cut(path, copy, sizeof copy);
+  strip_trailing_slashes(copy);
+  const size_t length = strlen(copy);
   Kind kind = kind_of(copy, false);
   if (kind == Kind::kMissing || (follow && kind == Kind::kLink)) return false;
-  memcpy(output, copy, strlen(copy) + 1);
   for (char* slash = strrchr(copy, '/'); slash != copy; slash = strrchr(copy, '/')) {
     if (slash[1] == '\0' || slash[1] == '.') return false;
     *slash = '\0';
     if (kind_of(copy, false) != Kind::kDirectory) return false;
   }
+  memmove(output, path, length);
+  output[length] = '\0';
   return true;
 }
 
@@ -95,7 +89,7 @@ class HomeDirectory {
     if (utf8_chdir(name_) == 0) return true;
     tell(1, "fullpath(%s) cannot restore cwd to %s: %s\n", path, name_, brix_strerror(errno));
     int saved_errno = errno;
-    if (itself_ >= 0) static_cast<void>(!fchdir(itself_));
+    [[maybe_unused]] int result = fchdir(itself_);
     errno = saved_errno;
     return false;
   }
@@ -105,22 +99,6 @@ class HomeDirectory {
   bool known_;
   char name_[kPathSize];
 };
-
-// Writes the system's name of `directory` into `output`, by a way there and back on
-// behalf of `path`. `which` begins the complaint of a system that knows no name.
-bool name_directory(const char* directory, const HomeDirectory& home, const char* path,
-                    const char* which, char* output, size_t size) {
-  if (utf8_chdir(directory) != 0) {
-    tell(1, "cannot chdir to %s: %s\n", directory, brix_strerror(errno));
-    return false;
-  }
-  bool named = brix_getcwd(output, size) != nullptr;
-  if (!named) {
-    tell(1, "%sgetcwd failed on %s\n", which, directory);
-    if (*which != '\0') tell(3, "fullpath failed to get the new cwd\n");
-  }
-  return home.restore(path) && named;
-}
 
 // Puts the text of the link at `path`, of kPathSize bytes, in its place: all of the
 // path when it is absolute, else the last component.
@@ -179,35 +157,60 @@ bool join(const char* directory, const char* name, char* output, size_t size) {
   return true;
 }
 
+// Writes the system's name of `directory`, and behind it `name` unless that is null, into
+// `output`, by a way there and back on behalf of `path`.
+bool name_by_going_there(const char* directory, const char* name, const HomeDirectory& home,
+                         const char* path, char* output, size_t size) {
+  if (utf8_chdir(directory) != 0) {
+    tell(1, "cannot chdir to %s: %s\n", directory, brix_strerror(errno));
+    return false;
+  }
+  bool named = brix_getcwd(output, size) != nullptr;
+  if (!named) {
+    tell(1, "%sgetcwd failed on %s\n", name != nullptr ? "fullpath " : "", directory);
+    if (name != nullptr) tell(3, "fullpath failed to get the new cwd\n");
+  } else if (name != nullptr) {
+    named = join(output, name, output, size);
+  }
+  return home.restore(path) && named;
+}
+
 // Writes the full name of what is no directory: that of its directory, and its own.
 bool name_file(char* copy, const HomeDirectory& home, const char* path, char* output, size_t size) {
   char* slash = strrchr(copy, '/');
   if (slash == nullptr) return join(home.name(), copy, output, size);
   *slash = '\0';
   const char* directory = slash == copy ? "/" : copy;  // a file right under the root
-  return name_directory(directory, home, path, "fullpath ", output, size) &&
-         join(output, slash + 1, output, size);
+  return name_by_going_there(directory, slash + 1, home, path, output, size);
 }
 
-bool find_by_going_there(const char* path, char* output, size_t size, unsigned flags) {
+bool find_from_here(const char* path, char* output, size_t size, unsigned flags) {
   bool follow = (flags & kFullpathFollow) != 0;
+  char given[kPathSize];  // `path`, which `output` may overwrite
   char copy[kPathSize];
-  bool fits = copy_path(path, copy);
-  Kind kind = fits ? kind_of(path, follow) : Kind::kMissing;
+  Kind kind = Kind::kMissing;
+  if (strlen(path) < sizeof given) {
+    kind = kind_of(path, follow);
+  } else {
+    errno = ENAMETOOLONG;
+  }
   if (kind == Kind::kMissing) {
     tell(1, "cannot stat %s\n", path);
     return false;
   }
+  text_copy_cut(path, given, sizeof given);
+  text_copy_cut(path, copy, sizeof copy);
+  strip_trailing_slashes(copy);
   HomeDirectory home;
   if (!home.known()) {
-    tell(1, "fullpath(%s): cannot determine current directory\n", path);
+    tell(1, "fullpath(%s): cannot determine current directory\n", given);
     return false;
   }
   if (kind != Kind::kDirectory) {
-    if (follow && !follow_links(path, copy)) return false;
-    return name_file(copy, home, path, output, size);
+    if (follow && !follow_links(given, copy)) return false;
+    return name_file(copy, home, given, output, size);
   }
-  if (!name_directory(copy, home, path, "", output, size)) return false;
+  if (!name_by_going_there(copy, nullptr, home, given, output, size)) return false;
   size_t length = strlen(output);
   if ((flags & kFullpathDirectorySlash) != 0 && length > 1 && length + 1 < size) {
     memcpy(output + length, "/", sizeof "/");
@@ -225,7 +228,7 @@ char* fullpath2(const char* path, char* output, size_t size, unsigned flags) {
   bool may_be_itself = (flags & kFullpathDirectorySlash) == 0;
   bool follow = (flags & kFullpathFollow) != 0;
   if (may_be_itself && take_as_it_is(path, output, size, follow)) return output;
-  return find_by_going_there(path, output, size, flags) ? output : nullptr;
+  return find_from_here(path, output, size, flags) ? output : nullptr;
 }
 
 char* fullpath(const char* path) {

@@ -1,13 +1,14 @@
 // Full path names over a tree of real directories and links, in the lab.
 #include "liblocal/startup/fullp_ux.h"
 
-#include <fcntl.h>
+#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <set>
 #include <sstream>
 #include <tuple>
 
@@ -29,10 +30,9 @@ class Fullpath : public LabTest {
     start = fs::current_path();
     root = "/fullpath." + std::to_string(getpid());  // in the lab's own root directory
     for (const char* name : {"/dir", "/.dot", "/deep/er"}) fs::create_directories(root + name);
-    for (const char* name : {"/dir/file", "/dir/.hidden", "/.dot/file"}) {
+    for (const char* name : {"/dir/file", "/dir/.hidden", "/.dot/file", ".file"}) {
       lab::write_file(root + name, "");
     }
-    lab::write_file(root + ".file", "");
     const std::pair<std::string, std::string> links[] = {
         {"dir", "link_dir"},        {"dir/file", "link_file"},
         {"../link_file", "dir/up"}, {"loop", "loop"},
@@ -60,25 +60,38 @@ class Fullpath : public LabTest {
     return text;
   }
 
-  // The answer, or the name of the error; and the process stays where it was.
+  // The answer, or the name of the error. The process stays where it was, nothing stays
+  // open, and the path's own buffer does as well for the output.
   std::string resolved(const std::string& path, unsigned flags, size_t size = kPathSize) const {
-    struct stat before, after;
-    EXPECT_EQ(stat(".", &before), 0);
-    std::string output(size, 'x');
-    errno = 0;
-    char* result = fullpath2(in_tree(path).c_str(), output.data(), size, flags);
-    int error = errno;
-    EXPECT_EQ(stat(".", &after), 0);
-    EXPECT_EQ(before.st_ino, after.st_ino) << path;
-    if (result == nullptr) return strerrorname_np(error);
-    EXPECT_EQ(result, output.data());
-    output.resize(strlen(result));
-    return output;
+    auto place = [] {
+      struct stat here;
+      EXPECT_EQ(stat(".", &here), 0);
+      return std::pair(here.st_ino, std::distance(fs::directory_iterator("/proc/self/fd"), {}));
+    };
+    auto answer = [&](const char* from, std::string& output) {
+      errno = 0;
+      const char* result = fullpath2(from, output.data(), size, flags);
+      EXPECT_TRUE(result == nullptr || result == output.data());
+      return result == nullptr ? std::string(strerrorname_np(errno)) : std::string(result);
+    };
+    const auto before = place();
+    const std::string whole = in_tree(path);
+    std::string output(size, 'x'), same(std::max(size, whole.size() + 1), '\0');
+    const std::string result = answer(whole.c_str(), output);
+    EXPECT_EQ(place(), before) << path;
+    same.replace(0, whole.size(), whole);
+    const int level = Debug.exchange(0);
+    EXPECT_EQ(answer(same.data(), same), result) << path;
+    Debug = level;
+    return result;
   }
 
-  // What a failing call says in debug lines of `level`.
+  // What a failing call says in debug lines of `level`, each without its "kivtrap: ".
   std::string told(int level, const std::string& path, unsigned flags, size_t size = kPathSize) {
-    return printed(level, [&] { static_cast<void>(resolved(path, flags, size)); });
+    std::istringstream lines(printed(level, [&] { resolved(path, flags, size); }));
+    std::string text;
+    for (std::string line; std::getline(lines, line);) text += line.substr(9) + "\n";
+    return text;
   }
 
   std::string root;
@@ -112,6 +125,14 @@ TEST_F(Fullpath, Names) {
   }
   EXPECT_EQ(resolved("", kPlain), "ENOENT");
   EXPECT_EQ(fullpath("dir/../link_file"), in_tree("@/link_file"));
+  char output[kPathSize];
+  for (const auto& [path, to, size] : {std::tuple<const char*, char*, size_t>{nullptr, output, 9},
+                                       {"/", nullptr, 9},
+                                       {"/", output, 0}}) {
+    errno = 0;
+    EXPECT_EQ(fullpath2(path, to, size, kPlain), nullptr);
+    EXPECT_EQ(errno, EINVAL);
+  }
 }
 
 TEST_F(Fullpath, OutputSizes) {
@@ -129,60 +150,100 @@ TEST_F(Fullpath, OutputSizes) {
   }
   EXPECT_EQ(resolved("/", kPlain, 2), "/");
   EXPECT_EQ(resolved("..", kSlash, 1), "ERANGE");
+  EXPECT_EQ(resolved("..", kSlash, 3), "/");
+}
+
+TEST_F(Fullpath, WhatIsTold) {
+  const struct {
+    unsigned flags;
+    const char* path;
+    size_t less;  // bytes of room than the root's name, a terminator and "/dir" need
+    const char *line, *at_3;
+  } cases[] = {
+      {kPlain, "@/nowhere", 0, "cannot stat @/nowhere\n", ""},
+      {kFollow, "chain20", 0,
+       "fullpath too many symlink loops for chain20: Too many levels of symbolic links\n", ""},
+      {kFollow, "chain2", 0, "@/dir/file path is too long\n",
+       "fullpath follow_path returns `dir/file'\n"},
+      {kPlain, "link_file", 0, "@/link_file path is too long\n", ""},
+      {kPlain, "/fullpath.@", 0, "cannot stat /fullpath.@\n", ""},
+      {kPlain, "dir", 1, "getcwd failed on dir\n", ""},
+      {kPlain, "dir/file", 1, "fullpath getcwd failed on dir\n",
+       "fullpath failed to get the new cwd\n"},
+  };
+  for (const auto& [flags, path, less, line, at_3] : cases) {
+    const size_t size = root.size() + strlen("/dir") + 1 - less;
+    EXPECT_EQ(told(0, path, flags, size), "") << path;
+    EXPECT_EQ(told(2, path, flags, size), in_tree(line)) << path;
+    const std::string more = told(3, path, flags, size);
+    EXPECT_TRUE(more == in_tree(line) + at_3 || more == at_3 + in_tree(line)) << more;
+  }
+  // Each allocation of a call refused in turn, until one does without.
+  std::set<std::string> lines;
+  std::string line = told(1, "chain2", kFollow);  // what a thread keeps is there now
+  for (int granted = 0; granted == 0 || !line.empty(); ++granted) {
+    line = printed(1, [granted] {
+      FailingMalloc failing(granted, 1);
+      char output[kPathSize];
+      static_cast<void>(fullpath2("chain2", output, sizeof output, kFollow));
+    });
+    lines.insert(line);
+  }
+  const std::string begin = "kivtrap: fullpath", end = ": Cannot allocate memory\n";
+  EXPECT_EQ(lines, (std::set<std::string>{"", begin + " getcwd failed on dir\n",
+                                          begin + "(chain2): cannot determine current directory\n",
+                                          begin + " could not readlink on chain2" + end,
+                                          begin + " could not readlink on chain1" + end}));
 }
 
 TEST_F(Fullpath, LongNames) {
-  const std::string component(255, 'n');
-  EXPECT_EQ(resolved("@/" + component + "n", kPlain), "ENAMETOOLONG");
   EXPECT_EQ(resolved(std::string(kPathSize, '/') + "tmp", kPlain), "ENAMETOOLONG");
-  std::string path = root;
-  for (int i = 0; i < 20; ++i, path += "/" + component) {  // deeper than the system takes at once
-    ASSERT_EQ(mkdir(component.c_str(), 0755), 0);
-    ASSERT_EQ(chdir(component.c_str()), 0);
+  // A byte that is no text takes three: this link's text is 11533 bytes long.
+  const std::string odd(255, '\x80');
+  std::string text = odd + "/f";
+  fs::create_directory(odd);
+  lab::write_file(text, "");
+  for (int i = 0; i < 14; ++i) text = odd + "/../" + text;
+  fs::create_symlink(text, "odd");
+  for (const auto& [length, line] : {std::pair(754, "fullpath could not lstat ./"),
+                                     std::pair(755, "fullpath path name too long ./")}) {
+    const std::string path = "." + std::string(length - 1, '/') + "odd";
+    EXPECT_EQ(resolved(path, kFollow), "ENAMETOOLONG");
+    EXPECT_THAT(told(1, path, kFollow), testing::StartsWith(line));
   }
-  lab::write_file("file", "");
-  EXPECT_EQ(resolved("file", kPlain), path + "/file");
-  // Into the directory itself it gets, but by that name not back.
-  EXPECT_EQ(resolved(".", kPlain), "ENAMETOOLONG");
-  EXPECT_EQ(told(1, "./file", kPlain),
-            "kivtrap: fullpath(./file) cannot restore cwd to " + path + ": File name too long\n");
-  EXPECT_EQ(told(1, path, kPlain), "kivtrap: cannot stat " + path + "\n");
-}
 
-TEST_F(Fullpath, WithoutMemory) {
-  static_cast<void>(resolved("chain2", kFollow));  // what a thread keeps is there now
-  const char* cases[] = {"fullpath(chain2): cannot determine current directory",
-                         "fullpath could not readlink on chain2: Cannot allocate memory",
-                         "fullpath could not readlink on chain1: Cannot allocate memory"};
-  int granted = 0;
-  for (const char* line : cases) {
-    auto resolve = [&granted] {
-      FailingMalloc failing(granted++, 1);
-      char output[kPathSize];
-      EXPECT_EQ(fullpath2("chain2", output, sizeof output, kFollow), nullptr);
-    };
-    EXPECT_EQ(printed(1, resolve), std::string("kivtrap: ") + line + "\n");
+  std::string path = root;
+  for (int i = 0; i < 20; ++i) {  // deeper than the system takes at once
+    const std::string component(255, 'n');
+    path += "/" + component;
+    ASSERT_EQ(mkdir(component.c_str(), 0755) + chdir(component.c_str()), 0);
   }
-  EXPECT_EQ(fs::current_path(), root);
+  fs::create_directory("sub");
+  for (const char* name : {"file", "sub/file"}) lab::write_file(name, "");
+  EXPECT_EQ(resolved("file", kPlain), path + "/file");
+  // Into a directory there it gets, but by the name of this one not back.
+  EXPECT_EQ(resolved("sub", kPlain), "ENAMETOOLONG");
+  const std::string lost =
+      "fullpath(sub/file) cannot restore cwd to " + path + ": File name too long\n";
+  EXPECT_EQ(told(0, "sub/file", kPlain), "");
+  EXPECT_EQ(told(1, "sub/file", kPlain), lost);
+  EXPECT_EQ(told(1, "sub/file", kPlain, path.size() + 9),
+            path + "/sub/file path is too long\n" + lost);
+  EXPECT_EQ(told(1, path, kPlain), "cannot stat " + path + "\n");
 }
 
 TEST_F(Fullpath, ClosedDirectories) {
   if (!lab::has_users()) return skip("no users but root here");
-  fs::create_directories(root + "/shut/open");
-  fs::create_directory(root + "/unsearchable");
-  lab::write_file("shut/open/file", "");
+  fs::create_directories("shut/open/sub");
+  fs::create_directory("unsearchable");
+  for (const char* name : {"shut/open/file", "shut/open/sub/file"}) lab::write_file(name, "");
   chmod("unsearchable", 0744);
   ASSERT_EQ(seteuid(lab::kUser), 0);
-  EXPECT_EQ(told(1, "unsearchable", kPlain),
-            "kivtrap: cannot chdir to unsearchable: Permission denied\n");
-  ASSERT_EQ(chdir("shut/open"), 0);
-  ASSERT_EQ(seteuid(0), 0);
-  chmod((root + "/shut").c_str(), 0700);
-  ASSERT_EQ(seteuid(lab::kUser), 0);
+  EXPECT_EQ(told(1, "unsearchable", kPlain), "cannot chdir to unsearchable: Permission denied\n");
+  ASSERT_EQ(chdir("shut/open") + seteuid(0) + chmod("..", 0700) + seteuid(lab::kUser), 0);
   EXPECT_EQ(resolved("file", kPlain), in_tree("@/shut/open/file"));
   EXPECT_EQ(resolved("@/shut/open/file", kPlain), "EACCES");
-  EXPECT_EQ(told(1, "./file", kPlain), in_tree("kivtrap: fullpath(./file) cannot restore cwd to "
-                                               "@/shut/open: Permission denied\n"));
+  EXPECT_EQ(resolved("sub/file", kPlain), "EACCES");
   EXPECT_EQ(seteuid(0), 0);
 }
 

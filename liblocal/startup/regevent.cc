@@ -22,7 +22,6 @@ int regevent(int signal, struct sigaction* action) {
 
 int regevent_setup() {
   if (handler_installed.exchange(true)) return 0;
-  ondbgintr_prepare();
   struct sigaction action = {};
   action.sa_handler = ondbgintr;
   regevent(SIGUSR2, &action);

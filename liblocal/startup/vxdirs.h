@@ -19,14 +19,14 @@ void vx_set_argv0(const char* argv0);
 
 /// Records `argv0`, finds the installation directory with it (find_origin.h) unless
 /// it is known, and returns it; null when it cannot be found, and for a null
-/// `argv0`.
+/// `argv0`. Of an executable's directory only the first 1023 bytes count.
 const char* vx_find_installdir(const char* argv0);
 
 /// The installation directory; null while it is not known.
 [[nodiscard]] const char* vx_get_installdir();
 
-/// The application directory. The first `name` that is given, and no later one, is
-/// the application's; null asks for the directory alone.
+/// The application directory. The first call, the getters' calls below among them, names
+/// the application, or with null says that there is none.
 const char* find_appdir(const char* name);
 
 /// "bin" in the installation directory.
@@ -47,5 +47,5 @@ const char* find_appdir(const char* name);
 [[nodiscard]] const char* vx_get_resdir();
 [[nodiscard]] const char* vx_get_tmpdir();
 
-/// "sec" in the directory of vx_get_tmpdir.
+/// "sec" in the directory of vx_get_tmpdir, in "./" when there is none at the first call.
 [[nodiscard]] const char* vx_get_securedir();

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <string_view>
 #include <utility>
 
 #include "liblocal/messages/errinfo.h"
@@ -25,8 +27,10 @@ struct Assignment {
   Assignment* next;
 };
 
+constexpr size_t kLists = 4096;
+
 std::atomic<vx_mutex*> list_mutex;
-Assignment* assignments = nullptr;  // newest first; guarded by list_mutex
+Assignment* assignments[kLists];  // by the hash of the text, newest first; guarded by list_mutex
 
 // "name=value" or "name=value:old", from malloc; null without memory.
 c_unique_ptr<char> make_assignment(const char* name, const char* value, const char* old) {
@@ -40,13 +44,14 @@ c_unique_ptr<char> make_assignment(const char* name, const char* value, const ch
 
 // The listed text that equals `text`, which is added when there is none.
 char* listed(c_unique_ptr<char> text) {
+  Assignment*& list = assignments[std::hash<std::string_view>{}(text.get()) % kLists];
   VxMutexLock lock(vx_mutex_made_once(&list_mutex));
-  for (Assignment* each = assignments; each != nullptr; each = each->next) {
+  for (Assignment* each = list; each != nullptr; each = each->next) {
     if (strcmp(each->text, text.get()) == 0) return each->text;
   }
   auto* added = static_cast<Assignment*>(xmalloc(sizeof(Assignment)));
-  *added = {text.release(), assignments};
-  assignments = added;
+  *added = {text.release(), list};
+  list = added;
   return added->text;
 }
 
@@ -56,7 +61,7 @@ char* new_area() {
   char* area = static_cast<char*>(calloc(1, kMessageSize));
   if (area == nullptr) {
     printerr("%s\n", brix_strerror(ENOMEM));
-    errno = ENOMEM;
+    errno = ENOMEM;  // whatever printing left there
   }
   return area;
 }
@@ -83,8 +88,8 @@ int vxputenv(char* text) {
 int add_to_environment(const char* name, const char* value, int prepend) {
   if (name == nullptr || value == nullptr) return 0;
   const char* old = prepend != 0 ? vxgetenv(name) : nullptr;
+  c_unique_ptr<char> converted(old != getenv(name) ? const_cast<char*>(old) : nullptr);
   c_unique_ptr<char> text = make_assignment(name, value, old);
-  if (old != nullptr && !is_ascii_text(old)) free(const_cast<char*>(old));  // converted for this
   if (text == nullptr) return 0;
   return vxputenv(listed(std::move(text))) == 0 ? 1 : 0;
 }

@@ -1,6 +1,7 @@
 #include "liblocal/startup/vxenv.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include "liblocal/messages/print.h"
 #include "liblocal/threads/c_memory.h"
 #include "tests/failing_malloc.h"
+#include "tests/locales.h"
 #include "tests/printed.h"
 
 namespace {
@@ -36,17 +38,45 @@ TEST(Vxenv, ConvertsOtherTexts) {
   c_unique_ptr<char> first(getenv(kName) - sizeof kName);  // the environment lets go of it now
   EXPECT_EQ(add_to_environment(kName, "\xC3\xA4", 1), 1);
   EXPECT_STREQ(getenv(kName), "\xE4:\xFC");
-  auto without_memory = [] {
-    FailingMalloc none(0);
-    EXPECT_EQ(vxgetenv(kName), nullptr);
-    EXPECT_EQ(vxputenv(text), -1);
-    EXPECT_EQ(errno, ENOMEM);
-  };
   brix_strerror(ENOMEM);  // has what it needs once before memory is gone
-  printed(0, without_memory);
+  auto without = [](auto call) {
+    return printed(0, [call] {
+      FailingMalloc none(0, 1);
+      errno = 0;
+      call();
+      EXPECT_EQ(errno, ENOMEM);
+    });
+  };
+  const std::string told = "kivtrap: Cannot allocate memory\n";
+  EXPECT_EQ(without([] { EXPECT_EQ(vxgetenv(kName), nullptr); }), told);
+  EXPECT_EQ(without([] { EXPECT_EQ(vxputenv(text), -1); }), told);
   EXPECT_STREQ(getenv(kName), "\xE4:\xFC");
   c_unique_ptr<char> second(getenv(kName) - sizeof kName);
   unsetenv(kName);
+}
+
+TEST(Vxenv, CutsLongTexts) {
+  std::string text = std::string("KIV_ENV_TEST=") + std::string(20000, 'x') + "\xC3\xBC";
+  EXPECT_EQ(vxputenv(text.data()), 0);
+  c_unique_ptr<char> area(getenv(kName) - sizeof kName);
+  EXPECT_EQ(strlen(area.get()), 18431);
+  setenv(kName, (std::string(20000, 'x') + "\xE9").c_str(), 1);
+  c_unique_ptr<char> value(const_cast<char*>(vxgetenv(kName)));
+  EXPECT_EQ(strlen(value.get()), 18431);
+  unsetenv(kName);
+}
+
+// In EUC-JP, where these bytes are no characters: '?' is all that is left of them.
+TEST(Vxenv, KeepsNoCopyOfTheOldValue) {
+  in_locale("EUC-JP", [] {
+    setenv(kName, "\xFF\xFF", 1);
+    EXPECT_EQ(add_to_environment(kName, "new", 1), 1);
+    EXPECT_STREQ(getenv(kName), "new:??");
+    setenv(kName, "\xFF\xFF", 1);
+    const size_t before = mallinfo2().uordblks;
+    EXPECT_EQ(add_to_environment(kName, "new", 1), 1);
+    EXPECT_LT(mallinfo2().uordblks, before + 10000);
+  });
 }
 
 TEST(Vxenv, AddsToTheEnvironment) {
@@ -55,10 +85,8 @@ TEST(Vxenv, AddsToTheEnvironment) {
     int prepend;
     const char* wanted;
   } cases[] = {{"first", 1, "first"},  // nothing there to stand before
-               {"second", 1, "second:first"},
-               {"third", 0, "third"},
-               {"", 1, ":third"},
-               {"third", 0, "third"}};
+               {"second", 1, "second:first"},  {"third", 0, "third"}, {"", 1, ":third"},
+               {"fourth", 2, "fourth::third"}, {"third", 0, "third"}};
   unsetenv(kName);
   std::set<const char*> thirds;
   for (const auto& [value, prepend, wanted] : cases) {
@@ -67,6 +95,8 @@ TEST(Vxenv, AddsToTheEnvironment) {
     if (prepend == 0) thirds.insert(getenv(kName));
   }
   EXPECT_EQ(thirds.size(), 1) << "equal texts share one copy";
+  EXPECT_EQ(add_to_environment(nullptr, "x", 0) + add_to_environment(kName, nullptr, 0), 0);
+  EXPECT_EQ(vxputenv(nullptr), 0);
   {
     FailingMalloc none(0);
     EXPECT_EQ(add_to_environment(kName, "more", 1), 0);

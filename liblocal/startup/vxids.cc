@@ -39,6 +39,11 @@ void tell_after(const char* operation) {
               static_cast<int>(geteuid()));
 }
 
+// A failure leaves the ids as they are, and is not reported.
+void change_uids(uid_t real, uid_t effective) {
+  [[maybe_unused]] int result = setreuid(real, effective);
+}
+
 template <typename Id>
 void store(Id* where, Id id) {
   if (where != nullptr) *where = id;
@@ -60,7 +65,7 @@ void set_nonprivileged() {
   const Ids& ids = saved_ids();
   tell_before("set_nonprivileged");
   if (drop_uid == 0 || ids.real_user == ids.effective_user) return;
-  static_cast<void>(!setreuid(kRoot, ids.real_user));
+  change_uids(kRoot, ids.real_user);
   tell_after("set_nonprivileged");
 }
 
@@ -68,7 +73,7 @@ void set_privileged() {
   const Ids& ids = saved_ids();
   tell_before("set_privileged");
   if (ids.real_user == ids.effective_user || ids.effective_user != kRoot) return;
-  static_cast<void>(!setreuid(kUnchanged, kRoot));
+  change_uids(kUnchanged, kRoot);
   tell_after("set_privileged");
 }
 

@@ -2,7 +2,7 @@
 
 #include <getopt.h>
 
-#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -13,10 +13,7 @@
 #include "liblocal/startup/vxenv.h"
 #include "liblocal/startup/vxids.h"
 #include "liblocal/text/ascii.h"
-#include "liblocal/text/text_view.h"
 #include "liblocal/text/utf8_convert.h"
-#include "liblocal/text/vxpath.h"
-#include "liblocal/threads/c_memory.h"
 #include "liblocal/threads/vx_thread.h"
 
 namespace {
@@ -26,9 +23,9 @@ constexpr size_t kUtf8Growth = 6;  // bytes that one byte may become
 void name_debug_command_file(const char* name) {
   bool with_programs = name != nullptr && strcmp(name, "qmo") == 0;
   const char* directory = with_programs ? vx_get_bindir() : vx_get_tmpdir();
-  if (directory == nullptr) return;
-  c_unique_ptr<char> path(path_concat(directory, "vxdbg.tmp"));
-  text_copy_cut(path.get(), Dbgcmdpath, sizeof Dbgcmdpath);
+  // An absent directory is written as every absent text is.
+  snprintf(Dbgcmdpath, sizeof Dbgcmdpath, "%s/vxdbg.tmp",
+           directory != nullptr ? directory : "null");
 }
 
 // What the first call does. Until the ids are changed, a set-user-id program runs
@@ -51,10 +48,7 @@ void convert_arguments(int argc, char** argv) {
     if (is_ascii_text(*argv)) continue;
     size_t size = kUtf8Growth * strlen(*argv) + 1;
     char* converted = static_cast<char*>(calloc(1, size));
-    if (converted == nullptr) {
-      errno = ENOMEM;
-      return;
-    }
+    if (converted == nullptr) return;
     utf8_mbs(converted, *argv, size);
     *argv = converted;
   }

@@ -19,8 +19,9 @@
 /// `errno` is ENOMEM and the rest stays as it is. At last it waits for a debugger
 /// when asked to (dbgsignl.h).
 ///
-/// Without a `name` in any call there is no application directory, and no debug
-/// command file. `argv` may be null.
+/// Without a `name` there is no application directory, and the debug command file is
+/// "null/vxdbg.tmp"; so it is for "qmo" without an installation directory. `argv` may be
+/// null.
 ///
 /// find_origin.h says when the process ends here: a program path of 1024 bytes or
 /// more, an executable with hard links, "KIV_PRINT_ORIGIN".

@@ -1,0 +1,252 @@
+// The start of a program, each time in a process of its own.
+#include "liblocal/startup/vxinit.h"
+
+#include <getopt.h>
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "liblocal/messages/debug.h"
+#include "liblocal/startup/dbgsignl.h"
+#include "liblocal/startup/find_origin.h"
+#include "liblocal/startup/vxdirs.h"
+#include "liblocal/startup/vxids.h"
+#include "tests/failing_malloc.h"
+#include "tests/lab.h"
+#include "tests/locales.h"
+#include "tests/printed.h"
+
+extern std::atomic<int> waits_for_debugger;  // of dbgsignl_test.cc
+
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(Vxinit, Once) {
+  in_locale("", [] {
+    setenv("LC_ALL", "C.UTF-8", 1);
+    opterr = 1;
+    EXPECT_EQ(vxinit_done(), 0);
+    vxinit("kiv");
+    EXPECT_EQ(vxinit_done(), 1);
+    EXPECT_EQ(opterr, 0);
+    EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C.UTF-8");
+    struct sigaction action;
+    EXPECT_EQ(sigaction(SIGUSR2, nullptr, &action), 0);
+    EXPECT_EQ(action.sa_handler, ondbgintr);
+
+    opterr = 1;
+    setenv("LC_ALL", "C", 1);
+    Force_debug = 1;
+    waits_for_debugger = 1;
+    char path[] = "/usr/bin/Program.x";
+    char* arguments[] = {path};
+    EXPECT_EQ(printed(0, [&] { _vxinit("tarn", 1, arguments); }),
+              "kivtrap: program (" + std::to_string(getpid()) + ") waiting to be debugged\n");
+    EXPECT_EQ(opterr, 0);
+    EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C.UTF-8");
+    EXPECT_EQ(find_appdir(nullptr), std::string("/kiv"));
+  });
+}
+
+TEST(Vxinit, Arguments) {
+  in_locale("", [] {
+    setenv("LC_ALL", "C", 1);  // Latin-1
+    const struct {
+      int argc;
+      bool mast;
+      int memory;  // allocations
+      std::vector<std::string> wanted;
+    } cases[] = {{6, false, INT_MAX, {"caf\xC3\xA9", "plain", "\xC3\xBC", "\xE4"}},
+                 {4, false, INT_MAX, {"caf\xC3\xA9", "plain", "\xC3\xBC", "\xE4"}},
+                 {3, false, INT_MAX, {"caf\xC3\xA9", "plain", "\xFC", "\xE4"}},
+                 {2, false, INT_MAX, {"caf\xC3\xA9", "plain", "\xFC", "\xE4"}},
+                 {1, false, INT_MAX, {"caf\xE9", "plain", "\xFC", "\xE4"}},
+                 {0, false, INT_MAX, {"caf\xE9", "plain", "\xFC", "\xE4"}},
+                 {6, true, INT_MAX, {"caf\xE9", "plain", "\xFC", "\xE4"}},
+                 {6, false, 1, {"caf\xC3\xA9", "plain", "\xFC", "\xE4"}}};
+    for (const auto& [argc, mast, memory, wanted] : cases) {
+      char name[] = "name", cafe[] = "caf\xE9", plain[] = "plain", last[] = "\xFC",
+           never[] = "\xE4";
+      char* argv[] = {name, cafe, plain, last, nullptr, never};
+      mast ? setenv("KIV_MAST", "", 1) : unsetenv("KIV_MAST");
+      errno = 0;
+      {
+        FailingMalloc failing(memory);
+        _vxinit("kiv", argc, argv);
+      }
+      EXPECT_EQ(errno == ENOMEM, memory == 1);
+      EXPECT_EQ(argv[2], plain);
+      for (int i = 1; i < 4; ++i) EXPECT_EQ(argv[i], wanted[i - 1]) << argc;
+      EXPECT_EQ(argv[5], wanted[3]);
+      for (char** each : {&argv[1], &argv[3]}) {
+        if (*each != cafe && *each != last) free(*each);
+      }
+    }
+  });
+}
+
+class Directories : public LabTest {
+ protected:
+  void SetUp() override {
+    LabTest::SetUp();
+    fs::create_directories("/start/bin");
+    lab::write_file("/start/bin/program", "");
+  }
+};
+
+TEST_F(Directories, OfEveryApplication) {
+  const struct {
+    const char* name;
+    std::string argv0, installed, application, command;
+  } cases[] = {{"kiv", "/start/bin/program", "/start", "/kiv", "/kiv/tmp/vxdbg.tmp"},
+               {"qmo", "/start/bin/program", "/start", "/start", "/start/bin/vxdbg.tmp"},
+               {"tarn", "/start/bin/program", "/start", "/start", "/start/tmp/vxdbg.tmp"},
+               {"qmo", "/start/nowhere", "-", "/qmo", "null/vxdbg.tmp"},
+               {nullptr, "/start/bin/program", "/start", "-", "null/vxdbg.tmp"}};
+  const std::pair<const char* (*)(), const char*> getters[] = {
+      {vx_get_applogsdir, "applogs"}, {vx_get_coresdir, "cores"}, {vx_get_debugdir, "debug"},
+      {vx_get_etcdir, "etc"},         {vx_get_glsdir, "gls"},     {vx_get_indexdir, "index"},
+      {vx_get_libdir, "lib"},         {vx_get_logsdir, "logs"},   {vx_get_mmdir, "mm"},
+      {vx_get_moddir, "mod"},         {vx_get_rapdir, "rap"},     {vx_get_resdir, "res"},
+      {vx_get_tmpdir, "tmp"}};
+  auto text = [](const char* path) { return std::string(path != nullptr ? path : "-"); };
+  auto in = [](const std::string& base, const char* name) {
+    return base == "-" ? base : base + "/" + name;
+  };
+  for (const auto& [name, argv0, installed, application, command] : cases) {
+    in_locale("", [&, name = name, argv0 = argv0, installed = installed, application = application,
+                   command = command] {
+      EXPECT_EQ(vx_get_bindir(), nullptr) << "not known yet";
+      EXPECT_EQ(vx_get_argv0(), nullptr);
+      std::string copy = argv0;
+      char* argv[] = {copy.data()};
+      _vxinit(name, 1, argv);
+      copy[0] = 'x';
+      EXPECT_EQ(vx_get_argv0(), argv0);
+      EXPECT_EQ(Dbgcmdpath, command);
+      EXPECT_EQ(text(vx_get_installdir()), installed);
+      EXPECT_EQ(text(vx_get_bindir()), in(installed, "bin"));
+      EXPECT_EQ(text(find_appdir("other")), application);
+      for (const auto& [getter, directory] : getters) {
+        EXPECT_EQ(text(getter()), in(application, directory));
+        EXPECT_EQ(getter(), getter());
+      }
+      const std::string secure = application == "-" ? "./sec" : application + "/tmp/sec";
+      EXPECT_EQ(vx_get_securedir(), secure);
+      EXPECT_EQ(vx_get_securedir(), vx_get_securedir());
+
+      EXPECT_EQ(vx_find_installdir(nullptr), nullptr);
+      EXPECT_EQ(vx_get_argv0(), argv0);
+      EXPECT_EQ(vx_find_installdir("bin/program"), vx_get_installdir());
+      EXPECT_STREQ(vx_get_argv0(), "bin/program");
+    });
+  }
+}
+
+TEST_F(Directories, FirstWordOnTheApplication) {
+  in_locale("", [] {
+    EXPECT_EQ(vx_get_etcdir(), nullptr);
+    EXPECT_EQ(find_appdir("kiv"), nullptr);
+  });
+  in_locale("", [] {
+    EXPECT_STREQ(find_appdir("tarn"), "/tarn");
+    EXPECT_STREQ(vx_find_installdir("/start/bin/program"), "/start");
+    EXPECT_STREQ(find_appdir(nullptr), "/start");
+  });
+}
+
+TEST_F(Directories, OriginIsFoundOnce) {
+  in_locale("", [] {
+    EXPECT_EQ(find_origin(nullptr), nullptr);
+    EXPECT_EQ(find_origin("/start/nowhere"), nullptr);
+    setenv("KIV_PRINT_ORIGIN", "1", 1);
+    const char* line = "kivtrap: origin for `/start/bin/program' is `/start/bin/'\n";
+    EXPECT_EQ(printed(0, [] { EXPECT_STREQ(find_origin("/start/bin/program"), "/start/bin/"); }),
+              line);
+    EXPECT_EQ(printed(0, [] { EXPECT_STREQ(find_origin("nowhere"), "/start/bin/"); }), "");
+    EXPECT_STREQ(find_origin(nullptr), "/start/bin/");
+  });
+  in_locale("", [] {
+    setenv("KIV_PRINT_ORIGIN", "1", 1);
+    EXPECT_EQ(printed(-1, [] { EXPECT_NE(find_origin("/start/bin/program"), nullptr); }), "");
+  });
+}
+
+// Of a longer name of the executable's directory the first 1023 bytes count.
+TEST_F(Directories, FarDown) {
+  in_locale("", [] {
+    std::string path = "/start";
+    for (int i = 0; i < 12; ++i) path += "/" + std::string(100, 'n');
+    fs::create_directories(path);
+    fs::current_path(path);
+    lab::write_file("program", "");
+    EXPECT_STREQ(vx_find_installdir("./program"), path.substr(0, path.rfind('/', 1022)).c_str());
+    fs::current_path("/");
+  });
+}
+
+class Ids : public LabTest {};
+
+TEST_F(Ids, SwitchBetweenUserAndRoot) {
+  if (!lab::has_users()) return skip("no users but root here");
+  const struct {
+    uid_t real, effective;
+    int level;  // below -1: with the ids not printed
+    const char* told;
+  } cases[] = {
+      {1000, 0, 1,
+       "N new uid 0 euid 1000|=0,1000|P saved uid 1000 euid 0, current uid 0 euid 1000|"
+       "P new uid 0 euid 0|=0,0|N saved uid 1000 euid 0, current uid 0 euid 0|=0,0|"
+       "N saved uid 1000 euid 0, current uid 0 euid 0|N new uid 0 euid 1000|=0,1000|"},
+      {1000, 0, 0,
+       "N new uid 0 euid 1000|=0,1000|P new uid 0 euid 0|=0,0|=0,0|N new uid 0 euid 1000|=0,1000|"},
+      {1000, 0, -1, "N new uid 0 euid 1000|=0,1000|=0,0|=0,0|=0,1000|"},
+      {1000, 0, -2, "=0,1000|=0,0|=0,0|=0,1000|"},
+      // who cannot give up rights for good, nor take those of root
+      {1000, 2000, -2, "=1000,2000|=1000,2000|=1000,2000|=1000,2000|"},
+      {1000, 1000, 0, "=1000,1000|=1000,1000|=1000,1000|=1000,1000|"},
+      {0, 1000, -2, "=0,0|=0,0|=0,0|=0,0|"},
+  };
+  for (const auto& [real, effective, level, told] : cases) {
+    in_locale("", [real = real, effective = effective, level = level, told = told] {
+      vx_set_progname("kivtrap");
+      const std::string log = "/tmp/ids." + std::to_string(getpid());
+      dfopen(log.c_str());
+      if (level > -2) setenv("KIV_PRINT_UIDS", "", 1);
+      EXPECT_EQ(setregid(1001, 1002) + setreuid(real, effective), 0);
+      auto show = [] {
+        debugprintf("=%d,%d\n", static_cast<int>(getuid()), static_cast<int>(geteuid()));
+      };
+      vxinit("kiv");  // which gives up what is not the user's
+      show();
+      Debug = level;
+      set_privileged();
+      show();
+      set_vxinit_uid_flag(0);
+      set_nonprivileged();
+      show();
+      set_vxinit_uid_flag(1);
+      set_nonprivileged();
+      show();
+      std::string lines = lab::read_file(log);
+      for (const auto& [long_form, short_form] : {std::pair("kivtrap: ", ""),
+                                                  {"set_nonprivileged:", "N"},
+                                                  {"set_privileged:", "P"},
+                                                  {"\n", "|"}}) {
+        for (size_t at; (at = lines.find(long_form)) != lines.npos;) {
+          lines.replace(at, strlen(long_form), short_form);
+        }
+      }
+      EXPECT_EQ(lines, told);
+      uid_t ids[4] = {};
+      get_saved_uids(&ids[0], nullptr);
+      get_saved_uids(nullptr, &ids[1]);
+      get_saved_gids(&ids[2], &ids[3]);
+      EXPECT_THAT(ids, testing::ElementsAre(real, effective, 1001, 1002));
+    });
+  }
+}
+
+}  // namespace
