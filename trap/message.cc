@@ -7,6 +7,7 @@
 
 #include "liblocal/messages/catgets.h"
 #include "liblocal/text/utf8.h"
+#include "liblocal/text/utf8_files.h"
 #include "liblocal/text/vxprint.h"
 #include "trap/message_set.h"
 

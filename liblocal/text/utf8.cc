@@ -2,20 +2,20 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
 #include "liblocal/text/mbt.h"
 #include "liblocal/text/utf8_codec.h"
 #include "liblocal/text/utf8_convert.h"
-#include "liblocal/text/utf8_files.h"
 #include "liblocal/threads/c_memory.h"
 
 namespace {
 
-constexpr size_t kMarkedGetsSize = 1024;  // bytes of vxgets's buffer that a marked stream uses
-constexpr size_t kPieceSize = 18431;      // bytes of text converted at a time
+constexpr int kMarkedGetsSize = 1024;  // bytes of vxgets's buffer that a marked stream uses
+constexpr size_t kReadStep = 128;      // bytes of a line read at a time
+constexpr size_t kPieceSize = 18431;   // bytes of text converted at a time
 
 // Keeps a stream to one thread for a scope.
 class StreamLock {
@@ -31,31 +31,34 @@ class StreamLock {
 
 bool is_converted(FILE* stream) { return !utf8_is_marked(fileno(stream)); }
 
-// The platform's fgets gives up, and what it has read with it, when a signal
-// interrupts the wait for more. Here the wait goes on. Reads up to the line end or
-// `room` bytes, or what is there on a descriptor that does not wait; returns their number,
-// 0 at the end of the file and on an error.
-size_t read_line(char* buffer, size_t room, FILE* stream) {
+// Reads a line as fgets does into `area` of `size` bytes. But a wait that a signal
+// interrupts goes on, and of NUL bytes too the number is known: fgets does not tell how much
+// it read, but of the line ends that are put there first, it read the one that a NUL
+// follows. Returns the number of bytes; 0 at the end of the file and on an error.
+size_t read_line(char* area, size_t size, FILE* stream) {
+  const int saved_errno = errno;
   size_t length = 0;
-  while (length < room && (length == 0 || buffer[length - 1] != '\n')) {
-    int byte = getc(stream);
-    if (byte != EOF) {
-      buffer[length++] = static_cast<char>(byte);
-    } else if (feof(stream) != 0 || errno == EAGAIN) {
+  while (length + 1 < size) {
+    char* at = area + length;
+    const size_t step = std::min(size - length, kReadStep);
+    memset(at, '\n', step);
+    errno = 0;
+    const bool terminated = fgets_unlocked(at, static_cast<int>(step), stream) != nullptr;
+    const void* line_end = memchr(at, '\n', step);
+    const size_t found =
+        line_end == nullptr ? step : static_cast<size_t>(static_cast<const char*>(line_end) - at);
+    if (terminated && found + 1 < step && at[found + 1] == '\0') {
+      length += found + 1;
       break;
-    } else if (errno == EINTR) {
-      clearerr(stream);
-    } else {
-      return 0;
     }
+    length += terminated ? found - 1 : found;
+    if (terminated && found == step) continue;
+    if (feof_unlocked(stream) != 0 || errno == EAGAIN) break;
+    if (errno != EINTR) return 0;
+    clearerr_unlocked(stream);
   }
+  if (errno == 0) errno = saved_errno;
   return length;
-}
-
-char* read_marked_line(char* buffer, size_t size, FILE* stream) {
-  size_t length = read_line(buffer, size - 1, stream);
-  buffer[length] = '\0';
-  return length > 0 || size == 1 ? buffer : nullptr;
 }
 
 // Puts `length` raw bytes back to be read again. Most often they still stand in the
@@ -67,44 +70,47 @@ bool push_back(const char* bytes, size_t length, FILE* stream) {
   return true;
 }
 
-// A line as it stands on the stream, in an area of its own.
-struct RawLine {
-  c_unique_ptr<char> bytes;  // null when nothing was read
-  size_t length = 0;
-  bool cut = false;  // more of the line may follow
-};
-
-RawLine read_raw_line(size_t size, FILE* stream) {
-  RawLine line;
-  c_unique_ptr<char> area(static_cast<char*>(malloc(size)));
-  if (area == nullptr) return line;
-  line.length = read_line(area.get(), size - 1, stream);
-  if (line.length == 0) return line;
-  line.cut = area.get()[line.length - 1] != '\n' && feof(stream) == 0;
-  line.bytes = std::move(area);
-  return line;
+// The bytes of a line in an area of their own, terminated. Without memory they go back.
+c_unique_ptr<char> copy_of(const char* bytes, size_t length, FILE* stream) {
+  c_unique_ptr<char> copy(static_cast<char*>(malloc(length + 1)));
+  if (copy == nullptr) {
+    push_back(bytes, length, stream);
+  } else {
+    memcpy(copy.get(), bytes, length);
+    copy.get()[length] = '\0';
+  }
+  return copy;
 }
 
-// Converts the beginning of `line` that fits into `buffer`, less `line_end` bytes at its
-// end, and leaves the rest on the stream. Never nothing of what fills the room, or a reader
-// would never end.
-char* convert_line(char* buffer, size_t size, const RawLine& line, size_t line_end, FILE* stream) {
-  const char* raw = line.bytes.get();
-  const size_t wanted = line.length - line_end;
-  Utf8Progress done = utf8_mbs_part(buffer, size - 1, raw, wanted, line.cut);
-  if (done.consumed == 0 && line.cut && line.length < size - 1) {
+// Reads a line into `buffer` of `size` bytes and converts the beginning of it that fits there,
+// without its line end if that is not wanted. The rest stays on the stream. Never nothing
+// of what fills the room, or a reader would never end.
+char* read_converted(char* buffer, size_t size, bool with_line_end, FILE* stream) {
+  const size_t length = read_line(buffer, size, stream);
+  if (length == 0) return nullptr;
+  const bool ends = buffer[length - 1] == '\n';
+  const bool cut = !ends && feof_unlocked(stream) == 0;  // more of the line may follow
+  const size_t wanted = length - (ends && !with_line_end ? 1 : 0);
+  if (!cut && utf8_is_same(buffer, wanted)) {
+    buffer[wanted] = '\0';
+    return buffer;
+  }
+  const c_unique_ptr<char> raw = copy_of(buffer, length, stream);
+  if (raw == nullptr) return nullptr;
+  Utf8Progress done = utf8_mbs_part(buffer, size - 1, raw.get(), wanted, cut);
+  if (done.consumed == 0 && cut && length < size - 1) {
     // The rest of the character is not there yet.
-    if (push_back(raw, line.length, stream)) errno = EAGAIN;
+    if (push_back(raw.get(), length, stream)) errno = EAGAIN;
     return nullptr;
   }
-  if (done.consumed == 0 && wanted > 0) done = utf8_mbs_part(buffer, size - 1, raw, 1, false);
+  if (done.consumed == 0 && wanted > 0) done = utf8_mbs_part(buffer, size - 1, raw.get(), 1, false);
   if (done.consumed == 0 && wanted > 0) {
     *buffer = '?';
     done = {1, 1};
   }
   buffer[done.written] = '\0';
   if (done.consumed == wanted) return buffer;
-  return push_back(raw + done.consumed, line.length - done.consumed, stream) ? buffer : nullptr;
+  return push_back(raw.get() + done.consumed, length - done.consumed, stream) ? buffer : nullptr;
 }
 
 // Writes `text` converted, piece by piece. Returns the sum of the results of fputs, -1
@@ -127,40 +133,32 @@ int put_converted(const char* text, FILE* stream) {
 
 }  // namespace
 
-FILE* utf8_fopen(const char* path, const char* mode) { return fopen(syscalls_utf8dec(path), mode); }
-
 char* vxfgets(char* buffer, int size, FILE* stream) {
-  if (size < 1) return nullptr;
+  if (size < 2 || !is_converted(stream)) return fgets(buffer, size, stream);
   StreamLock lock(stream);
-  auto room = static_cast<size_t>(size);
-  if (room == 1 || !is_converted(stream)) return read_marked_line(buffer, room, stream);
-  RawLine line = read_raw_line(room, stream);
-  return line.length == 0 ? nullptr : convert_line(buffer, room, line, 0, stream);
+  return read_converted(buffer, static_cast<size_t>(size), true, stream);
 }
 
 char* vx_fgetmbts(char* buffer, int size, FILE* stream) {
-  if (size < 1) return nullptr;
+  if (size < 2 || !is_converted(stream)) return fgets(buffer, size, stream);
   StreamLock lock(stream);
-  auto room = static_cast<size_t>(size);
-  if (room == 1 || !is_converted(stream)) return read_marked_line(buffer, room, stream);
-  RawLine line = read_raw_line(room, stream);
-  if (line.length == 0) return nullptr;
-  line.bytes.get()[line.length] = '\0';
-  if (vx_mbstombts(buffer, line.bytes.get(), room) != 0) return buffer;
-  push_back(line.bytes.get(), line.length, stream);
+  const auto room = static_cast<size_t>(size);
+  const size_t length = read_line(buffer, room, stream);
+  if (length == 0) return nullptr;
+  const c_unique_ptr<char> raw = copy_of(buffer, length, stream);
+  if (raw == nullptr) return nullptr;
+  if (vx_mbstombts(buffer, raw.get(), room) != 0) return buffer;
+  push_back(raw.get(), length, stream);
   errno = ERANGE;
   return nullptr;
 }
 
 char* vxgets(char* buffer) {
-  StreamLock lock(stdin);
   if (is_converted(stdin)) {
-    RawLine line = read_raw_line(kGetsSize, stdin);
-    if (line.length == 0) return nullptr;
-    size_t line_end = line.bytes.get()[line.length - 1] == '\n' ? 1 : 0;
-    return convert_line(buffer, kGetsSize, line, line_end, stdin);
+    StreamLock lock(stdin);
+    return read_converted(buffer, kGetsSize, false, stdin);
   }
-  if (read_marked_line(buffer, kMarkedGetsSize, stdin) == nullptr) return nullptr;
+  if (fgets(buffer, kMarkedGetsSize, stdin) == nullptr) return nullptr;
   size_t length = strlen(buffer);
   if (length > 0 && buffer[length - 1] == '\n') buffer[length - 1] = '\0';
   return buffer;

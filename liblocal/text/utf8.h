@@ -1,8 +1,10 @@
 // UTF-8 text on streams. What a program reads and writes here is UTF-8; on the stream
 // it is in the codeset of the locale, unless the stream is marked (utf8_marks.h).
 //
-// A wait that a signal interrupts goes on. Of a line on a descriptor that does not wait, a
-// reader gets the characters that are there; without any, EAGAIN is in `errno`.
+// A marked stream is the platform's: the readers and writers are its fgets and fputs then.
+// On another one a wait that a signal interrupts goes on; of a line on a descriptor that
+// does not wait, a reader gets the characters that are there; without any, EAGAIN is in
+// `errno`.
 //
 // Thread safety: as the platform's streams; a call handles its whole line before
 // another thread's turn.
@@ -14,11 +16,6 @@
 #include "liblocal/threads/text_sizes.h"
 
 constexpr size_t kGetsSize = kMessageSize;  // bytes of the buffer of vxgets
-
-/// Opens the file named by the UTF-8 text `path` as fopen does. The stream is
-/// not marked. Returns null with `errno` set on failure; the caller closes the
-/// stream with vxfclose.
-[[nodiscard]] FILE* utf8_fopen(const char* path, const char* mode);
 
 /// Reads a line, its line end included, of at most `size` - 1 bytes on the stream into
 /// `buffer` and terminates it. What is longer, or does not fit once it is UTF-8, stays

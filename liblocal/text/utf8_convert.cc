@@ -355,6 +355,10 @@ size_t ansi_mbs(char* output, const char* input, size_t size) {
   return finish(conversion, output, size);
 }
 
+bool utf8_is_same(const char* text, size_t length) {
+  return !needs_conversion() || run_of<is_plain>(text, length) == length;
+}
+
 Utf8Progress utf8_mbs_part(char* output, size_t room, const char* input, size_t length, bool more) {
   int saved_errno = errno;
   Conversion conversion = {input, length, output, room, 0, more};

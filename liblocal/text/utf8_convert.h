@@ -44,6 +44,10 @@ int vx_utf8tombts(char* output, const char* input, size_t size);
 [[nodiscard]] char* utf8encode(const char* text, size_t size);
 [[nodiscard]] char* utf8decode(const char* text, size_t size);
 
+/// Whether `text`, of `length` bytes in the locale's codeset, is known to be the same in
+/// UTF-8: none of it needs the converter.
+[[nodiscard]] bool utf8_is_same(const char* text, size_t length);
+
 /// What a conversion of part of a text did.
 struct Utf8Progress {
   size_t consumed;  // bytes of the input

@@ -60,6 +60,8 @@ const char* syscalls_utf8dec(const char* path) {
   return buffer->text;
 }
 
+FILE* utf8_fopen(const char* path, const char* mode) { return fopen(syscalls_utf8dec(path), mode); }
+
 int utf8_access(const char* path, int mode) { return access(syscalls_utf8dec(path), mode); }
 
 int utf8_chdir(const char* path) { return chdir(syscalls_utf8dec(path)); }

@@ -16,12 +16,17 @@
 #include <climits>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <ctime>
 
 /// `path` in the locale's codeset. The text lasts until the thread's next call of this
 /// or of any wrapper below. A path that ansi_mbs refuses gives an empty text, which
 /// names no file. Waits for memory. Keeps `errno`.
 [[nodiscard]] const char* syscalls_utf8dec(const char* path);
+
+/// The platform's fopen. The stream is not marked; the caller closes it with vxfclose
+/// (utf8.h).
+[[nodiscard]] FILE* utf8_fopen(const char* path, const char* mode);
 
 [[nodiscard]] int utf8_access(const char* path, int mode);
 [[nodiscard]] int utf8_chdir(const char* path);
