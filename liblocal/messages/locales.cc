@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "liblocal/messages/debug.h"
+#include "liblocal/text/codesets.h"
 #include "liblocal/text/text_view.h"
 #include "liblocal/threads/c_memory.h"
 #include "liblocal/threads/xmalloc.h"
@@ -68,7 +69,9 @@ const char* init_locales(const char* /*name*/, const char* locale) {
   }
   rap_locale.reset(xstrdup(setlocale(LC_ALL, "C")));
   user_locale.reset(xstrdup(rap_locale.get()));
-  return setlocale(LC_ALL, locale);
+  const char* selected = setlocale(LC_ALL, locale);
+  learn_codeset();
+  return selected;
 }
 
 const char* get_lang_subdir() { return nullptr; }

@@ -5,9 +5,11 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <string_view>
 
 std::atomic<int> Needs_conversion = 1;
+std::atomic<bool> Ansi_keeps_ascii = false;
 
 namespace {
 
@@ -36,20 +38,31 @@ const char* codeset_name() {
   return name.data();
 }
 
-// Fills `slot` for the codeset `name`. Of racing threads the first one's descriptor stays.
+// Whether `descriptor`, new and so nobody else's yet, makes every character of ASCII itself.
+bool keeps_ascii(iconv_t descriptor) {
+  char ascii[0x7F];
+  char made[sizeof ascii];
+  for (size_t i = 0; i < sizeof ascii; ++i) ascii[i] = static_cast<char>(i + 1);
+  char* in = ascii;
+  char* out = made;
+  size_t in_left = sizeof ascii;
+  size_t out_left = sizeof made;
+  iconv(descriptor, &in, &in_left, &out, &out_left);
+  iconv(descriptor, nullptr, nullptr, nullptr, nullptr);
+  return out_left == 0 && memcmp(ascii, made, sizeof ascii) == 0;
+}
+
+// Fills `slot`. Of racing threads the first one's descriptor stays.
 iconv_t open_once(std::atomic<iconv_t>* slot, const char* to, const char* from,
                   std::string_view complaint) {
-  iconv_t opened = nullptr;
-  if (codeset_name() == "UTF-8"sv) {
-    Needs_conversion.store(0, std::memory_order_relaxed);
-  } else {
-    opened = iconv_open(to, from);
-  }
+  learn_codeset();
+  iconv_t opened = Needs_conversion != 0 ? iconv_open(to, from) : nullptr;
   if (opened == not_opened()) {
     // No stream is to be trusted with text now.
     [[maybe_unused]] ssize_t written = write(STDERR_FILENO, complaint.data(), complaint.size());
     exit(1);
   }
+  if (slot == &ansi_descriptor && opened != nullptr) Ansi_keeps_ascii = keeps_ascii(opened);
   iconv_t there = not_opened();
   if (slot->compare_exchange_strong(there, opened)) return opened;
   if (opened != nullptr) iconv_close(opened);
@@ -57,6 +70,10 @@ iconv_t open_once(std::atomic<iconv_t>* slot, const char* to, const char* from,
 }
 
 }  // namespace
+
+void learn_codeset() {
+  if (codeset_name() == "UTF-8"sv) Needs_conversion = 0;
+}
 
 iconv_t get_ansi_codeset() {
   iconv_t descriptor = ansi_descriptor.load(std::memory_order_acquire);

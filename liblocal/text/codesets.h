@@ -15,6 +15,14 @@
 /// 1 until the locale's codeset has been found to be UTF-8, then 0.
 extern std::atomic<int> Needs_conversion;
 
+/// Whether the converter of get_ansi_codeset makes every character of ASCII itself; false
+/// until it is open.
+extern std::atomic<bool> Ansi_keeps_ascii;
+
+/// Clears Needs_conversion where the locale's codeset is UTF-8. Opens no converter; for
+/// whoever has set the locale, or each converter finds it out when it is first asked for.
+void learn_codeset();
+
 /// The descriptor that converts from UTF-8 to the locale's codeset; null when that is
 /// UTF-8.
 [[nodiscard]] iconv_t get_ansi_codeset();

@@ -24,20 +24,15 @@ using std::string_view_literals::operator""sv;
 constexpr size_t kLeastThreadBuffer = 6144;  // bytes of a buffer of utf8encode
 constexpr size_t kShortRun = 16;             // bytes, behind a character that a codeset lacks
 
-// A conversion on its way. It goes on while there is input and more than `spare` bytes
-// are free: 1 where a NUL is to follow, else 0. The last character may use the spare
-// byte; finish() takes it back then.
+// A conversion on its way, into `out_left` bytes at most. It adds no NUL.
 struct Conversion {
   const char* in;
   size_t in_left;
   char* out;
   size_t out_left;
-  size_t spare;
-  bool more;             // of the text follows elsewhere
-  char* last = nullptr;  // where the last character of several bytes was put
-  bool broken = false;   // ended by a broken transparent byte
+  bool more = false;    // of the text follows elsewhere
+  bool broken = false;  // ended by a broken transparent byte
 
-  bool goes_on() const { return in_left > 0 && out_left > spare; }
   void skip(size_t count) {
     in += count;
     in_left -= count;
@@ -77,69 +72,77 @@ vx_mutex* lock_of(Direction* direction) {
   return nullptr;
 }
 
-// One run of the platform's converter over `length` bytes, from its initial state and
-// back to it, into `room` bytes. Returns 0 or the error that stopped it, E2BIG, EILSEQ or
-// EINVAL, with the conversion moved on to there.
-//
-// Some converters hold a character back for what may combine with it. Where neither it
-// nor what follows fits, or the text goes on elsewhere, that character is not taken: the
-// run starts over, shorter and shorter until it ends before that character, however many
-// bytes that was composed of.
-int run_converter(iconv_t descriptor, Conversion* conversion, size_t length, size_t room) {
-  size_t settled = 0;  // bytes that came out before what was held back
-  for (size_t use = length;;) {
-    const bool whole = use == length;
-    char* in = const_cast<char*>(conversion->in);  // the platform's signature; it only reads
-    size_t in_left = use;
-    char* out = conversion->out;
-    size_t out_left = room;
-    const int error = iconv(descriptor, &in, &in_left, &out, &out_left) == SIZE_MAX ? errno : 0;
-    if (whole) settled = room - out_left;
-    const bool all_out = iconv(descriptor, nullptr, nullptr, &out, &out_left) != SIZE_MAX;
-    const bool held = room - out_left > settled;
-    const bool stops_short = error == E2BIG || (error == 0 && conversion->more);
-    const bool ends_well = whole ? !(held && stops_short) : !held && error == 0;
-    if (all_out && ends_well) {
-      conversion->skip(use - in_left);
-      conversion->out_left -= room - out_left;
-      conversion->out = out;
-      return whole ? error : E2BIG;
-    }
+// One run of the platform's converter, from its initial state and back to it.
+struct Run {
+  size_t consumed;
+  size_t written;
+  size_t settled;  // of them, those before the way back
+  bool held;       // a character came out on the way back, or had no room there
+  int error;       // what stopped it: E2BIG, EILSEQ or EINVAL, or 0
+};
+
+Run run_once(iconv_t descriptor, const Conversion& conversion, size_t length) {
+  char* in = const_cast<char*>(conversion.in);  // the platform's signature; it only reads
+  char* out = conversion.out;
+  size_t in_left = length;
+  size_t out_left = conversion.out_left;
+  Run run = {};
+  if (iconv(descriptor, &in, &in_left, &out, &out_left) == SIZE_MAX) run.error = errno;
+  run.settled = conversion.out_left - out_left;
+  if (iconv(descriptor, nullptr, nullptr, &out, &out_left) == SIZE_MAX) {
+    run.error = E2BIG;
+    run.held = true;
     iconv(descriptor, nullptr, nullptr, nullptr, nullptr);
-    if (whole) use -= in_left;
-    if (use == 0) return E2BIG;
-    --use;
   }
+  run.consumed = length - in_left;
+  run.written = conversion.out_left - out_left;
+  run.held = run.held || run.written > run.settled;
+  return run;
+}
+
+// Converts `length` bytes, which are not the last of the text where `more` says so, up to
+// what stops the converter. Returns the error of that.
+//
+// Some converters hold a character back for what may combine with it. Where it does not
+// fit, or what follows is not there yet, it is not taken: of shorter and shorter runs the
+// first one ends before it that makes of its whole no more than the long one had settled.
+int run_converter(iconv_t descriptor, Conversion* conversion, size_t length, bool more) {
+  Run run = run_once(descriptor, *conversion, length);
+  int error = run.error;
+  if (run.held && (error == E2BIG || (error == 0 && more))) {
+    const size_t settled = run.settled;
+    for (size_t use = run.consumed; run.error != 0 || run.written > settled;) {
+      run = run_once(descriptor, *conversion, --use);
+    }
+    error = E2BIG;
+  }
+  conversion->skip(run.consumed);
+  conversion->out += run.written;
+  conversion->out_left -= run.written;
+  return error;
 }
 
 // run_converter under the lock of the direction.
 int run_locked(Direction* direction, iconv_t descriptor, Conversion* conversion, size_t length,
-               size_t room) {
+               bool more) {
   vx_mutex* mutex = lock_of(direction);
   if (mutex == nullptr) return E2BIG;  // ends the text where it stands
   while (vx_mutex_lock(mutex) != 0) sched_yield();
-  int error = run_converter(descriptor, conversion, length, room);
+  int error = run_converter(descriptor, conversion, length, more);
   vx_mutex_unlock(mutex);
   return error;
 }
 
 bool is_ascii(char byte) { return (byte & 0x80) == 0; }
 
-// ASCII that may mean something else elsewhere: Shift_JIS has signs of its own for '\\' and
-// '~', TCVN letters in the place of controls, ISO 2022 shifts there.
-bool is_doubtful(char byte) {
-  const auto code = static_cast<uint8_t>(byte);
-  return byte == '\\' || byte == '~' || code < '\t' || (code > '\r' && code < ' ');
-}
+bool is_beyond_ascii(char byte) { return !is_ascii(byte); }
 
-// The same character in every codeset that a locale may have.
-bool is_plain(char byte) { return is_ascii(byte) && !is_doubtful(byte); }
-
-// Of UTF-8, no reason to look closer: neither doubtful nor the first byte of a transparent
-// byte or of a character that combines.
-bool is_usual(char byte) {
+// The same character in every codeset that a locale may have: Shift_JIS has signs of its own
+// for '\\' and '~', TCVN letters in the place of controls, ISO 2022 shifts there.
+bool is_plain(char byte) {
   const auto code = static_cast<uint8_t>(byte);
-  return !is_doubtful(byte) && (code < 0xCA || code > 0xCD) && code != 0xE3 && code != kMbtLead;
+  return (code >= ' ' || (code >= '\t' && code <= '\r')) && code < 0x80 && byte != '\\' &&
+         byte != '~';
 }
 
 // The number of bytes of that kind that `text`, of `length` bytes, begins with. The
@@ -162,7 +165,7 @@ bool needs_conversion() { return Needs_conversion.load(std::memory_order_relaxed
 
 // From the locale's codeset to UTF-8, where that is the same.
 void copy_in(Conversion* conversion) {
-  size_t count = std::min(conversion->in_left, conversion->out_left - conversion->spare);
+  size_t count = std::min(conversion->in_left, conversion->out_left);
   if (count < conversion->in_left || conversion->more) {
     count = utf8_whole_length(conversion->in, count);
   }
@@ -171,152 +174,108 @@ void copy_in(Conversion* conversion) {
 
 // From the locale's codeset to UTF-8. Text that needs no converter opens none.
 void convert_in(Conversion* conversion) {
-  if (!conversion->goes_on()) return;
   if (!needs_conversion()) return copy_in(conversion);
   size_t length = conversion->in_left;
-  if (!conversion->more && length <= conversion->out_left - conversion->spare &&
+  if (!conversion->more && length <= conversion->out_left &&
       run_of<is_plain>(conversion->in, length) == length) {
     return conversion->copy(length);
   }
   iconv_t descriptor = get_utf8_codeset();
   if (!needs_conversion()) return copy_in(conversion);
-  while (conversion->goes_on()) {
-    int error =
-        run_locked(&to_utf8, descriptor, conversion, conversion->in_left, conversion->out_left);
-    if (error == E2BIG || (error == EINVAL && conversion->more)) return;
-    if (error != 0 && conversion->out_left > 0) {
-      conversion->put('?');
-      conversion->skip(1);
-    }
+  while (conversion->in_left > 0) {
+    int error = run_locked(&to_utf8, descriptor, conversion, conversion->in_left, conversion->more);
+    if (error == 0 || error == E2BIG || (error == EINVAL && conversion->more)) return;
+    if (conversion->out_left == 0) return;
+    conversion->put('?');
+    conversion->skip(1);
   }
 }
 
-// Whether the character at `at` may be written as one with the character before it.
-bool combines(const char* at, int length) {
-  wchar_t value = 0;
-  utf8_mbtowc(&value, at, static_cast<size_t>(length));
-  return (value >= 0x2B0 && value <= 0x36F) || value == 0x3099 || value == 0x309A;
-}
-
-size_t character_length(const char* text, size_t length) {
-  return static_cast<size_t>(std::max(1, utf8_mblen(text, length)));
-}
-
-// The number of bytes, the first character's `first` among them, that may go through
-// the converter in one run with the same result as one by one. What is not UTF-8 may be
-// among them: there the converter stops.
-size_t run_of_characters(const char* text, size_t length, size_t first) {
-  size_t count = first;
-  for (;;) {
-    count += run_of<is_usual>(text + count, length - count);
-    if (count == length || mbt_byte(text + count, length - count) != kMbtNone) return count;
-    int next = utf8_mblen(text + count, length - count);
-    if (next <= 1 || combines(text + count, next)) return count;
-    count += static_cast<size_t>(next);
+// The number of bytes before the first transparent byte of `text`, `length` bytes.
+size_t run_before_mbt(const char* text, size_t length) {
+  for (size_t at = 0;; ++at) {
+    const void* lead = memchr(text + at, kMbtLead, length - at);
+    if (lead == nullptr) return length;
+    at = static_cast<size_t>(static_cast<const char*>(lead) - text);
+    if (mbt_byte(text + at, length - at) != kMbtNone) return at;
   }
 }
 
-// Writes the character that the converter stopped at. False when it does not fit.
-bool convert_one(Conversion* conversion, iconv_t descriptor, int error) {
-  size_t length = character_length(conversion->in, conversion->in_left);
-  if (error == E2BIG) {
-    conversion->last = conversion->out;
-    error = run_locked(&to_ansi, descriptor, conversion, length, conversion->out_left);
-    if (error == 0) return true;
-    if (error == E2BIG) return false;
-  }
-  if (length == 1) {  // not UTF-8
-    conversion->copy(1);
-    return true;
-  }
-  conversion->put('?');
-  conversion->skip(length);
-  return true;
-}
-
-// Converts the characters from here on, of which the first one takes `first` bytes.
-// False when one does not fit.
+// Puts `length` bytes, of which none are a transparent byte, through the converter. False
+// when the output is full.
 //
 // The converter looks at much of a run before it stops at a character that it lacks. So
 // behind one the runs are short, and grow for as long as none is missing.
-bool convert_characters(Conversion* conversion, iconv_t descriptor, size_t first) {
-  size_t left = run_of_characters(conversion->in, conversion->in_left, first);
-  const char* end = conversion->in + left;
-  for (size_t most = left; left > 0 && conversion->goes_on();
-       left = static_cast<size_t>(end - conversion->in)) {
-    const size_t run = left <= most ? left : utf8_whole_length(conversion->in, most);
-    int error =
-        run_locked(&to_ansi, descriptor, conversion, run, conversion->out_left - conversion->spare);
+bool convert_run(Conversion* conversion, iconv_t descriptor, size_t length) {
+  const char* end = conversion->in + length;
+  for (size_t most = length; conversion->in < end;) {
+    const char* at = conversion->in;
+    const auto left = static_cast<size_t>(end - at);
+    const size_t run = left <= most ? left : utf8_whole_length(at, most);
+    const int error = run_locked(&to_ansi, descriptor, conversion, run, run < left);
     most *= 2;
-    if (error == 0 || !conversion->goes_on()) continue;
-    if (!convert_one(conversion, descriptor, error)) return false;
+    if (error == 0 || (error == E2BIG && conversion->in > at)) continue;
+    if (error == E2BIG || conversion->out_left == 0) return false;
+    const int character = utf8_mblen(conversion->in, conversion->in_left);
+    if (character < 0) {  // not UTF-8
+      conversion->copy(1);
+    } else {
+      conversion->put('?');
+      conversion->skip(static_cast<size_t>(character));
+    }
     most = kShortRun;
   }
   return true;
 }
 
-bool copy_character(Conversion* conversion, size_t length) {
-  if (length > conversion->out_left) return false;
-  conversion->last = conversion->out;
-  conversion->copy(length);
-  return true;
-}
-
-// The number of bytes from here on that are the same in a UTF-8 locale, and fit.
-size_t run_of_utf8(const Conversion& conversion) {
-  size_t free = conversion.out_left - conversion.spare;
-  size_t length = std::min(conversion.in_left, free);
-  const void* lead = memchr(conversion.in, kMbtLead, length);
-  if (lead != nullptr) return static_cast<size_t>(static_cast<const char*>(lead) - conversion.in);
-  return length < conversion.in_left ? utf8_whole_length(conversion.in, length) : length;
+// Copies what is the same in the locale's codeset: bytes that no transparent byte is among.
+// False when the output is full.
+bool copy_run(Conversion* conversion, size_t length) {
+  const bool fits = length <= conversion->out_left;
+  conversion->copy(fits ? length : utf8_whole_length(conversion->in, conversion->out_left));
+  return fits;
 }
 
 // From UTF-8 to the locale's codeset: the next bytes that are treated alike. False when
-// the conversion ends here.
+// the conversion ends there.
 bool step_out(Conversion* conversion) {
-  size_t free = conversion->out_left - conversion->spare;
-  size_t same = needs_conversion()
-                    ? run_of<is_ascii>(conversion->in, std::min(conversion->in_left, free))
-                    : run_of_utf8(*conversion);
-  if (same > 0) {
-    conversion->copy(same);
-    return true;
+  const char* in = conversion->in;
+  const size_t left = conversion->in_left;
+  if (needs_conversion()) {
+    const size_t ascii = run_of<is_ascii>(in, left);
+    if (ascii > 0) return copy_run(conversion, ascii);
   }
-  int byte = mbt_byte(conversion->in, conversion->in_left);
+  const int byte = mbt_byte(in, left);
+  if (byte == kMbtNone) {
+    iconv_t descriptor = needs_conversion() ? get_ansi_codeset() : nullptr;
+    if (!needs_conversion()) return copy_run(conversion, run_before_mbt(in, left));
+    const size_t run = Ansi_keeps_ascii ? left : run_of<is_beyond_ascii>(in, left);
+    return convert_run(conversion, descriptor, run_before_mbt(in, run));
+  }
   if (byte == kMbtBroken) {
     conversion->broken = true;
-    conversion->skip(conversion->in_left);
+    conversion->skip(left);
     return false;
   }
-  if (byte != kMbtNone) {
-    conversion->put(static_cast<char>(byte));
-    conversion->skip(kMbtLength);
-    return true;
-  }
-  size_t length = character_length(conversion->in, conversion->in_left);
-  if (length == 1) {  // not UTF-8
-    conversion->copy(1);
-    return true;
-  }
-  iconv_t descriptor = get_ansi_codeset();
-  return needs_conversion() ? convert_characters(conversion, descriptor, length)
-                            : copy_character(conversion, length);
+  conversion->put(static_cast<char>(byte));
+  conversion->skip(kMbtLength);
+  return true;
 }
 
 void convert_out(Conversion* conversion) {
-  while (conversion->goes_on() && step_out(conversion)) {
+  while (conversion->in_left > 0 && conversion->out_left > 0 && step_out(conversion)) {
   }
 }
 
-// Terminates the text of a conversion that began with `size` bytes at `output`.
-size_t finish(const Conversion& conversion, char* output, size_t size) {
-  if (conversion.out_left > 0) {
-    *conversion.out = '\0';
-    return conversion.broken ? 0 : size - conversion.out_left;
-  }
-  if (conversion.last != nullptr) *conversion.last = '\0';
-  output[size - 1] = '\0';
-  return size;
+// Whether the character that a conversion stopped at would fill its area to the last byte,
+// which is the NUL's.
+bool fills(void (*convert)(Conversion*), const Conversion& cut) {
+  char next[kUtf8MaxLength];
+  if (cut.in_left == 0 || cut.out_left >= sizeof next) return false;
+  Conversion rest = {
+      .in = cut.in, .in_left = cut.in_left, .out = next, .out_left = cut.out_left + 1};
+  convert(&rest);
+  return rest.out_left == 0;
 }
 
 }  // namespace
@@ -324,44 +283,51 @@ size_t finish(const Conversion& conversion, char* output, size_t size) {
 size_t utf8_mbs(char* output, const char* input, size_t size) {
   if (output == nullptr || size == 0) return 0;
   *output = '\0';
-  if (input == nullptr || *input == '\0') return 0;
+  if (input == nullptr) return 0;
   int saved_errno = errno;
-  Conversion conversion = {input, strlen(input), output, size, 1, false};
+  Conversion conversion = {
+      .in = input, .in_left = strlen(input), .out = output, .out_left = size - 1};
   convert_in(&conversion);
+  *conversion.out = '\0';
+  const bool full = needs_conversion() && fills(convert_in, conversion);
   errno = saved_errno;
-  if (conversion.out_left == 0) {
-    conversion.last = output + size - 1;
-    while (conversion.last > output && (*conversion.last & 0xC0) == 0x80) --conversion.last;
-  }
-  return finish(conversion, output, size);
+  return full ? size : size - 1 - conversion.out_left;
 }
 
 size_t ansi_mbs(char* output, const char* input, size_t size) {
   if (output == nullptr || size == 0) return 0;
   *output = '\0';
   if (input == nullptr) return 0;
-  if (!needs_conversion()) {
-    // Most texts hold nothing that begins as a transparent byte does, and fit.
-    const auto same = static_cast<size_t>(strchrnul(input, kMbtLead) - input);
-    if (same < size && input[same] == '\0') {
-      memcpy(output, input, same + 1);
-      return same;
-    }
+  const size_t same = ansi_same_length(input);
+  if (same < size && input[same] == '\0') {  // as most texts are
+    memcpy(output, input, same + 1);
+    return same;
   }
   int saved_errno = errno;
-  Conversion conversion = {input, strlen(input), output, size, 1, false};
+  Conversion conversion = {
+      .in = input, .in_left = strlen(input), .out = output, .out_left = size - 1};
   convert_out(&conversion);
+  *conversion.out = '\0';
+  // The last byte alone takes no character.
+  const bool full = conversion.out_left > 0 && fills(convert_out, conversion);
   errno = saved_errno;
-  return finish(conversion, output, size);
+  if (conversion.broken) return 0;
+  return full ? size : size - 1 - conversion.out_left;
 }
 
 bool utf8_is_same(const char* text, size_t length) {
   return !needs_conversion() || run_of<is_plain>(text, length) == length;
 }
 
+size_t ansi_same_length(const char* text) {
+  if (needs_conversion()) return run_of<is_ascii>(text, strlen(text));
+  return static_cast<size_t>(strchrnul(text, kMbtLead) - text);
+}
+
 Utf8Progress utf8_mbs_part(char* output, size_t room, const char* input, size_t length, bool more) {
   int saved_errno = errno;
-  Conversion conversion = {input, length, output, room, 0, more};
+  Conversion conversion = {
+      .in = input, .in_left = length, .out = output, .out_left = room, .more = more};
   convert_in(&conversion);
   errno = saved_errno;
   return {length - conversion.in_left, room - conversion.out_left};
@@ -369,7 +335,7 @@ Utf8Progress utf8_mbs_part(char* output, size_t room, const char* input, size_t 
 
 Utf8Progress ansi_mbs_part(char* output, size_t room, const char* input, size_t length) {
   int saved_errno = errno;
-  Conversion conversion = {input, length, output, room, 0, false};
+  Conversion conversion = {.in = input, .in_left = length, .out = output, .out_left = room};
   convert_out(&conversion);
   errno = saved_errno;
   return {length - conversion.in_left, room - conversion.out_left};

@@ -45,8 +45,12 @@ int vx_utf8tombts(char* output, const char* input, size_t size);
 [[nodiscard]] char* utf8decode(const char* text, size_t size);
 
 /// Whether `text`, of `length` bytes in the locale's codeset, is known to be the same in
-/// UTF-8: none of it needs the converter.
+/// UTF-8 without the converter.
 [[nodiscard]] bool utf8_is_same(const char* text, size_t length);
+
+/// The number of bytes at the beginning of `text` that ansi_mbs is known to leave as they
+/// are without the converter.
+[[nodiscard]] size_t ansi_same_length(const char* text);
 
 /// What a conversion of part of a text did.
 struct Utf8Progress {

@@ -1,17 +1,25 @@
 #include "liblocal/text/utf8_convert.h"
 
 #include <gtest/gtest.h>
+#include <iconv.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <fstream>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "liblocal/text/codesets.h"
+#include "liblocal/text/mbt.h"
 #include "liblocal/text/utf8_codec.h"
 #include "liblocal/text/vxstrftime.h"
 #include "tests/failing_malloc.h"
 #include "tests/locales.h"
+#include "tests/stand_ins.h"
 
 namespace {
 
@@ -55,6 +63,92 @@ TEST(Utf8Convert, ByLocale) {
       EXPECT_EQ(Needs_conversion, is_utf8 ? 0 : 1);
     });
   }
+}
+
+// The platform's converters of one codeset.
+class Platform {
+ public:
+  explicit Platform(const std::string& codeset)
+      : in_(iconv_open("UTF-8", codeset.c_str())), out_(iconv_open(codeset.c_str(), "UTF-8")) {}
+
+  // Nothing where the converter stops; whether that is for want of more bytes, too.
+  static std::string made(iconv_t converter, const std::string& text, bool* begun = nullptr) {
+    std::string result(4 * text.size() + 8, '\0');
+    char* in = const_cast<char*>(text.data());
+    char* out = result.data();
+    size_t in_left = text.size(), out_left = result.size();
+    iconv(converter, nullptr, nullptr, nullptr, nullptr);
+    const bool whole = iconv(converter, &in, &in_left, &out, &out_left) == 0;
+    if (begun != nullptr) *begun = !whole && errno == EINVAL && in_left == text.size();
+    const bool back = iconv(converter, nullptr, nullptr, &out, &out_left) == 0;
+    result.resize(whole && back ? result.size() - out_left : 0);
+    return result;
+  }
+
+  // Whether `text` comes back, and nothing of it is mistaken for a transparent byte.
+  bool keeps(const std::string& text, bool* begun = nullptr) const {
+    const std::string utf8 = made(in_, text, begun);
+    return !utf8.empty() && made(out_, utf8) == text && containsMBT(utf8.c_str()) == 0;
+  }
+
+  // Every code that it keeps; of those of four bytes, which are too many, some.
+  void find_codes(const std::string& start, std::vector<std::string>* codes) const {
+    if (start.size() == 3 && static_cast<uint8_t>(start[0] * 5 + start[1] * 3 + start[2]) % 61 != 0)
+      return;
+    for (int byte = 1; byte < 256; ++byte) {
+      const std::string code = start + static_cast<char>(byte);
+      bool begun = false;
+      if (keeps(code, &begun)) codes->push_back(code);
+      if (begun && code.size() < 4) find_codes(code, codes);
+    }
+  }
+
+ private:
+  iconv_t in_, out_;
+};
+
+// Whether all codes, and pairs of them, that the platform keeps come back here.
+bool keeps_what_the_platform_keeps(const std::string& codeset) {
+  const Platform platform(codeset);
+  std::vector<std::string> codes;
+  platform.find_codes("", &codes);
+  const size_t followers = codes.size() < 256 ? codes.size() : 2;
+  std::string kept;
+  for (size_t i = 0; i < codes.size(); ++i) {
+    kept += codes[i] + "\n";
+    for (size_t next = 1; next < followers; ++next) {
+      const std::string pair = codes[i] + codes[(i + next) % codes.size()];
+      if (platform.keeps(pair)) kept += pair + "\n";
+    }
+  }
+  return codes.size() > 160 && out(in(kept)) == kept;
+}
+
+// Of every locale that there is for the platform, and some more.
+std::set<std::string> codesets() {
+  std::set<std::string> names = {"EUC-JISX0213", "SHIFT_JISX0213", "SHIFT_JIS", "JOHAB",
+                                 "TCVN5712-1",   "VISCII",         "CP1258",    "CP949"};
+  std::ifstream supported("/usr/share/i18n/SUPPORTED");
+  for (std::string locale, name; supported >> locale >> name;) names.insert(name);
+  names.erase("UTF-8");
+  return names;
+}
+
+TEST(Utf8Convert, WhatThePlatformKeepsComesBackInEveryCodeset) {
+  in_locale("", [] {
+    const std::set<std::string> names = codesets();
+    EXPECT_GE(names.size(), 35U);
+    for (const std::string& codeset : names) {
+      const pid_t child = fork();
+      if (child == 0) {
+        stand_ins::codeset = codeset.c_str();
+        _exit(keeps_what_the_platform_keeps(codeset) ? 0 : 1);
+      }
+      int status = -1;
+      waitpid(child, &status, 0);
+      EXPECT_EQ(status, 0) << codeset;
+    }
+  });
 }
 
 // What a conversion may do with too small an area.
