@@ -94,5 +94,6 @@ constexpr Path kPaths[] = {
 // In the locale of the environment: the first conversion fixes it for the process.
 int main(int argc, char** argv) {
   setlocale(LC_ALL, "");
+  learn_codeset();
   return measure(argc, argv, kPaths);
 }

@@ -2,7 +2,6 @@
 
 #include <climits>
 #include <cstring>
-#include <string_view>
 
 #include "liblocal/text/ascii.h"
 
@@ -15,7 +14,8 @@ bool is_letter(char c) { return ascii_lower(c) >= 'a' && ascii_lower(c) <= 'z'; 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
 bool is_floating(char letter) {
-  return std::string_view("aAeEfFgG").find(letter) != std::string_view::npos;
+  letter = ascii_lower(letter);
+  return letter == 'a' || (letter >= 'e' && letter <= 'g');
 }
 
 bool is_integer(I18nKind kind) { return kind == I18nKind::kInt || kind == I18nKind::kLong; }
@@ -57,8 +57,8 @@ void add_flag(I18nConversion* conversion, char flag) {
 const char* read_letters(const char* at, char* letters) {
   memset(letters, 0, sizeof I18nConversion::letters);
   if (*at == '\0') return at;
-  letters[0] = *at++;
-  if (std::string_view("Lhl").find(letters[0]) == std::string_view::npos || *at == '\0') return at;
+  const char letter = letters[0] = *at++;
+  if ((letter != 'L' && letter != 'h' && letter != 'l') || *at == '\0') return at;
   letters[1] = *at++;
   return at;
 }

@@ -15,6 +15,7 @@ namespace {
 
 constexpr size_t kSlack = kMessageSize;  // room beyond the format's length, and beyond each growth
 constexpr size_t kUsualNumber = 64;      // room for a number without width and precision
+constexpr int kWidest = 64;              // width of a number that is not left to the platform
 
 // Where the text goes: to the caller's buffer, or to an area of its own that grows. Such
 // an area always has room for the literal text of the format.
@@ -49,14 +50,16 @@ class Output {
     used_ += length;
   }
 
-  void append_blanks(size_t count) {
-    memset(start_ + used_, ' ', count);
+  void fill(char byte, size_t count) {
+    if (count == 0) return;
+    memset(start_ + used_, byte, count);
     used_ += count;
   }
 
-  // Appends what the platform prints; false when there is no room.
+  // Appends what the platform prints; false when there is no room. A conversion that may fail
+  // with part of it written is measured before a buffer without bound sees it.
   template <typename T>
-  bool print(const char* format, T value);
+  bool print(const char* format, T value, bool may_fail);
 
   int finish() {
     start_[used_] = '\0';
@@ -89,10 +92,8 @@ class Output {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 template <typename T>
-bool Output::print(const char* format, T value) {
-  // A conversion may fail with part of it written, so a buffer without bound sees only
-  // what was measured before.
-  for (size_t limit = grows_ ? room() : 0;;) {
+bool Output::print(const char* format, T value, bool may_fail) {
+  for (size_t limit = grows_ ? room() : may_fail ? 0 : INT_MAX;;) {
     const int length = snprintf(start_ + used_, limit, format, value);
     if (length < 0) return true;  // no text for such a conversion
     const auto count = static_cast<size_t>(length);
@@ -143,17 +144,22 @@ bool print_text(Output* output, const I18nConversion& conversion) {
   if (!output->reserve(part.bytes + fill)) return false;
   const size_t flags = conversion.flag_count;
   const bool fill_behind = flags > 0 && conversion.flags[flags - 1] == '-';
-  if (!fill_behind) output->append_blanks(fill);
+  if (!fill_behind) output->fill(' ', fill);
   output->append(text, part.bytes);
-  if (fill_behind) output->append_blanks(fill);
+  if (fill_behind) output->fill(' ', fill);
   return true;
+}
+
+// The letter behind a length letter.
+char last_letter(const I18nConversion& conversion) {
+  return conversion.letters[conversion.letters[1] != '\0' ? 1 : 0];
 }
 
 // Whether the conversion is complete and the platform takes its argument for what it is.
 // Where the platform would take it for a pointer, or from another place of the list,
 // nothing is printed.
 bool suits_platform(const I18nConversion& conversion) {
-  const char last = conversion.letters[conversion.letters[1] != '\0' ? 1 : 0];
+  const char last = last_letter(conversion);
   const auto is_one_of = [last](std::string_view set) { return set.find(last) != set.npos; };
   if (last == '\0' || is_one_of("hlLqjzZtI")) return false;
   switch (conversion.kind) {
@@ -168,27 +174,40 @@ bool suits_platform(const I18nConversion& conversion) {
   }
 }
 
-// Numbers in plain decimal, which most are, need no platform.
-bool is_plain_decimal(const I18nConversion& conversion) {
-  const char* letters = conversion.letters[0] == 'l' ? conversion.letters + 1 : conversion.letters;
-  return conversion.flag_count == 0 && conversion.width == kI18nUnset &&
-         conversion.precision == kI18nUnset && (*letters == 'd' || *letters == 'u');
+// Most numbers need no platform: whole, as they are or in a width.
+bool is_plain_integer(const I18nConversion& conversion) {
+  const char letter = conversion.letters[conversion.kind == I18nKind::kLong ? 1 : 0];
+  if (letter != 'd' && letter != 'i' && letter != 'u' && letter != 'x') return false;
+  if (conversion.precision != kI18nUnset || abs(conversion.width) > kWidest) return false;
+  const std::string_view flags(conversion.flags, conversion.flag_count);
+  return flags.find_first_not_of("-0") == flags.npos;
 }
 
-bool print_plain_decimal(Output* output, const I18nConversion& conversion) {
-  char digits[20];
-  char* end = digits + sizeof digits;
+bool print_plain_integer(Output* output, const I18nConversion& conversion) {
+  const char letter = last_letter(conversion);
   const int64_t value = conversion.argument.integer;
-  const bool wide = conversion.letters[0] == 'l';
-  if (conversion.letters[wide ? 1 : 0] == 'd') {
-    end = std::to_chars(digits, end, wide ? value : static_cast<int>(value)).ptr;
-  } else {
-    const auto bits = static_cast<uint64_t>(value);
-    end = std::to_chars(digits, end, wide ? bits : static_cast<uint32_t>(bits)).ptr;
-  }
-  const auto length = static_cast<size_t>(end - digits);
-  if (!output->reserve(length)) return false;
-  output->append(digits, length);
+  const bool wide = conversion.kind == I18nKind::kLong;
+  const bool negative =
+      letter != 'u' && letter != 'x' && (wide ? value : static_cast<int>(value)) < 0;
+  auto bits = static_cast<uint64_t>(negative ? -static_cast<uint64_t>(value) : value);
+  if (!wide) bits = static_cast<uint32_t>(bits);
+  char digits[20];
+  const char* end =
+      std::to_chars(digits, digits + sizeof digits, bits, letter == 'x' ? 16 : 10).ptr;
+  const auto count = static_cast<size_t>(end - digits);
+
+  const std::string_view flags(conversion.flags, conversion.flag_count);
+  const auto width = static_cast<size_t>(abs(conversion.width));
+  const size_t length = count + (negative ? 1 : 0);
+  const size_t fill = width > length ? width - length : 0;
+  const bool fill_behind = conversion.width < 0 || flags.find('-') != flags.npos;
+  const bool zeros = !fill_behind && !flags.empty();
+  if (!output->reserve(length + fill)) return false;
+  if (!fill_behind && !zeros) output->fill(' ', fill);
+  if (negative) output->fill('-', 1);
+  if (zeros) output->fill('0', fill);
+  output->append(digits, count);
+  if (fill_behind) output->fill(' ', fill);
   return true;
 }
 
@@ -220,22 +239,24 @@ bool print_by_platform(Output* output, const I18nConversion& conversion) {
   if (!output->reserve(estimate(conversion))) return false;
   char format[kSubFormatSize];
   write_sub_format(conversion, format);
+  // The locale may lack a wide character.
+  const char last = last_letter(conversion);
   switch (conversion.kind) {
     case I18nKind::kLong:
-      return output->print(format, conversion.argument.integer);
+      return output->print(format, conversion.argument.integer, last == 'c');
     case I18nKind::kDouble:
-      return output->print(format, conversion.argument.real);
+      return output->print(format, conversion.argument.real, false);
     case I18nKind::kLongDouble:
-      return output->print(format, conversion.argument.extended);
+      return output->print(format, conversion.argument.extended, false);
     default:
-      return output->print(format, static_cast<int>(conversion.argument.integer));
+      return output->print(format, static_cast<int>(conversion.argument.integer), last == 'C');
   }
 }
 
 // False when there is no room.
 bool print_conversion(Output* output, const I18nConversion& conversion) {
   if (conversion.kind == I18nKind::kString) return print_text(output, conversion);
-  if (is_plain_decimal(conversion)) return print_plain_decimal(output, conversion);
+  if (is_plain_integer(conversion)) return print_plain_integer(output, conversion);
   return print_by_platform(output, conversion);
 }
 

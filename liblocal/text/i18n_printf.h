@@ -7,8 +7,9 @@
 //   only a '-' that comes last counts, and a negative width fills nothing. A null
 //   pointer prints "null".
 // - One length letter counts: "%ld" takes a 64-bit value, "%hd" an int, "%Lf" a long
-//   double. "%lld", "%zd" and their kin do not exist: "%ll" and "%z" print nothing, and
-//   what follows is text.
+//   double. "%lld", "%hhd", "%zu" and their kin do not exist, though the attribute below
+//   lets a compiler take them: "%ll", "%hh" and "%z" print nothing, and what follows is text.
+// - "%m" takes an int, as every other letter does, and prints the text of `errno` all the same.
 // - Positional arguments ("%2$s", "%1$*2$d") may be mixed with others: the conversion
 //   behind "%n$" takes the argument n + 1. A format with a '$' anywhere reaches 255
 //   arguments; further ones read as 0 and "null". A skipped argument is taken as an int.

@@ -14,12 +14,20 @@ namespace {
 // characters that have two in UTF-8.
 constexpr size_t kLongestConversion = 2;
 
+// Writes `text` as it is, with the result of fprintf.
+int write_text(FILE* stream, const char* text, size_t length) {
+  return fwrite(text, 1, length, stream) < length ? -1 : static_cast<int>(length);
+}
+
 int write_converted(FILE* stream, const char* text) {
-  const size_t size = strlen(text) * kLongestConversion + 1;
+  const size_t same = ansi_same_length(text);
+  if (text[same] == '\0') return write_text(stream, text, same);
+  const size_t length = same + strlen(text + same);
+  const size_t size = length * kLongestConversion + 1;
   c_unique_ptr<char> converted(static_cast<char*>(malloc(size)));
-  if (converted == nullptr) return fprintf(stream, "%s", text);
+  if (converted == nullptr) return write_text(stream, text, length);
   ansi_mbs(converted.get(), text, size);
-  return fprintf(stream, "%s", converted.get());
+  return write_text(stream, converted.get(), strlen(converted.get()));
 }
 
 }  // namespace
