@@ -1,6 +1,7 @@
 // The authentication flavours none and system.
 #include "rpc/auth/auth.h"
 
+#include <gmock/gmock.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -9,7 +10,8 @@
 #include "rpc/auth/a_none.h"
 #include "rpc/auth/a_unix.h"
 #include "rpc/auth/auth_choice.h"
-#include "rpc/messages/rpc_prot.h"
+#include "tests/printed.h"
+#include "tests/stand_ins.h"
 #include "tests/threads.h"
 #include "tests/xdr_streams.h"
 
@@ -26,22 +28,30 @@ std::string marshalled(AUTH* auth) {
   return out.hex();
 }
 
-Auth system_auth() {
-  const gid_t groups[] = {7, 8};
-  return Auth(__brix_authsys_create("box", 0xFFFFFFFE, 5, 2, groups));
-}
+class AuthSystem : public testing::Test {
+ protected:
+  AuthSystem() {
+    stand_ins::now = 0x76543210;
+    const gid_t groups[] = {7, 8};
+    auth_.reset(__brix_authsys_create("box", 0xFFFFFFFE, 5, 2, groups));
+  }
+  ~AuthSystem() override { stand_ins::now = 0; }
 
-// What system_auth marshals, without its time stamp (bytes 8 to 11).
-std::string without_time(std::string hex) { return hex.replace(16, 8, "TTTTTTTT"); }
-const std::string kFull =
-    "0000000100000020TTTTTTTT00000003626F7800FFFFFFFE00000005000000020000000700000008"
-    "0000000000000000";
+  bool validate(int32_t flavour, const char* hex) {
+    std::string body = from_hex(hex);
+    opaque_auth verifier = {flavour, reinterpret_cast<uint8_t*>(body.data()),
+                            static_cast<uint32_t>(body.size())};
+    return auth_->ops->validate(auth_.get(), &verifier);
+  }
 
-bool validate(AUTH* auth, int32_t flavour, const char* hex) {
-  std::string body = from_hex(hex);
-  opaque_auth verifier = {flavour, reinterpret_cast<uint8_t*>(body.data()),
-                          static_cast<uint32_t>(body.size())};
-  return auth->ops->validate(auth, &verifier);
+  Auth auth_;
+};
+
+// What is marshalled at `time`.
+std::string full(const std::string& time = "76543210") {
+  return "0000000100000020" + time +
+         "00000003626F7800FFFFFFFE00000005000000020000000700000008"
+         "0000000000000000";
 }
 
 TEST(AuthNone, IsOneForAll) {
@@ -52,80 +62,84 @@ TEST(AuthNone, IsOneForAll) {
   });
   auth->ops->destroy(auth);
   EXPECT_EQ(marshalled(auth), std::string(32, '0')) << "it stays for others";
+  EXPECT_FALSE(auth->ops->refresh(auth));
 }
 
-TEST(AuthSystem, SendsItsParameters) {
-  time_t before = time(nullptr);
-  Auth auth = system_auth();
-  std::string hex = marshalled(auth.get());
-  EXPECT_EQ(without_time(hex), kFull);
-  EXPECT_GE(std::stoll(hex.substr(16, 8), nullptr, 16), before);
-  EXPECT_LE(std::stoll(hex.substr(16, 8), nullptr, 16), time(nullptr));
+TEST_F(AuthSystem, BothTellTheirMethod) {
+  int32_t method = 0;
+  for (AUTH* auth : {__brix_authnone_create(), auth_.get()}) {
+    EXPECT_TRUE(auth->ops->control(auth, 2, &method));
+    EXPECT_EQ(method, auth == auth_.get() ? 2 : 1);
+    EXPECT_FALSE(auth->ops->control(auth, 3, &method) || auth->ops->control(auth, 2, nullptr) ||
+                 auth->ops->needs_refresh(auth, true, nullptr));
+  }
 }
 
-TEST(AuthSystem, BoundsItsParameters) {
+TEST_F(AuthSystem, SendsAndBoundsItsParameters) {
+  EXPECT_EQ(marshalled(auth_.get()), full());
   const gid_t groups[18] = {};
   for (auto [name, count, made] :
        {std::tuple{255U, 17U, true}, {256U, 0U, false}, {0U, 18U, false}}) {
-    Auth auth(__brix_authsys_create(std::string(name, 'n').c_str(), 0, 0, count, groups));
-    EXPECT_EQ(auth != nullptr, made) << name << " " << count;
+    const std::string text = printed(3, [&, name = name, count = count] {
+      auth_.reset(__brix_authsys_create(std::string(name, 'n').c_str(), 0, 0, count, groups));
+    });
+    EXPECT_EQ(auth_ != nullptr, made) << name << " " << count;
+    EXPECT_THAT(text, testing::HasSubstr(
+                          made ? "Client successfully authenticated using AUTH_UNIX\n" : ""));
   }
-  for (int granted = 0;; ++granted) {
+  for (int granted = 0; auth_ == nullptr; ++granted) {
     FailingMalloc failing(granted);
     errno = 0;
-    Auth auth(system_auth());
-    ASSERT_EQ(auth == nullptr, failing.failed());
-    if (auth != nullptr) break;
-    EXPECT_EQ(errno, ENOMEM);
+    auth_.reset(__brix_authsys_create("", 0, 0, 0, groups));
+    ASSERT_EQ(auth_ == nullptr ? ENOMEM : 0, errno);
   }
 }
 
-TEST(AuthSystem, TakesAShortCredentialUntilItIsRefused) {
-  Auth auth = system_auth();
-  AUTH* handle = auth.get();
+TEST_F(AuthSystem, TakesAShortCredentialUntilItIsRefused) {
+  AUTH* handle = auth_.get();
   const char kShort[] = "00000002 00000003 41424300";
-  EXPECT_TRUE(validate(handle, kAuthNone, kShort));
-  EXPECT_EQ(without_time(marshalled(handle)), kFull);
-  for (int i = 0; i < 2; ++i) EXPECT_TRUE(validate(handle, kAuthShort, kShort));
+  EXPECT_TRUE(validate(kAuthNone, kShort));
+  EXPECT_EQ(marshalled(handle), full());
+  for (int i = 0; i < 2; ++i) EXPECT_TRUE(validate(kAuthShort, kShort));
   EXPECT_EQ(marshalled(handle), "0000000200000003414243000000000000000000");
+  stand_ins::now = 0x76543211;
   EXPECT_TRUE(handle->ops->refresh(handle));
-  EXPECT_EQ(without_time(marshalled(handle)), kFull);
+  EXPECT_EQ(marshalled(handle), full("76543211"));
   EXPECT_FALSE(handle->ops->refresh(handle));
   // One that does not decode is dropped, as is the one before it.
   for (const char* broken : {"", "00000002", "00000002 00000003 4142", "00000002 00007FE9"}) {
-    EXPECT_TRUE(validate(handle, kAuthShort, kShort));
-    EXPECT_TRUE(validate(handle, kAuthShort, broken));
-    EXPECT_EQ(without_time(marshalled(handle)), kFull) << broken;
+    EXPECT_TRUE(validate(kAuthShort, kShort) && validate(kAuthShort, broken));
+    EXPECT_EQ(marshalled(handle), full("76543211")) << broken;
   }
-  EXPECT_TRUE(validate(handle, kAuthShort, kShort));
+  EXPECT_TRUE(validate(kAuthShort, kShort));
   FailingMalloc nothing(0);
-  EXPECT_FALSE(handle->ops->refresh(handle));  // stays with the short one
-  EXPECT_EQ(handle->credential.flavour, kAuthShort);
+  EXPECT_FALSE(handle->ops->refresh(handle));
+  EXPECT_EQ(handle->credential.flavour, kAuthShort) << "stays";
 }
 
 using AuthSystemDefault = LabTest;
 
-// The supplementary groups of the calling thread, and those that are sent.
-void expect_groups(const std::vector<gid_t>& supplementary, const std::vector<gid_t>& sent) {
-  // The bare system call changes this thread alone.
-  ASSERT_EQ(syscall(SYS_setgroups, supplementary.size(), supplementary.data()), 0);
-  Auth auth(__brix_authsys_create_default());
-  TestStream in({reinterpret_cast<char*>(auth->credential.body), auth->credential.length},
-                xdr_op::kDecode);
-  authsys_parms own = {};
-  ASSERT_TRUE(__brix_xdr_authunix_parms(in.get(), &own));
-  EXPECT_STREQ(own.machine_name, lab::kHostName);
-  EXPECT_EQ(own.uid, static_cast<int32_t>(getuid()));
-  EXPECT_EQ(own.gid, static_cast<int32_t>(getgid()));
-  EXPECT_EQ(std::vector(own.groups, own.groups + own.group_count), sent);
-  __brix_xdr_free(xdr_filter<__brix_xdr_authunix_parms>, &own);
-}
-
 TEST_F(AuthSystemDefault, TellsTheProcess) {
   if (!lab::has_users()) return skip("the host lends no groups");
   std::thread([] {
-    expect_groups({7, 8, 9}, {7, 8, 9, getegid()});
-    expect_groups(std::vector<gid_t>(17, 7), {getegid()});  // more than can be sent
+    // More groups than can be sent are none.
+    for (const std::vector<gid_t>& groups :
+         {std::vector<gid_t>{7, 8, 9}, std::vector<gid_t>(16, 7), std::vector<gid_t>(17, 7)}) {
+      // The bare system call changes this thread alone.
+      ASSERT_EQ(syscall(SYS_setgroups, groups.size(), groups.data()), 0);
+      Auth auth(__brix_authsys_create_default());
+      TestStream in({reinterpret_cast<char*>(auth->credential.body), auth->credential.length},
+                    xdr_op::kDecode);
+      authsys_parms own = {};
+      ASSERT_TRUE(__brix_xdr_authunix_parms(in.get(), &own));
+      EXPECT_STREQ(own.machine_name, lab::kHostName);
+      EXPECT_TRUE(own.uid == static_cast<int32_t>(getuid()) &&
+                  own.gid == static_cast<int32_t>(getgid()));
+      std::vector<gid_t> sent = groups.size() > 16 ? std::vector<gid_t>{} : groups;
+      sent.push_back(getegid());
+      EXPECT_EQ(std::vector(own.groups, own.groups + own.group_count), sent);
+      __brix_xdr_free(xdr_filter<__brix_xdr_authunix_parms>, &own);
+    }
   }).join();
 }
 

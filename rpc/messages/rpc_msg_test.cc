@@ -1,8 +1,8 @@
 // Call and reply messages against literal bytes (RFC 5531, section 9).
 #include "rpc/messages/rpc_msg.h"
 
-#include "rpc/client/clnt.h"
 #include "rpc/messages/rpc_cmsg.h"
+#include "rpc/messages/rpc_err.h"
 #include "rpc/messages/rpc_prot.h"
 #include "tests/xdr_streams.h"
 
@@ -11,17 +11,14 @@ namespace {
 constexpr xdrproc_t kAuthField = xdr_filter<__brix_xdr_opaque_auth>;
 constexpr xdrproc_t kCall = xdr_filter<__brix_xdr_callmsg>;
 
-rpc_call_message call_with(opaque_auth credential) {
-  return {0x11223344, kRpcCall, 2, 100000, 2, 3, credential, __brix_null_auth};
-}
-
 constexpr char kCallHex[] =
     "11223344 00000000 00000002 000186A0 00000002 00000003 "
     "00000001 00000003 0A0B0C00 00000000 00000000";
 
 TEST(RpcMessage, BuildsAndReadsCalls) {
   uint8_t body[] = {10, 11, 12};
-  rpc_call_message call = call_with({kAuthSystem, body, 3});
+  rpc_call_message call = {0x11223344,      kRpcCall, 2, 100000, 2, 3, {kAuthSystem, body, 3},
+                           __brix_null_auth};
   const std::string wire = from_hex(kCallHex);
   EXPECT_EQ(encoded(kCall, &call), to_hex(wire));
   rpc_call_message back = {};
@@ -29,26 +26,26 @@ TEST(RpcMessage, BuildsAndReadsCalls) {
   EXPECT_EQ(encoded(kCall, &back), to_hex(wire));
   __brix_xdr_free(kCall, &back);
   expect_failures_release<rpc_call_message>(kCall, wire);
-}
-
-TEST(RpcMessage, RefusesWhatIsNoCall) {
   for (size_t word : {1U, 2U}) {  // direction, RPC version
-    std::string wire = from_hex(kCallHex);
-    wire[word * 4 + 3] = 3;
-    rpc_call_message back = {};
-    EXPECT_FALSE(__brix_xdr_callmsg(TestStream(wire, xdr_op::kDecode).get(), &back)) << word;
+    std::string other = wire;
+    other[word * 4 + 3] = 3;
+    EXPECT_FALSE(__brix_xdr_callmsg(TestStream(other, xdr_op::kDecode).get(), &back)) << word;
     EXPECT_EQ(encoded(kCall, &back), "fails");  // what was refused does not go out either
   }
+  rpc_call_message header = {9, 7, 7, 1, 2, 0, {}, {}};
+  EXPECT_EQ(encoded(xdr_filter<__brix_xdr_callhdr>, &header),
+            "0000000900000000000000020000000100000002");
+  EXPECT_FALSE(__brix_xdr_callhdr(TestStream(wire, xdr_op::kDecode).get(), &header));
 }
 
 TEST(RpcMessage, BoundsAuthBodies) {
   std::vector<uint8_t> body(32748);
   for (auto [length, passes] : {std::pair{32744U, true}, {32745U, false}}) {
-    opaque_auth field = {kAuthSystem, body.data(), length};
-    rpc_call_message call = call_with(field);
-    EXPECT_EQ(encoded(kCall, &call) != "fails", passes) << length;
-    std::swap(call.credential, call.verifier);
-    EXPECT_EQ(encoded(kCall, &call) != "fails", passes) << length;
+    rpc_call_message call = {1, kRpcCall, 2, 3, 4, 5, {1, body.data(), length}, __brix_null_auth};
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_EQ(encoded(kCall, &call) != "fails", passes) << length;
+      std::swap(call.credential, call.verifier);
+    }
     std::string wire = from_hex("00000001 00007FE9") + std::string(32748, 'x');
     wire[7] = static_cast<char>(length - 0x7F00);
     opaque_auth back = {};
@@ -59,12 +56,10 @@ TEST(RpcMessage, BoundsAuthBodies) {
   EXPECT_EQ(encoded(xdr_filter<__brix_xdr_des_block>, block), "0102030405060708");
 }
 
-constexpr char kReply[] = "00000009 00000001 ";
-constexpr char kAccepted[] = "00000009 00000001 00000000 00000000 00000000 ";
-
 TEST(RpcMessage, TellsWhatAReplyMeans) {
-  const std::string accepted = kAccepted;
-  const std::string reply = kReply;
+  const std::string reply = "00000009 00000001 ";
+  const std::string accepted = reply + "00000000 00000000 00000000 ";
+  constexpr auto kRefused = static_cast<clnt_stat>(-1);  // it does not decode
   const struct {
     std::string hex;
     clnt_stat status;
@@ -80,7 +75,10 @@ TEST(RpcMessage, TellsWhatAReplyMeans) {
       {accepted + "FFFFFFFF", RPC_FAILED, 0, -1},
       {reply + "00000001 00000000 00000002 00000003", RPC_VERSMISMATCH, 2, 3},
       {reply + "00000001 00000001 00000009", RPC_AUTHERROR, 9, 0},
-  };
+      {reply + "00000001 00000002 00000000", kRefused, 0, 0},  // denied for no known reason
+      {reply + "00000002 00000000 00000000", kRefused, 0, 0},  // neither accepted nor denied
+      {reply + "00000000 00000002 00007FE9", kRefused, 0, 0},  // a verifier that is too long
+      {"00000009 00000000 00000000 00000000 00000000 00000001", kRefused, 0, 0}};  // a call
   for (const auto& test : cases) {
     SCOPED_TRACE(test.hex);
     uint32_t result = 0;
@@ -88,7 +86,9 @@ TEST(RpcMessage, TellsWhatAReplyMeans) {
     message.accepted.results = &result;
     message.accepted.results_filter = xdr_filter<__brix_xdr_u_int>;
     TestStream in(from_hex(test.hex), xdr_op::kDecode);
-    ASSERT_TRUE(__brix_xdr_replymsg(in.get(), &message));
+    const bool decoded = __brix_xdr_replymsg(in.get(), &message);
+    ASSERT_EQ(decoded, test.status != kRefused);
+    if (!decoded) continue;
     rpc_err error;
     memset(&error, 0xFF, sizeof error);
     __brix_seterr_reply(&message, &error);
@@ -97,20 +97,15 @@ TEST(RpcMessage, TellsWhatAReplyMeans) {
     EXPECT_EQ(result, error.status == RPC_SUCCESS ? 42 : 0);
     EXPECT_EQ(encoded(xdr_filter<__brix_xdr_replymsg>, &message), to_hex(from_hex(test.hex)));
   }
-}
-
-TEST(RpcMessage, RefusesWhatIsNoReply) {
-  const std::string reply = kReply;
-  for (const std::string& hex :
-       {reply + "00000001 00000002 00000000",  // denied for no known reason
-        reply + "00000002 00000000 00000000",  // neither accepted nor denied
-        reply + "00000000 00000002 00007FE9",  // a verifier that is too long
-        std::string("00000009 00000000 00000000 00000000 00000000 00000001")}) {  // a call
-    rpc_reply_message message = {};
-    message.accepted.results_filter = __brix_xdr_void;
-    EXPECT_FALSE(__brix_xdr_replymsg(TestStream(from_hex(hex), xdr_op::kDecode).get(), &message))
-        << hex;
-  }
+  // No filter gives these.
+  rpc_err error;
+  rpc_reply_message denied = {};
+  denied.state = 1, denied.denied.state = 5;
+  __brix_seterr_reply(&denied, &error);
+  EXPECT_TRUE(error.status == RPC_FAILED && error.other.s1 == 1 && error.other.s2 == 5);
+  denied.state = 7;
+  __brix_seterr_reply(&denied, &error);
+  EXPECT_TRUE(error.status == RPC_FAILED && error.other.s1 == 7 && error.other.s2 == 0);
 }
 
 TEST(RpcMessage, ReleasesRepliesThatFailHalfWay) {

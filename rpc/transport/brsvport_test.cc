@@ -1,5 +1,6 @@
 #include "rpc/transport/brsvport.h"
 
+#include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -8,8 +9,11 @@
 #include <mutex>
 #include <set>
 
-#include "liblocal/messages/debug.h"
+#include "rpc/transport/c_transport.h"
+#include "tests/failing_malloc.h"
 #include "tests/lab.h"
+#include "tests/printed.h"
+#include "tests/rpc_client.h"
 #include "tests/threads.h"
 
 namespace {
@@ -38,14 +42,37 @@ class BindTest : public testing::Test {
     return ntohs(own.sin_port);
   }
 
+  // What is told at a debug level when a socket is to be bound with this result.
+  std::string told(int level, int32_t type, const sockaddr_in* address, int result) {
+    return printed(level, [&] {
+      const int port = bind_new(type, address);
+      EXPECT_TRUE(port == result || (result == 0 && port >= 1024)) << port;
+    });
+  }
+
   std::mutex mutex_;
   std::vector<int> open_;
 };
 
 TEST_F(BindTest, WithoutRangesTheSystemChooses) {
-  EXPECT_GE(bind_new(kPortConnection), 1024);
-  EXPECT_EQ(bind_new(kPortConnection, &kElsewhere), -EADDRNOTAVAIL);
-  for (int32_t type : {-1, 3}) EXPECT_EQ(bind_new(type), -EINVAL);
+  EXPECT_EQ(told(4, kPortConnection, nullptr, 0), "");
+  EXPECT_THAT(told(5, kPortConnection, nullptr, 0),
+              testing::EndsWith("socket bound to arbitrary port\n"));
+  EXPECT_EQ(told(2, kPortConnection, &kElsewhere, -EADDRNOTAVAIL), "");
+  EXPECT_THAT(told(3, kPortConnection, &kElsewhere, -EADDRNOTAVAIL),
+              testing::EndsWith("socket bind to arbitrary port failed (errno 99)\n"));
+  const sockaddr_in foreign = {AF_INET6, 0, {}, {}};
+  EXPECT_EQ(bind_new(kPortConnection, &foreign), -EPFNOSUPPORT);
+  for (int32_t type : {-1, 3}) {
+    EXPECT_EQ(bind_new(type), -EINVAL);
+    EXPECT_EQ(rpcport_count(type), 0);
+    EXPECT_EQ(rpcport_add_range(1, 2, type), -1);
+  }
+  EXPECT_TRUE(rpcport_add_range(0, 2, 0) == -1 && rpcport_add_range(3, 2, 0) == -1);
+  EXPECT_EQ(errno, EINVAL);
+  FailingMalloc nothing(0);
+  EXPECT_EQ(rpcport_add_range(1, 2, 0), -1);
+  EXPECT_EQ(errno, ENOMEM);
 }
 
 TEST_F(BindTest, ThreadsFindEveryPortOfTheRanges) {
@@ -58,25 +85,38 @@ TEST_F(BindTest, ThreadsFindEveryPortOfTheRanges) {
   });
   const std::set<int> found(std::begin(ports), std::end(ports));
   EXPECT_EQ(found.size(), 602U);
-  EXPECT_GE(*found.begin(), 40000);
-  EXPECT_EQ(*found.rbegin(), 50000);
-  EXPECT_EQ(bind_new(kPortReserved), -EADDRNOTAVAIL);
+  EXPECT_TRUE(*found.begin() == 40000 && *found.rbegin() == 50000);
+  const std::string lines = told(5, kPortReserved, nullptr, -EADDRNOTAVAIL);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 602 / 4 + 602);
 }
 
 TEST_F(BindTest, OnlyAPortInUseLeadsToAnotherTry) {
-  ASSERT_EQ(rpcport_add_range(41000, 41001, kPortService), 0);
-  for (int i = 0; i < 2; ++i) ASSERT_GE(bind_new(kPortService), 41000);
-  // Each try is a line.
-  auto tries = [this](const sockaddr_in* address) {
-    testing::internal::CaptureStderr();
-    Debug = 5;
-    EXPECT_EQ(bind_new(kPortService, address), -EADDRNOTAVAIL);
-    Debug = 0;
-    const std::string lines = testing::internal::GetCapturedStderr();
-    return std::count(lines.begin(), lines.end(), '\n');
+  EXPECT_THAT(printed(8, [] { (void)rpcport_add_range(41000, 41001, kPortService); }),
+              testing::EndsWith("Adding range 41000-41001 to \"service\" port type.\n"));
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_THAT(told(5, kPortService, nullptr, 0), testing::HasSubstr("socket bound to port 4100"));
+  }
+  EXPECT_THAT(told(3, kPortService, &kElsewhere, -EADDRNOTAVAIL),
+              testing::HasSubstr("(errno 99) Cannot assign requested address\n"));
+  const std::string lines = told(5, kPortService, nullptr, -EADDRNOTAVAIL);
+  EXPECT_THAT(lines, testing::HasSubstr(", Address already in use\n, retrying..."));
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), '.'), 9 * 3) << "seven at random, and each";
+}
+
+TEST_F(BindTest, ATransportTellsOfAPortThatItCannotHave) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto failure = [] {
+    const int taken = rpc_open_client_socket(SOCK_DGRAM, 0);
+    sockaddr_in own{};
+    socklen_t size = sizeof own;
+    getsockname(taken, reinterpret_cast<sockaddr*>(&own), &size);
+    const uint16_t port = ntohs(own.sin_port);
+    const bool failed = rpcport_add_range(port, port, kPortConnection) == 0 &&
+                        rpc_open_client_socket(SOCK_DGRAM, 0) == -1;
+    return failed ? __get_rpc_createerr()->cause.error_number : 0;
   };
-  EXPECT_EQ(tries(&kElsewhere), 1);
-  EXPECT_EQ(tries(nullptr), 9) << "seven at random, then each of the two";
+  EXPECT_EXIT(_exit(failure()), testing::ExitedWithCode(EADDRNOTAVAIL),
+              "Cannot bind socket to connection port in configured port range on system lab-host");
 }
 
 }  // namespace

@@ -194,12 +194,11 @@ TEST_P(TransportTest, DestroyClosesTheSocketThatIsItsOwn) {
 }
 
 TEST_P(TransportTest, CreationFails) {
-  connect();
-  destroy();
   get_rpc_t_varp();  // the blocks wait for their memory
   get_rpc_p_varp();
   const int next = dup(0);
   close(next);
+  connect();
   int granted = 0;
   for (;; ++granted) {
     FailingMalloc memory(granted);
@@ -210,9 +209,11 @@ TEST_P(TransportTest, CreationFails) {
     EXPECT_EQ(socket_, -1);
   }
   EXPECT_EQ(granted, is_tcp() ? 3 : 2) << "handle, record, stream";
+  EXPECT_NE(create(GetParam(), kNobody, 65535), nullptr);
   create(GetParam(), kNobody, 65536);
   EXPECT_EQ(errno, EMFILE);
   expect_not_created(RPC_SYSTEMERROR, EMFILE);
+  server_.reset();
   EXPECT_EQ(dup(0), next) << "a socket is left";
   close(next);
 }

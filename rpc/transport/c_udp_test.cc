@@ -1,11 +1,9 @@
 #include "rpc/transport/c_udp.h"
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 
 #include "rpc/xdr/buffer_size.h"
@@ -117,25 +115,6 @@ TEST_F(UdpTest, FailingCalls) {
   close(socket_);
   expect(call(), RPC_CANTSEND, EBADF);
   socket_ = -1;
-}
-
-// With as high descriptors as the host lends; beyond those the numbers alone decide.
-TEST_F(UdpTest, DescriptorsUpTo65535CanBeWaitedOn) {
-  RpcServer server(0, "127.0.0.1", answer);
-  rlimit limit{};
-  getrlimit(RLIMIT_NOFILE, &limit);
-  const rlimit raised = {65536, std::max<rlim_t>(limit.rlim_max, 65536)};
-  if (setrlimit(RLIMIT_NOFILE, &raised) == 0) limit = raised;
-  limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 65536);
-  setrlimit(RLIMIT_NOFILE, &limit);
-  int low = ::socket(AF_INET, SOCK_DGRAM, 0);
-  const int highest = static_cast<int>(limit.rlim_cur) - 1;
-  ASSERT_GT(highest, FD_SETSIZE);
-  ASSERT_EQ(dup2(low, highest), highest);
-  connect(server, kLong, highest);
-  EXPECT_EQ(call(), RPC_SUCCESS);
-  EXPECT_NE(connect(server, kLong, 65535), nullptr);
-  for (int descriptor : {low, highest}) close(descriptor);
 }
 
 static_assert(rpc_buffer_size(0) == 4000 && rpc_buffer_size(99) == 4000);

@@ -71,67 +71,61 @@ bool counted_filter(XDR* xdrs, Counted* counted) {
   return __brix_xdr_bytes(xdrs, &counted->bytes, &counted->size, counted->maximum);
 }
 
-TEST(Xdr, CarriesCountedBytes) {
-  constexpr xdrproc_t kCounted = xdr_filter<counted_filter>;
-  uint8_t five[] = {1, 2, 3, 4, 5};
-  Counted counted = {five, 5, 5};
-  EXPECT_EQ(encoded(kCounted, &counted), "000000050102030405000000");
-  counted.maximum = 4;
-  EXPECT_EQ(encoded(kCounted, &counted), "fails");
-  counted = {nullptr, 5, 5};
-  EXPECT_EQ(encoded(kCounted, &counted), "fails");
+constexpr xdrproc_t kCounted = xdr_filter<counted_filter>;
+constexpr xdrproc_t kString = xdr_filter<__brix_xdr_wrapstring>;
 
-  const std::string wire = from_hex("00000005 0102030405 EEEEEE");
-  for (bool supplied : {false, true}) {
-    uint8_t own[5] = {};
-    counted = {supplied ? own : nullptr, 99, 5};
-    TestStream in(wire, xdr_op::kDecode);
-    EXPECT_TRUE(counted_filter(in.get(), &counted));
-    EXPECT_EQ(in.used(), 12u);
-    EXPECT_EQ(counted.size, 5u);
-    EXPECT_TRUE(std::equal(five, five + 5, counted.bytes));
-    if (!supplied) __brix_xdr_free(kCounted, &counted);
-  }
-  counted = {nullptr, 0, 4};
-  EXPECT_FALSE(counted_filter(TestStream(wire, xdr_op::kDecode).get(), &counted));
-  expect_failures_release<Counted>(kCounted, wire, {nullptr, 0, 5});
-}
-
-TEST(Xdr, CarriesStrings) {
-  constexpr xdrproc_t kString = xdr_filter<__brix_xdr_wrapstring>;
-  const std::pair<const char*, Hex> kCases[] = {
-      {"", "00000000"},
-      {"a", "0000000161000000"},
-      {"ab", "0000000261620000"},
-      {"abc", "0000000361626300"},
-      {"abcd", "0000000461626364"},
-  };
-  char* object = nullptr;
-  EXPECT_EQ(encoded(kString, &object), "00000000");
-  for (auto [text, hex] : kCases) {
-    object = const_cast<char*>(text);
-    const size_t length = strlen(text);
-    EXPECT_EQ(encoded(kString, &object), hex);
+// The same on the wire, into memory of their own and into the caller's.
+TEST(Xdr, CarriesCountedBytesAndStrings) {
+  const std::string long_text(2000, 'z');
+  const std::pair<std::string, std::string> cases[] = {{"", "00000000"},
+                                                       {"a", "0000000161000000"},
+                                                       {"ab", "0000000261620000"},
+                                                       {"abc", "0000000361626300"},
+                                                       {"abcd", "0000000461626364"},
+                                                       {long_text, "000007D0" + to_hex(long_text)}};
+  for (const auto& [text, hex] : cases) {
+    const auto length = static_cast<uint32_t>(text.size());
+    char* string = const_cast<char*>(text.c_str());
+    Counted counted = {reinterpret_cast<uint8_t*>(string), length, length};
+    EXPECT_EQ(encoded(kString, &string), hex);
+    EXPECT_EQ(encoded(kCounted, &counted), hex);
+    counted.maximum = length - 1;
+    EXPECT_EQ(encoded(kCounted, &counted), length > 0 ? "fails" : hex);
     std::string wire = from_hex(hex);
     // Padding that is not zero ends no string.
-    for (size_t i = 4 + length; i < wire.size(); ++i) wire[i] = '!';
+    for (size_t at = 4 + length; at < wire.size(); ++at) wire[at] = '!';
     for (bool supplied : {false, true}) {
       std::vector<char> own(length + 1, '?');
-      object = supplied ? own.data() : nullptr;
-      TestStream in(wire, xdr_op::kDecode);
-      EXPECT_TRUE(__brix_xdr_string(in.get(), &object, 4));
-      EXPECT_STREQ(object, text);
+      string = supplied ? own.data() : nullptr;
+      counted = {reinterpret_cast<uint8_t*>(string), 99, length};
+      for (size_t less = std::min<size_t>(wire.size(), 9); supplied && less > 0; --less) {
+        const std::string cut = wire.substr(0, wire.size() - less);
+        EXPECT_FALSE(__brix_xdr_wrapstring(TestStream(cut, xdr_op::kDecode).get(), &string));
+        EXPECT_FALSE(counted_filter(TestStream(cut, xdr_op::kDecode).get(), &counted));
+      }
+      TestStream in(wire + wire, xdr_op::kDecode);
+      EXPECT_TRUE(counted_filter(in.get(), &counted));
       EXPECT_EQ(in.used(), wire.size());
-      if (!supplied) __brix_xdr_free(kString, &object);
+      EXPECT_TRUE(counted.size == length && std::equal(text.begin(), text.end(), counted.bytes));
+      EXPECT_TRUE(__brix_xdr_string(in.get(), &string, length));
+      EXPECT_EQ(in.used(), 2 * wire.size());
+      EXPECT_EQ(string, text);
+      if (supplied) continue;
+      __brix_xdr_free(kString, &string);
+      __brix_xdr_free(kCounted, &counted);
+      EXPECT_TRUE(string == nullptr && counted.bytes == nullptr);
     }
+    if (length > 4) continue;
     expect_failures_release<char*>(kString, wire);
+    expect_failures_release<Counted>(kCounted, wire, {nullptr, 0, length});
   }
-  TestStream out(std::string(12, 'x'), xdr_op::kEncode);
-  object = const_cast<char*>("abc");
-  EXPECT_FALSE(__brix_xdr_string(out.get(), &object, 2));
-  TestStream in(from_hex(kCases[3].second), xdr_op::kDecode);
-  object = nullptr;
-  EXPECT_FALSE(__brix_xdr_string(in.get(), &object, 2));
+  char* text = nullptr;
+  EXPECT_EQ(encoded(kString, &text), "00000000");
+  Counted nothing = {nullptr, 5, 5};
+  EXPECT_EQ(encoded(kCounted, &nothing), "fails");
+  text = const_cast<char*>("abc");
+  EXPECT_FALSE(
+      __brix_xdr_string(TestStream(std::string(12, 'x'), xdr_op::kEncode).get(), &text, 2));
 }
 
 // No length makes decoding allocate more than a stream holds.
