@@ -67,6 +67,7 @@ ssize_t __wrap_sendmsg(int socket, const msghdr* message, int flags) {
 
 int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* exceptional, timeval* timeout) {
   last_wait = *timeout;
-  return is_refused(waits) ? -1 : __real_select(count, in, out, exceptional, timeout);
+  if (is_refused(waits)) return waits.error == 0 ? 0 : -1;
+  return __real_select(count, in, out, exceptional, timeout);
 }
 }

@@ -22,7 +22,7 @@ extern Refusal connects, reads, writes, waits;
 /// What the last select was to wait.
 extern timeval last_wait;
 
-/// Lets the next `count` calls fail with `error`.
+/// Lets the next `count` calls fail with `error`; waits with 0 find nothing, at once.
 void refuse(Refusal& calls, int error, int count = 1);
 
 }  // namespace failing_calls

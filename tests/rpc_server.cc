@@ -5,79 +5,77 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 
 namespace lab {
 
 RpcServer::RpcServer(int type, const std::string& address, uint16_t port)
-    : listener_(::socket(AF_INET, type | SOCK_CLOEXEC, 0)) {
+    : socket_(::socket(AF_INET, type | SOCK_CLOEXEC, 0)) {
+  const sockaddr_in name = {AF_INET, htons(port), {inet_addr(address.c_str())}, {}};
   const int on = type == SOCK_STREAM ? 1 : 0;  // also the port of a server that has ended
-  setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  sockaddr_in own = {AF_INET, htons(port), {inet_addr(address.c_str())}, {}};
-  socklen_t length = sizeof own;
-  auto* name = reinterpret_cast<sockaddr*>(&own);
-  if (bind(listener_, name, length) != 0 || (on != 0 && listen(listener_, 8) != 0) ||
-      getsockname(listener_, name, &length) != 0) {
+  setsockopt(socket_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  if (bind(socket_, reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0 ||
+      (on != 0 && listen(socket_, 8) != 0)) {
     throw std::system_error(errno, std::generic_category(), "a server's socket");
   }
-  port_ = ntohs(own.sin_port);
 }
 
 RpcServer::RpcServer(uint16_t port, const std::string& address, Script script)
     : RpcServer(SOCK_DGRAM, address, port) {
-  thread_ = std::jthread([this, run = std::move(script)] {
-    sockaddr_in from{};
-    char bytes[65536];
-    for (;;) {
-      socklen_t size = sizeof from;
-      auto* name = reinterpret_cast<sockaddr*>(&from);
-      const ssize_t got = recvfrom(listener_, bytes, sizeof bytes, 0, name, &size);
-      if (got <= 0) return;
-      const std::string request(bytes, static_cast<size_t>(got));
-      {
-        std::lock_guard lock(mutex_);
-        requests_.push_back(request);
-      }
-      for (const std::string& answer : run(request)) {
-        sendto(listener_, answer.data(), answer.size(), 0, name, size);
-      }
-    }
-  });
+  thread_ = std::jthread([this, run = std::move(script)] { answer(run); });
 }
 
 RpcServer::RpcServer(Conversation conversation, uint16_t port)
     : RpcServer(SOCK_STREAM, "127.0.0.1", port) {
-  thread_ = std::jthread([this, run = std::move(conversation)] { accept_all(run); });
+  thread_ = std::jthread([this, run = std::move(conversation)] { serve(run); });
 }
 
 RpcServer::~RpcServer() {
   {
     std::lock_guard lock(mutex_);
     ended_ = true;
-    if (serving_ != -1) shutdown(serving_, SHUT_RDWR);
+    if (connection_ != -1) shutdown(connection_, SHUT_RDWR);
   }
-  shutdown(listener_, SHUT_RDWR);  // ends an accept and a receive
+  shutdown(socket_, SHUT_RDWR);  // ends an accept and a receive
   thread_.join();
-  close(listener_);
+  close(socket_);
 }
 
-void RpcServer::accept_all(const Conversation& conversation) {
+void RpcServer::answer(const Script& script) {
+  char bytes[65536];
+  sockaddr_storage from{};
+  auto* name = reinterpret_cast<sockaddr*>(&from);
   for (;;) {
-    const int socket = accept(listener_, nullptr, nullptr);
-    if (socket < 0) return;
+    socklen_t size = sizeof from;
+    const ssize_t got = recvfrom(socket_, bytes, sizeof bytes, 0, name, &size);
+    if (got <= 0) return;
+    for (const std::string& reply : script(keep({bytes, static_cast<size_t>(got)}))) {
+      sendto(socket_, reply.data(), reply.size(), 0, name, size);
+    }
+  }
+}
+
+void RpcServer::serve(const Conversation& conversation) {
+  for (int next; (next = accept(socket_, nullptr, nullptr)) >= 0;) {
     const int on = 1;  // small pieces leave as they come
-    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    setsockopt(next, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     {
       std::lock_guard lock(mutex_);
-      serving_ = socket;
-      if (ended_) shutdown(socket, SHUT_RDWR);
+      connection_ = next;
+      if (ended_) shutdown(next, SHUT_RDWR);
     }
     conversation(*this);
     std::lock_guard lock(mutex_);
-    serving_ = -1;
-    close(socket);
+    connection_ = -1;
+    close(next);
   }
+}
+
+std::string RpcServer::keep(const std::string& request) {
+  std::lock_guard lock(mutex_);
+  return requests_.emplace_back(request);
 }
 
 std::vector<std::string> RpcServer::requests() const {
@@ -85,13 +83,18 @@ std::vector<std::string> RpcServer::requests() const {
   return requests_;
 }
 
+uint16_t RpcServer::port() const {
+  sockaddr_in name{};
+  socklen_t size = sizeof name;
+  getsockname(socket_, reinterpret_cast<sockaddr*>(&name), &size);
+  return ntohs(name.sin_port);
+}
+
 std::string RpcServer::read_bytes(size_t count) const {
   std::string bytes(count, '\0');
   size_t done = 0;
-  while (done < count) {
-    const ssize_t got = read(serving_, bytes.data() + done, count - done);
-    if (got <= 0) break;
-    done += static_cast<size_t>(got);
+  for (ssize_t got = 1; got > 0 && done < count; done += static_cast<size_t>(got)) {
+    got = std::max<ssize_t>(read(connection_, &bytes[done], count - done), 0);
   }
   bytes.resize(done);
   return bytes;
@@ -100,24 +103,21 @@ std::string RpcServer::read_bytes(size_t count) const {
 std::optional<std::string> RpcServer::read_request() {
   std::string record;
   for (uint32_t header = 0; (header & 0x80000000) == 0;) {
-    const std::string bytes = read_bytes(4);
-    if (bytes.size() < 4) return std::nullopt;
+    const std::string bytes = read_bytes(sizeof header);
+    if (bytes.size() < sizeof header) return std::nullopt;
     bytes.copy(reinterpret_cast<char*>(&header), sizeof header);
     header = ntohl(header);
     record += read_bytes(header & 0x7FFFFFFF);
   }
-  std::lock_guard lock(mutex_);
-  requests_.push_back(record);
-  return record;
+  return keep(record);
 }
 
 bool RpcServer::send(const std::string& bytes) const {
-  for (size_t done = 0; done < bytes.size();) {
-    const ssize_t sent = ::send(serving_, &bytes[done], bytes.size() - done, MSG_NOSIGNAL);
-    if (sent <= 0) return false;
-    done += static_cast<size_t>(sent);
+  ssize_t sent = 0;
+  for (size_t done = 0; done < bytes.size() && sent >= 0; done += static_cast<size_t>(sent)) {
+    sent = ::send(connection_, &bytes[done], bytes.size() - done, MSG_NOSIGNAL);
   }
-  return true;
+  return sent >= 0;
 }
 
 std::string fragment(const std::string& bytes, bool last) {

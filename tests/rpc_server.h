@@ -26,29 +26,30 @@ class RpcServer {
   explicit RpcServer(Conversation conversation, uint16_t port = 0);
   ~RpcServer();
 
-  uint16_t port() const { return port_; }
+  uint16_t port() const;
   /// The datagrams and records that were read until now.
   std::vector<std::string> requests() const;
 
-  /// The next record, its fragments joined; nothing at the end.
+  /// The next record, its fragments joined; nothing at the end of input.
   std::optional<std::string> read_request();
-  /// The next `count` bytes of the connection, fewer at the end of input.
+  /// The next `count` bytes, fewer at the end of input.
   std::string read_bytes(size_t count) const;
   /// Sends `bytes` as they are, waiting for all to be taken; false once the client is gone.
   bool send(const std::string& bytes) const;
   /// The connection's socket.
-  int socket() const { return serving_; }
+  int socket() const { return connection_; }
 
  private:
   RpcServer(int type, const std::string& address, uint16_t port);
-  void accept_all(const Conversation& conversation);
+  void answer(const Script& script);
+  void serve(const Conversation& conversation);
+  std::string keep(const std::string& request);
 
-  const int listener_;
-  uint16_t port_ = 0;
-  mutable std::mutex mutex_;  // guards the next two, and ending against serving
+  const int socket_;
+  mutable std::mutex mutex_;  // guards what follows, but from the thread's own reading
   std::vector<std::string> requests_;
   bool ended_ = false;
-  int serving_ = -1;     // changed by the thread alone
+  int connection_ = -1;  // changed by the thread alone
   std::jthread thread_;  // the last member: it uses the others
 };
 

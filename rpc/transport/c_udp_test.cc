@@ -13,11 +13,10 @@
 
 namespace {
 
+using failing_calls::refuse;
 using lab::kLong;
 using lab::RpcServer;
 using Replies = std::vector<std::string>;
-
-timeval milliseconds(long count) { return {count / 1000, count % 1000 * 1000}; }
 
 Replies answer(const std::string& request) { return {lab::success_to(request, "00000003")}; }
 
@@ -42,28 +41,27 @@ TEST_F(UdpTest, DatagramsThatAreNotTheReplyAreDropped) {
 
 TEST_F(UdpTest, Retransmission) {
   const struct {
-    timeval retry;
-    timeval limit;
+    timeval retry, limit;
     size_t sent;
-  } cases[] = {{milliseconds(20), milliseconds(100), 5},
-               {milliseconds(20), milliseconds(101), 6},
-               {milliseconds(50), milliseconds(10), 1},
-               {milliseconds(0), milliseconds(50), 1},
-               {kLong, milliseconds(0), 1},
-               {milliseconds(500), {1, 0}, 2}};
+    timeval waited;  // at once
+  } cases[] = {{{5, 0}, {25, 0}, 5, {5, 0}},          {{5, 0}, {25, 1}, 6, {5, 0}},
+               {{0, 500000}, {1, 0}, 2, {0, 500000}}, {{1, 600000}, {3, 200001}, 3, {1, 600000}},
+               {{25, 0}, {1, 0}, 1, {25, 0}},         {{0, 0}, {3, 0}, 1, {3, 0}},
+               {{0, 0}, {0, 1}, 1, {0, 1}},           {{7, 0}, {0, 0}, 1, {0, 1}}};
   RpcServer server(0, "127.0.0.1", lab::silence);
-  for (const auto& test : cases) {
-    SCOPED_TRACE(test.sent);
-    connect(server);
-    timeval retry = test.retry;
-    ASSERT_TRUE(control(CLSET_RETRY_TIMEOUT, &retry));
-    const size_t before = server.requests().size();
-    expect(call(test.limit), RPC_TIMEDOUT);
-    for (int i = 0; i < 500 && server.requests().size() < before + test.sent; ++i) usleep(1000);
+  size_t all = 0;
+  for (const auto& [retry, limit, sent, waited] : cases) {
+    connect(server, retry);
+    refuse(failing_calls::waits, 0, 100);
+    expect(call(limit), RPC_TIMEDOUT);
+    EXPECT_TRUE(timercmp(&failing_calls::last_wait, &waited, ==)) << all;
+    all += sent;
+    for (int i = 0; i < 5000 && server.requests().size() < all; ++i) usleep(1000);
     const auto requests = server.requests();
-    ASSERT_EQ(requests.size(), before + test.sent);
-    for (size_t i = before; i < requests.size(); ++i) EXPECT_EQ(requests[i], requests[before]);
+    ASSERT_EQ(requests.size(), all);
+    for (size_t i = 1; i <= sent; ++i) EXPECT_EQ(requests[all - i], requests.back());
   }
+  refuse(failing_calls::waits, 0, 0);
 }
 
 TEST_F(UdpTest, ControlRequests) {
@@ -103,14 +101,14 @@ TEST_F(UdpTest, FailingCalls) {
   }
   // Signals neither end nor repeat a call, nor does a datagram that is gone again.
   for (int error : {EINTR, EAGAIN, ENOMEM, EINPROGRESS}) {
-    failing_calls::refuse(failing_calls::waits, EINTR, 20);
-    failing_calls::refuse(failing_calls::reads, error, 3);
+    refuse(failing_calls::waits, EINTR, 20);
+    refuse(failing_calls::reads, error, 3);
     EXPECT_EQ(call(), RPC_SUCCESS) << error;
   }
   EXPECT_EQ(server.requests().size(), 5U);
-  failing_calls::refuse(failing_calls::reads, EIO);
+  refuse(failing_calls::reads, EIO);
   expect(call(), RPC_CANTRECV, EIO);
-  failing_calls::refuse(failing_calls::waits, EINVAL);
+  refuse(failing_calls::waits, EINVAL);
   expect(call(), RPC_CANTRECV, EINVAL);
   close(socket_);
   expect(call(), RPC_CANTSEND, EBADF);
