@@ -12,9 +12,11 @@ if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release CACHE STRING "" FORCE)
 endif()
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
-# The engine's small steps stand in files of their own; a release joins them again.
-# Fat objects keep the installed archives fit for every linker.
-set(CMAKE_INTERPROCEDURAL_OPTIMIZATION_RELEASE ON)
+# The engine's small steps stand in files of their own; a release joins them again. Fat
+# objects, which g++ alone makes, leave archives that every linker takes.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  set(CMAKE_INTERPROCEDURAL_OPTIMIZATION_RELEASE ON)
+endif()
 set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g")
 
 # What every target is compiled with, tests and benchmarks included.
