@@ -1,28 +1,32 @@
-# What `cmake --install` and `cpack -G DEB` put where their users look.
+# What `cmake --install` puts where its users look. Debian's packages take it from there.
 include(CMakePackageConfigHelpers)
 
-install(TARGETS kivtrap DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT command)
-install(FILES docs/man/kivtrap.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT command)
+install(TARGETS kivtrap DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES docs/man/kivtrap.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES packaging/completions/kivtrap.bash RENAME kivtrap
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT command)
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 install(FILES packaging/completions/_kivtrap
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions COMPONENT command)
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
 install(FILES README.md CHANGELOG.md docs/architecture.md
-  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT command)
+  DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # The libraries: headers by folder, archives, a CMake package and pkg-config files.
 set(KIV_LIBRARIES platform liblocal snmp rpc)
 foreach(library ${KIV_LIBRARIES})
   install(TARGETS ${library} EXPORT kivtrap
-    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}/kivtrap COMPONENT development)
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}/kivtrap)
   install(DIRECTORY ${library} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kivtrap
-    COMPONENT development FILES_MATCHING PATTERN "*.h")
+    FILES_MATCHING PATTERN "*.h")
+  # Bytecode for joining steps fits one version of the compiler; a user's may be another.
+  install(CODE "execute_process(COMMAND ${CMAKE_OBJCOPY} -R .gnu.lto_* -N __gnu_lto_v1
+    \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/kivtrap/lib${library}.a\"
+    COMMAND_ERROR_IS_FATAL ANY)")
 endforeach()
 install(EXPORT kivtrap NAMESPACE kivtrap:: FILE kivtrap-config.cmake
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kivtrap COMPONENT development)
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kivtrap)
 write_basic_package_version_file(kivtrap-config-version.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kivtrap-config-version.cmake
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kivtrap COMPONENT development)
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kivtrap)
 
 # A pkg-config file for each engine, with all that stands under it. It finds its
 # prefix from its own place, so the whole tree may be moved.
@@ -30,22 +34,22 @@ file(RELATIVE_PATH KIV_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INS
 function(kiv_pkg_config library description)
   configure_file(packaging/kivtrap-library.pc.in kivtrap-${library}.pc @ONLY)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kivtrap-${library}.pc
-    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endfunction()
 kiv_pkg_config(snmp "SNMPv1 engine of kivtrap")
 kiv_pkg_config(rpc "ONC RPC client runtime of kivtrap")
 
-set(CPACK_PACKAGE_VENDOR "the kivtrap developers")
-set(CPACK_PACKAGE_CONTACT "the kivtrap developers <kivtrap@localhost>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY ${PROJECT_DESCRIPTION})
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_STRIP_FILES ON)
-set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_COMMAND_PACKAGE_NAME kivtrap)
-set(CPACK_DEBIAN_COMMAND_PACKAGE_SECTION net)
-set(CPACK_DEBIAN_COMMAND_PACKAGE_DEPENDS "libc6 (>= 2.36)")
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME kivtrap-dev)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_COMPONENTS_ALL command development)
-include(CPack)
+# The manual page of an engine, around an example program as it is compiled.
+function(kiv_manual page example)
+  set(source ${PROJECT_SOURCE_DIR}/examples/${example})
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
+  file(READ ${source} EXAMPLE)
+  string(STRIP "${EXAMPLE}" EXAMPLE)
+  string(REPLACE "\\" "\\e" EXAMPLE "${EXAMPLE}")
+  string(REPLACE "-" "\\-" EXAMPLE "${EXAMPLE}")
+  string(REPLACE "'" "\\(aq" EXAMPLE "${EXAMPLE}")
+  configure_file(docs/man/${page}.in ${page} @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
+endfunction()
+kiv_manual(kivtrap-snmp.3 send_trap.cc)
+kiv_manual(kivtrap-rpc.3 rpc_ping.cc)

@@ -13,6 +13,7 @@ constexpr int kSnmpSynchSuccess = 0;
 constexpr int kSnmpSynchError = 1;
 constexpr int kSnmpSynchTimeout = 2;
 
+/// What the one synchronous request waits for, and what it got.
 struct synch_state {
   int waiting;
   int status;

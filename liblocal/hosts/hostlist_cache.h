@@ -34,6 +34,7 @@ constexpr int32_t kHostlistStep = 1024;    // slots of a new table, and added at
 constexpr int32_t kHostlistReserve = 100;  // free slots that making room aims at
 constexpr size_t kLocalHostNameSize = 256;
 
+/// Whether an entry may be used.
 enum HostState : uint32_t {
   HOST_LIVE = 0,
   HOST_PINNED = 1,      // live, and not to be evicted for the moment
@@ -41,6 +42,7 @@ enum HostState : uint32_t {
   HOST_UNRESOLVED = 3,  // a name that the resolver does not know
 };
 
+/// One name of a host.
 struct host_entry {
   char* name;           // owned
   host_entry* primary;  // of the entry's host; its own for the first one
@@ -58,6 +60,7 @@ struct hostlist_limits {
   int32_t reserve = kHostlistReserve;
 };
 
+/// One cache. Its lock is hostlist_cache_lock.
 struct hostlist_cache {
   const hostlist_limits* limits;     // not null; stays when the cache is freed
   host_entry** table = nullptr;      // `capacity` slots, the first `count` in use

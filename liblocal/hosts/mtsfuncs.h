@@ -27,6 +27,7 @@
 [[nodiscard]] hostent* vx_ts_gethostent();
 [[nodiscard]] servent* vx_ts_getservent();
 
+/// The protocol `name`.
 [[nodiscard]] protoent* vx_ts_getprotobyname(const char* name);
 
 /// The service `name`, or the one of `port` (network byte order), of `protocol`
@@ -34,6 +35,7 @@
 [[nodiscard]] servent* vx_ts_getservbyname(const char* name, const char* protocol);
 [[nodiscard]] servent* vx_ts_getservbyport(int port, const char* protocol);
 
+/// The account `name` or `user`, and the group `group_id`.
 [[nodiscard]] passwd* vx_ts_getpwnam(const char* name);
 [[nodiscard]] passwd* vx_ts_getpwuid(uid_t user);
 [[nodiscard]] group* vx_ts_getgrgid(gid_t group_id);

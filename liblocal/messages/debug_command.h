@@ -5,6 +5,7 @@
 #include <optional>
 #include <string_view>
 
+/// The parts of a debug command.
 struct debug_command {
   std::string_view name;        // letters, perhaps none; part of the text that was parsed
   std::string_view value_text;  // an optional '-' and digits, perhaps none; likewise

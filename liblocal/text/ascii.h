@@ -1,6 +1,7 @@
 // Characters of ASCII: what must not depend on the locale.
 #pragma once
 
+/// `c`, in lower case when it is a letter of ASCII.
 constexpr char ascii_lower(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }

@@ -28,6 +28,7 @@
 /// (utf8.h).
 [[nodiscard]] FILE* utf8_fopen(const char* path, const char* mode);
 
+/// The platform's calls of these names.
 [[nodiscard]] int utf8_access(const char* path, int mode);
 [[nodiscard]] int utf8_chdir(const char* path);
 [[nodiscard]] DIR* utf8_opendir(const char* path);

@@ -4,7 +4,9 @@
 #include <cstdlib>
 #include <memory>
 
+/// The deleter of c_unique_ptr.
 struct CFree {
+  /// Frees `memory`.
   void operator()(void* memory) const { free(memory); }
 };
 

@@ -61,6 +61,7 @@ void _varp_keep(vx_threadstorage* key, void* block);
 /// The behaviour of every thread block, over the parts that its module gives it.
 template <auto& kModule, auto& key, auto& once, auto& needs_init, auto& init, auto& clean>
 struct VarpThreadBlock {
+  /// The calling thread's block, made on first use.
   static auto get() {
     using Block = decltype(init());
     if (needs_init.load(std::memory_order_acquire) != 0) vx_once(&once, create_key);
@@ -90,6 +91,7 @@ struct VarpThreadBlock {
 /// The behaviour of every process block; `Own` is its module's thread block.
 template <typename Own, auto& global, auto& once, auto& needs_init, auto& init, auto& clean>
 struct VarpProcessBlock {
+  /// The process's block, made on first use.
   static auto get() {
     if (needs_init.load(std::memory_order_acquire) != 0) vx_once(&once, create);
     return global.load(std::memory_order_acquire);
@@ -111,6 +113,8 @@ struct VarpProcessBlock {
 // The flags and pointers are atomic because they are read without a lock; vx_once
 // alone decides who makes a block.
 
+/// Declares the thread block of module `M`, a struct M_t_varp, with its get_M_t_varp.
+/// `M` makes and releases blocks by its own M_t_init and M_t_clean.
 #define VARP_DECLARE_THREAD_BLOCK(M)         \
   extern vx_threadstorage* Key_##M##_t_varp; \
   extern vx_once_control once_##M##_t_varp;  \
@@ -119,6 +123,7 @@ struct VarpProcessBlock {
   void M##_t_clean(void* block);             \
   M##_t_varp* get_##M##_t_varp();
 
+/// Defines what VARP_DECLARE_THREAD_BLOCK declares but for M_t_init and M_t_clean.
 #define VARP_DEFINE_THREAD_BLOCK(M)                                                    \
   vx_threadstorage* Key_##M##_t_varp = nullptr;                                        \
   vx_once_control once_##M##_t_varp;                                                   \
@@ -128,6 +133,7 @@ struct VarpProcessBlock {
                                       M##_t_needs_init, M##_t_init, M##_t_clean>;      \
   M##_t_varp* get_##M##_t_varp() { return M##_t_block::get(); }
 
+/// VARP_DECLARE_THREAD_BLOCK for the block of the process, M_p_varp.
 #define VARP_DECLARE_PROCESS_BLOCK(M)                  \
   extern std::atomic<M##_p_varp*> Global_##M##_p_varp; \
   extern vx_once_control once_##M##_p_varp;            \

@@ -36,6 +36,7 @@ int32_t vx_mutex_destroy(vx_mutex* mutex);
 /// already leaves it locked.
 class VxMutexLock {
  public:
+  /// Locks `mutex`, which outlives the scope.
   explicit VxMutexLock(vx_mutex* mutex) : mutex_(mutex), held_(vx_mutex_lock(mutex) == 0) {}
   ~VxMutexLock() {
     if (held_) vx_mutex_unlock(mutex_);

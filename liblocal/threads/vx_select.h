@@ -11,6 +11,7 @@
 
 constexpr int kVxFdSetSize = 65536;  // descriptors that a set can name: 0 to 65535
 
+/// A set of descriptors, one bit each.
 struct vx_fd_set {
   uint64_t words[kVxFdSetSize / 64];
 };

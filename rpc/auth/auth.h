@@ -40,6 +40,7 @@ struct auth_ops {
   bool (*control)(AUTH* auth, uint32_t request, void* information);
 };
 
+/// How the caller of a client's calls shows who it is.
 struct AUTH {
   opaque_auth credential;
   opaque_auth verifier;

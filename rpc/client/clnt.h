@@ -69,6 +69,7 @@ struct clnt_ops {
   bool (*control)(CLIENT* client, uint32_t request, void* information);
 };
 
+/// One client; made and freed by its transport.
 struct CLIENT {
   AUTH* auth;  // null: none, and calls fail
   const clnt_ops* ops;

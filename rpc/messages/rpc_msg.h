@@ -11,9 +11,12 @@
 constexpr unsigned long kRpcVersion = 2;
 constexpr uint32_t kMaxAuthBytes = 32744;  // body of a credential or verifier; RFC 5531 has 400
 
+/// Which of the two a message is.
 enum rpc_direction : int32_t { kRpcCall = 0, kRpcReply = 1 };
+/// Whether a call was taken at all.
 enum rpc_reply_state : int32_t { kReplyAccepted = 0, kReplyDenied = 1 };
 
+/// What came of a call that was taken.
 enum rpc_accept_state : int32_t {
   kAcceptSuccess = 0,
   kAcceptProgramUnavailable = 1,
@@ -23,6 +26,7 @@ enum rpc_accept_state : int32_t {
   kAcceptSystemError = 5,
 };
 
+/// Why a call was not taken.
 enum rpc_reject_state : int32_t { kRejectRpcMismatch = 0, kRejectAuthError = 1 };
 
 /// Why an authentication was refused.
@@ -51,6 +55,7 @@ struct opaque_auth {
 /// Flavour none with an empty body.
 inline constexpr opaque_auth __brix_null_auth = {kAuthNone, nullptr, 0};
 
+/// The header of a call; its arguments come next on the stream.
 struct rpc_call_message {
   unsigned long transaction;  // 32 bits on the wire, as the other longs
   int32_t direction;          // kRpcCall
@@ -68,6 +73,7 @@ struct rpc_versions {
   unsigned long high;
 };
 
+/// The reply to a call that was taken.
 struct rpc_accepted_reply {
   opaque_auth verifier;
   int32_t state;  // rpc_accept_state
@@ -78,12 +84,14 @@ struct rpc_accepted_reply {
   rpc_versions versions;  // kAcceptProgramMismatch
 };
 
+/// The reply to a call that was not taken.
 struct rpc_denied_reply {
   int32_t state;          // rpc_reject_state
   rpc_versions versions;  // kRejectRpcMismatch
   int32_t why;            // kRejectAuthError: auth_state
 };
 
+/// A reply.
 struct rpc_reply_message {
   unsigned long transaction;  // 32 bits on the wire
   int32_t direction;          // kRpcReply

@@ -13,8 +13,10 @@
 constexpr uint32_t kTcpHeaderRoom = 24;  // bytes for the header of all calls
 constexpr uint32_t kTcpPendingRoom = 4;  // bytes read ahead at once
 
+/// How a socket waits, as far as the transport has looked.
 enum class SocketMode : int32_t { kUnknown = -1, kNonBlocking = 0, kBlocking = 1 };
 
+/// What a client over TCP is.
 struct TcpRecord {
   int32_t socket;
   bool close_socket;  // by destroy
@@ -40,6 +42,7 @@ struct TcpRecord {
   uint32_t auth_methods;  // mask of allowed ones
 };
 
+/// The record of `client`, which the TCP transport made.
 inline TcpRecord* tcp_record_of(CLIENT* client) {
   return static_cast<TcpRecord*>(client->private_data);
 }

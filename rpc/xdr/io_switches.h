@@ -2,6 +2,7 @@
 // debug directory, which need no contents.
 #pragma once
 
+/// What connections do where nothing is switched off.
 struct rpc_io_switches {
   bool gather_writes;  // off with "nowritev": every buffer is written by itself
   bool scatter_reads;  // off with "noreadv": one buffer is read at a time

@@ -29,6 +29,7 @@
 
 struct XDR;
 
+/// What a filter does with its object.
 enum class xdr_op : uint32_t { kEncode = 0, kDecode = 1, kFree = 2 };
 
 constexpr uint32_t kXdrUnit = 4;                     // bytes of one unit on the wire
