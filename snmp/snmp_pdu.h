@@ -63,9 +63,12 @@ extern const char* const error_string[6];     // texts by error status
 /// Releases `pdu` with all it owns. Null is allowed.
 void snmp_free_pdu(snmp_pdu* pdu);
 
+/// The deleter of unique_pdu.
 struct FreePdu {
+  /// snmp_free_pdu.
   void operator()(snmp_pdu* pdu) const { snmp_free_pdu(pdu); }
 };
+/// Owns a PDU.
 using unique_pdu = std::unique_ptr<snmp_pdu, FreePdu>;
 
 /// Stores a new zeroed binding in `*link`, the null end of a binding list. Returns

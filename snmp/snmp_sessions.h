@@ -44,6 +44,7 @@ bool fail(int code);
   return static_cast<int32_t>(request_id);
 }
 
+/// The time of day.
 [[nodiscard]] inline timeval now() {
   timeval time{};
   gettimeofday(&time, nullptr);

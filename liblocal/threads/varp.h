@@ -46,6 +46,7 @@ extern void (*const varp_print_error)(const char* format, ...);
 /// kBlockPauseMs.
 [[nodiscard]] void* _varp_allocate(size_t size);
 
+/// _varp_allocate for a block without a constructor.
 template <typename Block>
 [[nodiscard]] Block* varp_new_block() {
   return static_cast<Block*>(_varp_allocate(sizeof(Block)));
