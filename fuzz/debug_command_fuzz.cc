@@ -8,20 +8,14 @@
 
 #include "liblocal/messages/debug_command.h"
 
-namespace {
-
-bool lies_within(std::string_view part, std::string_view whole) {
-  return part.data() >= whole.data() && part.end() <= whole.end();
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::vector<char> bytes(data, data + size);  // of its exact size, so over-reads are seen
   const std::string_view text(bytes.data(), size);
   auto command = parse_debug_command(text);
   if (!command) return 0;
-  assert(lies_within(command->name, text) && lies_within(command->value_text, text));
+  for (std::string_view part : {command->name, command->value_text}) {
+    assert(part.begin() >= text.begin() && part.end() <= text.end());
+  }
   assert(command->value_text.find_first_not_of("-0123456789") == std::string_view::npos);
 
   const std::string line = std::string(command->name) + "=" + std::to_string(command->value);

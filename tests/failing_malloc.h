@@ -3,7 +3,10 @@
 // replaced; shared libraries keep theirs.
 #pragma once
 
+#include <malloc.h>
+
 #include <climits>
+#include <cstddef>
 
 /// Lets `count` allocations of this process succeed and the `refusals` after them
 /// fail (every later one, unless said), until the object goes.
@@ -17,3 +20,12 @@ class FailingMalloc {
   /// True once an allocation was refused.
   bool failed() const;
 };
+
+/// The bytes that `work`, run `times` times, leaves allocated, after a first run that makes
+/// what lasts; 0 under the sanitizers, which have a heap of their own.
+inline long bytes_left_by(int times, auto work) {
+  work();
+  const size_t before = mallinfo2().uordblks;
+  for (int i = 0; i < times; ++i) work();
+  return static_cast<long>(mallinfo2().uordblks - before);
+}

@@ -44,24 +44,33 @@ TEST(DebugLine, LevelAndPrefix) {
 TEST(DebugFile, TakesTheLines) {
   const std::string path = testing::TempDir() + "/debug_file";
   remove(path.c_str());
-  EXPECT_EQ(printed(2, [] { dfopen(""); }), "kivtrap: dfopen: filename is null ... \n");
-  EXPECT_EQ(printed(2, [&] { dfopen(path.c_str()); }), "");
+  auto open = [&path] { dfopen(path.c_str()); };
+  for (const char* nothing : {"", static_cast<const char*>(nullptr)}) {
+    EXPECT_EQ(printed(2, [=] { dfopen(nothing); }), "kivtrap: dfopen: filename is null ... \n");
+    EXPECT_EQ(printed(1, [=] { dfopen(nothing); }), "");
+  }
+  EXPECT_EQ(debug_descriptor(), STDERR_FILENO);
+  EXPECT_EQ(printed(2, open) + printed(1, open), "");
+  fprintf(dfopen_filehndl(), "unbuffered\n");
   debugprintf("into it\n");
-  dfopen(path.c_str());
-  dfopen(nullptr);
-  EXPECT_EQ(lab::read_file(path),
-            "kivtrap: dfopen: Opened file " + path + " for dprintf writing.\nkivtrap: into it\n");
+  EXPECT_EQ(lab::read_file(path), "kivtrap: dfopen: Opened file " + path +
+                                      " for dprintf writing.\nunbuffered\nkivtrap: into it\n");
   EXPECT_EQ(debug_descriptor(), fileno(dfopen_filehndl()));
-  EXPECT_EQ(printed(2, [] { dfopen("/nowhere/at/all"); }),
+  auto open_nowhere = [] { dfopen("/nowhere/at/all"); };
+  EXPECT_EQ(printed(1, open_nowhere), "");
+  EXPECT_EQ(printed(2, open_nowhere),
             "kivtrap: dfopen: Unable to open file /nowhere/at/all for writing.\n");
   EXPECT_EQ(dfopen_filehndl(), nullptr);
 
-  dfopen(path.c_str());
-  auto failing_close = [] {
+  auto close_twice = [] {
     close(debug_descriptor());
     dfclose();
   };
-  EXPECT_EQ(printed(2, failing_close), "kivtrap: dfclose: File stream close failed.\n");
+  for (const char* told : {"", "kivtrap: dfclose: File stream close failed.\n"}) {
+    open();
+    EXPECT_EQ(printed(*told == '\0' ? 1 : 2, close_twice), told);
+  }
+  EXPECT_EQ(printed(2, dfclose), "");
   EXPECT_EQ(dfopen_filehndl(), nullptr);
 }
 

@@ -1,12 +1,17 @@
-// The handles of the primitives: one-time control, mutexes, atomic counters, thread
-// storage, threads and the references to them all.
+// The primitives: errors, one-time control, mutexes, atomic counters, thread storage,
+// threads, the references to them all, and the exit list.
 #include <gtest/gtest.h>
+#include <netdb.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
-#include <string>
+#include <cstring>
+#include <map>
+#include <sstream>
 
+#include "liblocal/threads/vx_atexit.h"
 #include "liblocal/threads/vx_atomic.h"
 #include "liblocal/threads/vx_error.h"
 #include "liblocal/threads/vx_mutex.h"
@@ -25,34 +30,22 @@
 
 namespace {
 
-TEST(VxPrimitives, WithoutHandle) {
-  const std::pair<const char*, uint64_t> cases[] = {
-      {"once", vx_once(nullptr, [] {})},
-      {"lock", vx_mutex_lock(nullptr)},
-      {"destroy a mutex", vx_mutex_destroy(nullptr)},
-      {"add", vx_atomic_exchange_add(nullptr, 1)},
-      {"increment", vx_atomic_increment(nullptr)},
-      {"decrement", vx_atomic_decrement(nullptr)},
-      {"exchange", vx_atomic_exchange(nullptr, 1)},
-      {"compare", vx_atomic_exchange_compare(nullptr, 1, 1)},
-      {"set", vx_threadstorage_set(nullptr, nullptr)},
-      {"join", vx_thread_join(nullptr, nullptr)}};
-  for (const auto& [operation, result] : cases) EXPECT_EQ(result, 2U) << operation;
+TEST(VxPrimitives, WithoutHandleOrMemory) {
+  for (int64_t result : std::initializer_list<int64_t>{
+           vx_once(nullptr, [] {}), vx_mutex_lock(nullptr), vx_mutex_destroy(nullptr),
+           vx_atomic_exchange_add(nullptr, 1), vx_atomic_increment(nullptr),
+           vx_atomic_decrement(nullptr), vx_atomic_exchange(nullptr, 1),
+           vx_atomic_exchange_compare(nullptr, 1, 1), vx_threadstorage_set(nullptr, nullptr),
+           vx_thread_join(nullptr, nullptr)}) {
+    EXPECT_EQ(result, 2);
+  }
   vx_once_control control{};
-  const vx_thread* self = vx_thread_self();
-  auto records = [](uint64_t result) {
-    const bool recorded = result == 0 && vx_error_get_last() == 31;
-    vx_error_set_last(0, 1);
-    return recorded;
-  };
-  EXPECT_TRUE(records(vx_once(&control, nullptr) - 2));
-  EXPECT_TRUE(records(reinterpret_cast<uint64_t>(vx_threadstorage_get(nullptr))));
-  EXPECT_TRUE(records(vx_thread_id(nullptr)));
-  EXPECT_TRUE(records(vx_thread_equal(nullptr, self)));
-  EXPECT_TRUE(records(vx_thread_equal(self, nullptr)));
-}
-
-TEST(VxPrimitives, WithoutMemory) {
+  EXPECT_EQ(vx_once(&control, nullptr), 2);
+  EXPECT_EQ(vx_error_get_last(), 31);
+  EXPECT_EQ(vx_threadstorage_get(nullptr), nullptr);
+  EXPECT_EQ(vx_thread_id(nullptr), 0U);
+  EXPECT_EQ(vx_thread_equal(nullptr, vx_thread_self()), 0);
+  EXPECT_EQ(vx_thread_equal(vx_thread_self(), nullptr), 0);
   std::thread([] {
     vx_error_set_last(0, 1);
     FailingMalloc nothing(0);
@@ -62,6 +55,79 @@ TEST(VxPrimitives, WithoutMemory) {
     EXPECT_EQ(vx_threadstorage_new(nullptr), nullptr);
     EXPECT_EQ(vx_thread_self(), nullptr);
   }).join();
+}
+
+constexpr const char* kCodes =
+    "3 E2BIG 4 EACCES 5 EADDRINUSE 6 EADDRNOTAVAIL 7 EAFNOSUPPORT 8 EAGAIN 10 EBADF 11 EBADMSG "
+    "12 EBUSY 14 ECHILD 15 ECONNABORTED 16 ECONNREFUSED 17 ECONNRESET 18 EDEADLK 19 EDESTADDRREQ "
+    "20 EDOM 21 EDQUOT 22 EEXIST 23 EFAULT 24 EFBIG 26 EHOSTUNREACH 27 EIDRM 28 EILSEQ "
+    "29 EINPROGRESS 30 EINTR 31 EINVAL 32 EIO 33 EISCONN 34 EISDIR 35 ELOOP 36 EMFILE 37 EMLINK "
+    "38 EMSGSIZE 39 EMULTIHOP 40 ENAMETOOLONG 41 ENETDOWN 42 ENETRESET 43 ENETUNREACH 44 ENFILE "
+    "46 ENOBUFS 47 ENODATA 48 ENODEV 49 ENOENT 50 ENOEXEC 51 ENOLCK 52 ENOLINK 53 ENOMEM "
+    "54 ENOMSG 55 ENOPROTOOPT 56 ENOSPC 57 ENOSR 58 ENOSTR 59 ENOSYS 60 ENOTCONN 61 ENOTDIR "
+    "62 ENOTEMPTY 63 ENOTSOCK 64 EOPNOTSUPP 65 ENOTTY 66 ENXIO 68 EOVERFLOW 69 EPERM 70 EPIPE "
+    "71 EPROTO 72 EPROTONOSUPPORT 73 EPROTOTYPE 74 ERANGE 75 EROFS 77 ESPIPE 78 ESRCH 79 ESTALE "
+    "80 ETIME 81 ETIMEDOUT 82 ETXTBSY 84 EXDEV";
+
+TEST(VxError, EveryCodeStandsForItsSystemErrorBothWays) {
+  std::map<int, std::string> names;  // on Linux ENOTSUP is EOPNOTSUPP
+  std::istringstream listed(kCodes);
+  int code = 0;
+  for (std::string name; listed >> code >> name;) names[code] = name;
+  for (code = -2; code < 120; ++code) {
+    if (code == 9) continue;  // EALREADY's, below
+    const int error = vx_error_to_errno(code);
+    EXPECT_STREQ(error == 0 ? "" : strerrorname_np(error), names[code].c_str()) << code;
+    EXPECT_EQ(vx_error_from_errno(error), error == 0 ? 0 : code);
+  }
+  EXPECT_EQ(vx_error_to_errno(9), EINPROGRESS);
+  EXPECT_EQ(vx_error_from_errno(EALREADY), 29);
+  int unlisted = 0;
+  for (int error = 1; error < 200; ++error) unlisted += vx_error_from_errno(error) == 1;
+  EXPECT_EQ(unlisted, 199 - 76) << "75 names and EALREADY are known";
+  for (int error : {-1, 100000}) EXPECT_EQ(vx_error_from_errno(error), 1);
+}
+
+TEST(VxError, TheLastErrorKeepsItsKind) {
+  const std::tuple<int, int, int, const char*> cases[] = {
+      {ENOENT, 1, 49, "No such file or directory"},
+      {0, 1, 0, "Success"},
+      {5, 0, 1, "Input/output error"},
+      {9999, 1, 1, "Unknown error 9999"},
+      {HOST_NOT_FOUND, 2, 25, "Unknown host"},
+      {TRY_AGAIN, 2, 8, "Host name lookup failure"},
+      {NO_RECOVERY, 2, 45, "Unknown server error"},
+      {NO_DATA, 2, 47, "No address associated with name"},
+      {0, 2, 0, "Resolver Error 0 (no error)"},
+      {9, 2, 1, "Unknown resolver error"},
+      {5, 3, 2, "Unknown error"},
+      {10004, 4, 2, "Unknown error"}};
+  for (const auto& [value, kind, code, message] : cases) {
+    EXPECT_EQ(vx_error_set_last(value, kind)->value, value);
+    EXPECT_EQ(vx_error_get_last(), code) << value << " of kind " << kind;
+    char text[64];
+    vx_error_get_message(text, sizeof text);
+    EXPECT_STREQ(text, message);
+  }
+}
+
+TEST(VxError, EachThreadHasItsOwnAndMessagesAreCut) {
+  vx_error_set_last(EPERM, 1);
+  in_threads(1, [](int) {
+    EXPECT_EQ(vx_error_get_last(), 0);
+    FailingMalloc nothing(0);
+    EXPECT_EQ(vx_error_set_last(EAGAIN, 1), nullptr);
+    char text[32];
+    vx_error_get_message(text, sizeof text);
+    EXPECT_STREQ(text, "Unknown error");
+  });
+  EXPECT_EQ(vx_error_get_last(), 69);
+  char text[] = "xxxxxxxx";
+  vx_error_get_message(text, 0);
+  vx_error_get_message(nullptr, 1);
+  EXPECT_STREQ(text, "xxxxxxxx");
+  vx_error_get_message(text, 4);
+  EXPECT_EQ(std::string(text, 8), std::string("Ope\0xxxx", 8));
 }
 
 int runs;  // plain: vx_once itself must order the write before the reads
@@ -109,33 +175,31 @@ TEST(VxAtomic, EachOperationReturnsWhatItStates) {
 TEST(VxThreadstorage, EachThreadHasItsValueAndDestructor) {
   static std::atomic<int> destroyed;
   vx_threadstorage* storage = vx_threadstorage_new([](void*) { ++destroyed; });
-  int own;
-  EXPECT_EQ(vx_threadstorage_set(storage, &own), 0);
+  vx_threadstorage_set(storage, &destroyed);
   in_threads(8, [storage](int i) {
     EXPECT_EQ(vx_threadstorage_get(storage), nullptr);
-    if (i > 0) vx_threadstorage_set(storage, &i);
+    EXPECT_EQ(i > 0 ? vx_threadstorage_set(storage, &i) : 0, 0);
     EXPECT_EQ(vx_threadstorage_get(storage), i > 0 ? &i : nullptr);
   });
-  EXPECT_EQ(destroyed, 7);  // not for the thread without a value
-  EXPECT_EQ(vx_threadstorage_get(storage), &own);
+  EXPECT_EQ(vx_threadstorage_get(storage), &destroyed);
   EXPECT_EQ(vx_threadstorage_destroy(storage), 0);
-  EXPECT_EQ(destroyed, 7);
+  EXPECT_EQ(destroyed, 7) << "not for the thread without a value, nor at the end of the key";
+  for (int i = 0; i < 2000; ++i) vx_threadstorage_destroy(vx_threadstorage_new(nullptr));
+  EXPECT_NE(vx_threadstorage_new(nullptr), nullptr) << "keys are few, and come back";
 }
 
 TEST(VxThread, IdentitiesDifferAndGoWithTheirThreads) {
   vx_thread* own = vx_thread_self();
   EXPECT_EQ(vx_thread_self(), own);
   EXPECT_EQ(vx_thread_equal(own, own), 1);
-  EXPECT_EQ(vx_thread_id(own),
-            static_cast<uint64_t>(getpid()) << 32 |
-                static_cast<uint32_t>(reinterpret_cast<vx_object_header*>(own)->slot));
   EXPECT_EQ(vx_thread_join(own, nullptr), 18);
+  const auto slot = static_cast<uint32_t>(reinterpret_cast<vx_object_header*>(own)->slot);
+  EXPECT_EQ(vx_thread_id(own), uint64_t(getpid()) << 32 | slot);
   for (int round = 0; round < 20; ++round) {
     in_threads(8, [own](int) {
       vx_thread* self = vx_thread_self();
       EXPECT_EQ(vx_thread_equal(self, own), 0);
       EXPECT_EQ(vx_thread_join(own, nullptr), 31);
-      EXPECT_NE(vx_thread_id(self), vx_thread_id(own));
       EXPECT_LT(static_cast<uint32_t>(vx_thread_id(self)), 64u);  // ended threads left their slots
     });
   }
@@ -154,12 +218,11 @@ TEST(VxThread, SleepsUntilASignal) {
 
 struct Probe {
   vx_object_header header;
-  int destroyed = 0;
 };
 
 int32_t destroy_probe(void* object) {
   if (_vx_unreference_from_destructor(object) != 0) return -7;
-  return 100 + ++static_cast<Probe*>(object)->destroyed;
+  return 101;
 }
 
 bool take(Probe& probe) {
@@ -212,6 +275,53 @@ TEST(VxReference, TheLowestFreeSlotIsTaken) {
     probes[free].header.flags = 0;
   }
   for (Probe& probe : probes) vx_unreference(&probe);
+}
+
+template <char kLetter>
+void say() {
+  fputc(kLetter, stderr);
+}
+
+void fill() {
+  vx_atexit(say<'a'>);
+  vx_atexit([] { vx_atexit(say<'n'>); });
+  vx_atexit(say<'x'>);
+  vx_atexit(say<'c'>);
+  EXPECT_EQ(vx_unatexit(say<'x'>), 0);
+}
+
+TEST(VxAtexit, RunsNewestFirst) {
+  auto exits = testing::ExitedWithCode(3);
+  EXPECT_EXIT((fill(), exit(3)), exits, "^cna$");
+  EXPECT_EXIT((fill(), vx_atexit_disable(), exit(3)), exits, "^$");
+  EXPECT_EXIT((fill(), vx_atexit_disable(), vx_atexit_enable(), exit(3)), exits, "^cna$");
+}
+
+TEST(VxAtexit, ReportsWhatItCannotDo) {
+  in_threads(4, [](int) { EXPECT_EQ(vx_atexit(say<'y'>), 0); });
+  for (int wanted : {0, 0, 0, 0, 49}) EXPECT_EQ(vx_unatexit(say<'y'>), wanted);
+  EXPECT_EQ(vx_atexit(nullptr), 2);
+  EXPECT_EQ(vx_unatexit(nullptr), 2);
+  FailingMalloc nothing(0);
+  EXPECT_EQ(vx_atexit(say<'?'>), 53);
+}
+
+// In a process that has used nothing yet.
+void first_use(int granted, bool goes_on) {
+  if (goes_on) std::signal(SIGTERM, SIG_IGN);
+  vx_error_set_last(0, 1);
+  FailingMalloc one(granted, 1);
+  exit(vx_atexit(say<'?'>));
+}
+
+TEST(VxAtexit, NeedsItsListAndTheMutexOfTheName) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const std::string list = "^Failed to create internal atexit list: Cannot allocate memory\n$";
+  const std::string mutex = "^Failed to create progname mutex: Cannot allocate memory\n";
+  EXPECT_EXIT(first_use(0, false), testing::KilledBySignal(SIGTERM), list);
+  EXPECT_EXIT(first_use(0, true), testing::ExitedWithCode(2), list);
+  EXPECT_EXIT(first_use(1, true), testing::ExitedWithCode(0), list) << "the switch is off";
+  EXPECT_EXIT(first_use(3, true), testing::ExitedWithCode(0), mutex + "\\?$");
 }
 
 }  // namespace
