@@ -16,10 +16,9 @@ inline std::string hostlist_fault(const hostlist_cache& cache) {
     const host_entry* entry = cache.table[i];
     if (i > 0 && strcasecmp(cache.table[i - 1]->name, entry->name) >= 0) return "not sorted";
     if (entry->state == HOST_STALE) ++stale;
-    if (entry->state == HOST_STALE && (entry->primary != entry || entry->next != nullptr)) {
-      return "a stale entry has a chain";
-    }
     const host_entry* host = entry->state == HOST_STALE ? nullptr : entry->primary;
+    if (host == nullptr && (entry->primary != entry || entry->next != nullptr))
+      return "stale chain";
     if (hostlist_cache_host(&cache, entry->name) != host) return "not found";
     if (host != entry) continue;
     local_host_seen |= entry == cache.local_host;

@@ -41,15 +41,6 @@ std::vector<ifreq> made_up(const std::string& words) {
 
 using namespace stand_ins;
 
-namespace {
-
-int fail(int error) {
-  errno = error;
-  return -1;
-}
-
-}  // namespace
-
 // The names that the linker's --wrap gives to what is called and to the real one.
 extern "C" {
 time_t __real_time(time_t* result);
@@ -69,9 +60,8 @@ int __wrap_ungetc(int byte, FILE* stream) {
 }
 
 time_t __wrap_time(time_t* result) {
-  time_t answer = now != 0 ? now.load() : __real_time(nullptr);
-  if (result != nullptr) *result = answer;
-  return answer;
+  const time_t real = __real_time(result);
+  return now != 0 ? now.load() : real;
 }
 
 int __wrap_gethostbyname_r(const char* name, hostent* entry, char* text, size_t size,
@@ -93,11 +83,13 @@ int __wrap_ioctl(int descriptor, unsigned long request, ...) {
     auto* record = static_cast<ifreq*>(argument);
     const int flags = atoi(record->ifr_name);
     record->ifr_flags = static_cast<int16_t>(flags);
-    return flags < 0 ? fail(-flags) : 0;
+    errno = -flags;
+    return flags < 0 ? -1 : 0;
   }
   auto* list = static_cast<ifconf*>(argument);
   const bool counting = list->ifc_buf == nullptr;
-  if (const int error = counting ? counting_error : listing_error; error != 0) return fail(error);
+  errno = counting ? counting_error : listing_error;
+  if (errno != 0) return -1;
   const size_t room = counting ? SIZE_MAX : static_cast<size_t>(list->ifc_len) / sizeof(ifreq);
   const size_t count = std::min(there->size(), room);
   if (!counting) std::copy_n(there->begin(), count, list->ifc_req);

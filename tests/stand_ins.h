@@ -19,11 +19,10 @@ extern std::atomic<bool> resolver_is_down;  // it knows nothing
 extern std::atomic<bool> no_push_back;      // ungetc has no memory
 extern std::atomic<const char*> codeset;    // of nl_langinfo; null: the locale's
 
-// Interfaces instead of the machine's, each named by its flags; below 0, asking for them
-// fails with the errno of that size. Null: the machine's.
+// Interfaces instead of the machine's (null), each named by its flags, or by -errno of
+// asking for these.
 extern std::atomic<const std::vector<ifreq>*> interfaces;
-std::vector<ifreq> made_up(const std::string& words);  // flags, address and family of each
-extern std::atomic<int> counting_error;  // errno of asking how many there are; 0: none
-extern std::atomic<int> listing_error;   // errno of asking for the list
+std::vector<ifreq> made_up(const std::string& words);   // flags, address and family of each
+extern std::atomic<int> counting_error, listing_error;  // errno of asking for them; 0: none
 
 }  // namespace stand_ins

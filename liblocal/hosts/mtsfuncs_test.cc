@@ -46,10 +46,9 @@ TEST_F(LookUpTest, EachFindsItsOwnInItsOwnPlace) {
   }
   while (vx_ts_gethostent() != nullptr || vx_ts_getservent() != nullptr) {
   }
-  // What is unknown, and what is too long.
-  EXPECT_FALSE(vx_ts_gethostbyname(nullptr) || vx_ts_gethostbyname("   ") ||
-               vx_ts_gethostbyname("over") || vx_ts_gethostbyaddr(nullptr, 4, AF_INET) ||
-               vx_ts_gethostbyaddr(&full, 1, AF_INET) || vx_ts_gethostbyaddr(&full, 4, AF_INET));
+  EXPECT_FALSE(vx_ts_gethostbyname(nullptr) || vx_ts_gethostbyname("over") ||
+               vx_ts_gethostbyaddr(nullptr, 4, AF_INET) || vx_ts_gethostbyaddr(&full, 1, AF_INET) ||
+               vx_ts_gethostbyaddr(&full, 4, AF_INET));
   EXPECT_FALSE(vx_ts_getprotobyname(nullptr) || vx_ts_getprotobyname("unknown") ||
                vx_ts_getservbyname(nullptr, nullptr) || vx_ts_getservbyname("snmp", "tcp") ||
                vx_ts_getservbyname("long", nullptr) || vx_ts_getservbyport(htons(161), "tcp") ||
@@ -60,17 +59,11 @@ TEST_F(LookUpTest, EachFindsItsOwnInItsOwnPlace) {
 }
 
 TEST(TimeLookUp, EachHasAPlaceInEachThread) {
-  setenv("TZ", "UTC-1", 1);
-  tzset();
   const time_t second = 1'000'000'000, other = 0;
-  const tm *utc = vx_ts_gmtime(&second), *local = vx_ts_localtime(&second);
-  const char* text = vx_ts_ctime(&other);
-  EXPECT_STREQ(vx_ts_asctime(utc), "Sun Sep  9 01:46:40 2001\n");
-  EXPECT_STREQ(text, "Thu Jan  1 01:00:00 1970\n");
+  const tm *utc = vx_ts_gmtime(&second), *local = vx_ts_localtime(&other);
   in_threads(2, [&](int) { EXPECT_NE(vx_ts_gmtime(&other), utc); });
-  EXPECT_TRUE(utc->tm_year == 101 && local->tm_hour == 2);
-  unsetenv("TZ");
-  tzset();
+  EXPECT_STREQ(vx_ts_asctime(utc), "Sun Sep  9 01:46:40 2001\n");
+  EXPECT_STREQ(vx_ts_ctime(&other), asctime(local));
 }
 
 TEST(RandomNumbers, StartFromTimeProcessAndSeed) {
@@ -92,14 +85,11 @@ TEST(RandomNumbers, StartFromTimeProcessAndSeed) {
 
 TEST_F(LookUpTest, WhatThisHostAndItsDomainAreCalled) {
   char name[256];
-  EXPECT_EQ(vx_gethostname(name, sizeof name), 0);
-  EXPECT_STREQ(name, lab::kHostName);
+  EXPECT_TRUE(vx_gethostname(name, sizeof name) == 0 && strcmp(name, lab::kHostName) == 0);
   EXPECT_EQ(vx_gethostname(name, 3), -1);
   EXPECT_EQ(vx_error_get_last(), vx_error_from_errno(ENAMETOOLONG));
-
-  const std::string domain = "/proc/sys/kernel/domainname";  // valgrind has no setdomainname
   for (const auto& [set, told] : {std::pair{"Example.NET", "example.net"}, {"(none)", ""}}) {
-    lab::write_file(domain, set);
+    lab::write_file("/proc/sys/kernel/domainname", set);  // valgrind has no setdomainname
     EXPECT_EQ(vx_getdomainname(name, strlen(told) + 1), 0);
     EXPECT_STREQ(name, told);
     EXPECT_EQ(vx_getdomainname(name, strlen(told)), -1);
@@ -107,25 +97,23 @@ TEST_F(LookUpTest, WhatThisHostAndItsDomainAreCalled) {
   }
 }
 
-// The name is read once per process, so each case is a process of its own.
 TEST_F(LookUpTest, TheLocalHost) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const std::string hosts_before = lab::read_file("/etc/hosts");
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // the name is read once per process
+  const std::string hosts = lab::read_file("/etc/hosts"), wanted(255, 'l');
   lab::write_file("/etc/hosts", "192.0.2.1 " + std::string(300, 'L') + " long\n");
-  for (const auto& [host, wanted] :
-       {std::pair{"long", std::string(255, 'l')}, {"no", "localhost"}}) {
-    auto in_child = [&wanted = wanted] {
-      char name[512], cut[5];
-      if (vx_getlocalhost(name, sizeof name) != name || wanted != name) _exit(1);
+  for (const auto& [host, name] : {std::pair{"long", wanted.c_str()}, {"no", "localhost"}}) {
+    auto tell = [] {
+      char whole[512], cut[5];
+      vx_getlocalhost(whole, sizeof whole);
       lab::set_host_name("later");
-      vx_getlocalhost(cut, sizeof cut);
-      _exit(wanted.substr(0, 4) == cut ? 0 : 2);
+      fprintf(stderr, "%s %s", whole, vx_getlocalhost(cut, sizeof cut));
+      _exit(0);
     };
     lab::set_host_name(host);
-    EXPECT_EXIT(in_child(), testing::ExitedWithCode(0), "") << wanted;
+    EXPECT_EXIT(tell(), testing::ExitedWithCode(0), std::string("^") + name + " l...$");
   }
   lab::set_host_name(lab::kHostName);
-  lab::write_file("/etc/hosts", hosts_before);
+  lab::write_file("/etc/hosts", hosts);
 }
 
 }  // namespace
