@@ -55,6 +55,7 @@ class NameTest : public LabTest {
   }
   void TearDown() override {
     if (!IsSkipped()) start_over(hosts_before_, 0);
+    Debug = 0;
   }
 
   static void start_over(const std::string& hosts = kHosts, int64_t time = 1'000'000'000) {
@@ -67,7 +68,6 @@ class NameTest : public LabTest {
     resolver_is_down = false;
     clu_set_localvirthost_hook(nullptr);
     interfaces = nullptr;
-    Debug = time != 0 ? -1 : 0;
   }
 
  private:
@@ -116,6 +116,7 @@ TEST_F(NameTest, NamesStandBeforeAddresses) {
       EXPECT_EQ(names_of(dns_cache_resolve(&dns_hostlist_cache, name, now)), wanted);
     });
     EXPECT_TRUE(text.ends_with(told) && text.empty() == told.empty()) << text;
+    Debug = -1;
     EXPECT_EQ(is_myname("mail"), hook("mail"));
   }
 }
