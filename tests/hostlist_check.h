@@ -17,8 +17,7 @@ inline std::string hostlist_fault(const hostlist_cache& cache) {
     if (i > 0 && strcasecmp(cache.table[i - 1]->name, entry->name) >= 0) return "not sorted";
     if (entry->state == HOST_STALE) ++stale;
     const host_entry* host = entry->state == HOST_STALE ? nullptr : entry->primary;
-    if (host == nullptr && (entry->primary != entry || entry->next != nullptr))
-      return "stale chain";
+    if (host == nullptr && (entry->primary != entry || entry->next)) return "a stale chain";
     if (hostlist_cache_host(&cache, entry->name) != host) return "not found";
     if (host != entry) continue;
     local_host_seen |= entry == cache.local_host;
