@@ -2,6 +2,7 @@
 
 #include <sys/time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 
@@ -36,13 +37,21 @@ bool is_pending(const snmp_session* session, const snmp_pdu* pdu) {
   return request != nullptr;
 }
 
+int highest_socket() {
+  int highest = 0;
+  for (const session_entry* entry = Sessions; entry != nullptr; entry = entry->next) {
+    highest = std::max(highest, entry->state->socket);
+  }
+  return std::min(highest, kVxFdSetSize - 1);
+}
+
 // Waits once for a message or for the next expiry, and lets the engine handle it.
 void wait_once() {
   int count = 0;
   int block = 1;
   timeval timeout{};
-  vx_fd_set readable;
-  VX_FD_ZERO(&readable);
+  vx_fd_set readable;  // cleared as far as it is looked at, which is not far
+  VX_FD_ZERO_UP_TO(highest_socket(), &readable);
   snmp_select_info(&count, &readable, &timeout, &block);
   int ready = vx_select(count, &readable, nullptr, nullptr, &timeout);
   if (ready > 0) {

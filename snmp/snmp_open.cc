@@ -32,9 +32,9 @@ void seed_request_ids() {
 
 // A new entry at the head of Sessions; null without memory.
 session_entry* add_entry(const snmp_session* session_template) {
-  c_unique_ptr<session_entry> entry(static_cast<session_entry*>(calloc(1, sizeof(session_entry))));
-  c_unique_ptr<session_state> state(static_cast<session_state*>(calloc(1, sizeof(session_state))));
-  c_unique_ptr<snmp_session> session(static_cast<snmp_session*>(malloc(sizeof(snmp_session))));
+  c_unique_ptr<session_entry> entry(c_new<session_entry>());
+  c_unique_ptr<session_state> state(c_new<session_state>());
+  c_unique_ptr<snmp_session> session(c_new<snmp_session>());
   if (entry == nullptr || state == nullptr || session == nullptr) return nullptr;
   state->socket = -1;
   *session = *session_template;

@@ -5,6 +5,7 @@
 #include <iterator>
 #include <memory>
 
+#include "liblocal/threads/c_memory.h"
 #include "snmp/asn1.h"
 
 const uint64_t default_enterprise[9] = {1, 3, 6, 1, 4, 1, 3, 1, 1};
@@ -85,7 +86,7 @@ long count_vars(const snmp_pdu* pdu) {
 }  // namespace
 
 snmp_pdu* snmp_pdu_create(int32_t command) {
-  auto* pdu = static_cast<snmp_pdu*>(calloc(1, sizeof(snmp_pdu)));
+  auto* pdu = c_new<snmp_pdu>();
   if (pdu == nullptr) return nullptr;
   pdu->command = command;
   pdu->error_status = -1;
@@ -108,7 +109,7 @@ void snmp_free_pdu(snmp_pdu* pdu) {
 }
 
 snmp_var* snmp_new_var(snmp_var** link) {
-  *link = static_cast<snmp_var*>(calloc(1, sizeof(snmp_var)));
+  *link = c_new<snmp_var>();
   return *link;
 }
 

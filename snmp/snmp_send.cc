@@ -108,7 +108,7 @@ int32_t snmp_send(snmp_session* session, snmp_pdu* pdu) {
   // remembered.
   c_unique_ptr<request_record> request;
   if (gets_response(pdu->command)) {
-    request.reset(static_cast<request_record*>(calloc(1, sizeof(request_record))));
+    request.reset(c_new<request_record>());
     if (request == nullptr) return fail(kSnmpErrGeneric);
   }
   timeval sent_at = now();
