@@ -13,7 +13,6 @@
 #include "snmp/snmp_client.h"
 #include "tests/failing_calls.h"
 #include "tests/failing_malloc.h"
-#include "tests/heap.h"
 #include "tests/lab.h"
 #include "tests/printed.h"
 
