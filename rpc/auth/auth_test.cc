@@ -1,7 +1,6 @@
 // The authentication flavours none and system.
 #include "rpc/auth/auth.h"
 
-#include <gmock/gmock.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -10,7 +9,6 @@
 #include "rpc/auth/a_none.h"
 #include "rpc/auth/a_unix.h"
 #include "rpc/auth/auth_choice.h"
-#include "tests/printed.h"
 #include "tests/stand_ins.h"
 #include "tests/threads.h"
 #include "tests/xdr_streams.h"
@@ -80,12 +78,8 @@ TEST_F(AuthSystem, SendsAndBoundsItsParameters) {
   const gid_t groups[18] = {};
   for (auto [name, count, made] :
        {std::tuple{255U, 17U, true}, {256U, 0U, false}, {0U, 18U, false}}) {
-    const std::string text = printed(3, [&, name = name, count = count] {
-      auth_.reset(__brix_authsys_create(std::string(name, 'n').c_str(), 0, 0, count, groups));
-    });
+    auth_.reset(__brix_authsys_create(std::string(name, 'n').c_str(), 0, 0, count, groups));
     EXPECT_EQ(auth_ != nullptr, made) << name << " " << count;
-    EXPECT_THAT(text, testing::HasSubstr(
-                          made ? "Client successfully authenticated using AUTH_UNIX\n" : ""));
   }
   for (int granted = 0; auth_ == nullptr; ++granted) {
     FailingMalloc failing(granted);

@@ -10,22 +10,16 @@ namespace {
 
 // A client whose last call came to `failure`.
 struct Failed {
-  CLIENT client;
-  rpc_err failure = {};
-
   explicit Failed(int status, long s1 = 0, long s2 = 0) {
-    static constexpr clnt_ops kOps = {nullptr,
-                                      nullptr,
-                                      [](CLIENT* self, rpc_err* error) {
-                                        *error = static_cast<Failed*>(self->private_data)->failure;
-                                      },
-                                      nullptr,
-                                      nullptr,
-                                      nullptr};
-    client = {nullptr, &kOps, this};
     failure.status = static_cast<clnt_stat>(status);
     failure.other = {s1, s2};
   }
+  static void tell(CLIENT* client, rpc_err* error) {
+    *error = static_cast<Failed*>(client->private_data)->failure;
+  }
+  static constexpr clnt_ops kOps = {nullptr, nullptr, tell, nullptr, nullptr, nullptr};
+  CLIENT client = {nullptr, &kOps, this};
+  rpc_err failure = {};
 };
 
 TEST(RpcTexts, TellsTheDetail) {

@@ -97,15 +97,6 @@ TEST(RpcMessage, TellsWhatAReplyMeans) {
     EXPECT_EQ(result, error.status == RPC_SUCCESS ? 42 : 0);
     EXPECT_EQ(encoded(xdr_filter<__brix_xdr_replymsg>, &message), to_hex(from_hex(test.hex)));
   }
-  // No filter gives these.
-  rpc_err error;
-  rpc_reply_message denied = {};
-  denied.state = 1, denied.denied.state = 5;
-  __brix_seterr_reply(&denied, &error);
-  EXPECT_TRUE(error.status == RPC_FAILED && error.other.s1 == 1 && error.other.s2 == 5);
-  denied.state = 7;
-  __brix_seterr_reply(&denied, &error);
-  EXPECT_TRUE(error.status == RPC_FAILED && error.other.s1 == 7 && error.other.s2 == 0);
 }
 
 TEST(RpcMessage, ReleasesRepliesThatFailHalfWay) {

@@ -18,6 +18,8 @@
 
 namespace {
 
+using testing::HasSubstr;
+
 // 192.0.2.99, which is not one of this host's.
 const sockaddr_in kElsewhere = {AF_INET, 0, {htonl(0xC0000263)}, {}};
 
@@ -55,21 +57,17 @@ class BindTest : public testing::Test {
 };
 
 TEST_F(BindTest, WithoutRangesTheSystemChooses) {
-  EXPECT_EQ(told(4, kPortConnection, nullptr, 0), "");
-  EXPECT_THAT(told(5, kPortConnection, nullptr, 0),
-              testing::EndsWith("socket bound to arbitrary port\n"));
-  EXPECT_EQ(told(2, kPortConnection, &kElsewhere, -EADDRNOTAVAIL), "");
+  EXPECT_EQ(told(4, kPortConnection, nullptr, 0) + told(2, kPortConnection, &kElsewhere, -99), "");
+  EXPECT_THAT(told(5, kPortConnection, nullptr, 0), HasSubstr("socket bound to arbitrary port\n"));
   EXPECT_THAT(told(3, kPortConnection, &kElsewhere, -EADDRNOTAVAIL),
-              testing::EndsWith("socket bind to arbitrary port failed (errno 99)\n"));
+              HasSubstr("socket bind to arbitrary port failed (errno 99)\n"));
   const sockaddr_in foreign = {AF_INET6, 0, {}, {}};
   EXPECT_EQ(bind_new(kPortConnection, &foreign), -EPFNOSUPPORT);
   for (int32_t type : {-1, 3}) {
     EXPECT_EQ(bind_new(type), -EINVAL);
-    EXPECT_EQ(rpcport_count(type), 0);
-    EXPECT_EQ(rpcport_add_range(1, 2, type), -1);
+    EXPECT_TRUE(rpcport_count(type) == 0 && rpcport_add_range(1, 2, type) == -1);
   }
   EXPECT_TRUE(rpcport_add_range(0, 2, 0) == -1 && rpcport_add_range(3, 2, 0) == -1);
-  EXPECT_EQ(errno, EINVAL);
   FailingMalloc nothing(0);
   EXPECT_EQ(rpcport_add_range(1, 2, 0), -1);
   EXPECT_EQ(errno, ENOMEM);
@@ -92,30 +90,21 @@ TEST_F(BindTest, ThreadsFindEveryPortOfTheRanges) {
 
 TEST_F(BindTest, OnlyAPortInUseLeadsToAnotherTry) {
   EXPECT_THAT(printed(8, [] { (void)rpcport_add_range(41000, 41001, kPortService); }),
-              testing::EndsWith("Adding range 41000-41001 to \"service\" port type.\n"));
+              HasSubstr("Adding range 41000-41001 to \"service\" port type.\n"));
   for (int i = 0; i < 2; ++i) {
-    EXPECT_THAT(told(5, kPortService, nullptr, 0), testing::HasSubstr("socket bound to port 4100"));
+    EXPECT_THAT(told(5, kPortService, nullptr, 0), HasSubstr("socket bound to port 4100"));
   }
   EXPECT_THAT(told(3, kPortService, &kElsewhere, -EADDRNOTAVAIL),
-              testing::HasSubstr("(errno 99) Cannot assign requested address\n"));
+              HasSubstr("(errno 99) Cannot assign requested address\n"));
   const std::string lines = told(5, kPortService, nullptr, -EADDRNOTAVAIL);
-  EXPECT_THAT(lines, testing::HasSubstr(", Address already in use\n, retrying..."));
-  EXPECT_EQ(std::count(lines.begin(), lines.end(), '.'), 9 * 3) << "seven at random, and each";
-}
-
-TEST_F(BindTest, ATransportTellsOfAPortThatItCannotHave) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  auto failure = [] {
-    const int taken = rpc_open_client_socket(SOCK_DGRAM, 0);
-    sockaddr_in own{};
-    socklen_t size = sizeof own;
-    getsockname(taken, reinterpret_cast<sockaddr*>(&own), &size);
-    const uint16_t port = ntohs(own.sin_port);
-    const bool failed = rpcport_add_range(port, port, kPortConnection) == 0 &&
-                        rpc_open_client_socket(SOCK_DGRAM, 0) == -1;
-    return failed ? __get_rpc_createerr()->cause.error_number : 0;
-  };
-  EXPECT_EXIT(_exit(failure()), testing::ExitedWithCode(EADDRNOTAVAIL),
+  EXPECT_THAT(lines, HasSubstr(", Address already in use\n, retrying..."));
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 9) << "seven at random, and each";
+  // A client tells of it.
+  EXPECT_EXIT(_exit(rpcport_add_range(41000, 41001, kPortConnection) == 0 &&
+                            rpc_open_client_socket(SOCK_DGRAM, 0) == -1
+                        ? __get_rpc_createerr()->cause.error_number
+                        : 0),
+              testing::ExitedWithCode(EADDRNOTAVAIL),
               "Cannot bind socket to connection port in configured port range on system lab-host");
 }
 
