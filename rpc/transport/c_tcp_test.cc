@@ -503,9 +503,12 @@ TEST_F(TcpTest, FailuresToConnect) {
                {EINTR, 1, server.port(), 0},
                {EADDRINUSE, 5, server.port(), 0}};
   for (const auto& [refused, times, port, error] : cases) {
+    stand_ins::now = svc_time() + 1;
     refuse(failing_calls::connects, refused, times);
     EXPECT_EQ(error_of(port), error) << refused;
+    EXPECT_EQ(svc_time(), stand_ins::now) << "a new service time has begun";
   }
+  stand_ins::now = 0;
   // Addresses in use are tried twice for each port; those of a process stay configured.
   auto tries_with_two_ports = [&error_of] {
     refuse(failing_calls::connects, EADDRINUSE, 100);
@@ -514,17 +517,6 @@ TEST_F(TcpTest, FailuresToConnect) {
     return failed ? 100 - failing_calls::connects.left : 0;
   };
   EXPECT_EXIT(_exit(tries_with_two_ports()), testing::ExitedWithCode(4), "");
-}
-
-TEST_F(TcpTest, CreationBeginsANewServiceTime) {
-  stand_ins::now = 1000;
-  svc_time_reset();
-  EXPECT_EQ(svc_time(), 1000);
-  stand_ins::now = 2000;
-  create(lab::kTcp, kNobody);
-  EXPECT_EQ(svc_time(), 2000);
-  stand_ins::now = 0;
-  svc_time_reset();
 }
 
 // What follows needs a process each, whose peer ends before it does.

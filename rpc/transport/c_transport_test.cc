@@ -113,7 +113,6 @@ TEST_P(TransportTest, RefreshAndFallback) {
       {"two at most", 99, kTooWeak, 9, false, 3, 99, kAuthMethodsDefault},
       {"nothing weaker than 99", 99, kRejected, 0, false, 1, 99, kAuthMethodsDefault},
       {"system to none", kAuthSystem, kRejected, 9, false, 2, kAuthNone, kAuthMethodsDefault},
-      {"the strong to system", 30001, kTooWeak, 0, false, 1, 30001, kAuthMethodsDefault},
       {"not when it was confirmed", kAuthSystem, kRejected, 1, true, 2, 1, kAuthMethodsDefault},
       {"not for another reason", kAuthSystem, kTooWeak, 0, false, 1, 1, kAuthMethodsDefault},
       {"the first word counts", kAuthSystem, kVersion2, 0, false, 2, 0, kAuthMethodsDefault},
