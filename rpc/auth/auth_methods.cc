@@ -23,16 +23,13 @@ void rpc_install_auth_methods(rpc_auth_methods_lookup lookup) {
 }
 
 uint32_t rpc_allowed_auth_methods(const sockaddr_in* server) {
-  uint32_t methods = kAuthMethodsDefault;
-  bool installed = false;
-  bool found = false;
+  const char* reason = nullptr;
   {
     VxMutexLock lock(process_lock());
-    installed = table != nullptr;
-    found = installed && table(server, &methods);
+    uint32_t methods = 0;
+    if (table != nullptr && table(server, &methods)) return methods;
+    reason = table != nullptr ? "Error on getting auth methods" : "Auth methods not set";
   }
-  if (found) return methods;
-  dfprintf(1, installed ? "Error on getting auth methods, using default\n"
-                        : "Auth methods not set, using default\n");
+  dfprintf(1, "%s, using default\n", reason);
   return kAuthMethodsDefault;
 }

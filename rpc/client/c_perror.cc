@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr int32_t kCatalogSet = 21;
-
 struct CatalogText {
   int32_t number;
   const char* text;
@@ -61,9 +59,9 @@ void append_auth_state(ThreadText* text, int32_t state) {
   text->append("; why = ");
   if (state >= kAuthOk && state <= kAuthFailed) {
     const CatalogText& entry = kAuthStateTexts[state];
-    text->append("%s", vxcatgets(Catd, kCatalogSet, entry.number, entry.text));
+    text->append("%s", vxcatgets(Catd, kRpcMessageSet, entry.number, entry.text));
   } else {
-    text->append(vxcatgets(Catd, kCatalogSet, 21, "(unknown authentication error - %d)"), state);
+    text->append(vxcatgets(Catd, kRpcMessageSet, 21, "(unknown authentication error - %d)"), state);
   }
 }
 
@@ -75,7 +73,7 @@ void append_detail(ThreadText* text, const rpc_err& error) {
       break;
     case RPC_VERSMISMATCH:
     case RPC_PROGVERSMISMATCH:
-      text->append(vxcatgets(Catd, kCatalogSet, 20, "; low version = %lu, high version = %lu"),
+      text->append(vxcatgets(Catd, kRpcMessageSet, 20, "; low version = %lu, high version = %lu"),
                    error.versions.low, error.versions.high);
       break;
     case RPC_AUTHERROR:
@@ -96,7 +94,7 @@ const char* __brix_clnt_sperrno(int32_t code) {
   init_rpc_errlist();
   // The table is empty again once the process has released it at its end.
   bool known = code >= RPC_SUCCESS && code < kRpcErrorCodes && rpc_errlist[code] != nullptr;
-  return known ? rpc_errlist[code] : vxcatgets(Catd, kCatalogSet, 50, "Unknown error code");
+  return known ? rpc_errlist[code] : vxcatgets(Catd, kRpcMessageSet, 50, "Unknown error code");
 }
 
 char* clnt_sperror_rpc_err(const rpc_err* error, const char* prefix) {

@@ -24,7 +24,7 @@ bool bind_to_connection_port(int descriptor) {
   if (__brix_bindresvport(descriptor, nullptr, kPortConnection) == 0) return true;
   rpc_set_createerr(RPC_SYSTEMERROR, errno);
   char host[256];
-  printerr(vxcatgets(Catd, 21, 164,
+  printerr(vxcatgets(Catd, kRpcMessageSet, 164,
                      "Cannot bind socket to connection port in configured port range on system "
                      "%s.\n"),
            vx_getlocalhost(host, sizeof host));
