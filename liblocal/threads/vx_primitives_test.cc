@@ -17,6 +17,7 @@
 #include "liblocal/threads/vx_mutex.h"
 #include "liblocal/threads/vx_once.h"
 #include "liblocal/threads/vx_reference.h"
+#include "liblocal/threads/vx_select.h"
 #include "liblocal/threads/vx_thread.h"
 #include "liblocal/threads/vx_threadstorage.h"
 #include "tests/failing_malloc.h"
@@ -128,6 +129,20 @@ TEST(VxError, EachThreadHasItsOwnAndMessagesAreCut) {
   EXPECT_STREQ(text, "xxxxxxxx");
   vx_error_get_message(text, 4);
   EXPECT_EQ(std::string(text, 8), std::string("Ope\0xxxx", 8));
+}
+
+TEST(VxSelect, SetsHoldWhatTheyCanName) {
+  static vx_fd_set sets[3];  // what lies before and behind the middle one stays empty
+  for (int fd : {-1, 0, 63, 64, 65535, 65536}) {
+    VX_FD_SET(fd, &sets[1]);
+    EXPECT_EQ(VX_FD_ISSET(fd, &sets[1]), fd >= 0 && fd < 65536) << fd;
+  }
+  VX_FD_ZERO_UP_TO(64, &sets[1]);
+  for (int fd : {0, 63, 64}) EXPECT_FALSE(VX_FD_ISSET(fd, &sets[1])) << fd;
+  EXPECT_TRUE(VX_FD_ISSET(65535, &sets[1]));
+  VX_FD_ZERO(&sets[1]);
+  const vx_fd_set empty = {};
+  for (const vx_fd_set& set : sets) EXPECT_EQ(memcmp(&set, &empty, sizeof empty), 0);
 }
 
 int runs;  // plain: vx_once itself must order the write before the reads
@@ -260,6 +275,7 @@ TEST(VxReference, TheLowestFreeSlotIsTaken) {
     FailingMalloc shortage(granted);
     const size_t before = taken;
     while (take(probes[taken])) ++taken;
+    EXPECT_EQ(probes[taken].header.slot, -1);
     EXPECT_EQ(vx_error_get_last(), 53);
     return taken - before;
   };
