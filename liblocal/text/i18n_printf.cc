@@ -189,7 +189,8 @@ bool print_plain_integer(Output* output, const I18nConversion& conversion) {
   const bool wide = conversion.kind == I18nKind::kLong;
   const bool negative =
       letter != 'u' && letter != 'x' && (wide ? value : static_cast<int>(value)) < 0;
-  auto bits = static_cast<uint64_t>(negative ? -static_cast<uint64_t>(value) : value);
+  auto bits = static_cast<uint64_t>(value);
+  if (negative) bits = -bits;
   if (!wide) bits = static_cast<uint32_t>(bits);
   char digits[20];
   const char* end =
