@@ -17,11 +17,7 @@
 #include "tests/locales.h"
 #include "tests/printed.h"
 
-namespace {
-
-const char* language = nullptr;
-
-}  // namespace
+static const char* language = nullptr;
 
 // What the linker puts in the place of get_lang_subdir.
 extern "C" const char* __wrap__Z15get_lang_subdirv() { return language; }
@@ -35,17 +31,13 @@ TEST(Locales, Names) {
       "ja_JP.PCK ja_JP.sjis  japan ja_JP.EUC  ja ja_JP.EUC  ja_JP ja_JP.EUC  japanese ja_JP.EUC "
       "fr fr_FR.8859-1  de de_DE.8859-1  chinese zh_CN.GB2312-80  zh zh_CN.GB2312-80 "
       "de_DE.ISO8859-1 de_DE.8859-1  sv.iso88591 sv.8859-1  de_DE.ISO8859-15 de_DE.ISO8859-15 "
-      "sv sv  a.b.eucJP a.b.eucJP");
-  char buffer[kLocaleNameSize];
+      "sv sv  a.b.eucJP a.b.eucJP " +
+      std::string(127, 'x') + " " + std::string(127, 'x') + " " + std::string(128, 'x') + " -");
   for (std::string name, wanted; cases >> name >> wanted;) {
-    strcpy(buffer, "-");
+    char buffer[kLocaleNameSize] = "-";
     EXPECT_EQ(normalise_locale(name.c_str(), buffer), wanted != "-") << name;
     EXPECT_EQ(buffer, wanted) << name;
   }
-  const std::string longest(127, 'x');
-  EXPECT_TRUE(normalise_locale(longest.c_str(), buffer));
-  EXPECT_EQ(buffer, longest);
-  EXPECT_FALSE(normalise_locale((longest + "x").c_str(), buffer));
 }
 
 TEST(Locales, SetUp) {
@@ -67,42 +59,42 @@ TEST(Locales, SetUp) {
   });
 }
 
-// A catalog in `place`, made by the platform's own compiler.
-void make_catalog(const TemporaryDirectory& place, const std::string& name,
-                  const std::string& messages) {
-  lab::write_file(place.path() + "/source", messages);
-  lab::Command compile;
-  compile.words = {"/usr/bin/gencat", place.path() + "/" + name, place.path() + "/source"};
-  ASSERT_EQ(lab::run(compile).status, 0);
-}
+// Catalogs made by the platform's own compiler, to be found by name.
+struct Catalogs {
+  explicit Catalogs(const std::vector<std::pair<std::string, std::string>>& texts) {
+    for (const auto& [name, messages] : texts) {
+      lab::write_file(place.path() + "/source", messages);
+      lab::Command compile;
+      compile.words = {"/usr/bin/gencat", place.path() + "/" + name, place.path() + "/source"};
+      EXPECT_EQ(lab::run(compile).status, 0);
+    }
+    setenv("NLSPATH", (place.path() + "/%N").c_str(), 1);
+  }
+  TemporaryDirectory place;
+};
 
 TEST(Catgets, Opens) {
   in_locale("", [] {
-    TemporaryDirectory place;
-    make_catalog(place, "vaultmre.cat", "$set 41\n264 #0\n");  // a marker of another set
-    make_catalog(place, "new.one", "$set 17\n264 #1\n");
-    make_catalog(place, "old.cat", "$set 17\n264 #0\n");
-    make_catalog(place, "longer.cat", "$set 17\n264 #1 \n");
-    setenv("NLSPATH", (place.path() + "/%N").c_str(), 1);
+    Catalogs catalogs({{"vaultmre.cat", "$set 41\n264 #0\n"},  // a marker of another set
+                       {"new.one", "$set 17\n264 #1\n"},
+                       {"old.cat", "$set 17\n264 #0\n"}});
     EXPECT_EQ(vxcatopen("kiv", 0), -1) << "without a language";
     language = "de";
     const std::string most(kPathSize - 5, 'x'), more(kPathSize - 4, 'x');
-    const std::tuple<const char*, std::string, const char*> cases[] = {
+    const std::tuple<const char*, std::string, std::string> cases[] = {
         {"kiv", "vaultmre.cat", "found"},
         {nullptr, "vaultmre.cat", "found"},
         {"new.one", "new.one", "found"},
         {"new", "new.cat", "NOT found"},
         {"old", "old.cat", "incompatible version"},
-        {"longer", "longer.cat", "incompatible version"},
         {most.c_str(), most + ".cat", "NOT found"},
         {more.c_str(), more + ".cat", "NOT found"}};
     for (const auto& [name, file, outcome] : cases) {
-      SCOPED_TRACE(file.substr(0, 20));
       for (int level : {0, 1}) {
         int64_t catalog = -1;
         EXPECT_EQ(printed(level, [&, name = name] { catalog = vxcatopen(name, 0); }),
                   level == 0 ? "" : "kivtrap: Message catalog \"" + file + "\" " + outcome + ".\n");
-        EXPECT_EQ(catalog != -1, outcome == std::string("found"));
+        EXPECT_EQ(catalog != -1, outcome == "found");
         EXPECT_TRUE(catalog == -1 || vxcatclose(catalog) == 0);
       }
     }
@@ -111,14 +103,11 @@ TEST(Catgets, Opens) {
 
 TEST(Catgets, LooksUp) {
   in_locale("", [] {
-    TemporaryDirectory place;
     std::string letters;
     for (int i = 10; i <= 17; ++i) letters += std::to_string(i) + " <" + std::to_string(i) + ">\n";
-    make_catalog(place, "vaultmre.cat", "$set 17\n" + letters + "$set 41\n22 benutze\n264 vier\n");
-    setenv("NLSPATH", (place.path() + "/%N").c_str(), 1);
+    Catalogs catalogs({{"kiv.x", "$set 17\n" + letters + "$set 41\n22 benutze\n264 vier\n"}});
     language = "de";
-    Catd = vxcatopen("kiv", 0);
-    ASSERT_NE(Catd, -1);
+    Catd = vxcatopen("kiv.x", 0);
     const char* text = "usage";
     EXPECT_EQ(vxcatgets(Catd, 41, 22, text), text) << "before the initialisation has ended";
     EXPECT_STREQ(vxcatgets(Catd, 41, 264, text), "vier");
@@ -137,30 +126,23 @@ TEST(Catgets, LooksUp) {
         const std::string answer = "<" + std::to_string(i) + "> and more";
         EXPECT_EQ(is_answer(answer.c_str()), i == number || i == number + 1 ? 1 : 0) << number << i;
       }
-      EXPECT_EQ(is_answer("<1"), 0) << number;
     }
-    EXPECT_STREQ(i18n_char_no(), "<11>");
-    EXPECT_STREQ(i18n_char_rename(), "<15>");
-    EXPECT_STREQ(i18n_char_yes(), "<17>");
+    EXPECT_EQ(std::string(i18n_char_no()) + i18n_char_rename() + i18n_char_yes(), "<11><15><17>");
     EXPECT_EQ(vxcatclose(Catd), 0);
   });
 }
 
 TEST(Answers, Letters) {
-  const std::tuple<int (*)(const char*), char, const char*> cases[] = {
-      {is_no, 'n', i18n_char_no()},
-      {is_quit, 'q', nullptr},
-      {is_rename, 'r', i18n_char_rename()},
-      {is_yes, 'y', i18n_char_yes()}};
-  for (const auto& [is_answer, letter, shown] : cases) {
-    const char upper = static_cast<char>(letter - 'a' + 'A');
+  const std::pair<int (*)(const char*), char> cases[] = {
+      {is_no, 'N'}, {is_quit, 'Q'}, {is_rename, 'R'}, {is_yes, 'Y'}};
+  for (const auto& [is_answer, letter] : cases) {
     for (int c = 1; c < 128; ++c) {
       const char answer[] = {static_cast<char>(c), 'x', '\0'};
-      EXPECT_EQ(is_answer(answer), c == letter || c == upper ? 1 : 0) << answer << letter;
+      EXPECT_EQ(is_answer(answer), c == letter || c == letter + 32 ? 1 : 0) << answer << letter;
     }
     EXPECT_EQ(is_answer("") + is_answer(nullptr), 0);
-    EXPECT_TRUE(shown == nullptr || shown == std::string(1, upper));
   }
+  EXPECT_EQ(std::string(i18n_char_no()) + i18n_char_rename() + i18n_char_yes(), "NRY");
 }
 
 TEST(I18n3, JoinsAndRotates) {

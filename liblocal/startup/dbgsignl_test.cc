@@ -154,8 +154,8 @@ TEST_F(DebugCommand, TheActionBlocksOthersAndRestartsNothing) {
     }
     return signals;
   };
-  std::set<int> wanted = {SIGHUP,  SIGINT,  SIGPIPE, SIGALRM, SIGTERM,
-                          SIGUSR1, SIGUSR2, SIGCHLD, SIGXCPU, SIGXFSZ};
+  std::set wanted = {SIGHUP,  SIGINT,  SIGPIPE, SIGALRM, SIGTERM,
+                     SIGUSR1, SIGUSR2, SIGCHLD, SIGXCPU, SIGXFSZ};
   EXPECT_EQ(blocked(action), wanted);
   later.sa_handler = SIG_IGN;
   sigaddset(&later.sa_mask, SIGQUIT);
@@ -187,12 +187,12 @@ TEST(DebugCheck, WhoWaits) {
       Force_debug = force;
       programs != nullptr ? setenv("KIV_DEBUGPROCS", programs, 1) : unsetenv("KIV_DEBUGPROCS");
       waits_for_debugger = 2;
-      std::string line;
-      if (waits_as != nullptr && level == 0) {
-        line = std::string("kivtrap: ") + waits_as + " (" + std::to_string(getpid()) +
-               ") waiting to be debugged\n";
+      std::string lines;
+      for (int i = 0; waits_as != nullptr && level == 0 && i < 2; ++i) {
+        lines += std::string("kivtrap: ") + waits_as + " (" + std::to_string(getpid()) +
+                 ") waiting to be debugged\n";
       }
-      EXPECT_EQ(printed(level, [path = path] { debug_check(path); }), line + line) << path;
+      EXPECT_EQ(printed(level, [path = path] { debug_check(path); }), lines) << path;
       EXPECT_EQ(waits_for_debugger, waits_as != nullptr ? 0 : 2) << path;
       EXPECT_EQ(Force_debug, 0);
     }
