@@ -13,16 +13,14 @@
 /// A new directory that goes with the object.
 class TemporaryDirectory {
  public:
-  TemporaryDirectory() {
-    char name[] = "/tmp/kiv-test-XXXXXX";
-    path_ = mkdtemp(name);
-  }
+  TemporaryDirectory() : path_(mkdtemp(name_)) {}
   ~TemporaryDirectory() { std::filesystem::remove_all(path_); }
   TemporaryDirectory(const TemporaryDirectory&) = delete;
   TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
   const std::string& path() const { return path_; }
 
  private:
+  char name_[32] = "/tmp/kiv-test-XXXXXX";
   std::string path_;
 };
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <optional>
 #include <set>
 
 #include "liblocal/messages/debug.h"
@@ -41,11 +42,8 @@ class DebugCommand : public testing::Test {
   }
 
   // What the process writes when signalled, with `text` in the command file.
-  static std::string told(const std::string& text) {
-    lab::write_file(Dbgcmdpath, text);
-    return told();
-  }
-  static std::string told() {
+  static std::string told(std::optional<std::string> text = {}) {
+    if (text) lab::write_file(Dbgcmdpath, *text);
     testing::internal::CaptureStderr();
     errno = EBUSY;
     raise(SIGUSR2);
@@ -95,25 +93,22 @@ TEST_F(DebugCommand, Commands) {
 
 TEST_F(DebugCommand, WhatIsTold) {
   const std::string name(1000, 'n'), value = "-1234567890123456789012";  // 1024 bytes with '='
-  Debug = 2;
-  EXPECT_EQ(told(name + "=" + value), "");
-  Debug = 3;
-  EXPECT_EQ(told(name + "=" + value),
-            "kivtrap: " + value + " is an invalid value for " + name + "\n");
-  for (int level : {-1, 0}) {
+  for (int level : {-1, 0, 2, 3}) {
     Debug = level;
+    EXPECT_EQ(told(name + "=" + value),
+              level < 3 ? "" : "kivtrap: " + value + " is an invalid value for " + name + "\n");
     Vflag = 1;
     EXPECT_EQ(told("Vflag=2"), level < 0 ? "" : change("Vflag level", 2));
   }
   // The line begins as any other does at that moment, and goes where they go.
   const std::string path = testing::TempDir() + "/debug_lines";
+  Debug = 1;
   dfopen(path.c_str());
   setenv("TZ", "XYZ-05:45", 1);
   tzset();
   vx_set_progname("Renamed.exe");
   stand_ins::now = 1795036118;
   print_timestamps(1);
-  Debug = 1;
   EXPECT_EQ(told("Debug=0"), "");
   print_timestamps(0);
   stand_ins::now = 0;
@@ -181,18 +176,16 @@ TEST(DebugCheck, WhoWaits) {
                {1, 0, "kivtrap", nullptr, nullptr},
                {0, 1, "kivtrap", "", "kivtrap"},
                {0, 0, "kivtrap", "kivtrap", nullptr}};
+  const std::string id = " (" + std::to_string(getpid()) + ") ";
   for (const auto& [me, force, path, programs, waits_as] : cases) {
     for (int level : {-1, 0}) {
       Debug_me = me;
       Force_debug = force;
       programs != nullptr ? setenv("KIV_DEBUGPROCS", programs, 1) : unsetenv("KIV_DEBUGPROCS");
       waits_for_debugger = 2;
-      std::string lines;
-      for (int i = 0; waits_as != nullptr && level == 0 && i < 2; ++i) {
-        lines += std::string("kivtrap: ") + waits_as + " (" + std::to_string(getpid()) +
-                 ") waiting to be debugged\n";
-      }
-      EXPECT_EQ(printed(level, [path = path] { debug_check(path); }), lines) << path;
+      std::string line = level == 0 && waits_as != nullptr ? waits_as : "";
+      if (!line.empty()) line = "kivtrap: " + line + id + "waiting to be debugged\n";
+      EXPECT_EQ(printed(level, [path = path] { debug_check(path); }), line + line) << path;
       EXPECT_EQ(waits_for_debugger, waits_as != nullptr ? 0 : 2) << path;
       EXPECT_EQ(Force_debug, 0);
     }

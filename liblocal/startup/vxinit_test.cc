@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <regex>
 
 #include "liblocal/messages/debug.h"
 #include "liblocal/startup/dbgsignl.h"
@@ -138,15 +139,23 @@ TEST_F(Directories, OfEveryApplication) {
   }
 }
 
-TEST_F(Directories, FirstWordOnTheApplication) {
-  in_locale("", [] {
+TEST_F(Directories, InOtherOrders) {
+  in_locale("", [] {  // a getter comes before the name
     EXPECT_EQ(vx_get_etcdir(), nullptr);
     EXPECT_EQ(find_appdir("kiv"), nullptr);
   });
-  in_locale("", [] {
+  in_locale("", [] {  // the name comes before the installation directory
     EXPECT_STREQ(find_appdir("tarn"), "/tarn");
     EXPECT_STREQ(vx_find_installdir("/start/bin/program"), "/start");
     EXPECT_STREQ(find_appdir(nullptr), "/start");
+  });
+  in_locale("", [] {  // of a long name of the executable's directory 1023 bytes count
+    std::string path = "/start";
+    for (int i = 0; i < 12; ++i) path += "/" + std::string(100, 'n');
+    fs::create_directories(path);
+    fs::current_path(path);
+    lab::write_file("program", "");
+    EXPECT_STREQ(vx_find_installdir("./program"), path.substr(0, path.rfind('/', 1022)).c_str());
   });
 }
 
@@ -165,20 +174,7 @@ TEST_F(Directories, OriginIsFoundOnce) {
   }
 }
 
-// Of a longer name of the executable's directory the first 1023 bytes count.
-TEST_F(Directories, FarDown) {
-  in_locale("", [] {
-    std::string path = "/start";
-    for (int i = 0; i < 12; ++i) path += "/" + std::string(100, 'n');
-    fs::create_directories(path);
-    fs::current_path(path);
-    lab::write_file("program", "");
-    EXPECT_STREQ(vx_find_installdir("./program"), path.substr(0, path.rfind('/', 1022)).c_str());
-    fs::current_path("/");
-  });
-}
-
-class Ids : public LabTest {};
+using Ids = LabTest;
 
 TEST_F(Ids, SwitchBetweenUserAndRoot) {
   if (!lab::has_users()) return skip("no users but root here");
@@ -217,13 +213,11 @@ TEST_F(Ids, SwitchBetweenUserAndRoot) {
         debugprintf("=%d,%d\n", static_cast<int>(getuid()), static_cast<int>(geteuid()));
       }
       std::string lines = lab::read_file(log);
-      for (const auto& [longer, shorter] : {std::pair("kivtrap: ", ""),
-                                            {"set_nonprivileged:", "N"},
-                                            {"set_privileged:", "P"},
-                                            {"\n", "|"}}) {
-        for (size_t at; (at = lines.find(longer)) != lines.npos;) {
-          lines.replace(at, strlen(longer), shorter);
-        }
+      for (std::pair<std::string, const char*> form : {std::pair("kivtrap: ", ""),
+                                                       {"\n", "|"},
+                                                       {"set_nonprivileged:", "N"},
+                                                       {"set_privileged:", "P"}}) {
+        lines = std::regex_replace(lines, std::regex(form.first), form.second);
       }
       EXPECT_EQ(lines, told);
       uid_t ids[4] = {};
