@@ -101,6 +101,10 @@ TEST(Catgets, Opens) {
   });
 }
 
+// Each test of an answer, its first message and the upper-case letter.
+const std::tuple<int (*)(const char*), int, char> kAnswers[] = {
+    {is_no, 10, 'N'}, {is_quit, 12, 'Q'}, {is_rename, 14, 'R'}, {is_yes, 16, 'Y'}};
+
 TEST(Catgets, LooksUp) {
   in_locale("", [] {
     std::string letters;
@@ -119,9 +123,7 @@ TEST(Catgets, LooksUp) {
     EXPECT_EQ(vxcatgets(-1, 41, 22, text), text);
     EXPECT_EQ(errno, EBUSY);
 
-    const std::tuple<int (*)(const char*), int> answers[] = {
-        {is_no, 10}, {is_quit, 12}, {is_rename, 14}, {is_yes, 16}};
-    for (const auto& [is_answer, number] : answers) {
+    for (const auto& [is_answer, number, letter] : kAnswers) {
       for (int i = 10; i <= 17; ++i) {
         const std::string answer = "<" + std::to_string(i) + "> and more";
         EXPECT_EQ(is_answer(answer.c_str()), i == number || i == number + 1 ? 1 : 0) << number << i;
@@ -133,11 +135,9 @@ TEST(Catgets, LooksUp) {
 }
 
 TEST(Answers, Letters) {
-  const std::pair<int (*)(const char*), char> cases[] = {
-      {is_no, 'N'}, {is_quit, 'Q'}, {is_rename, 'R'}, {is_yes, 'Y'}};
-  for (const auto& [is_answer, letter] : cases) {
-    for (int c = 1; c < 128; ++c) {
-      const char answer[] = {static_cast<char>(c), 'x', '\0'};
+  for (const auto& [is_answer, number, letter] : kAnswers) {
+    for (char c = 127; c > 0; --c) {
+      const char answer[] = {c, 'x', '\0'};
       EXPECT_EQ(is_answer(answer), c == letter || c == letter + 32 ? 1 : 0) << answer << letter;
     }
     EXPECT_EQ(is_answer("") + is_answer(nullptr), 0);
