@@ -83,19 +83,17 @@ TEST_F(StartupTest, Origin) {
   const struct {
     std::string argv0, path;
     bool found = true;
-  } cases[] = {
-      {"/startup/../startup/bin/kivtrap", "PATH=/nowhere"},
-      {"./kivtrap", "PATH="},
-      {"/startup/link", "PATH="},
-      {"/startup/bin/nowhere", "PATH=/startup/bin", false},
-      {"kivtrap", "PATH=/nowhere:/startup/plain:/startup/directory:/startup/bin:/x"},
-      {"kivtrap", "PATH=/nowhere::", false},
-      {"kivtrap", "PATH"},  // unset
-      {"kivtrap", "PATH=" + directory(1015)},
-      {"kivtrap", "PATH=" + directory(1016), false},
-      {"kivtrap", "PATH=" + directory(1016) + ":/startup/bin"},
-      {std::string(1023, 'k'), "PATH=/startup/bin", false},
-  };
+  } cases[] = {{"/startup/../startup/bin/kivtrap", "PATH=/nowhere"},
+               {"./kivtrap", "PATH="},
+               {"/startup/link", "PATH="},
+               {"/startup/bin/nowhere", "PATH=/startup/bin", false},
+               {"kivtrap", "PATH=/nowhere:/startup/plain:/startup/directory:/startup/bin:/x"},
+               {"kivtrap", "PATH=/nowhere::", false},
+               {"kivtrap", "PATH"},  // unset
+               {"kivtrap", "PATH=" + directory(1015)},
+               {"kivtrap", "PATH=" + directory(1016), false},
+               {"kivtrap", "PATH=" + directory(1016) + ":/startup/bin"},
+               {std::string(1023, 'k'), "PATH=/startup/bin", false}};
   for (const auto& [argv0, path, found] : cases) {
     for (const char* value : {"quit", "Q", ""}) {
       SCOPED_TRACE(testing::Message() << argv0 << " " << path);

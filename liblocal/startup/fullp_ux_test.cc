@@ -93,11 +93,9 @@ class Fullpath : public LabTest {
 TEST_F(Fullpath, Names) {
   // Each path and, behind it, its full name or the error.
   const std::pair<unsigned, const char*> cases[] = {
-      // absolute, and their own answer
       {kPlain, "/ /  /// /  @ @  @/dir/// @/dir  @/dir/file/ @/dir/file  @/broken @/broken"},
       {kPlain, "@/link_dir @/link_dir  @/nowhere ENOENT"},
       {kFollow, "@/dir/file @/dir/file"},
-      // found by going there
       {kPlain, "@/dir/../dir/file @/dir/file  @/dir/.. @  @/./dir @/dir  @//dir//file @/dir/file"},
       {kPlain, "@/link_dir/up @/dir/up  @/.dot/file @/.dot/file  @/dir/.hidden @/dir/.hidden"},
       {kPlain, "dir @/dir  dir/file @/dir/file  ../ /  link_file @/link_file  link_dir/ @/dir"},

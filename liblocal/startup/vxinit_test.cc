@@ -24,33 +24,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST(Vxinit, Once) {
-  in_locale("", [] {
-    setenv("LC_ALL", "C.UTF-8", 1);
-    opterr = 1;
-    EXPECT_EQ(vxinit_done(), 0);
-    vxinit("kiv");
-    EXPECT_EQ(vxinit_done(), 1);
-    EXPECT_EQ(opterr, 0);
-    EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C.UTF-8");
-    struct sigaction action;
-    EXPECT_EQ(sigaction(SIGUSR2, nullptr, &action), 0);
-    EXPECT_EQ(action.sa_handler, ondbgintr);
-
-    opterr = 1;
-    setenv("LC_ALL", "C", 1);
-    Force_debug = 1;
-    waits_for_debugger = 1;
-    char path[] = "/usr/bin/Program.x";
-    char* arguments[] = {path};
-    EXPECT_EQ(printed(0, [&] { _vxinit("tarn", 1, arguments); }),
-              "kivtrap: program (" + std::to_string(getpid()) + ") waiting to be debugged\n");
-    EXPECT_EQ(opterr, 0);
-    EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C.UTF-8");
-    EXPECT_EQ(find_appdir(nullptr), std::string("/kiv"));
-  });
-}
-
 TEST(Vxinit, Arguments) {
   in_locale("", [] {
     setenv("LC_ALL", "C", 1);  // Latin-1
@@ -81,16 +54,15 @@ TEST(Vxinit, Arguments) {
   });
 }
 
-class Directories : public LabTest {
- protected:
-  void SetUp() override {
-    LabTest::SetUp();
-    fs::create_directories("/start/bin");
-    lab::write_file("/start/bin/program", "");
-  }
-};
+using VxinitInTheLab = LabTest;
 
-TEST_F(Directories, OfEveryApplication) {
+void make_program(const std::string& directory) {
+  fs::create_directories(directory);
+  lab::write_file(directory + "/program", "");
+}
+
+TEST_F(VxinitInTheLab, OfEveryApplication) {
+  make_program("/start/bin");
   const struct {
     const char* name;
     std::string argv0, installed, application, command;
@@ -112,15 +84,21 @@ TEST_F(Directories, OfEveryApplication) {
   for (const auto& each : cases) {
     in_locale("", [&] {
       const auto& [name, argv0, installed, application, command] = each;
+      EXPECT_EQ(vxinit_done(), 0);
       EXPECT_EQ(vx_get_bindir(), nullptr) << "not known yet";
       EXPECT_EQ(vx_get_argv0(), nullptr);
       std::string copy = argv0;
       char* argv[] = {copy.data()};
       setenv("KIV_PRINT_ORIGIN", "1", 1);
+      setenv("LC_ALL", "C.UTF-8", 1);
+      opterr = 1;
       const bool tells = name != nullptr && installed != "-";
-      EXPECT_EQ(printed(tells ? 0 : -1, [&] { _vxinit(name, 1, argv); }),
+      EXPECT_EQ(printed(tells ? 0 : -1, [&] { _vxinit(each.name, 1, argv); }),
                 tells ? "kivtrap: origin for `" + argv0 + "' is `/start/bin/'\n" : "");
       copy[0] = 'x';
+      EXPECT_TRUE(vxinit_done() == 1 && opterr == 0);
+      struct sigaction action;
+      EXPECT_TRUE(sigaction(SIGUSR2, nullptr, &action) == 0 && action.sa_handler == ondbgintr);
       EXPECT_EQ(vx_get_argv0(), argv0);
       EXPECT_EQ(Dbgcmdpath, command);
       EXPECT_EQ(text(vx_get_installdir()), installed);
@@ -139,11 +117,22 @@ TEST_F(Directories, OfEveryApplication) {
       EXPECT_EQ(vx_get_argv0(), argv0);
       EXPECT_EQ(vx_find_installdir("/no/program"), vx_get_installdir());
       EXPECT_STREQ(vx_get_argv0(), "/no/program");
+
+      setenv("LC_ALL", "C", 1);  // what comes once has come
+      opterr = Force_debug = waits_for_debugger = 1;
+      char path[] = "/usr/bin/Program.x";
+      char* arguments[] = {path};
+      EXPECT_EQ(printed(0, [&] { _vxinit("other", 1, arguments); }),
+                "kivtrap: program (" + std::to_string(getpid()) + ") waiting to be debugged\n");
+      EXPECT_EQ(opterr, 0);
+      EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C.UTF-8");
+      EXPECT_STREQ(vx_get_argv0(), "/no/program");
     });
   }
 }
 
-TEST_F(Directories, InOtherOrders) {
+TEST_F(VxinitInTheLab, DirectoriesInOtherOrders) {
+  make_program("/start/bin");
   in_locale("", [] {  // a getter comes before the name
     EXPECT_EQ(vx_get_etcdir(), nullptr);
     EXPECT_EQ(find_appdir("kiv"), nullptr);
@@ -156,16 +145,13 @@ TEST_F(Directories, InOtherOrders) {
   in_locale("", [] {  // of a long name of the executable's directory 1023 bytes count
     std::string path = "/start";
     for (int i = 0; i < 12; ++i) path += "/" + std::string(100, 'n');
-    fs::create_directories(path);
+    make_program(path);
     fs::current_path(path);
-    lab::write_file("program", "");
     EXPECT_STREQ(vx_find_installdir("./program"), path.substr(0, path.rfind('/', 1022)).c_str());
   });
 }
 
-using Ids = LabTest;
-
-TEST_F(Ids, SwitchBetweenUserAndRoot) {
+TEST_F(VxinitInTheLab, SwitchesBetweenUserAndRoot) {
   if (!lab::has_users()) return skip("no users but root here");
   const struct {
     uid_t real, effective;
