@@ -137,7 +137,9 @@ TEST_F(DebugCommand, TheActionBlocksOthersAndRestartsNothing) {
   struct sigaction action, later = {};
   ASSERT_EQ(sigaction(SIGUSR2, nullptr, &action), 0);
   EXPECT_EQ(action.sa_handler, ondbgintr);
-  EXPECT_EQ(action.sa_flags & (SA_RESTART | SA_RESETHAND | SA_NODEFER | SA_SIGINFO), 0);
+  EXPECT_EQ(static_cast<unsigned>(action.sa_flags) &
+                (SA_RESTART | SA_RESETHAND | SA_NODEFER | SA_SIGINFO),
+            0U);
   auto blocked = [](const struct sigaction& of) {
     std::set<int> signals;
     for (int signal = 1; signal < SIGRTMIN; ++signal) {

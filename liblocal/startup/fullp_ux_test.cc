@@ -190,8 +190,8 @@ TEST_F(Fullpath, LongNames) {
   lab::write_file(text, "");
   for (int i = 0; i < 14; ++i) text = odd + "/../" + text;
   fs::create_symlink(text, "odd");
-  for (const auto& [length, line] : {std::pair(754, "fullpath could not lstat ./"),
-                                     std::pair(755, "fullpath path name too long ./")}) {
+  for (const auto& [length, line] : {std::pair(754U, "fullpath could not lstat ./"),
+                                     std::pair(755U, "fullpath path name too long ./")}) {
     const std::string path = "." + std::string(length - 1, '/') + "odd";
     EXPECT_EQ(resolved(path, kFollow), "ENAMETOOLONG");
     EXPECT_THAT(told(1, path, kFollow), testing::StartsWith(line));
