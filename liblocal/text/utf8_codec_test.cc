@@ -2,38 +2,39 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <string>
 
+#include "liblocal/text/mbt.h"
+#include "liblocal/text/utf8_columns.h"
 #include "liblocal/text/utf8_wide.h"
 #include "liblocal/threads/c_memory.h"
 #include "tests/failing_malloc.h"
 
 namespace {
 
-void expect_round_trip(uint32_t value, int length) {
-  char bytes[kUtf8MaxLength];
-  wchar_t decoded = -1;
-  ASSERT_EQ(utf8_wctomb(bytes, static_cast<wchar_t>(value)), length) << value;
-  ASSERT_EQ(utf8_mbtowc(&decoded, bytes, sizeof bytes), value == 0 ? 0 : length) << value;
-  ASSERT_EQ(static_cast<uint32_t>(decoded), value);
-  for (int cut = 0; cut < length; ++cut) {
-    ASSERT_EQ(utf8_mblen(bytes, static_cast<size_t>(cut)), -1) << value;
-  }
-}
-
-TEST(Utf8Codec, EveryCodePointAndEveryBoundary) {
-  for (uint32_t value = 0; value <= 0x10FFFF; ++value) {
-    expect_round_trip(value, value < 0x80 ? 1 : value < 0x800 ? 2 : value < 0x10000 ? 3 : 4);
-  }
-  expect_round_trip(0x1FFFFF, 4);
-  expect_round_trip(0x200000, 5);
-  expect_round_trip(0x3FFFFFF, 5);
-  expect_round_trip(0x4000000, 6);
-  expect_round_trip(0x7FFFFFFF, 6);
+TEST(Utf8Codec, EveryCodePointAndEveryBoundaryThereAndBack) {
+  const uint32_t least[] = {0x80, 0x800, 0x10000, 0x200000, 0x4000000};  // of 2 to 6 bytes
+  auto expect_round_trip = [&](uint32_t value) {
+    int length = 1;
+    for (uint32_t limit : least) length += value >= limit ? 1 : 0;
+    char bytes[kUtf8MaxLength];
+    wchar_t decoded = -1;
+    ASSERT_EQ(utf8_wctomb(bytes, static_cast<wchar_t>(value)), length) << value;
+    ASSERT_EQ(utf8_mbtowc(&decoded, bytes, sizeof bytes), value == 0 ? 0 : length) << value;
+    ASSERT_EQ(static_cast<uint32_t>(decoded), value);
+    for (size_t cut = 0; cut < static_cast<size_t>(length); ++cut) {
+      ASSERT_EQ(utf8_mblen(bytes, cut), -1) << value;
+    }
+  };
+  for (uint32_t value = 0; value <= 0x10FFFF; ++value) expect_round_trip(value);
+  for (uint32_t limit : least) expect_round_trip(limit), expect_round_trip(limit - 1);
+  expect_round_trip(0x7FFFFFFF);
   char bytes[] = "......";
   EXPECT_EQ(utf8_wctomb(bytes, static_cast<wchar_t>(0x80000000)), -1);
-  utf8_wctomb(bytes, 0x7FFFFFFF);
+  EXPECT_EQ(utf8_wctomb(bytes, 0x7FFFFFFF), 6);
   EXPECT_STREQ(bytes, "\xFD\xBF\xBF\xBF\xBF\xBF");
+  EXPECT_TRUE(utf8_wctomb(nullptr, L'a') == 0 && utf8_mblen(nullptr, 1) == -1);
 }
 
 TEST(Utf8Codec, ValidityAndCounts) {
@@ -67,6 +68,10 @@ TEST(Utf8Codec, ValidityAndCounts) {
     EXPECT_EQ(utf8_whole_length(text.data(), text.size()), whole);
   }
   EXPECT_EQ(is_utf8_mb("a\0日", 5), 1) << "a NUL is a character";
+  EXPECT_TRUE(utf8_mbslen(nullptr) == 0 && num_chars_in_utf8_str(nullptr) == 0);
+  for (int c = -1; c < 256; ++c) {
+    EXPECT_EQ(vxisspace(c), std::string(" \t\n\v\f\r").find(static_cast<char>(c)) < 6 ? 1 : 0) << c;
+  }
 }
 
 TEST(Utf8Wide, InEverySizeOfArea) {
@@ -83,15 +88,116 @@ TEST(Utf8Wide, InEverySizeOfArea) {
     EXPECT_EQ(utf8_wcstombs(bytes, text, capacity), length);
     EXPECT_EQ(std::string(bytes), wanted.substr(0, length));
   }
+  wchar_t none = L'!';
+  EXPECT_EQ(utf8_mbstowcs(nullptr, "a", 2) + utf8_mbstowcs(&none, nullptr, 1), 0U);
+  EXPECT_TRUE(utf8_mbstowcs(&none, "a", 0) == 0 && none == L'!');
 }
 
 TEST(Utf8Wide, WholeStrings) {
-  const std::wstring all = std::wstring(3000, L'é') + static_cast<wchar_t>(0x7FFFFFFF);
-  c_unique_ptr<char> bytes(wcs_to_utf8(all.c_str()));
-  c_unique_ptr<wchar_t> wide(utf8_to_wcs(bytes.get()));
-  EXPECT_EQ(std::wstring(wide.get()), all);
+  for (const std::wstring& text : {std::wstring(L"ab"), std::wstring(1, 0x7FFFFFFF)}) {
+    const c_unique_ptr<char> bytes(wcs_to_utf8(text.c_str()));
+    const c_unique_ptr<wchar_t> wide(utf8_to_wcs(bytes.get()));
+    EXPECT_EQ(std::wstring(wide.get()), text);
+  }
+  EXPECT_TRUE(wcs_to_utf8(nullptr) == nullptr && utf8_to_wcs(nullptr) == nullptr);
   FailingMalloc failing(0);
+  errno = 0;
   EXPECT_TRUE(wcs_to_utf8(L"a") == nullptr && utf8_to_wcs("a") == nullptr);
+  EXPECT_EQ(errno, ENOMEM);
+}
+
+TEST(CharColumns, EveryBoundary) {
+  // The first and the last character of each range, and what both take.
+  const struct {
+    std::string first, last;
+    int columns;
+    size_t steps;
+  } cases[] = {
+      {"\x01", "\x7F", 1, 0},
+      {"\x80", "\xBF", 1, 0},
+      {"\xC0\x80", "\xDF\xBF", 1, 1},
+      {"\xE0\xA0\x80", "\xE2\xBF\xBF", 1, 2},
+      {"\xE3\x80\x80", "\xEE\xBF\xBF", 2, 2},
+      {"\xEF\x80\x80", "\xEF\xAB\xBF", 2, 2},
+      {"\xEF\xAC\x80", "\xEF\xBB\xBF", 1, 2},
+      {"\xEF\xBC\x80", "\xEF\xBC\xBF", 2, 2},
+      {"\xEF\xBD\x80", "\xEF\xBD\x9F", 2, 2},
+      {"\xEF\xBD\xA0", "\xEF\xBD\xBF", 1, 2},
+      {"\xEF\xBE\x80", "\xEF\xBE\xBF", 1, 2},
+      {"\xEF\xBF\x80", "\xEF\xBF\x9F", 1, 2},
+      {"\xEF\xBF\xA0", "\xEF\xBF\xA7", 2, 2},
+      {"\xEF\xBF\xA8", "\xEF\xBF\xBF", 1, 2},
+      {"\xF0\x90\x80\x80", "\xF7\xBF\xBF\xBF", 2, 3},
+      {"\xF8\x88\x80\x80\x80", "\xFB\xBF\xBF\xBF\xBF", 2, 4},
+      {"\xFC\x84\x80\x80\x80\x80", "\xFF\xBF\xBF\xBF\xBF\xBF", 2, 5},
+      {std::string("\xEF\0", 2), "\xEF\x7F", 1, 2},  // no second byte of a character
+      {"\xEF\xC0", "\xEF\xFF", 1, 2},
+  };
+  for (const auto& [first, last, columns, steps] : cases) {
+    for (const std::string& character : {first, last}) {
+      const std::string text = "a" + character;
+      size_t index = 1;
+      EXPECT_EQ(utf8_char_columns(text.c_str(), &index), columns) << testing::PrintToString(text);
+      EXPECT_EQ(index, 1 + steps) << testing::PrintToString(text);
+    }
+  }
+  EXPECT_EQ(utf8_ttystrlen("é日a\xE6\x97"), 6U) << "a cut character counts too";
+}
+
+TEST(Mbt, EveryByteThereAndBack) {
+  std::string raw;
+  std::string wanted;
+  for (int byte = 1; byte < 256; ++byte) {
+    raw += static_cast<char>(byte);
+    if (byte >= 0x80) wanted += byte < 0xC0 ? "\xEF\xA2" : "\xEF\xA3";
+    wanted += static_cast<char>(byte < 0x80 ? byte : byte & 0xBF);
+  }
+  char carried[1024];
+  char back[256];
+  ASSERT_EQ(vx_mbstombts(carried, raw.c_str(), sizeof carried), 1);
+  EXPECT_EQ(carried, wanted);
+  ASSERT_EQ(vx_mbtstombs(back, carried, sizeof back), 1);
+  EXPECT_EQ(back, raw);
+  EXPECT_EQ(vx_mbtstombs(back, carried, sizeof back - 1), 0);
+  EXPECT_EQ(vx_mbstombts(nullptr, "a", 2) + vx_mbstombts(back, nullptr, 2) +
+                vx_mbtstombs(nullptr, "a", 2) + vx_mbtstombs(back, nullptr, 2),
+            0);
+}
+
+TEST(Mbt, Room) {
+  const struct {
+    std::string raw;
+    size_t least;  // bytes that the transparent form asks for
+  } cases[] = {{"", 1}, {"\x41\xE9", 5}, {"\xE9\x41", 5}, {"\xE9\xE9", 7}};
+  for (const auto& [raw, least] : cases) {
+    for (size_t size = 0; size <= least + 1; ++size) {
+      char output[9];
+      output[size] = '!';
+      EXPECT_EQ(vx_mbstombts(output, raw.c_str(), size), size >= least ? 1 : 0) << raw << size;
+      EXPECT_EQ(output[size], '!');
+    }
+  }
+}
+
+TEST(Mbt, WhatIsOne) {
+  const struct {
+    const char* text;
+    int contains;
+    int restores;
+  } cases[] = {{"a\xEF\xA3\xBFz", 1, 1},
+               {"\xEF\xA1\x80", 0, 0},
+               {"\xEF\xA2", 0, 0},
+               {"é", 0, 0},
+               {"\xEF\xA2\xC0", 0, 0},
+               {"", 0, 1},                       // no continuing byte; nothing
+               {"\xEF\xA2z\xEF\xA2\x80", 0, 0},  // the first one decides
+               {"\xEF\xBC\x81\xEF\xA2\x80", 1, 0}};
+  char output[16];
+  for (const auto& [text, contains, restores] : cases) {
+    EXPECT_EQ(containsMBT(text), contains) << testing::PrintToString(text);
+    EXPECT_EQ(vx_mbtstombs(output, text, sizeof output), restores) << testing::PrintToString(text);
+  }
+  EXPECT_EQ(containsMBT(nullptr), 0);
 }
 
 }  // namespace

@@ -2,47 +2,41 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 
 #include "liblocal/messages/progname.h"
+#include "liblocal/threads/c_memory.h"
 
 namespace {
 
-TEST(Vxpath, TakesPathsApart) {
+TEST(Vxpath, TakesPathsApartAndCutsThemToTheBuffer) {
   const std::string most(kPathComponentSize - 1, 'n');
   const struct {
-    std::string path, directory, base;
-  } cases[] = {{"/usr/sbin/kivtrap", "/usr/sbin", "kivtrap"},
-               {"/usr/sbin///", "/usr", "sbin"},
-               {"kivtrap", ".", "kivtrap"},
-               {"//a", "/", "a"},
-               {"/", "/", ""},
-               {"", "/", ""},
-               {most + "n", ".", most},
-               {most + "/x", ".", most}};
-  for (const auto& [path, directory, base] : cases) {
-    char buffer[kPathComponentSize];
-    EXPECT_EQ(vx_path_dirname(path.c_str(), buffer, sizeof buffer), 0);
+    std::string path;
+    size_t size;
+    std::string directory, base;
+  } cases[] = {{"/usr/sbin/kivtrap", 1024, "/usr/sbin", "kivtrap"},
+               {"/usr/sbin///", 1024, "/usr", "sbin"},
+               {"kivtrap", 1024, ".", "kivtrap"},
+               {"//a", 1024, "/", "a"},
+               {"/", 1024, "/", ""},
+               {"", 1024, "/", ""},
+               {most + "n", 1024, ".", most},
+               {most + "/x", 1024, ".", most},
+               {"/usr/sbin/kivtrap", 8, "/usr/sb", "kivtrap"},
+               {"/usr/sbin/kivtrap", 7, "/usr/s", "kivtra"},
+               {"/usr/sbin/kivtrap", 6, "/usr", "kivtr"},
+               {"/usr/sbin/kivtrap", 1, "", ""},
+               {"kivtrap", 0, "!", "!"}};
+  for (const auto& [path, size, directory, base] : cases) {
+    char buffer[kPathComponentSize] = "!";
+    EXPECT_EQ(vx_path_dirname(path.c_str(), buffer, size), 0);
     EXPECT_EQ(buffer, directory) << path;
-    EXPECT_EQ(vx_path_basename(path.c_str(), buffer, sizeof buffer), 0);
+    EXPECT_EQ(vx_path_basename(path.c_str(), buffer, size), 0);
     EXPECT_EQ(buffer, base) << path;
   }
-}
-
-TEST(Vxpath, CutsToTheBuffer) {
-  char buffer[9] = "........";
-  const struct {
-    size_t size;
-    const char *directory, *base;
-  } cases[] = {
-      {8, "/usr/sb", "kivtrap"}, {7, "/usr/s", "kivtra"}, {6, "/usr", "kivtr"}, {1, "", ""}};
-  for (const auto& [size, directory, base] : cases) {
-    EXPECT_EQ(vx_path_basename("/usr/sbin/kivtrap", buffer, size), 0);
-    EXPECT_STREQ(buffer, base);
-    EXPECT_EQ(vx_path_dirname("/usr/sbin/kivtrap", buffer, size), 0);
-    EXPECT_STREQ(buffer, directory);
-  }
+  char buffer[2];
+  EXPECT_EQ(vx_path_dirname(nullptr, buffer, 2) + vx_path_basename("a", nullptr, 2), -2);
 }
 
 TEST(Vxpath, JoinsPaths) {
@@ -51,11 +45,10 @@ TEST(Vxpath, JoinsPaths) {
   } cases[] = {{"/kiv", "tmp", "/kiv/tmp"},
                {"/kiv/", "tmp", "/kiv/tmp"},
                {nullptr, "tmp", "./tmp"},
+               {"/kiv", nullptr, "/kiv/"},
                {nullptr, nullptr, nullptr}};
   for (const auto& [directory, name, wanted] : cases) {
-    char* path = path_concat(directory, name);
-    EXPECT_STREQ(path, wanted);
-    free(path);
+    EXPECT_STREQ(c_unique_ptr<char>(path_concat(directory, name)).get(), wanted);
   }
 }
 
