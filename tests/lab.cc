@@ -13,11 +13,8 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <utmp.h>
 
 #include <cstddef>
-#include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -26,8 +23,11 @@
 namespace lab {
 namespace {
 
-constexpr char kLab[] = "KIVTRAP_LAB";  // what lab.sh tells
-constexpr unsigned kLongestRun = 200;   // seconds
+constexpr unsigned kLongestRun = 200;  // seconds
+
+// Why there is no lab; "ready" in it.
+const std::string kWhere = getenv("KIVTRAP_LAB") != nullptr ? getenv("KIVTRAP_LAB") : "no lab";
+const bool kOutside = kWhere != "ready";
 
 void check(bool ok, const std::string& what) {
   if (!ok) throw std::system_error(errno, std::generic_category(), what);
@@ -76,26 +76,9 @@ void refuse(int call, int error) {
 
 }  // namespace
 
-void enter(char** argv) {
-  if (getenv(kLab) != nullptr) return;
-  std::string program = std::filesystem::read_symlink("/proc/self/exe");
-  std::vector<char*> words = {const_cast<char*>(LAB_RUN), program.data()};
-  while (*++argv != nullptr) words.push_back(*argv);
-  words.push_back(nullptr);
-  execv(LAB_RUN, words.data());
-  perror(LAB_RUN);
-  exit(1);
-}
-
-std::string why_outside() {
-  const char* where = getenv(kLab);
-  if (where == nullptr) return "not in the lab";
-  return strcmp(where, "ready") == 0 ? "" : where;
-}
-
 bool skip_outside() {
-  if (!why_outside().empty()) LabTest::skip(why_outside());
-  return !why_outside().empty();
+  if (kOutside) LabTest::skip(kWhere);
+  return kOutside;
 }
 
 bool skip_without_ports() {
@@ -111,11 +94,11 @@ bool skip_without_ports() {
 bool has_users() {
   unsigned inside = 0, outside = 0, count = 0;
   std::istringstream(read_file("/proc/self/uid_map")) >> inside >> outside >> count;
-  return why_outside().empty() && inside + count > kUser;
+  return !kOutside && inside + count > kUser;
 }
 
 void write_file(const std::string& path, std::string_view text) {
-  if (path.starts_with("/etc/") && !why_outside().empty()) throw std::logic_error(path);
+  if (path.starts_with("/etc/") && kOutside) throw std::logic_error(path);
   // Not through a link of the lab's /etc, behind which is the host's own file.
   int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
   check(file >= 0, path);
@@ -126,13 +109,6 @@ void write_file(const std::string& path, std::string_view text) {
 std::string read_file(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void set_boot_time(time_t time) {
-  utmp record{};
-  record.ut_type = BOOT_TIME;
-  record.ut_tv.tv_sec = static_cast<int32_t>(time);
-  write_file(kBootRecord, {reinterpret_cast<const char*>(&record), sizeof record});
 }
 
 void set_host_name(const std::string& name) {
@@ -161,23 +137,18 @@ Outcome run(const Command& command) {
 
 UdpReceiver::UdpReceiver(uint16_t port, const std::string& address)
     : socket_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-  sockaddr_in own{};
-  own.sin_family = AF_INET;
-  own.sin_port = htons(port);
-  own.sin_addr.s_addr = inet_addr(address.c_str());
+  sockaddr_in own = {AF_INET, htons(port), {inet_addr(address.c_str())}, {}};
   check(::bind(socket_, reinterpret_cast<sockaddr*>(&own), sizeof own) == 0, "bind");
 }
 
 UdpReceiver::~UdpReceiver() { close(socket_); }
 
-std::optional<std::string> UdpReceiver::receive(int milliseconds, sockaddr_in* from) {
+std::optional<std::string> UdpReceiver::receive(int milliseconds) const {
   pollfd readable = {socket_, POLLIN, 0};
   if (poll(&readable, 1, milliseconds) != 1) return std::nullopt;
   std::string datagram(65536, '\0');
-  socklen_t size = sizeof *from;
-  ssize_t got = recvfrom(socket_, datagram.data(), datagram.size(), 0,
-                         reinterpret_cast<sockaddr*>(from), &size);
-  check(got >= 0, "recvfrom");
+  const ssize_t got = recv(socket_, datagram.data(), datagram.size(), 0);
+  check(got >= 0, "recv");
   datagram.resize(static_cast<size_t>(got));
   return datagram;
 }
@@ -189,25 +160,13 @@ uint16_t UdpReceiver::port() const {
   return ntohs(own.sin_port);
 }
 
-SecondHost::SecondHost(const std::vector<std::string>& addresses) {
+void on_second_host(const std::vector<std::string>& addresses, const std::function<void()>& work) {
   std::string script =
-      "set -e\n"
-      "ip netns add second\n"
-      "ip link add cable type veth peer name far netns second\n"
-      "ip address add 10.9.0.1/24 dev cable\n"
-      "ip link set cable up\n"
-      "nsenter --net=/run/netns/second ip -batch - <<END\n"
-      "link set lo up\n"
-      "link set far up\n";
+      "set -e; ip netns add second; ip link add cable type veth peer name far netns second\n"
+      "ip address add 10.9.0.1/24 dev cable; ip link set cable up\n"
+      "nsenter --net=/run/netns/second ip -batch - <<END\nlink set lo up\nlink set far up\n";
   for (const std::string& address : addresses) script += "address add " + address + "/24 dev far\n";
   check(system(script.c_str()) == 0, script);
-}
-
-SecondHost::~SecondHost() {
-  [[maybe_unused]] int status = system("ip link delete cable; ip netns delete second");
-}
-
-void SecondHost::inside(const std::function<void()>& work) const {
   const int here = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
   const int there = open("/run/netns/second", O_RDONLY | O_CLOEXEC);
   check(setns(there, CLONE_NEWNET) == 0, "setns");
@@ -227,9 +186,8 @@ void LabTest::skip(const std::string& reason) {
 }
 
 std::string from_hex(std::string_view digits) {
-  std::string packed(digits);
+  std::string packed(digits), bytes;
   std::erase(packed, ' ');
-  std::string bytes;
   for (size_t i = 0; i + 1 < packed.size(); i += 2) {
     bytes += static_cast<char>(std::stoi(packed.substr(i, 2), nullptr, 16));
   }

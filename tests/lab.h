@@ -19,13 +19,6 @@ namespace lab {
 constexpr char kHostName[] = "lab-host";  // 192.0.2.1 by the lab's hosts file
 constexpr unsigned kUser = 1000;          // a user and group without rights
 
-/// Runs the program again in the lab, unless it already comes from lab.sh. Call it first
-/// in main.
-void enter(char** argv);
-
-/// Empty inside the lab, else the reason why there is none.
-std::string why_outside();
-
 /// Skips the running test outside the lab; true then.
 bool skip_outside();
 /// Skips it where the ports of a station, 162, 111 and 7938 on loopback, cannot be had.
@@ -38,20 +31,17 @@ bool has_users();
 void write_file(const std::string& path, std::string_view text);
 std::string read_file(const std::string& path);
 
-/// Puts one boot record of that time into the accounting file.
-constexpr char kBootRecord[] = "/run/utmp";
-void set_boot_time(time_t time);
 void set_host_name(const std::string& name);
 
 /// A program to run and its surroundings.
 struct Command {
-  std::vector<std::string> words;              // program and arguments
-  std::string input;                           // standard input, at most 64 KiB
-  std::vector<std::string> environment;        // NAME=value, added to the own one
-  std::optional<std::pair<int, int>> refused;  // a system call and the errno it fails with
-  std::function<void(pid_t)> before_input;     // runs once the program is started
-  unsigned user = 0;                           // the user and group that it runs as
-  std::string file;                            // the program, when not found by words[0]
+  std::vector<std::string> words;                   // program and arguments
+  std::string input = {};                           // standard input, at most 64 KiB
+  std::vector<std::string> environment = {};        // NAME=value, added to the own one
+  std::optional<std::pair<int, int>> refused = {};  // a system call and the errno it fails with
+  std::function<void(pid_t)> before_input = {};     // runs once the program is started
+  unsigned user = 0;                                // the user and group that it runs as
+  std::string file = {};                            // the program, when not found by words[0]
 };
 
 struct Outcome {
@@ -71,11 +61,11 @@ class UdpReceiver {
   UdpReceiver(const UdpReceiver&) = delete;
   UdpReceiver& operator=(const UdpReceiver&) = delete;
 
-  /// The next datagram, waiting up to `milliseconds` for it; who sent it, in `*from`.
-  std::optional<std::string> receive(int milliseconds = 5000, sockaddr_in* from = nullptr);
+  /// The next datagram, waiting up to `milliseconds` for it.
+  std::optional<std::string> receive(int milliseconds = 5000) const;
   /// What is there without waiting. On loopback a datagram is delivered before
   /// its send returns, so after a sender's end nothing can still be under way.
-  std::optional<std::string> receive_now() { return receive(0); }
+  std::optional<std::string> receive_now() const { return receive(0); }
   int socket() const { return socket_; }
   uint16_t port() const;
 
@@ -83,20 +73,10 @@ class UdpReceiver {
   int socket_;
 };
 
-/// A second machine: a network namespace whose one interface is tied to one of this
-/// machine's (10.9.0.1/24) by a cable.
-class SecondHost {
- public:
-  /// The machine has these addresses of 10.9.0.0/24.
-  explicit SecondHost(const std::vector<std::string>& addresses);
-  ~SecondHost();
-  SecondHost(const SecondHost&) = delete;
-  SecondHost& operator=(const SecondHost&) = delete;
-
-  /// Runs `work` in this thread as on the second machine. Sockets opened and programs
-  /// started there stay there.
-  void inside(const std::function<void()>& work) const;
-};
+/// Makes a second machine with these addresses of 10.9.0.0/24, tied by a cable to this one
+/// (10.9.0.1), and runs `work` in this thread as there. Sockets opened and programs started
+/// by it stay there. Once in a process.
+void on_second_host(const std::vector<std::string>& addresses, const std::function<void()>& work);
 
 }  // namespace lab
 
