@@ -71,12 +71,17 @@ class CommandTest : public LabTest {
   std::optional<lab::EmptyPortMappers> mappers;
 };
 
-TEST_F(CommandTest, CommandLine) {
+TEST_F(CommandTest, CommandLinesAndFailuresOfTheSystem) {
   lab::write_file("/run/message", "from a file\nsecond line\n");
   const std::string sent = trap_message("disk full"), from_file = trap_message("from a file");
   const std::string parameters = "community = public\ttrap = 6\tspecific=1\n";
   const std::string bytes = std::regex_replace(sent, std::regex(".."), "$& ");
   const std::string dump = std::regex_replace(bytes, std::regex(".{48}"), "$&\n") + "\n\n";
+  const char* const no_session = "Couldn't open snmp\n";
+  const std::string no_port =  // told for each of the two port mappers
+      "kivtrap: Cannot bind socket to connection port in configured port range on system "
+      "lab-host.\n";
+  const std::string cannot_bind = no_port + no_port + "bind: Address already in use\n";
   auto with_codes = [](const char* codes, const char* community = "public") {
     return trap_message("disk full", community, codes);
   };
@@ -84,6 +89,7 @@ TEST_F(CommandTest, CommandLine) {
     std::vector<std::string> words;
     std::string datagram;
     std::string out{}, err{};
+    std::optional<std::pair<int, int>> refused{};
   } cases[] = {
       {{}, "", "", kUsage},
       {{"manager"}, sent},
@@ -110,8 +116,16 @@ TEST_F(CommandTest, CommandLine) {
       {{"-c"}, "", "", kUsage},
       {{"-v", "a", "b"}, "", "", kUsage},
       {{"-v", "--", "--help"}, "", "", kUsage},
+      {{"no-such-host"}, "", no_session, "unknown host: no-such-host\n"},
+      {{"manager"}, "", no_session, "socket: Too many open files\n", {{SYS_socket, EMFILE}}},
+      {{"manager"}, "", no_session, cannot_bind, {{SYS_bind, EADDRINUSE}}},
+      {{"manager"}, "", "error\n", "sendto: Operation not permitted\n", {{SYS_sendto, EPERM}}},
   };
-  for (const auto& test : cases) expect(kivtrap(test.words), test.datagram, test.out, test.err);
+  for (const auto& test : cases) {
+    lab::Command command = kivtrap(test.words);
+    command.refused = test.refused;
+    expect(command, test.datagram, test.out, test.err);
+  }
 }
 
 TEST_F(CommandTest, MessageIsTheFirstLineLessItsLastByte) {
@@ -216,32 +230,6 @@ TEST_F(CommandTest, TextIsWrappedWhereTheStationIsRegistered) {
                 "00000000000000000000000000000000"          // none credential and verifier
                 "0001871A000000000000001100000000");        // program 100122 version 0 over UDP
     }
-  }
-}
-
-TEST_F(CommandTest, FailuresOfTheSystem) {
-  // Told for each of the two port mappers.
-  const std::string cannot_bind =
-      "kivtrap: Cannot bind socket to connection port in configured port range on system "
-      "lab-host.\n";
-  const struct {
-    const char* station;
-    std::optional<std::pair<int, int>> refused;
-    const char* out;
-    std::string err;
-  } cases[] = {
-      {"no-such-host", {}, "Couldn't open snmp\n", "unknown host: no-such-host\n"},
-      {"manager", {{SYS_socket, EMFILE}}, "Couldn't open snmp\n", "socket: Too many open files\n"},
-      {"manager",
-       {{SYS_bind, EADDRINUSE}},
-       "Couldn't open snmp\n",
-       cannot_bind + cannot_bind + "bind: Address already in use\n"},
-      {"manager", {{SYS_sendto, EPERM}}, "error\n", "sendto: Operation not permitted\n"},
-  };
-  for (const auto& test : cases) {
-    lab::Command command = kivtrap({test.station});
-    command.refused = test.refused;
-    expect(command, "", test.out, test.err);
   }
 }
 
