@@ -33,10 +33,6 @@ void check(bool ok, const std::string& what) {
   if (!ok) throw std::system_error(errno, std::generic_category(), what);
 }
 
-int exit_status(int wait_status) {
-  return WIFEXITED(wait_status) ? WEXITSTATUS(wait_status) : 128 + WTERMSIG(wait_status);
-}
-
 // What was written to a file without a name, which goes.
 std::string take(int file) {
   std::string text = read_file("/proc/self/fd/" + std::to_string(file));
@@ -132,7 +128,7 @@ Outcome run(const Command& command) {
   close(in[1]);
   int status = 0;
   check(waitpid(child, &status, 0) == child, "waitpid");
-  return {exit_status(status), take(out), take(err)};
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), take(out), take(err)};
 }
 
 UdpReceiver::UdpReceiver(uint16_t port, const std::string& address)

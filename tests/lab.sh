@@ -1,13 +1,10 @@
 #!/bin/sh
-# lab_run COMMAND...: runs a command in the lab: private network, mount, UTS and IPC
-# namespaces for everything that touches the network, the host's name, /etc or the boot
-# record. There it is root of a machine of its own, with loopback up, an empty /run, the
-# names below and nothing to reach outside. What it writes to /etc, /run and new directories
-# of / disappears with it, but /etc holds links to the host's files: remove one before
-# writing it.
-#
-# KIVTRAP_LAB is "ready" for the command, or the reason why there is no lab. The command
-# then runs all the same, on the machine that it is on.
+# lab_run COMMAND...: runs a command in the lab, as root of a machine of its own: private
+# network, mount, UTS and IPC namespaces with loopback up, an empty /run, the names below and
+# nothing to reach outside. What it writes to /etc, /run and new directories of / disappears
+# with it, but /etc holds links to the host's files: remove one before writing it.
+# KIVTRAP_LAB is "ready" for the command, or the reason why there is no lab; the command then
+# runs all the same, on the machine that it is on.
 set -eu
 [ $# -gt 0 ] || { echo "usage: lab_run COMMAND..." >&2; exit 2; }
 self=$(realpath "$0")

@@ -49,9 +49,9 @@ TEST(DeliverTrap, EveryAllocationMayFail) {
   const TrapOptions options = {"public", "1", "1", nullptr, "127.0.0.1"};
   char message[] = "text";
   int status = 1;
-  for (int refused = 0; status != 0 && refused < 50; ++refused) {
+  for (int granted = 0; status != 0 && granted < 50; ++granted) {
     testing::internal::CaptureStdout();
-    FailingMalloc failing(refused);
+    FailingMalloc failing(granted);
     status = deliver_trap(options, "10.0.0.1", message);
     EXPECT_EQ(status != 0, failing.failed());
     // Only the session says anything, and only of itself.
