@@ -1,0 +1,84 @@
+// Full path names of arbitrary paths in a small tree: a result names the same file
+// and itself, fits its buffer, and the process stays where it was. The first byte
+// chooses flags and starting point; '@' at the front of the path is the tree's root.
+#undef NDEBUG
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "liblocal/messages/debug.h"
+#include "liblocal/startup/fullp_ux.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Tree {
+  std::string root;
+
+  Tree() {
+    char name[] = "/tmp/fullpath_fuzz.XXXXXX";
+    assert(mkdtemp(name) != nullptr);
+    root = name;
+    const std::string script =
+        "cd " + root + " && mkdir -p d/e .h && touch f d/f d/e/f .h/.f && ln -s d l &&" +
+        "ln -s ../f d/u && ln -s o o && ln -s nowhere b && ln -s $PWD/l/e/f a &&"
+        "ln -s ..//l/./u d/w && ln -s d/w 1 &&"
+        "for each in 1 2 3 4 5 6 7 8; do ln -s $each $((each + 1)); done";  // nine, then two
+    assert(system(script.c_str()) == 0);
+    liblvars_set_debug(3);
+    dfopen("/dev/null");
+  }
+  ~Tree() { fs::remove_all(root); }
+};
+
+// With the path's trailing slashes or without them.
+bool names_the_same(const char* result, std::string path, bool follow) {
+  auto look = follow ? stat : lstat;
+  struct stat found, wanted;
+  assert(look(result, &found) == 0);
+  while (look(path.c_str(), &wanted) != 0 || wanted.st_ino != found.st_ino) {
+    if (path.size() < 2 || !path.ends_with('/')) return false;
+    path.pop_back();
+  }
+  return true;
+}
+
+void check(const std::string& path, unsigned flags, size_t room) {
+  const fs::path before = fs::current_path();
+  std::vector<char> output(room);  // of its exact size, so overruns are seen
+  const char* result = fullpath2(path.c_str(), output.data(), room, flags);
+  assert(fs::current_path() == before);
+  if (result == nullptr) return;
+  assert(result == output.data() && *result == '/');
+  assert(std::string(result).size() < room);
+  assert(names_the_same(result, path, (flags & kFullpathFollow) != 0));
+
+  char again[kPathSize];
+  assert(fullpath2(result, again, sizeof again, flags) != nullptr);
+  // A '/' for which there was no room may be there now.
+  assert(again == std::string(result) || again == std::string(result) + "/");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static Tree tree;
+  static const int home = open(".", O_PATH);  // where the fuzzer keeps its corpus
+  if (size < 3 || data[2] == '/') return -1;  // an absolute path would leave the tree
+  std::string path(reinterpret_cast<const char*>(data + 2), size - 2);
+  path = path.c_str();
+  if (path.starts_with('@')) path.replace(0, 1, tree.root);
+  const char* const starts[] = {"", "/d", "/d/e", "/.h"};
+  assert(chdir((tree.root + starts[data[0] >> 2 & 3]).c_str()) == 0);
+  check(path, data[0] & 3, (data[0] & 0x80) != 0 ? data[1] : kPathSize);
+  assert(fchdir(home) == 0);
+  return 0;
+}
