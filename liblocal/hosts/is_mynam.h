@@ -1,4 +1,5 @@
-// Which names mean this host, or the same host ("is my name").
+// Hosts: this room has names, addresses and thread-safe look-ups. This header has which
+// names mean this host, or the same host ("is my name").
 //
 // Names are not compared as texts: each is resolved, and all names and addresses of one
 // host belong together (dns_cache.h). Known hosts are looked up again after 30 minutes,

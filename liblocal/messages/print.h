@@ -1,4 +1,5 @@
-// Messages with the program's name before them: errors on standard error,
+// Messages: this room has the texts that users see, error records and debug lines. This
+// header has messages with the program's name before them: errors on standard error,
 // information on standard output. Formats are those of i18n_printf.h. Without memory
 // nothing is printed.
 //

@@ -1,4 +1,5 @@
-// Start-up of every program on this runtime.
+// Start-up of every program on this runtime: this room has its place and directories, the
+// rights it runs with, its environment and the signal that changes debug levels.
 //
 // Call vx_set_progname and then _vxinit first thing in main, from the main
 // thread, before any other thread exists.
