@@ -1,6 +1,7 @@
 // UTF-8 text: this room has codesets and converters, files by UTF-8 names, formatting and
-// printing. This header has text on streams. What a program reads and writes here is UTF-8; on the stream
-// it is in the codeset of the locale, unless the stream is marked (utf8_marks.h).
+// printing. This header has text on streams. What a program reads and writes here is
+// UTF-8; on the stream it is in the codeset of the locale, unless the stream is marked
+// (utf8_marks.h).
 //
 // A marked stream is the platform's: the readers and writers are its fgets and fputs then.
 // On another one a wait that a signal interrupts goes on; of a line on a descriptor that

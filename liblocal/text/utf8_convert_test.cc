@@ -53,7 +53,8 @@ TEST(Utf8Convert, ByLocale) {
       {"UTF-8", "日本 é", "日本 é", "\xFF\xC3", "\xFF\xC3"},
   };
   for (const auto& [codeset, ansi, utf8, invalid, valid] : cases) {
-    in_locale(codeset, [&, ansi = ansi, utf8 = utf8, invalid = invalid, valid = valid] {
+    in_locale(codeset, [&, codeset = codeset, ansi = ansi, utf8 = utf8, invalid = invalid,
+                        valid = valid] {
       const bool is_utf8 = ansi == utf8;
       EXPECT_EQ(Needs_conversion, 1);
       learn_codeset();

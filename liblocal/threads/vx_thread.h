@@ -1,5 +1,6 @@
 // Threads, and the lowest room of the runtime: locks, counted handles, errors of the
-// primitives, blocks of variables, the exit list, memory. This header has threads: identity and waiting. The library itself starts none.
+// primitives, blocks of variables, the exit list, memory. This header has threads: identity
+// and waiting. The library itself starts none.
 //
 // Operations that return int32_t give 0 or a library error code, with the system
 // error recorded; a null handle gives 2 with EINVAL recorded. Handles are counted

@@ -12,11 +12,11 @@
 /// directions, and an element size of 0 does.
 ///
 /// Decoding stores the count in `*count`; a count that is refused is stored as 0. A
-/// null `*array` gets a zeroed array of its own, to be freed by the free operation;
-/// none for a count of 0. No memory: false, with ENOMEM in errno. An array supplied
-/// by the caller must hold `maximum` elements. Elements
-/// that take nothing on the wire fill at most 1 MiB. Free runs the filter on every element,
-/// stopping at the first failure, releases the array and sets `*array` to null.
+/// null `*array` gets a zeroed array of its own, to be freed by the free operation; none
+/// for a count of 0. No memory: false, with ENOMEM in errno. An array supplied by the
+/// caller must hold `maximum` elements. Elements that take nothing on the wire fill at
+/// most 1 MiB. Free runs the filter on every element, stopping at the first failure,
+/// releases the array and sets `*array` to null.
 ///
 /// Arrays of xdr_filter<F> with F one of the 32-bit and 64-bit integer filters go
 /// through streams that have them in one piece at the speed of a copy.
