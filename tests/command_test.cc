@@ -157,7 +157,7 @@ TEST_F(CommandTest, UpTime) {
     std::smatch printed, sent;
     ASSERT_TRUE(std::regex_match(outcome.err, printed, std::regex("Up time: (\\d+)\n")));
     ASSERT_TRUE(std::regex_search(hex, sent, std::regex("020106020101430[1-4](.+?)3017")));
-    const std::string sign(8 - sent[1].length(), sent.str(1) < "8" ? '0' : 'F');
+    const std::string sign(8 - sent.str(1).size(), sent.str(1) < "8" ? '0' : 'F');
     const unsigned long earliest = static_cast<unsigned long>(seconds) * 100;
     // Up to a minute more; the message carries the lower 32 bits.
     EXPECT_LT(std::stoul(printed[1]) - earliest, 6000);
