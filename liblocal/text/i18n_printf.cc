@@ -240,17 +240,19 @@ bool print_by_platform(Output* output, const I18nConversion& conversion) {
   if (!output->reserve(estimate(conversion))) return false;
   char format[kSubFormatSize];
   write_sub_format(conversion, format);
-  // The locale may lack a wide character.
-  const char last = last_letter(conversion);
+  // The platform may stop midway at a wide character, and behind a flag that is none.
+  const std::string_view flags(conversion.flags, conversion.flag_count);
+  const bool may_fail = strchr("cCsS", last_letter(conversion)) != nullptr ||
+                        flags.find_first_not_of("-+ #0'") != flags.npos;
   switch (conversion.kind) {
     case I18nKind::kLong:
-      return output->print(format, conversion.argument.integer, last == 'c');
+      return output->print(format, conversion.argument.integer, may_fail);
     case I18nKind::kDouble:
-      return output->print(format, conversion.argument.real, false);
+      return output->print(format, conversion.argument.real, may_fail);
     case I18nKind::kLongDouble:
-      return output->print(format, conversion.argument.extended, false);
+      return output->print(format, conversion.argument.extended, may_fail);
     default:
-      return output->print(format, static_cast<int>(conversion.argument.integer), last == 'C');
+      return output->print(format, static_cast<int>(conversion.argument.integer), may_fail);
   }
 }
 

@@ -34,10 +34,10 @@ std::string formatted(const char* format, ...) {
   va_start(arguments, format);
   const std::string text = in_own_area(format, arguments);
   EXPECT_EQ(in_own_area(("$" + std::string(format)).c_str(), arguments), "$" + text) << format;
-  std::string buffer(text.size() + 1, '#');
+  std::string buffer(text.size() + 9, '#');
   EXPECT_EQ(i18n_vsprintf(buffer.data(), nullptr, format, arguments),
             static_cast<int>(text.size()));
-  EXPECT_EQ(buffer, text + '\0');
+  EXPECT_EQ(buffer, text + '\0' + "########");
   va_end(arguments);
   return text;
 }
@@ -81,6 +81,7 @@ TEST(Format, Cases) {
       {formatted("a%l", 1L), "a"},
       {formatted("%lld|%hhd|%zu", 1L, 2, 3L), "d|d|u"},
       {formatted("%0300lc|%0300C|", 0x65E5L, 0x65E5), "||"},  // which the locale lacks
+      {formatted("%\xDE\xDE\xDE%-9ls|", L"日"), "|"},         // fails midway
       {formatted("%n%hn%ln|%d", 1, 2, &count, 3), "|3"},
       {formatted("%S%hs%hf%hp|%d", 1, 2, 3, 4, 5), "|5"},
       {formatted("%Ld%Ls|%d", 1.0L, 2.0L, 3), "|3"},
