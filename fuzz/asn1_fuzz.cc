@@ -2,6 +2,7 @@
 // and what it decoded stays the same when it is built, decoded and built again.
 #undef NDEBUG
 #include <cassert>
+#include <cstddef>
 #include <vector>
 
 #include "snmp/asn1.h"
