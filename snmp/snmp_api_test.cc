@@ -167,7 +167,7 @@ TEST_F(SessionTest, DefaultsAndOwnCopies) {
   EXPECT_EQ(session, Sessions->session);  // newest first
   EXPECT_NE(Reqid, 0);
   community[2] = 'c';
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(session->community), 4), std::string("a\0b", 4));
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(session->community), 4), std::string("a\0b\0", 4));
   EXPECT_EQ(std::tuple(session->community_length, session->retries, session->timeout),
             std::tuple(200, 0, 0L));
 }
