@@ -16,17 +16,14 @@
 #include "liblocal/messages/debug.h"
 #include "liblocal/startup/fullp_ux.h"
 
-namespace {
-
 namespace fs = std::filesystem;
 
-struct Tree {
+static struct Tree {
   std::string root;
 
   Tree() {
     char name[] = "/tmp/fullpath_fuzz.XXXXXX";
-    assert(mkdtemp(name) != nullptr);
-    root = name;
+    root = mkdtemp(name);
     const std::string script =
         "cd " + root + " && mkdir -p d/e .h && touch f d/f d/e/f .h/.f && ln -s d l &&" +
         "ln -s ../f d/u && ln -s o o && ln -s nowhere b && ln -s $PWD/l/e/f a &&"
@@ -37,10 +34,10 @@ struct Tree {
     dfopen("/dev/null");
   }
   ~Tree() { fs::remove_all(root); }
-};
+} tree;
 
 // With the path's trailing slashes or without them.
-bool names_the_same(const char* result, std::string path, bool follow) {
+static bool names_the_same(const char* result, std::string path, bool follow) {
   auto look = follow ? stat : lstat;
   struct stat found, wanted;
   assert(look(result, &found) == 0);
@@ -51,7 +48,7 @@ bool names_the_same(const char* result, std::string path, bool follow) {
   return true;
 }
 
-void check(const std::string& path, unsigned flags, size_t room) {
+static void check(const std::string& path, unsigned flags, size_t room) {
   const fs::path before = fs::current_path();
   std::vector<char> output(room);  // of its exact size, so overruns are seen
   const char* result = fullpath2(path.c_str(), output.data(), room, flags);
@@ -67,10 +64,7 @@ void check(const std::string& path, unsigned flags, size_t room) {
   assert(again == std::string(result) || again == std::string(result) + "/");
 }
 
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static Tree tree;
   static const int home = open(".", O_PATH);  // where the fuzzer keeps its corpus
   if (size < 3 || data[2] == '/') return -1;  // an absolute path would leave the tree
   std::string path(reinterpret_cast<const char*>(data + 2), size - 2);

@@ -1,5 +1,5 @@
 // Allocations that fail on demand. A test program that links `failing_malloc` has
-// the malloc, calloc, realloc and strdup calls of its own objects and static libraries
+// the malloc, calloc, realloc, strdup and free calls of its own objects and static libraries
 // replaced; shared libraries keep theirs.
 #pragma once
 
@@ -20,6 +20,17 @@ class FailingMalloc {
   /// True once an allocation was refused.
   bool failed() const;
 };
+
+/// The pieces of memory that were allocated there and not given back there.
+long pieces_held();
+
+/// The pieces that `work` leaves, after a first run that makes what lasts.
+inline long pieces_left_by(auto work) {
+  work();
+  const long before = pieces_held();
+  work();
+  return pieces_held() - before;
+}
 
 /// The bytes that `work`, run `times` times, leaves allocated, after a first run that makes
 /// what lasts; 0 under the sanitizers, which have a heap of their own.

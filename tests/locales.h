@@ -1,4 +1,4 @@
-// Locales for tests, compiled on the spot from the platform's own sources.
+// Locales and message catalogs for tests, compiled on the spot by the platform's own tools.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -6,6 +6,7 @@
 #include <clocale>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iostream>
 #include <string>
@@ -23,6 +24,12 @@ class TemporaryDirectory {
   char name_[32] = "/tmp/kiv-test-XXXXXX";
   std::string path_;
 };
+
+/// Compiles the message catalog `path` from its source text.
+inline void compile_catalog(const std::string& path, const std::string& messages) {
+  std::ofstream(path + ".source") << messages;
+  EXPECT_EQ(system(("gencat " + path + " " + path + ".source").c_str()), 0);
+}
 
 /// Compiles the locale source `source` with that codeset into a directory that is there, and
 /// returns the locale's name.
@@ -47,27 +54,20 @@ inline void enter_locale(const std::string& codeset, const std::string& source =
   ASSERT_NE(setlocale(LC_ALL, name.c_str()), nullptr) << name;
 }
 
-/// Writes the failures of this test, which GoogleTest keeps quiet about in a process of
-/// a death test, to standard error. Returns the exit status that tells of them.
-inline int report_failures() {
-  const auto* result = testing::UnitTest::GetInstance()->current_test_info()->result();
-  for (int i = 0; i < result->total_part_count(); ++i) {
-    if (result->GetTestPartResult(i).failed()) std::cerr << result->GetTestPartResult(i) << "\n";
-  }
-  return result->Failed() ? 1 : 0;
-}
-
 /// Runs `body` in that locale in a process of its own, for the first conversion fixes the
 /// codeset of a process.
 inline void in_locale(const std::string& codeset, const std::function<void()>& body,
                       const std::string& source = "POSIX") {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        enter_locale(codeset, source);
-        body();
-        exit(report_failures());
-      },
-      testing::ExitedWithCode(0), "")
-      << codeset;
+  auto run = [&] {
+    enter_locale(codeset, source);
+    body();
+    // GoogleTest keeps quiet about what fails in such a process.
+    const auto* result = testing::UnitTest::GetInstance()->current_test_info()->result();
+    for (int i = 0; i < result->total_part_count(); ++i) {
+      std::cerr << result->GetTestPartResult(i) << "\n";
+    }
+    exit(result->Failed() ? 1 : 0);
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "") << codeset;
 }

@@ -153,6 +153,7 @@ TEST_F(VxinitInTheLab, DirectoriesInOtherOrders) {
 
 TEST_F(VxinitInTheLab, SwitchesBetweenUserAndRoot) {
   if (!lab::has_users()) return skip("no users but root here");
+  setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // which may not look at a process of several ids
   const struct {
     uid_t real, effective;
     int level;  // below -1: with the ids not printed
@@ -200,7 +201,7 @@ TEST_F(VxinitInTheLab, SwitchesBetweenUserAndRoot) {
       get_saved_uids(nullptr, &ids[1]);
       get_saved_gids(&ids[2], &ids[3]);
       EXPECT_THAT(ids, testing::ElementsAre(real, effective, 1001, 1002));
-      _exit(report_failures());  // the leak sanitizer may not look at a process of several ids
+      EXPECT_EQ(seteuid(getuid()), 0);  // so that counts of coverage can be written
     });
   }
 }
