@@ -31,7 +31,7 @@ int synch_callback(int operation, snmp_session* /*session*/, int32_t request_id,
 
 // Whether `pdu` waits on `session` for its response.
 bool is_pending(const snmp_session* session, const snmp_pdu* pdu) {
-  const session_entry* entry = find_entry(session);
+  const session_entry* entry = snmp_find_entry(session);
   const request_record* request = entry != nullptr ? entry->state->requests : nullptr;
   while (request != nullptr && (request->pdu != pdu || request->busy)) request = request->next;
   return request != nullptr;
@@ -79,8 +79,8 @@ int snmp_synch_response(snmp_session* session, snmp_pdu* pdu, snmp_pdu** respons
   // response left over from an earlier call.
   snmp_synch_state = {
       .waiting = 1, .status = kSnmpSynchError, .request_id = 0, .response = nullptr};
-  if (is_too_deep()) {
-    fail(kSnmpErrGeneric);
+  if (snmp_is_too_deep()) {
+    snmp_fail(kSnmpErrGeneric);
   } else {
     snmp_synch_state.request_id = snmp_send(session, pdu);
   }

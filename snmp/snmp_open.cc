@@ -25,7 +25,7 @@ constexpr char kCommunity[] = "public";
 
 void seed_request_ids() {
   if (Reqid != 0) return;
-  timeval time = now();
+  timeval time = snmp_now();
   srand(static_cast<unsigned>(time.tv_sec) ^ static_cast<unsigned>(time.tv_usec));
   Reqid = rand();
 }
@@ -52,7 +52,7 @@ session_entry* add_entry(const snmp_session* session_template) {
 bool complete_session(snmp_session* session, const snmp_session* session_template) {
   if (session_template->peer_name != nullptr) {
     session->peer_name = strdup(session_template->peer_name);
-    if (session->peer_name == nullptr) return fail(kSnmpErrGeneric);
+    if (session->peer_name == nullptr) return snmp_fail(kSnmpErrGeneric);
   }
   const void* community = session_template->community;
   if (session->community_length == 0) {
@@ -61,7 +61,7 @@ bool complete_session(snmp_session* session, const snmp_session* session_templat
   }
   auto bytes = static_cast<size_t>(session->community_length);
   session->community = static_cast<uint8_t*>(malloc(bytes));
-  if (session->community == nullptr) return fail(kSnmpErrGeneric);
+  if (session->community == nullptr) return snmp_fail(kSnmpErrGeneric);
   memcpy(session->community, community, bytes);
   if (session->retries == kSnmpDefaultRetries) session->retries = kRetries;
   if (session->timeout == kSnmpDefaultTimeout) session->timeout = kTimeout;
@@ -72,7 +72,7 @@ bool open_socket(session_state* state) {
   state->socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (state->socket != -1) return true;
   perror("socket");
-  return fail(kSnmpErrGeneric);
+  return snmp_fail(kSnmpErrGeneric);
 }
 
 // The address of a host by its name or dotted address.
@@ -82,7 +82,7 @@ bool find_host(const char* name, in_addr* address) {
   const hostent* host = vx_ts_gethostbyname(name);
   if (host == nullptr) {
     vxfprintf(stderr, vxcatgets(Catd, kSnmpMessageSet, 23, "unknown host: %s\n"), name);
-    return fail(kSnmpErrUnknownHost);
+    return snmp_fail(kSnmpErrUnknownHost);
   }
   memcpy(address, host->h_addr_list[0], sizeof *address);
   return true;
@@ -108,7 +108,7 @@ bool bind_socket(const snmp_session* session, int socket) {
   local.sin_port = htons(session->local_port);
   if (bind(socket, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0) return true;
   perror("bind");
-  return fail(kSnmpErrBadLocalPort);
+  return snmp_fail(kSnmpErrBadLocalPort);
 }
 
 }  // namespace
@@ -117,7 +117,7 @@ snmp_session* snmp_open(const snmp_session* session_template) {
   seed_request_ids();
   session_entry* entry = add_entry(session_template);
   if (entry == nullptr) {
-    fail(kSnmpErrGeneric);
+    snmp_fail(kSnmpErrGeneric);
     return nullptr;
   }
   snmp_session* session = entry->session;

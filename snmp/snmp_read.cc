@@ -15,13 +15,13 @@ namespace {
 
 // Offers a response to the requests with its id until it is taken.
 void deliver_response(session_entry* entry, snmp_pdu* response) {
-  int32_t id = low_32_bits(response->request_id);
+  int32_t id = snmp_low_32_bits(response->request_id);
   for (request_record* request = entry->state->requests; request != nullptr;
        request = request->next) {
-    if (request->busy || low_32_bits(request->request_id) != id) continue;
+    if (request->busy || snmp_low_32_bits(request->request_id) != id) continue;
     request->busy = true;
-    int result = call_back(kSnmpReceivedMessage, entry->session, response);
-    if (result == 1 || is_closed(entry)) return;
+    int result = snmp_call_back(kSnmpReceivedMessage, entry->session, response);
+    if (result == 1 || snmp_is_closed(entry)) return;
     request->busy = false;
   }
 }
@@ -34,7 +34,7 @@ void deliver(session_entry* entry, snmp_pdu* pdu) {
     case kSnmpGetNextRequest:
     case kSnmpSetRequest:
     case kSnmpTrap:
-      call_back(kSnmpReceivedMessage, entry->session, pdu);
+      snmp_call_back(kSnmpReceivedMessage, entry->session, pdu);
   }
 }
 
@@ -55,14 +55,14 @@ bool read_session(session_entry* entry) {
     inet_ntop(AF_INET, &from.sin_addr, sender, sizeof sender);
     vxprintf(vxcatgets(Catd, kSnmpMessageSet, 66, "recieved %d bytes from %s:\n"),
              static_cast<int>(length), sender);
-    dump_packet(packet, static_cast<int32_t>(length));
+    snmp_print_packet(packet, static_cast<int32_t>(length));
   }
   unique_pdu pdu(snmp_pdu_create(0));
   if (pdu == nullptr) return true;  // no memory: the datagram is lost, as on the network
   pdu->address = from;
   switch (snmp_parse_packet(entry->session, pdu.get(), {packet, static_cast<size_t>(length)})) {
     case SnmpParse::kDone:
-      if (!is_closed(entry)) deliver(entry, pdu.get());  // the auth_hook may have closed it
+      if (!snmp_is_closed(entry)) deliver(entry, pdu.get());  // the auth_hook may have closed it
       return true;
     case SnmpParse::kDropped:
       return true;
@@ -76,9 +76,9 @@ bool read_session(session_entry* entry) {
 }  // namespace
 
 void snmp_read(const vx_fd_set* readable) {
-  if (!begin_round()) return;
+  if (!snmp_begin_round()) return;
   for (session_entry* entry = Sessions; entry != nullptr; entry = entry->next) {
     if (VX_FD_ISSET(entry->state->socket, readable) && !read_session(entry)) break;
   }
-  end_round();
+  snmp_end_round();
 }

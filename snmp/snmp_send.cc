@@ -30,7 +30,7 @@ bool gets_response(int32_t command) {
 long next_request_id() {
   do {
     ++Reqid;
-  } while (low_32_bits(Reqid) == 0);
+  } while (snmp_low_32_bits(Reqid) == 0);
   return Reqid;
 }
 
@@ -38,7 +38,7 @@ bool complete_trap(snmp_pdu* pdu) {
   pdu->request_id = kTrapRequestId;
   if (pdu->enterprise_length != 0) return true;
   auto* enterprise = static_cast<uint64_t*>(malloc(sizeof default_enterprise));
-  if (enterprise == nullptr) return fail(kSnmpErrGeneric);
+  if (enterprise == nullptr) return snmp_fail(kSnmpErrGeneric);
   memcpy(enterprise, default_enterprise, sizeof default_enterprise);
   free(pdu->enterprise);
   pdu->enterprise = enterprise;
@@ -58,12 +58,12 @@ bool complete_address(snmp_pdu* pdu, const sockaddr_in& peer) {
   if (pdu->address.sin_addr.s_addr == 0) pdu->address = peer;
   if (pdu->address.sin_addr.s_addr != 0) return true;
   vxfprintf(stderr, "%s", vxcatgets(Catd, kSnmpMessageSet, 64, "No remote IP address specified\n"));
-  return fail(kSnmpErrUnknownHost);
+  return snmp_fail(kSnmpErrUnknownHost);
 }
 
 }  // namespace
 
-void dump_packet(const uint8_t* packet, int32_t length) {
+void snmp_print_packet(const uint8_t* packet, int32_t length) {
   for (int32_t i = 0; i < length; ++i) {
     vxprintf("%02X ", packet[i]);
     if (i % kDumpColumns == kDumpColumns - 1) vxprintf("\n");
@@ -71,25 +71,25 @@ void dump_packet(const uint8_t* packet, int32_t length) {
   vxprintf("\n\n");
 }
 
-int32_t prepare_packet(const snmp_session* session, const snmp_pdu* pdu, uint8_t* packet) {
+int32_t snmp_prepare_packet(const snmp_session* session, const snmp_pdu* pdu, uint8_t* packet) {
   int32_t length = kSnmpMaxPacket;
   if (snmp_build_packet(session, pdu, packet, &length) != 0) {
     vxfprintf(stderr, "%s", vxcatgets(Catd, kSnmpMessageSet, 65, "Error building packet\n"));
-    return fail(kSnmpErrGeneric);
+    return snmp_fail(kSnmpErrGeneric);
   }
-  if (snmp_dump_packet != 0) dump_packet(packet, length);
+  if (snmp_dump_packet != 0) snmp_print_packet(packet, length);
   return length;
 }
 
-bool send_packet(int socket, const snmp_pdu* pdu, const uint8_t* packet, int32_t length) {
+bool snmp_send_packet(int socket, const snmp_pdu* pdu, const uint8_t* packet, int32_t length) {
   ssize_t sent = sendto(socket, packet, static_cast<size_t>(length), 0,
                         reinterpret_cast<const sockaddr*>(&pdu->address), sizeof pdu->address);
   if (sent >= 0) return true;
   perror("sendto");
-  return fail(kSnmpErrGeneric);
+  return snmp_fail(kSnmpErrGeneric);
 }
 
-void start_waiting(request_record* request, const timeval& sent_at) {
+void snmp_start_waiting(request_record* request, const timeval& sent_at) {
   timeval wait = {request->timeout / kMicrosecondsPerSecond,
                   request->timeout % kMicrosecondsPerSecond};
   request->sent_at = sent_at;
@@ -97,11 +97,11 @@ void start_waiting(request_record* request, const timeval& sent_at) {
 }
 
 int32_t snmp_send(snmp_session* session, snmp_pdu* pdu) {
-  session_entry* entry = find_entry(session);
-  if (entry == nullptr) return fail(kSnmpErrUnknownSession);
+  session_entry* entry = snmp_find_entry(session);
+  if (entry == nullptr) return snmp_fail(kSnmpErrUnknownSession);
   if (!complete_pdu(pdu) || !complete_address(pdu, entry->state->peer_address)) return 0;
   uint8_t packet[kSnmpMaxPacket];
-  int32_t length = prepare_packet(session, pdu, packet);
+  int32_t length = snmp_prepare_packet(session, pdu, packet);
   if (length == 0) return 0;
 
   // The record is made before anything is sent, so that what was sent is always
@@ -109,18 +109,18 @@ int32_t snmp_send(snmp_session* session, snmp_pdu* pdu) {
   c_unique_ptr<request_record> request;
   if (gets_response(pdu->command)) {
     request.reset(c_new<request_record>());
-    if (request == nullptr) return fail(kSnmpErrGeneric);
+    if (request == nullptr) return snmp_fail(kSnmpErrGeneric);
   }
-  timeval sent_at = now();
-  if (!send_packet(entry->state->socket, pdu, packet, length)) return 0;
+  timeval sent_at = snmp_now();
+  if (!snmp_send_packet(entry->state->socket, pdu, packet, length)) return 0;
   if (request != nullptr) {
     request->request_id = pdu->request_id;
     request->retries = 1;
     request->timeout = std::max(session->timeout, 0L);
     request->pdu = pdu;
-    start_waiting(request.get(), sent_at);
+    snmp_start_waiting(request.get(), sent_at);
     request->next = entry->state->requests;
     entry->state->requests = request.release();
   }
-  return low_32_bits(pdu->request_id);
+  return snmp_low_32_bits(pdu->request_id);
 }

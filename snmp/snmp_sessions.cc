@@ -49,17 +49,17 @@ void free_closed_entries() {
 
 }  // namespace
 
-session_entry* find_entry(const snmp_session* session) { return *find_link(session); }
+session_entry* snmp_find_entry(const snmp_session* session) { return *find_link(session); }
 
-bool is_too_deep() { return rounds == kMaxRounds; }
+bool snmp_is_too_deep() { return rounds == kMaxRounds; }
 
-bool begin_round() {
-  if (is_too_deep()) return false;
+bool snmp_begin_round() {
+  if (snmp_is_too_deep()) return false;
   ++rounds;
   return true;
 }
 
-void end_round() {
+void snmp_end_round() {
   if (--rounds > 0) return;
   for (session_entry* entry = Sessions; entry != nullptr; entry = entry->next) {
     free_requests(&entry->state->requests, true);
@@ -67,13 +67,13 @@ void end_round() {
   free_closed_entries();
 }
 
-int call_back(int operation, snmp_session* session, snmp_pdu* pdu) {
+int snmp_call_back(int operation, snmp_session* session, snmp_pdu* pdu) {
   if (session->callback == nullptr) return 0;
-  return session->callback(operation, session, low_32_bits(pdu->request_id), pdu,
+  return session->callback(operation, session, snmp_low_32_bits(pdu->request_id), pdu,
                            session->callback_arg);
 }
 
-bool fail(int code) {
+bool snmp_fail(int code) {
   snmp_errno = code;
   return false;
 }
@@ -81,7 +81,7 @@ bool fail(int code) {
 int snmp_close(snmp_session* session) {
   session_entry** link = find_link(session);
   session_entry* entry = *link;
-  if (entry == nullptr) return fail(kSnmpErrUnknownSession);
+  if (entry == nullptr) return snmp_fail(kSnmpErrUnknownSession);
   *link = entry->next;
   if (entry->state->socket != -1) close(entry->state->socket);
   entry->state->socket = -1;

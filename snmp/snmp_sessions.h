@@ -16,36 +16,36 @@
 #include "snmp/snmp_api.h"
 
 /// The entry of an open session, or null.
-[[nodiscard]] session_entry* find_entry(const snmp_session* session);
+[[nodiscard]] session_entry* snmp_find_entry(const snmp_session* session);
 
 /// Whether a callback of this round closed the session of `entry`.
-[[nodiscard]] inline bool is_closed(const session_entry* entry) {
+[[nodiscard]] inline bool snmp_is_closed(const session_entry* entry) {
   return entry->state->socket == -1;
 }
 
 /// Starts a round. False when so many are running inside each other that the stack
 /// might not hold another one; nothing is then to be ended.
-[[nodiscard]] bool begin_round();
+[[nodiscard]] bool snmp_begin_round();
 
 /// Ends a round. With the outermost one, busy requests and closed sessions go.
-void end_round();
+void snmp_end_round();
 
-/// Whether begin_round would fail.
-[[nodiscard]] bool is_too_deep();
+/// Whether snmp_begin_round would fail.
+[[nodiscard]] bool snmp_is_too_deep();
 
 /// Calls the session's callback, if it has one, and returns its result, else 0.
-int call_back(int operation, snmp_session* session, snmp_pdu* pdu);
+int snmp_call_back(int operation, snmp_session* session, snmp_pdu* pdu);
 
 /// Stores `code` in snmp_errno. The result is always false.
-bool fail(int code);
+bool snmp_fail(int code);
 
 /// A request id as it travels.
-[[nodiscard]] inline int32_t low_32_bits(long request_id) {
+[[nodiscard]] inline int32_t snmp_low_32_bits(long request_id) {
   return static_cast<int32_t>(request_id);
 }
 
 /// The time of day.
-[[nodiscard]] inline timeval now() {
+[[nodiscard]] inline timeval snmp_now() {
   timeval time{};
   gettimeofday(&time, nullptr);
   return time;

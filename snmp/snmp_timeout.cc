@@ -14,21 +14,21 @@ void repeat_request(const session_entry* entry, request_record* request) {
   uint8_t packet[kSnmpMaxPacket];
   ++request->retries;
   request->timeout = request->timeout > LONG_MAX / 2 ? LONG_MAX : 2 * request->timeout;
-  int32_t length = prepare_packet(entry->session, request->pdu, packet);
-  if (length != 0) send_packet(entry->state->socket, request->pdu, packet, length);
-  start_waiting(request, now());
+  int32_t length = snmp_prepare_packet(entry->session, request->pdu, packet);
+  if (length != 0) snmp_send_packet(entry->state->socket, request->pdu, packet, length);
+  snmp_start_waiting(request, snmp_now());
 }
 
 void expire_requests(session_entry* entry, const timeval& time) {
   for (request_record* request = entry->state->requests; request != nullptr;
        request = request->next) {
-    if (is_closed(entry)) return;
+    if (snmp_is_closed(entry)) return;
     if (request->busy || !timercmp(&request->expires_at, &time, <)) continue;
     if (request->retries < entry->session->retries) {
       repeat_request(entry, request);
     } else {
       request->busy = true;
-      call_back(kSnmpTimedOut, entry->session, request->pdu);
+      snmp_call_back(kSnmpTimedOut, entry->session, request->pdu);
     }
   }
 }
@@ -63,7 +63,7 @@ int snmp_select_info(int* count, vx_fd_set* readable, timeval* timeout, int* blo
   if (earliest == nullptr) return sessions;
 
   timeval left{};
-  timeval time = now();
+  timeval time = snmp_now();
   if (timercmp(earliest, &time, >)) timersub(earliest, &time, &left);
   if (*block == 1 || timercmp(&left, timeout, <)) {
     *timeout = left;
@@ -73,10 +73,10 @@ int snmp_select_info(int* count, vx_fd_set* readable, timeval* timeout, int* blo
 }
 
 void snmp_timeout() {
-  if (!begin_round()) return;
-  timeval time = now();
+  if (!snmp_begin_round()) return;
+  timeval time = snmp_now();
   for (session_entry* entry = Sessions; entry != nullptr; entry = entry->next) {
     expire_requests(entry, time);
   }
-  end_round();
+  snmp_end_round();
 }
