@@ -2,19 +2,14 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstddef>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -40,21 +35,6 @@ std::string take(int file) {
   return text;
 }
 
-// Makes a system call of this process fail with `error`, as on a system that has run out
-// of what it asks for.
-void refuse(int call, int error) {
-  sock_filter filter[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(call), 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
-  sock_fprog program = {std::size(filter), filter};
-  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-      prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
-    _exit(126);
-  }
-}
-
 // In the child, between fork and exec.
 [[noreturn]] void become(const Command& command, const int (&streams)[3],
                          const std::vector<char*>& argv) {
@@ -64,7 +44,6 @@ void refuse(int call, int error) {
   for (const std::string& assignment : command.environment) {
     putenv(const_cast<char*>(assignment.c_str()));
   }
-  if (command.refused) refuse(command.refused->first, command.refused->second);
   if (command.user != 0 && (setgid(command.user) != 0 || setuid(command.user) != 0)) _exit(125);
   execvp(command.file.empty() ? argv[0] : command.file.c_str(), argv.data());
   _exit(127);
@@ -156,22 +135,6 @@ uint16_t UdpReceiver::port() const {
   return ntohs(own.sin_port);
 }
 
-void on_second_host(const std::vector<std::string>& addresses, const std::function<void()>& work) {
-  std::string script =
-      "set -e; ip netns add second; ip link add cable type veth peer name far netns second\n"
-      "ip address add 10.9.0.1/24 dev cable; ip link set cable up\n"
-      "nsenter --net=/run/netns/second ip -batch - <<END\nlink set lo up\nlink set far up\n";
-  for (const std::string& address : addresses) script += "address add " + address + "/24 dev far\n";
-  check(system(script.c_str()) == 0, script);
-  const int here = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-  const int there = open("/run/netns/second", O_RDONLY | O_CLOEXEC);
-  check(setns(there, CLONE_NEWNET) == 0, "setns");
-  work();
-  check(setns(here, CLONE_NEWNET) == 0, "setns");
-  close(there);
-  close(here);
-}
-
 }  // namespace lab
 
 void LabTest::SetUp() { lab::skip_outside(); }
@@ -182,12 +145,26 @@ void LabTest::skip(const std::string& reason) {
 }
 
 std::string from_hex(std::string_view digits) {
-  std::string packed(digits), bytes;
-  std::erase(packed, ' ');
-  for (size_t i = 0; i + 1 < packed.size(); i += 2) {
-    bytes += static_cast<char>(std::stoi(packed.substr(i, 2), nullptr, 16));
+  std::vector<std::string> items(1);  // what is read of those that are open
+  for (size_t i = 0; i < digits.size(); ++i) {
+    if (digits[i] == '(') {
+      items.emplace_back();
+    } else if (digits[i] == ')') {
+      const std::string contents = std::exchange(items.back(), {});
+      const size_t length = contents.size();
+      items.pop_back();
+      if (length > 127) items.back() += length > 255 ? '\x82' : '\x81';
+      if (length > 255) items.back() += static_cast<char>(length >> 8);
+      items.back() += static_cast<char>(length) + contents;
+    } else if (digits[i] == '\'') {
+      const size_t end = digits.find('\'', i + 1);
+      items.back() += digits.substr(i + 1, end - i - 1);
+      i = end;
+    } else if (digits[i] != ' ') {
+      items.back() += static_cast<char>(std::stoi(std::string(digits.substr(i++, 2)), nullptr, 16));
+    }
   }
-  return bytes;
+  return items.front();
 }
 
 std::string to_hex(std::string_view bytes) {

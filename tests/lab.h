@@ -35,13 +35,12 @@ void set_host_name(const std::string& name);
 
 /// A program to run and its surroundings.
 struct Command {
-  std::vector<std::string> words;                   // program and arguments
-  std::string input = {};                           // standard input, at most 64 KiB
-  std::vector<std::string> environment = {};        // NAME=value, added to the own one
-  std::optional<std::pair<int, int>> refused = {};  // a system call and the errno it fails with
-  std::function<void(pid_t)> before_input = {};     // runs once the program is started
-  unsigned user = 0;                                // the user and group that it runs as
-  std::string file = {};                            // the program, when not found by words[0]
+  std::vector<std::string> words;                // program and arguments
+  std::string input = {};                        // standard input, at most 64 KiB
+  std::vector<std::string> environment = {};     // NAME=value, added to the own one
+  std::function<void(pid_t)> before_input = {};  // runs once the program is started
+  unsigned user = 0;                             // the user and group that it runs as
+  std::string file = {};                         // the program, when not found by words[0]
 };
 
 struct Outcome {
@@ -73,15 +72,10 @@ class UdpReceiver {
   int socket_;
 };
 
-/// Makes a second machine with these addresses of 10.9.0.0/24, tied by a cable to this one
-/// (10.9.0.1), and runs `work` in this thread as there. Sockets opened and programs started
-/// by it stay there. Once in a process.
-void on_second_host(const std::vector<std::string>& addresses, const std::function<void()>& work);
-
 }  // namespace lab
 
-/// A test that needs more than loopback: the lab's host name, /etc, /run, new directories
-/// of / or a second machine.
+/// A test that needs more than loopback: the lab's host name, /etc, /run or new directories
+/// of /.
 class LabTest : public testing::Test {
  public:
   /// Skips the running test because something is lacking; in CI it fails.
@@ -91,6 +85,7 @@ class LabTest : public testing::Test {
   void SetUp() override;
 };
 
-/// The bytes that hex digits stand for; blanks between them are ignored.
+/// The bytes that hex digits stand for. Blanks are ignored, '...' is text, and (...) are
+/// contents behind their length in the shortest BER form.
 std::string from_hex(std::string_view digits);
 std::string to_hex(std::string_view bytes);

@@ -72,8 +72,8 @@ empty)
   ln -s /host-etc/* /etc
   cd /etc
   rm -f hosts protocols services nsswitch.conf host.conf resolv.conf
-  printf '%s\n' '127.0.0.1 localhost manager' '192.0.2.1 lab-host' '10.9.0.1 lab-cable' \
-    '10.9.0.2 station' >hosts
+  printf '%s\n' '127.0.0.1 localhost manager' '192.0.2.1 lab-host' '127.0.0.2 station' \
+    '127.255.255.255 everybody' >hosts
   printf '%s\n' 'tcp 6 TCP' 'udp 17 UDP' >protocols
   printf '%s\n' 'sunrpc 111/tcp portmapper' 'sunrpc 111/udp portmapper' 'snmp 161/udp' >services
   printf '%s\n' 'hosts: files' 'services: files' >nsswitch.conf

@@ -1,5 +1,5 @@
-// The command and the RPC engine against a real port mapper on a second machine, and
-// their calls as an independent decoder reads them.
+// The command and the RPC engine against a real port mapper, and their calls as an
+// independent decoder reads them.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -19,7 +19,7 @@ namespace {
 using lab::kLong;
 using lab::RpcServer;
 
-constexpr char kStation[] = "10.9.0.2";
+constexpr char kStation[] = "127.0.0.2";
 constexpr unsigned long kPmapSet = 1;
 
 class StationTest : public lab::ClientTest {
@@ -33,7 +33,7 @@ class StationTest : public lab::ClientTest {
     return ntohs(server.sin_port);
   }
 
-  // A client of the standard port mapper itself, on the machine that this is run on.
+  // A client of the standard port mapper itself.
   void connect_to_mapper(timeval retry = kLong) {
     sockaddr_in server = lab::loopback(kStandardMapperPort);
     int socket = -1;
@@ -55,17 +55,11 @@ class StationTest : public lab::ClientTest {
 
 TEST_F(StationTest, ARealPortMapper) {
   if (lab::skip_outside()) return;
-  std::optional<RpcServer> own;
-  std::optional<lab::UdpReceiver> manager;
-  pid_t mapper = 0;
-  lab::on_second_host({kStation}, [&] {
-    manager.emplace(uint16_t{162}, kStation);
-    own.emplace(kOwnMapperPort, kStation, lab::port_mapper(0));
-    mapper = fork();
-    if (mapper == 0) _exit(execlp("rpcbind", "rpcbind", "-f", nullptr));
-    // From there alone programs may be registered. It is called until it has started.
-    connect_to_mapper({0, 50000});
-  });
+  lab::UdpReceiver manager(162, kStation);
+  RpcServer own(kOwnMapperPort, kStation, lab::port_mapper(0));
+  const pid_t mapper = fork();
+  if (mapper == 0) _exit(execlp("rpcbind", "rpcbind", "-f", nullptr));
+  connect_to_mapper({0, 50000});  // it is called until it has started
   CLIENT* registrar = std::exchange(client_, nullptr);
   for (const bool registered : {false, true}) {
     if (registered) {
@@ -81,7 +75,7 @@ TEST_F(StationTest, ARealPortMapper) {
     EXPECT_EQ(look_up("tcp", 100122, 0), 0);
     EXPECT_EQ(__get_rpc_createerr()->status, RPC_PROGNOTREGISTERED);
     EXPECT_EQ(told({KIVTRAP, "station"}, std::string(38, 'x') + " wrapped\n"), "0");
-    EXPECT_TRUE(manager->receive().value_or("").ends_with(registered ? "x\nwrapped" : "x wrapped"));
+    EXPECT_TRUE(manager.receive().value_or("").ends_with(registered ? "x\nwrapped" : "x wrapped"));
   }
   // Look-ups for connections go over connections.
   EXPECT_EQ(look_up(nullptr, kPmapProgram, kPmapVersion), kStandardMapperPort);
