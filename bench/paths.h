@@ -55,7 +55,7 @@ class ShortestTimes : public benchmark::BenchmarkReporter {
 /// Measures `paths` with the command line's further options; the result is main's.
 inline int measure(int argc, char** argv, std::span<const Path> paths) {
   std::vector<std::string> words = {argv[0], "--benchmark_enable_random_interleaving=true",
-                                    "--benchmark_repetitions=30", "--benchmark_min_time=0.02"};
+                                    "--benchmark_repetitions=100", "--benchmark_min_time=0.005"};
   words.insert(words.end(), argv + 1, argv + argc);
   std::vector<char*> flags;
   for (std::string& word : words) flags.push_back(word.data());

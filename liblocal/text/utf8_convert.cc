@@ -140,21 +140,28 @@ bool is_beyond_ascii(char byte) { return !is_ascii(byte); }
 // The same character in every codeset that a locale may have: Shift_JIS has signs of its own
 // for '\\' and '~', TCVN letters in the place of controls, ISO 2022 shifts there.
 bool is_plain(char byte) {
-  const auto code = static_cast<uint8_t>(byte);
-  return (code >= ' ' || (code >= '\t' && code <= '\r')) && code < 0x80 && byte != '\\' &&
-         byte != '~';
+  const auto code = static_cast<int8_t>(byte);  // below 0: beyond ASCII
+  return ((code >= ' ') & (code != '\\') & (code != '~')) | ((code >= '\t') & (code <= '\r'));
 }
 
-// The number of bytes of that kind that `text`, of `length` bytes, begins with. The
-// compiler makes vector instructions of a block.
+constexpr size_t kBlock = 16;  // bytes looked at by vector instructions, which the compiler makes
+
+template <bool (*is_kind)(char)>
+bool is_block_of(const char* block) {
+  uint8_t others = 0;
+  for (size_t i = 0; i < kBlock; ++i) others |= static_cast<uint8_t>(!is_kind(block[i]));
+  return others == 0;
+}
+
+// The number of bytes of that kind that `text`, of `length` bytes, begins with.
 template <bool (*is_kind)(char)>
 size_t run_of(const char* text, size_t length) {
-  constexpr size_t kBlock = 16;
   size_t count = 0;
-  for (; count + kBlock <= length; count += kBlock) {
-    uint8_t others = 0;
-    for (size_t i = 0; i < kBlock; ++i) others |= static_cast<uint8_t>(!is_kind(text[count + i]));
-    if (others != 0) break;
+  while (count + kBlock <= length && is_block_of<is_kind>(text + count)) count += kBlock;
+  // The end is looked at as a block, too, some of it a second time.
+  if (length >= kBlock && count + kBlock > length && count < length &&
+      is_block_of<is_kind>(text + length - kBlock)) {
+    return length;
   }
   while (count < length && is_kind(text[count])) ++count;
   return count;

@@ -20,9 +20,7 @@ int write_text(FILE* stream, const char* text, size_t length) {
 }
 
 int write_converted(FILE* stream, const char* text) {
-  const size_t same = ansi_same_length(text);
-  if (text[same] == '\0') return write_text(stream, text, same);
-  const size_t length = same + strlen(text + same);
+  const size_t length = strlen(text);
   const size_t size = length * kLongestConversion + 1;
   c_unique_ptr<char> converted(static_cast<char*>(malloc(size)));
   if (converted == nullptr) return write_text(stream, text, length);
@@ -35,12 +33,13 @@ int write_converted(FILE* stream, const char* text) {
 int vxvfprintf(FILE* stream, const char* format, va_list arguments) {
   if (utf8_is_marked(fileno(stream))) return vfprintf(stream, format, arguments);
   char* area = nullptr;
-  const int length = i18n_vsprintf(nullptr, &area, format, arguments);
+  const auto length = static_cast<size_t>(i18n_vsprintf(nullptr, &area, format, arguments));
   c_unique_ptr<char> text(area);
   if (text == nullptr) return 0;
+  if (ansi_same_length(area) == length) return write_text(stream, area, length);
   // A NUL that %c wrote is no text; what stands behind it is.
   *std::remove(area, area + length, '\0') = '\0';
-  return write_converted(stream, text.get());
+  return write_converted(stream, area);
 }
 
 int vxfprintf(FILE* stream, const char* format, ...) {
