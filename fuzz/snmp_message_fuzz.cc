@@ -33,8 +33,8 @@ Bytes built(const unique_pdu& pdu) {
   snmp_session session = {};
   Bytes packet(kSnmpMaxPacket);
   int32_t length = kSnmpMaxPacket;
-  bool done = snmp_build_packet(&session, pdu.get(), packet.data(), &length) == 0;
-  packet.resize(done ? static_cast<size_t>(length) : 0);
+  if (snmp_build_packet(&session, pdu.get(), packet.data(), &length) != 0) return {};
+  packet.resize(static_cast<size_t>(length));
   return packet;
 }
 

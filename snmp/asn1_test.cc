@@ -33,10 +33,10 @@ std::string built(char kind, const std::string& text) {
   if (end == nullptr) return "fails";
   const auto length = static_cast<int32_t>(end - whole);
   EXPECT_EQ(room, 200 - length);
-  for (int32_t less = 0; less < length; ++less) {
-    std::vector<uint8_t> exact(static_cast<size_t>(less));  // overruns are seen by sanitizers
-    int32_t left = less;
-    EXPECT_EQ(build(exact.data(), &left), nullptr) << less;
+  for (int32_t left = 0; left <= length; ++left) {
+    std::vector<uint8_t> exact(static_cast<size_t>(left) + 1);
+    EXPECT_EQ(build(exact.data(), &(room = left)) != nullptr, left == length) << left;
+    EXPECT_EQ(exact.back(), 0);  // what is behind the room stays
   }
   return to_hex(std::string(&whole[0], &whole[length]));
 }

@@ -78,7 +78,7 @@ TEST_F(CommandTest, CommandLines) {
       {{"manager"}, sent},
       {{"manager", "2", "7", "9"}, with_codes("020102 020107")},
       {{"manager", "-cx", "private", "2", "-c"}, with_codes("020102 020101", "private")},
-      {{"manager", "-f", "/run/message"}, from_file},
+      {{"manager", "-f", "/run/message", "6"}, from_file},
       {{"manager", "-f", ""}, sent},
       {{"manager", "-f"}, sent},
       {{"manager", "-v"}, "", "[41.24] invalid option: -v\n", kUsage},

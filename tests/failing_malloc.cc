@@ -17,8 +17,7 @@ void* hold(void* memory) {
 }
 
 bool grant() {
-  if (left == INT_MAX || --left >= 0) return true;
-  if (--refusals_left < 0) return true;
+  if (left == INT_MAX || --left >= 0 || --refusals_left < 0) return true;
   errno = ENOMEM;
   return false;
 }
