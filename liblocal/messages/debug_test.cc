@@ -29,13 +29,13 @@ TEST(DebugLine, LevelAndPrefix) {
   EXPECT_EQ(printed(-1, [] { debugprintf("%d\n", 1); }), "kivtrap: 1\n");
   EXPECT_EQ(printed(2, all),
             "kivtrap: a0\nkivtrap: Diagnostic: b0\nc0\nkivtrap: a2\nkivtrap: b2\nc2\n");
+  auto levels = [] {
+    for (int level : {0, 1, 2, 3, 4}) verbprint(level, "%d", level);
+  };
   const std::pair<const char*, const char*> strict[] = {
       {"2", "02"}, {"-1", "0123"}, {"4", "0"}, {"x", "0"}};
   for (auto [variable, wanted] : strict) {
     setenv("KIV_STRICT_LEVEL", variable, 1);
-    auto levels = [] {
-      for (int level : {0, 1, 2, 3, 4}) verbprint(level, "%d", level);
-    };
     EXPECT_EQ(printed(3, levels), wanted) << variable;
   }
   unsetenv("KIV_STRICT_LEVEL");

@@ -93,20 +93,19 @@ class Fullpath : public LabTest {
 TEST_F(Fullpath, Names) {
   // Each path and, behind it, its full name or the error.
   const std::pair<unsigned, const char*> cases[] = {
-      {kPlain, "/ /  /// /  @ @  @/dir/// @/dir  @/dir/file/ @/dir/file  @/broken @/broken"},
-      {kPlain, "@/link_dir @/link_dir  @/nowhere ENOENT"},
-      {kFollow, "@/dir/file @/dir/file"},
-      {kPlain, "@/dir/../dir/file @/dir/file  @/dir/.. @  @/./dir @/dir  @//dir//file @/dir/file"},
-      {kPlain, "@/link_dir/up @/dir/up  @/.dot/file @/.dot/file  @/dir/.hidden @/dir/.hidden"},
-      {kPlain, "dir @/dir  dir/file @/dir/file  ../ /  link_file @/link_file  link_dir/ @/dir"},
-      {kPlain, "link_dir/../link_dir/up @/dir/up  loop @/loop  dir/file/ ENOTDIR"},
-      {kFollow, "@/link_dir @/dir  @/link_dir/up @/dir/file  @/absolute @/dir/file"},
-      {kFollow, "@/above @.file  deep/er/way @/dir/file  link_file @/dir/file"},
-      {kFollow, "chain19 @/dir/file  chain20 ELOOP  loop ELOOP  broken ENOENT  dir/file/x ENOTDIR"},
-      {kSlash, "/ /  .. /  @/dir @/dir/  @/dir/file @/dir/file  @/link_dir @/link_dir"},
-      {kSlash, "@.file @.file"},
-      {kSlash | kFollow, "@/link_dir @/dir/"},
-  };
+      {kPlain,
+       "/ /  /// /  @ @  @/dir/// @/dir  @/dir/file/ @/dir/file  @/broken @/broken  loop @/loop "
+       "@/link_dir @/link_dir  @/nowhere ENOENT  dir/file/ ENOTDIR  @//dir//file @/dir/file "
+       "@/dir/../dir/file @/dir/file  @/dir/.. @  @/./dir @/dir  @/link_dir/up @/dir/up "
+       "@/.dot/file @/.dot/file  @/dir/.hidden @/dir/.hidden  dir @/dir  dir/file @/dir/file "
+       "../ /  link_file @/link_file  link_dir/ @/dir  link_dir/../link_dir/up @/dir/up"},
+      {kFollow,
+       "@/dir/file @/dir/file  @/link_dir @/dir  @/link_dir/up @/dir/file  @/absolute @/dir/file "
+       "@/above @.file  deep/er/way @/dir/file  link_file @/dir/file  chain19 @/dir/file "
+       "chain20 ELOOP  loop ELOOP  broken ENOENT  dir/file/x ENOTDIR"},
+      {kSlash,
+       "/ /  .. /  @/dir @/dir/  @/dir/file @/dir/file  @/link_dir @/link_dir  @.file @.file"},
+      {kSlash | kFollow, "@/link_dir @/dir/"}};
   for (const auto& [flags, table] : cases) {
     std::istringstream words(table);
     for (std::string path, wanted; words >> path >> wanted;) {
@@ -140,12 +139,8 @@ TEST_F(Fullpath, OutputSizes) {
 }
 
 TEST_F(Fullpath, WhatIsTold) {
-  const struct {
-    unsigned flags;
-    const char* path;
-    size_t less;  // bytes of room than the root's name, a terminator and "/dir" need
-    const char *line, *at_3;
-  } cases[] = {
+  // The third is how many bytes are missing for the root's name, "/dir" and a terminator.
+  const std::tuple<unsigned, const char*, size_t, const char*, const char*> cases[] = {
       {kPlain, "@/nowhere", 0, "cannot stat @/nowhere\n", ""},
       {kFollow, "chain20", 0,
        "fullpath too many symlink loops for chain20: Too many levels of symbolic links\n", ""},
@@ -210,7 +205,6 @@ TEST_F(Fullpath, LongNames) {
   EXPECT_EQ(resolved("sub", kPlain), "ENAMETOOLONG");
   const std::string lost =
       "fullpath(sub/file) cannot restore cwd to " + path + ": File name too long\n";
-  EXPECT_EQ(told(1, "sub/file", kPlain), lost);
   EXPECT_EQ(told(1, "sub/file", kPlain, path.size() + 9),
             path + "/sub/file path is too long\n" + lost);
   EXPECT_EQ(told(1, path, kPlain), "cannot stat " + path + "\n");

@@ -63,14 +63,12 @@ void make_program(const std::string& directory) {
 
 TEST_F(VxinitInTheLab, OfEveryApplication) {
   make_program("/start/bin");
-  const struct {
-    const char* name;
-    std::string argv0, installed, application, command;
-  } cases[] = {{"kiv", "/start/bin/program", "/start", "/kiv", "/kiv/tmp/vxdbg.tmp"},
-               {"qmo", "/start/bin/program", "/start", "/start", "/start/bin/vxdbg.tmp"},
-               {"tarn", "/start/bin/program", "/start", "/start", "/start/tmp/vxdbg.tmp"},
-               {"qmo", "/start/nowhere", "-", "/qmo", "null/vxdbg.tmp"},
-               {nullptr, "/start/bin/program", "/start", "-", "null/vxdbg.tmp"}};
+  const std::tuple<const char*, std::string, std::string, std::string, std::string> cases[] = {
+      {"kiv", "/start/bin/program", "/start", "/kiv", "/kiv/tmp/vxdbg.tmp"},
+      {"qmo", "/start/bin/program", "/start", "/start", "/start/bin/vxdbg.tmp"},
+      {"tarn", "/start/bin/program", "/start", "/start", "/start/tmp/vxdbg.tmp"},
+      {"qmo", "/start/nowhere", "-", "/qmo", "null/vxdbg.tmp"},
+      {nullptr, "/start/bin/program", "/start", "-", "null/vxdbg.tmp"}};
   const std::pair<const char* (*)(), const char*> getters[] = {
       {vx_get_applogsdir, "applogs"}, {vx_get_coresdir, "cores"}, {vx_get_debugdir, "debug"},
       {vx_get_etcdir, "etc"},         {vx_get_glsdir, "gls"},     {vx_get_indexdir, "index"},
@@ -93,7 +91,7 @@ TEST_F(VxinitInTheLab, OfEveryApplication) {
       setenv("LC_ALL", "C.UTF-8", 1);
       opterr = 1;
       const bool tells = name != nullptr && installed != "-";
-      EXPECT_EQ(printed(tells ? 0 : -1, [&] { _vxinit(each.name, 1, argv); }),
+      EXPECT_EQ(printed(tells ? 0 : -1, [&, name = name] { _vxinit(name, 1, argv); }),
                 tells ? "kivtrap: origin for `" + argv0 + "' is `/start/bin/'\n" : "");
       copy[0] = 'x';
       EXPECT_TRUE(vxinit_done() == 1 && opterr == 0);
@@ -114,7 +112,6 @@ TEST_F(VxinitInTheLab, OfEveryApplication) {
 
       EXPECT_EQ(text(find_origin(nullptr)), installed == "-" ? installed : "/start/bin/");
       EXPECT_EQ(vx_find_installdir(nullptr), nullptr);
-      EXPECT_EQ(vx_get_argv0(), argv0);
       EXPECT_EQ(vx_find_installdir("/no/program"), vx_get_installdir());
       EXPECT_STREQ(vx_get_argv0(), "/no/program");
 
