@@ -97,7 +97,7 @@ TEST_F(CommandTest, CommandLines) {
       {{"-u", "1", "manager"}, sent, "", "[41.26] Up time: 0\n"},
       {{"-u", "manager"}, "", "", kUsage},
       {{"-z", "manager"}, "", "", kUsage},
-      {{"-c"}, "", "", kUsage},
+      {{"-v"}, "", "", kUsage},
       {{"-v", "a", "b"}, "", "", kUsage},
       {{"-v", "--", "--help"}, "", "", kUsage},
       {{"nowhere"}, "", "[41.27] Couldn't open snmp\n", "[41.23] unknown host: nowhere\n"},

@@ -1,9 +1,11 @@
 #include "trap/message.h"
 
 #include "liblocal/text/utf8.h"
+#include "snmp/snmp_api.h"
 #include "tests/failing_malloc.h"
 #include "tests/lab.h"
 #include "trap/delivery.h"
+#include "trap/options.h"
 
 namespace {
 
@@ -15,6 +17,7 @@ TEST(WrapLine, Breaks) {
       {a40, a40},
       {a40 + " ", a40 + "\n"},
       {a41, a41},
+      {b20 + " " + c19, b20 + " " + c19},
       {a38 + " " + b20, a38 + "\n" + b20},
       {a41 + " b", a41 + "\nb"},
       {a38 + "   " + b20, a38 + "\n  " + b20},
@@ -41,6 +44,16 @@ TEST(ReadMessage, WithoutMemoryTheNextLineGetsItsChance) {
   utf8_fp(source);
   FailingMalloc failing(0, 1);
   EXPECT_STREQ(read_message(source, false).get(), "line 2");
+}
+
+TEST(ParseCommandLine, Flags) {
+  const char* words[] = {"kivtrap", "-d", "-vd", "-u", "x", "host", "-d", nullptr};
+  testing::internal::CaptureStdout();
+  EXPECT_STREQ(parse_command_line(6, const_cast<char**>(words)).host, "host");
+  EXPECT_EQ(std::tuple(snmp_dump_packet, Verbose, snmp_dump_uptime), std::tuple(2, 1, 1));
+  EXPECT_STREQ(parse_command_line(3, const_cast<char**>(words + 4)).host, "host");
+  EXPECT_EQ(std::exchange(snmp_dump_packet, 0), 3);
+  testing::internal::GetCapturedStdout();
 }
 
 TEST(DeliverTrap, EveryAllocationMayFail) {
