@@ -17,9 +17,9 @@ bool is_above_system(int32_t flavour) {
 }
 
 uint32_t allowed_methods(CLIENT* client) {
-  uint32_t methods = 0;
-  bool told = client->ops->control(client, CLGET_AUTH_METHODS, &methods);
-  return told ? methods : kAuthMethodsDefault;
+  uint32_t methods = kAuthMethodsDefault;  // what a request that is not known leaves alone
+  client->ops->control(client, CLGET_AUTH_METHODS, &methods);
+  return methods;
 }
 
 }  // namespace

@@ -7,13 +7,13 @@
 #include <cstring>
 
 #include "liblocal/startup/vxenv.h"
+#include "liblocal/threads/text_sizes.h"
 #include "rpc/client/rpcvarp.h"
 
 namespace {
 
 constexpr char kVariable[] = "KIVENV_PMAPS";
-constexpr size_t kExportSize = 12288;   // bytes of the variable's value
-constexpr size_t kExportLimit = 12188;  // no group is begun behind these
+constexpr size_t kExportLimit = kPathSize - 100;  // bytes behind which no group is begun
 
 // The runtime's own services, all of them over TCP.
 constexpr unsigned long kCacheablePrograms[] = {390113, 390103, 390109, 390110, 390107, 390105};
@@ -58,7 +58,7 @@ rpc_port_entry** own_cache() {
 }
 
 void export_to_environment(const rpc_port_entry* entry) {
-  char text[kExportSize];
+  char text[kPathSize];
   size_t length = 0;
   text[0] = '\0';
   for (; entry != nullptr && length <= kExportLimit; entry = entry->next) {

@@ -53,44 +53,6 @@ bool give(void* information, T value) {
   return true;
 }
 
-// Requests that look at whether there is information, or take something in its place.
-// `*known` tells whether `request` is one of them.
-bool switch_request(TcpRecord* record, uint32_t request, const void* information, bool* known) {
-  const bool on = information != nullptr;
-  *known = true;
-  switch (request) {
-    case CLSET_TIMEOUT:
-      return set_timeout(record, information);
-    case CLSET_FD_CLOSE:
-    case CLSET_FD_NCLOSE:
-      record->close_socket = request == CLSET_FD_CLOSE;
-      return true;
-    case CLSET_RECEIVE_SIZE:
-      return set_buffer_size(record, SO_RCVBUF, information);
-    case CLSET_SEND_SIZE:
-      return set_buffer_size(record, SO_SNDBUF, information);
-    case CLSET_WAIT_FUNCTION:
-      return set_wait_function(record, information);
-    case CLSET_WATCH_INPUT:
-      record->watch_input = on;
-      return true;
-    case CLSET_AUTH_CONFIRMED:
-      record->confirmed = on;
-      return true;
-    case CLSET_NODELAY:
-      return set_option(record, IPPROTO_TCP, TCP_NODELAY, on ? 1 : 0);
-    case CLSET_ONE_CALL:
-      if (on && record->one_call_enabled) record->one_call_armed = true;
-      return true;
-    case CLSET_ONE_CALL_ENABLED:
-      if (on) record->one_call_enabled = true;
-      return true;
-    default:
-      *known = false;
-      return false;
-  }
-}
-
 // Requests that hand over a value, one way or the other.
 bool value_request(TcpRecord* record, uint32_t request, void* information) {
   if (information == nullptr) return false;
@@ -131,7 +93,36 @@ bool value_request(TcpRecord* record, uint32_t request, void* information) {
 
 bool tcp_control(CLIENT* client, uint32_t request, void* information) {
   TcpRecord* record = tcp_record_of(client);
-  bool known = false;
-  bool done = switch_request(record, request, information, &known);
-  return known ? done : value_request(record, request, information);
+  // These look at whether there is information, or take something in its place.
+  const bool on = information != nullptr;
+  switch (request) {
+    case CLSET_TIMEOUT:
+      return set_timeout(record, information);
+    case CLSET_FD_CLOSE:
+    case CLSET_FD_NCLOSE:
+      record->close_socket = request == CLSET_FD_CLOSE;
+      return true;
+    case CLSET_RECEIVE_SIZE:
+      return set_buffer_size(record, SO_RCVBUF, information);
+    case CLSET_SEND_SIZE:
+      return set_buffer_size(record, SO_SNDBUF, information);
+    case CLSET_WAIT_FUNCTION:
+      return set_wait_function(record, information);
+    case CLSET_WATCH_INPUT:
+      record->watch_input = on;
+      return true;
+    case CLSET_AUTH_CONFIRMED:
+      record->confirmed = on;
+      return true;
+    case CLSET_NODELAY:
+      return set_option(record, IPPROTO_TCP, TCP_NODELAY, on ? 1 : 0);
+    case CLSET_ONE_CALL:
+      if (on && record->one_call_enabled) record->one_call_armed = true;
+      return true;
+    case CLSET_ONE_CALL_ENABLED:
+      if (on) record->one_call_enabled = true;
+      return true;
+    default:
+      return value_request(record, request, information);
+  }
 }

@@ -10,7 +10,6 @@ namespace {
 
 bool count_bytes(xdrproc_t filter, void* object, uint64_t* bytes) {
   XDR counting;
-  *bytes = 0;
   xdrcount_create(&counting, bytes);
   bool counted = filter(&counting, object);
   counting.ops->destroy(&counting);
