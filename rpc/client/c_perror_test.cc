@@ -1,8 +1,14 @@
 #include "rpc/client/c_perror.h"
 
-#include <cerrno>
+#include <nl_types.h>
 
+#include <cerrno>
+#include <utility>
+
+#include "liblocal/messages/catgets.h"
+#include "liblocal/messages/vxinit_done.h"
 #include "rpc/client/rpcvarp.h"
+#include "tests/lab.h"
 #include "tests/printed.h"
 #include "tests/threads.h"
 
@@ -17,41 +23,25 @@ struct Failed {
   static void tell(CLIENT* client, rpc_err* error) {
     *error = static_cast<Failed*>(client->private_data)->failure;
   }
+  std::string text() const { return clnt_sperror_rpc_err(&failure, nullptr); }
   static constexpr clnt_ops kOps = {nullptr, nullptr, tell, nullptr, nullptr, nullptr};
   CLIENT client = {nullptr, &kOps, this};
   rpc_err failure = {};
 };
 
-TEST(RpcTexts, TellsTheDetail) {
-  const std::string send = __brix_clnt_sperrno(3);
-  const std::string why = "Authentication error; why = ";
-  const struct {
-    int status;
-    long s1, s2;
-    std::string text;
-  } cases[] = {
-      {3, ECONNREFUSED, 0, send + "; errno = Connection refused"},
-      {4, ECONNRESET, 0,
-       __brix_clnt_sperrno(4) + std::string("; errno = Connection reset by peer")},
-      {6, 2, 3, "Incompatible versions of RPC; low version = 2, high version = 3"},
-      {9, 4, -1,
-       "RPC program or version mismatch; low version = 4, high version = 18446744073709551615"},
-      {7, 0, 0, why + "Authentication OK"},
-      {7, 2, 0, why + "Server rejected credential"},
-      {7, 7, 0, why + "Failed (unspecified error)"},
-      {7, 8, 0, why + "(unknown authentication error - 8)"},
-      {7, -1, 0, why + "(unknown authentication error - -1)"},
-      {16, 1, 6, "Failed (unspecified error)"},
-      {17, 1, 6, "Unknown protocol"},
-      {18, 1, 6, "Call interrupted; s1 = 1, s2 = 6"},
-      {25, 1, 6, "Stale remote asynchronous handle; s1 = 1, s2 = 6"},
-      {26, 1, 6, "Invalid handle"},
-      {27, 1, 6, "Cancelled"},
-      {28, 1, 6, "Unknown error code; s1 = 1, s2 = 6"},
-      {-1, 1, 6, "Unknown error code"}};
-  for (const auto& [status, s1, s2, text] : cases) {
-    Failed test(status, s1, s2);
-    EXPECT_EQ(clnt_sperror_rpc_err(&test.failure, nullptr), text + "\n");
+TEST(RpcTexts, TellTheDetailOfEveryStatus) {
+  for (int status = -1; status <= RPC_CANCELLED + 1; ++status) {
+    std::string text = __brix_clnt_sperrno(status);
+    if (status == RPC_CANTSEND || status == RPC_CANTRECV) text += "; errno = Permission denied";
+    if (status == RPC_AUTHERROR) text += "; why = (unknown authentication error - 13)";
+    if (status == RPC_VERSMISMATCH || status == RPC_PROGVERSMISMATCH) {
+      text += "; low version = 13, high version = 18446744073709551615";
+    }
+    if ((status >= 18 && status <= 25) || status > 27) {
+      text += "; s1 = 13, s2 = 18446744073709551615";
+    }
+    Failed test(status, EACCES, -1);
+    EXPECT_EQ(test.text(), text + "\n");
     EXPECT_EQ(__brix_clnt_sperror(&test.client, "100% x"), "100% x: " + text + "\n");
   }
   Failed failed(RPC_TIMEDOUT);
@@ -63,15 +53,47 @@ TEST(RpcTexts, TellsTheDetail) {
   }
 }
 
+// One text after the other, between ';'.
+std::string all_texts() {
+  std::string texts;
+  for (int code : {-1, 0, 27, 28}) (texts += __brix_clnt_sperrno(code)) += ";";
+  for (int why = -1; why <= 8; ++why) {
+    texts += Failed(RPC_AUTHERROR, why).text().substr(28);
+    texts.back() = ';';
+  }
+  return texts + Failed(RPC_VERSMISMATCH, 1, 2).text().substr(28);
+}
+
+TEST(RpcTexts, ComeFromTheCatalog) {
+  const std::string place = testing::TempDir() + "rpc";
+  std::string messages = "$set 21\n20 20 %lu %lu\n21 21 %d\n38 38\n";
+  for (int i = 50; i < 58; ++i) messages += std::to_string(i) + " " + std::to_string(i) + "\n";
+  lab::write_file(place, messages);
+  ASSERT_EQ(system(("gencat " + place + ".cat " + place).c_str()), 0);
+  EXPECT_EQ(all_texts(),
+            "Unknown error code;Success;Cancelled;Unknown error code;"
+            "(unknown authentication error - -1);Authentication OK;Invalid client credential;"
+            "Server rejected credential;Invalid client verifier;Server rejected verifier;"
+            "Client credential too weak;Invalid server verifier;Failed (unspecified error);"
+            "(unknown authentication error - 8);; low version = 1, high version = 2\n");
+  Catd = reinterpret_cast<int64_t>(catopen((place + ".cat").c_str(), 0));
+  _vx_set_initialised();
+  EXPECT_EQ(all_texts(), "50;Success;Cancelled;50;21 -1;51;52;53;54;55;56;57;38;21 8;20 1 2\n");
+  vxcatclose(std::exchange(Catd, -1));
+}
+
 TEST(RpcTexts, TellsWhyNoClientWasMade) {
-  rpc_set_createerr(RPC_SYSTEMERROR, EPFNOSUPPORT);
-  EXPECT_STREQ(__brix_clnt_spcreateerror("p"),
-               "p: Remote system error - Protocol family not supported\n");
-  *__get_rpc_createerr() = {RPC_PMAPFAILURE, Failed(RPC_TIMEDOUT).failure};
-  EXPECT_STREQ(__brix_clnt_spcreateerror("p"), "p: Port mapper failure - Timed out\n");
+  const std::pair<rpc_createerr, std::string> cases[] = {
+      {{RPC_SYSTEMERROR, Failed(3, EPFNOSUPPORT).failure},
+       "Remote system error - Protocol family not supported\n"},
+      {{RPC_PMAPFAILURE, Failed(5, 2).failure}, "Port mapper failure - Timed out\n"},
+      {{RPC_UNKNOWNHOST, Failed(5, 2).failure}, "Unknown host\n"}};
+  for (const auto& [error, text] : cases) {
+    *__get_rpc_createerr() = error;
+    EXPECT_EQ(__brix_clnt_spcreateerror(nullptr), text);
+    EXPECT_EQ(__brix_clnt_spcreateerror("p"), "p: " + text);
+  }
   in_threads(2, [](int) { EXPECT_STREQ(__brix_clnt_spcreateerror("q"), "q: Success\n"); });
-  rpc_set_createerr(RPC_UNKNOWNHOST, 0);
-  EXPECT_STREQ(__brix_clnt_spcreateerror(nullptr), "Unknown host\n");
 }
 
 TEST(RpcTexts, GoOnStandardErrorAndIntoRecords) {
