@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "rpc/auth/auth.h"
+#include "tests/failing_calls.h"
 #include "tests/printed.h"
 #include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
@@ -20,12 +21,7 @@ constexpr rpc_createerr kUntouched = {RPC_CANCELLED, {}};
 // Both mappers that a client may ask, which know every program.
 struct Mappers {
   RpcServer over_udp{7938, "127.0.0.1", lab::port_mapper(4711)};
-  RpcServer over_tcp{[](RpcServer& server) {
-                       while (auto request = server.read_request()) {
-                         server.send(lab::fragment(lab::success_to(*request, "00001F02")));
-                       }
-                     },
-                     7938};
+  RpcServer over_tcp{7938, "127.0.0.1", lab::port_mapper(7938), SOCK_STREAM};
 };
 
 // In the lab, as mappers have fixed ports, and hosts their names.
@@ -87,14 +83,18 @@ TEST_F(CreateTest, WhatCannotBeMade) {
                {"manager", "sctp", nullptr, RPC_SYSTEMERROR, EPFNOSUPPORT},
                {"manager", nullptr, "ud", RPC_SYSTEMERROR, EPFNOSUPPORT},
                {"manager", "udpx", "udp", RPC_SYSTEMERROR, EPFNOSUPPORT},
+               {"manager", "udp", nullptr, RPC_PMAPFAILURE, EIO},  // as a wait fails
                {"manager", nullptr, "", RPC_CANCELLED, 0}};
   for (const auto& test : cases) {
     SCOPED_TRACE(testing::PrintToString(test.transport));
     *__get_rpc_createerr() = kUntouched;
     if (test.environment != nullptr) setenv("KIV_TRANSPORT", test.environment, 1);
+    failing_calls::refuse(failing_calls::waits, EIO, 2);
     client_ = __brix_clnt_create(test.host, 100122, 0, test.transport);
+    failing_calls::refuse(failing_calls::waits, 0, 0);
     unsetenv("KIV_TRANSPORT");
     expect_not_created(test.status, test.error);
+    EXPECT_EQ(__get_rpc_createerr()->cause.status == RPC_CANTRECV, test.error == EIO);
   }
 }
 

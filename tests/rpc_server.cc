@@ -22,9 +22,16 @@ RpcServer::RpcServer(int type, const std::string& address, uint16_t port)
   }
 }
 
-RpcServer::RpcServer(uint16_t port, const std::string& address, Script script)
-    : RpcServer(SOCK_DGRAM, address, port) {
-  thread_ = std::jthread([this, run = std::move(script)] { answer(run); });
+RpcServer::RpcServer(uint16_t port, const std::string& address, Script script, int type)
+    : RpcServer(type, address, port) {
+  thread_ = std::jthread([this, type, run = std::move(script)] {
+    if (type == SOCK_DGRAM) return answer(run);
+    serve([&run](RpcServer& self) {
+      while (auto request = self.read_request()) {
+        for (const std::string& reply : run(*request)) self.send(fragment(reply));
+      }
+    });
+  });
 }
 
 RpcServer::RpcServer(Conversation conversation, uint16_t port)

@@ -20,8 +20,8 @@ class RpcServer {
   /// What happens on a connection, by the operations below.
   using Conversation = std::function<void(RpcServer& server)>;
 
-  /// Over UDP on `port` (0: any).
-  RpcServer(uint16_t port, const std::string& address, Script script);
+  /// Over UDP on `port` (0: any), or over TCP, where each answer is a record.
+  RpcServer(uint16_t port, const std::string& address, Script script, int type = SOCK_DGRAM);
   /// Over TCP on `port` of 127.0.0.1: one connection after the other.
   explicit RpcServer(Conversation conversation, uint16_t port = 0);
   ~RpcServer();

@@ -70,13 +70,11 @@ void expect_failures_release(xdrproc_t filter, std::string_view bytes, const T& 
     }
     return failed;
   };
-  EXPECT_EQ(bytes_left_by(1,
-                          [&] {
-                            for (size_t length = 0; length < bytes.size(); ++length)
-                              decode(length, INT_MAX);
-                            for (int granted = 0; decode(bytes.size(), granted);) ++granted;
-                          }),
-            0);
+  auto decode_all = [&] {
+    for (size_t length = 0; length < bytes.size(); ++length) decode(length, INT_MAX);
+    for (int granted = 0; decode(bytes.size(), granted);) ++granted;
+  };
+  EXPECT_LE(bytes_left_by(1, decode_all), 0);
 }
 
 /// What a record stream is over: it reads and writes strings.

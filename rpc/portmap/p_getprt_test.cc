@@ -99,13 +99,9 @@ TEST_F(PortTest, WhatTheEnvironmentKnowsHoldsForThisHostAlone) {
 }
 
 TEST_F(PortTest, TheOwnMappersAnswerIsKept) {
-  auto answer = [](RpcServer& mapper) {
-    const std::string request = mapper.read_request().value_or("");
-    mapper.send(lab::fragment(lab::success_to(request, "00000007")));
-  };
   for (unsigned long program : {kService, 100003UL}) {
     {
-      RpcServer mapper(answer, kOwnMapperPort);
+      RpcServer mapper(kOwnMapperPort, "127.0.0.1", lab::port_mapper(7), SOCK_STREAM);
       EXPECT_EQ(ask("127.0.0.1", program, 2, IPPROTO_TCP), 7);
     }
     EXPECT_EQ(ask("127.0.0.1", program, 2, IPPROTO_TCP), program == kService ? 7 : 0)

@@ -10,12 +10,14 @@
 
 #include "rpc/auth/a_none.h"
 #include "rpc/auth/auth.h"
+#include "tests/failing_calls.h"
 #include "tests/failing_malloc.h"
 #include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
 
 namespace {
 
+using failing_calls::refuse;
 using lab::RpcServer;
 
 constexpr uint16_t kNobody = 9;  // a port
@@ -60,17 +62,10 @@ class TransportTest : public lab::ClientTest, public testing::WithParamInterface
   void connect(const std::string& hex = kAnswer) {
     destroy();
     server_.reset();
-    if (is_tcp()) {
-      server_.emplace([hex](RpcServer& server) {
-        while (auto request = server.read_request()) {
-          server.send(lab::fragment(lab::reply_to(*request, hex)));
-        }
-      });
-    } else {
-      server_.emplace(uint16_t{0}, "127.0.0.1", [hex](const std::string& request) {
-        return std::vector{lab::reply_to(request, hex)};
-      });
-    }
+    auto answer = [hex](const std::string& request) {
+      return std::vector{lab::reply_to(request, hex)};
+    };
+    server_.emplace(uint16_t{0}, "127.0.0.1", answer, is_tcp() ? SOCK_STREAM : SOCK_DGRAM);
     ASSERT_NE(create(GetParam(), server_->port()), nullptr);
   }
 
@@ -167,6 +162,27 @@ TEST_P(TransportTest, ArgumentsAndResultsThatFail) {
                             lab::kLong),
          RPC_CANTDECODERES);
   expect(call(), RPC_SUCCESS);  // the reply to what was encoded is dropped
+}
+
+TEST_P(TransportTest, FailingSystemCalls) {
+  connect();
+  // Signals neither end nor repeat a call, nor does input that is gone again.
+  for (int passing : {EINTR, EAGAIN, ENOMEM, EINPROGRESS}) {
+    refuse(failing_calls::reads, passing, 3);
+    refuse(failing_calls::waits, EINTR, 20);
+    EXPECT_EQ(call(), RPC_SUCCESS) << passing;
+  }
+  EXPECT_EQ(sent(), 4U);
+  refuse(failing_calls::reads, EIO);
+  expect(call(), RPC_CANTRECV, EIO);
+  refuse(failing_calls::reads, EAGAIN);
+  refuse(failing_calls::waits, EBADF);
+  expect(call(), RPC_CANTRECV, EBADF);
+  EXPECT_EQ(call(), RPC_SUCCESS);
+  connect();
+  close(socket_);
+  expect(call(), RPC_CANTSEND, EBADF);
+  control(CLSET_FD_NCLOSE, &result_);  // the number may be another's by now
 }
 
 TEST_P(TransportTest, DestroyClosesTheSocketThatIsItsOwn) {

@@ -51,6 +51,8 @@ TEST(Xdr, CarriesNumbers) {
   expect_wire<__brix_xdr_float>(std::numeric_limits<float>::denorm_min(), "00000001");
   expect_wire<__brix_xdr_double>(-1.5, "BFF8000000000000");
 
+  EXPECT_TRUE(__xdr.operation == xdr_op::kFree && __xdr.ops == nullptr && __xdr.user == nullptr &&
+              __xdr.private_word == nullptr && __xdr.base == nullptr && __xdr.remaining == 0);
   // What comes in is cut to the width of the host's type.
   uint16_t narrow = 0;
   EXPECT_TRUE(__brix_xdr_u_short(TestStream("ABCD", xdr_op::kDecode).get(), &narrow));
