@@ -58,8 +58,8 @@ void wait_once() {
     snmp_read(&readable);
   } else if (ready == 0) {
     snmp_timeout();
-  } else if (ready < -1 || errno != EINTR) {
-    if (ready == -1) perror("select");
+  } else if (errno != EINTR) {
+    perror("select");
     snmp_synch_state.waiting = 0;
   }
 }

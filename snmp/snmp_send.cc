@@ -84,7 +84,7 @@ int32_t snmp_prepare_packet(const snmp_session* session, const snmp_pdu* pdu, ui
 bool snmp_send_packet(int socket, const snmp_pdu* pdu, const uint8_t* packet, int32_t length) {
   ssize_t sent = sendto(socket, packet, static_cast<size_t>(length), 0,
                         reinterpret_cast<const sockaddr*>(&pdu->address), sizeof pdu->address);
-  if (sent >= 0) return true;
+  if (sent != -1) return true;
   perror("sendto");
   return snmp_fail(kSnmpErrGeneric);
 }
