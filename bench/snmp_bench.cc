@@ -345,7 +345,7 @@ void request_floor(benchmark::State& state) {
 }
 
 constexpr Path kPaths[] = {
-    {"build the reference trap", "build", build_trap, build_trap_floor, 2.5},
+    {"build the reference trap", "build", build_trap, build_trap_floor, 1.8},
     {"decode the reference trap", "decode", decode_trap, decode_trap_floor, 2.0},
     {"synchronous request over loopback", "request", request, request_floor, 1.15},
 };

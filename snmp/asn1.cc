@@ -22,10 +22,12 @@ static_assert(kShortHeader == asn_header_size(0));
 // Writes `number` in base 128, most significant group first. Returns the position past
 // it, or nullptr when it would pass `end`.
 uint8_t* put_subid(uint8_t* at, const uint8_t* end, uint64_t number) {
-  int shift = 0;
-  while (number >> shift > 0x7F) shift += 7;
-  for (; shift > 0 && at != end; shift -= 7) {
-    *at++ = static_cast<uint8_t>(kMoreGroups | number >> shift);
+  if (number > 0x7F) {
+    int shift = 7;
+    while (number >> shift > 0x7F) shift += 7;
+    for (; shift > 0 && at != end; shift -= 7) {
+      *at++ = static_cast<uint8_t>(kMoreGroups | number >> shift);
+    }
   }
   if (at == end) return nullptr;
   *at++ = static_cast<uint8_t>(number & 0x7F);

@@ -22,16 +22,16 @@ int32_t distance(const uint8_t* from, const uint8_t* to) { return static_cast<in
 // header and ending at `end`. They move when the real header is longer. Returns the
 // item's end, or nullptr when `*room` cannot hold the difference.
 uint8_t* close_item(uint8_t* header, uint8_t* contents, uint8_t* end, int32_t* room) {
-  int32_t length = distance(contents, end);
-  int32_t header_size = asn_header_size(length);
-  int32_t growth = header_size - distance(header, contents);
+  const int32_t length = distance(contents, end);
+  int32_t length_size = asn_length_size(length);
+  const int32_t growth = 1 + length_size - distance(header, contents);
   if (growth > 0) {
     if (*room < growth) return nullptr;
     *room -= growth;
     shift_bytes(contents, length, growth);
     end += growth;
   }
-  return asn_build_header(header, &header_size, *header, length) != nullptr ? end : nullptr;
+  return asn_build_length(header + 1, &length_size, length) != nullptr ? end : nullptr;
 }
 
 uint8_t* build_value(uint8_t* at, int32_t* room, uint8_t type, const void* value,

@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -133,29 +135,30 @@ int run_locked(Direction* direction, iconv_t descriptor, Conversion* conversion,
   return error;
 }
 
-bool is_ascii(char byte) { return (byte & 0x80) == 0; }
-
-bool is_beyond_ascii(char byte) { return !is_ascii(byte); }
+// Kinds of bytes, of one byte or of a vector of them. Below 0: beyond ASCII.
+constexpr auto is_ascii = [](auto byte) { return byte >= 0; };
+constexpr auto is_beyond_ascii = [](auto byte) { return byte < 0; };
 
 // The same character in every codeset that a locale may have: Shift_JIS has signs of its own
 // for '\\' and '~', TCVN letters in the place of controls, ISO 2022 shifts there.
-bool is_plain(char byte) {
-  const auto code = static_cast<int8_t>(byte);  // below 0: beyond ASCII
-  return ((code >= ' ') & (code != '\\') & (code != '~')) | ((code >= '\t') & (code <= '\r'));
-}
+constexpr auto is_plain = [](auto byte) {
+  return ((byte >= ' ') & (byte != '\\') & (byte != '~')) | ((byte >= '\t') & (byte <= '\r'));
+};
 
-constexpr size_t kBlock = 16;  // bytes looked at by vector instructions, which the compiler makes
+using Block [[gnu::vector_size(16)]] = int8_t;
 
-template <bool (*is_kind)(char)>
-bool is_block_of(const char* block) {
-  uint8_t others = 0;
-  for (size_t i = 0; i < kBlock; ++i) others |= static_cast<uint8_t>(!is_kind(block[i]));
-  return others == 0;
+template <auto is_kind>
+bool is_block_of(const char* text) {
+  Block block;
+  memcpy(&block, text, sizeof block);
+  const auto halves = std::bit_cast<std::array<uint64_t, 2>>(is_kind(block));
+  return (halves[0] & halves[1]) == UINT64_MAX;
 }
 
 // The number of bytes of that kind that `text`, of `length` bytes, begins with.
-template <bool (*is_kind)(char)>
+template <auto is_kind>
 size_t run_of(const char* text, size_t length) {
+  constexpr size_t kBlock = sizeof(Block);
   size_t count = 0;
   while (count + kBlock <= length && is_block_of<is_kind>(text + count)) count += kBlock;
   // The end is looked at as a block, too, some of it a second time.
@@ -163,7 +166,7 @@ size_t run_of(const char* text, size_t length) {
       is_block_of<is_kind>(text + length - kBlock)) {
     return length;
   }
-  while (count < length && is_kind(text[count])) ++count;
+  while (count < length && is_kind(static_cast<int8_t>(text[count]))) ++count;
   return count;
 }
 
