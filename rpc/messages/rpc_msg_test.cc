@@ -59,22 +59,22 @@ TEST(RpcMessage, BoundsAuthBodies) {
 TEST(RpcMessage, TellsWhatAReplyMeans) {
   const std::string reply = "00000009 00000001 ";
   const std::string accepted = reply + "00000000 00000000 00000000 ";
-  constexpr auto kRefused = static_cast<clnt_stat>(-1);  // it does not decode
+  constexpr int kRefused = -1;  // it does not decode
   const struct {
     std::string hex;
-    clnt_stat status;
+    int status;  // a clnt_stat
     long s1, s2;
   } cases[] = {
-      {accepted + "00000000 0000002A", RPC_SUCCESS, 0, 0},
-      {accepted + "00000001", RPC_PROGUNAVAIL, 0, 0},
-      {accepted + "00000002 00000003 FFFFFFFF", RPC_PROGVERSMISMATCH, 3, 4294967295},
-      {accepted + "00000003", RPC_PROCUNAVAIL, 0, 0},
-      {accepted + "00000004", RPC_CANTDECODEARGS, 0, 0},
-      {accepted + "00000005", RPC_SYSTEMERROR, 0, 0},
-      {accepted + "00000006", RPC_FAILED, 0, 6},
-      {accepted + "FFFFFFFF", RPC_FAILED, 0, -1},
-      {reply + "00000001 00000000 00000002 00000003", RPC_VERSMISMATCH, 2, 3},
-      {reply + "00000001 00000001 00000009", RPC_AUTHERROR, 9, 0},
+      {accepted + "00000000 0000002A", 0, 0, 0},
+      {accepted + "00000001", 8, 0, 0},
+      {accepted + "00000002 00000003 FFFFFFFF", 9, 3, 4294967295},
+      {accepted + "00000003", 10, 0, 0},
+      {accepted + "00000004", 11, 0, 0},
+      {accepted + "00000005", 12, 0, 0},
+      {accepted + "00000006", 16, 0, 6},
+      {accepted + "FFFFFFFF", 16, 0, -1},
+      {reply + "00000001 00000000 00000002 00000003", 6, 2, 3},
+      {reply + "00000001 00000001 00000009", 7, 9, 0},
       {reply + "00000001 00000002 00000000", kRefused, 0, 0},  // denied for no known reason
       {reply + "00000002 00000000 00000000", kRefused, 0, 0},  // neither accepted nor denied
       {reply + "00000000 00000002 00007FE9", kRefused, 0, 0},  // a verifier that is too long

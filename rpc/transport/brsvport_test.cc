@@ -37,7 +37,8 @@ class BindTest : public testing::Test {
       std::lock_guard lock(mutex_);
       open_.push_back(descriptor);
     }
-    if (__brix_bindresvport(descriptor, address, type) != 0) return -errno;
+    const int bound = __brix_bindresvport(descriptor, address, type);
+    if (bound != 0) return bound * errno;
     sockaddr_in own{};
     socklen_t size = sizeof own;
     getsockname(descriptor, reinterpret_cast<sockaddr*>(&own), &size);

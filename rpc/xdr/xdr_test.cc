@@ -157,6 +157,7 @@ TEST(XdrMemory, LeavesTheStreamAloneWhenItFails) {
                ops.put_bytes(xdrs, bytes, UINT32_MAX) || ops.get_bytes(xdrs, bytes, 4) ||
                ops.set_position(xdrs, 4) || ops.set_position(xdrs, UINT32_MAX));
   EXPECT_TRUE(ops.get_inline(xdrs, 4) == nullptr && ops.get_inline(xdrs, -1) == nullptr);
+  EXPECT_TRUE(ops.control(xdrs, 6, nullptr) && !ops.control(xdrs, 5, nullptr));
   EXPECT_TRUE(ops.get_bytes(xdrs, bytes, 3) && ops.set_position(xdrs, 1));
   EXPECT_STREQ(bytes, "123");
   EXPECT_EQ(ops.get_remaining(xdrs), 2);
