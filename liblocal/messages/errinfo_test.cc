@@ -191,12 +191,9 @@ TEST(ErrAccrue, ChainsMessages) {
     }
   });
   blow_err(1);
-  auto print = [] {
-    printerr("low\n");
-    printerr("notice, no failure\n");
-    printerr("high %d\n", 1);
-  };
-  EXPECT_EQ(printed(0, print), "kivtrap: low\nkivtrap: notice, no failure\nkivtrap: high 1\n");
+  for (const char* text : {"low\n", "notice, no failure\n", "high 1\n"}) {
+    EXPECT_EQ(printed(0, [text] { printerr("%s", text); }), std::string("kivtrap: ") + text);
+  }
   EXPECT_EQ(shown(blow_err(1)), "-10001 kivtrap: high 1\n->(kivtrap: low\n)");
   EXPECT_EQ(blow_err(1), nullptr);
 
@@ -206,11 +203,7 @@ TEST(ErrAccrue, ChainsMessages) {
   EXPECT_EQ(printed(8, [&] { err_accrue(over.c_str()); }), "");
   EXPECT_EQ(printed(9, [&] { err_accrue(over.c_str()); }),
             "kivtrap: Dropping error string " + over + "\n");
-  auto without_memory = [] {
-    FailingMalloc nothing(0);
-    err_accrue("x");
-  };
-  EXPECT_EQ(printed(0, without_memory), "Malloc failed.\n");
+  EXPECT_EQ(printed(0, [] { FailingMalloc(0), err_accrue("x"); }), "Malloc failed.\n");
   err_accrue(over.c_str() + 1);
   EXPECT_EQ(strlen(blow_err(1)->text), 18000U + 423 + 4);
 }

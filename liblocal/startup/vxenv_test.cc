@@ -65,13 +65,10 @@ TEST(Vxenv, KeepsNoCopyOfTheOldValue) {
 }
 
 TEST(Vxenv, AddsToTheEnvironment) {
-  const struct {
-    const char* value;
-    int prepend;
-    const char* wanted;
-  } cases[] = {{"first", 1, "first"},  // nothing there to stand before
-               {"second", 1, "second:first"},  {"third", 0, "third"}, {"", 1, ":third"},
-               {"fourth", 2, "fourth::third"}, {"third", 0, "third"}};
+  const std::tuple<const char*, int, const char*> cases[] = {
+      {"first", 1, "first"},  // nothing there to stand before
+      {"second", 1, "second:first"},  {"third", 0, "third"}, {"", 1, ":third"},
+      {"fourth", 2, "fourth::third"}, {"third", 0, "third"}};
   unsetenv(kName);
   std::set<const char*> thirds;
   for (const auto& [value, prepend, wanted] : cases) {
