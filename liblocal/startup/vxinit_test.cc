@@ -166,7 +166,7 @@ TEST_F(VxinitInTheLab, SwitchesBetweenUserAndRoot) {
     in_locale("", [&each] {
       const auto& [real, effective, level, told] = each;
       vx_set_progname("kivtrap");
-      const std::string log = "/tmp/ids." + std::to_string(getpid());
+      const std::string log = "/ids." + std::to_string(getpid());  // of the lab alone
       dfopen(log.c_str());
       if (level > -2) setenv("KIV_PRINT_UIDS", "", 1);
       EXPECT_EQ(setregid(1001, 1002) + setreuid(real, effective), 0);
