@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,7 +21,7 @@ std::atomic<bool> resolver_is_down;
 std::atomic<bool> no_push_back;
 std::atomic<const char*> codeset;
 std::atomic<const std::vector<ifreq>*> interfaces;
-std::atomic<int> counting_error, listing_error;
+std::atomic<int> counting_error, listing_error, room_asked;
 
 std::vector<ifreq> made_up(const std::string& words) {
   std::vector<ifreq> all;
@@ -72,11 +71,7 @@ int __wrap_gethostbyname_r(const char* name, hostent* entry, char* text, size_t 
   return __real_gethostbyname_r(name, entry, text, size, result, error);
 }
 
-int __wrap_ioctl(int descriptor, unsigned long request, ...) {
-  va_list arguments;
-  va_start(arguments, request);
-  void* argument = va_arg(arguments, void*);
-  va_end(arguments);
+int __wrap_ioctl(int descriptor, unsigned long request, void* argument) {
   const std::vector<ifreq>* there = interfaces;
   if (there == nullptr) return __real_ioctl(descriptor, request, argument);
   if (request == SIOCGIFFLAGS) {
@@ -90,9 +85,12 @@ int __wrap_ioctl(int descriptor, unsigned long request, ...) {
   const bool counting = list->ifc_buf == nullptr;
   errno = counting ? counting_error : listing_error;
   if (errno != 0) return -1;
-  const size_t room = counting ? SIZE_MAX : static_cast<size_t>(list->ifc_len) / sizeof(ifreq);
-  const size_t count = std::min(there->size(), room);
-  if (!counting) std::copy_n(there->begin(), count, list->ifc_req);
+  size_t count = there->size();
+  if (!counting) {
+    room_asked = list->ifc_len;
+    count = std::min(count, static_cast<size_t>(list->ifc_len) / sizeof(ifreq));
+    std::copy_n(there->begin(), count, list->ifc_req);
+  }
   list->ifc_len = static_cast<int>(count * sizeof(ifreq));
   return 0;
 }

@@ -24,5 +24,6 @@ extern std::atomic<const char*> codeset;    // of nl_langinfo; null: the locale'
 extern std::atomic<const std::vector<ifreq>*> interfaces;
 std::vector<ifreq> made_up(const std::string& words);   // flags, address and family of each
 extern std::atomic<int> counting_error, listing_error;  // errno of asking for them; 0: none
+extern std::atomic<int> room_asked;                     // bytes of the last list asked for
 
 }  // namespace stand_ins

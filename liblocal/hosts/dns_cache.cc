@@ -68,26 +68,20 @@ struct AddressList {
   std::span<const in_addr> all() const { return {addresses, count}; }
 };
 
-// Addresses that wait until all names are in a chain.
-class DottedList {
- public:
-  explicit DottedList(size_t room)
-      : texts_(static_cast<DottedText*>(calloc(room, sizeof(DottedText)))) {}
+// Addresses, one's own or of an answer, that wait until all names are in a chain.
+struct DottedList {
+  DottedText texts[kMaxLocalAddresses];
+  size_t count = 0;
 
-  bool has_room() const { return texts_ != nullptr; }
-  void push(const DottedText& text) { texts_.get()[count_++] = text; }
   vx_error_record* add_to(hostlist_cache* cache, host_entry* host) const {
     vx_error_record* error = nullptr;
-    for (size_t i = 0; i < count_ && error == nullptr; ++i) {
-      error = hostlist_cache_add_names(cache, host, texts_.get()[i].text, nullptr);
+    for (size_t i = 0; i < count && error == nullptr; ++i) {
+      error = hostlist_cache_add_names(cache, host, texts[i].text, nullptr);
     }
     return error;
   }
-
- private:
-  c_unique_ptr<DottedText> texts_;
-  size_t count_ = 0;
 };
+static_assert(sizeof AddressList::addresses <= kMaxLocalAddresses * sizeof(in_addr));
 
 const hostent* reverse_lookup(in_addr address) {
   return vx_ts_gethostbyaddr(&address, sizeof address, AF_INET);
@@ -106,13 +100,12 @@ vx_error_record* add_short_name(hostlist_cache* cache, host_entry* host, const h
 vx_error_record* add_own_addresses(hostlist_cache* cache, host_entry* host) {
   sockaddr_in* table = nullptr;
   const int32_t count = get_myaddrs(&table);
-  if (count <= 0) return nullptr;
-  DottedList named(static_cast<size_t>(count));
-  if (!named.has_room()) return err_set(1, ENOMEM);
+  DottedList named;
   for (int32_t i = 0; i < count; ++i) {
-    if (table[i].sin_family != AF_INET) continue;
-    const DottedText address = dotted(table[i].sin_addr);
-    const hostent* reverse = reverse_lookup(table[i].sin_addr);
+    const sockaddr_in own = read_myaddr(&table[i]);
+    if (own.sin_family != AF_INET) continue;
+    const DottedText address = dotted(own.sin_addr);
+    const hostent* reverse = reverse_lookup(own.sin_addr);
     if (reverse == nullptr) {
       if (Debug >= 0) debugprintf("Reverse DNS lookup failed for address %s\n", address.text);
       continue;
@@ -121,7 +114,7 @@ vx_error_record* add_own_addresses(hostlist_cache* cache, host_entry* host) {
     vx_error_record* error =
         hostlist_cache_add_names(cache, host, reverse->h_name, reverse->h_aliases);
     if (error != nullptr) return error;
-    named.push(address);
+    named.texts[named.count++] = address;
   }
   return named.add_to(cache, host);
 }
@@ -129,8 +122,7 @@ vx_error_record* add_own_addresses(hostlist_cache* cache, host_entry* host) {
 // What the addresses of the answer for `asked` are called, and then those addresses.
 vx_error_record* add_addresses(hostlist_cache* cache, host_entry* host, const char* asked,
                                const AddressList& addresses, bool local) {
-  DottedList collected(addresses.count);
-  if (!collected.has_room()) return err_set(1, ENOMEM);
+  DottedList collected;
   for (in_addr address : addresses.all()) {
     DottedText text = dotted(address);
     const hostent* reverse = reverse_lookup(address);
@@ -145,7 +137,7 @@ vx_error_record* add_addresses(hostlist_cache* cache, host_entry* host, const ch
       error = hostlist_cache_add_names(cache, host, reverse->h_name, nullptr);
     }
     if (error != nullptr) return error;
-    collected.push(text);
+    collected.texts[collected.count++] = text;
   }
   return collected.add_to(cache, host);
 }

@@ -4,6 +4,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -23,7 +24,6 @@
 namespace {
 
 constexpr int kUsualInterfaces = 32;  // room that is tried while their number is unknown
-constexpr int kMaxInterfaces = kMaxLocalAddresses;
 
 vx_once_control table_once;
 std::atomic<in_addr_t> last_match = 0;
@@ -57,15 +57,11 @@ struct InterfaceList {
 
 // The room to begin with.
 int interfaces_to_expect(int socket) {
-  int count = interface_count(socket);
-  if (count < 0) {
-    if (Debug > 0) {
-      debugprintf("set_ifconf_buffer: ioctl(SIOCGIFNUM) failed with %d\n", errno);
-    }
-    count = 0;
+  const int count = interface_count(socket);
+  if (count < 0 && Debug > 0) {
+    debugprintf("set_ifconf_buffer: ioctl(SIOCGIFNUM) failed with %d\n", errno);
   }
-  if (count < 1) return kUsualInterfaces;
-  return count < kMaxInterfaces ? count : kMaxInterfaces;
+  return count < 1 ? kUsualInterfaces : std::min(count, kMaxLocalAddresses);
 }
 
 // The interface list; empty after a message when it cannot be had. A list that fills
@@ -91,7 +87,7 @@ InterfaceList set_ifconf_buffer(int socket) {
     }
     const bool complete =
         request.ifc_len > 0 && size - request.ifc_len >= static_cast<int>(sizeof(ifreq));
-    if (complete || room * 2 > kMaxInterfaces) {
+    if (complete || room * 2 > kMaxLocalAddresses) {
       list.count = static_cast<size_t>(request.ifc_len) / sizeof(ifreq);
       return list;
     }
@@ -128,15 +124,6 @@ void store_slot(sockaddr_in* slot, const sockaddr_in& address) {
       __atomic_store_n(&shared[i], words[i], __ATOMIC_RELAXED);
     }
   }
-}
-
-sockaddr_in load_slot(const sockaddr_in* slot) {
-  uint64_t words[kSlotWords] = {};
-  auto* shared = reinterpret_cast<const SlotWord*>(slot);
-  for (size_t i = 0; i < kSlotWords; ++i) words[i] = __atomic_load_n(&shared[i], __ATOMIC_RELAXED);
-  sockaddr_in address;
-  memcpy(&address, words, sizeof address);
-  return address;
 }
 
 void allocate_table() {
@@ -178,6 +165,15 @@ int32_t get_myaddrs(sockaddr_in** table) {
   return count;
 }
 
+sockaddr_in read_myaddr(const sockaddr_in* slot) {
+  uint64_t words[kSlotWords];
+  auto* shared = reinterpret_cast<const SlotWord*>(slot);
+  for (size_t i = 0; i < kSlotWords; ++i) words[i] = __atomic_load_n(&shared[i], __ATOMIC_RELAXED);
+  sockaddr_in address;
+  memcpy(&address, words, sizeof address);
+  return address;
+}
+
 int is_myaddr(int family, const void* address, int32_t length) {
   in_addr_t asked = 0;
   if (family == AF_INET) {
@@ -187,7 +183,7 @@ int is_myaddr(int family, const void* address, int32_t length) {
   sockaddr_in* table = nullptr;
   int32_t count = get_myaddrs(&table);
   for (int32_t i = 0; i < count; ++i) {
-    if (!matches(load_slot(table + i), family, address, length)) continue;
+    if (!matches(read_myaddr(table + i), family, address, length)) continue;
     if (family == AF_INET) last_match = asked;
     return 1;
   }

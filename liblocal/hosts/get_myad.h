@@ -2,7 +2,7 @@
 //
 // Thread safety: all operations may be called from any thread. The table of get_myaddrs
 // belongs to the process and is written slot by slot, without a lock, by whoever asks;
-// its slots change only when the interfaces do.
+// its slots change only when the interfaces do, and are read with read_myaddr.
 #pragma once
 
 #include <netinet/in.h>
@@ -17,6 +17,9 @@ constexpr int32_t kMaxLocalAddresses = 2048;  // slots of the table; more are le
 /// opened, with `*table` set to what was read before. `*table` is null once the process
 /// has released its state.
 int32_t get_myaddrs(sockaddr_in** table);
+
+/// A slot of the table, which another thread may be writing.
+[[nodiscard]] sockaddr_in read_myaddr(const sockaddr_in* slot);
 
 /// 1 when `address` is one of this host's, else 0. For AF_INET it points to 4 bytes in
 /// network order, and `length` is not looked at; the address of the last match, 0.0.0.0

@@ -70,18 +70,12 @@ int32_t maximum_of(const hostlist_limits* limits) {
   return std::clamp(maximum, limits->least_maximum, INT32_MAX - limits->step);
 }
 
+// FNV-1a, with letters of ASCII in lower case.
 uint32_t hash_of(const char* name) {
-  constexpr uint64_t kLowerCase = 0x2020202020202020;  // of ASCII letters
-  constexpr uint64_t kSpread = 0x9E3779B97F4A7C15;
-  uint64_t hash = 0;
-  for (size_t left = strlen(name), size = 0; left > 0; left -= size, name += size) {
-    uint64_t word = 0;
-    size = std::min(left, sizeof word);
-    memcpy(&word, name, size);
-    hash = (hash ^ (word | kLowerCase)) * kSpread;
-    hash ^= hash >> 32;
-  }
-  return static_cast<uint32_t>(hash);
+  constexpr uint32_t kOffset = 2166136261, kPrime = 16777619;
+  uint32_t hash = kOffset;
+  for (; *name != '\0'; ++name) hash = (hash ^ static_cast<uint8_t>(*name | 0x20)) * kPrime;
+  return hash;
 }
 
 // At most half full.
@@ -249,7 +243,6 @@ void hostlist_cache_purge(hostlist_cache* cache, uint32_t state) {
     entry->next = removed;
     removed = entry;
   }
-  std::fill(cache->table + kept, cache->table + cache->count, nullptr);
   cache->count = kept;
   if (removed != nullptr && cache->index != nullptr) make_index(cache);
   if (state == HOST_STALE) cache->stale_count = 0;
