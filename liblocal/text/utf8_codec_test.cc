@@ -165,15 +165,11 @@ TEST(Mbt, EveryByteThereAndBack) {
 }
 
 TEST(Mbt, Room) {
-  const struct {
-    std::string raw;
-    size_t least;  // bytes that the transparent form asks for
-  } cases[] = {{"", 1}, {"\x41\xE9", 5}, {"\xE9\x41", 5}, {"\xE9\xE9", 7}};
-  for (const auto& [raw, least] : cases) {
+  for (const auto& [raw, least] : {std::pair{"", 1U}, {"\x41\xE9", 5U}, {"\xE9\xE9", 7U}}) {
     for (size_t size = 0; size <= least + 1; ++size) {
       char output[9];
       output[size] = '!';
-      EXPECT_EQ(vx_mbstombts(output, raw.c_str(), size), size >= least ? 1 : 0) << raw << size;
+      EXPECT_EQ(vx_mbstombts(output, raw, size), size >= least ? 1 : 0) << raw << size;
       EXPECT_EQ(output[size], '!');
     }
   }

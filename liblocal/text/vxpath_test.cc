@@ -58,7 +58,7 @@ TEST(Progname, IsTheBaseNameUpToItsFirstDot) {
   const std::pair<std::string, std::string> cases[] = {{"/opt/x/bin/KivTrap.Exe", "kivtrap"},
                                                        {"/opt/kivtrap/", "kivtrap"},
                                                        {"", "kivtrap"},  // changes nothing
-                                                       {"\xC3\x84RGER", "\xC3\x84rger"},
+                                                       {"\xC3\x84RGERAZ", "\xC3\x84rgeraz"},
                                                        {most + "n", most},
                                                        {"/opt/.hidden", ""}};
   for (const auto& [path, name] : cases) {
