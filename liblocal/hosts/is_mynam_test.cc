@@ -166,6 +166,7 @@ TEST_F(NameTest, NamesMoveFromHostToHost) {
 
 TEST_F(NameTest, EveryAllocationRefused) {
   const std::string no_memory = "kivtrap: SYSTEM error: Cannot allocate memory\n";
+  EXPECT_EQ(owned(get_primaryhostname("www")), "web.net") << "with what lasts made before";
   bool refused = true;
   for (int granted = 0; refused; ++granted) {
     start_over();
