@@ -44,7 +44,6 @@ void build_record() {
   __brix_xdr_opaque_auth(&xdrs, &handle->credential);
   __brix_xdr_opaque_auth(&xdrs, &handle->verifier);
   record.encoded_length = xdrs.ops->get_position(&xdrs);
-  xdrs.ops->destroy(&xdrs);
 }
 
 }  // namespace

@@ -42,7 +42,6 @@ bool encode_fields(AUTH* auth) {
   bool encoded = __brix_xdr_opaque_auth(&xdrs, &auth->credential) &&
                  __brix_xdr_opaque_auth(&xdrs, &auth->verifier);
   if (encoded) record->encoded_length = xdrs.ops->get_position(&xdrs);
-  xdrs.ops->destroy(&xdrs);
   return encoded;
 }
 
@@ -55,7 +54,6 @@ bool make_full_credential(SystemRecord* record, authsys_parms* parms) {
   full->flavour = kAuthSystem;
   full->length = xdrs.ops->get_position(&xdrs);
   full->body = static_cast<uint8_t*>(malloc(full->length));
-  xdrs.ops->destroy(&xdrs);
   if (full->body == nullptr) {
     errno = ENOMEM;
     return false;
@@ -76,7 +74,6 @@ bool renew_time(const opaque_auth& full) {
     xdrs.operation = xdr_op::kEncode;
     renewed = xdrs.ops->set_position(&xdrs, 0) && __brix_xdr_authunix_parms(&xdrs, &parms);
   }
-  xdrs.ops->destroy(&xdrs);
   __brix_xdr_free(xdr_filter<__brix_xdr_authunix_parms>, &parms);
   return renewed;
 }
@@ -103,7 +100,6 @@ bool validate(AUTH* auth, const opaque_auth* verifier) {
     __brix_xdr_free(xdr_filter<__brix_xdr_opaque_auth>, given);
     auth->credential = record->full_credential;
   }
-  xdrs.ops->destroy(&xdrs);
   return encode_fields(auth);
 }
 
