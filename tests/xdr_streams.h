@@ -84,7 +84,7 @@ struct Pipe {
   bool stalls = false;         // every other read finds nothing
   size_t taken = 0;
   bool stalled = false;
-  std::string outgoing;
+  std::string outgoing = {};
   size_t writes = 0;
   size_t room = SIZE_MAX;  // bytes until writing fails
 
