@@ -1,6 +1,5 @@
-// Allocations that fail on demand. A test program that links `failing_malloc` has
-// the malloc, calloc, realloc, strdup and free calls of its own objects and static libraries
-// replaced; shared libraries keep theirs.
+// Allocations that fail on demand: malloc, calloc, realloc, strdup and free as the objects
+// and static libraries of a test program call them; shared libraries keep theirs.
 #pragma once
 
 #include <malloc.h>
@@ -8,17 +7,14 @@
 #include <climits>
 #include <cstddef>
 
-/// Lets `count` allocations of this process succeed and the `refusals` after them
-/// fail (every later one, unless said), until the object goes.
+/// Lets `count` allocations succeed and the `refusals` after them fail, until it goes.
 class FailingMalloc {
  public:
   explicit FailingMalloc(int count, int refusals = INT_MAX);
   ~FailingMalloc();
   FailingMalloc(const FailingMalloc&) = delete;
   FailingMalloc& operator=(const FailingMalloc&) = delete;
-
-  /// True once an allocation was refused.
-  bool failed() const;
+  bool failed() const;  // once an allocation was refused
 };
 
 /// The pieces of memory that were allocated there and not given back there.

@@ -1,8 +1,6 @@
 // Tests in the lab, the private machine that lab.sh makes, and what they use there.
-//
-// Every test program enters the lab at its start. Where there can be none it goes on
-// outside. A test that needs loopback alone states nothing and runs all the same; one that
-// needs more is a LabTest, or asks skip_outside or skip_without_ports in its SetUp.
+// Every test program enters it at its start; where there can be none it goes on outside. A
+// test that needs more than loopback is a LabTest, or asks one of the skips below.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -23,14 +21,12 @@ constexpr unsigned kUser = 1000;          // a user and group without rights
 bool skip_outside();
 /// Skips it where the ports of a station, 162, 111 and 7938 on loopback, cannot be had.
 bool skip_without_ports();
-
 /// False where the host lends the lab no users but root.
 bool has_users();
 
-/// Writes a whole file; throws when it cannot.
+/// Writes a whole file. As all of the lab it throws what the system refuses.
 void write_file(const std::string& path, std::string_view text);
 std::string read_file(const std::string& path);
-
 void set_host_name(const std::string& name);
 
 /// A program to run and its surroundings.
@@ -45,8 +41,7 @@ struct Command {
 
 struct Outcome {
   int status = -1;  // exit status, or 128 + the signal that ended it
-  std::string out;
-  std::string err;
+  std::string out, err;
 };
 
 /// Runs `command` to its end, or kills it after 200 seconds.
@@ -60,10 +55,8 @@ class UdpReceiver {
   UdpReceiver(const UdpReceiver&) = delete;
   UdpReceiver& operator=(const UdpReceiver&) = delete;
 
-  /// The next datagram, waiting up to `milliseconds` for it.
-  std::optional<std::string> receive(int milliseconds = 5000) const;
-  /// What is there without waiting. On loopback a datagram is delivered before
-  /// its send returns, so after a sender's end nothing can still be under way.
+  std::optional<std::string> receive(int milliseconds = 5000) const;  // the next datagram
+  /// What is there: on loopback a datagram is delivered before its send returns.
   std::optional<std::string> receive_now() const { return receive(0); }
   int socket() const { return socket_; }
   uint16_t port() const;
@@ -74,8 +67,7 @@ class UdpReceiver {
 
 }  // namespace lab
 
-/// A test that needs more than loopback: the lab's host name, /etc, /run or new directories
-/// of /.
+/// A test that needs the lab's host name, /etc, /run or new directories of /.
 class LabTest : public testing::Test {
  public:
   /// Skips the running test because something is lacking; in CI it fails.
