@@ -1,6 +1,5 @@
 #include "liblocal/startup/dbgsignl.h"
 
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,7 +7,6 @@
 #include <filesystem>
 #include <optional>
 
-#include "liblocal/messages/debug.h"
 #include "liblocal/messages/print.h"
 #include "liblocal/startup/regevent.h"
 #include "tests/lab.h"
@@ -64,11 +62,9 @@ TEST_F(DebugCommand, Commands) {
       {3, {" \t\n dEBUG \t\n=\n 3\n", "Debug=3x4", "Debug=3" + filler}},
       {0, {"Debug=abc", "Debug=-0", "Debug \n"}},
       {INT32_MAX, {"Debug=2147483647", "Debug=2147483648", "Debug=99999999999999999999"}},
-      // 1024 bytes are read, of a value only what stands there
-      {34, {filler.substr(8) + "Debug=34"}},
+      {34, {filler.substr(8) + "Debug=34"}},  // 1024 bytes are read, of a value only what is there
       {3, {filler.substr(7) + "Debug=34"}},
-      // left as it was
-      {1,
+      {1,  // left as it was
        {"Debug 3", "Debug=", "Debu=3", "Debugger=3", "=3", "", std::string("Debug\0=3", 8),
         "Debug=-5", "Debug=-99999999999999999999", filler + "Debug=3"}}};
   for (const auto& [level, texts] : cases) {
@@ -123,23 +119,20 @@ TEST_F(DebugCommand, OnlyARegularFileIsTaken) {
     if (kind == 'd') mkdir(Dbgcmdpath, 0777);
     if (kind == 'f') mkfifo(Dbgcmdpath, 0666);
     EXPECT_EQ(told(), "") << kind;
-    EXPECT_EQ(Debug, 1) << kind;
-    EXPECT_EQ(remove(Dbgcmdpath), 0) << kind;
+    EXPECT_TRUE(Debug == 1 && remove(Dbgcmdpath) == 0) << kind;
   }
   EXPECT_EQ(lab::read_file(target), "Debug=3");
   remove(target.c_str());
   snprintf(Dbgcmdpath, sizeof Dbgcmdpath, "/proc/self/clear_refs");  // regular, but unreadable
   EXPECT_EQ(told(), "");
-  EXPECT_EQ(Debug, 1);
 }
 
 TEST_F(DebugCommand, TheActionBlocksOthersAndRestartsNothing) {
   struct sigaction action, later = {};
   ASSERT_EQ(sigaction(SIGUSR2, nullptr, &action), 0);
   EXPECT_EQ(action.sa_handler, ondbgintr);
-  EXPECT_EQ(static_cast<unsigned>(action.sa_flags) &
-                (SA_RESTART | SA_RESETHAND | SA_NODEFER | SA_SIGINFO),
-            0U);
+  const auto flags = static_cast<unsigned>(action.sa_flags);
+  EXPECT_EQ(flags & (SA_RESTART | SA_RESETHAND | SA_NODEFER | SA_SIGINFO), 0U);
   auto blocked = [](const struct sigaction& of) {
     std::string signals;
     for (int signal = 1; signal < SIGRTMIN; ++signal) {
@@ -160,15 +153,16 @@ TEST_F(DebugCommand, TheActionBlocksOthersAndRestartsNothing) {
 }
 
 TEST(DebugCheck, WhoWaits) {
-  const std::tuple<int, int, const char*, const char*, const char*> cases[] = {
+  // Asked to, or forced; the program's path; the programs to debug; as which it waits.
+  const std::tuple<int, int, const char*, const char*, std::string> cases[] = {
       {1, 0, "/usr/bin/KIVtrap.exe/", "other,kivtrapper", "kivtrap"},
-      {1, 0, "kivtrap", "kivtra, kivtrap", nullptr},
-      {1, 0, "b", "a,xb,cB,", nullptr},
+      {1, 0, "kivtrap", "kivtra, kivtrap", ""},
+      {1, 0, "b", "a,xb,cB,", ""},
       {1, 0, "a.b.c", "a.B", "a.b"},
-      {1, 0, "a,b", "a,b", nullptr},
-      {1, 0, "kivtrap", nullptr, nullptr},
+      {1, 0, "a,b", "a,b", ""},
+      {1, 0, "kivtrap", nullptr, ""},
       {0, 1, "kivtrap", "", "kivtrap"},
-      {0, 0, "kivtrap", "kivtrap", nullptr}};
+      {0, 0, "kivtrap", "kivtrap", ""}};
   const std::string id = " (" + std::to_string(getpid()) + ") ";
   for (const auto& [me, force, path, programs, waits_as] : cases) {
     for (int level : {-1, 0}) {
@@ -176,10 +170,10 @@ TEST(DebugCheck, WhoWaits) {
       Force_debug = force;
       programs != nullptr ? setenv("KIV_DEBUGPROCS", programs, 1) : unsetenv("KIV_DEBUGPROCS");
       waits_for_debugger = 2;
-      std::string line = level == 0 && waits_as != nullptr ? waits_as : "";
-      if (!line.empty()) line = "kivtrap: " + line + id + "waiting to be debugged\n";
+      std::string line = "kivtrap: " + waits_as + id + "waiting to be debugged\n";
+      if (level < 0 || waits_as.empty()) line = "";
       EXPECT_EQ(printed(level, [path = path] { debug_check(path); }), line + line) << path;
-      EXPECT_EQ(waits_for_debugger, waits_as != nullptr ? 0 : 2) << path;
+      EXPECT_EQ(waits_for_debugger, waits_as.empty() ? 2 : 0) << path;
       EXPECT_EQ(Force_debug, 0);
     }
   }

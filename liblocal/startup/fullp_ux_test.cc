@@ -58,23 +58,23 @@ class Fullpath : public LabTest {
   // open, and the path's own buffer does as well for the output.
   std::string resolved(const std::string& path, unsigned flags, size_t size = kPathSize) const {
     auto place = [] {
-      return std::pair(fs::current_path(),
-                       std::distance(fs::directory_iterator("/proc/self/fd"), {}));
+      const fs::directory_iterator descriptors("/proc/self/fd");
+      return std::pair(fs::current_path(), std::distance(descriptors, {}));
     };
-    auto answer = [&](const char* from, std::string& output) {
+    auto answer = [&](const char* from, char* output) -> std::string {
       errno = 0;
-      const char* result = fullpath2(from, output.data(), size, flags);
-      EXPECT_TRUE(result == nullptr || result == output.data());
-      return result == nullptr ? std::string(strerrorname_np(errno)) : std::string(result);
+      const char* result = fullpath2(from, output, size, flags);
+      EXPECT_TRUE(result == nullptr || result == output);
+      return result == nullptr ? strerrorname_np(errno) : result;
     };
     const auto before = place();
     const std::string whole = in_tree(path);
     std::string output(size, 'x'), same = whole;
-    const std::string result = answer(whole.c_str(), output);
+    const std::string result = answer(whole.c_str(), output.data());
     EXPECT_EQ(place(), before) << path;
     same.resize(std::max(size, whole.size()));
     const int level = Debug.exchange(-1);
-    EXPECT_EQ(answer(same.data(), same), result) << path;
+    EXPECT_EQ(answer(same.data(), same.data()), result) << path;
     Debug = level;
     return result;
   }
@@ -91,8 +91,8 @@ class Fullpath : public LabTest {
 };
 
 TEST_F(Fullpath, Names) {
-  // Each path and, behind it, its full name or the error.
   const std::pair<unsigned, const char*> cases[] = {
+      // each path and its full name or error
       {kPlain,
        "/ /  /// /  @ @  @/dir/// @/dir  @/dir/file/ @/dir/file  @/broken @/broken  loop @/loop "
        "@/link_dir @/link_dir  @/nowhere ENOENT  dir/file/ ENOTDIR  @//dir//file @/dir/file "
@@ -121,16 +121,17 @@ TEST_F(Fullpath, Names) {
 }
 
 TEST_F(Fullpath, OutputSizes) {
-  const std::tuple<unsigned, const char*, const char*, const char*> cases[] = {
-      {kPlain, "@/dir/file", "@/dir/file", "ENAMETOOLONG"},
-      {kFollow, "chain3", "@/dir/file", "ENAMETOOLONG"},
-      {kPlain, "link_file", "@/link_file", "ENAMETOOLONG"},
-      {kPlain, "dir", "@/dir", "ERANGE"},
-      {kSlash, "dir", "@/dir", "ERANGE"},
-      {kSlash, "..", "/", "ERANGE"},
-      {kPlain, "/", "/", "ERANGE"}};
-  for (const auto& [flags, path, wanted, error] : cases) {
+  const std::tuple<unsigned, const char*, const char*> cases[] = {
+      {kPlain, "@/dir/file", "@/dir/file"},
+      {kFollow, "chain3", "@/dir/file"},
+      {kPlain, "link_file", "@/link_file"},
+      {kPlain, "dir", "@/dir"},
+      {kSlash, "dir", "@/dir"},
+      {kSlash, "..", "/"},
+      {kPlain, "/", "/"}};
+  for (const auto& [flags, path, wanted] : cases) {
     const std::string name = in_tree(wanted);
+    const char* error = name.ends_with("file") ? "ENAMETOOLONG" : "ERANGE";
     const bool slash = flags == kSlash && name != "/";
     EXPECT_EQ(resolved(path, flags, name.size()), error) << path;
     EXPECT_EQ(resolved(path, flags, name.size() + 1), name) << path;

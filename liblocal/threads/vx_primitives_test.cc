@@ -1,6 +1,6 @@
 // The primitives: errors, one-time control, mutexes, atomic counters, thread storage,
 // threads, the references to them all, and the exit list.
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <netdb.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -22,63 +22,57 @@
 #include "tests/failing_malloc.h"
 #include "tests/threads.h"
 
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define UNDER_THREAD_SANITIZER
-#endif
+#ifndef __has_feature
+#define __has_feature(name) false
 #endif
 
 namespace {
 
+// What calls return, one after the other.
+using Results = std::vector<int64_t>;
+
 TEST(VxPrimitives, WithoutHandleOrMemory) {
   vx_once_control control{};
   vx_list* list = vx_list_new();
-  for (int64_t result : std::initializer_list<int64_t>{
-           vx_once(nullptr, [] {}), vx_once(&control, nullptr), vx_mutex_lock(nullptr),
-           vx_mutex_destroy(nullptr), vx_atomic_exchange_add(nullptr, 1),
-           vx_atomic_increment(nullptr), vx_atomic_decrement(nullptr),
-           vx_atomic_exchange(nullptr, 1), vx_atomic_exchange_compare(nullptr, 1, 1),
-           vx_threadstorage_set(nullptr, nullptr), vx_thread_join(nullptr, nullptr),
-           vx_list_add_first(nullptr, list), vx_list_add_first(list, nullptr),
-           vx_list_remove(nullptr, list), vx_list_remove(list, nullptr)}) {
-    EXPECT_EQ(result, 2);
-    EXPECT_EQ(vx_error_get_last(), 31);
-  }
-  EXPECT_EQ(vx_list_take_first(nullptr), nullptr);
-  EXPECT_EQ(vx_threadstorage_get(nullptr), nullptr);
+  EXPECT_THAT((Results{vx_once(nullptr, [] {}), vx_once(&control, nullptr), vx_mutex_lock(nullptr),
+                       vx_mutex_destroy(nullptr), vx_atomic_exchange_add(nullptr, 1),
+                       vx_atomic_increment(nullptr), vx_atomic_decrement(nullptr),
+                       vx_atomic_exchange(nullptr, 1), vx_atomic_exchange_compare(nullptr, 1, 1),
+                       vx_threadstorage_set(nullptr, nullptr), vx_thread_join(nullptr, nullptr),
+                       vx_list_add_first(nullptr, list), vx_list_add_first(list, nullptr),
+                       vx_list_remove(nullptr, list), vx_list_remove(list, nullptr)}),
+              testing::Each(2));
+  EXPECT_EQ(vx_error_get_last(), 31);
+  EXPECT_TRUE(vx_list_take_first(nullptr) == nullptr && vx_threadstorage_get(nullptr) == nullptr);
+  vx_thread* own = vx_thread_self();
   EXPECT_EQ(vx_thread_id(nullptr), 0U);
-  EXPECT_EQ(vx_thread_equal(nullptr, vx_thread_self()), 0);
-  EXPECT_EQ(vx_thread_equal(vx_thread_self(), nullptr), 0);
+  EXPECT_EQ(vx_thread_equal(nullptr, own) + vx_thread_equal(own, nullptr), 0);
   in_threads(1, [](int) {
     vx_error_set_last(0, 1);
     FailingMalloc nothing(0);
-    EXPECT_EQ(vx_mutex_new(), nullptr);
-    EXPECT_EQ(vx_error_get_last(), 53);
-    EXPECT_EQ(vx_atomic_new(1), nullptr);
-    EXPECT_EQ(vx_threadstorage_new(nullptr), nullptr);
+    EXPECT_TRUE(vx_mutex_new() == nullptr && vx_error_get_last() == 53);
+    EXPECT_TRUE(vx_atomic_new(1) == nullptr && vx_threadstorage_new(nullptr) == nullptr);
     EXPECT_EQ(vx_thread_self(), nullptr);
   });
 }
 
 TEST(VxError, EveryCodeStandsForItsSystemErrorBothWays) {
   std::string listed;  // on Linux ENOTSUP is EOPNOTSUPP
-  for (int code = -2; code < 120; ++code) {
+  for (int code = -1; code < 86; ++code) {
     const int error = vx_error_to_errno(code);
-    if (error != 0) listed += std::to_string(code) + " " + strerrorname_np(error) + " ";
+    (listed += error != 0 ? strerrorname_np(error) : "-") += " ";
     EXPECT_EQ(vx_error_from_errno(error), error == 0 ? 0 : code == 9 ? 29 : code);
   }
   EXPECT_EQ(
       listed,
-      "3 E2BIG 4 EACCES 5 EADDRINUSE 6 EADDRNOTAVAIL 7 EAFNOSUPPORT 8 EAGAIN 9 EINPROGRESS "
-      "10 EBADF 11 EBADMSG 12 EBUSY 14 ECHILD 15 ECONNABORTED 16 ECONNREFUSED 17 ECONNRESET "
-      "18 EDEADLK 19 EDESTADDRREQ 20 EDOM 21 EDQUOT 22 EEXIST 23 EFAULT 24 EFBIG 26 EHOSTUNREACH "
-      "27 EIDRM 28 EILSEQ 29 EINPROGRESS 30 EINTR 31 EINVAL 32 EIO 33 EISCONN 34 EISDIR 35 ELOOP "
-      "36 EMFILE 37 EMLINK 38 EMSGSIZE 39 EMULTIHOP 40 ENAMETOOLONG 41 ENETDOWN 42 ENETRESET "
-      "43 ENETUNREACH 44 ENFILE 46 ENOBUFS 47 ENODATA 48 ENODEV 49 ENOENT 50 ENOEXEC 51 ENOLCK "
-      "52 ENOLINK 53 ENOMEM 54 ENOMSG 55 ENOPROTOOPT 56 ENOSPC 57 ENOSR 58 ENOSTR 59 ENOSYS "
-      "60 ENOTCONN 61 ENOTDIR 62 ENOTEMPTY 63 ENOTSOCK 64 EOPNOTSUPP 65 ENOTTY 66 ENXIO "
-      "68 EOVERFLOW 69 EPERM 70 EPIPE 71 EPROTO 72 EPROTONOSUPPORT 73 EPROTOTYPE 74 ERANGE "
-      "75 EROFS 77 ESPIPE 78 ESRCH 79 ESTALE 80 ETIME 81 ETIMEDOUT 82 ETXTBSY 84 EXDEV ");
+      "- - - - E2BIG EACCES EADDRINUSE EADDRNOTAVAIL EAFNOSUPPORT EAGAIN EINPROGRESS EBADF EBADMSG "
+      "EBUSY - ECHILD ECONNABORTED ECONNREFUSED ECONNRESET EDEADLK EDESTADDRREQ EDOM EDQUOT EEXIST "
+      "EFAULT EFBIG - EHOSTUNREACH EIDRM EILSEQ EINPROGRESS EINTR EINVAL EIO EISCONN EISDIR ELOOP "
+      "EMFILE EMLINK EMSGSIZE EMULTIHOP ENAMETOOLONG ENETDOWN ENETRESET ENETUNREACH ENFILE - "
+      "ENOBUFS ENODATA ENODEV ENOENT ENOEXEC ENOLCK ENOLINK ENOMEM ENOMSG ENOPROTOOPT ENOSPC ENOSR "
+      "ENOSTR ENOSYS ENOTCONN ENOTDIR ENOTEMPTY ENOTSOCK EOPNOTSUPP ENOTTY ENXIO - EOVERFLOW EPERM "
+      "EPIPE EPROTO EPROTONOSUPPORT EPROTOTYPE ERANGE EROFS - ESPIPE ESRCH ESTALE ETIME ETIMEDOUT "
+      "ETXTBSY - EXDEV - ");
   EXPECT_EQ(vx_error_from_errno(EALREADY), 29);
   int unlisted = 0;
   for (int error = -5; error < 200; ++error) unlisted += vx_error_from_errno(error) == 1;
@@ -92,25 +86,20 @@ std::string last_message() {
 }
 
 TEST(VxError, TheLastErrorKeepsItsKind) {
-  const std::tuple<int, int, int, const char*> cases[] = {
-      {ENOENT, 1, 49, "No such file or directory"},
-      {0, 1, 0, "Success"},
-      {5, 0, 1, "Input/output error"},
-      {9999, 1, 1, "Unknown error 9999"},
-      {HOST_NOT_FOUND, 2, 25, "Unknown host"},
-      {TRY_AGAIN, 2, 8, "Host name lookup failure"},
-      {NO_RECOVERY, 2, 45, "Unknown server error"},
-      {NO_DATA, 2, 47, "No address associated with name"},
-      {0, 2, 0, "Resolver Error 0 (no error)"},
-      {9, 2, 1, "Unknown resolver error"},
-      {5, 3, 2, "Unknown error"},
-      {10004, 4, 2, "Unknown error"},
-      {5, 5, 1, "Unknown error"}};
-  for (const auto& [value, kind, code, message] : cases) {
+  const std::pair<int, int> errors[] = {
+      {ENOENT, 1},    {0, 1},           {5, 0},       {9999, 1}, {HOST_NOT_FOUND, 2},
+      {TRY_AGAIN, 2}, {NO_RECOVERY, 2}, {NO_DATA, 2}, {0, 2},    {9, 2},
+      {5, 3},         {10004, 4},       {5, 5}};
+  std::string told;
+  for (auto [value, kind] : errors) {
     EXPECT_EQ(vx_error_set_last(value, kind)->value, value);
-    EXPECT_EQ(vx_error_get_last(), code) << value << " of kind " << kind;
-    EXPECT_EQ(last_message(), message);
+    told += std::to_string(vx_error_get_last()) + " " + last_message() + ";";
   }
+  EXPECT_EQ(told,
+            "49 No such file or directory;0 Success;1 Input/output error;1 Unknown error 9999;"
+            "25 Unknown host;8 Host name lookup failure;45 Unknown server error;"
+            "47 No address associated with name;0 Resolver Error 0 (no error);"
+            "1 Unknown resolver error;2 Unknown error;2 Unknown error;1 Unknown error;");
 }
 
 TEST(VxError, EachThreadHasItsOwnAndMessagesAreCut) {
@@ -129,7 +118,6 @@ TEST(VxError, EachThreadHasItsOwnAndMessagesAreCut) {
       EXPECT_EQ(last_message(), "Unknown error");
     }
     EXPECT_EQ(last_message(), "Success");
-    EXPECT_EQ(vx_error_get_last(), 0);
   });
   EXPECT_EQ(vx_error_get_last(), 69);
 }
@@ -161,33 +149,29 @@ TEST(VxMutex, ChecksItsOwner) {
   std::atomic<vx_mutex*> slot;
   in_threads(8, [&slot](int) { EXPECT_EQ(vx_mutex_made_once(&slot), slot); });
   vx_mutex* mutex = slot;
-  EXPECT_EQ(vx_mutex_trylock(mutex), 0);
-  EXPECT_EQ(vx_mutex_lock(mutex), 18);
+  EXPECT_EQ((Results{vx_mutex_trylock(mutex), vx_mutex_lock(mutex)}), (Results{0, 18}));
   { VxMutexLock again(mutex); }  // leaves it locked
   in_threads(1, [mutex](int) {
     EXPECT_EQ(vx_mutex_trylock(mutex), 12);
-#ifndef UNDER_THREAD_SANITIZER  // which reports the misuse itself
+#if !__has_feature(thread_sanitizer)  // which reports the misuse itself
     EXPECT_EQ(vx_mutex_unlock(mutex), 69);
 #endif
   });
   EXPECT_EQ(vx_mutex_unlock(mutex), 0);
-  EXPECT_EQ(vx_mutex_lock(mutex), 0);
-  EXPECT_EQ(vx_mutex_destroy(mutex), 0);  // locked as it is
+  EXPECT_EQ(vx_mutex_lock(mutex) + vx_mutex_destroy(mutex), 0);  // locked as it is
 }
 
 TEST(VxAtomic, EachOperationReturnsWhatItStates) {
   vx_atomic* atomic = vx_atomic_new(0xffffffff);
-  EXPECT_EQ(vx_atomic_increment(atomic), 0u);
-  EXPECT_EQ(vx_atomic_decrement(atomic), 0xffffffffu);
-  EXPECT_EQ(vx_atomic_exchange(atomic, 5), 0xffffffffu);
-  EXPECT_EQ(vx_atomic_exchange_add(atomic, 10), 5u);
-  EXPECT_EQ(vx_atomic_exchange_compare(atomic, 1, 14), 15u);  // no match: unchanged
-  EXPECT_EQ(vx_atomic_exchange_compare(atomic, 1, 15), 15u);
+  EXPECT_EQ((Results{vx_atomic_increment(atomic), vx_atomic_decrement(atomic),
+                     vx_atomic_exchange(atomic, 5), vx_atomic_exchange_add(atomic, 10),
+                     vx_atomic_exchange_compare(atomic, 1, 14),  // no match: unchanged
+                     vx_atomic_exchange_compare(atomic, 1, 15)}),
+            (Results{0, 0xffffffff, 0xffffffff, 5, 15, 15}));
   in_threads(8, [atomic](int i) {
     for (int n = 0; n < 500; ++n) i % 2 ? vx_atomic_increment(atomic) : vx_atomic_decrement(atomic);
   });
-  EXPECT_EQ(vx_atomic_exchange(atomic, 0), 1u);
-  EXPECT_EQ(vx_atomic_destroy(atomic), 0);
+  EXPECT_EQ((Results{vx_atomic_exchange(atomic, 0), vx_atomic_destroy(atomic)}), (Results{1, 0}));
 }
 
 TEST(VxThreadstorage, EachThreadHasItsValueAndDestructor) {
@@ -209,8 +193,7 @@ TEST(VxThreadstorage, EachThreadHasItsValueAndDestructor) {
 TEST(VxThread, IdentitiesDifferAndGoWithTheirThreads) {
   vx_thread* own = vx_thread_self();
   EXPECT_EQ(vx_thread_self(), own);
-  EXPECT_EQ(vx_thread_equal(own, own), 1);
-  EXPECT_EQ(vx_thread_join(own, nullptr), 18);
+  EXPECT_EQ((Results{vx_thread_equal(own, own), vx_thread_join(own, nullptr)}), (Results{1, 18}));
   const auto slot = static_cast<uint32_t>(reinterpret_cast<vx_object_header*>(own)->slot);
   EXPECT_EQ(vx_thread_id(own), uint64_t(getpid()) << 32 | slot);
   auto live = [own] {
@@ -227,41 +210,34 @@ TEST(VxThread, SleepsUntilASignal) {
   itimerval soon = {{}, {0, 20000}};
   setitimer(ITIMER_REAL, &soon, nullptr);
   EXPECT_EQ(vx_thread_sleep(60000), 30);
-  EXPECT_EQ(vx_thread_yield(), 0);
-  EXPECT_EQ(vx_thr_initd(), 0);
-  EXPECT_EQ(vx_thr_init(), 1);
-  EXPECT_EQ(vx_thr_initd(), 1);
+  EXPECT_EQ((Results{vx_thread_yield(), vx_thr_initd(), vx_thr_init(), vx_thr_initd()}),
+            (Results{0, 0, 1, 1}));
 }
 
 struct Probe {
   vx_object_header header = {kVxObjectValid, 0};
+
+  int32_t take_slot() {
+    return header.slot = _vx_reference_from_constructor(this, [](void* object) {
+             return _vx_unreference_from_destructor(object) == 0 ? 101 : -7;
+           });
+  }
 };
-
-int32_t destroy_probe(void* object) {
-  return _vx_unreference_from_destructor(object) == 0 ? 101 : -7;
-}
-
-int32_t take_slot(Probe& probe) {
-  return probe.header.slot = _vx_reference_from_constructor(&probe, destroy_probe);
-}
 
 TEST(VxReference, TheLastOneDestroys) {
   Probe probe;
-  EXPECT_GE(take_slot(probe), 0);
-  EXPECT_EQ(vx_reference(&probe), 0);
-  EXPECT_EQ(vx_reference(&probe), 0);
-  EXPECT_EQ(_vx_unreference_from_destructor(&probe), 3) << "the count before";
-  EXPECT_EQ(vx_unreference(&probe), 0);
+  EXPECT_GE(probe.take_slot(), 0);
+  EXPECT_EQ((Results{vx_reference(&probe), vx_reference(&probe),
+                     _vx_unreference_from_destructor(&probe), vx_unreference(&probe)}),
+            (Results{0, 0, 3, 0}));
   probe.header.flags = 0;
-  EXPECT_EQ(vx_reference(nullptr), 31);
-  EXPECT_EQ(vx_unreference(&probe), 31);
+  EXPECT_EQ((Results{vx_reference(nullptr), vx_unreference(&probe)}), Results(2, 31));
   probe.header.flags = kVxObjectValid;
   for (int32_t slot : {probe.header.slot, -1, 1 << 30}) {
     Probe stranger = {{kVxObjectValid, slot}};
-    EXPECT_EQ(vx_reference(&stranger), 49);
-    EXPECT_EQ(vx_unreference(&stranger), 49);
-    EXPECT_EQ(_vx_unreference_from_destructor(&stranger), -1);
-    EXPECT_EQ(vx_error_get_last(), 49);
+    EXPECT_EQ((Results{vx_reference(&stranger), vx_unreference(&stranger),
+                       _vx_unreference_from_destructor(&stranger), vx_error_get_last()}),
+              (Results{49, 49, -1, 49}));
   }
   EXPECT_EQ(vx_unreference(&probe), 101) << "the destroy function's result";
   EXPECT_EQ(vx_mutex_destroy(reinterpret_cast<vx_mutex*>(&probe)), 49);
@@ -274,17 +250,17 @@ TEST(VxReference, TheLowestFreeSlotIsTaken) {
   auto fill_the_table = [&](int granted) {
     FailingMalloc shortage(granted);
     const size_t before = taken;
-    while (take_slot(probes[taken]) >= 0) ++taken;
+    while (probes[taken].take_slot() >= 0) ++taken;
     EXPECT_EQ(vx_error_get_last(), 53);
     return taken - before;
   };
-  take_slot(probes[taken++]);  // what the table needs once is there now
+  probes[taken++].take_slot();  // what the table needs once is there now
   fill_the_table(0);
   EXPECT_EQ(fill_the_table(1), 16U) << "it grows by so many";
   const size_t last = taken - 1;
   for (size_t left : {last - 7, last - 2, last - 4}) EXPECT_EQ(vx_unreference(&probes[left]), 101);
   for (size_t free : {last - 7, last - 4, last - 2}) {
-    EXPECT_EQ(take_slot(probes[taken++]), probes[free].header.slot);
+    EXPECT_EQ(probes[taken++].take_slot(), probes[free].header.slot);
     probes[free].header.flags = 0;
   }
   for (Probe& probe : probes) vx_unreference(&probe);
@@ -313,8 +289,7 @@ TEST(VxAtexit, RunsNewestFirst) {
 TEST(VxAtexit, ReportsWhatItCannotDo) {
   in_threads(4, [](int) { EXPECT_EQ(vx_atexit(say<'y'>), 0); });
   for (int wanted : {0, 0, 0, 0, 49}) EXPECT_EQ(vx_unatexit(say<'y'>), wanted);
-  EXPECT_EQ(vx_atexit(nullptr), 2);
-  EXPECT_EQ(vx_unatexit(nullptr), 2);
+  EXPECT_EQ((Results{vx_atexit(nullptr), vx_unatexit(nullptr)}), Results(2, 2));
   FailingMalloc nothing(0);
   EXPECT_EQ(vx_atexit(say<'?'>), 53);
 }
