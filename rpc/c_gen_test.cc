@@ -18,24 +18,19 @@ using lab::RpcServer;
 
 constexpr rpc_createerr kUntouched = {RPC_CANCELLED, {}};
 
-// Both mappers that a client may ask, which know every program.
-struct Mappers {
-  RpcServer over_udp{7938, "127.0.0.1", lab::port_mapper(4711)};
-  RpcServer over_tcp{7938, "127.0.0.1", lab::port_mapper(7938), SOCK_STREAM};
-};
-
 // In the lab, as mappers have fixed ports, and hosts their names.
 class CreateTest : public lab::ClientTestOn<LabTest> {
  protected:
   void SetUp() override {
     LabTest::SetUp();
     if (IsSkipped()) return;
-    mappers_.emplace();
+    over_udp_.emplace(7938, "127.0.0.1", lab::port_mapper(4711));
+    over_tcp_.emplace(7938, "127.0.0.1", lab::port_mapper(7938), SOCK_STREAM);
     *__get_rpc_createerr() = kUntouched;
     unsetenv("KIV_TRANSPORT");
   }
 
-  std::optional<Mappers> mappers_;
+  std::optional<RpcServer> over_udp_, over_tcp_;  // know every program
 };
 
 TEST_F(CreateTest, OwnNamesGoToLoopback) {
@@ -45,10 +40,9 @@ TEST_F(CreateTest, OwnNamesGoToLoopback) {
     client_ = __brix_clnt_create(host, 100122, 0, "UdP");
     ASSERT_NE(client_, nullptr);
     const auto server = get<sockaddr_in>(CLGET_SERVER_ADDR);
-    EXPECT_EQ(ntohl(server.sin_addr.s_addr), INADDR_LOOPBACK);
-    EXPECT_EQ(ntohs(server.sin_port), 4711);
-    EXPECT_EQ(get<timeval>(CLGET_RETRY_TIMEOUT).tv_sec, 5);
-    EXPECT_EQ(get<timeval>(CLGET_RETRY_TIMEOUT).tv_usec, 0);
+    EXPECT_TRUE(server.sin_addr.s_addr == htonl(INADDR_LOOPBACK) && server.sin_port == htons(4711));
+    const auto retry = get<timeval>(CLGET_RETRY_TIMEOUT);
+    EXPECT_TRUE(retry.tv_sec == 5 && retry.tv_usec == 0);
     destroy();
   }
   EXPECT_EQ(__get_rpc_createerr()->status, RPC_CANCELLED) << "success does not clear it";
@@ -62,39 +56,38 @@ TEST_F(CreateTest, TransportsByName) {
                 testing::HasSubstr(udp ? "Calling clntudp_create function\n"
                                        : "Calling clnttcp_create function\n"));
     ASSERT_NE(client_, nullptr) << name;
-    EXPECT_EQ(get<timeval>(CLGET_TIMEOUT).tv_sec, udp ? 25 : 30);
-    EXPECT_EQ(get<timeval>(CLGET_TIMEOUT).tv_usec, 0);
+    const auto limit = get<timeval>(CLGET_TIMEOUT);
+    EXPECT_TRUE(limit.tv_sec == (udp ? 25 : 30) && limit.tv_usec == 0);
     EXPECT_TRUE(udp || call() == RPC_SUCCESS) << "the mapper itself answers";
     destroy();
   }
-  sockaddr_in elsewhere = {AF_INET6, htons(7938), {}, {}};
-  EXPECT_EQ(clntgen_create(&elsewhere, 5, 6, nullptr, &socket_, 0, 0), nullptr);
+  sockaddr_in server = lab::loopback(7938);
+  memset(server.sin_zero, 1, sizeof server.sin_zero);
+  client_ = clntgen_create(&server, 5, 6, nullptr, &socket_, 0, 0);
+  EXPECT_EQ(to_hex({reinterpret_cast<char*>(server.sin_zero), 8}), "0000000000000000");
+  server.sin_family = AF_INET6;
+  EXPECT_EQ(clntgen_create(&server, 5, 6, nullptr, &socket_, 0, 0), nullptr);
   EXPECT_EQ(__get_rpc_createerr()->status, RPC_CANCELLED);
 }
 
 TEST_F(CreateTest, WhatCannotBeMade) {
-  const struct {
-    const char* host;
-    const char* transport;
-    const char* environment;
-    clnt_stat status;
-    int32_t error;
-  } cases[] = {{"no-such-host", "sctp", nullptr, RPC_UNKNOWNHOST, 0},
-               {"manager", "sctp", nullptr, RPC_SYSTEMERROR, EPFNOSUPPORT},
-               {"manager", nullptr, "ud", RPC_SYSTEMERROR, EPFNOSUPPORT},
-               {"manager", "udpx", "udp", RPC_SYSTEMERROR, EPFNOSUPPORT},
-               {"manager", "udp", nullptr, RPC_PMAPFAILURE, EIO},  // as a wait fails
-               {"manager", nullptr, "", RPC_CANCELLED, 0}};
-  for (const auto& test : cases) {
-    SCOPED_TRACE(testing::PrintToString(test.transport));
+  const std::tuple<const char*, const char*, const char*, clnt_stat, int32_t> cases[] = {
+      {"no-such-host", "sctp", nullptr, RPC_UNKNOWNHOST, 0},
+      {"manager", "sctp", nullptr, RPC_SYSTEMERROR, EPFNOSUPPORT},
+      {"manager", nullptr, "ud", RPC_SYSTEMERROR, EPFNOSUPPORT},
+      {"manager", "udpx", "udp", RPC_SYSTEMERROR, EPFNOSUPPORT},
+      {"manager", "udp", nullptr, RPC_PMAPFAILURE, EIO},  // as a wait fails
+      {"manager", nullptr, "", RPC_CANCELLED, 0}};
+  for (const auto& [host, transport, environment, status, error] : cases) {
+    SCOPED_TRACE(testing::PrintToString(transport));
     *__get_rpc_createerr() = kUntouched;
-    if (test.environment != nullptr) setenv("KIV_TRANSPORT", test.environment, 1);
+    if (environment != nullptr) setenv("KIV_TRANSPORT", environment, 1);
     failing_calls::refuse(failing_calls::waits, EIO, 2);
-    client_ = __brix_clnt_create(test.host, 100122, 0, test.transport);
+    client_ = __brix_clnt_create(host, 100122, 0, transport);
     failing_calls::refuse(failing_calls::waits, 0, 0);
     unsetenv("KIV_TRANSPORT");
-    expect_not_created(test.status, test.error);
-    EXPECT_EQ(__get_rpc_createerr()->cause.status == RPC_CANTRECV, test.error == EIO);
+    expect_not_created(status, error);
+    EXPECT_EQ(__get_rpc_createerr()->cause.status == RPC_CANTRECV, error == EIO);
   }
 }
 

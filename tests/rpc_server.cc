@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <system_error>
 
+#include "rpc/xdr/xdr_units.h"
+
 namespace lab {
 
 RpcServer::RpcServer(int type, const std::string& address, uint16_t port)
@@ -99,11 +101,9 @@ uint16_t RpcServer::port() const {
 
 std::string RpcServer::read_bytes(size_t count) const {
   std::string bytes(count, '\0');
-  size_t done = 0;
-  for (ssize_t got = 1; got > 0 && done < count; done += static_cast<size_t>(got)) {
-    got = std::max<ssize_t>(read(connection_, &bytes[done], count - done), 0);
-  }
-  bytes.resize(done);
+  if (count == 0) return bytes;
+  const ssize_t got = recvfrom(connection_, bytes.data(), count, MSG_WAITALL, nullptr, nullptr);
+  bytes.resize(static_cast<size_t>(std::max<ssize_t>(got, 0)));
   return bytes;
 }
 
@@ -112,19 +112,15 @@ std::optional<std::string> RpcServer::read_request() {
   for (uint32_t header = 0; (header & 0x80000000) == 0;) {
     const std::string bytes = read_bytes(sizeof header);
     if (bytes.size() < sizeof header) return std::nullopt;
-    bytes.copy(reinterpret_cast<char*>(&header), sizeof header);
-    header = ntohl(header);
+    header = xdr_load<uint32_t>(bytes.data());
     record += read_bytes(header & 0x7FFFFFFF);
   }
   return keep(record);
 }
 
 bool RpcServer::send(const std::string& bytes) const {
-  ssize_t sent = 0;
-  for (size_t done = 0; done < bytes.size() && sent >= 0; done += static_cast<size_t>(sent)) {
-    sent = ::send(connection_, &bytes[done], bytes.size() - done, MSG_NOSIGNAL);
-  }
-  return sent >= 0;
+  const ssize_t sent = ::send(connection_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  return sent == static_cast<ssize_t>(bytes.size());
 }
 
 std::string fragment(const std::string& bytes, bool last) {
@@ -142,9 +138,7 @@ std::string success_to(const std::string& request, const std::string& hex) {
 
 RpcServer::Script port_mapper(uint16_t port) {
   const std::string bytes = {0, 0, static_cast<char>(port >> 8), static_cast<char>(port)};
-  return [hex = to_hex(bytes)](const std::string& request) {
-    return std::vector{success_to(request, hex)};
-  };
+  return [hex = to_hex(bytes)](auto& request) { return std::vector{success_to(request, hex)}; };
 }
 
 std::vector<std::string> silence(const std::string& /*request*/) { return {}; }

@@ -36,8 +36,7 @@ std::string cache() {
        entry = entry->next) {
     char separator = '{';
     for (unsigned long number : {entry->program, entry->version, entry->protocol, entry->port}) {
-      entries += separator + std::to_string(number);
-      separator = ',';
+      entries += std::exchange(separator, ',') + std::to_string(number);
     }
     entries += '}';
   }

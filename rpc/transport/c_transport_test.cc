@@ -95,41 +95,33 @@ TEST_P(TransportTest, CallsOnTheWire) {
 }
 
 TEST_P(TransportTest, RefreshAndFallback) {
-  const struct {
-    const char* title;
-    int32_t flavour;
-    const char* hex;
-    int refreshes;
-    bool confirmed;
-    size_t sent;
-    int32_t after;     // the flavour; -1: no authentication
-    uint32_t allowed;  // methods; over TCP
-  } cases[] = {
-      {"two at most", 99, kTooWeak, 9, false, 3, 99, kAuthMethodsDefault},
-      {"nothing weaker than 99", 99, kRejected, 0, false, 1, 99, kAuthMethodsDefault},
-      {"system to none", kAuthSystem, kRejected, 9, false, 2, kAuthNone, kAuthMethodsDefault},
-      {"not when it was confirmed", kAuthSystem, kRejected, 1, true, 2, 1, kAuthMethodsDefault},
-      {"not for another reason", kAuthSystem, kTooWeak, 0, false, 1, 1, kAuthMethodsDefault},
-      {"the first word counts", kAuthSystem, kVersion2, 0, false, 2, 0, kAuthMethodsDefault},
-      {"none is not allowed", kAuthSystem, kRejected, 9, false, 1, -1, kAuthMethodsSystem},
-      {"from 6 down", 6, kRejected, 0, false, 3, kAuthNone, kAuthMethodsDefault},
-      {"from 30001 down", 30001, kRejected, 0, false, 3, kAuthNone, kAuthMethodsDefault},
-      {"from 30013 down", 30013, kRejected, 0, false, 3, kAuthNone, kAuthMethodsDefault},
-      {"system is not allowed", 6, kRejected, 0, false, 2, kAuthNone, kAuthMethodsNone},
-      {"nothing is allowed", 6, kRejected, 0, false, 1, -1, kAuthMethodsOwn}};
-  for (const auto& test : cases) {
-    if (!is_tcp() && test.allowed != kAuthMethodsDefault) continue;
-    SCOPED_TRACE(test.title);
-    ScriptedAuth auth(test.flavour, test.refreshes);
-    connect(test.hex);
+  // After the last attempt -1 stands for no authentication; only TCP has allowed methods.
+  const std::tuple<const char*, int32_t, const char*, int, bool, size_t, int32_t, uint32_t>
+      cases[] = {
+          {"two at most", 99, kTooWeak, 9, false, 3, 99, kAuthMethodsDefault},
+          {"nothing weaker than 99", 99, kRejected, 0, false, 1, 99, kAuthMethodsDefault},
+          {"system to none", kAuthSystem, kRejected, 9, false, 2, kAuthNone, kAuthMethodsDefault},
+          {"not when it was confirmed", kAuthSystem, kRejected, 1, true, 2, 1, kAuthMethodsDefault},
+          {"not for another reason", kAuthSystem, kTooWeak, 0, false, 1, 1, kAuthMethodsDefault},
+          {"the first word counts", kAuthSystem, kVersion2, 0, false, 2, 0, kAuthMethodsDefault},
+          {"none is not allowed", kAuthSystem, kRejected, 9, false, 1, -1, kAuthMethodsSystem},
+          {"from 6 down", 6, kRejected, 0, false, 3, kAuthNone, kAuthMethodsDefault},
+          {"from 30001 down", 30001, kRejected, 0, false, 3, kAuthNone, kAuthMethodsDefault},
+          {"from 30013 down", 30013, kRejected, 0, false, 3, kAuthNone, kAuthMethodsDefault},
+          {"system is not allowed", 6, kRejected, 0, false, 2, kAuthNone, kAuthMethodsNone},
+          {"nothing is allowed", 6, kRejected, 0, false, 1, -1, kAuthMethodsOwn}};
+  for (auto [title, flavour, hex, refreshes, confirmed, sends, after, allowed] : cases) {
+    if (!is_tcp() && allowed != kAuthMethodsDefault) continue;
+    SCOPED_TRACE(title);
+    ScriptedAuth auth(flavour, refreshes);
+    connect(hex);
     client_->auth = &auth.handle;
-    uint32_t allowed = test.allowed;
     EXPECT_EQ(control(CLSET_AUTH_METHODS, &allowed), is_tcp());
-    if (test.confirmed) control(CLSET_AUTH_CONFIRMED, &allowed);
+    if (confirmed) control(CLSET_AUTH_CONFIRMED, &allowed);
     EXPECT_NE(call(), RPC_SUCCESS);
-    EXPECT_EQ(sent(), test.sent);
-    EXPECT_EQ(client_->auth != nullptr ? client_->auth->credential.flavour : -1, test.after);
-    EXPECT_EQ(get<int32_t>(CLGET_AUTH_CONFIRMED), test.confirmed ? 1 : 0);
+    EXPECT_EQ(sent(), sends);
+    EXPECT_EQ(client_->auth != nullptr ? client_->auth->credential.flavour : -1, after);
+    EXPECT_EQ(get<int32_t>(CLGET_AUTH_CONFIRMED), confirmed ? 1 : 0);
   }
 }
 
@@ -166,18 +158,23 @@ TEST_P(TransportTest, ArgumentsAndResultsThatFail) {
 
 TEST_P(TransportTest, FailingSystemCalls) {
   connect();
-  // Signals neither end nor repeat a call, nor does input that is gone again.
+  // Signals neither end nor repeat a call, nor does input or room that is gone again.
   for (int passing : {EINTR, EAGAIN, ENOMEM, EINPROGRESS}) {
     refuse(failing_calls::reads, passing, 3);
+    refuse(failing_calls::writes, passing, is_tcp() ? 3 : 0);
     refuse(failing_calls::waits, EINTR, 20);
     EXPECT_EQ(call(), RPC_SUCCESS) << passing;
   }
   EXPECT_EQ(sent(), 4U);
-  refuse(failing_calls::reads, EIO);
-  expect(call(), RPC_CANTRECV, EIO);
-  refuse(failing_calls::reads, EAGAIN);
-  refuse(failing_calls::waits, EBADF);
-  expect(call(), RPC_CANTRECV, EBADF);
+  for (bool writing : {false, true}) {
+    if (writing && !is_tcp()) continue;
+    failing_calls::Refusal& calls = writing ? failing_calls::writes : failing_calls::reads;
+    refuse(calls, EIO);
+    expect(call(), writing ? RPC_CANTSEND : RPC_CANTRECV, EIO);
+    refuse(calls, EAGAIN);
+    refuse(failing_calls::waits, EBADF);
+    expect(call(), writing ? RPC_CANTSEND : RPC_CANTRECV, EBADF);
+  }
   EXPECT_EQ(call(), RPC_SUCCESS);
   connect();
   close(socket_);

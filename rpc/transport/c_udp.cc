@@ -217,7 +217,6 @@ bool udp_freeres(CLIENT* client, xdrproc_t results_filter, void* results) {
 void udp_destroy(CLIENT* client) {
   UdpRecord* record = record_of(client);
   if (record->close_socket) rpc_close(record->socket);
-  record->send_stream.ops->destroy(&record->send_stream);
   free(record);
   free(client);
 }
