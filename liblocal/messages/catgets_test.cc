@@ -94,6 +94,7 @@ TEST(Catgets, OpensAndLooksUp) {
         {"new.one", "new.one", "found"}};
     for (const auto& [name, file, outcome] : cases) {
       for (int level : {0, 1}) {
+        vxcatclose(Catd);
         EXPECT_EQ(printed(level, [name = name] { Catd = vxcatopen(name, 0); }),
                   level == 0 ? "" : "kivtrap: Message catalog \"" + file + "\" " + outcome + ".\n");
         EXPECT_EQ(Catd != -1, outcome == "found");

@@ -33,7 +33,7 @@ using Results = std::vector<int64_t>;
 
 TEST(VxPrimitives, WithoutHandleOrMemory) {
   vx_once_control control{};
-  vx_list* list = vx_list_new();
+  static vx_list* const list = vx_list_new();  // for the process, as lists are
   EXPECT_THAT((Results{vx_once(nullptr, [] {}), vx_once(&control, nullptr), vx_mutex_lock(nullptr),
                        vx_mutex_destroy(nullptr), vx_atomic_exchange_add(nullptr, 1),
                        vx_atomic_increment(nullptr), vx_atomic_decrement(nullptr),
