@@ -1,9 +1,6 @@
-// The formatter on arbitrary formats. Before the first NUL of the input stands the text
-// of every argument, behind it the format.
-//
-// Each argument is a word with the address of that text: a valid "%s", any number for
-// everything else. The text lies at a low address, so that a width or a precision taken
-// from an argument is no more than some ten thousands, the same in each run.
+// The formatter on arbitrary formats. Before the first NUL of the input stands the text of
+// every argument, behind it the format. Each argument is the address of that text: a valid
+// "%s", any number for everything else, and low, so that as a width it is some ten thousands.
 #undef NDEBUG
 #include <sys/mman.h>
 
@@ -28,14 +25,6 @@ namespace {
 
 constexpr size_t kTextSize = 4096;
 constexpr size_t kLongestFormat = 600;  // may name more than 255 arguments
-constexpr size_t kWords = 2 * (255 + 2 * kLongestFormat);
-
-char* text_area() {
-  static void* area = mmap(reinterpret_cast<void*>(0x10000), kTextSize, PROT_READ | PROT_WRITE,
-                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
-  assert(area != MAP_FAILED);
-  return static_cast<char*>(area);
-}
 
 std::string formatted(const std::string& format, va_list arguments) {
   char* area = nullptr;
@@ -51,13 +40,17 @@ std::string formatted(const std::string& format, va_list arguments) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string input(reinterpret_cast<const char*>(data), size);
   const size_t end = input.find('\0');
-  if (end >= kTextSize - 16 || end == input.npos) return 0;  // NULs for a wide string, too
+  if (end >= kTextSize - 16) return 0;  // NULs for a wide string, too
   const std::string format(input.c_str() + end + 1);
   if (format.size() > kLongestFormat) return 0;
-  char* text = text_area();
+  static auto* const text =
+      static_cast<char*>(mmap(reinterpret_cast<void*>(0x10000), kTextSize, PROT_READ | PROT_WRITE,
+                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0));
+  assert(text != MAP_FAILED);
   memset(text, 0, kTextSize);
   memcpy(text, input.data(), end);
-  const std::vector<uint64_t> words(kWords, reinterpret_cast<uint64_t>(text));
+  const std::vector<uint64_t> words(2 * (255 + 2 * kLongestFormat),
+                                    reinterpret_cast<uint64_t>(text));
   va_list arguments;
   start_word_arguments(arguments, words.data());
 
@@ -65,8 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // A width without bound may have been refused there; a "%m" tells errno, which changes.
   static const std::regex kWithout("[0-9]{5}|m");
   if (whole.size() > 1 << 20 || std::regex_search(format, kWithout)) return 0;
-  // The same in a buffer that is just long enough, and, for as many arguments as there
-  // are positions, by way of their table.
+  // The same in a buffer that is just long enough, and by way of the table of positions.
   std::vector<char> buffer(whole.size() + 1);
   assert(i18n_vsprintf(buffer.data(), nullptr, format.c_str(), arguments) ==
          static_cast<int>(whole.size()));

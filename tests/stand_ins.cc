@@ -1,7 +1,6 @@
 #include "tests/stand_ins.h"
 
 #include <arpa/inet.h>
-#include <langinfo.h>
 #include <netdb.h>
 #include <sys/ioctl.h>
 
@@ -19,7 +18,6 @@ std::atomic<int64_t> now;
 std::atomic<int> names_asked;
 std::atomic<bool> resolver_is_down;
 std::atomic<bool> no_push_back;
-std::atomic<const char*> codeset;
 std::atomic<const std::vector<ifreq>*> interfaces;
 std::atomic<int> counting_error, listing_error, room_asked;
 
@@ -47,26 +45,16 @@ int __real_gethostbyname_r(const char* name, hostent* entry, char* text, size_t 
                            hostent** result, int* error);
 int __real_ioctl(int descriptor, unsigned long request, ...);
 int __real_ungetc(int byte, FILE* stream);
-char* __real_nl_langinfo(nl_item item);
-
-char* __wrap_nl_langinfo(nl_item item) {
-  const char* name = item == CODESET ? codeset.load() : nullptr;
-  return name != nullptr ? const_cast<char*>(name) : __real_nl_langinfo(item);
-}
 
 int __wrap_ungetc(int byte, FILE* stream) {
   return no_push_back ? EOF : __real_ungetc(byte, stream);
 }
 
-time_t __wrap_time(time_t* result) {
-  const time_t real = __real_time(result);
-  return now != 0 ? now.load() : real;
-}
+time_t __wrap_time(time_t* result) { return now != 0 ? now.load() : __real_time(result); }
 
 int __wrap_gethostbyname_r(const char* name, hostent* entry, char* text, size_t size,
                            hostent** result, int* error) {
   ++names_asked;
-  *result = nullptr;
   if (resolver_is_down) return EAGAIN;
   return __real_gethostbyname_r(name, entry, text, size, result, error);
 }
@@ -75,9 +63,8 @@ int __wrap_ioctl(int descriptor, unsigned long request, void* argument) {
   const std::vector<ifreq>* there = interfaces;
   if (there == nullptr) return __real_ioctl(descriptor, request, argument);
   if (request == SIOCGIFFLAGS) {
-    auto* record = static_cast<ifreq*>(argument);
-    const int flags = atoi(record->ifr_name);
-    record->ifr_flags = static_cast<int16_t>(flags);
+    const int flags = atoi(static_cast<ifreq*>(argument)->ifr_name);
+    static_cast<ifreq*>(argument)->ifr_flags = static_cast<int16_t>(flags);
     errno = -flags;
     return flags < 0 ? -1 : 0;
   }

@@ -62,7 +62,7 @@ TEST(OwnAddresses, OfInterfacesThatAreUp) {
       {"1 10.2.0.1 2", EIO, "", "0.0.0.0", no_list + none},
   };
   for (const auto& on : cases) {
-    const std::vector<ifreq> all = made_up(on.there);
+    const auto all = made_up(on.there);
     EXPECT_EQ(printed_on(all, on.error, [&] { EXPECT_EQ(listed(), on.table); }),
               on.error == EIO ? no_list : "");
     EXPECT_EQ(printed_on(all, on.error, [&] { EXPECT_EQ(first_address(), on.first); }), on.told);
@@ -89,19 +89,18 @@ TEST(OwnAddresses, AsManyAsTheTableHolds) {
 }
 
 TEST(OwnAddresses, OneOfThem) {
-  const std::vector<ifreq> early = made_up("1 10.7.0.1 2 1 10.7.0.2 2 1 10.7.0.3 10");
-  const std::vector<ifreq> late = made_up("1 10.7.0.2 2");
+  const auto early = made_up("1 10.7.0.1 2 1 10.7.0.2 2 1 10.7.0.3 10");
+  const auto late = made_up("1 10.7.0.2 2");
   auto is_mine = [](const char* text) {
     const in_addr asked = {inet_addr(text)};
     return is_myaddr(AF_INET, &asked, 0) == 1;
   };
   auto in_child = [&] {  // a process that has matched nothing yet
     interfaces = &early;
-    bool right = is_mine("0.0.0.0") && is_mine("10.7.0.2") && !is_mine("0.0.0.0") &&
-                 !is_mine("10.7.0.3") && is_mine("10.7.0.1");
+    const bool right = is_mine("0.0.0.0") && is_mine("10.7.0.2") && !is_mine("0.0.0.0") &&
+                       !is_mine("10.7.0.3") && is_mine("10.7.0.1");
     interfaces = &late;
-    right = right && is_mine("10.7.0.1") && is_mine("10.7.0.2") && !is_mine("10.7.0.1");
-    _exit(right ? 0 : 1);
+    _exit(right && is_mine("10.7.0.1") && is_mine("10.7.0.2") && !is_mine("10.7.0.1") ? 0 : 1);
   };
   EXPECT_EXIT(in_child(), testing::ExitedWithCode(0), "") << "the last match is remembered";
   interfaces = &early;
@@ -114,14 +113,13 @@ TEST(OwnAddresses, OneOfThem) {
 }
 
 TEST(OwnAddresses, WithoutDescriptors) {
-  auto without_descriptors = [] {
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  const rlimit closed = {0, before.rlim_max};
+  auto without_descriptors = [&] {
     sockaddr_in* table = nullptr;
-    rlimit before{};
-    getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit closed = {0, before.rlim_max};
     setrlimit(RLIMIT_NOFILE, &closed);
-    EXPECT_TRUE(get_myaddrs(&table) == -1 && table != nullptr);
-    EXPECT_EQ(first_address(), "0.0.0.0");
+    EXPECT_TRUE(get_myaddrs(&table) == -1 && table != nullptr && first_address() == "0.0.0.0");
     setrlimit(RLIMIT_NOFILE, &before);
   };
   EXPECT_EQ(printed(0, without_descriptors), "get_myaddress: socket: Too many open files\n");

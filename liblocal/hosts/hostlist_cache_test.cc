@@ -4,7 +4,8 @@
 
 #include <cstdlib>
 #include <span>
-#include <sstream>
+#include <string>
+#include <vector>
 
 #include "liblocal/hosts/svc_time.h"
 #include "tests/failing_malloc.h"
@@ -32,11 +33,11 @@ struct Cache : hostlist_cache {
   std::string names(const char* name) const { return names_of(hostlist_cache_host(this, name)); }
   // Every name with its state and expiry.
   std::string all() const {
-    std::ostringstream text;
+    std::string text;
     for (const host_entry* each : std::span(table, table + count)) {
-      text << each->name << "LPSU"[each->state] << each->expiry << " ";
+      text += each->name + ("LPSU"[each->state] + std::to_string(each->expiry)) + " ";
     }
-    return text.str();
+    return text;
   }
 };
 

@@ -1,5 +1,4 @@
-// The name tests in the lab, where the hosts file is the resolver and its calls are
-// counted.
+// In the lab, where the hosts file is the resolver and its calls are counted.
 #include "liblocal/hosts/is_mynam.h"
 
 #include <arpa/inet.h>
@@ -54,7 +53,6 @@ class NameTest : public LabTest {
   }
   void TearDown() override {
     if (!IsSkipped()) start_over(hosts_before_, 0);
-    Debug = 0;
   }
 
   static void start_over(const std::string& hosts = kHosts, int64_t time = 1'000'000'000) {
@@ -70,6 +68,7 @@ class NameTest : public LabTest {
     resolver_is_down = false;
     clu_set_localvirthost_hook(nullptr);
     interfaces = nullptr;
+    Debug = 0;
   }
 
  private:
@@ -96,11 +95,7 @@ TEST_F(NameTest, NamesStandBeforeAddresses) {
   constexpr auto all = [](const char*) { return 1; };
   constexpr auto word = [](const char* name) { return strcmp(name, "localhost") == 0 ? 1 : 0; };
   const std::string unnamed = "Reverse DNS lookup failed for address 203.0.113.9\n";
-  const struct {
-    const char* asked;
-    int (*hook)(const char* name);
-    std::string chain, told;
-  } cases[] = {
+  const std::tuple<const char*, int (*)(const char* name), std::string, std::string> cases[] = {
       {nullptr, none, "node.net box node localhost manager 192.0.2.1 127.0.0.1 192.0.2.3", unnamed},
       {nullptr, word, "node.net box node 192.0.2.1 192.0.2.3 localhost", unnamed},
       {nullptr, all, "node.net box node localhost", unnamed},
@@ -125,22 +120,18 @@ TEST_F(NameTest, NamesStandBeforeAddresses) {
 
 TEST_F(NameTest, AskTheResolverOncePerTime) {
   auto all = [] {
-    EXPECT_TRUE(is_myname("node") && is_validhostname("www"));
-    EXPECT_FALSE(is_myname("www") || is_validhostname("nobody") || is_myname("nobody"));
+    EXPECT_TRUE(is_myname("node") && is_validhostname("www") && !is_myname("www"));
+    EXPECT_FALSE(is_validhostname("nobody") || is_myname("nobody"));
   };
   EXPECT_EQ(asked_by(all), 3);
   now += 5000;
   EXPECT_EQ(asked_by(all), 0) << "the service time stands until it is reset";
   now -= 5000;
   // What is known stays known while the resolver is down.
-  for (auto [seconds, asked, down] : {std::tuple{300, 0, false},
-                                      {1, 1, false},
-                                      {1499, 1, false},
-                                      {1, 2, false},
-                                      {1801, 3, true},
-                                      {300, 0, true},
-                                      {1, 3, true},
-                                      {301, 3, false}}) {
+  const std::tuple<int, int, bool> later[] = {{300, 0, false}, {1, 1, false},   {1499, 1, false},
+                                              {1, 2, false},   {1801, 3, true}, {300, 0, true},
+                                              {1, 3, true},    {301, 3, false}};
+  for (auto [seconds, asked, down] : later) {
     pass(seconds);
     resolver_is_down = down;
     EXPECT_EQ(asked_by(all), asked) << seconds;
@@ -177,7 +168,7 @@ TEST_F(NameTest, EveryAllocationRefused) {
       refused = failing.failed();
     });
     EXPECT_EQ(told.empty(), !refused) << granted;
-    EXPECT_TRUE(name == "web.net" || (name == "(null)" && told == no_memory)) << name;
+    EXPECT_TRUE(name == "web.net" || name + told == "(null)" + no_memory) << name;
   }
 }
 
@@ -201,8 +192,8 @@ TEST_F(NameTest, Clients) {
   EXPECT_TRUE(client_list_add_client("web", aliases) && client_list_add_client("mail", nullptr));
   EXPECT_FALSE(client_list_add_client(nullptr, aliases));
   EXPECT_TRUE(sameclient("WWW", "web") && sameclient("unknown", "Unknown"));
-  EXPECT_FALSE(sameclient("web", "mail") || sameclient("a", "b") || sameclient(nullptr, nullptr) ||
-               sameclient("web", nullptr) || sameclient(nullptr, "web"));
+  EXPECT_FALSE(sameclient("web", "mail") || sameclient("a", "b") || sameclient("web", nullptr) ||
+               sameclient(nullptr, nullptr));
   auto copy = [] { EXPECT_EQ((FailingMalloc(0, 1), get_primaryclientname("mail")), nullptr); };
   EXPECT_EQ(printed(0, copy), "kivtrap: SYSTEM error: Cannot allocate memory\n");
   for (const char* removed : {static_cast<const char*>(nullptr), "unknown", "www"}) {

@@ -44,8 +44,7 @@ TEST_F(LookUpTest, EachFindsItsOwnInItsOwnPlace) {
     EXPECT_STREQ(stored, name);
     EXPECT_TRUE(places.insert(entry).second && places.insert(stored).second) << name;
   }
-  while (vx_ts_gethostent() != nullptr || vx_ts_getservent() != nullptr) {
-  }
+  while (vx_ts_gethostent() != nullptr || vx_ts_getservent() != nullptr) continue;
   EXPECT_FALSE(vx_ts_gethostbyname(nullptr) || vx_ts_gethostbyname("over") ||
                vx_ts_gethostbyaddr(nullptr, 4, AF_INET) || vx_ts_gethostbyaddr(&full, 1, AF_INET) ||
                vx_ts_gethostbyaddr(&full, 4, AF_INET));
@@ -90,8 +89,7 @@ TEST_F(LookUpTest, WhatThisHostAndItsDomainAreCalled) {
   EXPECT_EQ(vx_error_get_last(), vx_error_from_errno(ENAMETOOLONG));
   for (const auto& [set, told] : {std::pair{"Example.NET", "example.net"}, {"(none)", ""}}) {
     lab::write_file("/proc/sys/kernel/domainname", set);  // valgrind has no setdomainname
-    EXPECT_EQ(vx_getdomainname(name, strlen(told) + 1), 0);
-    EXPECT_STREQ(name, told);
+    EXPECT_TRUE(vx_getdomainname(name, strlen(told) + 1) == 0 && strcmp(name, told) == 0);
     EXPECT_EQ(vx_getdomainname(name, strlen(told)), -1);
     EXPECT_EQ(vx_error_get_last(), vx_error_from_errno(ERANGE));
   }

@@ -53,11 +53,7 @@ TEST(Format, Cases) {
       {formatted(""), ""},
       {formatted("%%d 100%%"), "%d 100%"},
       {formatted("%*d|%-*d|%*d|%*d", 5, 42, 5, 42, -5, 42, -1, 42), "   42|42   |42   |42"},
-      {formatted("%.*f|%.*f|%.f", 2, 1.0, -2, 1.0, 1.0), "1.00|1.000000|1"},
-      {formatted("%9.2e|%-7g|%+lf|%a|%Lg", 1.5, 2.5, 3.5, 1.0, 1e40L),
-       " 1.50e+00|2.5    |+3.500000|0x1p+0|1e+40"},
-      {formatted("%64d|%-65d|%065d", 7, 7, 7),
-       std::string(63, ' ') + "7|7" + std::string(64, ' ') + "|" + std::string(64, '0') + "7"},
+      {formatted("%.*f|%.*f|%Lg", 2, 1.0, -2, 1.0, 1e40L), "1.00|1.000000|1e+40"},
       {formatted("a%cb", 0), std::string("a\0b", 3)},
       // Columns.
       {formatted("%-6s|%6s|", "日本", "日本"), "日本  |  日本|"},
@@ -110,30 +106,24 @@ TEST(Format, HasRoomBeyondTheEstimate) {
   EXPECT_EQ(formatted(format.c_str(), 1e308), full);
 }
 
-int format_into(char** result, const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  const int length = i18n_vsprintf(nullptr, result, format, arguments);
-  va_end(arguments);
-  return length;
-}
-
 TEST(Format, RefusedMemory) {
+  const std::string text(20000, 'x');
+  const uint64_t words[] = {5, reinterpret_cast<uint64_t>(text.c_str())};
+  va_list list;
+  start_word_arguments(list, words);
   char none = 'x';
   char* area = &none;
   {
     FailingMalloc failing(0);
-    EXPECT_EQ(format_into(&area, "abc") + format_into(nullptr, "abc"), 0);
+    EXPECT_EQ(i18n_vsprintf(nullptr, &area, "abc", list), 0);
     EXPECT_EQ(area, nullptr);
   }
-  const std::string text(20000, 'x');
   for (const char* format : {"ab%d%2$s", "ab%d%30000d", "ab%d%.30000f", "ab%d%99999999999d"}) {
     FailingMalloc failing(1);
-    EXPECT_EQ(format_into(&area, format, 5, text.c_str(), 1.0), 3) << format;
-    EXPECT_STREQ(area, "ab5") << format;
-    free(area);
+    EXPECT_EQ(i18n_vsprintf(nullptr, &area, format, list), 3) << format;
+    EXPECT_STREQ(c_unique_ptr<char>(area).get(), "ab5") << format;
   }
-  EXPECT_EQ(format_into(nullptr, "%s", text.c_str()), 20000) << "counted only";
+  EXPECT_EQ(i18n_vsprintf(nullptr, nullptr, "%d%s", list), 20001) << "counted only";
 }
 
 TEST(Format, MadeUpFormatsAsThePlatformHasThem) {
@@ -162,16 +152,13 @@ TEST(Format, MadeUpFormatsAsThePlatformHasThem) {
       format += "%" + argument(values[below(std::size(values))]) + fields +
                 letters[below(std::size(letters))] + " %%";
     } while (below(3) != 0);
-    static char wanted[16384];  // not on the stack, which valgrind would follow
-    static char got[16384];
+    static char wanted[16384], got[16384];  // not on the stack, which valgrind would follow
     va_list platforms, ours;
     start_word_arguments(platforms, words.data());
     start_word_arguments(ours, words.data());
     const int length = vsnprintf(wanted, sizeof wanted, format.c_str(), platforms);
     ASSERT_EQ(i18n_vsprintf(got, nullptr, format.c_str(), ours), length) << format;
-    ASSERT_EQ(memcmp(got, wanted, static_cast<size_t>(length) + 1), 0) << format << "\n"
-                                                                       << got << "\n"
-                                                                       << wanted;
+    ASSERT_EQ(memcmp(got, wanted, static_cast<size_t>(length) + 1), 0) << format << " " << got;
   }
 }
 

@@ -8,7 +8,6 @@
 #include <set>
 #include <string>
 
-#include "liblocal/text/mbt.h"
 #include "liblocal/text/utf8.h"
 #include "liblocal/threads/c_memory.h"
 #include "liblocal/threads/text_sizes.h"
@@ -16,12 +15,6 @@
 #include "tests/locales.h"
 
 namespace {
-
-std::string transparent(const std::string& raw) {
-  std::string carried(3 * raw.size() + 5, '\0');
-  EXPECT_EQ(vx_mbstombts(carried.data(), raw.c_str(), carried.size()), 1);
-  return carried.c_str();
-}
 
 std::set<std::string> listed(const std::string& path) {
   std::set<std::string> names;
@@ -36,32 +29,13 @@ std::set<std::string> listed(const std::string& path) {
   return names;
 }
 
-TEST(Utf8Files, EveryByteInANameRoundTrips) {
-  for (const char* codeset : {"EUC-JP", "UTF-8"}) {
-    in_locale(codeset, [] {
-      TemporaryDirectory place;
-      std::set<std::string> names = {transparent(std::string(255, '\xE9'))};
-      for (int byte = 1; byte < 256; ++byte) {
-        if (byte != '/') names.insert(transparent(std::string("n") + static_cast<char>(byte)));
-      }
-      for (const std::string& name : names) {
-        FILE* file = utf8_fopen((place.path() + "/" + name).c_str(), "w");
-        fputs(name.c_str(), file);
-        vxfclose(file);
-      }
-      ASSERT_EQ(access((place.path() + "/n\xE9").c_str(), F_OK), 0) << "the raw name";
-      EXPECT_EQ(listed(place.path()), names);
-      for (const std::string& name : names) utf8_unlink((place.path() + "/" + name).c_str());
-      EXPECT_EQ(listed(place.path()).size(), 0U);
-    });
-  }
-}
-
 TEST(Utf8Files, EveryCallTakesAPathInUtf8) {
   in_locale("ISO-8859-15", [] {
     TemporaryDirectory place;
     const std::string raw = place.path() + "/d\xA4", text = place.path() + "/d€";
     const std::string inside = text + "/€", link = text + "l";
+    std::string longest;
+    while (longest.size() < 255 * 3U) longest += "\xEF\xA3\xA9";
     const char* path = text.c_str();
     const std::string wanted = place.path() + "/d" + "\xEF\xA2\xA4";
     char buffer[128];
@@ -73,32 +47,30 @@ TEST(Utf8Files, EveryCallTakesAPathInUtf8) {
     const utimbuf times = {7, 9};
     EXPECT_EQ(utf8_utime(path, &times), 0);
     EXPECT_TRUE(status_of(path) == 0 && status.st_atime == 7 && status.st_mtime == 9);
-    EXPECT_EQ(utf8_chmod(path, 0700), 0);
-    EXPECT_EQ(utf8_chown(path, getuid(), getgid()), 0);
+    EXPECT_EQ(utf8_chmod(path, 0700) + utf8_chown(path, getuid(), getgid()), 0);
     EXPECT_TRUE(vx_stat((text + "x").c_str(), &record) == -1 && record.mode == 7);
     EXPECT_TRUE(vx_stat(path, &record) == 0 && record.mode == (kVxDirectory | 0700));
     EXPECT_EQ(utf8_symlink("d€", link.c_str()), 0);
-    EXPECT_EQ(vx_lstat(link.c_str(), &record), 0);
-    EXPECT_EQ(record.mode & kVxTypeMask, kVxSymbolicLink);
+    EXPECT_TRUE(vx_lstat(link.c_str(), &record) == 0 &&
+                (record.mode & kVxTypeMask) == kVxSymbolicLink);
     EXPECT_EQ(utf8_readlink(link.c_str(), buffer, sizeof buffer), 4);
     EXPECT_STREQ(buffer, "d\xEF\xA2\xA4");
     EXPECT_EQ(utf8_mknod(inside.c_str(), S_IFIFO | 0600, 0), 0);
     EXPECT_TRUE(status_of(inside) == 0 && status.st_mode == (S_IFIFO | 0600U));
     EXPECT_EQ(utf8_access(inside.c_str(), R_OK), 0);
     EXPECT_EQ(utf8_link(inside.c_str(), (inside + "h").c_str()), 0);
-    EXPECT_EQ(listed(link), (std::set<std::string>{"\xEF\xA2\xA4", "\xEF\xA2\xA4h"}));
+    vxfclose(utf8_fopen((text + "/" + longest).c_str(), "w"));
+    EXPECT_EQ(listed(link), (std::set<std::string>{"\xEF\xA2\xA4", "\xEF\xA2\xA4h", longest}));
+    EXPECT_EQ(unlink((raw + "/" + std::string(255, '\xE9')).c_str()), 0) << "the raw name";
     EXPECT_EQ(utf8_chdir(path), 0);
     EXPECT_STREQ(brix_getcwd(buffer, sizeof buffer), wanted.c_str());
     EXPECT_STREQ(c_unique_ptr<char>(utf8_getcwd(nullptr, wanted.size() + 2)).get(), wanted.c_str());
     EXPECT_TRUE(utf8_getcwd(buffer, wanted.size()) == nullptr && errno == ERANGE);
-    EXPECT_EQ(utf8_unlink((inside + "h").c_str()), 0);
-    EXPECT_EQ(utf8_unlink(inside.c_str()), 0);
-    EXPECT_EQ(utf8_chdir("/"), 0);
-    EXPECT_EQ(utf8_rmdir(path), 0);
+    EXPECT_EQ(utf8_unlink((inside + "h").c_str()) + utf8_unlink(inside.c_str()), 0);
+    EXPECT_EQ(utf8_chdir("/") + utf8_rmdir(path), 0);
     EXPECT_NE(status_of(path), 0);
     tm time = {};
     EXPECT_STREQ(vxstrptime("2026-03-01 €", "%Y-%m-%d", &time), " \xA4");
-    EXPECT_EQ(time.tm_mon, 2);
   });
 }
 
@@ -113,8 +85,7 @@ TEST(Utf8Files, Failures) {
   EXPECT_EQ(utf8_readlink(link, buffer, 10), 9);
   EXPECT_STREQ(buffer, "012345678");
   ASSERT_EQ(utf8_unlink(link) + utf8_symlink("\xEF\xA3\xA9", link), 0);
-  EXPECT_EQ(utf8_readlink(link, buffer, 3), -1);
-  EXPECT_EQ(errno, ERANGE);
+  EXPECT_TRUE(utf8_readlink(link, buffer, 3) == -1 && errno == ERANGE);
 
   errno = EBUSY;
   EXPECT_STREQ(syscalls_utf8dec("/a\xEF\xA3\xA9"), "/a\xE9");
@@ -122,14 +93,11 @@ TEST(Utf8Files, Failures) {
   EXPECT_STREQ(syscalls_utf8dec("/etc\xEF\xA2"), "") << "never a part of a name";
   const std::string most(kPathSize, 'x');
   EXPECT_EQ(syscalls_utf8dec(most.c_str()), most.substr(1));
-  EXPECT_EQ(utf8_access(most.c_str(), F_OK), -1);
-  EXPECT_EQ(errno, ENAMETOOLONG);
+  EXPECT_TRUE(utf8_access(most.c_str(), F_OK) == -1 && errno == ENAMETOOLONG);
 
   FailingMalloc failing(0);
-  EXPECT_EQ(utf8_link("/a", "/b"), -1);
-  EXPECT_EQ(errno, ENOMEM);
-  EXPECT_EQ(utf8_readlink(link, buffer, 4), -1);
-  EXPECT_EQ(utf8_getcwd(buffer, 4), nullptr);
+  EXPECT_TRUE(utf8_link("/a", "/b") == -1 && errno == ENOMEM);
+  EXPECT_TRUE(utf8_readlink(link, buffer, 4) == -1 && utf8_getcwd(buffer, 4) == nullptr);
 }
 
 }  // namespace

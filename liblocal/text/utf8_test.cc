@@ -33,8 +33,7 @@ FILE* file_of(const std::string& bytes) {
 std::string read_in_pieces(const std::string& bytes, int size) {
   FILE* file = file_of(bytes);
   if (size % 2 != 0) setvbuf(file, nullptr, _IONBF, 0);
-  std::string text;
-  std::string buffer(static_cast<size_t>(size), '!');
+  std::string text, buffer(static_cast<size_t>(size), '!');
   while (vxfgets(buffer.data(), size, file) != nullptr) {
     const std::string piece = buffer.c_str();
     EXPECT_TRUE(piece != "" && piece.find('\n') >= piece.size() - 1) << "one line at a time";
@@ -98,8 +97,7 @@ TEST(Utf8Streams, RefusedMemory) {
     char buffer[8];
     {
       FailingMalloc failing(0);
-      EXPECT_EQ(vxfgets(buffer, 5, file), nullptr);
-      EXPECT_EQ(vx_fgetmbts(buffer, 8, file), nullptr);
+      EXPECT_FALSE(vxfgets(buffer, 5, file) || vx_fgetmbts(buffer, 8, file));
     }
     EXPECT_STREQ(vxfgets(buffer, 5, file), "€") << "nothing was lost";
     stand_ins::no_push_back = true;
@@ -151,10 +149,9 @@ TEST(Utf8Streams, StandardStreams) {
     const std::string tail(18431, '\xE9');
     lab::write_file(path, "\xA4\n\n" + tail + "\n" + tail.substr(0, 1500) + "\nlast");
     ASSERT_NE(freopen(path.c_str(), "r", stdin), nullptr);
-    std::string buffer(kGetsSize, '!');
+    std::string buffer(kGetsSize, '!'), long_line;
     EXPECT_STREQ(vxgets(buffer.data()), "€");
     EXPECT_STREQ(vxgets(buffer.data()), "");
-    std::string long_line;
     while (long_line.size() < 2 * tail.size()) long_line += vxgets(buffer.data());
     EXPECT_EQ(long_line.size(), 2 * tail.size());
     utf8_fp(stdin);
@@ -170,8 +167,7 @@ TEST(Utf8Streams, StandardStreams) {
     EXPECT_EQ(vxfputs(("€" + middle + "€€").c_str(), stdout), 2) << "pieces";
     EXPECT_EQ(vxputs("é"), 2);
     EXPECT_EQ(ansi_fputs("é", stdout), 1);
-    EXPECT_EQ(vxfputs("", stdout), 0);
-    EXPECT_EQ(vxfputs(nullptr, stdout) + vxputs(nullptr), -2);
+    EXPECT_TRUE(vxfputs("", stdout) == 0 && vxfputs(nullptr, stdout) + vxputs(nullptr) == -2);
     utf8_fp(stdout);
     EXPECT_GE(vxputs("é"), 0);
     user_fp(stdout);

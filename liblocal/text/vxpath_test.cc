@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include "liblocal/messages/progname.h"
 #include "liblocal/threads/c_memory.h"
@@ -11,23 +13,17 @@ namespace {
 
 TEST(Vxpath, TakesPathsApartAndCutsThemToTheBuffer) {
   const std::string most(kPathComponentSize - 1, 'n');
-  const struct {
-    std::string path;
-    size_t size;
-    std::string directory, base;
-  } cases[] = {{"/usr/sbin/kivtrap", 1024, "/usr/sbin", "kivtrap"},
-               {"/usr/sbin///", 1024, "/usr", "sbin"},
-               {"kivtrap", 1024, ".", "kivtrap"},
-               {"//a", 1024, "/", "a"},
-               {"/", 1024, "/", ""},
-               {"", 1024, "/", ""},
-               {most + "n", 1024, ".", most},
-               {most + "/x", 1024, ".", most},
-               {"/usr/sbin/kivtrap", 8, "/usr/sb", "kivtrap"},
-               {"/usr/sbin/kivtrap", 7, "/usr/s", "kivtra"},
-               {"/usr/sbin/kivtrap", 6, "/usr", "kivtr"},
-               {"/usr/sbin/kivtrap", 1, "", ""},
-               {"kivtrap", 0, "!", "!"}};
+  const std::tuple<std::string, size_t, std::string, std::string> cases[] = {
+      {"/usr/sbin///", 1024, "/usr", "sbin"},  // path, size; directory, base
+      {"//a", 1024, "/", "a"},
+      {"/", 1024, "/", ""},
+      {"", 1024, "/", ""},
+      {most + "n", 1024, ".", most},
+      {most + "/x", 1024, ".", most},
+      {"/usr/sbin/kivtrap", 8, "/usr/sb", "kivtrap"},
+      {"/usr/sbin/kivtrap", 7, "/usr/s", "kivtra"},
+      {"/usr/sbin/kivtrap", 6, "/usr", "kivtr"},
+      {"kivtrap", 0, "!", "!"}};
   for (const auto& [path, size, directory, base] : cases) {
     char buffer[kPathComponentSize] = "!";
     EXPECT_EQ(vx_path_dirname(path.c_str(), buffer, size), 0);
@@ -40,13 +36,10 @@ TEST(Vxpath, TakesPathsApartAndCutsThemToTheBuffer) {
 }
 
 TEST(Vxpath, JoinsPaths) {
-  const struct {
-    const char *directory, *name, *wanted;
-  } cases[] = {{"/kiv", "tmp", "/kiv/tmp"},
-               {"/kiv/", "tmp", "/kiv/tmp"},
-               {nullptr, "tmp", "./tmp"},
-               {"/kiv", nullptr, "/kiv/"},
-               {nullptr, nullptr, nullptr}};
+  const std::tuple<const char*, const char*, const char*> cases[] = {{"/kiv", "tmp", "/kiv/tmp"},
+                                                                     {"/kiv/", nullptr, "/kiv/"},
+                                                                     {nullptr, "tmp", "./tmp"},
+                                                                     {nullptr, nullptr, nullptr}};
   for (const auto& [directory, name, wanted] : cases) {
     EXPECT_STREQ(c_unique_ptr<char>(path_concat(directory, name)).get(), wanted);
   }
