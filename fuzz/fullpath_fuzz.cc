@@ -1,6 +1,6 @@
-// Full path names of arbitrary paths in a small tree: a result names the same file
-// and itself, fits its buffer, and the process stays where it was. The first byte
-// chooses flags and starting point; '@' at the front of the path is the tree's root.
+// Full path names of arbitrary paths in a small tree: a result names the same file and itself,
+// fits its buffer, and the process stays where it was. The first byte chooses flags and
+// starting point; '@' at the front of the path is the tree's root.
 #undef NDEBUG
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -36,32 +36,27 @@ static struct Tree {
   ~Tree() { fs::remove_all(root); }
 } tree;
 
-// With the path's trailing slashes or without them.
-static bool names_the_same(const char* result, std::string path, bool follow) {
-  auto look = follow ? stat : lstat;
-  struct stat found, wanted;
-  assert(look(result, &found) == 0);
-  while (look(path.c_str(), &wanted) != 0 || wanted.st_ino != found.st_ino) {
-    if (path.size() < 2 || !path.ends_with('/')) return false;
-    path.pop_back();
-  }
-  return true;
+static ino_t file_at(const std::string& path, unsigned flags) {
+  struct stat found = {};
+  ((flags & kFullpathFollow) != 0 ? stat : lstat)(path.c_str(), &found);
+  return found.st_ino;
 }
 
-static void check(const std::string& path, unsigned flags, size_t room) {
+static void check(std::string path, unsigned flags, size_t room) {
   const fs::path before = fs::current_path();
   std::vector<char> output(room);  // of its exact size, so overruns are seen
   const char* result = fullpath2(path.c_str(), output.data(), room, flags);
   assert(fs::current_path() == before);
   if (result == nullptr) return;
-  assert(result == output.data() && *result == '/');
-  assert(std::string(result).size() < room);
-  assert(names_the_same(result, path, (flags & kFullpathFollow) != 0));
-
+  const std::string name = result;
+  assert(result == output.data() && *result == '/' && name.size() < room);
+  const ino_t file = file_at(name, flags);
+  for (assert(file != 0); file_at(path, flags) != file; path.pop_back()) {
+    assert(path.ends_with('/'));  // names the same without such an end
+  }
   char again[kPathSize];
   assert(fullpath2(result, again, sizeof again, flags) != nullptr);
-  // A '/' for which there was no room may be there now.
-  assert(again == std::string(result) || again == std::string(result) + "/");
+  assert(again == name || again == name + "/");  // for which there was no room before
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -44,8 +44,7 @@ inline std::string compile_locale(const std::string& place, const std::string& c
   return name;
 }
 
-/// Puts this process into a locale whose codeset is `codeset`, made of the locale source
-/// `source`; "" is the plain locale.
+/// Puts this process into a locale with that codeset and source; "" is the plain locale.
 inline void enter_locale(const std::string& codeset, const std::string& source = "POSIX") {
   if (codeset.empty()) return;
   TemporaryDirectory place;
@@ -54,8 +53,7 @@ inline void enter_locale(const std::string& codeset, const std::string& source =
   ASSERT_NE(setlocale(LC_ALL, name.c_str()), nullptr) << name;
 }
 
-/// Runs `body` in that locale in a process of its own, for the first conversion fixes the
-/// codeset of a process.
+/// Runs `body` in that locale in a process of its own: the first conversion fixes a codeset.
 inline void in_locale(const std::string& codeset, const std::function<void()>& body,
                       const std::string& source = "POSIX") {
   GTEST_FLAG_SET(death_test_style, "threadsafe");

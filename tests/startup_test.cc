@@ -30,14 +30,8 @@ std::string install(const std::string& directory) {
 // `file` started as words[0]. By a user without rights no leak checker may look into it.
 lab::Outcome run(const std::string& file, std::vector<std::string> words,
                  std::vector<std::string> environment = {}, unsigned user = 0) {
-  lab::Command command;
-  command.file = file;
-  command.words = std::move(words);
-  command.environment = std::move(environment);
-  if (user != 0) command.environment.emplace_back("ASAN_OPTIONS=detect_leaks=0");
-  command.input = "disk full\n";
-  command.user = user;
-  return lab::run(command);
+  if (user != 0) environment.emplace_back("ASAN_OPTIONS=detect_leaks=0");
+  return lab::run({std::move(words), "disk full\n", std::move(environment), {}, user, file});
 }
 
 class StartupTest : public LabTest {
@@ -63,35 +57,31 @@ TEST_F(StartupTest, Origin) {
   lab::write_file("/startup/plain/kivtrap", "");
   fs::current_path("/startup/bin");
   auto directory = [](size_t length) { return "/startup" + std::string(length - 11, '/') + "bin"; };
-  const struct {
-    std::string argv0, path;
-    bool found = true;
-  } cases[] = {{"/startup/../startup/bin/kivtrap", "PATH=/nowhere"},
-               {"./kivtrap", "PATH="},
-               {"/startup/link", "PATH="},
-               {"/startup/bin/nowhere", "PATH=/startup/bin", false},
-               {"kivtrap", "PATH=/nowhere:/startup/plain:/startup/directory:/startup/bin:/x"},
-               {"kivtrap", "PATH=/nowhere::", false},
-               {"kivtrap", "PATH"},  // unset
-               {"kivtrap", "PATH=" + directory(1015)},
-               {"kivtrap", "PATH=" + directory(1016), false},
-               {"kivtrap", "PATH=" + directory(1016) + ":/startup/bin"},
-               {std::string(1023, 'k'), "PATH=/startup/bin", false}};
-  for (const auto& [argv0, path, found] : cases) {
-    for (const char* value : {"quit", "Q", ""}) {
+  const std::tuple<bool, std::string, std::string> cases[] = {
+      {true, "/startup/../startup/bin/kivtrap", "PATH=/nowhere"},
+      {true, "./kivtrap", "PATH="},
+      {true, "/startup/link", "PATH="},
+      {false, "/startup/bin/nowhere", "PATH=/startup/bin"},
+      {true, "kivtrap", "PATH=/nowhere:/startup/plain:/startup/directory:/startup/bin:/x"},
+      {false, "kivtrap", "PATH=/nowhere::"},
+      {true, "kivtrap", "PATH"},  // unset
+      {true, "kivtrap", "PATH=" + directory(1015)},
+      {false, "kivtrap", "PATH=" + directory(1016)},
+      {true, "kivtrap", "PATH=" + directory(1016) + ":/startup/bin"},
+      {false, std::string(1023, 'k'), "PATH=/startup/bin"}};
+  for (const auto& [found, argv0, path] : cases) {
+    for (const std::string value : {"quit", "Q", ""}) {
       SCOPED_TRACE(testing::Message() << argv0 << " " << path);
-      lab::Outcome outcome =
-          run(program, {argv0}, {path, std::string("KIV_PRINT_ORIGIN=") + value});
+      lab::Outcome outcome = run(program, {argv0}, {path, "KIV_PRINT_ORIGIN=" + value});
       const bool goes_on = outcome.err.find("usage: ") != outcome.err.npos;
-      EXPECT_EQ(goes_on, !found || *value == '\0');
+      EXPECT_EQ(goes_on, !found || value.empty());
       EXPECT_EQ(outcome.status, goes_on ? 1 : 0);
       EXPECT_EQ(outcome.err.starts_with(origin_line(argv0)), found) << outcome.err;
     }
   }
   fs::current_path("/");
   lab::Outcome too_long = run(program, {std::string(1024, 'k')});
-  EXPECT_EQ(too_long.status, 111);
-  EXPECT_EQ(too_long.out + too_long.err, "");
+  EXPECT_TRUE(too_long.status == 111 && too_long.out + too_long.err == "") << too_long.err;
 }
 
 // Whatever the bytes of its directory's name are in the locale's codeset: characters,

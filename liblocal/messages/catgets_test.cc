@@ -1,7 +1,5 @@
 #include "liblocal/messages/catgets.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <sstream>
 
@@ -49,8 +47,7 @@ TEST(Locales, SetUp) {
                 "kivtrap: Locale\"" + found + "\" found.\nkivtrap: Lang Subdir is\"unknown\".\n");
       EXPECT_STREQ(result, answer);
       EXPECT_STREQ(setlocale(LC_CTYPE, nullptr), answer != nullptr ? answer : "C");
-      EXPECT_STREQ(get_user_locale(), "C");
-      EXPECT_STREQ(get_rap_locale(), "C");
+      EXPECT_EQ(std::string(get_user_locale()) + get_rap_locale(), "CC");
     }
     EXPECT_EQ(printed(0, [] { EXPECT_STREQ(init_locales("kiv", "POSIX"), "C"); }), "");
   });
@@ -61,9 +58,7 @@ void expect_answers(const std::vector<std::string>& letters) {
   int (*const answers[])(const char*) = {is_no, is_quit, is_rename, is_yes};
   for (size_t i = 0; i < 4; ++i) {
     for (size_t j = 0; j < 8; ++j) EXPECT_EQ(answers[i]((letters[j] + "x").c_str()), j / 2 == i);
-    for (const char* none : {"", "x", "<1", static_cast<const char*>(nullptr)}) {
-      EXPECT_EQ(answers[i](none), 0);
-    }
+    EXPECT_EQ(answers[i]("") + answers[i]("x") + answers[i]("<1") + answers[i](nullptr), 0);
   }
   EXPECT_EQ(std::string(i18n_char_no()) + i18n_char_rename() + i18n_char_yes(),
             letters[1] + letters[5] + letters[7]);
