@@ -1,5 +1,4 @@
-// Wrapping of arbitrary lines: every byte stays, but for white space that became
-// a line break.
+// Wrapping of arbitrary lines: every byte stays, but for blanks that became line breaks.
 #undef NDEBUG
 #include <cassert>
 #include <cctype>
@@ -8,10 +7,9 @@
 #include "trap/message.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  char line[kLineSize] = {};
+  char line[kLineSize] = {}, wrapped[kLineSize];
   if (size >= sizeof line) return 0;
   memcpy(line, data, size);
-  char wrapped[kLineSize];
   wrap_line(line, wrapped);
   assert(strlen(wrapped) == strlen(line));
   for (size_t i = 0; line[i] != '\0'; ++i) {
