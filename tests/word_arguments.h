@@ -5,9 +5,8 @@
 #include <cstdint>
 #include <cstring>
 
-/// Starts `list` as the x86-64 ABI has it once no register is left: each argument takes
-/// the next word of `words`, a long double the next two at an even address. There are
-/// to be words for all that is taken.
+/// Starts `list` as the x86-64 ABI has it once no register is left: each argument takes the
+/// next word of `words`, a long double the next two at an even address.
 inline void start_word_arguments(va_list list, const uint64_t* words) {
   const struct {
     uint32_t integer_registers_used = 6 * 8;
