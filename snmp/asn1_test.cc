@@ -8,7 +8,6 @@ namespace {
 
 // Items as text: their tag and their value, of a kind: number, string, object identifier,
 // zero (without contents), header or length alone.
-
 std::string built(char kind, const std::string& text) {
   const auto tag = static_cast<uint8_t>(std::stoi(text));
   const std::string value = text.substr(text.find(':') + 1);
@@ -99,15 +98,12 @@ TEST(Asn1, ItemsAndTheirBytes) {
     o 6:102.15 > 06058FFFFFFF7F   o 6:0.0 > 0602D000   o 6:255.39 > 0602CF7F
     o fails > 06062B9080808000   o fails > 06032B8080   o fails > 0600   o fails > 06092B06
     o fails > 06072B060102030405)");
-  const std::string wide = ".4294967295", bytes = "8FFFFFFF7F";
-  std::string widest = "6:1.3", widest_bytes = "06402B", longest = "6:1.1",
-              longest_bytes = "063F29";
-  for (int i = 0; i < 12; ++i) widest += wide, widest_bytes += bytes;
-  for (int i = 0; i < 62; ++i) longest += ".1", longest_bytes += "01";
   // 64 encoded bytes are the limit, and 64 sub-identifiers.
-  rows.str(rows.str() + " o " + widest + ".1.1.1 < " + widest_bytes + "010101 o " + widest +
-           ".1.1.1.1 < fails o " + longest + " < " + longest_bytes + " o " + longest +
-           ".1 < fails");
+  std::string widest = "6:1.3.1.1.1", bytes = "06402B010101", longest = "6:1.1", ones = "063F29";
+  for (int i = 0; i < 12; ++i) widest += ".4294967295", bytes += "8FFFFFFF7F";
+  for (int i = 0; i < 62; ++i) longest += ".1", ones += "01";
+  rows.str(rows.str() + " o " + widest + " < " + bytes + " o " + widest + ".1 < fails o " +
+           longest + " < " + ones + " o " + longest + ".1 < fails");
   char kind = 0, way = 0;
   for (std::string text, hex; rows >> kind >> text >> way >> hex;) {
     SCOPED_TRACE(text + ' ' + hex);

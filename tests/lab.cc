@@ -161,12 +161,12 @@ std::string from_hex(std::string_view digits) {
     if (digits[i] == '(') {
       items.emplace_back();
     } else if (digits[i] == ')') {
-      const std::string contents = std::exchange(items.back(), {});
-      const size_t length = contents.size();
+      const size_t length = items.back().size();
+      std::string header(1, static_cast<char>(length));
+      if (length > 255) header.insert(0, 1, static_cast<char>(length >> 8));
+      if (length > 127) header.insert(0, 1, static_cast<char>(0x80 + header.size()));
+      items[items.size() - 2] += header + items.back();
       items.pop_back();
-      if (length > 127) items.back() += length > 255 ? '\x82' : '\x81';
-      if (length > 255) items.back() += static_cast<char>(length >> 8);
-      items.back() += static_cast<char>(length) + contents;
     } else if (digits[i] == '\'') {
       const size_t end = digits.find('\'', i + 1);
       items.back() += digits.substr(i + 1, end - i - 1);
