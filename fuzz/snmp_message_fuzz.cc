@@ -13,16 +13,8 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;  // allocated to its exact size, so over-reads are seen
 
-// Looks at all that it is shown.
-const uint8_t* filter(const uint8_t* pdu, int32_t* left, const uint8_t* community, int32_t length) {
-  assert(*left >= 0 && length < kSnmpMaxCommunity && community[length] == 0);
-  Bytes seen(pdu, pdu + *left);
-  return pdu;
-}
-
 unique_pdu decoded(const Bytes& packet) {
-  snmp_session session = {};
-  session.auth_hook = filter;
+  const snmp_session session = {};
   unique_pdu pdu(snmp_pdu_create(0));
   if (snmp_parse_packet(&session, pdu.get(), packet) != SnmpParse::kDone) pdu.reset();
   return pdu;

@@ -6,6 +6,7 @@
 
 #include <climits>
 #include <filesystem>
+#include <regex>
 #include <sstream>
 
 #include "snmp/snmp.h"
@@ -282,6 +283,7 @@ TEST_F(SessionTest, Exchanges) {
       // The round goes on with what is open and old, whatever a callback opens and closes.
       {three + "read", "close2", "1:7 1:7 1:7 ", ""},
       {three + "read", "close1", "1:7 1:7 ", ""},
+      {"open ask ask take0 A207 read", "close0", "1:7 ", ""},
       {three + "read", "close1 close0", "1:7 ", ""},
       {three + "read", "close2 " + one, "1:7 1:7 1:7 ", ""},
       {three + "time", "close2", "2:7 2:7 2:7 ", ""},
@@ -309,7 +311,7 @@ TEST_F(SessionTest, DumpsWhatIsSentRepeatedAndReceived) {
   const std::string dump =
       "30 18 02 01 00 04 06 70 75 62 6C 69 63 A0 0B 02 \n01 07 02 01 00 02 01 00 30 00 \n\n";
   testing::internal::CaptureStdout();
-  snmp_dump_packet = 1;
+  EXPECT_EQ(std::exchange(snmp_dump_packet, 1), 0);
   run("open ask sent");
   Sessions->state->requests->expires_at = {};
   run("time A007 read");
@@ -375,39 +377,45 @@ TEST_F(SessionTest, SynchronousOwnership) {
   EXPECT_EQ(pieces_left_by(leave_nothing), 0);
 }
 
-// Nothing is remembered of what failed.
+// One operation fails of it, without a leak.
 TEST_F(SessionTest, EveryAllocationMayFail) {
   const std::string bytes = from_hex(
-      "30(020100 0400 A4(06022B06 4004C0000201 020106 020101 430100 30(30(06022B06 06022B06))))");
+      "30(020100 0400 A4(06022B06 4004C0000201 020106 020101 430100"
+      "30(30(06022B06 06022B06) 30(06022B06 020105) 30(06022B06 040161))))");
   const std::vector<uint8_t> packet(bytes.begin(), bytes.end());
   const uint64_t name[] = {1, 3, 6};
-  bool failed = true;
-  for (int granted = 0; failed; ++granted) {
+  auto refuse_one = [&](int granted) {
     unique_pdu pdu(snmp_pdu_create(kSnmpGetRequest)), received(snmp_pdu_create(0)), copy;
-    const FailingMalloc failing(granted);
-    const snmp_session* session = snmp_open(&wanted);
+    const FailingMalloc failing(granted, 1);
+    snmp_errno = 0;
+    snmp_session* session = snmp_open(&wanted);
     EXPECT_EQ(session == nullptr, Sessions == nullptr);
     snmp_add_null_var(pdu.get(), name, 3);
-    const bool sent = session != nullptr && snmp_send(Sessions->session, pdu.get()) != 0;
-    EXPECT_EQ(sent, Sessions != nullptr && Sessions->state->requests != nullptr);
-    EXPECT_EQ(snmp_errno, sent ? 0 : -1);
-    if (sent) static_cast<void>(pdu.release());
-    const SnmpParse parsed = snmp_parse_packet(&wanted, received.get(), packet);
-    EXPECT_EQ(parsed == SnmpParse::kDone, !failing.failed());
+    const bool is_named = pdu->variables != nullptr;
+    const bool is_sent = session != nullptr && snmp_send(session, pdu.get()) != 0;
+    EXPECT_EQ(is_sent, Sessions != nullptr && Sessions->state->requests != nullptr);
+    EXPECT_EQ(snmp_errno, is_sent ? 0 : -1);
+    if (is_sent) static_cast<void>(pdu.release());
+    const bool is_parsed = snmp_parse_packet(&wanted, received.get(), packet) == SnmpParse::kDone;
     copy.reset(snmp_clone_pdu(received.get()));
-    failed = failing.failed();
-    EXPECT_EQ(copy == nullptr, failed);
-    snmp_errno = 0;
+    EXPECT_EQ(is_named + is_sent + is_parsed + (copy != nullptr), failing.failed() ? 3 : 4);
     close_all();
-  }
+    return failing.failed();
+  };
+  EXPECT_EQ(pieces_left_by([&] {
+              for (int granted = 0; refuse_one(granted);) ++granted;
+            }),
+            0);
 }
 
-TEST_F(SessionTest, TextsOfCodes) {
-  std::string texts;
-  for (int i = -1; i < 5; ++i) texts += api_errors(i) + std::string("|");
-  EXPECT_EQ(texts + api_errstring(-3),
-            "[41.59] Unknown Error|[41.68] Unknown session|[41.69] Unknown host|[41.70] Invalid "
-            "local port|[41.59] Unknown Error|[41.59] Unknown Error|[41.59] Unknown Error");
+TEST_F(SessionTest, TextsOfCodesAndErrors) {
+  std::string texts = api_errstring(-3);
+  for (int i = -1; i < 7; ++i) texts += std::string(" ") + api_errors(i) + ":" + snmp_errstring(i);
+  EXPECT_EQ(std::regex_replace(texts, std::regex("\\[41.59\\] Unknown Error"), "-"),
+            "- -:Unknown Error [41.68] Unknown session:No Error [41.69] Unknown host:Response "
+            "message would have been too large. [41.70] Invalid local port:There is no such "
+            "variable name in this MIB. -:The value given has the wrong type or length -:This "
+            "variable is read only -:A general failure occured -:Unknown Error");
 }
 
 }  // namespace

@@ -140,13 +140,12 @@ TEST(SnmpMessage, DecodesWhatItCan) {
       {response("30(06022B06 020105 0500)" + good), done + done.substr(8)},  // behind the value
       {response("30(06022B06 020105 FF)"), done},
       {response("30(06022B06 05('123'))" + good), "A2 7 2 3 1.3.6=05:" + done.substr(8)},
-      {response("3008 06022B06 020105"), "mangled"},            // claims more than there is
-      {response("30(06022B06 0200)"), "mangled"},               // no integer at all
-      {response("30(0600 0500)"), "mangled"},                   // no name
-      {response("30(06022B06 05)"), "mangled"},                 // half a value
-      {response("30(06022B06 06(2B 9080808000))"), "mangled"},  // a sub-identifier of 2^32
+      {response("3008 06022B06 020105"), "mangled"},  // claims more than there is
+      {response("30(06022B06 0200)"), "mangled"},     // no integer at all
+      {response("30(0600 0500)"), "mangled"},         // no name
+      {response("30(06022B06 05)"), "mangled"},       // half a value
+      {response(good + "05"), "mangled"},             // a byte that is no binding
       {trap("06012B 40030A0102 020101 020101 430101"), "mangled"},
-      {trap("06012B 40050A01020304 020101 020101 430101"), "mangled"},
   };
   for (const auto& [received, outcome] : cases) {
     EXPECT_EQ(decoded(received), outcome) << to_hex(received);
@@ -240,9 +239,9 @@ TEST(SnmpMessage, AWrapperAndATrapInOneCallEach) {
 TEST(SnmpPdu, FixLeavesOutTheBindingInError) {
   // Bindings, error index, error status, command, and the bindings left; none: no result.
   const std::tuple<int, long, long, uint8_t, std::string> cases[] = {
-      {3, 1, 5, 0xA2, "23"}, {3, 2, 1, 0xA2, "13"}, {3, 3, 2, 0xA2, "12"}, {3, 4, 2, 0xA2, ""},
-      {3, 0, 2, 0xA2, ""},   {3, -1, 2, 0xA2, ""},  {3, 2, 0, 0xA2, ""},   {3, 2, 2, 0xA0, ""},
-      {1, 1, 1, 0xA2, ""},   {2, 1, 1, 0xA2, "2"},  {0, 1, 1, 0xA2, ""}};
+      {3, 1, 5, 0xA2, "23"}, {3, 2, 1, 0xA2, "13"}, {3, 3, 2, 0xA2, "12"},
+      {3, 4, 2, 0xA2, ""},   {3, 0, 2, 0xA2, ""},   {3, 2, 0, 0xA2, ""},
+      {3, 2, 2, 0xA0, ""},   {1, 1, 1, 0xA2, ""},   {2, 1, 1, 0xA2, "2"}};
   for (const auto& [bindings, index, status, command, left] : cases) {
     pdu = make_response(bindings, 1);
     uint64_t number = 0;
@@ -256,16 +255,6 @@ TEST(SnmpPdu, FixLeavesOutTheBindingInError) {
     const unique_pdu fixed(snmp_fix_pdu(pdu.get(), 0xA1));
     EXPECT_EQ(fixed != nullptr ? text_of(*fixed) : "", wanted) << index << ' ' << status;
   }
-}
-
-TEST(SnmpPdu, TextsOfErrors) {
-  std::string texts;
-  for (int32_t status = -1; status <= 6; ++status)
-    texts += snmp_errstring(status) + std::string("|");
-  EXPECT_EQ(texts,
-            "Unknown Error|No Error|Response message would have been too large.|There is no such "
-            "variable name in this MIB.|The value given has the wrong type or length|This variable "
-            "is read only|A general failure occured|Unknown Error|");
 }
 
 }  // namespace

@@ -1,10 +1,8 @@
 #!/bin/sh
-# lab_run COMMAND...: runs a command in the lab, as root of a machine of its own: private
-# network, mount, UTS and IPC namespaces with loopback up, an empty /run, the names below and
-# nothing to reach outside. What it writes to /etc, /run and new directories of / disappears
-# with it, but /etc holds links to the host's files: remove one before writing it.
-# KIVTRAP_LAB is "ready" for the command, or the reason why there is no lab; the command then
-# runs all the same, on the machine that it is on.
+# lab_run COMMAND...: runs a command as root of a machine of its own, with loopback, the names
+# below and an empty /run. What it writes to /etc, /run and new directories of / disappears with
+# it, but /etc holds links to the host's files: remove one before writing it. KIVTRAP_LAB is
+# "ready" for the command, or the reason why it runs on the machine that it is on.
 set -eu
 [ $# -gt 0 ] || { echo "usage: lab_run COMMAND..." >&2; exit 2; }
 self=$(realpath "$0")
@@ -17,8 +15,7 @@ in_namespaces() {
   exec unshare "$way" --net --mount --uts --ipc --propagation unchanged "$self" "$@"
 }
 
-# All users that the host may give to this process, once it has its user namespace, or
-# only its own.
+# All users that the host may give to this process in its user namespace, or its own alone.
 map_ids() {
   # shellcheck disable=SC3013 # every sh of Debian knows -ef
   while [ /proc/$$/ns/user -ef /proc/self/ns/user ]; do sleep 0.002; done
@@ -31,8 +28,8 @@ map_ids() {
 
 # Everything that may be refused.
 found() {
-  # Mounts made here stay here. In a chroot the root is no mount point; entering the mount
-  # namespace that one is in leaves the chroot for the one command.
+  # Mounts made here stay here. Entering the own mount namespace leaves a chroot, whose root is
+  # no mount point.
   nsenter --mount=/proc/self/ns/mnt mount --make-rprivate /
   mount -n -t tmpfs -o mode=755 lab /run
   ip link set lo up
