@@ -48,18 +48,16 @@ class AuthSystem : public testing::Test {
 // What is marshalled at `time`.
 std::string full(const std::string& time = "76543210") {
   return "0000000100000020" + time +
-         "00000003626F7800FFFFFFFE00000005000000020000000700000008"
-         "0000000000000000";
+         "00000003626F7800FFFFFFFE000000050000000200000007000000080000000000000000";
 }
 
 TEST(AuthNone, IsOneForAll) {
   AUTH* auth = auth_create_default();
-  in_threads(4, [auth](int) {
-    EXPECT_EQ(__brix_authnone_create(), auth);
+  in_threads(4, [auth](int) { EXPECT_EQ(__brix_authnone_create(), auth); });
+  for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(marshalled(auth), std::string(32, '0'));
-  });
-  auth->ops->destroy(auth);
-  EXPECT_EQ(marshalled(auth), std::string(32, '0')) << "it stays for others";
+    auth->ops->destroy(auth);  // it stays for others
+  }
   EXPECT_FALSE(auth->ops->refresh(auth));
 }
 

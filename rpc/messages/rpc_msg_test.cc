@@ -11,15 +11,13 @@ namespace {
 constexpr xdrproc_t kAuthField = xdr_filter<__brix_xdr_opaque_auth>;
 constexpr xdrproc_t kCall = xdr_filter<__brix_xdr_callmsg>;
 
-constexpr char kCallHex[] =
-    "11223344 00000000 00000002 000186A0 00000002 00000003 "
-    "00000001 00000003 0A0B0C00 00000000 00000000";
-
 TEST(RpcMessage, BuildsAndReadsCalls) {
   uint8_t body[] = {10, 11, 12};
   rpc_call_message call = {0x11223344,      kRpcCall, 2, 100000, 2, 3, {kAuthSystem, body, 3},
                            __brix_null_auth};
-  const std::string wire = from_hex(kCallHex);
+  const std::string wire = from_hex(
+      "11223344 00000000 00000002 000186A0 00000002 00000003 00000001 00000003 0A0B0C00"
+      "00000000 00000000");
   EXPECT_EQ(encoded(kCall, &call), to_hex(wire));
   rpc_call_message back = {};
   EXPECT_TRUE(__brix_xdr_callmsg(TestStream(wire, xdr_op::kDecode).get(), &back));
@@ -60,12 +58,8 @@ TEST(RpcMessage, TellsWhatAReplyMeans) {
   const std::string reply = "00000009 00000001 ";
   const std::string accepted = reply + "00000000 00000000 00000000 ";
   constexpr int kRefused = -1;  // it does not decode
-  const struct {
-    std::string hex;
-    int status;  // a clnt_stat
-    long s1, s2;
-  } cases[] = {
-      {accepted + "00000000 0000002A", 0, 0, 0},
+  const std::tuple<std::string, int, long, long> cases[] = {
+      {accepted + "00000000 0000002A", RPC_SUCCESS, 0, 0},
       {accepted + "00000001", 8, 0, 0},
       {accepted + "00000002 00000003 FFFFFFFF", 9, 3, 4294967295},
       {accepted + "00000003", 10, 0, 0},
@@ -79,23 +73,21 @@ TEST(RpcMessage, TellsWhatAReplyMeans) {
       {reply + "00000002 00000000 00000000", kRefused, 0, 0},  // neither accepted nor denied
       {reply + "00000000 00000002 00007FE9", kRefused, 0, 0},  // a verifier that is too long
       {"00000009 00000000 00000000 00000000 00000000 00000001", kRefused, 0, 0}};  // a call
-  for (const auto& test : cases) {
-    SCOPED_TRACE(test.hex);
+  for (const auto& [hex, status, s1, s2] : cases) {
+    SCOPED_TRACE(hex);
     uint32_t result = 0;
     rpc_reply_message message = {};
     message.accepted.results = &result;
     message.accepted.results_filter = xdr_filter<__brix_xdr_u_int>;
-    TestStream in(from_hex(test.hex), xdr_op::kDecode);
-    const bool decoded = __brix_xdr_replymsg(in.get(), &message);
-    ASSERT_EQ(decoded, test.status != kRefused);
-    if (!decoded) continue;
+    TestStream in(from_hex(hex), xdr_op::kDecode);
+    ASSERT_EQ(__brix_xdr_replymsg(in.get(), &message), status != kRefused);
+    if (status == kRefused) continue;
     rpc_err error;
     memset(&error, 0xFF, sizeof error);
     __brix_seterr_reply(&message, &error);
-    EXPECT_EQ(error.status, test.status);
-    EXPECT_TRUE(error.other.s1 == test.s1 && error.other.s2 == test.s2);
-    EXPECT_EQ(result, error.status == RPC_SUCCESS ? 42 : 0);
-    EXPECT_EQ(encoded(xdr_filter<__brix_xdr_replymsg>, &message), to_hex(from_hex(test.hex)));
+    EXPECT_TRUE(error.status == status && error.other.s1 == s1 && error.other.s2 == s2);
+    EXPECT_EQ(result, status == RPC_SUCCESS ? 42 : 0);
+    EXPECT_EQ(encoded(xdr_filter<__brix_xdr_replymsg>, &message), to_hex(from_hex(hex)));
   }
 }
 

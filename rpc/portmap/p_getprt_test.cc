@@ -99,14 +99,13 @@ TEST_F(PortTest, WhatTheEnvironmentKnowsHoldsForThisHostAlone) {
 
 TEST_F(PortTest, TheOwnMappersAnswerIsKept) {
   for (unsigned long program : {kService, 100003UL}) {
-    {
-      RpcServer mapper(kOwnMapperPort, "127.0.0.1", lab::port_mapper(7), SOCK_STREAM);
-      EXPECT_EQ(ask("127.0.0.1", program, 2, IPPROTO_TCP), 7);
-    }
-    EXPECT_EQ(ask("127.0.0.1", program, 2, IPPROTO_TCP), program == kService ? 7 : 0)
-        << "nobody is there to ask";
+    std::optional<RpcServer> mapper;
+    mapper.emplace(kOwnMapperPort, "127.0.0.1", lab::port_mapper(7), SOCK_STREAM);
+    EXPECT_EQ(ask("127.0.0.1", program, 2, IPPROTO_TCP), 7);
+    mapper.reset();
+    EXPECT_EQ(ask("127.0.0.1", program, 2, IPPROTO_TCP), program == kService ? 7 : 0);
   }
-  EXPECT_EQ(__get_rpc_createerr()->status, RPC_SYSTEMERROR) << "no connection";
+  EXPECT_EQ(__get_rpc_createerr()->status, RPC_SYSTEMERROR) << "nobody is there to ask";
   EXPECT_EQ(getenv(kVariable), nullptr);
 }
 

@@ -32,11 +32,10 @@ class BindTest : public testing::Test {
 
   // The port that a new socket was bound to; the negative errno when it was not.
   int bind_new(int32_t type, const sockaddr_in* address = nullptr) {
-    int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    {
-      std::lock_guard lock(mutex_);
-      open_.push_back(descriptor);
-    }
+    const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    std::unique_lock lock(mutex_);
+    open_.push_back(descriptor);
+    lock.unlock();
     const int bound = __brix_bindresvport(descriptor, address, type);
     if (bound != 0) return bound * errno;
     sockaddr_in own{};

@@ -45,9 +45,7 @@ TEST(XdrCompound, CarriesAndCopiesWholeObjects) {
 std::string carry(xdrproc_t filter, uint32_t size, xdr_op operation, size_t room, uint32_t count,
                   TestStream::Kind kind) {
   std::string values = "abcdefghijklmnopqrstuvwx";
-  const std::string_view bytes =
-      "123456789\xF0\xF1\xF2"
-      "ABCDEFGHIJKL";
+  const std::string bytes = "123456789\xF0\xF1\xF2MNOPQRSTUVWX";
   TestStream stream(bytes.substr(0, room), operation, kind);
   const bool done = __brix_xdr_vector(stream.get(), values.data(), count, size, filter);
   return std::to_string(done) + values + stream.hex();
@@ -77,59 +75,63 @@ TEST(XdrCompound, CarriesIntegersAtOnceAsOneByOne) {
   EXPECT_EQ(out.hex(), "0000000100000002");
 }
 
-bool run_array(TestStream&& stream, void** array, uint32_t* count, uint32_t maximum,
-               uint32_t element_size = 4, xdrproc_t element = xdr_filter<xdr_int32_t>) {
-  return __brix_xdr_array(stream.get(), array, count, maximum, element_size, element);
-}
+struct Array {
+  void* elements = nullptr;
+  uint32_t count = 99;
+
+  bool run(TestStream&& stream, uint32_t maximum = UINT32_MAX, uint32_t element_size = 4,
+           xdrproc_t element = xdr_filter<xdr_int32_t>) {
+    return __brix_xdr_array(stream.get(), &elements, &count, maximum, element_size, element);
+  }
+  bool release() { return run({"", xdr_op::kFree}) && elements == nullptr; }
+};
 
 TEST(XdrCompound, BoundsArrays) {
   const std::string wire = from_hex("00000002 00000007 00000009");
-  void* array = nullptr;
-  uint32_t count = 99;
+  Array array;
   for (auto [maximum, element_size] : {std::pair{1U, 4U}, {2U, 0U}, {2U, 0x80000000U}}) {
-    EXPECT_FALSE(run_array({wire, xdr_op::kDecode}, &array, &count, maximum, element_size));
-    EXPECT_TRUE(array == nullptr && count == 0);
+    EXPECT_FALSE(array.run({wire, xdr_op::kDecode}, maximum, element_size));
+    EXPECT_TRUE(array.elements == nullptr && array.count == 0);
   }
-  ASSERT_TRUE(run_array({wire, xdr_op::kDecode}, &array, &count, 2));
-  EXPECT_FALSE(run_array({wire, xdr_op::kEncode}, &array, &count, 1));
-  EXPECT_TRUE(run_array({"", xdr_op::kFree}, &array, &count, 1));
-  EXPECT_EQ(array, nullptr);
-  EXPECT_FALSE(run_array({wire, xdr_op::kEncode}, &array, &count, 2)) << "counted, not there";
+  ASSERT_TRUE(array.run({wire, xdr_op::kDecode}, 2));
+  EXPECT_FALSE(array.run({wire, xdr_op::kEncode}, 1));
+  EXPECT_TRUE(array.release());
+  EXPECT_FALSE(array.run({wire, xdr_op::kEncode}, 2)) << "counted, not there";
 }
 
-// A peer that declares many elements and sends few gets memory for few.
+// A peer that declares many elements and sends few gets memory for few; what is there
+// gets it at once.
 TEST(XdrCompound, BelievesNoDeclaredCount) {
   for (const char* declared : {"00000004", "10000000", "3FFFFFFF"}) {
-    void* array = nullptr;
-    uint32_t count = 0;
-    EXPECT_FALSE(run_array({from_hex(declared) + "twelve bytes", xdr_op::kDecode}, &array, &count,
-                           UINT32_MAX));
-    EXPECT_LE(count, 16384U);
-    EXPECT_TRUE(run_array({"", xdr_op::kFree}, &array, &count, UINT32_MAX));
+    Array array;
+    EXPECT_FALSE(array.run({from_hex(declared) + "twelve bytes", xdr_op::kDecode}));
+    EXPECT_TRUE(array.count <= 16384 && array.release());
   }
   for (uint32_t sent : {0U, 16384U, 16385U, 50000U}) {
-    void* array = nullptr;
-    uint32_t count = 0;
-    EXPECT_FALSE(run_array(
-        {from_hex("3FFFFFFF") + std::string(sent * 4, '\x01'), xdr_op::kDecode, TestStream::kBlind},
-        &array, &count, UINT32_MAX));
-    EXPECT_LE(count, std::max(16384U, 2 * sent));
-    for (uint32_t i = sent; i < count; ++i) ASSERT_EQ(static_cast<int32_t*>(array)[i], 0);
-    EXPECT_TRUE(run_array({"", xdr_op::kFree}, &array, &count, UINT32_MAX));
+    Array array;
+    EXPECT_FALSE(array.run({from_hex("3FFFFFFF") + std::string(sent * 4, '\x01'), xdr_op::kDecode,
+                            TestStream::kBlind}));
+    EXPECT_LE(array.count, std::max(16384U, 2 * sent));
+    for (uint32_t i = sent; i < array.count; ++i) {
+      ASSERT_EQ(static_cast<int32_t*>(array.elements)[i], 0);
+    }
+    EXPECT_TRUE(array.release());
   }
+  Array array;
+  TestStream exactly(from_hex("00004E20") + std::string(80000, 'x'), xdr_op::kDecode);
+  FailingMalloc once(1);
+  EXPECT_TRUE(array.run(std::move(exactly)) && array.count == 20000 && array.release());
 }
 
 TEST(XdrCompound, ElementsOfNothingAreMadeUpToALimit) {
   for (TestStream::Kind kind : {TestStream::kPlain, TestStream::kBlind}) {
     for (auto [declared, made] :
          {std::pair{"00000005", 5U}, {"00040000", 0x40000U}, {"00040001", 0U}}) {
-      void* array = nullptr;
-      uint32_t count = 0;
-      const bool done = run_array({from_hex(declared), xdr_op::kDecode, kind}, &array, &count,
-                                  UINT32_MAX, 4, __brix_xdr_void);
-      EXPECT_EQ(done ? count : 0, made);
-      EXPECT_LE(count, 0x40000U);
-      free(array);
+      Array array;
+      const bool done =
+          array.run({from_hex(declared), xdr_op::kDecode, kind}, UINT32_MAX, 4, __brix_xdr_void);
+      EXPECT_TRUE((done ? array.count : 0) == made && array.count <= 0x40000) << declared;
+      free(array.elements);
     }
   }
 }
