@@ -133,13 +133,7 @@ class TcpTest : public lab::ClientTest {
 
 TEST_F(TcpTest, WhatCallsComeTo) {
   enum Then { kStay, kClose, kReset };
-  const struct {
-    const char* what;
-    std::string answer;
-    Then then;
-    clnt_stat status;
-    int32_t detail;
-  } cases[] = {
+  const std::tuple<const char*, std::string, Then, clnt_stat, int32_t> cases[] = {
       {"closed", "", kClose, RPC_CANTRECV, ECONNRESET},
       {"closed within a reply", "8000001C ID 00", kClose, RPC_CANTRECV, ECONNRESET},
       {"reset", "", kReset, RPC_CANTRECV, ECONNRESET},
@@ -153,16 +147,16 @@ TEST_F(TcpTest, WhatCallsComeTo) {
        "80000018 00000000 00000001 00000000 00000000 00000008 12345678 80000000 80000004 00000000" +
            std::string(kAnswer),
        kStay, RPC_SUCCESS, 0}};
-  for (const auto& test : cases) {
-    SCOPED_TRACE(test.what);
-    RpcServer server([&test](RpcServer& peer) {
-      peer.send(wire(test.answer, *peer.read_request()));
+  for (const auto& [what, answer, then, status, detail] : cases) {
+    SCOPED_TRACE(what);
+    RpcServer server([&hex = answer, then = then](RpcServer& peer) {
+      peer.send(wire(hex, *peer.read_request()));
       const linger now = {1, 0};
-      if (test.then == kReset) setsockopt(peer.socket(), SOL_SOCKET, SO_LINGER, &now, sizeof now);
-      if (test.then == kStay) stall(peer);
+      if (then == kReset) setsockopt(peer.socket(), SOL_SOCKET, SO_LINGER, &now, sizeof now);
+      if (then == kStay) stall(peer);
     });
     connect(server);
-    expect(call(), test.status, test.detail);
+    expect(call(), status, detail);
   }
 }
 
@@ -469,40 +463,33 @@ TEST_F(TcpDeathTest, FailuresToConnect) {
   expect_exit(tries_with_one_port, 2);
 }
 
-// The last of all exit functions finds the blocks of the process gone.
-TEST_F(TcpDeathTest, ClientsAreMadeAndUsedAtTheVeryEnd) {
-  static auto at_the_end = [this] {
-    RpcServer server(all_with(kAnswer));
-    connect(server);
-    rpc_install_auth_methods(nullptr);
-    _exit(get_rpc_p_varp() == nullptr && call() == RPC_SUCCESS ? 42 : 1);
-  };
-  auto end = [] {
-    atexit([] { at_the_end(); });
-    get_rpc_p_varp();
-    exit(0);
-    return 0;
-  };
-  expect_exit(end, 42);
-}
-
-TEST_F(TcpDeathTest, BlockingModes) {
+// The last of all exit functions finds the blocks of the process gone, and still makes and
+// uses clients.
+TEST_F(TcpDeathTest, BlockingModesAtTheVeryEnd) {
   // Bit 0: it blocks with a limit; 1: without; 2: without while input is watched.
-  auto modes_with = [this](const char* value) {
-    setenv("KIV_BLOCKING_RPC", value, 1);
+  static auto modes = [this] {
+    if (get_rpc_p_varp() != nullptr) return -1;
+    rpc_install_auth_methods(nullptr);
     RpcServer server(all_with(kAnswer));
     connect(server);
-    int modes = 0;
+    int bits = 0;
     for (int bit = 0; bit < 3; ++bit) {
       if (bit == 1) control(CLSET_TIMEOUT, nullptr);
       if (bit == 2) control(CLSET_WATCH_INPUT, client_);
-      if (call() == RPC_SUCCESS && !is_non_blocking()) modes |= 1 << bit;
+      if (call() == RPC_SUCCESS && !is_non_blocking()) bits |= 1 << bit;
     }
-    return modes;
+    return bits;
   };
-  expect_exit([&] { return modes_with("must"); }, 7);
-  expect_exit([&] { return modes_with("no"); }, 6);
-  expect_exit([&] { return modes_with("fALSE"); }, 2);
+  for (auto [value, bits] : {std::pair{"must", 7}, {"no", 6}, {"fALSE", 2}}) {
+    auto end = [set = value] {
+      setenv("KIV_BLOCKING_RPC", set, 1);
+      atexit([] { _exit(modes()); });
+      get_rpc_p_varp();
+      exit(0);
+      return 0;
+    };
+    expect_exit(end, bits);
+  }
 }
 
 TEST_F(TcpDeathTest, SwitchesOfTheDebugDirectoryAndOfBufferSizes) {
