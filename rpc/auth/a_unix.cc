@@ -94,12 +94,8 @@ bool validate(AUTH* auth, const opaque_auth* verifier) {
   XDR xdrs;
   __brix_xdrmem_create(&xdrs, verifier->body, static_cast<int32_t>(verifier->length),
                        xdr_op::kDecode);
-  if (__brix_xdr_opaque_auth(&xdrs, given)) {
-    auth->credential = *given;
-  } else {
-    __brix_xdr_free(xdr_filter<__brix_xdr_opaque_auth>, given);
-    auth->credential = record->full_credential;
-  }
+  const bool decoded = __brix_xdr_opaque_auth(&xdrs, given);
+  auth->credential = decoded ? *given : record->full_credential;
   return encode_fields(auth);
 }
 

@@ -9,6 +9,7 @@
 #include "rpc/auth/a_none.h"
 #include "rpc/auth/a_unix.h"
 #include "rpc/auth/auth_choice.h"
+#include "tests/printed.h"
 #include "tests/stand_ins.h"
 #include "tests/threads.h"
 #include "tests/xdr_streams.h"
@@ -51,24 +52,17 @@ std::string full(const std::string& time = "76543210") {
          "00000003626F7800FFFFFFFE000000050000000200000007000000080000000000000000";
 }
 
-TEST(AuthNone, IsOneForAll) {
-  AUTH* auth = auth_create_default();
-  in_threads(4, [auth](int) { EXPECT_EQ(__brix_authnone_create(), auth); });
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(marshalled(auth), std::string(32, '0'));
-    auth->ops->destroy(auth);  // it stays for others
-  }
-  EXPECT_FALSE(auth->ops->refresh(auth));
-}
-
-TEST_F(AuthSystem, BothTellTheirMethod) {
-  int32_t method = 0;
-  for (AUTH* auth : {__brix_authnone_create(), auth_.get()}) {
-    EXPECT_TRUE(auth->ops->control(auth, 2, &method));
-    EXPECT_EQ(method, auth == auth_.get() ? 2 : 1);
+TEST_F(AuthSystem, NoneIsOneForAllAndBothTellTheirMethod) {
+  AUTH* none = auth_create_default();
+  in_threads(4, [none](int) { EXPECT_EQ(__brix_authnone_create(), none); });
+  for (AUTH* auth : {none, auth_.get()}) {
+    int32_t method = 0;
+    EXPECT_TRUE(auth->ops->control(auth, 2, &method) && method == (auth == none ? 1 : 2));
     EXPECT_FALSE(auth->ops->control(auth, 3, &method) || auth->ops->control(auth, 2, nullptr) ||
-                 auth->ops->needs_refresh(auth, true, nullptr));
+                 auth->ops->needs_refresh(auth, true, nullptr) || auth->ops->refresh(auth));
   }
+  none->ops->destroy(none);
+  EXPECT_EQ(marshalled(none), std::string(32, '0')) << "it stays for others";
 }
 
 TEST_F(AuthSystem, SendsAndBoundsItsParameters) {
@@ -79,6 +73,11 @@ TEST_F(AuthSystem, SendsAndBoundsItsParameters) {
     auth_.reset(__brix_authsys_create(std::string(name, 'n').c_str(), 0, 0, count, groups));
     EXPECT_EQ(auth_ != nullptr, made) << name << " " << count;
   }
+  for (int level : {2, 3}) {
+    const auto create = [&] { auth_.reset(__brix_authsys_create("", 0, 0, 0, groups)); };
+    EXPECT_EQ(printed(level, create).ends_with("authenticated using AUTH_UNIX\n"), level == 3);
+  }
+  auth_.reset();
   for (int granted = 0; auth_ == nullptr; ++granted) {
     FailingMalloc failing(granted);
     errno = 0;

@@ -56,7 +56,7 @@ TEST(XdrCompound, CarriesIntegersAtOnceAsOneByOne) {
       {xdr_filter<xdr_int32_t>, 4},      {xdr_filter<xdr_uint32_t>, 4},
       {xdr_filter<__brix_xdr_enum>, 4},  {xdr_filter<__brix_xdr_int>, 4},
       {xdr_filter<__brix_xdr_u_int>, 4}, {xdr_filter<xdr_int64_t>, 8},
-      {xdr_filter<xdr_uint64_t>, 8}};
+      {xdr_filter<xdr_uint64_t>, 8},     {xdr_filter<__brix_xdr_char>, 1}};
   for (const auto& [filter, size] : filters) {
     for (xdr_op operation : {xdr_op::kEncode, xdr_op::kDecode, xdr_op::kFree}) {
       for (size_t room = 0; room <= 24; ++room) {
