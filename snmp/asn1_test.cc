@@ -40,8 +40,7 @@ std::string built(char kind, const std::string& text) {
   return to_hex(std::string(&whole[0], &whole[length]));
 }
 
-// With `more` bytes behind the item. Strings have room for 3 bytes, object identifiers
-// for 7 sub-identifiers.
+// With `more` bytes behind the item, and room for 3 bytes or 7 sub-identifiers.
 std::string parsed(char kind, const std::string& hex, int32_t more) {
   const std::string item = from_hex(hex) + std::string(static_cast<size_t>(more), '\x7F');
   const std::vector<uint8_t> exact(item.begin(), item.end());

@@ -239,21 +239,19 @@ TEST_F(SessionTest, RepeatsWithDoubledTimeOutsThenReports) {
   request_record* request = Sessions->state->requests;
   EXPECT_EQ(agent.receive_now(), std::nullopt);
   for (int sends : {2, 3, 4}) {
+    if (sends == 4) request->timeout = LONG_MAX / 2 + 1;
     request->expires_at = request->sent_at = {};
     run("time sent");
-    EXPECT_EQ(std::pair(request->retries, request->timeout), std::pair(sends, 500000L << sends));
+    EXPECT_EQ(request->retries, sends);
+    EXPECT_EQ(request->timeout, sends < 4 ? 500000L << sends : LONG_MAX);
     EXPECT_GT(request->sent_at.tv_sec, 0);
     timeval wait{};
     timersub(&request->expires_at, &request->sent_at, &wait);
     EXPECT_EQ(wait.tv_sec * 1000000 + wait.tv_usec, request->timeout);
   }
-  Sessions->session->retries = 5;
-  request->timeout = LONG_MAX / 2 + 1;  // does not overflow
-  request->expires_at = {};
-  run("time sent");
-  EXPECT_EQ(request->timeout, LONG_MAX);
   in_callback = "left";  // it is removed afterwards
-  run("due time left");
+  request->expires_at = {};
+  run("time left");
   EXPECT_EQ(log, "2:7 1left 0left ");
   EXPECT_EQ(agent.receive_now(), std::nullopt);
 }
@@ -370,8 +368,7 @@ TEST_F(SessionTest, SynchronousOwnership) {
   auto leave_nothing = [&] {
     EXPECT_EQ(ask_and_wait(&wanted, kSnmpGetRequest, 7), 1);
     EXPECT_EQ(ask_and_wait(sessions[0], kSnmpTrap, 7), 1);
-    run("open ask");
-    snmp_close(Sessions->session);
+    run("open ask close1");
     sessions.pop_back();
   };
   EXPECT_EQ(pieces_left_by(leave_nothing), 0);

@@ -28,8 +28,8 @@ inline long pieces_left_by(auto work) {
   return pieces_held() - before;
 }
 
-/// The bytes that `work`, run `times` times, leaves allocated, after a first run that makes
-/// what lasts; 0 under the sanitizers, which have a heap of their own.
+/// The bytes that `work`, run `times` times, leaves in the same way; 0 under the sanitizers,
+/// which have a heap of their own.
 inline long bytes_left_by(int times, auto work) {
   work();
   const size_t before = mallinfo2().uordblks;

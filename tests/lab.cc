@@ -132,16 +132,13 @@ uint16_t UdpReceiver::port() const {
 
 }  // namespace lab
 
-void LabTest::SetUp() { lab::skip_outside(); }
-
 void LabTest::skip(const std::string& reason) {
   if (getenv("CI") != nullptr) FAIL() << reason;
   GTEST_SKIP() << reason;
 }
 
-// The main of every test program: into the lab, then the tests.
+// The main of every test program: into the lab, which listing the tests needs not, then them.
 int main(int argc, char** argv) {
-  // Listing the tests needs no lab, and the build lists them.
   const bool lists = argc > 1 && strcmp(argv[1], "--gtest_list_tests") == 0;
   if (getenv("KIVTRAP_LAB") == nullptr && !lists) {
     std::string self = std::filesystem::read_symlink("/proc/self/exe");

@@ -44,8 +44,7 @@ struct Outcome {
   std::string out, err;
 };
 
-/// Runs `command` to its end, or kills it after 200 seconds.
-Outcome run(const Command& command);
+Outcome run(const Command& command);  // to its end, for 200 seconds at most
 
 /// A UDP socket that keeps what arrives.
 class UdpReceiver {
@@ -54,7 +53,6 @@ class UdpReceiver {
   ~UdpReceiver();
   UdpReceiver(const UdpReceiver&) = delete;
   UdpReceiver& operator=(const UdpReceiver&) = delete;
-
   std::optional<std::string> receive(int milliseconds = 5000) const;  // the next datagram
   /// What is there: on loopback a datagram is delivered before its send returns.
   std::optional<std::string> receive_now() const { return receive(0); }
@@ -74,7 +72,7 @@ class LabTest : public testing::Test {
   static void skip(const std::string& reason);
 
  protected:
-  void SetUp() override;
+  void SetUp() override { lab::skip_outside(); }
 };
 
 /// The bytes that hex digits stand for. Blanks are ignored, '...' is text, and (...) are

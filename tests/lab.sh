@@ -76,8 +76,7 @@ empty)
   printf '%s\n' 'hosts: files' 'services: files' >nsswitch.conf
   echo 'multi on' >host.conf # all lines of a name
   : >resolv.conf
-  # A boot record.
-  perl -e 'print pack "s x338 l x40", 2, time - int <>' /proc/uptime >/run/utmp
+  perl -e 'print pack "s x338 l x40", 2, time - int <>' /proc/uptime >/run/utmp # a boot record
   cd "$OLDPWD"
   KIVTRAP_LAB=ready exec "$@"
   ;;
