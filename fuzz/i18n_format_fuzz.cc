@@ -53,7 +53,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                     reinterpret_cast<uint64_t>(text));
   va_list arguments;
   start_word_arguments(arguments, words.data());
-
   const std::string whole = formatted(format, arguments);
   // A width without bound may have been refused there; a "%m" tells errno, which changes.
   static const std::regex kWithout("[0-9]{5}|m");

@@ -18,12 +18,6 @@
 #include "liblocal/text/utf8_codec.h"
 #include "liblocal/text/utf8_convert.h"
 
-// The names that the linker's --wrap gives to the real ones.
-extern "C" {
-iconv_t __real_iconv_open(const char* to, const char* from);
-size_t __real_iconv(iconv_t descriptor, char** in, size_t* in_left, char** out, size_t* out_left);
-}
-
 namespace {
 
 // The plain locale's first, a UTF-8 one's last; TCVN and CP1255 compose characters, of two
@@ -43,10 +37,8 @@ std::string converted(size_t (*convert)(char*, const char*, size_t), const std::
 }
 
 std::string through_stream(const std::string& text, size_t size) {
-  std::string all;
-  if (text.empty()) return all;
+  std::string all, area(size, '!');
   FILE* stream = fmemopen(const_cast<char*>(text.data()), text.size(), "r");
-  std::string area(size, '!');
   while (vxfgets(area.data(), static_cast<int>(size), stream) != nullptr) all += area.c_str();
   vxfclose(stream);
   return all;
@@ -54,7 +46,11 @@ std::string through_stream(const std::string& text, size_t size) {
 
 }  // namespace
 
+// The names that the linker's --wrap gives to the real ones and to what is called.
 extern "C" {
+iconv_t __real_iconv_open(const char* to, const char* from);
+size_t __real_iconv(iconv_t descriptor, char** in, size_t* in_left, char** out, size_t* out_left);
+
 char to_utf8, from_utf8;  // what stands for the two descriptors of the process
 
 iconv_t __wrap_iconv_open(const char* to, const char* /*from*/) {

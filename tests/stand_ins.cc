@@ -16,8 +16,7 @@ namespace stand_ins {
 
 std::atomic<int64_t> now;
 std::atomic<int> names_asked;
-std::atomic<bool> resolver_is_down;
-std::atomic<bool> no_push_back;
+std::atomic<bool> resolver_is_down, no_push_back;
 std::atomic<const std::vector<ifreq>*> interfaces;
 std::atomic<int> counting_error, listing_error, room_asked;
 

@@ -1,4 +1,3 @@
-// Own addresses, on interfaces that the tests make up.
 #include "liblocal/hosts/get_myad.h"
 
 #include <arpa/inet.h>

@@ -41,8 +41,7 @@ std::string owned(char* text) {
 // How many names `work` asks the resolver for.
 int asked_by(auto work) {
   const int before = names_asked;
-  work();
-  return names_asked - before;
+  return (work(), names_asked - before);
 }
 
 class NameTest : public LabTest {
@@ -76,8 +75,7 @@ class NameTest : public LabTest {
 };
 
 TEST_F(NameTest, ThisHostAndOthers) {
-  EXPECT_EQ(is_myname(nullptr) + is_myname("LocalHost"), 2);
-  EXPECT_EQ(samehost("Web", "wEB") + samehost(nullptr, nullptr), 2);
+  EXPECT_TRUE(is_myname(nullptr) && is_myname("LocalHost") && samehost("Web", "wEB"));
   EXPECT_EQ(dns_hostlist_cache.count, 0) << "the obvious needs no look-up";
   for (const char* name : {"node", "NODE.net", " box", "192.0.2.3", "manager", ""}) {
     EXPECT_EQ(is_myname(name), 1) << name;
@@ -86,7 +84,7 @@ TEST_F(NameTest, ThisHostAndOthers) {
   EXPECT_EQ(owned(get_primaryhostname(nullptr)), "node.net");
   EXPECT_EQ(owned(get_primaryhostname("www")), "web.net");
   EXPECT_TRUE(samehost("mail", "198.51.100.3") && samehost("web", "198.51.100.2") &&
-              samehost(nullptr, "box") && samehost("box", nullptr));
+              samehost(nullptr, "box") && samehost("box", nullptr) && samehost(nullptr, nullptr));
   EXPECT_FALSE(samehost("web", "mail") || samehost("nobody", "NOBODY2") || samehost("web", "no"));
 }
 
@@ -203,10 +201,9 @@ TEST_F(NameTest, Clients) {
   EXPECT_EQ(get_primaryclientname("web"), nullptr) << "at once, not with the next purge";
   set_client_cache_update_style(kClientsNeverExpire);
   client_list_add_client("ever", nullptr);
-  for (auto [seconds, mail] : {std::pair{3600, "mail"}, {1, "(null)"}}) {
+  for (auto [seconds, both] : {std::pair{3600, "mailever"}, {1, "(null)ever"}}) {
     pass(seconds);
-    EXPECT_EQ(owned(get_primaryclientname("mail")) + owned(get_primaryclientname("ever")),
-              std::string(mail) + "ever");
+    EXPECT_EQ(owned(get_primaryclientname("mail")) + owned(get_primaryclientname("ever")), both);
   }
   free_client_hostlist_cache();
   EXPECT_TRUE(get_client_cache_update_style() == 0 && !get_primaryclientname("ever"));
@@ -223,11 +220,8 @@ bool leaving = false;
 });
 
 TEST_F(NameTest, NothingIsLeftAtExit) {
-  auto leave = [] {
-    leaving = is_myname("box") == 1 && client_list_add_client("web", nullptr) == 1;
-    exit(2);
-  };
-  EXPECT_EXIT(leave(), testing::ExitedWithCode(0), "");
+  auto leave = [] { leaving = is_myname("box") && client_list_add_client("web", nullptr); };
+  EXPECT_EXIT((leave(), exit(2)), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

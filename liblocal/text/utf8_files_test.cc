@@ -57,8 +57,8 @@ TEST(Utf8Files, EveryCallTakesAPathInUtf8) {
     EXPECT_STREQ(buffer, "d\xEF\xA2\xA4");
     EXPECT_EQ(utf8_mknod(inside.c_str(), S_IFIFO | 0600, 0), 0);
     EXPECT_TRUE(status_of(inside) == 0 && status.st_mode == (S_IFIFO | 0600U));
-    EXPECT_EQ(utf8_access(inside.c_str(), R_OK), 0);
-    EXPECT_EQ(utf8_link(inside.c_str(), (inside + "h").c_str()), 0);
+    const std::string second = inside + "h";
+    EXPECT_EQ(utf8_access(inside.c_str(), R_OK) + utf8_link(inside.c_str(), second.c_str()), 0);
     vxfclose(utf8_fopen((text + "/" + longest).c_str(), "w"));
     EXPECT_EQ(listed(link), (std::set<std::string>{"\xEF\xA2\xA4", "\xEF\xA2\xA4h", longest}));
     EXPECT_EQ(unlink((raw + "/" + std::string(255, '\xE9')).c_str()), 0) << "the raw name";
@@ -66,9 +66,8 @@ TEST(Utf8Files, EveryCallTakesAPathInUtf8) {
     EXPECT_STREQ(brix_getcwd(buffer, sizeof buffer), wanted.c_str());
     EXPECT_STREQ(c_unique_ptr<char>(utf8_getcwd(nullptr, wanted.size() + 2)).get(), wanted.c_str());
     EXPECT_TRUE(utf8_getcwd(buffer, wanted.size()) == nullptr && errno == ERANGE);
-    EXPECT_EQ(utf8_unlink((inside + "h").c_str()) + utf8_unlink(inside.c_str()), 0);
-    EXPECT_EQ(utf8_chdir("/") + utf8_rmdir(path), 0);
-    EXPECT_NE(status_of(path), 0);
+    EXPECT_EQ(utf8_unlink(second.c_str()) + utf8_unlink(inside.c_str()), 0);
+    EXPECT_TRUE(utf8_chdir("/") + utf8_rmdir(path) == 0 && status_of(path) != 0);
     tm time = {};
     EXPECT_STREQ(vxstrptime("2026-03-01 €", "%Y-%m-%d", &time), " \xA4");
   });
@@ -80,8 +79,7 @@ TEST(Utf8Files, Failures) {
   const char* link = path.c_str();
   char buffer[11];
   EXPECT_EQ(utf8_readlink(link, buffer, 11), -1);
-  ASSERT_EQ(utf8_symlink("0123456789", link), 0);
-  EXPECT_EQ(utf8_readlink(link, buffer, 11), 10);
+  EXPECT_EQ(utf8_symlink("0123456789", link) + utf8_readlink(link, buffer, 11), 10);
   EXPECT_EQ(utf8_readlink(link, buffer, 10), 9);
   EXPECT_STREQ(buffer, "012345678");
   ASSERT_EQ(utf8_unlink(link) + utf8_symlink("\xEF\xA3\xA9", link), 0);
