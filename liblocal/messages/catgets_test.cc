@@ -103,8 +103,7 @@ TEST(Catgets, OpensAndLooksUp) {
     _vx_set_initialised();
     errno = EBUSY;
     EXPECT_STREQ(vxcatgets(Catd, 41, 22, text), "benutze");
-    EXPECT_EQ(vxcatgets(Catd, 41, 23, text), text);
-    EXPECT_EQ(vxcatgets(-1, 41, 22, text), text);
+    EXPECT_TRUE(vxcatgets(Catd, 41, 23, text) == text && vxcatgets(-1, 41, 22, text) == text);
     EXPECT_EQ(errno, EBUSY);
     expect_answers({"<10>", "<11>", "<12>", "<13>", "<14>", "<15>", "<16>", "<17>"});
     EXPECT_EQ(vxcatclose(Catd), 0);

@@ -147,8 +147,7 @@ TEST_F(Fullpath, WhatIsTold) {
       {kPlain, "link_file", 0, "@/link_file path is too long\n", ""},
       {kPlain, "dir", 1, "getcwd failed on dir\n", ""},
       {kPlain, "dir/file", 1, "fullpath getcwd failed on dir\n",
-       "fullpath failed to get the new cwd\n"},
-  };
+       "fullpath failed to get the new cwd\n"}};
   for (const auto& [flags, path, less, line, at_3] : cases) {
     const size_t size = root.size() + strlen("/dir") + 1 - less;
     EXPECT_EQ(told(0, path, flags, size), "") << path;
@@ -191,27 +190,24 @@ TEST_F(Fullpath, LongNames) {
 
   std::string path = root;
   for (int i = 0; i < 20; ++i) {  // deeper than the system takes at once
-    const std::string component(255, 'n');
-    path += "/" + component;
-    ASSERT_EQ(mkdir(component.c_str(), 0755) + chdir(component.c_str()), 0);
+    const std::string name(255, 'n');
+    path += "/" + name;
+    ASSERT_EQ(mkdir(name.c_str(), 0755) + chdir(name.c_str()), 0);
   }
   fs::create_directory("sub");
   for (const char* name : {"file", "sub/file"}) lab::write_file(name, "");
   EXPECT_EQ(resolved("file", kPlain), path + "/file");
   // Into a directory there it gets, but by the name of this one not back.
   EXPECT_EQ(resolved("sub", kPlain), "ENAMETOOLONG");
-  const std::string lost =
-      "fullpath(sub/file) cannot restore cwd to " + path + ": File name too long\n";
   EXPECT_EQ(told(1, "sub/file", kPlain, path.size() + 9),
-            path + "/sub/file path is too long\n" + lost);
+            path + "/sub/file path is too long\nfullpath(sub/file) cannot restore cwd to " + path +
+                ": File name too long\n");
   EXPECT_EQ(told(1, path, kPlain), "cannot stat " + path + "\n");
 }
 
 TEST_F(Fullpath, ClosedDirectories) {
   if (!lab::has_users()) return skip("no users but root here");
-  fs::create_directory("shut");
-  chmod("shut", 0744);
-  ASSERT_EQ(seteuid(lab::kUser), 0);
+  ASSERT_EQ(mkdir("shut", 0744) + seteuid(lab::kUser), 0);
   EXPECT_EQ(told(1, "shut", kPlain), "cannot chdir to shut: Permission denied\n");
   EXPECT_EQ(seteuid(0), 0);
 }

@@ -1,4 +1,4 @@
-// The start of a program, each time in a process of its own.
+// The start of a program, each time in a process of its own, and its environment.
 #include "liblocal/startup/vxinit.h"
 
 #include <getopt.h>
@@ -8,11 +8,16 @@
 #include <cstring>
 #include <filesystem>
 #include <regex>
+#include <set>
 
+#include "liblocal/messages/errinfo.h"
+#include "liblocal/messages/print.h"
 #include "liblocal/startup/dbgsignl.h"
 #include "liblocal/startup/find_origin.h"
 #include "liblocal/startup/vxdirs.h"
+#include "liblocal/startup/vxenv.h"
 #include "liblocal/startup/vxids.h"
+#include "liblocal/threads/c_memory.h"
 #include "tests/failing_malloc.h"
 #include "tests/lab.h"
 #include "tests/locales.h"
@@ -76,8 +81,7 @@ TEST_F(VxinitInTheLab, OfEveryApplication) {
   for (const auto& each : cases) {
     in_locale("", [&] {
       const auto& [name, argv0, installed, application, command] = each;
-      EXPECT_EQ(vxinit_done(), 0);
-      EXPECT_TRUE(vx_get_bindir() == nullptr && vx_get_argv0() == nullptr);
+      EXPECT_TRUE(vxinit_done() == 0 && vx_get_bindir() == nullptr && vx_get_argv0() == nullptr);
       std::string copy = argv0;
       char* argv[] = {copy.data()};
       setenv("KIV_PRINT_ORIGIN", "1", 1);
@@ -95,9 +99,8 @@ TEST_F(VxinitInTheLab, OfEveryApplication) {
       EXPECT_EQ(text(vx_get_installdir()), installed);
       EXPECT_EQ(text(vx_get_bindir()), in(installed, "bin"));
       EXPECT_EQ(text(find_appdir("other")), application);
-      for (const auto& [getter, directory] : getters) {
-        EXPECT_EQ(text(getter()), in(application, directory));
-        EXPECT_EQ(getter(), getter());
+      for (const auto& [get, directory] : getters) {
+        EXPECT_TRUE(text(get()) == in(application, directory) && get() == get()) << directory;
       }
       EXPECT_EQ(vx_get_securedir(), (application == "-" ? "." : application + "/tmp") + "/sec");
       EXPECT_EQ(vx_get_securedir(), vx_get_securedir());
@@ -184,6 +187,72 @@ TEST_F(VxinitInTheLab, SwitchesBetweenUserAndRoot) {
       EXPECT_EQ(seteuid(getuid()), 0);  // so that counts of coverage can be written
     });
   }
+}
+
+constexpr char kName[] = "KIV_ENV_TEST";
+
+TEST(Vxenv, AsciiPassesAsItIs) {
+  static char text[] = "KIV_ENV_TEST=a=b:\x7F";
+  EXPECT_EQ(vxputenv(text) + vxputenv(nullptr), 0);
+  EXPECT_TRUE(getenv(kName) == text + sizeof kName && vxgetenv(kName) == text + sizeof kName);
+  unsetenv(kName);
+  EXPECT_EQ(vxgetenv(kName), nullptr);
+}
+
+// In the plain locale, where every byte is a Latin-1 character.
+TEST(Vxenv, ConvertsOtherTexts) {
+  for (const std::string& ascii : {std::string("caf"), std::string(20000, 'x')}) {
+    setenv(kName, (ascii + "\xE9").c_str(), 1);
+    c_unique_ptr<char> value(const_cast<char*>(vxgetenv(kName)));
+    EXPECT_EQ(value.get(), (ascii + "\xC3\xA9").substr(0, 18431));
+    std::string text = "KIV_ENV_TEST=" + ascii + "\xC3\xA9";
+    EXPECT_EQ(vxputenv(text.data()), 0);
+    c_unique_ptr<char> area(getenv(kName) - sizeof kName);
+    EXPECT_EQ(getenv(kName), (ascii + "\xE9").substr(0, 18431 - sizeof kName));
+    unsetenv(kName);  // which lets go of it
+  }
+  brix_strerror(ENOMEM);  // has what it needs once before memory is gone
+  setenv(kName, "\xE9", 1);
+  static char text[] = "KIV_ENV_TEST=\xC3\xBC";
+  for (bool getting : {true, false}) {
+    auto change = [getting] {
+      FailingMalloc none(0, 1);
+      EXPECT_TRUE(getting ? vxgetenv(kName) == nullptr : vxputenv(text) == -1);
+      EXPECT_EQ(errno, ENOMEM);
+    };
+    EXPECT_EQ(printed(0, change), "kivtrap: Cannot allocate memory\n");
+  }
+  EXPECT_STREQ(getenv(kName), "\xE9");
+}
+
+// In EUC-JP, where these bytes are no characters: '?' is all that is left of them.
+TEST(Vxenv, KeepsNoCopyOfTheOldValue) {
+  in_locale("EUC-JP", [] {
+    auto prepend = [] {
+      setenv(kName, "\xFF\xFF", 1);
+      EXPECT_EQ(add_to_environment(kName, "new", 1), 1);
+      EXPECT_STREQ(getenv(kName), "new:??");
+    };
+    EXPECT_EQ(pieces_left_by(prepend), 0);
+  });
+}
+
+TEST(Vxenv, AddsToTheEnvironment) {
+  const std::tuple<const char*, int, const char*> cases[] = {
+      {"first", 1, "first"}, {"second", 1, "second:first"},  {"third", 0, "third"},
+      {"", 1, ":third"},     {"fourth", 2, "fourth::third"}, {"third", 0, "third"}};
+  unsetenv(kName);
+  std::set<const char*> thirds;
+  for (const auto& [value, prepend, wanted] : cases) {
+    EXPECT_EQ(add_to_environment(kName, value, prepend), 1);
+    EXPECT_STREQ(getenv(kName), wanted);
+    if (prepend == 0) thirds.insert(getenv(kName));
+  }
+  EXPECT_EQ(thirds.size(), 1) << "equal texts share one copy";
+  EXPECT_EQ(add_to_environment(nullptr, "x", 0) + add_to_environment(kName, nullptr, 0), 0);
+  FailingMalloc none(0);
+  EXPECT_EQ(add_to_environment(kName, "more", 1), 0);
+  EXPECT_STREQ(getenv(kName), "third");
 }
 
 }  // namespace

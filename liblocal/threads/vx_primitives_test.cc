@@ -2,7 +2,6 @@
 // threads, the references to them all, and the exit list.
 #include <gmock/gmock.h>
 #include <netdb.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -207,8 +206,7 @@ TEST(VxThread, IdentitiesDifferAndGoWithTheirThreads) {
 
 TEST(VxThread, SleepsUntilASignal) {
   std::signal(SIGALRM, [](int) {});
-  itimerval soon = {{}, {0, 20000}};
-  setitimer(ITIMER_REAL, &soon, nullptr);
+  ualarm(20000, 0);
   EXPECT_EQ(vx_thread_sleep(60000), 30);
   EXPECT_EQ((Results{vx_thread_yield(), vx_thr_initd(), vx_thr_init(), vx_thr_initd()}),
             (Results{0, 0, 1, 1}));
@@ -272,10 +270,8 @@ void say() {
 }
 
 void fill_list() {
-  vx_atexit(say<'a'>);
-  vx_atexit([] { vx_atexit(say<'n'>); });
-  vx_atexit(say<'x'>);
-  vx_atexit(say<'c'>);
+  void (*const functions[])() = {say<'a'>, [] { vx_atexit(say<'n'>); }, say<'x'>, say<'c'>};
+  for (auto function : functions) vx_atexit(function);
   EXPECT_EQ(vx_unatexit(say<'x'>), 0);
 }
 
