@@ -14,8 +14,8 @@ namespace fs = std::filesystem;
 
 // What a program started as `argv0` writes when it shows its origin, `directory`.
 std::string origin_line(const std::string& argv0, const std::string& directory = "/startup/bin/") {
-  return fs::path(argv0).filename().string() + ": origin for `" + argv0 + "' is `" + directory +
-         "'\n";
+  const std::string name = fs::path(argv0).filename();
+  return name + ": origin for `" + argv0 + "' is `" + directory + "'\n";
 }
 
 // Copies the command into a directory of the lab. Valgrind, which would put its own words

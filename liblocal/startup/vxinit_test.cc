@@ -94,8 +94,7 @@ TEST_F(VxinitInTheLab, OfEveryApplication) {
       EXPECT_TRUE(vxinit_done() == 1 && opterr == 0);
       struct sigaction action;
       EXPECT_TRUE(sigaction(SIGUSR2, nullptr, &action) == 0 && action.sa_handler == ondbgintr);
-      EXPECT_EQ(vx_get_argv0(), argv0);
-      EXPECT_EQ(Dbgcmdpath, command);
+      EXPECT_EQ(vx_get_argv0() + std::string(" ") + Dbgcmdpath, argv0 + " " + command);
       EXPECT_EQ(text(vx_get_installdir()), installed);
       EXPECT_EQ(text(vx_get_bindir()), in(installed, "bin"));
       EXPECT_EQ(text(find_appdir("other")), application);
@@ -115,9 +114,8 @@ TEST_F(VxinitInTheLab, OfEveryApplication) {
       strcpy(argv[0], "Program.x");
       EXPECT_EQ(printed(0, [&] { _vxinit("other", 1, argv); }),
                 "kivtrap: program (" + std::to_string(getpid()) + ") waiting to be debugged\n");
-      EXPECT_EQ(opterr, 0);
       EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C.UTF-8");
-      EXPECT_STREQ(vx_get_argv0(), "/no/program");
+      EXPECT_TRUE(opterr == 0 && vx_get_argv0() == std::string("/no/program"));
     });
   }
 }
@@ -125,8 +123,7 @@ TEST_F(VxinitInTheLab, OfEveryApplication) {
 TEST_F(VxinitInTheLab, DirectoriesInOtherOrders) {
   make_program("/start/bin");
   in_locale("", [] {  // a getter comes before the name
-    EXPECT_EQ(vx_get_etcdir(), nullptr);
-    EXPECT_EQ(find_appdir("kiv"), nullptr);
+    EXPECT_TRUE(vx_get_etcdir() == nullptr && find_appdir("kiv") == nullptr);
   });
   in_locale("", [] {  // the name comes before the installation directory
     EXPECT_STREQ(find_appdir("tarn"), "/tarn");

@@ -144,10 +144,8 @@ void exit_with_blocks() {
 void exit_without_a_lock() {
   vx_set_progname("/bin/kivtrap");
   vx_error_set_last(0, 1);
-  {
-    FailingMalloc one(0, 1);
-    varp_add_data(nullptr, [](void*) { say("cleaned"); });
-  }
+  FailingMalloc one(0, 1);
+  varp_add_data(nullptr, [](void*) { say("cleaned"); });
   exit(6);
 }
 
@@ -183,33 +181,30 @@ TEST(Liblvarp, TheEndOfTheProcess) {
   }
 }
 
-// The pauses of `work`, while the next `refusals` allocations but the first `granted` fail.
-std::string pauses_of(int granted, int refusals, auto work) {
+// The pauses of `work`, while its first `refusals` allocations fail.
+std::string pauses_of(int refusals, auto work) {
   std::string made;
   made.reserve(100);
   pauses = &made;
-  {
-    FailingMalloc shortage(granted, refusals);
-    work();
-  }
+  FailingMalloc shortage(0, refusals);
+  work();
   pauses = nullptr;
   return made;
 }
 
 TEST(Waiting, ForMemory) {
-  EXPECT_EQ(pauses_of(0, 3, [] { free(xmalloc(10)); }), "5.0 5.0 5.0 ");
-  EXPECT_EQ(pauses_of(0, 1, [] { free(xcalloc(2, 10)); }), "5.0 ");
-  EXPECT_EQ(pauses_of(0, 1, [] { free(xstrdup("text")); }), "5.0 ");
-  EXPECT_EQ(pauses_of(0, 2, [] { liblocal_t_clean(liblocal_t_init()); }), "2.0 2.0 ");
-  EXPECT_EQ(pauses_of(0, 0, [] { EXPECT_EQ(vx_thread_sleep(1234), 0); }), "1.234000000 ");
-  EXPECT_EQ(pauses_of(0, 0, [] { _vx_pause_ms(1234); }), "1.234000000 ");
+  EXPECT_EQ(pauses_of(3, [] { free(xmalloc(10)); }), "5.0 5.0 5.0 ");
+  EXPECT_EQ(pauses_of(1, [] { free(xcalloc(2, 10)); }), "5.0 ");
+  EXPECT_EQ(pauses_of(1, [] { free(xstrdup("text")); }), "5.0 ");
+  EXPECT_EQ(pauses_of(2, [] { liblocal_t_clean(liblocal_t_init()); }), "2.0 2.0 ");
+  EXPECT_EQ(pauses_of(0, [] { EXPECT_EQ(vx_thread_sleep(1234), 0); }), "1.234000000 ");
+  EXPECT_EQ(pauses_of(0, [] { _vx_pause_ms(1234); }), "1.234000000 ");
   EXPECT_EQ(xstrdup(nullptr), nullptr);
-  std::thread([] {  // for the place of its block
+  in_threads(1, [](int) {  // for the place of its block
     vx_error_set_last(0, 1);
     values_refused = 2;
-    EXPECT_EQ(pauses_of(0, 0, get_liblocal_t_varp), "2.0 2.0 ");
-  })
-      .join();
+    EXPECT_EQ(pauses_of(0, get_liblocal_t_varp), "2.0 2.0 ");
+  });
 }
 
 // Of a process that has used nothing yet, and goes on when it is asked to end.
@@ -218,7 +213,7 @@ void first_error() {
   std::signal(SIGTERM, [](int) { ++asked; });
   keys_refused = 1;
   values_refused = 2;
-  std::string seen = pauses_of(0, 3, [] { vx_error_set_last(EPERM, 1); });
+  std::string seen = pauses_of(3, [] { vx_error_set_last(EPERM, 1); });
   seen += std::to_string(vx_error_get_last()) + " " + std::to_string(asked);
   FailingMalloc after_object(1, 2);
   pauses = &(seen += " ");

@@ -103,12 +103,11 @@ TEST(VxError, TheLastErrorKeepsItsKind) {
 
 TEST(VxError, EachThreadHasItsOwnAndMessagesAreCut) {
   vx_error_set_last(EPERM, 1);
-  char text[] = "xxxxxxxx";
-  vx_error_get_message(text, 0);
+  std::string text = "xxxxxxxx";
+  vx_error_get_message(text.data(), 0);
   vx_error_get_message(nullptr, 1);
-  EXPECT_STREQ(text, "xxxxxxxx");
-  vx_error_get_message(text, 4);
-  EXPECT_EQ(std::string(text, 8), std::string("Ope\0xxxx", 8));
+  vx_error_get_message(text.data() + 1, 4);
+  EXPECT_EQ(text, std::string("xOpe\0xxx", 8));
   in_threads(1, [](int) {
     EXPECT_EQ(vx_error_get_last(), 0);
     {
@@ -128,8 +127,7 @@ TEST(VxSelect, SetsHoldWhatTheyCanName) {
     EXPECT_EQ(VX_FD_ISSET(fd, &sets[1]), fd >= 0 && fd < 65536) << fd;
   }
   VX_FD_ZERO_UP_TO(64, &sets[1]);
-  for (int fd : {0, 63, 64}) EXPECT_FALSE(VX_FD_ISSET(fd, &sets[1])) << fd;
-  EXPECT_TRUE(VX_FD_ISSET(65535, &sets[1]));
+  for (int fd : {0, 63, 64, 65535}) EXPECT_EQ(VX_FD_ISSET(fd, &sets[1]), fd > 64) << fd;
   VX_FD_ZERO(&sets[1]);
   const vx_fd_set empty = {};
   for (const vx_fd_set& set : sets) EXPECT_EQ(memcmp(&set, &empty, sizeof empty), 0);
