@@ -1,5 +1,4 @@
-// Every BER parser on arbitrary bytes: it stays within its item and its room, and counts
-// what it took.
+// Every BER parser on arbitrary bytes: it keeps to its item and room, and counts what it took.
 #undef NDEBUG
 #include <cassert>
 #include <cstddef>

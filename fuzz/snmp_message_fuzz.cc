@@ -1,5 +1,4 @@
-// A whole datagram decoded as a message. What decodes and can be built stays the same when it
-// is built, decoded and built again.
+// A datagram decoded as a message. What can be built of it stays the same, decoded once more.
 #undef NDEBUG
 #include <cassert>
 #include <cstdio>
