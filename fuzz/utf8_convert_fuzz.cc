@@ -58,7 +58,7 @@ iconv_t __wrap_iconv_open(const char* to, const char* /*from*/) {
 }
 
 size_t __wrap_iconv(iconv_t way, char** in, size_t* in_left, char** out, size_t* out_left) {
-  static std::map<std::pair<size_t, iconv_t>, iconv_t> opened;
+  static auto& opened = *new std::map<std::pair<size_t, iconv_t>, iconv_t>;  // to the end
   iconv_t& descriptor = opened[{codeset, way}];
   const char* names[] = {"UTF-8", kCodesets[codeset]};
   if (way == &from_utf8) std::swap(names[0], names[1]);

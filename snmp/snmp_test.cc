@@ -151,7 +151,7 @@ TEST(SnmpMessage, DecodesWhatItCan) {
     EXPECT_EQ(decoded(received), outcome) << to_hex(received);
   }
   // Every tag but the PDU's is what it must be: those of the trap, then the request's own.
-  for (size_t place : {0, 2, 5, 15, 24, 30, 33, 36, 40, 42, 44, 115, 118, 121}) {
+  for (size_t place : std::vector<size_t>{0, 2, 5, 15, 24, 30, 33, 36, 40, 42, 44, 115, 118, 121}) {
     std::string received = from_hex(place < 100 ? kReference : kRequest);
     received[place % 100] ^= 1;
     EXPECT_EQ(decoded(received), "mangled") << place;
