@@ -1,6 +1,7 @@
 #include "tests/stand_ins.h"
 
 #include <arpa/inet.h>
+#include <langinfo.h>
 #include <netdb.h>
 #include <sys/ioctl.h>
 
@@ -17,6 +18,7 @@ namespace stand_ins {
 std::atomic<int64_t> now;
 std::atomic<int> names_asked;
 std::atomic<bool> resolver_is_down, no_push_back;
+std::atomic<const char*> codeset;
 std::atomic<const std::vector<ifreq>*> interfaces;
 std::atomic<int> counting_error, listing_error, room_asked;
 
@@ -44,6 +46,12 @@ int __real_gethostbyname_r(const char* name, hostent* entry, char* text, size_t 
                            hostent** result, int* error);
 int __real_ioctl(int descriptor, unsigned long request, ...);
 int __real_ungetc(int byte, FILE* stream);
+char* __real_nl_langinfo(nl_item item);
+
+char* __wrap_nl_langinfo(nl_item item) {
+  const char* name = item == CODESET ? codeset.load() : nullptr;
+  return name != nullptr ? const_cast<char*>(name) : __real_nl_langinfo(item);
+}
 
 int __wrap_ungetc(int byte, FILE* stream) {
   return no_push_back ? EOF : __real_ungetc(byte, stream);

@@ -1,6 +1,7 @@
-// What the platform answers, as a test wants it: the clock, the resolver, the interfaces and
-// streams. A test program that links `stand_ins` has the time, gethostbyname_r, ioctl and ungetc
-// calls of its own objects and static libraries pass through here.
+// What the platform answers, as a test wants it: the clock, the resolver, the interfaces,
+// streams and the codeset. A test program that links `stand_ins` has the time,
+// gethostbyname_r, ioctl, ungetc and nl_langinfo calls of its own objects and static libraries
+// pass through here.
 #pragma once
 
 #include <net/if.h>
@@ -16,6 +17,7 @@ extern std::atomic<int64_t> now;            // what time answers; 0: the real ti
 extern std::atomic<int> names_asked;        // calls of the resolver, by name
 extern std::atomic<bool> resolver_is_down;  // it knows nothing
 extern std::atomic<bool> no_push_back;      // ungetc has no memory
+extern std::atomic<const char*> codeset;    // of nl_langinfo; null: the locale's
 
 // Interfaces instead of the machine's (null), each named by its flags, or by -errno of
 // asking for these.
