@@ -10,6 +10,7 @@ template <typename Work>
 void in_threads(int count, Work work) {
   std::barrier start(count);
   std::vector<std::jthread> threads;
+  threads.reserve(static_cast<size_t>(count));
   for (int i = 0; i < count; ++i) {
     threads.emplace_back([&start, &work, i] {
       start.arrive_and_wait();

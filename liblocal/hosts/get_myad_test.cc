@@ -49,7 +49,7 @@ TEST(OwnAddresses, OfInterfacesThatAreUp) {
   const struct {
     const char* there;
     int error;
-    std::string table, first, told = "";
+    std::string table, first, told{};
   } cases[] = {
       {"9 127.0.0.1 2 1 10.7.0.1 2 1 10.7.0.2 2", 0, "127.0.0.1 10.7.0.1 10.7.0.2 ", "10.7.0.1"},
       {"0 10.8.0.1 2 9 127.0.0.1 2 9 127.0.0.2 2", 0, "127.0.0.1 127.0.0.2 ", "127.0.0.2"},
