@@ -115,7 +115,7 @@ using SlotWord [[gnu::may_alias]] = uint64_t;
 constexpr size_t kSlotWords = sizeof(sockaddr_in) / sizeof(SlotWord);
 
 void store_slot(sockaddr_in* slot, const sockaddr_in& address) {
-  uint64_t words[kSlotWords];
+  uint64_t words[kSlotWords] = {};
   memcpy(words, &address, sizeof words);
   auto* shared = reinterpret_cast<SlotWord*>(slot);
   for (size_t i = 0; i < kSlotWords; ++i) {
@@ -166,7 +166,7 @@ int32_t get_myaddrs(sockaddr_in** table) {
 }
 
 sockaddr_in read_myaddr(const sockaddr_in* slot) {
-  uint64_t words[kSlotWords];
+  uint64_t words[kSlotWords] = {};
   auto* shared = reinterpret_cast<const SlotWord*>(slot);
   for (size_t i = 0; i < kSlotWords; ++i) words[i] = __atomic_load_n(&shared[i], __ATOMIC_RELAXED);
   sockaddr_in address;
