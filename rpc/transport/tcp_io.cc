@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
 #include "liblocal/threads/vx_select.h"
 #include "rpc/transport/tcp_record.h"
@@ -206,10 +205,12 @@ timeval waited_for_reply(TcpRecord* record) {
   return waited;
 }
 
-// A record stream reads into more room than there is for what was read ahead.
-int64_t take_pending(TcpRecord* record, void* buffer) {
-  memcpy(buffer, record->pending, record->pending_length);
-  return std::exchange(record->pending_length, 0);
+int64_t take_pending(TcpRecord* record, void* buffer, uint32_t length) {
+  uint32_t taken = std::min(length, record->pending_length);
+  memcpy(buffer, record->pending, taken);
+  record->pending_length -= taken;
+  memmove(record->pending, record->pending + taken, record->pending_length);
+  return taken;
 }
 
 // Reads once there is something. -1 with the error set, also at the end of input.
@@ -299,7 +300,7 @@ int64_t tcp_read(void* transport, void* buffer, uint32_t length, void* second,
   if (!begin(waiter) || (!blocking && is_timed_out(waiter))) return -1;
   int64_t got = 0;
   if (record->pending_length > 0) {
-    got = take_pending(record, buffer);
+    got = take_pending(record, buffer, length);
   } else if (!tcp_set_blocking(record, blocking)) {
     fail(waiter, errno);
   } else {
