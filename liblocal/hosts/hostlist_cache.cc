@@ -70,12 +70,18 @@ int32_t maximum_of(const hostlist_limits* limits) {
   return std::clamp(maximum, limits->least_maximum, INT32_MAX - limits->step);
 }
 
-// FNV-1a, with letters of ASCII in lower case.
 uint32_t hash_of(const char* name) {
-  constexpr uint32_t kOffset = 2166136261, kPrime = 16777619;
-  uint32_t hash = kOffset;
-  for (; *name != '\0'; ++name) hash = (hash ^ static_cast<uint8_t>(*name | 0x20)) * kPrime;
-  return hash;
+  constexpr uint64_t kLowerCase = 0x2020202020202020;  // of ASCII letters
+  constexpr uint64_t kSpread = 0x9E3779B97F4A7C15;
+  uint64_t hash = 0;
+  for (size_t left = strlen(name), size = 0; left > 0; left -= size, name += size) {
+    uint64_t word = 0;
+    size = std::min(left, sizeof word);
+    memcpy(&word, name, size);
+    hash = (hash ^ (word | kLowerCase)) * kSpread;
+    hash ^= hash >> 32;
+  }
+  return static_cast<uint32_t>(hash);
 }
 
 // At most half full.
