@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <regex>
 #include <set>
@@ -21,36 +20,26 @@ namespace fs = std::filesystem;
 
 constexpr unsigned kPlain = 0, kFollow = kFullpathFollow, kSlash = kFullpathDirectorySlash;
 
+// The tree is the lab's own /t.
 class Fullpath : public LabTest {
  protected:
   void SetUp() override {
     LabTest::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
-    root = "/fullpath." + std::to_string(getpid());  // in the lab's own root directory
-    for (const char* name : {"/dir", "/.dot", "/deep/er"}) fs::create_directories(root + name);
-    for (const char* name : {"/dir/file", "/dir/.hidden", "/.dot/file", ".file"}) {
-      lab::write_file(root + name, "");
+    fs::current_path("/");
+    fs::remove_all("/t");
+    for (const char* name : {"/t/dir", "/t/.dot", "/t/deep/er"}) fs::create_directories(name);
+    fs::current_path("/t");
+    for (const char* name : {"dir/file", "dir/.hidden", ".dot/file", "../t.file"}) {
+      lab::write_file(name, "");
     }
-    fs::current_path(root);
     std::istringstream links(
-        "dir link_dir  dir/file link_file  ../link_file dir/up  loop loop  nowhere broken " + root +
-        "/dir/file absolute " + root + ".file above  ../../dir/../dir/up deep/er/way " +
-        "dir/file chain1");
+        "dir link_dir  dir/file link_file  ../link_file dir/up  loop loop  nowhere broken "
+        "/t/dir/file absolute  /t.file above  ../../dir/../dir/up deep/er/way  dir/file chain1");
     for (std::string target, name; links >> target >> name;) fs::create_symlink(target, name);
     for (int i = 1; i < 20; ++i) {  // so many links from there
       fs::create_symlink("chain" + std::to_string(i), "chain" + std::to_string(i + 1));
     }
-  }
-  void TearDown() override {
-    fs::current_path("/");
-    fs::remove_all(root);
-    fs::remove(root + ".file");
-  }
-
-  // '@' stands for the root of the tree.
-  std::string in_tree(std::string text) const {
-    for (size_t at; (at = text.find('@')) != text.npos;) text.replace(at, 1, root);
-    return text;
   }
 
   // The answer, or the name of the error. The process stays where it was, nothing stays
@@ -67,11 +56,10 @@ class Fullpath : public LabTest {
       return result == nullptr ? strerrorname_np(errno) : result;
     };
     const auto before = place();
-    const std::string whole = in_tree(path);
-    std::string output(size, 'x'), same = whole;
-    const std::string result = answer(whole.c_str(), output.data());
+    std::string output(size, 'x'), same = path;
+    const std::string result = answer(path.c_str(), output.data());
     EXPECT_EQ(place(), before) << path;
-    same.resize(std::max(size, whole.size()));
+    same.resize(std::max(size, path.size()));
     const int level = Debug.exchange(-1);
     EXPECT_EQ(answer(same.data(), same.data()), result) << path;
     Debug = level;
@@ -83,34 +71,32 @@ class Fullpath : public LabTest {
     const std::string lines = printed(level, [&] { resolved(path, flags, size); });
     return std::regex_replace(lines, std::regex("kivtrap: "), "");
   }
-
-  std::string root;
 };
 
 TEST_F(Fullpath, Names) {
   const std::pair<unsigned, const char*> cases[] = {
       // each path and its full name or error
       {kPlain,
-       "/ /  /// /  @ @  @/dir/// @/dir  @/dir/file/ @/dir/file  @/broken @/broken  loop @/loop "
-       "@/link_dir @/link_dir  @/nowhere ENOENT  dir/file/ ENOTDIR  @//dir//file @/dir/file "
-       "@/dir/../dir/file @/dir/file  @/dir/.. @  @/./dir @/dir  @/link_dir/up @/dir/up "
-       "@/.dot/file @/.dot/file  @/dir/.hidden @/dir/.hidden  dir @/dir  dir/file @/dir/file "
-       "../ /  link_file @/link_file  link_dir/ @/dir  link_dir/../link_dir/up @/dir/up"},
+       "/ /  /// /  /t /t  /t/dir/// /t/dir  /t/dir/file/ /t/dir/file  /t/broken /t/broken  "
+       "/t/link_dir /t/link_dir  /t/nowhere ENOENT  dir/file/ ENOTDIR  /t//dir//file /t/dir/file  "
+       "/t/dir/../dir/file /t/dir/file  /t/dir/.. /t  /t/./dir /t/dir  /t/link_dir/up /t/dir/up  "
+       "/t/.dot/file /t/.dot/file  /t/dir/.hidden /t/dir/.hidden  dir /t/dir  "
+       "dir/file /t/dir/file  ../ /  loop /t/loop  link_dir/ /t/dir  link_dir/../link_dir/up "
+       "/t/dir/up"},
       {kFollow,
-       "@/dir/file @/dir/file  @/link_dir @/dir  @/link_dir/up @/dir/file  @/absolute @/dir/file "
-       "@/above @.file  deep/er/way @/dir/file  link_file @/dir/file  chain19 @/dir/file "
-       "chain20 ELOOP  loop ELOOP  broken ENOENT  dir/file/x ENOTDIR"},
-      {kSlash,
-       "/ /  .. /  @/dir @/dir/  @/dir/file @/dir/file  @/link_dir @/link_dir  @.file @.file"},
-      {kSlash | kFollow, "@/link_dir @/dir/"}};
+       "/t/dir/file /t/dir/file  /t/link_dir /t/dir  /t/link_dir/up /t/dir/file  "
+       "/t/absolute /t/dir/file  /t/above /t.file  deep/er/way /t/dir/file  link_file /t/dir/file  "
+       "chain19 /t/dir/file  chain20 ELOOP  loop ELOOP  broken ENOENT  dir/file/x ENOTDIR"},
+      {kSlash, "/ /  .. /  /t/dir /t/dir/  /t/dir/file /t/dir/file  /t.file /t.file"},
+      {kSlash | kFollow, "/t/link_dir /t/dir/"}};
   for (const auto& [flags, table] : cases) {
     std::istringstream words(table);
     for (std::string path, wanted; words >> path >> wanted;) {
-      EXPECT_EQ(resolved(path, flags), in_tree(wanted)) << path << " " << flags;
+      EXPECT_EQ(resolved(path, flags), wanted) << path << " " << flags;
     }
   }
   EXPECT_EQ(resolved("", kPlain), "ENOENT");
-  EXPECT_EQ(fullpath("dir/../link_file"), in_tree("@/link_file"));
+  EXPECT_EQ(fullpath("dir/../link_file"), "/t/link_file");
   char output[9];
   EXPECT_TRUE(fullpath2(nullptr, output, 9, kPlain) == nullptr && errno == EINVAL);
   EXPECT_TRUE(fullpath2("/", nullptr, 9, kPlain) == nullptr && errno == EINVAL);
@@ -118,16 +104,15 @@ TEST_F(Fullpath, Names) {
 }
 
 TEST_F(Fullpath, OutputSizes) {
-  const std::tuple<unsigned, const char*, const char*> cases[] = {
-      {kPlain, "@/dir/file", "@/dir/file"},
-      {kFollow, "chain3", "@/dir/file"},
-      {kPlain, "link_file", "@/link_file"},
-      {kPlain, "dir", "@/dir"},
-      {kSlash, "dir", "@/dir"},
+  const std::tuple<unsigned, const char*, std::string> cases[] = {
+      {kPlain, "/t/dir/file", "/t/dir/file"},
+      {kFollow, "chain3", "/t/dir/file"},
+      {kPlain, "link_file", "/t/link_file"},
+      {kPlain, "dir", "/t/dir"},
+      {kSlash, "dir", "/t/dir"},
       {kSlash, "..", "/"},
       {kPlain, "/", "/"}};
-  for (const auto& [flags, path, wanted] : cases) {
-    const std::string name = in_tree(wanted);
+  for (const auto& [flags, path, name] : cases) {
     const char* error = name.ends_with("file") ? "ENAMETOOLONG" : "ERANGE";
     const bool slash = flags == kSlash && name != "/";
     EXPECT_EQ(resolved(path, flags, name.size()), error) << path;
@@ -137,23 +122,21 @@ TEST_F(Fullpath, OutputSizes) {
 }
 
 TEST_F(Fullpath, WhatIsTold) {
-  // The third is how many bytes are missing for the root's name, "/dir" and a terminator.
-  const std::tuple<unsigned, const char*, size_t, const char*, const char*> cases[] = {
-      {kPlain, "@/nowhere", 0, "cannot stat @/nowhere\n", ""},
-      {kFollow, "chain20", 0,
+  const std::tuple<unsigned, const char*, size_t, std::string, std::string> cases[] = {
+      {kPlain, "/t/nowhere", 7, "cannot stat /t/nowhere\n", ""},
+      {kFollow, "chain20", 7,
        "fullpath too many symlink loops for chain20: Too many levels of symbolic links\n", ""},
-      {kFollow, "chain2", 0, "@/dir/file path is too long\n",
+      {kFollow, "chain2", 7, "/t/dir/file path is too long\n",
        "fullpath follow_path returns `dir/file'\n"},
-      {kPlain, "link_file", 0, "@/link_file path is too long\n", ""},
-      {kPlain, "dir", 1, "getcwd failed on dir\n", ""},
-      {kPlain, "dir/file", 1, "fullpath getcwd failed on dir\n",
+      {kPlain, "link_file", 7, "/t/link_file path is too long\n", ""},
+      {kPlain, "dir", 6, "getcwd failed on dir\n", ""},
+      {kPlain, "dir/file", 6, "fullpath getcwd failed on dir\n",
        "fullpath failed to get the new cwd\n"}};
-  for (const auto& [flags, path, less, line, at_3] : cases) {
-    const size_t size = root.size() + strlen("/dir") + 1 - less;
+  for (const auto& [flags, path, size, line, at_3] : cases) {
     EXPECT_EQ(told(0, path, flags, size), "") << path;
-    EXPECT_EQ(told(2, path, flags, size), in_tree(line)) << path;
+    EXPECT_EQ(told(2, path, flags, size), line) << path;
     const std::string more = told(3, path, flags, size);
-    EXPECT_TRUE(more == in_tree(line) + at_3 || more == at_3 + in_tree(line)) << more;
+    EXPECT_TRUE(more == line + at_3 || more == at_3 + line) << more;
   }
   // Each allocation of a call refused in turn, until one does without.
   std::set<std::string> lines;
@@ -188,7 +171,7 @@ TEST_F(Fullpath, LongNames) {
     EXPECT_THAT(told(1, path, kFollow), testing::StartsWith(line));
   }
 
-  std::string path = root;
+  std::string path = "/t";
   for (int i = 0; i < 20; ++i) {  // deeper than the system takes at once
     const std::string name(255, 'n');
     path += "/" + name;
