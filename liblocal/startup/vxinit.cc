@@ -14,7 +14,6 @@
 #include "liblocal/startup/vxids.h"
 #include "liblocal/text/ascii.h"
 #include "liblocal/text/utf8_convert.h"
-#include "liblocal/threads/vx_thread.h"
 
 namespace {
 
@@ -34,7 +33,6 @@ void set_up_process(const char* name, char** argv) {
   find_appdir(name);
   init_locales(name, "");
   regevent_setup();
-  _vx_thr_libinit();
   if (argv != nullptr) vx_find_installdir(argv[0]);
   get_saved_uids(nullptr, nullptr);
   _vx_print_uids(vxgetenv("KIV_PRINT_UIDS") != nullptr ? 1 : 0);
