@@ -38,15 +38,11 @@ class StartupTest : public LabTest {
   void SetUp() override {
     LabTest::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
-    station.emplace(uint16_t{162});
-    mappers.emplace();
     fs::remove_all("/startup");
     install("/startup/bin");
   }
 
   const std::string program = "/startup/bin/kivtrap";
-  std::optional<lab::UdpReceiver> station;
-  std::optional<lab::EmptyPortMappers> mappers;
 };
 
 TEST_F(StartupTest, Origin) {
@@ -70,32 +66,26 @@ TEST_F(StartupTest, Origin) {
       {false, std::string(1023, 'k'), "PATH=/startup/bin"}};
   for (const auto& [found, argv0, path] : cases) {
     for (const std::string value : {"quit", "Q", ""}) {
-      SCOPED_TRACE(testing::Message() << argv0 << " " << path);
-      lab::Outcome outcome = run(program, {argv0}, {path, "KIV_PRINT_ORIGIN=" + value});
-      const bool goes_on = outcome.err.find("usage: ") != outcome.err.npos;
-      EXPECT_EQ(goes_on, !found || value.empty());
-      EXPECT_EQ(outcome.status, goes_on ? 1 : 0);
+      const lab::Outcome outcome = run(program, {argv0}, {path, "KIV_PRINT_ORIGIN=" + value});
+      EXPECT_EQ(outcome.status, found && !value.empty() ? 0 : 1) << argv0 << " " << path;
       EXPECT_EQ(outcome.err.starts_with(origin_line(argv0)), found) << outcome.err;
     }
   }
   fs::current_path("/");
-  lab::Outcome too_long = run(program, {std::string(1024, 'k')});
-  EXPECT_TRUE(too_long.status == 111 && too_long.out + too_long.err == "") << too_long.err;
+  EXPECT_EQ(run(program, {std::string(1024, 'k')}).status, 111);
 }
 
 // Whatever bytes its directory's name has: characters of the codeset, of another, or none.
 TEST_F(StartupTest, OriginInEveryLocale) {
   for (const std::string codeset : {"", "UTF-8", "EUC-JP"}) {
     const std::string locale = codeset.empty() ? "C" : compile_locale("/startup", codeset);
-    std::vector<std::string> environment = {"LOCPATH=/startup", "LC_ALL=" + locale,
-                                            "KIV_PRINT_ORIGIN=q"};
     for (const char* bytes : {"\xC3\xA9", "\xE9", "\xC3\xA9\xFF", "\xEF\xA2\x80"}) {
       const std::string directory = "/startup/in " + codeset + bytes, copy = install(directory);
-      environment.push_back("PATH=" + directory);
+      const std::vector<std::string> environment = {"LOCPATH=/startup", "LC_ALL=" + locale,
+                                                    "KIV_PRINT_ORIGIN=q", "PATH=" + directory};
       for (const std::string& argv0 : {copy, std::string("kivtrap")}) {
         EXPECT_EQ(run(copy, {argv0}, environment).err, origin_line(argv0, directory + "/"));
       }
-      environment.pop_back();
       fs::create_hard_link(copy, directory + "/other");
       fs::create_symlink("other", directory + "/link");
       lab::Outcome refused = run(copy, {directory + "/link", "manager"}, environment);
@@ -103,7 +93,6 @@ TEST_F(StartupTest, OriginInEveryLocale) {
                 "1link: unable to execute with hard links to binary " + directory + "/other\n");
     }
   }
-  EXPECT_FALSE(station->receive_now());
 }
 
 // What the caller says of the program's place does not count, nor do its rights.
@@ -116,13 +105,15 @@ TEST_F(StartupTest, ASetUserIdProgram) {
     EXPECT_EQ(run(trusted, {argv0}, environment, lab::kUser).err,
               origin_line(argv0, "/startup/setuid/bin/"));
   }
+  const lab::UdpReceiver station(162);
+  const lab::EmptyPortMappers mappers;
   lab::write_file(secret, "of root alone\n");
   chmod(secret.c_str(), 0600);
   lab::Outcome refused = run(trusted, {"kivtrap", "-f", secret, "manager"}, {}, lab::kUser);
   EXPECT_EQ(refused.out, "file " + secret + " does not exist\n");
-  EXPECT_TRUE(refused.status == 1 && !station->receive_now());
+  EXPECT_TRUE(refused.status == 1 && !station.receive_now());
   EXPECT_EQ(run(trusted, {"kivtrap", "manager"}, {}, lab::kUser).status, 0);
-  EXPECT_TRUE(station->receive_now().value_or("").ends_with("disk full"));
+  EXPECT_TRUE(station.receive_now().value_or("").ends_with("disk full"));
 }
 
 }  // namespace

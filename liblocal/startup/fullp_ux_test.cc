@@ -26,21 +26,17 @@ class Fullpath : public LabTest {
   void SetUp() override {
     LabTest::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
-    fs::current_path("/");
-    fs::remove_all("/t");
-    for (const char* name : {"/t/dir", "/t/.dot", "/t/deep/er"}) fs::create_directories(name);
+    const char make_tree[] =
+        "set -e; rm -rf /t; mkdir -p /t/dir /t/.dot /t/deep/er; cd /t;"
+        "touch dir/file dir/.hidden .dot/file ../t.file;"
+        "ln -s dir link_dir; ln -s dir/file link_file; ln -s ../link_file dir/up; ln -s loop loop;"
+        "ln -s nowhere broken; ln -s /t/dir/file absolute; ln -s /t.file above;"
+        "ln -s ../../dir/../dir/up deep/er/way; ln -s dir/file chain1;"
+        "for i in $(seq 19); do ln -s chain$i chain$((i + 1)); done";  // so many links from there
+    ASSERT_EQ(system(make_tree), 0);
     fs::current_path("/t");
-    for (const char* name : {"dir/file", "dir/.hidden", ".dot/file", "../t.file"}) {
-      lab::write_file(name, "");
-    }
-    std::istringstream links(
-        "dir link_dir  dir/file link_file  ../link_file dir/up  loop loop  nowhere broken "
-        "/t/dir/file absolute  /t.file above  ../../dir/../dir/up deep/er/way  dir/file chain1");
-    for (std::string target, name; links >> target >> name;) fs::create_symlink(target, name);
-    for (int i = 1; i < 20; ++i) {  // so many links from there
-      fs::create_symlink("chain" + std::to_string(i), "chain" + std::to_string(i + 1));
-    }
   }
+  void TearDown() override { fs::current_path("/"); }
 
   // The answer, or the name of the error. The process stays where it was, nothing stays
   // open, and the path's own buffer does as well for the output.
