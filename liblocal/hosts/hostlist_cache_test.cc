@@ -1,18 +1,57 @@
+// The cache of hosts, by itself and as those of the resolver and of the clients; these in the
+// lab, where the hosts file is the resolver and its calls are counted.
 #include "liblocal/hosts/hostlist_cache.h"
 
-#include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <strings.h>
 
-#include <cstdlib>
+#include <cstring>
 #include <span>
-#include <string>
-#include <vector>
 
+#include "liblocal/hosts/client_list.h"
+#include "liblocal/hosts/cluster.h"
+#include "liblocal/hosts/dns_cache.h"
+#include "liblocal/hosts/get_myad.h"
+#include "liblocal/hosts/is_mynam.h"
 #include "liblocal/hosts/svc_time.h"
 #include "tests/failing_malloc.h"
-#include "tests/hostlist_check.h"
+#include "tests/lab.h"
 #include "tests/printed.h"
+#include "tests/stand_ins.h"
+#include "tests/threads.h"
+
+using namespace stand_ins;
 
 namespace {
+
+// Empty when `cache` is sound, else what is wrong with it.
+std::string hostlist_fault(const hostlist_cache& cache) {
+  int32_t stale = 0, chained = 0;
+  for (int32_t i = 0; i < cache.count; ++i) {
+    const host_entry* entry = cache.table[i];
+    if (i > 0 && strcasecmp(cache.table[i - 1]->name, entry->name) >= 0) return "not sorted";
+    const host_entry* host = entry->state == HOST_STALE ? nullptr : entry->primary;
+    if (host == nullptr) ++stale;
+    if (host == nullptr && (entry->primary != entry || entry->next)) return "a stale chain";
+    if (hostlist_cache_host(&cache, entry->name) != host) return "not found";
+    if (host != entry) continue;
+    for (const host_entry* link = entry; link != nullptr; link = link->next) {
+      if (++chained > cache.count) return "a chain without end";
+      if (link->primary != entry || link->state == HOST_STALE) return "a chain with another's";
+    }
+  }
+  if (chained + stale != cache.count || stale != cache.stale_count) return "entries miscounted";
+  const host_entry* local = cache.local_host;
+  const bool there = local == nullptr || hostlist_cache_host(&cache, local->name) == local;
+  return there ? "" : "a local host that is no host of the table";
+}
+
+// The names of a host, in the order of its chain, with a blank between them.
+std::string names_of(const host_entry* host) {
+  std::string names = host != nullptr ? host->name : "";
+  while (host != nullptr && (host = host->next) != nullptr) names += std::string(" ") + host->name;
+  return names;
+}
 
 // A cache that is soon full.
 constexpr hostlist_limits kSmall = {
@@ -119,6 +158,207 @@ TEST(HostlistCache, TheEnvironmentOnlyRaisesTheMaximum) {
     EXPECT_EQ(cache.maximum_capacity, maximum) << value;
   }
   unsetenv(kSmall.variable);
+}
+
+const std::string kHosts =
+    "127.0.0.1 localhost manager\n192.0.2.1 node.net box\n192.0.2.3 node.net\n"
+    "198.51.100.1 web.net web www\n198.51.100.2 web.net web\n198.51.100.3 mail.net mail\n";
+
+void pass(int64_t seconds) {
+  now += seconds;
+  svc_time_reset();
+}
+
+std::string owned(char* text) {
+  std::string copy = text == nullptr ? "(null)" : text;
+  free(text);
+  return copy;
+}
+
+// How many names `work` asks the resolver for.
+int asked_by(auto work) {
+  const int before = names_asked;
+  return (work(), names_asked - before);
+}
+
+class NameTest : public LabTest {
+ protected:
+  void SetUp() override {
+    LabTest::SetUp();
+    if (!IsSkipped()) start_over();
+  }
+  void TearDown() override {
+    if (!IsSkipped()) start_over(hosts_before_, 0);
+  }
+
+  static void start_over(const std::string& hosts = kHosts, int64_t time = 1'000'000'000) {
+    EXPECT_EQ(hostlist_fault(dns_hostlist_cache), "");
+    lab::write_file("/etc/hosts", hosts);
+    for (int32_t i = 0; i < dns_hostlist_cache.count; ++i) {
+      EXPECT_NE(dns_hostlist_cache.table[i]->state, HOST_PINNED);
+    }
+    free_dns_hostlist_cache();
+    free_client_hostlist_cache();
+    strcpy(dns_hostlist_cache.local_host_name, "node.net");
+    pass(time - now);
+    resolver_is_down = false;
+    clu_set_localvirthost_hook(nullptr);
+    interfaces = nullptr;
+    Debug = 0;
+  }
+
+ private:
+  const std::string hosts_before_ = lab::read_file("/etc/hosts");
+};
+
+TEST_F(NameTest, ThisHostAndOthers) {
+  EXPECT_TRUE(is_myname(nullptr) && is_myname("LocalHost") && samehost("Web", "wEB"));
+  EXPECT_EQ(dns_hostlist_cache.count, 0) << "the obvious needs no look-up";
+  for (const char* name : {"node", "NODE.net", " box", "192.0.2.3", "manager", ""}) {
+    EXPECT_EQ(is_myname(name), 1) << name;
+  }
+  for (const char* name : {"web", "198.51.100.3", "nobody", "  "}) EXPECT_EQ(is_myname(name), 0);
+  EXPECT_EQ(owned(get_primaryhostname(nullptr)), "node.net");
+  EXPECT_EQ(owned(get_primaryhostname("www")), "web.net");
+  EXPECT_TRUE(samehost("mail", "198.51.100.3") && samehost("web", "198.51.100.2") &&
+              samehost(nullptr, "box") && samehost("box", nullptr) && samehost(nullptr, nullptr));
+  EXPECT_FALSE(samehost("web", "mail") || samehost("nobody", "NOBODY2") || samehost("web", "no"));
+}
+
+TEST_F(NameTest, NamesStandBeforeAddresses) {
+  constexpr auto none = [](const char*) { return 0; };
+  constexpr auto all = [](const char*) { return 1; };
+  constexpr auto word = [](const char* name) { return strcmp(name, "localhost") == 0 ? 1 : 0; };
+  const std::string unnamed = "Reverse DNS lookup failed for address 203.0.113.9\n";
+  const std::tuple<const char*, int (*)(const char* name), std::string, std::string> cases[] = {
+      {nullptr, none, "node.net box node localhost manager 192.0.2.1 127.0.0.1 192.0.2.3", unnamed},
+      {nullptr, word, "node.net box node 192.0.2.1 192.0.2.3 localhost", unnamed},
+      {nullptr, all, "node.net box node localhost", unnamed},
+      {"web", all, "web.net web www 198.51.100.1 198.51.100.2", ""},
+      {"9.9.9.9", all, "9.9.9.9", "Reverse DNS lookup failed for host 9.9.9.9, address 9.9.9.9\n"},
+      {"nobody", all, "nobody", "Illegal/NULL hostname detected (nobody)\n"},
+  };
+  const auto there = made_up("1 192.0.2.1 2 1 203.0.113.9 2 1 10.0.0.1 10 9 127.0.0.1 2");
+  for (const auto& [asked, hook, chain, told] : cases) {
+    start_over();
+    interfaces = &there;
+    clu_set_localvirthost_hook(hook);
+    const std::string text = printed(1, [name = asked, &wanted = chain] {
+      DnsCacheHold hold;
+      EXPECT_EQ(names_of(dns_cache_resolve(&dns_hostlist_cache, name, now)), wanted);
+    });
+    EXPECT_TRUE(text.ends_with(told) && text.empty() == told.empty()) << text;
+    Debug = -1;
+    EXPECT_EQ(is_myname("mail"), hook("mail"));
+  }
+}
+
+TEST_F(NameTest, AskTheResolverOncePerTime) {
+  auto all = [] {
+    EXPECT_TRUE(is_myname("node") && is_validhostname("www") && !is_myname("www"));
+    EXPECT_FALSE(is_validhostname("nobody") || is_myname("nobody"));
+  };
+  EXPECT_EQ(asked_by(all), 3);
+  now += 5000;
+  EXPECT_EQ(asked_by(all), 0) << "the service time stands until it is reset";
+  now -= 5000;
+  // What is known stays known while the resolver is down.
+  const std::tuple<int, int, bool> later[] = {{300, 0, false}, {1, 1, false},   {1499, 1, false},
+                                              {1, 2, false},   {1801, 3, true}, {300, 0, true},
+                                              {1, 3, true},    {301, 3, false}};
+  for (auto [seconds, asked, down] : later) {
+    pass(seconds);
+    resolver_is_down = down;
+    EXPECT_EQ(asked_by(all), asked) << seconds;
+  }
+  start_over();
+  resolver_is_down = true;
+  auto none = [] { EXPECT_FALSE(is_myname("node") || is_validhostname(nullptr)); };
+  EXPECT_EQ(asked_by(none), 2) << "not even who this host is";
+}
+
+TEST_F(NameTest, NamesMoveFromHostToHost) {
+  EXPECT_TRUE(samehost("web", "www") && samehost("mail", "198.51.100.3"));
+  lab::write_file("/etc/hosts", kHosts +
+                                    "198.51.100.7 new www.net www\n198.51.100.8 thief mail.net\n" +
+                                    "203.0.113.5 localhost\n203.0.113.5 stranger box\n");
+  EXPECT_EQ(is_validhostname("new"), 1);
+  EXPECT_EQ(asked_by([] { EXPECT_EQ(is_validhostname("web"), 1); }), 1) << "its host was dropped";
+  EXPECT_EQ(samehost("mail", "thief"), 0) << "nor is it spared while it is compared";
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_TRUE(is_myname("stranger") == 0 && is_myname("box") && is_myname("192.0.2.1"));
+  }
+}
+
+TEST_F(NameTest, EveryAllocationRefused) {
+  const std::string no_memory = "kivtrap: SYSTEM error: Cannot allocate memory\n";
+  EXPECT_EQ(owned(get_primaryhostname("www")), "web.net") << "with what lasts made before";
+  bool refused = true;
+  for (int granted = 0; refused; ++granted) {
+    start_over();
+    std::string name;
+    const std::string told = printed(0, [&] {
+      FailingMalloc failing(granted, 1);
+      name = owned(get_primaryhostname("www"));
+      refused = failing.failed();
+    });
+    EXPECT_EQ(told.empty(), !refused) << granted;
+    EXPECT_TRUE(name == "web.net" || name + told == "(null)" + no_memory) << name;
+  }
+}
+
+TEST_F(NameTest, EightThreads) {
+  const std::vector<ifreq> sets[] = {made_up("1 192.0.2.1 2"), made_up("1 192.0.2.3 2")};
+  in_threads(8, [&](int thread) {
+    const std::string own = "client" + std::to_string(thread);
+    const char* aliases[] = {"shared", nullptr};
+    const in_addr broadcast = {INADDR_NONE};
+    for (int i = 0; i < 50; ++i) {
+      EXPECT_TRUE(is_myname("box") && samehost("web", "www") && !is_validhostname(own.c_str()));
+      EXPECT_TRUE(client_list_add_client(own.c_str(), aliases) && !is_myaddr(2, &broadcast, 4));
+      interfaces = &sets[i % 2];  // the table changes while this host's names are looked up
+      if (i % 10 == thread) pass(1801);
+    }
+  });
+}
+
+TEST_F(NameTest, Clients) {
+  const char* aliases[] = {"www", "web.net", nullptr};
+  EXPECT_TRUE(client_list_add_client("web", aliases) && client_list_add_client("mail", nullptr));
+  EXPECT_FALSE(client_list_add_client(nullptr, aliases));
+  EXPECT_TRUE(sameclient("WWW", "web") && sameclient("unknown", "Unknown"));
+  EXPECT_FALSE(sameclient("web", "mail") || sameclient("a", "b") || sameclient("web", nullptr) ||
+               sameclient(nullptr, nullptr));
+  auto copy = [] { EXPECT_EQ((FailingMalloc(0, 1), get_primaryclientname("mail")), nullptr); };
+  EXPECT_EQ(printed(0, copy), "kivtrap: SYSTEM error: Cannot allocate memory\n");
+  for (const char* removed : {static_cast<const char*>(nullptr), "unknown", "www"}) {
+    EXPECT_EQ(owned(get_primaryclientname("www")), "web");
+    client_list_remove_byname(removed);
+  }
+  EXPECT_EQ(get_primaryclientname("web"), nullptr) << "at once, not with the next purge";
+  set_client_cache_update_style(kClientsNeverExpire);
+  client_list_add_client("ever", nullptr);
+  for (auto [seconds, both] : {std::pair{3600, "mailever"}, {1, "(null)ever"}}) {
+    pass(seconds);
+    EXPECT_EQ(owned(get_primaryclientname("mail")) + owned(get_primaryclientname("ever")), both);
+  }
+  free_client_hostlist_cache();
+  EXPECT_TRUE(get_client_cache_update_style() == 0 && !get_primaryclientname("ever"));
+}
+
+// Registered before anything of the runtime, and so the last to run at exit.
+bool leaving = false;
+[[maybe_unused]] const int last_of_all = atexit([] {
+  sockaddr_in* table = nullptr;
+  if (!leaving) return;
+  const bool gone = get_myaddrs(&table) == -1 && table == nullptr &&
+                    dns_hostlist_cache.table == nullptr && get_primaryclientname("web") == nullptr;
+  _exit(gone && is_validhostname("box") == 1 ? 0 : 1);
+});
+
+TEST_F(NameTest, NothingIsLeftAtExit) {
+  auto leave = [] { leaving = is_myname("box") && client_list_add_client("web", nullptr); };
+  EXPECT_EXIT((leave(), exit(2)), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -136,34 +136,31 @@ TEST_F(VxinitInTheLab, DirectoriesInOtherOrders) {
 TEST_F(VxinitInTheLab, SwitchesBetweenUserAndRoot) {
   if (!lab::has_users()) return skip("no users but root here");
   setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // which may not look at a process of several ids
-  // At a level below -1 the ids are not printed.
-  const std::tuple<uid_t, uid_t, int, const char*> cases[] = {
-      {1000, 0, 1,
+  // Whether the ids are told, and what.
+  const std::tuple<uid_t, uid_t, bool, const char*> cases[] = {
+      {1000, 0, true,
        "nonp new uid 0 euid 1000\n=0,1000\np saved uid 1000 euid 0, current uid 0 euid 1000\n"
        "p new uid 0 euid 0\n=0,0\nnonp saved uid 1000 euid 0, current uid 0 euid 0\n=0,0\n"
-       "nonp saved uid 1000 euid 0, current uid 0 euid 0\nnonp new uid 0 euid 1000\n=0,1000\n"},
-      {1000, 0, 0,
-       "nonp new uid 0 euid 1000\n=0,1000\np new uid 0 euid 0\n=0,0\n=0,0\n"
-       "nonp new uid 0 euid 1000\n=0,1000\n"},
-      {1000, 0, -1, "nonp new uid 0 euid 1000\n=0,1000\n=0,0\n=0,0\n=0,1000\n"},
-      {1000, 0, -2, "=0,1000\n=0,0\n=0,0\n=0,1000\n"},
+       "=0,1000\n"},
+      {1000, 0, false, "=0,1000\n=0,0\n=0,0\n=0,1000\n"},
       // who cannot give up rights for good, nor take those of root
-      {1000, 2000, -2, "=1000,2000\n=1000,2000\n=1000,2000\n=1000,2000\n"},
-      {1000, 1000, 0, "=1000,1000\n=1000,1000\n=1000,1000\n=1000,1000\n"},
-      {0, 1000, -2, "=0,0\n=0,0\n=0,0\n=0,0\n"},
+      {1000, 2000, false, "=1000,2000\n=1000,2000\n=1000,2000\n=1000,2000\n"},
+      {1000, 1000, false, "=1000,1000\n=1000,1000\n=1000,1000\n=1000,1000\n"},
+      {0, 1000, false, "=0,0\n=0,0\n=0,0\n=0,0\n"},
   };
   for (const auto& each : cases) {
     in_locale("", [&each] {
-      const auto& [real, effective, level, told] = each;
+      const auto& [real, effective, tells, told] = each;
       vx_set_progname("kivtrap");
       const std::string log = "/ids." + std::to_string(getpid());  // of the lab alone
       dfopen(log.c_str());
-      if (level > -2) setenv("KIV_PRINT_UIDS", "", 1);
+      if (tells) setenv("KIV_PRINT_UIDS", "", 1);
       EXPECT_EQ(setregid(1001, 1002) + setreuid(real, effective), 0);
       void (*const steps[])() = {[] { vxinit("kiv"); },  // gives up what is not the user's
                                  set_privileged, set_nonprivileged, set_nonprivileged};
+      const int levels[] = {0, 1, 1, -1};
       for (int step = 0; step < 4; ++step) {
-        if (step == 1) Debug = level;
+        Debug = levels[step];
         set_vxinit_uid_flag(step != 2 ? 1 : 0);
         steps[step]();
         debugprintf("=%d,%d\n", static_cast<int>(getuid()), static_cast<int>(geteuid()));
