@@ -46,25 +46,19 @@ std::string listed() {
 TEST(OwnAddresses, OfInterfacesThatAreUp) {
   const std::string no_list = "set_ifconf_buffer: ioctl(SIOCGIFCONF): Input/output error\n";
   const std::string none = "kivtrap: No network interfaces detected!";
-  const struct {
-    const char* there;
-    int error;
-    std::string table, first, told{};
-  } cases[] = {
-      {"9 127.0.0.1 2 1 10.7.0.1 2 1 10.7.0.2 2", 0, "127.0.0.1 10.7.0.1 10.7.0.2 ", "10.7.0.1"},
-      {"0 10.8.0.1 2 9 127.0.0.1 2 9 127.0.0.2 2", 0, "127.0.0.1 127.0.0.2 ", "127.0.0.2"},
-      {"8 127.0.0.1 2 1 10.6.0.1 10 1 10.5.0.1 0", 0, "10.6.0.1 ", "0.0.0.0"},
-      {"-19 10.4.0.1 2 1 10.3.0.1 2", 0, "10.3.0.1 ", "10.3.0.1",
+  // The addresses of the table, and then the one that stands for all.
+  const std::tuple<const char*, int, std::string, std::string> cases[] = {
+      {"9 127.0.0.1 2 1 10.7.0.1 2 1 10.7.0.2 2", 0, "127.0.0.1 10.7.0.1 10.7.0.2 10.7.0.1", ""},
+      {"0 10.8.0.1 2 9 127.0.0.1 2 9 127.0.0.2 2", 0, "127.0.0.1 127.0.0.2 127.0.0.2", ""},
+      {"8 127.0.0.1 2 1 10.6.0.1 10 1 10.5.0.1 0", 0, "10.6.0.1 0.0.0.0", ""},
+      {"-19 10.4.0.1 2 1 10.3.0.1 2", 0, "10.3.0.1 10.3.0.1",
        "get_myaddress: flags ioctl: No such device\n"},
-      {"", 0, "", "0.0.0.0", none},
-      {"1 10.2.0.1 2", EINVAL, "", "0.0.0.0", none},
-      {"1 10.2.0.1 2", EIO, "", "0.0.0.0", no_list + none},
-  };
-  for (const auto& on : cases) {
-    const auto all = made_up(on.there);
-    EXPECT_EQ(printed_on(all, on.error, [&] { EXPECT_EQ(listed(), on.table); }),
-              on.error == EIO ? no_list : "");
-    EXPECT_EQ(printed_on(all, on.error, [&] { EXPECT_EQ(first_address(), on.first); }), on.told);
+      {"", 0, "0.0.0.0", none},
+      {"1 10.2.0.1 2", EINVAL, "0.0.0.0", none},
+      {"1 10.2.0.1 2", EIO, "0.0.0.0", no_list + no_list + none}};
+  for (const auto& [there, error, found, told] : cases) {
+    auto ask = [&wanted = found] { EXPECT_EQ(listed() + first_address(), wanted); };
+    EXPECT_EQ(printed_on(made_up(there), error, ask), told);
   }
   EXPECT_NE(listed().find("127.0.0.1"), std::string::npos) << "those of the machine";
 }

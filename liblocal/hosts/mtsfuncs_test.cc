@@ -1,7 +1,6 @@
 #include "liblocal/hosts/mtsfuncs.h"
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cerrno>

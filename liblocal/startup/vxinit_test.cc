@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
 #include <regex>
 #include <set>
@@ -82,10 +81,8 @@ TEST_F(VxinitInTheLab, OfEveryApplication) {
       setenv("KIV_PRINT_ORIGIN", "1", 1);
       setenv("LC_ALL", "C.UTF-8", 1);
       opterr = 1;
-      const bool tells = name != nullptr && installed != "-";
-      EXPECT_EQ(printed(tells ? 0 : -1, [&, name = name] { _vxinit(name, 1, argv); }),
-                tells ? "kivtrap: origin for `" + argv0 + "' is `/start/bin/'\n" : "");
-      copy[0] = 'x';
+      EXPECT_EQ(printed(-1, [&, name = name] { _vxinit(name, 1, argv); }), "");
+      copy = "Program.x";
       EXPECT_TRUE(vxinit_done() == 1 && opterr == 0);
       raise(SIGUSR2);  // which has its handler
       EXPECT_EQ(vx_get_argv0() + std::string(" ") + Dbgcmdpath, argv0 + " " + command);
@@ -105,7 +102,6 @@ TEST_F(VxinitInTheLab, OfEveryApplication) {
 
       setenv("LC_ALL", "C", 1);  // what comes once has come
       opterr = Force_debug = waits_for_debugger = 1;
-      strcpy(argv[0], "Program.x");
       EXPECT_EQ(printed(0, [&] { _vxinit("other", 1, argv); }),
                 "kivtrap: program (" + std::to_string(getpid()) + ") waiting to be debugged\n");
       EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C.UTF-8");
