@@ -57,7 +57,10 @@ TEST(OwnAddresses, OfInterfacesThatAreUp) {
       {"1 10.2.0.1 2", EINVAL, "0.0.0.0", none},
       {"1 10.2.0.1 2", EIO, "0.0.0.0", no_list + no_list + none}};
   for (const auto& [there, error, found, told] : cases) {
-    auto ask = [&wanted = found] { EXPECT_EQ(listed() + first_address(), wanted); };
+    auto ask = [&wanted = found] {
+      const std::string table = listed();
+      EXPECT_EQ(table + first_address(), wanted);
+    };
     EXPECT_EQ(printed_on(made_up(there), error, ask), told);
   }
   EXPECT_NE(listed().find("127.0.0.1"), std::string::npos) << "those of the machine";

@@ -90,6 +90,7 @@ TEST_F(DebugCommand, WhatIsTold) {
   // The line begins as any other does at that moment, and goes where they go.
   const std::string path = testing::TempDir() + "/debug_lines";
   char prefix[kMessagePrefixSize];
+  Debug = 1;
   dfopen(path.c_str());
   vx_set_progname("Renamed.exe");
   stand_ins::now = 1795036118;

@@ -92,7 +92,7 @@ TEST_F(Fullpath, Names) {
     }
   }
   EXPECT_EQ(resolved("", kPlain), "ENOENT");
-  EXPECT_EQ(fullpath("dir/../link_file"), "/t/link_file");
+  EXPECT_STREQ(fullpath("dir/../link_file"), "/t/link_file");
   char output[9];
   EXPECT_TRUE(fullpath2(nullptr, output, 9, kPlain) == nullptr && errno == EINVAL);
   EXPECT_TRUE(fullpath2("/", nullptr, 9, kPlain) == nullptr && errno == EINVAL);
