@@ -70,13 +70,13 @@ class SessionTest : public testing::Test {
     }
     snmp_read(&readable);
   }
-  // The status of a synchronous request, which has a response when that is 0 and else none.
-  static int ask_and_wait(snmp_session* session, int32_t command, long id) {
+  // Logs the status of a synchronous request; it has a response when that is 0 and else none.
+  void ask_and_wait(int32_t command, long id) {
     snmp_pdu *pdu = make_pdu(command, id), *response = pdu;  // anything
-    const int status = snmp_synch_response(session, pdu, &response);
+    const int status = snmp_synch_response(sessions[0], pdu, &response);
     EXPECT_EQ(response != nullptr && response->request_id == id, status == 0);
     snmp_free_pdu(response);
-    return status;
+    log += "=" + std::to_string(status) + " ";
   }
   // Does one step after the other. Those without a session are for the newest.
   void run(const std::string& steps) {
@@ -86,6 +86,7 @@ class SessionTest : public testing::Test {
       request_record* request = Sessions != nullptr ? Sessions->state->requests : nullptr;
       if (step == "open" || step == "sync") sessions.push_back(snmp_open(&wanted));
       if (step == "sync") snmp_synch_setup(sessions.back());
+      if (step == "soon") Sessions->session->timeout = Sessions->session->retries = 1;
       if (step == "ask") static_cast<void>(snmp_send(Sessions->session, make_pdu(0xA0, 7)));
       if (step == "sent") log += agent.receive_now().has_value() ? "" : "nothing ";
       if (step == "due") {  // the newest request, for the last time
@@ -100,10 +101,9 @@ class SessionTest : public testing::Test {
       if (step == "badf") failing_calls::refuse(failing_calls::waits, EBADF);
       if (step.starts_with("take")) result = argument - '0';  // what callbacks return
       if (step.starts_with("close")) snmp_close(sessions[static_cast<size_t>(argument - '0')]);
-      if (step.starts_with("wait") || (step.starts_with("deep") && depth == 16)) {
-        log += "=" + std::to_string(ask_and_wait(sessions[0], 0xA0, argument - '0')) + " ";
-        snmp_synch_state.response = nullptr;
-      }
+      if (step.starts_with("wait")) ask_and_wait(kSnmpGetRequest, argument - '0');
+      if (step.starts_with("trap")) ask_and_wait(kSnmpTrap, argument - '0');
+      if (step == "deep" && depth == 16) ask_and_wait(kSnmpGetRequest, 8);
       if (step == "left") {
         int left = 0;
         for (; request != nullptr; request = request->next) ++left;
@@ -207,31 +207,32 @@ TEST_F(SessionTest, SendsWithWhatWasMissing) {
 // own address and enterprise hold.
 TEST_F(SessionTest, FailuresToSend) {
   if (lab::skip_outside()) return;  // an address is out of reach
+  wanted.retries = 9;
   run("open ask sent");
   request_record* request = Sessions->state->requests;
-  const unique_pdu pdu(make_pdu(kSnmpGetRequest, 7));
-  auto refused = [&](snmp_session* by) {
-    std::string told = printed(0, [&] { EXPECT_EQ(snmp_send(by, pdu.get()), 0); });
-    EXPECT_EQ(Sessions->state->requests, Sessions->next == nullptr ? request : nullptr);
-    return told + std::to_string(snmp_errno);
+  // Of its PDU, sent on another session, and of its repetition.
+  auto told = [&](snmp_session* by) {
+    std::string text = printed(0, [&] { EXPECT_EQ(snmp_send(by, request->pdu), 0); });
+    text += std::to_string(snmp_errno) + "\n";
+    request->expires_at = {};
+    return text + printed(0, snmp_timeout);
   };
   snmp_session stranger = wanted;
-  EXPECT_EQ(refused(&stranger), "-4");
   request->pdu->address.sin_addr.s_addr = inet_addr("192.0.2.77");
-  pdu->address = request->pdu->address;
-  EXPECT_EQ(refused(sessions[0]), "sendto: Network is unreachable\n-1");
-  request->expires_at = {};
-  EXPECT_EQ(printed(0, snmp_timeout), "sendto: Network is unreachable\n");
-  pdu->command = request->pdu->command = kSnmpTrap;  // of an enterprise that is too long
-  pdu->enterprise_length = request->pdu->enterprise_length = 65;
-  EXPECT_EQ(refused(sessions[0]), "[41.65] Error building packet\n-1");
-  request->expires_at = {};
-  EXPECT_EQ(printed(0, snmp_timeout), "[41.65] Error building packet\n");
-  EXPECT_EQ(request->retries, 3);
-  EXPECT_EQ(agent.receive_now(), std::nullopt);
+  EXPECT_EQ(told(&stranger), "-4\nsendto: Network is unreachable\n");
+  EXPECT_EQ(told(sessions[0]),
+            "sendto: Network is unreachable\n-1\nsendto: Network is unreachable\n");
+  request->pdu->command = kSnmpTrap;  // of an enterprise that is too long
+  request->pdu->enterprise_length = 65;
+  EXPECT_EQ(told(sessions[0]),
+            "[41.65] Error building packet\n-1\n[41.65] Error building packet\n");
+  EXPECT_EQ(Sessions->state->requests, request);
   wanted.peer_name = nullptr;
-  pdu->address = {};
-  EXPECT_EQ(refused(snmp_open(&wanted)), "[41.64] No remote IP address specified\n-3");
+  request->pdu->address = {};
+  EXPECT_EQ(told(snmp_open(&wanted)),
+            "[41.64] No remote IP address specified\n-3\n[41.65] Error building packet\n");
+  EXPECT_EQ(request->retries, 5);
+  EXPECT_EQ(agent.receive_now(), std::nullopt);
 }
 
 TEST_F(SessionTest, RepeatsWithDoubledTimeOutsThenReports) {
@@ -276,7 +277,7 @@ TEST_F(SessionTest, Exchanges) {
       {twice + "read left", "time wait8", "1:7 =0 0left ", failed},
       {twice + "time left", "read", "2:7 0left ", ""},
       {twice + "time left", "time wait8", "2:7 =0 0left ", ""},
-      {"open " + many + many + many + "read", "read time deep8",
+      {"open " + many + many + many + "read", "read time deep",
        again + again + again + again + "=1 ", ""},
       // The round goes on with what is open and old, whatever a callback opens and closes.
       {three + "read", "close2", "1:7 1:7 1:7 ", ""},
@@ -293,15 +294,22 @@ TEST_F(SessionTest, Exchanges) {
       {"sync A107 A207 wait7 left read left A207 read", "", "=1 1left 0left ", ""},
       {"sync A208 A207 open A007 wait7", "wait8", "1:7 =0 =0 ", ""},  // one inside another
       {"sync open A007 wait7", "close0", "1:7 =1 ", ""},
+      {"sync soon wait7 trap7 close0 wait7", "", "=2 =1 =1 ", ""},
+      {"sync soon open A007 open A007 read", "wait0", "1:7 1:7 =2 =1 ", failed + failed},
   };
   for (const auto& [steps, steps_in_callback, wanted_log, told] : rows) {
-    in_callback = steps_in_callback;
-    log.clear();
-    result = 1;
-    EXPECT_EQ(printed(0, [&, &all = steps] { run(all); }), told) << steps << in_callback;
-    EXPECT_EQ(log, wanted_log) << steps << in_callback;
-    EXPECT_EQ(snmp_synch_state.response, nullptr);
-    close_all();
+    auto exchange = [&, &all = steps, &inside = steps_in_callback, &wanted = wanted_log,
+                     &text = told] {
+      SCOPED_TRACE(all + inside);
+      in_callback = inside;
+      log.clear();
+      result = 1;
+      EXPECT_EQ(printed(0, [&] { run(all); }), text);
+      EXPECT_EQ(log, wanted);
+      EXPECT_EQ(snmp_synch_state.waiting, 0);
+      close_all();
+    };
+    EXPECT_EQ(pieces_left_by(exchange), 0) << steps;
   }
 }
 
@@ -321,57 +329,36 @@ TEST_F(SessionTest, DumpsWhatIsSentRepeatedAndReceived) {
 }
 
 TEST_F(SessionTest, SelectInfo) {
-  vx_fd_set readable{};
-  int count = 0, block = 0;
-  timeval timeout{};
-  auto ask_info = [&](long seconds, int flag) {
-    timeout = {seconds, 0};
-    block = flag;
-    EXPECT_EQ(snmp_select_info(&count, &readable, &timeout, &block), 2);
-  };
   run("open ask ask open");
-  request_record* newest = std::exchange(Sessions->next->state->requests, nullptr);
-  ask_info(5, 1);
-  EXPECT_EQ(count, std::max(Sessions->state->socket, Sessions->next->state->socket) + 1);
-  EXPECT_TRUE(VX_FD_ISSET(Sessions->state->socket, &readable));
-  EXPECT_EQ(std::pair(timeout.tv_sec, block), std::pair(5L, 1));
-  // Seconds that the two requests have, the time-out and the block flag as given, and the
-  // least and the most seconds and the block flag that come back.
-  Sessions->next->state->requests = newest;
-  const long rows[][7] = {{100, 200, 5, 0, 5, 5, 0},
-                          {100, 200, 150, 0, 90, 100, 0},
-                          {200, 100, 5, 1, 90, 100, 0},
-                          {-1, 100, 0, 2, 0, 0, 2},
+  const session_entry* entry = Sessions->next;
+  request_record *newest = entry->state->requests, *oldest = newest->next;
+  // Seconds that the two requests have (0: it does not wait), the time-out and the block flag
+  // as given, and the least and the most seconds and the block flag that come back.
+  const long rows[][7] = {{0, 0, 5, 1, 5, 5, 1},          {100, 200, 5, 0, 5, 5, 0},
+                          {100, 200, 150, 0, 90, 100, 0}, {200, 100, 5, 1, 90, 100, 0},
+                          {0, 100, 150, 2, 90, 100, 0},   {-1, 100, 0, 2, 0, 0, 2},
                           {100, -1, 5, 0, 0, 0, 0}},
              now = time(nullptr);
+  // A descriptor that no set can name is left out, and counted as a session.
+  const int lower = entry->state->socket, higher = Sessions->state->socket;
   for (const auto& [newest_left, oldest_left, given, flag, least, most, wanted_flag] : rows) {
     newest->expires_at = {now + newest_left, 0};
-    newest->next->expires_at = {now + oldest_left, 0};
-    ask_info(given, static_cast<int>(flag));
-    EXPECT_TRUE(timeout.tv_sec >= least && timeout.tv_sec <= most) << timeout.tv_sec;
-    EXPECT_EQ(block, wanted_flag);
+    oldest->expires_at = {now + oldest_left, 0};
+    newest->busy = newest_left == 0;
+    oldest->busy = oldest_left == 0;
+    for (int socket : {kVxFdSetSize, higher}) {
+      Sessions->state->socket = socket;
+      vx_fd_set readable{};
+      timeval timeout = {given, 0};
+      int count = 0, block = static_cast<int>(flag);
+      EXPECT_EQ(snmp_select_info(&count, &readable, &timeout, &block), 2);
+      EXPECT_EQ(count, 1 + (socket == higher ? higher : lower));
+      EXPECT_TRUE(VX_FD_ISSET(lower, &readable));
+      EXPECT_EQ(VX_FD_ISSET(higher, &readable), socket == higher);
+      EXPECT_TRUE(timeout.tv_sec >= least && timeout.tv_sec <= most) << timeout.tv_sec;
+      EXPECT_EQ(block, wanted_flag);
+    }
   }
-  // A descriptor that no set can name is left out, and counted as a session.
-  const int named = std::exchange(Sessions->state->socket, kVxFdSetSize);
-  ask_info(count = 0, 0);
-  EXPECT_EQ(count, Sessions->next->state->socket + 1);
-  Sessions->state->socket = named;
-}
-
-TEST_F(SessionTest, SynchronousOwnership) {
-  wanted.timeout = 1000;
-  wanted.retries = 1;
-  run("sync");
-  EXPECT_EQ(ask_and_wait(sessions[0], kSnmpSetRequest, 7), 2);
-  EXPECT_EQ(std::pair(snmp_synch_state.request_id, snmp_synch_state.waiting), std::pair(7, 0));
-  // What gets no response, could not be sent or waits when its session is closed is not kept.
-  auto leave_nothing = [&] {
-    EXPECT_EQ(ask_and_wait(&wanted, kSnmpGetRequest, 7), 1);
-    EXPECT_EQ(ask_and_wait(sessions[0], kSnmpTrap, 7), 1);
-    run("open ask close1");
-    sessions.pop_back();
-  };
-  EXPECT_EQ(pieces_left_by(leave_nothing), 0);
 }
 
 // One operation fails of it, without a leak.

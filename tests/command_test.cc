@@ -9,6 +9,7 @@
 #include <regex>
 
 #include "tests/lab.h"
+#include "tests/locales.h"
 #include "tests/rpc_server.h"
 
 namespace {
@@ -60,8 +61,10 @@ TEST_F(CommandTest, CommandLines) {
   lab::write_file("/run/message", "from a file\nsecond line\n");
   const std::string sent = trap_message("disk full"), from_file = trap_message("from a file");
   const std::string parameters = "[41.73] community = public\ttrap = 6\tspecific=1\n";
-  const std::string bytes = std::regex_replace(sent, std::regex(".."), "$& ");
-  const std::string dump = std::regex_replace(bytes, std::regex(".{48}"), "$&\n") + "\n\n";
+  auto dump = [](const std::string& hex) {
+    const std::string bytes = std::regex_replace(hex, std::regex(".."), "$& ");
+    return std::regex_replace(bytes, std::regex(".{48}"), "$&\n") + "\n\n";
+  };
   auto with_codes = [](const char* codes, const char* community = "public") {
     return trap_message("disk full", community, codes);
   };
@@ -80,12 +83,11 @@ TEST_F(CommandTest, CommandLines) {
       {{"-v", "-t3", "-s", "70000", "-c", "a b", "manager"},
        with_codes("020103 0203011170", "a b"),
        "[41.73] community = a b\ttrap = 3\tspecific=70000\n"},
-      {{"-d", "-d", "manager"}, sent, dump},
-      {{"manager", "-d", "-d"}, sent, dump},
+      {{"-f", "/run/message", "-d", "manager"}, from_file, dump(from_file)},
+      {{"manager", "-d", "-d"}, sent, dump(sent)},
       {{"-t", "abc", "-s", "-1", "manager"}, with_codes("020100 0201FF")},
       {{"-f", "-", "manager"}, sent},
       {{"-f", "", "manager"}, sent},
-      {{"-f", "/run/message", "manager"}, from_file},
       {{"-f", "/no/such", "manager"}, "", "[41.25] file /no/such does not exist\n"},
       {{"-u", "1", "manager"}, sent, "", "[41.26] Up time: 0\n"},
       {{"-z", "manager"}, "", "", kUsage},
@@ -111,7 +113,13 @@ TEST_F(CommandTest, MessageIsTheFirstLineLessItsLastByte) {
       {"first\n" + line + "\n" + line, "first"},
       {line.substr(0, 1022) + "\nmore\n", line.substr(0, 1021)},
   };
-  for (const auto& [input, text] : cases) expect(kivtrap({"manager"}, input), trap_message(text));
+  const TemporaryDirectory place;  // of a locale with another codeset: texts are UTF-8 in any
+  const std::string locale = compile_locale(place.path(), "ISO-8859-1");
+  for (const auto& [input, text] : cases) {
+    lab::Command command = kivtrap({"manager"}, input);
+    command.environment = {"LOCPATH=" + place.path(), "LC_ALL=" + locale};
+    expect(command, trap_message(text));
+  }
 }
 
 TEST_F(CommandTest, UpTime) {

@@ -6,8 +6,9 @@
 
 #include "liblocal/text/utf8.h"
 #include "tests/failing_malloc.h"
-#include "tests/lab.h"
+#include "tests/rpc_server.h"
 #include "trap/delivery.h"
+#include "trap/probe.h"
 
 namespace {
 
@@ -31,32 +32,35 @@ TEST(WrapLine, Breaks) {
   }
 }
 
-TEST(ReadMessage, WithoutMemoryTheNextLineGetsItsChance) {
-  FILE* source = tmpfile();
-  fputs("line 1\nline 2\n", source);
-  rewind(source);
-  utf8_fp(source);
-  FailingMalloc failing(0, 1);
-  EXPECT_STREQ(read_message(source, false).get(), "line 2");
-}
-
-TEST(DeliverTrap, EveryAllocationMayFail) {
+// Without memory for a line the next one gets its chance.
+TEST(Trap, EveryAllocationMayFail) {
   if (lab::skip_without_ports()) return;
   lab::UdpReceiver station(162);
   const TrapOptions options = {"public", "1", "1", nullptr, "127.0.0.1"};
-  char message[] = "text";
   bool failed = true;
   for (int granted = 0; failed; ++granted) {
+    FILE* source = tmpfile();
+    fputs("line 1\nline 2\n", source);
+    rewind(source);
+    utf8_fp(source);
     testing::internal::CaptureStdout();
     FailingMalloc failing(granted, 1);
-    const int status = deliver_trap(options, "10.0.0.1", message);
+    const c_unique_ptr<char> message = read_message(source, false);
+    EXPECT_STREQ(message.get(), granted == 0 ? "line 2" : "line 1");
+    const int status = deliver_trap(options, "10.0.0.1", message.get());
     failed = failing.failed();
-    EXPECT_EQ(status, failed ? 1 : 0);
+    EXPECT_EQ(status, failed && granted > 0 ? 1 : 0);
     // Only the session says anything, and only of itself.
     EXPECT_THAT(testing::internal::GetCapturedStdout(),
                 testing::AnyOf("", "[41.27] Couldn't open snmp\n"));
-    EXPECT_EQ(station.receive_now().has_value(), !failed);
+    EXPECT_EQ(station.receive_now().has_value(), status == 0);
   }
+}
+
+TEST(WantsWrappedText, LeavesNothingBehind) {
+  if (lab::skip_without_ports()) return;
+  const lab::RpcServer mapper(7938, "127.0.0.1", lab::port_mapper(4711));
+  EXPECT_EQ(pieces_left_by([] { EXPECT_TRUE(wants_wrapped_text("127.0.0.1")); }), 0);
 }
 
 }  // namespace
