@@ -2,15 +2,13 @@
 #pragma once
 
 #include <barrier>
+#include <list>
 #include <thread>
-#include <vector>
 
 /// Runs `work(i)` for i in 0..count-1, each in a thread of its own, from the same moment on.
-template <typename Work>
-void in_threads(int count, Work work) {
+inline void in_threads(int count, auto work) {
   std::barrier start(count);
-  std::vector<std::jthread> threads;
-  threads.reserve(static_cast<size_t>(count));
+  std::list<std::jthread> threads;
   for (int i = 0; i < count; ++i) {
     threads.emplace_back([&start, &work, i] {
       start.arrive_and_wait();
