@@ -335,9 +335,16 @@ TEST(ErrTables, NamesSeveritiesAndTexts) {
 }
 
 TEST(ErrPrint, ByteForByte) {
+  static const char* const texts[] = {"fine", "worn"};
+  static const int32_t severities[] = {1, 2};
+  const std::string name(200, 'n');
+  for (int type : {-1, 10, 11}) err_settype(type, 1, name.c_str(), texts, severities);
+  EXPECT_EQ(err_type_of(10)->name, name.substr(0, 131));
+  EXPECT_EQ(shown(err_set(10, 2)), "100002 Unknown error");
   const std::tuple<vx_error_record, std::string, std::string> cases[] = {
       {*err_set(1, ENOMEM), "SYSTEM error: Cannot allocate memory", " (severity 5, number 12)"},
       {{92001, "50%d"}, "Jobs warning: 50%d", " (severity 2, number 1)"},
+      {*err_set(10, 1), "warning, worn", " (type 10, severity 2, number 1)"},  // not named
       {{0, "nothing"}, "error, nothing", ""},
       {{7, "bare"}, "error, bare", " (type 0, severity 0, number 7)"},
       {{1, "bare"}, "error, bare", " (type 0, severity 0, number 1)"},
@@ -349,16 +356,6 @@ TEST(ErrPrint, ByteForByte) {
     for (int level : {1, -1}) EXPECT_EQ(printed(level, print), line + detail + "\n");
   }
   EXPECT_EQ(printed(1, [] { err_print(nullptr); }), "");
-}
-
-TEST(ErrPrint, DoesNotNameARegisteredType) {
-  static const char* const texts[] = {"fine", "worn"};
-  static const int32_t severities[] = {1, 2};
-  const std::string name(200, 'n');
-  for (int type : {-1, 10, 11}) err_settype(type, 1, name.c_str(), texts, severities);
-  EXPECT_EQ(err_type_of(10)->name, name.substr(0, 131));
-  EXPECT_EQ(shown(err_set(10, 2)), "100002 Unknown error");
-  EXPECT_EQ(printed(0, [] { err_print(err_set(10, 1)); }), "kivtrap: warning, worn\n");
   err_settype(10, 0, "", nullptr, nullptr);
   EXPECT_EQ(err_type_of(10), nullptr);
 }
