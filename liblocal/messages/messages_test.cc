@@ -327,7 +327,7 @@ TEST(ErrTables, NamesSeveritiesAndTexts) {
     EXPECT_NE(Global_liblocal_p_varp.load(), nullptr) << "with it go the texts at the end";
     for (int taken : {28 + 33, 0}) {
       const long held = pieces_held();
-      err_unsetall();
+      liblocal_p_clean(varp_new_block<liblocal_p_varp>());  // as at the end of the process
       EXPECT_EQ(held - pieces_held(), taken) << "the default texts are left";
       EXPECT_STREQ(err_set(3, 32)->text, "Resource database busy");
     }

@@ -281,9 +281,9 @@ TEST(VxReference, TheLastOneDestroys) {
   probe.header.flags = kVxObjectValid;
   for (int32_t slot : {probe.header.slot, -1, 1 << 30}) {
     Probe stranger = {{kVxObjectValid, slot}};
-    EXPECT_EQ((Results{vx_reference(&stranger), vx_unreference(&stranger),
-                       _vx_unreference_from_destructor(&stranger), vx_error_get_last()}),
-              (Results{49, 49, -1, 49}));
+    EXPECT_EQ((Results{_vx_unreference_from_destructor(&stranger), vx_error_get_last(),
+                       vx_reference(&stranger), vx_unreference(&stranger)}),
+              (Results{-1, 49, 49, 49}));
   }
   EXPECT_EQ(vx_unreference(&probe), 101) << "the destroy function's result";
   EXPECT_EQ(vx_mutex_destroy(reinterpret_cast<vx_mutex*>(&probe)), 49);
