@@ -19,11 +19,10 @@ using lab::RpcServer;
 constexpr rpc_createerr kUntouched = {RPC_CANCELLED, {}};
 
 // In the lab, as mappers have fixed ports, and hosts their names.
-class CreateTest : public lab::ClientTestOn<LabTest> {
+class CreateTest : public lab::ClientTest {
  protected:
   void SetUp() override {
-    LabTest::SetUp();
-    if (IsSkipped()) return;
+    if (lab::skip_outside()) return;
     over_udp_.emplace(7938, "127.0.0.1", lab::port_mapper(4711));
     over_tcp_.emplace(7938, "127.0.0.1", lab::port_mapper(7938), SOCK_STREAM);
     *__get_rpc_createerr() = kUntouched;

@@ -8,20 +8,19 @@
 #include "rpc/client/rpcvarp.h"
 #include "rpc/transport/c_tcp.h"
 #include "rpc/transport/c_udp.h"
-#include "tests/lab.h"
 
 namespace lab {
 
 constexpr timeval kLong = {20, 0};  // nothing waits so long
+constexpr uint16_t kNobody = 9;     // a port
 enum Transport { kUdp, kTcp };
 
 inline sockaddr_in loopback(uint16_t port) {
   return {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
 }
 
-/// Tests of clients, on a Base that has what their servers need.
-template <typename Base>
-class ClientTestOn : public Base {
+/// Tests of clients.
+class ClientTest : public testing::Test {
  protected:
   void TearDown() override { destroy(); }
 
@@ -83,8 +82,5 @@ class ClientTestOn : public Base {
   int socket_ = -1;
   int32_t result_ = 0;
 };
-
-/// Their servers are on loopback, at ports that the system chose.
-using ClientTest = ClientTestOn<testing::Test>;
 
 }  // namespace lab

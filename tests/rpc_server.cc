@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,8 +12,10 @@
 
 namespace lab {
 
-RpcServer::RpcServer(int type, const std::string& address, uint16_t port)
-    : socket_(::socket(AF_INET, type | SOCK_CLOEXEC, 0)) {
+RpcServer::RpcServer(uint16_t port, const std::string& address, Conversation conversation, int type)
+    : type_(type),
+      socket_(::socket(AF_INET, type | SOCK_CLOEXEC, 0)),
+      connection_(type == SOCK_DGRAM ? socket_ : -1) {
   const sockaddr_in name = {AF_INET, htons(port), {inet_addr(address.c_str())}, {}};
   const int on = type == SOCK_STREAM ? 1 : 0;  // also the port of a server that has ended
   setsockopt(socket_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -22,23 +23,8 @@ RpcServer::RpcServer(int type, const std::string& address, uint16_t port)
       (on != 0 && listen(socket_, 8) != 0)) {
     throw std::system_error(errno, std::generic_category(), "a server's socket");
   }
-}
-
-RpcServer::RpcServer(uint16_t port, const std::string& address, Script script, int type)
-    : RpcServer(type, address, port) {
-  thread_ = std::jthread([this, type, run = std::move(script)] {
-    if (type == SOCK_DGRAM) return answer(run);
-    serve([&run](RpcServer& self) {
-      while (auto request = self.read_request()) {
-        for (const std::string& reply : run(*request)) self.send(fragment(reply));
-      }
-    });
-  });
-}
-
-RpcServer::RpcServer(Conversation conversation, uint16_t port)
-    : RpcServer(SOCK_STREAM, "127.0.0.1", port) {
-  thread_ = std::jthread([this, run = std::move(conversation)] { serve(run); });
+  thread_ = std::jthread(
+      [this, run = std::move(conversation)] { type_ == SOCK_DGRAM ? run(*this) : serve(run); });
 }
 
 RpcServer::~RpcServer() {
@@ -47,23 +33,9 @@ RpcServer::~RpcServer() {
     ended_ = true;
     if (connection_ != -1) shutdown(connection_, SHUT_RDWR);
   }
-  shutdown(socket_, SHUT_RDWR);  // ends an accept and a receive
+  shutdown(socket_, SHUT_RDWR);  // ends an accept
   thread_.join();
   close(socket_);
-}
-
-void RpcServer::answer(const Script& script) {
-  char bytes[65536];
-  sockaddr_storage from{};
-  auto* name = reinterpret_cast<sockaddr*>(&from);
-  for (;;) {
-    socklen_t size = sizeof from;
-    const ssize_t got = recvfrom(socket_, bytes, sizeof bytes, 0, name, &size);
-    if (got <= 0) return;
-    for (const std::string& reply : script(keep({bytes, static_cast<size_t>(got)}))) {
-      sendto(socket_, reply.data(), reply.size(), 0, name, size);
-    }
-  }
 }
 
 void RpcServer::serve(const Conversation& conversation) {
@@ -82,11 +54,6 @@ void RpcServer::serve(const Conversation& conversation) {
   }
 }
 
-std::string RpcServer::keep(const std::string& request) {
-  std::lock_guard lock(mutex_);
-  return requests_.emplace_back(request);
-}
-
 std::vector<std::string> RpcServer::requests() const {
   std::lock_guard lock(mutex_);
   return requests_;
@@ -99,28 +66,44 @@ uint16_t RpcServer::port() const {
   return ntohs(name.sin_port);
 }
 
-std::string RpcServer::read_bytes(size_t count) const {
+std::string RpcServer::read_bytes(size_t count) {
   std::string bytes(count, '\0');
   if (count == 0) return bytes;
-  const ssize_t got = recvfrom(connection_, bytes.data(), count, MSG_WAITALL, nullptr, nullptr);
+  peer_size_ = sizeof peer_;
+  const ssize_t got = recvfrom(connection_, bytes.data(), count, MSG_WAITALL,
+                               reinterpret_cast<sockaddr*>(&peer_), &peer_size_);
   bytes.resize(static_cast<size_t>(std::max<ssize_t>(got, 0)));
   return bytes;
 }
 
 std::optional<std::string> RpcServer::read_request() {
-  std::string record;
-  for (uint32_t header = 0; (header & 0x80000000) == 0;) {
-    const std::string bytes = read_bytes(sizeof header);
-    if (bytes.size() < sizeof header) return std::nullopt;
-    header = xdr_load<uint32_t>(bytes.data());
-    record += read_bytes(header & 0x7FFFFFFF);
+  std::string request;
+  if (type_ == SOCK_DGRAM) {
+    request = read_bytes(65536);
+    if (request.empty()) return std::nullopt;
+  } else {
+    for (uint32_t header = 0; (header & 0x80000000) == 0;) {
+      const std::string bytes = read_bytes(sizeof header);
+      if (bytes.size() < sizeof header) return std::nullopt;
+      header = xdr_load<uint32_t>(bytes.data());
+      request += read_bytes(header & 0x7FFFFFFF);
+    }
   }
-  return keep(record);
+  std::lock_guard lock(mutex_);
+  return requests_.emplace_back(request);
 }
 
 bool RpcServer::send(const std::string& bytes) const {
-  const ssize_t sent = ::send(connection_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  const ssize_t sent = sendto(connection_, bytes.data(), bytes.size(), MSG_NOSIGNAL,
+                              reinterpret_cast<const sockaddr*>(&peer_), peer_size_);
   return sent == static_cast<ssize_t>(bytes.size());
+}
+
+bool RpcServer::answer(const std::string& hex) {
+  const auto request = read_request();
+  if (!request) return false;
+  const std::string reply = reply_to(*request, hex);
+  return send(type_ == SOCK_DGRAM ? reply : fragment(reply));
 }
 
 std::string fragment(const std::string& bytes, bool last) {
@@ -128,19 +111,24 @@ std::string fragment(const std::string& bytes, bool last) {
   return std::string(reinterpret_cast<const char*>(&header), sizeof header) + bytes;
 }
 
-std::string reply_to(const std::string& request, const std::string& hex) {
-  return request.substr(0, 4) + from_hex(hex);
+std::string reply_to(const std::string& request, std::string hex) {
+  const std::string id = to_hex(request.substr(0, 4)), ok = "00000001000000000000000000000000";
+  for (const auto& [name, stands_for] : {std::pair("ID", id), {"OK", ok}}) {
+    for (size_t at; (at = hex.find(name)) != std::string::npos;) hex.replace(at, 2, stands_for);
+  }
+  return from_hex(hex);
 }
 
-std::string success_to(const std::string& request, const std::string& hex) {
-  return reply_to(request, "00000001 00000000 00000000 00000000 00000000" + hex);
+RpcServer::Conversation always(const std::string& hex) {
+  return [hex](RpcServer& server) {
+    while (server.answer(hex)) {
+    }
+  };
 }
 
-RpcServer::Script port_mapper(uint16_t port) {
-  const std::string bytes = {0, 0, static_cast<char>(port >> 8), static_cast<char>(port)};
-  return [hex = to_hex(bytes)](auto& request) { return std::vector{success_to(request, hex)}; };
+RpcServer::Conversation port_mapper(uint16_t port) {
+  const std::string bytes = {static_cast<char>(port >> 8), static_cast<char>(port)};
+  return always("ID OK 00000000 0000" + to_hex(bytes));
 }
-
-std::vector<std::string> silence(const std::string& /*request*/) { return {}; }
 
 }  // namespace lab
