@@ -51,10 +51,15 @@ TEST_F(CreateTest, TransportsByName) {
   setenv("KIV_TRANSPORT", "SPP", 1);
   for (const char* name : {"tcp", "PIPE", "shm", "spp", "", "Udp"}) {
     const bool udp = *name == 'U';
-    EXPECT_THAT(printed(3, [&] { client_ = __brix_clnt_create("", 5, 6, name); }),
-                testing::HasSubstr(udp ? "Calling clntudp_create function\n"
-                                       : "Calling clnttcp_create function\n"));
+    constexpr uint32_t kAllowed = kAuthMethodsSystem | 128;
+    EXPECT_THAT(printed(3, [&] { client_ = clnt_create_with_auth("", 5, 6, name, kAllowed); }),
+                testing::HasSubstr("Calling clnt" + std::string(udp ? "udp" : "tcp") +
+                                   "_create function\n"));
     ASSERT_NE(client_, nullptr) << name;
+    EXPECT_EQ(client_->auth->credential.flavour, kAuthNone);
+    uint32_t methods = 0;  // UDP has none
+    EXPECT_TRUE(control(CLGET_AUTH_METHODS, &methods) != udp &&
+                methods == (udp ? 0 : kAuthMethodsSystem));
     const auto limit = get<timeval>(CLGET_TIMEOUT);
     EXPECT_TRUE(limit.tv_sec == (udp ? 25 : 30) && limit.tv_usec == 0);
     EXPECT_TRUE(udp || call() == RPC_SUCCESS) << "the mapper itself answers";
@@ -87,18 +92,6 @@ TEST_F(CreateTest, WhatCannotBeMade) {
     unsetenv("KIV_TRANSPORT");
     expect_not_created(status, error);
     EXPECT_EQ(__get_rpc_createerr()->cause.status == RPC_CANTRECV, error == EIO);
-  }
-}
-
-TEST_F(CreateTest, WithAuthentication) {
-  for (auto [transport, allowed] : {std::pair{"udp", 0U}, {"tcp", kAuthMethodsSystem}}) {
-    client_ = clnt_create_with_auth("", 5, 6, transport, kAuthMethodsSystem | 128);
-    ASSERT_NE(client_, nullptr);
-    EXPECT_EQ(client_->auth->credential.flavour, kAuthNone);
-    uint32_t methods = 0;
-    EXPECT_EQ(control(CLGET_AUTH_METHODS, &methods), allowed != 0);
-    EXPECT_EQ(methods, allowed);
-    destroy();
   }
 }
 

@@ -6,9 +6,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <semaphore>
 
 #include "liblocal/hosts/svc_time.h"
 #include "liblocal/messages/liblvars.h"
@@ -29,6 +28,7 @@ using lab::kLong;
 using lab::kNobody;
 using lab::reply_to;
 using lab::RpcServer;
+using testing::ExitedWithCode;
 
 constexpr timeval kShort = {0, 50000};
 constexpr timeval kNone = {0, 0};
@@ -49,21 +49,19 @@ void echo(RpcServer& server) {
   }
 }
 
-// A wait function: cancels once it was called `left` times; lets others go on at each third.
+// A wait function: cancels once it was called `left` times.
 struct Watcher {
   int left = INT_MAX;
-  int calls = 0;
+  std::atomic<int> calls = 0;
   int restarts = 0;  // how often the time that was waited began anew
   timeval before{};
-  std::counting_semaphore<> go{0};
 
   static int32_t function(const timeval* elapsed, void* argument, const timeval* now) {
     auto* self = static_cast<Watcher*>(argument);
     EXPECT_TRUE(elapsed->tv_sec < kLong.tv_sec && now->tv_sec > 0);
     if (timercmp(elapsed, &self->before, <)) ++self->restarts;
     self->before = *elapsed;
-    if (++self->calls % 3 == 0) self->go.release();
-    return self->calls > self->left ? 1 : 0;
+    return ++self->calls > self->left ? 1 : 0;
   }
 };
 
@@ -262,57 +260,58 @@ TEST_F(TcpTest, FailuresOfWriting) {
   expect(send_much(kLong), RPC_CANTSEND, ECONNRESET);
 }
 
-// More calls than the sockets hold, to a peer that pauses before each portion.
-TEST_F(TcpTest, ABurstOfOneWayCallsArrivesWhole) {
-  constexpr size_t kCalls = 2500;
-  RpcServer server([](RpcServer& peer) {
-    for (int i = 1; auto request = peer.read_request(); ++i) {
-      if (i % 250 == 0) usleep(20000);
-      if (request->size() == 44) peer.send(fragment(reply_to(*request, kAnswer)));
-    }
-  });
+TEST_F(TcpTest, OneWayCallsLeaveWithTheNextCall) {
+  RpcServer server(always(kAnswer));
   connect(server);
-  auto filter = [](XDR* xdrs, void* bytes) { return __brix_xdr_opaque(xdrs, bytes, 4096); };
-  char bytes[4096] = {};
-  for (size_t i = 0; i < kCalls; ++i) {
-    const xdrproc_t arguments = i > 0 ? filter : xdrproc_t{};
-    ASSERT_EQ(client_->ops->call(client_, 7, arguments, bytes, nullptr, nullptr, kNone), 0);
-    EXPECT_TRUE(i > 0 || server.requests().empty()) << "it leaves with the next";
+  refuse(failing_calls::writes, EIO);
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_EQ(client_->ops->call(client_, 7, nullptr, nullptr, nullptr, nullptr, kNone), 0);
   }
-  EXPECT_EQ(call(), RPC_SUCCESS) << "it takes along what waits";
-  const auto requests = server.requests();
-  ASSERT_EQ(requests.size(), kCalls + 1);
-  for (size_t i = 0; i < kCalls; ++i) ASSERT_EQ(requests[i].size(), i > 0 ? 4136U : 40U);
+  EXPECT_EQ(failing_calls::writes.left.exchange(0), 1) << "nothing was written";
+  EXPECT_EQ(call(), RPC_SUCCESS);
+  std::string sizes;
+  for (const auto& request : server.requests()) sizes += std::to_string(request.size()) + " ";
+  EXPECT_EQ(sizes, "40 40 44 ");
 }
 
 // While the client cannot write, the peer sends before it reads on, and reads slowly.
 TEST_F(TcpTest, ASlowPeerIsWaitedForAndItsInputReadAhead) {
   constexpr size_t kRecord = kMuch + 48;  // with two headers and that of the call
-  // More empty fragments than may be read, a record, both kinds.
-  for (const std::string& early :
-       {std::string(kXdrRecMaxEmptyFragments * 4 + 4, '\0'), fragment("stray---"),
-        std::string(8, '\0') + fragment("stray---")}) {
+  const std::string stray = fragment("stray---");
+  const std::string empty_ones(kXdrRecMaxEmptyFragments * 4 + 4, '\0');  // more than may be read
+  // What comes (nothing: the end of input), how reading it fails at first, and the limit.
+  const std::tuple<std::string, int, timeval, clnt_stat> cases[] = {
+      {empty_ones, EINTR, kLong, RPC_SUCCESS},
+      {empty_ones, EAGAIN, kNone, RPC_TIMEDOUT},
+      {stray, 0, kLong, RPC_SUCCESS},
+      {std::string(8, '\0') + stray, 0, kLong, RPC_SUCCESS},
+      {"", 0, kLong, RPC_CANTRECV}};
+  for (const auto& [early, error, limit, status] : cases) {
     Watcher watcher;
-    RpcServer server([&](RpcServer& peer) {
+    RpcServer server([&watcher, &bytes = early](RpcServer& peer) {
       const int small = 1 << 16;
       setsockopt(peer.socket(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-      for (char byte : early) peer.send(std::string(1, byte));
-      std::string record;
-      while (record.size() < kRecord) {  // a portion when the client has waited
-        while (watcher.go.try_acquire()) {
-        }
-        if (!watcher.go.try_acquire_for(std::chrono::seconds(kLong.tv_sec))) return;
-        record += peer.read_bytes(std::min<size_t>(1 << 20, kRecord - record.size()));
+      for (char byte : bytes) peer.send(std::string(1, byte));
+      if (bytes.empty()) shutdown(peer.socket(), SHUT_WR);
+      std::string record, portion = " ";
+      while (record.size() < kRecord && !portion.empty()) {  // each when the client has waited
+        const int before = watcher.calls;
+        for (int i = 0; i < 200 && watcher.calls < before + 3; ++i) usleep(1000);
+        portion = peer.read_bytes(std::min<size_t>(1 << 20, kRecord - record.size()));
+        record += portion;
       }
       peer.send(fragment(reply_to(record.substr(4), kAnswer)));
       always(kAnswer)(peer);
     });
     connect(server);
-    watch(&watcher);
+    watch(&watcher, {0, 1000}, limit);
     ASSERT_TRUE(control(CLSET_WATCH_INPUT, client_));
-    EXPECT_EQ(send_much(kLong), RPC_SUCCESS);
+    refuse(failing_calls::reads, error, error != 0 ? 2 : 0);
+    EXPECT_EQ(send_much(limit), status);
     EXPECT_GE(watcher.restarts, 3);
-    EXPECT_TRUE(call() == RPC_SUCCESS && result_ == 42);
+    watch(&watcher);
+    EXPECT_EQ(call(), early.empty() ? RPC_CANTRECV : RPC_SUCCESS);
+    EXPECT_TRUE(early.empty() || result_ == 42);
   }
 }
 
@@ -404,11 +403,6 @@ TEST_F(TcpTest, SocketsOfTheCallerGetTheirModeBack) {
 class TcpDeathTest : public TcpTest {
  protected:
   void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-
-  // Ends with the status `result()`.
-  static void expect_exit(auto result, int status, const char* told = "") {
-    EXPECT_EXIT(_exit(result()), testing::ExitedWithCode(status), told);
-  }
 };
 
 TEST_F(TcpDeathTest, FailuresToConnect) {
@@ -439,7 +433,7 @@ TEST_F(TcpDeathTest, FailuresToConnect) {
         rpcport_add_range(42000, 42000, kPortConnection) == 0 && error_of(kNobody) == EADDRINUSE;
     return failed ? 100 - failing_calls::connects.left : 0;
   };
-  expect_exit(tries_with_one_port, 2);
+  EXPECT_EXIT(_exit(tries_with_one_port()), ExitedWithCode(2), "");
 }
 
 // The last of all exit functions finds the blocks of the process gone, and still makes and
@@ -465,9 +459,8 @@ TEST_F(TcpDeathTest, BlockingModesAtTheVeryEnd) {
       atexit([] { _exit(modes()); });
       get_rpc_p_varp();
       exit(0);
-      return 0;
     };
-    expect_exit(end, bits);
+    EXPECT_EXIT(end(), ExitedWithCode(bits), "");
   }
 }
 
@@ -485,7 +478,7 @@ TEST_F(TcpDeathTest, SwitchesOfTheDebugDirectoryAndOfBufferSizes) {
                        get_option(SOL_SOCKET, SO_SNDBUF) == before && comes_back(100000);
     return works ? failing_calls::writes.most + failing_calls::reads.most : 0;
   };
-  expect_exit(most_buffers, 2,
+  EXPECT_EXIT(_exit(most_buffers()), ExitedWithCode(2),
               "Auth methods not set, using default\n.*The environment variable KIV_SOCK_BUF_UNSET "
               "is set to 'Yes'. This overrides default behavior");
   for (const char* name : {"nowritev", "noreadv"}) unlink((directory + name).c_str());

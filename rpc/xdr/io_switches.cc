@@ -12,7 +12,7 @@ namespace {
 
 constexpr char kDefaultDirectory[] = "/kiv/debug";
 
-rpc_io_switches switches = {true, true, true};
+rpc_io_switches switches;
 
 bool is_there(const char* directory, const char* name) {
   c_unique_ptr<char> path(path_concat(directory, name));
