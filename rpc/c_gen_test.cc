@@ -87,7 +87,7 @@ TEST_F(CreateTest, WhatCannotBeMade) {
     *__get_rpc_createerr() = kUntouched;
     if (environment != nullptr) setenv("KIV_TRANSPORT", environment, 1);
     failing_calls::refuse(failing_calls::waits, EIO, 2);
-    client_ = __brix_clnt_create(host, 100122, 0, transport);
+    client_ = clnt_create_with_auth(host, 100122, 0, transport, kAuthMethodsNone);
     failing_calls::refuse(failing_calls::waits, 0, 0);
     unsetenv("KIV_TRANSPORT");
     expect_not_created(status, error);

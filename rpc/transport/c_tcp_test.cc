@@ -15,6 +15,7 @@
 #include "rpc/transport/brsvport.h"
 #include "rpc/xdr/x_rec.h"
 #include "tests/failing_calls.h"
+#include "tests/failing_malloc.h"
 #include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
 #include "tests/stand_ins.h"
@@ -59,7 +60,10 @@ struct Watcher {
   static int32_t function(const timeval* elapsed, void* argument, const timeval* now) {
     auto* self = static_cast<Watcher*>(argument);
     EXPECT_TRUE(elapsed->tv_sec < kLong.tv_sec && now->tv_sec > 0);
-    if (timercmp(elapsed, &self->before, <)) ++self->restarts;
+    if (timercmp(elapsed, &self->before, <)) {
+      EXPECT_EQ(elapsed->tv_sec, 0);
+      ++self->restarts;
+    }
     self->before = *elapsed;
     return ++self->calls > self->left ? 1 : 0;
   }
@@ -136,7 +140,9 @@ TEST_F(TcpTest, WhatCallsComeTo) {
       if (stays) stall(peer);
     });
     connect(server);
+    const long before = pieces_held();
     expect(call(), status, detail);
+    EXPECT_EQ(pieces_held(), before);
   }
 }
 
@@ -378,25 +384,6 @@ TEST_F(TcpTest, TheOneCallOption) {
     EXPECT_EQ(requests, so_far);
   }
   stream->ops = ops;
-}
-
-TEST_F(TcpTest, SocketsOfTheCallerGetTheirModeBack) {
-  RpcServer server(always(kAnswer));
-  connect(server);
-  const int twin = dup(socket_);
-  EXPECT_EQ(call(), RPC_SUCCESS);
-  destroy();
-  EXPECT_EQ(fcntl(twin, F_GETFL) & O_NONBLOCK, 0) << "one that is closed blocks";
-  for (bool non_blocking : {false, true}) {
-    fcntl(twin, F_SETFL, non_blocking ? O_NONBLOCK : 0);
-    connect(server, twin);
-    EXPECT_TRUE(!non_blocking || control(CLSET_TIMEOUT, nullptr));
-    EXPECT_EQ(call(), RPC_SUCCESS);
-    EXPECT_EQ(is_non_blocking(), !non_blocking) << "as the limits want it";
-    destroy();
-    EXPECT_EQ(is_non_blocking(), non_blocking);
-  }
-  close(twin);
 }
 
 // What follows needs processes of its own, whose peers end before they do.
