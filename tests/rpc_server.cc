@@ -12,6 +12,13 @@
 
 namespace lab {
 
+uint16_t port_of(int socket) {
+  sockaddr_in name{};
+  socklen_t size = sizeof name;
+  getsockname(socket, reinterpret_cast<sockaddr*>(&name), &size);
+  return ntohs(name.sin_port);
+}
+
 RpcServer::RpcServer(uint16_t port, const std::string& address, Conversation conversation, int type)
     : type_(type),
       socket_(::socket(AF_INET, type | SOCK_CLOEXEC, 0)),
@@ -57,13 +64,6 @@ void RpcServer::serve(const Conversation& conversation) {
 std::vector<std::string> RpcServer::requests() const {
   std::lock_guard lock(mutex_);
   return requests_;
-}
-
-uint16_t RpcServer::port() const {
-  sockaddr_in name{};
-  socklen_t size = sizeof name;
-  getsockname(socket_, reinterpret_cast<sockaddr*>(&name), &size);
-  return ntohs(name.sin_port);
 }
 
 std::string RpcServer::read_bytes(size_t count) {

@@ -15,6 +15,9 @@
 
 namespace lab {
 
+/// The port of a bound socket.
+uint16_t port_of(int socket);
+
 /// A server in a thread of its own. Its end ends what it is doing.
 class RpcServer {
  public:
@@ -28,7 +31,7 @@ class RpcServer {
       : RpcServer(0, "127.0.0.1", std::move(conversation), type) {}
   ~RpcServer();
 
-  uint16_t port() const;
+  uint16_t port() const { return port_of(socket_); }
   /// The datagrams and records that were read until now.
   std::vector<std::string> requests() const;
 

@@ -1,7 +1,6 @@
 #include "rpc/transport/brsvport.h"
 
 #include <gmock/gmock.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,11 +8,11 @@
 #include <mutex>
 #include <set>
 
+#include "rpc/client/rpcvarp.h"
 #include "rpc/transport/c_transport.h"
 #include "tests/failing_malloc.h"
-#include "tests/lab.h"
 #include "tests/printed.h"
-#include "tests/rpc_client.h"
+#include "tests/rpc_server.h"
 #include "tests/threads.h"
 
 namespace {
@@ -33,15 +32,12 @@ class BindTest : public testing::Test {
   // The port that a new socket was bound to; the negative errno when it was not.
   int bind_new(int32_t type, const sockaddr_in* address = nullptr) {
     const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    std::unique_lock lock(mutex_);
-    open_.push_back(descriptor);
-    lock.unlock();
+    {
+      std::lock_guard lock(mutex_);
+      open_.push_back(descriptor);
+    }
     const int bound = __brix_bindresvport(descriptor, address, type);
-    if (bound != 0) return bound * errno;
-    sockaddr_in own{};
-    socklen_t size = sizeof own;
-    getsockname(descriptor, reinterpret_cast<sockaddr*>(&own), &size);
-    return ntohs(own.sin_port);
+    return bound != 0 ? bound * errno : lab::port_of(descriptor);
   }
 
   // What is told at a debug level when a socket is to be bound with this result.

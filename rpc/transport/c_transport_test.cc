@@ -252,14 +252,7 @@ TEST_P(TransportTest, CreationFails) {
 
 INSTANTIATE_TEST_SUITE_P(Both, TransportTest, testing::Values(lab::kUdp, lab::kTcp));
 
-class UdpTest : public lab::ClientTest {
- protected:
-  void connect(const RpcServer& server, timeval retry = lab::kLong) {
-    ASSERT_NE(create(lab::kUdp, server.port(), -1, 100, retry), nullptr);
-  }
-
-  RpcServer silent_{lab::always(""), SOCK_DGRAM};  // what it sends is no reply
-};
+using UdpTest = lab::ClientTest;
 
 TEST_F(UdpTest, DatagramsThatAreNotTheReplyAreDropped) {
   auto strays = [](RpcServer& peer) {
@@ -270,13 +263,20 @@ TEST_F(UdpTest, DatagramsThatAreNotTheReplyAreDropped) {
     }
   };
   RpcServer server(strays, SOCK_DGRAM);
-  connect(server);
+  ASSERT_NE(create(lab::kUdp, server.port()), nullptr);
   errno = EIO;
   expect(call(), RPC_CANTDECODERES);  // as what comes last is no reply
   EXPECT_EQ(server.requests().size(), 1U);
 }
 
-TEST_F(UdpTest, Retransmission) {
+TEST_F(UdpTest, RetransmissionByTheTimesThatAreSet) {
+  RpcServer silent(lab::always(""), SOCK_DGRAM);  // what it sends is no reply
+  ASSERT_NE(create(lab::kUdp, silent.port()), nullptr);
+  EXPECT_NE(fcntl(socket_, F_GETFL) & O_NONBLOCK, 0);
+  timeval time = get<timeval>(CLGET_TIMEOUT);
+  EXPECT_TRUE(time.tv_sec == -1 && time.tv_usec == -1);
+  time = get<timeval>(CLGET_RETRY_TIMEOUT);
+  EXPECT_TRUE(timercmp(&time, &lab::kLong, ==));
   // Each retry time and limit, the datagrams sent, and how long one wait is.
   const std::tuple<timeval, timeval, size_t, timeval> cases[] = {
       {{5, 0}, {25, 0}, 5, {5, 0}},          {{5, 0}, {25, 1}, 6, {5, 0}},
@@ -284,34 +284,20 @@ TEST_F(UdpTest, Retransmission) {
       {{25, 0}, {1, 0}, 1, {25, 0}},         {{0, 0}, {3, 0}, 1, {3, 0}},
       {{0, 0}, {0, 1}, 1, {0, 1}},           {{7, 0}, {0, 0}, 1, {0, 1}}};
   size_t all = 0;
-  for (const auto& [retry, limit, sent, waited] : cases) {
-    connect(silent_, retry);
+  for (auto [retry, limit, sent, waited] : cases) {
+    EXPECT_TRUE(control(CLSET_RETRY_TIMEOUT, &retry) && control(CLSET_TIMEOUT, &limit));
+    const auto got = get<timeval>(CLGET_TIMEOUT), each = get<timeval>(CLGET_RETRY_TIMEOUT);
+    EXPECT_TRUE(timercmp(&got, &limit, ==) && timercmp(&each, &retry, ==));
     refuse(failing_calls::waits, 0, 100);
-    expect(call(limit), RPC_TIMEDOUT);
+    expect(call(), RPC_TIMEDOUT);
     EXPECT_TRUE(timercmp(&failing_calls::last_wait, &waited, ==)) << all;
     all += sent;
-    for (int i = 0; i < 5000 && silent_.requests().size() < all; ++i) usleep(1000);
-    const auto requests = silent_.requests();
+    for (int i = 0; i < 5000 && silent.requests().size() < all; ++i) usleep(1000);
+    const auto requests = silent.requests();
     ASSERT_EQ(requests.size(), all);
     for (size_t i = 1; i <= sent; ++i) EXPECT_EQ(requests[all - i], requests.back());
   }
   refuse(failing_calls::waits, 0, 0);
-}
-
-TEST_F(UdpTest, ControlRequests) {
-  connect(silent_);
-  EXPECT_NE(fcntl(socket_, F_GETFL) & O_NONBLOCK, 0);
-  timeval time = get<timeval>(CLGET_TIMEOUT);
-  EXPECT_TRUE(time.tv_sec == -1 && time.tv_usec == -1);
-  time = {0, 0};
-  ASSERT_TRUE(control(CLSET_TIMEOUT, &time));
-  EXPECT_EQ(call(lab::kLong), RPC_TIMEDOUT);  // the client's limit wins over the call's
-  time = {3, 4};
-  ASSERT_TRUE(control(1, &time));
-  EXPECT_EQ(get<timeval>(2).tv_usec, 4);
-  EXPECT_EQ(get<timeval>(5).tv_sec, lab::kLong.tv_sec);
-  ASSERT_TRUE(control(4, &time));
-  EXPECT_EQ(get<timeval>(5).tv_sec, 3);
 }
 
 TEST(RpcCommon, TheTableOfDescriptorsHasTheirLimitAndWhatCanBeWaitedFor) {
