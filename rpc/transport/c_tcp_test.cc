@@ -117,29 +117,38 @@ class TcpTest : public lab::ClientTest {
 };
 
 TEST_F(TcpTest, WhatCallsComeTo) {
-  // Whether the connection stays.
-  const std::tuple<const char*, const char*, bool, clnt_stat, int32_t> cases[] = {
-      {"closed", "", false, RPC_CANTRECV, ECONNRESET},
-      {"closed within a reply", "8000001C ID 00", false, RPC_CANTRECV, ECONNRESET},
-      {"a fragment too large", "7F7F7F7F", true, RPC_CANTRECV, ECONNRESET},
-      {"broken units", "80000003 000000", true, RPC_CANTRECV, ECONNRESET},
-      {"results cut off", "80000018 ID OK 00000000", true, RPC_CANTDECODERES, 0},
-      {"in too much", "00000018 ID OK 00000000 7F7F7F7F", true, RPC_CANTRECV, ECONNRESET},
-      {"versions", "80000020 ID OK 00000002 00000003 00000004", true, RPC_PROGVERSMISMATCH, 3},
+  enum Then { kStay, kClose, kUrgent, kFlood };  // urgent data; the same again and again
+  const std::tuple<const char*, const char*, Then, clnt_stat, int32_t> cases[] = {
+      {"closed", "", kClose, RPC_CANTRECV, ECONNRESET},
+      {"closed within a reply", "8000001C ID 00", kClose, RPC_CANTRECV, ECONNRESET},
+      {"urgent data", "", kUrgent, RPC_CANTRECV, ECONNRESET},
+      {"a fragment too large", "7F7F7F7F", kStay, RPC_CANTRECV, ECONNRESET},
+      {"broken units", "80000003 000000", kStay, RPC_CANTRECV, ECONNRESET},
+      {"results cut off", "80000018 ID OK 00000000", kStay, RPC_CANTDECODERES, 0},
+      {"in too much", "00000018 ID OK 00000000 7F7F7F7F", kStay, RPC_CANTRECV, ECONNRESET},
+      {"versions", "80000020 ID OK 00000002 00000003 00000004", kStay, RPC_PROGVERSMISMATCH, 3},
       {"behind a reply to another call, one that is cut off, nothing, and what is no reply",
        "80000018 00000000 OK 00000000"
        "80000018 00000000 00000001 00000000 00000000 00000008 12345678 80000000 80000004 00000000"
        "8000001C ID OK 00000000 0000002A",
-       true, RPC_SUCCESS, 0}};
-  for (const auto& [what, answer, stays, status, detail] : cases) {
+       kStay, RPC_SUCCESS, 0},
+      {"replies to another call", "80000018 00000000 OK 00000000 00000000", kFlood, RPC_TIMEDOUT,
+       0},
+      {"what is no reply", "80000004 00000000", kFlood, RPC_TIMEDOUT, 0},
+      {"a record without end", "00000004 00000000", kFlood, RPC_TIMEDOUT, 0}};
+  for (const auto& [what, answer, then, status, detail] : cases) {
     SCOPED_TRACE(what);
-    RpcServer server([hex = answer, stays = stays](RpcServer& peer) {
-      peer.send(reply_to(*peer.read_request(), hex));
-      if (stays) stall(peer);
+    RpcServer server([hex = answer, then = then](RpcServer& peer) {
+      std::string bytes = reply_to(*peer.read_request(), hex);
+      for (int i = 0; i < 12 && then == kFlood; ++i) bytes += bytes;
+      while (peer.send(bytes) && then == kFlood) {
+      }
+      if (then == kUrgent) ::send(peer.socket(), "!", 1, MSG_OOB);
+      if (then != kClose) stall(peer);
     });
     connect(server);
     const long before = pieces_held();
-    expect(call(), status, detail);
+    expect(call(then == kFlood ? kShort : kLong), status, detail);
     EXPECT_EQ(pieces_held(), before);
   }
 }
@@ -175,6 +184,8 @@ TEST_F(TcpTest, TimeLimits) {
   watch(&watcher, {0, 35000}, kShort);
   expect(call(), RPC_TIMEDOUT);
   EXPECT_EQ(watcher.before.tv_usec, kShort.tv_usec) << "the last step ends with the limit";
+  refuse(failing_calls::waits, EINTR, INT_MAX);
+  expect(call(), RPC_TIMEDOUT);
   // Times that cannot be waited for as they are.
   const std::pair<timeval, timeval> steps[] = {{{-1, 5}, {1000000000, 0}},
                                                {{3, -1}, {1000000000, 0}},
@@ -191,31 +202,10 @@ TEST_F(TcpTest, TimeLimits) {
   }
 }
 
-TEST_F(TcpTest, NothingProlongsTheWaitForAReply) {
-  // Signals, replies to another call, what is none, a record without end.
-  for (const char* flood : {"", "80000018 00000000 00000001 00000000 00000000 00000000 00000000",
-                            "80000004 00000000", "00000004 00000000"}) {
-    SCOPED_TRACE(flood);
-    RpcServer server([flood](RpcServer& peer) {
-      std::string much = reply_to(*peer.read_request(), flood);
-      for (int i = 0; i < 12; ++i) much += much;
-      while (!much.empty() && peer.send(much)) {
-      }
-      stall(peer);
-    });
-    connect(server);
-    refuse(failing_calls::waits, EINTR, *flood == '\0' ? INT_MAX : 0);
-    EXPECT_EQ(call(kShort), RPC_TIMEDOUT);
-  }
-  refuse(failing_calls::waits, 0, 0);
-}
-
 TEST_F(TcpTest, CancellationAtEveryCallOfTheWaitFunction) {
   RpcServer server([](RpcServer& peer) {
-    while (auto request = peer.read_request()) {
-      usleep(5000);  // some steps
-      peer.send(fragment(reply_to(*request, kAnswer)));
-    }
+    do usleep(5000);  // some steps
+    while (peer.answer(kAnswer));
   });
   connect(server);
   Watcher watcher;
@@ -252,12 +242,6 @@ TEST_F(TcpTest, FailuresOfWriting) {
     watch(nullptr);
     expect(call(), RPC_CANTSEND, EPIPE);  // a part of a record has left
   }
-  RpcServer urgent([](RpcServer& peer) {
-    ::send(peer.socket(), "!", 1, MSG_OOB);
-    stall(peer);
-  });
-  connect(urgent);
-  expect(send_much(kLong), RPC_CANTSEND, ECONNRESET);
 }
 
 TEST_F(TcpTest, OneWayCallsLeaveWithTheNextCall) {
@@ -379,12 +363,10 @@ TEST_F(TcpTest, TheOneCallOption) {
 }
 
 // What follows needs processes of its own, whose peers end before they do.
-class TcpDeathTest : public TcpTest {
- protected:
-  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-};
+using TcpDeathTest = TcpTest;
 
 TEST_F(TcpDeathTest, FailuresToConnect) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   RpcServer server(stall);
   // So many connects are refused with an error.
   const std::tuple<int, int, uint16_t, int> cases[] = {{0, 0, kNobody, ECONNREFUSED},
@@ -413,6 +395,7 @@ TEST_F(TcpDeathTest, FailuresToConnect) {
 // The last of all exit functions finds the blocks of the process gone, and still makes and
 // uses clients.
 TEST_F(TcpDeathTest, WhatTheEnvironmentSetsHoldsToTheVeryEnd) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   // Bit 0: it blocks with a limit; 1: without; 2: without while input is watched; 3: two buffers
   // are transferred at once; 4: those of the socket keep their size.
   static auto found = [this] {
