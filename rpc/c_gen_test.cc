@@ -14,6 +14,7 @@
 
 namespace {
 
+using lab::equal;
 using lab::RpcServer;
 
 constexpr rpc_createerr kUntouched = {RPC_CANCELLED, {}};
@@ -32,37 +33,30 @@ class CreateTest : public lab::ClientTest {
   std::optional<RpcServer> over_udp_, over_tcp_;  // know every program
 };
 
-TEST_F(CreateTest, OwnNamesGoToLoopback) {
-  for (const char* host :
-       {static_cast<const char*>(nullptr), "", "lab-host", "127.0.0.1", "192.0.2.1", "  manager"}) {
-    SCOPED_TRACE(testing::PrintToString(host));
-    client_ = __brix_clnt_create(host, 100122, 0, "UdP");
-    ASSERT_NE(client_, nullptr);
-    const auto server = get<sockaddr_in>(CLGET_SERVER_ADDR);
-    EXPECT_TRUE(server.sin_addr.s_addr == htonl(INADDR_LOOPBACK) && server.sin_port == htons(4711));
-    const auto retry = get<timeval>(CLGET_RETRY_TIMEOUT);
-    EXPECT_TRUE(retry.tv_sec == 5 && retry.tv_usec == 0);
-    destroy();
-  }
-  EXPECT_EQ(__get_rpc_createerr()->status, RPC_CANCELLED) << "success does not clear it";
-}
-
-TEST_F(CreateTest, TransportsByName) {
+TEST_F(CreateTest, OwnNamesGoToLoopbackOverEveryTransport) {
   setenv("KIV_TRANSPORT", "SPP", 1);
-  for (const char* name : {"tcp", "PIPE", "shm", "spp", "", "Udp"}) {
+  const std::pair<const char*, const char*> cases[] = {{nullptr, "tcp"},    {"", "PIPE"},
+                                                       {"lab-host", "shm"}, {"127.0.0.1", "spp"},
+                                                       {"192.0.2.1", ""},   {"  manager", "Udp"}};
+  for (const auto& [host, name] : cases) {
+    SCOPED_TRACE(name);
     const bool udp = *name == 'U';
+    const std::string kind = udp ? "udp" : "tcp";
     constexpr uint32_t kAllowed = kAuthMethodsSystem | 128;
-    EXPECT_THAT(printed(3, [&] { client_ = clnt_create_with_auth("", 5, 6, name, kAllowed); }),
-                testing::HasSubstr("Calling clnt" + std::string(udp ? "udp" : "tcp") +
-                                   "_create function\n"));
-    ASSERT_NE(client_, nullptr) << name;
+    const auto make = [&, host = host, name = name] {
+      client_ = clnt_create_with_auth(host, 100122, 0, name, kAllowed);
+    };
+    EXPECT_THAT(printed(3, make), testing::HasSubstr("Calling clnt" + kind + "_create function\n"));
+    ASSERT_NE(client_, nullptr);
+    const auto found = get<sockaddr_in>(CLGET_SERVER_ADDR);
+    EXPECT_TRUE(found.sin_addr.s_addr == htonl(INADDR_LOOPBACK));
+    EXPECT_EQ(ntohs(found.sin_port), udp ? 4711 : 7938);
     EXPECT_EQ(client_->auth->credential.flavour, kAuthNone);
     uint32_t methods = 0;  // UDP has none
     EXPECT_TRUE(control(CLGET_AUTH_METHODS, &methods) != udp &&
                 methods == (udp ? 0 : kAuthMethodsSystem));
-    const auto limit = get<timeval>(CLGET_TIMEOUT);
-    EXPECT_TRUE(limit.tv_sec == (udp ? 25 : 30) && limit.tv_usec == 0);
-    EXPECT_TRUE(udp || call() == RPC_SUCCESS) << "the mapper itself answers";
+    EXPECT_TRUE(equal(get<timeval>(CLGET_TIMEOUT), {udp ? 25 : 30, 0}));
+    EXPECT_TRUE(udp ? equal(get<timeval>(CLGET_RETRY_TIMEOUT), {5, 0}) : call() == RPC_SUCCESS);
     destroy();
   }
   sockaddr_in server = lab::loopback(7938);
@@ -71,7 +65,7 @@ TEST_F(CreateTest, TransportsByName) {
   EXPECT_EQ(to_hex({reinterpret_cast<char*>(server.sin_zero), 8}), "0000000000000000");
   server.sin_family = AF_INET6;
   EXPECT_EQ(clntgen_create(&server, 5, 6, nullptr, &socket_, 0, 0), nullptr);
-  EXPECT_EQ(__get_rpc_createerr()->status, RPC_CANCELLED);
+  EXPECT_EQ(__get_rpc_createerr()->status, RPC_CANCELLED) << "success does not clear it";
 }
 
 TEST_F(CreateTest, WhatCannotBeMade) {

@@ -8,18 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 
-namespace failing_calls {
-
-Refusal connects, reads, writes, waits;
-timeval last_wait;
-
-void refuse(Refusal& calls, int error, int count) {
-  calls.error = error;
-  calls.left = count;
-}
-
-}  // namespace failing_calls
-
 using namespace failing_calls;
 
 namespace {

@@ -17,12 +17,15 @@ struct Refusal {
 
 /// A connect that fails with EINTR goes on by itself, as the platform's does. Reads are
 /// readv and recv.
-extern Refusal connects, reads, writes, waits;
+inline Refusal connects, reads, writes, waits;
 
 /// What the last select was to wait.
-extern timeval last_wait;
+inline timeval last_wait;
 
 /// Lets the next `count` calls fail with `error`; waits with 0 find nothing, at once.
-void refuse(Refusal& calls, int error, int count = 1);
+inline void refuse(Refusal& calls, int error, int count = 1) {
+  calls.error = error;
+  calls.left = count;
+}
 
 }  // namespace failing_calls

@@ -19,6 +19,8 @@ inline sockaddr_in loopback(uint16_t port) {
   return {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
 }
 
+inline bool equal(timeval left, timeval right) { return timercmp(&left, &right, ==); }
+
 /// Tests of clients.
 class ClientTest : public testing::Test {
  protected:
@@ -30,14 +32,13 @@ class ClientTest : public testing::Test {
   }
 
   /// Makes `client_`, of program 5 and version 6 at 127.0.0.1, in the place of the last.
-  CLIENT* create(Transport transport, uint16_t port, int socket = -1, uint32_t size = 100,
-                 timeval retry = kLong) {
+  CLIENT* create(Transport transport, uint16_t port, int socket = -1, uint32_t size = 100) {
     destroy();
     sockaddr_in server = loopback(port);
     socket_ = socket;
     return client_ = transport == kTcp
                          ? __brix_clnttcp_create(&server, 5, 6, &socket_, size, size)
-                         : __brix_clntudp_bufcreate(&server, 5, 6, retry, &socket_, size, size);
+                         : __brix_clntudp_bufcreate(&server, 5, 6, kLong, &socket_, size, size);
   }
 
   /// Calls procedure 7 with the argument 8.

@@ -4,8 +4,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
-#include <mutex>
 #include <set>
 
 #include "rpc/client/rpcvarp.h"
@@ -26,16 +26,12 @@ const sockaddr_in kElsewhere = {AF_INET, 0, {htonl(0xC0000263)}, {}};
 class BindTest : public testing::Test {
  protected:
   void TearDown() override {
-    for (int descriptor : open_) close(descriptor);
+    while (count_ > 0) close(open_[--count_]);
   }
 
   // The port that a new socket was bound to; the negative errno when it was not.
   int bind_new(int32_t type, const sockaddr_in* address = nullptr) {
-    const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    {
-      std::lock_guard lock(mutex_);
-      open_.push_back(descriptor);
-    }
+    const int descriptor = open_[count_++] = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const int bound = __brix_bindresvport(descriptor, address, type);
     return bound != 0 ? bound * errno : lab::port_of(descriptor);
   }
@@ -48,8 +44,8 @@ class BindTest : public testing::Test {
     });
   }
 
-  std::mutex mutex_;
-  std::vector<int> open_;
+  std::atomic<size_t> count_ = 0;
+  int open_[700];
 };
 
 TEST_F(BindTest, WithoutRangesTheSystemChooses) {
