@@ -15,45 +15,29 @@
 #include "liblocal/text/i18n_printf.h"
 #include "tests/word_arguments.h"
 
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-
 extern "C" const char* __asan_default_options() {
   return "allocator_may_return_null=1:max_allocation_size_mb=32";
 }
 
-namespace {
-
 constexpr size_t kTextSize = 4096;
 constexpr size_t kLongestFormat = 600;  // may name more than 255 arguments
-
-std::string formatted(const std::string& format, va_list arguments) {
-  char* area = nullptr;
-  const int length = i18n_vsprintf(nullptr, &area, format.c_str(), arguments);
-  assert(area != nullptr && area[length] == '\0');
-  const std::string text(area, static_cast<size_t>(length));
-  free(area);
-  return text;
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string input(reinterpret_cast<const char*>(data), size);
   const size_t end = input.find('\0');
-  if (end >= kTextSize - 16) return 0;  // NULs for a wide string, too
-  const std::string format(input.c_str() + end + 1);
-  if (format.size() > kLongestFormat) return 0;
+  const std::string format(&input[end + 1]);
+  // NULs for a wide string, too.
+  if (end >= kTextSize - 16 || format.size() > kLongestFormat) return 0;
   static auto* const text =
       static_cast<char*>(mmap(reinterpret_cast<void*>(0x10000), kTextSize, PROT_READ | PROT_WRITE,
                               MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0));
   assert(text != MAP_FAILED);
-  memset(text, 0, kTextSize);
-  memcpy(text, input.data(), end);
+  strncpy(text, input.c_str(), kTextSize);  // and NULs to its end
   const std::vector<uint64_t> words(2 * (255 + 2 * kLongestFormat),
                                     reinterpret_cast<uint64_t>(text));
   va_list arguments;
   start_word_arguments(arguments, words.data());
-  const std::string whole = formatted(format, arguments);
+  const std::string whole = in_own_area(format, arguments);
   // A width without bound may have been refused there; a "%m" tells errno, which changes.
   static const std::regex kWithout("[0-9]{5}|m");
   if (whole.size() > 1 << 20 || std::regex_search(format, kWithout)) return 0;
@@ -64,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   assert(memcmp(buffer.data(), whole.c_str(), buffer.size()) == 0);
   if (std::count(format.begin(), format.end(), '%') * 3 <= 255 &&
       std::count(format.begin(), format.end(), '*') <= 100) {
-    assert(formatted("$" + format, arguments) == "$" + whole);
+    assert(in_own_area("$" + format, arguments) == "$" + whole);
   }
   return 0;
 }

@@ -9,9 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <iterator>
-#include <map>
 #include <string>
-#include <utility>
 
 #include "liblocal/text/codesets.h"
 #include "liblocal/text/utf8.h"
@@ -22,9 +20,12 @@ namespace {
 
 // The plain locale's first, a UTF-8 one's last; TCVN and CP1255 compose characters, of two
 // or three, and BIG5-HKSCS makes two of one.
-constexpr const char* kCodesets[] = {"ISO8859-1",  "ISO-8859-15", "EUC-JP", "SHIFT_JIS",
-                                     "TCVN5712-1", "BIG5-HKSCS",  "CP1255", "UTF-8"};
-size_t codeset;  // the index of this input's
+struct Codeset {
+  const char* name;
+  iconv_t from_utf8 = iconv_open(name, "UTF-8"), to_utf8 = iconv_open("UTF-8", name);
+} codesets[] = {{"ISO8859-1"},  {"ISO-8859-15"}, {"EUC-JP"}, {"SHIFT_JIS"},
+                {"TCVN5712-1"}, {"BIG5-HKSCS"},  {"CP1255"}, {"UTF-8"}};
+const Codeset* codeset;  // of this input
 
 std::string converted(size_t (*convert)(char*, const char*, size_t), const std::string& text,
                       size_t size) {
@@ -46,34 +47,19 @@ std::string through_stream(const std::string& text, size_t size) {
 
 }  // namespace
 
-// The names that the linker's --wrap gives to the real ones and to what is called.
+// In the place of the process's converters. The names are those that the linker's --wrap calls.
 extern "C" {
-iconv_t __real_iconv_open(const char* to, const char* from);
-size_t __real_iconv(iconv_t descriptor, char** in, size_t* in_left, char** out, size_t* out_left);
-
-char to_utf8, from_utf8;  // what stands for the two descriptors of the process
-
-iconv_t __wrap_iconv_open(const char* to, const char* /*from*/) {
-  return strcmp(to, "UTF-8") == 0 ? &to_utf8 : &from_utf8;
-}
-
-size_t __wrap_iconv(iconv_t way, char** in, size_t* in_left, char** out, size_t* out_left) {
-  static auto& opened = *new std::map<std::pair<size_t, iconv_t>, iconv_t>;  // to the end
-  iconv_t& descriptor = opened[{codeset, way}];
-  const char* names[] = {"UTF-8", kCodesets[codeset]};
-  if (way == &from_utf8) std::swap(names[0], names[1]);
-  if (descriptor == nullptr) descriptor = __real_iconv_open(names[0], names[1]);
-  assert(descriptor != reinterpret_cast<iconv_t>(-1));
-  return __real_iconv(descriptor, in, in_left, out, out_left);
-}
+iconv_t __wrap__Z16get_ansi_codesetv() { return codeset->from_utf8; }
+iconv_t __wrap__Z16get_utf8_codesetv() { return codeset->to_utf8; }
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 2) return 0;
-  codeset = data[0] % std::size(kCodesets);
-  const bool utf8 = codeset == std::size(kCodesets) - 1;
+  codeset = &codesets[data[0] % std::size(codesets)];
+  assert(codeset->to_utf8 != reinterpret_cast<iconv_t>(-1));
+  const bool utf8 = codeset == std::end(codesets) - 1;
   Needs_conversion = utf8 ? 0 : 1;
-  Ansi_keeps_ascii = kCodesets[codeset][0] != 'T';  // TCVN has letters among the controls
+  Ansi_keeps_ascii = codeset->name[0] != 'T';  // TCVN has letters among the controls
   const std::string text(std::string(reinterpret_cast<const char*>(data) + 2, size - 2).c_str());
 
   const std::string in = converted(utf8_mbs, text, 6 * text.size() + 1);

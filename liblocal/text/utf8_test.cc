@@ -62,10 +62,6 @@ TEST(Utf8Streams, LinesArriveWholeAndOnce) {
       }
     });
   }
-  in_locale("EUC-JP", [] {
-    EXPECT_EQ(read_in_pieces("a\xC6\xFC\n", 4), "a日\n");
-    EXPECT_EQ(read_in_pieces("a\xC6\xFC\n", 2), "a??\n") << "no room for the character";
-  });
 }
 
 TEST(Utf8Streams, LinesOfEveryLengthAndByte) {
@@ -169,6 +165,8 @@ TEST(Utf8Streams, StandardStreams) {
 
 TEST(Utf8Streams, NothingOfALineIsLost) {
   in_locale("EUC-JP", [] {
+    EXPECT_EQ(read_in_pieces("a\xC6\xFC\n", 4), "a日\n");
+    EXPECT_EQ(read_in_pieces("a\xC6\xFC\n", 2), "a??\n") << "no room for the character";
     static int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     struct sigaction interrupt = {};
