@@ -44,21 +44,18 @@ inline std::string compile_locale(const std::string& place, const std::string& c
   return name;
 }
 
-/// Puts this process into a locale with that codeset and source; "" is the plain locale.
-inline void enter_locale(const std::string& codeset, const std::string& source = "POSIX") {
-  if (codeset.empty()) return;
-  TemporaryDirectory place;
-  const std::string name = compile_locale(place.path(), codeset, source);
-  setenv("LOCPATH", place.path().c_str(), 1);
-  ASSERT_NE(setlocale(LC_ALL, name.c_str()), nullptr) << name;
-}
-
-/// Runs `body` in that locale in a process of its own: the first conversion fixes a codeset.
+/// Runs `body` in a locale with that codeset and source, "" the plain one, in a process of its
+/// own: the first conversion fixes a codeset.
 inline void in_locale(const std::string& codeset, const std::function<void()>& body,
                       const std::string& source = "POSIX") {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   auto run = [&] {
-    enter_locale(codeset, source);
+    if (!codeset.empty()) {
+      TemporaryDirectory place;
+      const std::string name = compile_locale(place.path(), codeset, source);
+      setenv("LOCPATH", place.path().c_str(), 1);
+      EXPECT_NE(setlocale(LC_ALL, name.c_str()), nullptr) << name;
+    }
     body();
     // GoogleTest keeps quiet about what fails in such a process.
     const auto* result = testing::UnitTest::GetInstance()->current_test_info()->result();

@@ -67,14 +67,12 @@ TEST(Utf8Streams, LinesArriveWholeAndOnce) {
 TEST(Utf8Streams, LinesOfEveryLengthAndByte) {
   std::string lines;
   for (size_t length = 0; length < 400; ++length) lines += std::string(length, 'x') + "\n";
-  FILE* file = file_of(lines + std::string("a\0b\nnext\n", 9));
-  char buffer[300];
-  errno = EBUSY;
-  for (size_t length = 0; length < 400; ++length) {
-    for (std::string left = std::string(length, 'x') + "\n"; !left.empty(); left.erase(0, 299)) {
-      ASSERT_EQ(vxfgets(buffer, sizeof buffer, file), left.substr(0, 299));
-    }
+  FILE *file = file_of(lines + std::string("a\0b\nnext\n", 9)), *plain = file_of(lines);
+  char buffer[300], wanted[300];
+  while (fgets(wanted, sizeof wanted, plain) != nullptr) {
+    ASSERT_STREQ(vxfgets(buffer, sizeof buffer, file), wanted);
   }
+  errno = EBUSY;
   EXPECT_TRUE(*vxfgets(buffer, 1, file) == '\0' && vxfgets(buffer, 0, file) == nullptr);
   ASSERT_NE(vxfgets(buffer, sizeof buffer, file), nullptr);
   EXPECT_EQ(std::string(buffer, 5), std::string("a\0b\n\0", 5));
@@ -83,7 +81,7 @@ TEST(Utf8Streams, LinesOfEveryLengthAndByte) {
   EXPECT_EQ(errno, EBUSY) << "the end is no error";
   ASSERT_NE(freopen("/", "r", file), nullptr);
   EXPECT_TRUE(vxfgets(buffer, sizeof buffer, file) == nullptr && errno == EISDIR);
-  vxfclose(file);
+  EXPECT_EQ(vxfclose(file) + vxfclose(plain), 0);
 }
 
 TEST(Utf8Streams, RefusedMemory) {
