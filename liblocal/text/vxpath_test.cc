@@ -19,7 +19,6 @@ TEST(Vxpath, TakesPathsApartAndCutsThemToTheBuffer) {
       {"", 1024, "/", ""},
       {most + "n", 1024, ".", most},
       {most + "/x", 1024, ".", most},
-      {"/usr/sbin/kivtrap", 8, "/usr/sb", "kivtrap"},
       {"/usr/sbin/kivtrap", 7, "/usr/s", "kivtra"},
       {"/usr/sbin/kivtrap", 6, "/usr", "kivtr"},
       {"kivtrap", 0, "!", "!"}};
