@@ -12,8 +12,9 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;  // allocated to its exact size, so over-reads are seen
 
+snmp_session session = {};
+
 unique_pdu decoded(const Bytes& packet) {
-  const snmp_session session = {};
   unique_pdu pdu(snmp_pdu_create(0));
   if (snmp_parse_packet(&session, pdu.get(), packet) != SnmpParse::kDone) pdu.reset();
   return pdu;
@@ -21,7 +22,6 @@ unique_pdu decoded(const Bytes& packet) {
 
 // Empty for values of unknown types and for what is longer than we write.
 Bytes built(const unique_pdu& pdu) {
-  snmp_session session = {};
   Bytes packet(kSnmpMaxPacket);
   int32_t length = kSnmpMaxPacket;
   if (snmp_build_packet(&session, pdu.get(), packet.data(), &length) != 0) return {};

@@ -31,7 +31,10 @@ snmp_pdu* make_pdu(int32_t command, long id) {
 
 class SessionTest : public testing::Test {
  protected:
-  void SetUp() override { Reqid = 41; }
+  void SetUp() override {
+    Reqid = 41;
+    memset(&all_readable, 0xFF, sizeof all_readable);
+  }
   void TearDown() override {
     close_all();
     EXPECT_EQ(open_descriptors(), descriptors) << "a socket was left open";
@@ -63,13 +66,6 @@ class SessionTest : public testing::Test {
     to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     sendto(agent.socket(), bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), size);
   }
-  static void read_all() {
-    vx_fd_set readable{};
-    for (session_entry* entry = Sessions; entry != nullptr; entry = entry->next) {
-      VX_FD_SET(entry->state->socket, &readable);
-    }
-    snmp_read(&readable);
-  }
   // Logs the status of a synchronous request; it has a response when that is 0 and else none.
   void ask_and_wait(int32_t command, long id) {
     snmp_pdu *pdu = make_pdu(command, id), *response = pdu;  // anything
@@ -93,7 +89,7 @@ class SessionTest : public testing::Test {
         request->expires_at = {};
         Sessions->session->retries = request->retries;
       }
-      if (step == "read") read_all();
+      if (step == "read") snmp_read(&all_readable);
       if (step == "time") snmp_timeout();
       if (step == "none") answer("");
       if (step[0] == 'A') answer(message(step.substr(0, 2).c_str(), step.substr(2).c_str()));
@@ -117,6 +113,7 @@ class SessionTest : public testing::Test {
   snmp_session wanted = {nullptr,      0, -1,      -1,     const_cast<char*>("127.0.0.1"),
                          agent.port(), 0, nullptr, called, this};  // the defaults, that peer
   std::vector<snmp_session*> sessions;
+  vx_fd_set all_readable;
   int result = 1, depth = 0;  // of the callback
   std::string log;            // operation and request id of every call, and what steps tell
   std::string in_callback;    // steps

@@ -3,6 +3,7 @@
 #include <climits>
 #include <sstream>
 
+#include "snmp/asn1.h"
 #include "snmp/snmp_auth.h"
 #include "snmp/snmp_pdu.h"
 #include "snmp/snmp_session.h"
@@ -32,9 +33,11 @@ std::string built(size_t room) {
   snmp_session session{};
   session.community = reinterpret_cast<uint8_t*>(community.data());
   session.community_length = static_cast<int32_t>(community.size()) - 1;
-  std::vector<uint8_t> packet(room);
+  std::vector<uint8_t> packet(room + 1);
   auto length = static_cast<int32_t>(room);
-  if (snmp_build_packet(&session, pdu.get(), packet.data(), &length) != 0) return "";
+  const int result = snmp_build_packet(&session, pdu.get(), packet.data(), &length);
+  EXPECT_EQ(packet.back(), 0);  // what is behind the room stays
+  if (result != 0) return "";
   return bytes_of(packet.data(), length);
 }
 
@@ -42,6 +45,17 @@ std::string dotted(const uint64_t* subids, int32_t count) {
   std::string text;
   for (int32_t i = 0; i < count; ++i) text += (i > 0 ? "." : "") + std::to_string(subids[i]);
   return text;
+}
+
+// Numbers as such, object identifiers with dots, and other bytes in hex.
+std::string value_of(const snmp_var& var) {
+  const auto* subids = static_cast<const uint64_t*>(var.value);
+  if (var.type == kAsnObjectId) return dotted(subids, var.value_length / 8);
+  if (var.type != kAsnInteger && (var.type < kSnmpCounter || var.type > kSnmpTimeTicks)) {
+    return to_hex(bytes_of(var.value, var.value_length));
+  }
+  EXPECT_EQ(var.value_length, 8);
+  return std::to_string(*static_cast<const long*>(var.value));
 }
 
 // A PDU as text: its fields, and every binding as name=type:value.
@@ -57,7 +71,7 @@ std::string text_of(const snmp_pdu& record) {
   }
   for (const snmp_var* var = record.variables; var != nullptr; var = var->next) {
     text << ' ' << dotted(var->name, var->name_length) << '=' << to_hex(bytes_of(&var->type, 1))
-         << ':' << to_hex(bytes_of(var->value, var->value_length));
+         << ':' << value_of(*var);
   }
   return text.str();
 }
@@ -87,13 +101,13 @@ std::string response(const std::string& bindings, const std::string& by = "'publ
 }
 std::string trap(const std::string& fields) { return message("A4(" + fields + "3000)"); }
 
+std::string repeated(int times, const std::string& text) {
+  return times == 0 ? "" : text + repeated(times - 1, text);
+}
+
 // `count` bindings of texts of `length` bytes.
 std::string texts(int count, size_t length) {
-  std::string bindings;
-  for (int i = 0; i < count; ++i) {
-    bindings += "30(06082B06010201010100 04('" + std::string(length, 'z') + "'))";
-  }
-  return bindings;
+  return repeated(count, "30(06082B06010201010100 04('" + std::string(length, 'z') + "'))");
 }
 
 constexpr char kReference[] =
@@ -104,21 +118,35 @@ constexpr char kRequest[] =
     "30 26 02 01 00 04 06 70 75 62 6C 69 63 A0 19 02 01 05 02 01 00 02 01 00 30 0E 30 0C 06 08"
     "2B 06 01 02 01 01 01 00 05 00";
 
+// Object identifiers at their limits, 64 bytes and 64 sub-identifiers, as text and in hex.
+const std::string kWidest = "1.3.1.1.1" + repeated(12, ".4294967295");
+const std::string kWide = "2B010101" + repeated(12, "8FFFFFFF7F");
+const std::string kLongest = "1.1" + repeated(62, ".1"), kLong = "29" + repeated(62, "01");
+
 TEST(SnmpMessage, ComesBackAsItWent) {
-  const std::pair<std::string, const char*> cases[] = {
+  // Values, each in the shortest form.
+  std::istringstream rows(
+      "020100=0 02017F=127 02020080=128 02027FFF=32767 0203008000=32768 02047FFFFFFF=2147483647 "
+      "0201FF=-1 0201FE=-2 020180=-128 0202FF7F=-129 430480000000=-2147483648 4201FF=-1 "
+      "41020080=128 0400= 040161=61 0403610062=610062 4004C0000201=C0000201 44020500=0500 0500= "
+      "060100=0.0 060177=2.39 0602CF7F=255.39 06072B06010401A73B=1.3.6.1.4.1.5051 "
+      "06092B7F8100FF7F818000=1.3.127.128.16383.16384 0640" +
+      kWide + "=" + kWidest + " 063F" + kLong + "=" + kLongest);
+  std::string values, listed = "A2 7 2 3";
+  for (std::string row; rows >> row;) {
+    const size_t end = row.find('=');
+    values += "30(06022B06" + row.substr(0, end) + ")";
+    listed += " 1.3.6=" + row.substr(0, 2) + ":" + row.substr(end + 1);
+  }
+  const std::pair<std::string, std::string> cases[] = {
       {from_hex(kReference),
        "A4 1.3.6.1.4.1.5051 0A010203 6 1 12345 1.3.6.1.2.1.1.1.0=04:6469736B2066756C6C"},
       {from_hex(kRequest), "A0 5 0 0 1.3.6.1.2.1.1.1.0=05:"},
       // What has the top bit set is below 0, whatever its type.
       {trap("06012B 40040000FFFF 0201FF 020180 430480000000"),
        "A4 1.3 0000FFFF -1 -128 -2147483648"},
-      {response("30(06022B06 4201FF) 30(06022B06 430480000000)"),
-       "A2 7 2 3 1.3.6=42:FFFFFFFFFFFFFFFF 1.3.6=43:00000080FFFFFFFF"},
-      // Integers are longs and sub-identifiers 64-bit numbers, in host byte order.
-      {response("30(06022B06 0201FE) 30(06022B06 41020080) 30(06022B06 0400) 30(06022B06 040161)"
-                "30(06022B06 06022B07) 30(06022B06 4004C0000201) 30(06022B06 44020500)"),
-       "A2 7 2 3 1.3.6=02:FEFFFFFFFFFFFFFF 1.3.6=41:8000000000000000 1.3.6=04: 1.3.6=04:61 "
-       "1.3.6=06:010000000000000003000000000000000700000000000000 1.3.6=40:C0000201 1.3.6=44:0500"},
+      {response(values), listed},
+      {response("30(06022B06 430480000000)"), "A2 7 2 3 1.3.6=43:-2147483648"},
       {response("", "610062"), "A2 7 2 3"},
       {response("", "'" + std::string(127, 'c') + "'"), "A2 7 2 3"},
   };
@@ -136,7 +164,7 @@ TEST(SnmpMessage, ComesBackAsItWent) {
 }
 
 TEST(SnmpMessage, DecodesWhatItCan) {
-  const std::string good = "30(06022B06 020105)", done = "A2 7 2 3 1.3.6=02:0500000000000000";
+  const std::string good = "30(06022B06 020105)", done = "A2 7 2 3 1.3.6=02:5";
   const std::pair<std::string, std::string> cases[] = {
       {response(good, "'private'", "020101"),
        "[41.61] Wrong version: 1\n[41.62] Continuing anyway\ndropped"},
@@ -148,14 +176,29 @@ TEST(SnmpMessage, DecodesWhatItCan) {
       {response("30(06022B06 020105 FF)"), done},
       {response("30(06022B06 05('123'))" + good), "A2 7 2 3 1.3.6=05:" + done.substr(8)},
       {response("3008 06022B06 020105"), "mangled"},  // claims more than there is
-      {response("30(06022B06 0200)"), "mangled"},     // no integer at all
       {response("30(0600 0500)"), "mangled"},         // no name
-      {response("30(06022B06 05)"), "mangled"},       // half a value
       {response(good + "05"), "mangled"},             // a byte that is no binding
       {trap("06012B 40030A0102 020101 020101 430101"), "mangled"},
   };
   for (const auto& [received, outcome] : cases) {
     EXPECT_EQ(decoded(received), outcome) << to_hex(received);
+  }
+  // Values that travel from us in another form (none: they cannot), and bytes that are no value.
+  std::istringstream rows(
+      "0282000105=5=020105 0205007FFFFFFF=2147483647=02047FFFFFFF 430500FFFFFFFF=4294967295=4301FF "
+      "43050080000000=2147483648=430480000000 0288000000000000000105=5=020105 "
+      "06058FFFFFFF7F=102.15=06029F7F 0602D000=0.0=060100 0641" +
+      kWide + "01=" + kWidest + ".1=none 0640" + kLong + "01 " +
+      "4305FFFFFFFFFF 02050100000000 0206000000000001 028900000000000000000105 0280010000 "
+      "0284FFFFFFFF05 0200 1F81010105 02 05 5F0105 0102 0204050607 02830105 040261 040461 058000 "
+      "06062B9080808000 06032B8080 0600 06092B06");
+  for (std::string row, item, value, again; rows >> row; value = again = "") {
+    std::istringstream parts(row);
+    for (std::string* part : {&item, &value, &again}) std::getline(parts, *part, '=');
+    const std::string text = "A2 7 2 3 1.3.6=" + item.substr(0, 2) + ":" + value;
+    EXPECT_EQ(decoded(response("30(06022B06" + item + ")")), value.empty() ? "mangled" : text);
+    if (again.empty()) continue;
+    EXPECT_EQ(built(200), again == "none" ? "" : response("30(06022B06" + again + ")")) << row;
   }
   // Every tag but the PDU's is what it must be: those of the trap, then the request's own.
   for (size_t place : std::vector<size_t>{0, 2, 5, 15, 24, 30, 33, 36, 40, 42, 44, 115, 118, 121}) {
@@ -211,6 +254,27 @@ TEST(SnmpMessage, AWrapperAndATrapInOneCallEach) {
                 less == 0 ? length : 0);
     }
     EXPECT_EQ(std::string(packet.begin(), packet.end()), whole);
+  }
+}
+
+TEST(Asn1, NullsAndLengthsAlone) {
+  // What is behind an item without contents; -1: it is none.
+  const std::pair<const char*, int32_t> nulls[] = {{"0500", 0},    {"058100", 0},  {"050007", 1},
+                                                   {"050100", -1}, {"058000", -1}, {"05", -1}};
+  for (const auto& [hex, behind] : nulls) {
+    const std::string bytes = from_hex(hex);
+    auto left = static_cast<int32_t>(bytes.size());
+    uint8_t tag = 0;
+    const auto* at = reinterpret_cast<const uint8_t*>(bytes.data());
+    const uint8_t* end = asn_parse_null(at, &left, &tag);
+    EXPECT_EQ(end, behind < 0 ? nullptr : at + bytes.size() - behind) << hex;
+    EXPECT_TRUE(behind < 0 || (left == behind && tag == 5)) << hex;
+  }
+  // Lengths, and a room that is too small or never large enough.
+  for (auto [length, room] :
+       {std::pair(0, 0), {128, 1}, {256, 2}, {-1, 8}, {65536, 8}, {INT_MAX, 8}}) {
+    uint8_t bytes[8];
+    EXPECT_EQ(asn_build_length(bytes, &room, length), nullptr) << length;
   }
 }
 
