@@ -286,7 +286,7 @@ TEST_F(SessionTest, Exchanges) {
       {three + "time", "close1 close0", "2:7 ", ""},
       // A wait takes its own response, and what comes after its end is nobody's.
       {"sync A208 A207 wait7 A207 read left", "", "=0 0left ", ""},
-      {"sync A207 intr wait7", "", "=0 ", ""},
+      {"sync A207 intr wait7 left", "", "=0 0left ", ""},
       {"sync A207 badf wait7 left", "", "=1 1left ", "select: Bad file descriptor\n"},
       {"sync A107 A207 wait7 left read left A207 read", "", "=1 1left 0left ", ""},
       {"sync A208 A207 open A007 wait7", "wait8", "1:7 =0 =0 ", ""},  // one inside another
