@@ -18,9 +18,12 @@ std::string origin_line(const std::string& argv0, const std::string& directory =
   return name + ": origin for `" + argv0 + "' is `" + directory + "'\n";
 }
 
-// Copies the command into a directory of the lab. Valgrind, which would put its own words
+using StartupTest = LabTest;
+
+// Copies the command into a new directory of the lab. Valgrind, which would put its own words
 // and rights in the place of the test's, leaves what is in /startup alone.
 std::string install(const std::string& directory) {
+  fs::remove_all(directory);
   fs::create_directories(directory);
   fs::copy_file(KIVTRAP, directory + "/kivtrap");
   return directory + "/kivtrap";
@@ -33,21 +36,10 @@ lab::Outcome run(const std::string& file, std::vector<std::string> words,
   return lab::run({std::move(words), "disk full\n", std::move(environment), {}, user, file});
 }
 
-class StartupTest : public LabTest {
- protected:
-  void SetUp() override {
-    LabTest::SetUp();
-    if (IsSkipped() || HasFatalFailure()) return;
-    fs::remove_all("/startup");
-    install("/startup/bin");
-  }
-
-  const std::string program = "/startup/bin/kivtrap";
-};
-
 TEST_F(StartupTest, Origin) {
+  const std::string program = install("/startup/bin");
   EXPECT_EQ(system("cd /startup; mkdir -p directory/kivtrap plain; touch plain/kivtrap;"
-                   "ln -s bin/kivtrap link"),
+                   "ln -sf bin/kivtrap link"),
             0);
   fs::current_path("/startup/bin");
   auto directory = [](size_t length) { return "/startup" + std::string(length - 11, '/') + "bin"; };
@@ -97,6 +89,7 @@ TEST_F(StartupTest, OriginInEveryLocale) {
 // What the caller says of the program's place does not count, nor do its rights.
 TEST_F(StartupTest, ASetUserIdProgram) {
   if (!lab::has_users()) return skip("no users but root here");
+  install("/startup/bin");
   const std::string trusted = install("/startup/setuid/bin"), secret = "/startup/setuid/secret";
   EXPECT_EQ(chown(trusted.c_str(), 0, 0) + chmod(trusted.c_str(), 04755), 0);
   const std::vector<std::string> environment = {"PATH=/startup/bin", "KIV_PRINT_ORIGIN=q"};
