@@ -29,7 +29,7 @@ std::vector<ifreq> made_up(const std::string& words) {
   for (sa_family_t family = 0; text >> flags >> address >> family;) {
     ifreq& record = all.emplace_back();
     flags.copy(record.ifr_name, sizeof record.ifr_name);
-    const sockaddr_in given = {family, 0, {inet_addr(address.c_str())}, {}};
+    const sockaddr_in given = {family, 0, {inet_addr(address.c_str())}, {0, 0, 0, 0, 0, 0, 0, 9}};
     memcpy(&record.ifr_addr, &given, sizeof given);
   }
   return all;

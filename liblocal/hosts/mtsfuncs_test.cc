@@ -205,7 +205,7 @@ TEST(OwnAddresses, OneOfThem) {
   };
   EXPECT_EXIT(in_child(), testing::ExitedWithCode(0), "") << "the last match is remembered";
   interfaces = &early;
-  const char bytes[16] = {0, 0, 10, 7, 0, 3};
+  const char bytes[16] = {0, 0, 10, 7, 0, 3, 0, 0, 0, 0, 0, 0, 0, 9};
   for (auto [length, mine] : {std::pair{14, 1}, {6, 1}, {0, 1}, {15, 0}, {-1, 0}}) {
     EXPECT_EQ(is_myaddr(AF_INET6, bytes, length), mine) << length;
   }
