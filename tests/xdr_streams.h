@@ -53,28 +53,28 @@ inline std::string encoded(xdrproc_t filter, void* object) {
   return whole.hex();
 }
 
-/// Sees that `bytes`, which `filter` decodes to a T, are refused when any of them are
-/// missing, and that what was decoded by then, or before memory ran out, is released.
+/// Sees that `hex` decodes to a T that encodes as it again, and is refused when any of it is
+/// missing; and that all that was decoded, by then or before memory ran out, is released.
 template <typename T>
-void expect_failures_release(xdrproc_t filter, std::string_view bytes, const T& start = {}) {
-  auto decode = [&](size_t length, int granted) {
-    bool decoded = false, failed = false;
-    for (TestStream::Kind kind : {TestStream::kPlain, TestStream::kBlind}) {
-      T object = start;
-      TestStream stream(bytes.substr(0, length), xdr_op::kDecode, kind);
-      FailingMalloc failing(granted);
-      decoded = filter(stream.get(), &object);
-      failed = failed || failing.failed();
-      EXPECT_NE(decoded, failing.failed() || length < bytes.size()) << length << " " << granted;
-      __brix_xdr_free(filter, &object);
-    }
-    return failed;
+void expect_carried(xdrproc_t filter, std::string_view hex, const T& start = {}) {
+  const std::string bytes = from_hex(hex);
+  auto decode = [&](TestStream::Kind kind, size_t length, int granted) {
+    T object = start;
+    TestStream stream(bytes.substr(0, length), xdr_op::kDecode, kind);
+    FailingMalloc failing(granted);
+    const bool decoded = filter(stream.get(), &object);
+    EXPECT_NE(decoded, failing.failed() || length < bytes.size()) << length << " " << granted;
+    EXPECT_TRUE(!decoded || encoded(filter, &object) == hex) << hex;
+    __brix_xdr_free(filter, &object);
+    return failing.failed();
   };
   auto decode_all = [&] {
-    for (size_t length = 0; length < bytes.size(); ++length) decode(length, INT_MAX);
-    for (int granted = 0; decode(bytes.size(), granted);) ++granted;
+    for (TestStream::Kind kind : {TestStream::kPlain, TestStream::kBlind}) {
+      for (size_t length = 0; length < bytes.size(); ++length) decode(kind, length, INT_MAX);
+      for (int granted = 0; decode(kind, bytes.size(), granted);) ++granted;
+    }
   };
-  EXPECT_LE(bytes_left_by(1, decode_all), 0);
+  EXPECT_EQ(pieces_left_by(decode_all), 0);
 }
 
 /// What a record stream is over: it reads and writes strings.

@@ -83,11 +83,11 @@ bool send(RecordStream* stream, uint32_t buffered, const void* bytes, uint32_t l
   return false;
 }
 
-// Makes room: the fragment so far leaves. An empty one only lets the records before
-// it go.
+// Makes room: the fragment so far leaves. An empty one has records before it, or there
+// were room, and lets only these go.
 bool send_fragment(RecordStream* stream) {
   uint32_t length = fragment_length(stream);
-  if (length == 0) return stream->out_header == 0 || send(stream, stream->out_header, nullptr, 0);
+  if (length == 0) return send(stream, stream->out_header, nullptr, 0);
   write_header(stream, length, false);
   if (!send(stream, stream->out_finger, nullptr, 0)) return false;
   stream->out_begun = true;
@@ -142,8 +142,8 @@ bool rec_put_bytes(XDR* xdrs, const void* bytes, uint32_t length) {
   while (length >= kXdrRecLargePut) {
     uint32_t most = kXdrRecMaxFragment - std::min(fragment_length(stream), kXdrRecMaxFragment);
     uint32_t piece = std::min(length, most);
-    piece -= piece % kXdrUnit;
-    if (piece == 0 ? !send_fragment(stream) : !send_large(stream, from, piece)) return false;
+    piece -= piece % kXdrUnit;  // nothing, of a full fragment
+    if (!send_large(stream, from, piece)) return false;
     from += piece;
     length -= piece;
   }

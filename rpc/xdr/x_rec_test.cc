@@ -59,9 +59,9 @@ std::string letters(size_t count) {
 
 TEST_F(RecordTest, EveryKindOfValueGoesOutAndComesBack) {
   const xdr_ops& ops = *xdrs_.ops;
-  const long whole = -2;
-  const int32_t narrow = -3;
-  const int64_t wide = 0x0102030405060708;
+  long whole = -2;
+  int32_t narrow = -3;
+  int64_t wide = 0x0102030405060708;
   ASSERT_TRUE(ops.put_long(&xdrs_, &whole) && ops.put_int32(&xdrs_, &narrow) &&
               ops.put_int64(&xdrs_, &wide) && put("abcd") && put("") &&
               ops.get_position(&xdrs_) == 20 && end());
@@ -69,12 +69,11 @@ TEST_F(RecordTest, EveryKindOfValueGoesOutAndComesBack) {
   for (uint32_t most : {1U, 3U, 100U}) {
     pipe_.most = most;
     decode(pipe_.outgoing);
-    long a = 0;
-    int32_t b = 0;
-    int64_t c = 0;
-    EXPECT_TRUE(ops.get_long(&xdrs_, &a) && ops.get_int32(&xdrs_, &b) &&
-                ops.get_int64(&xdrs_, &c) && ops.get_bytes(&xdrs_, nullptr, 0));
-    EXPECT_TRUE(a == 0xFFFFFFFE && b == narrow && c == wide) << "long is extended by zeros";
+    EXPECT_TRUE(ops.get_long(&xdrs_, &whole) && ops.get_int32(&xdrs_, &narrow) &&
+                ops.get_int64(&xdrs_, &wide) && ops.get_bytes(&xdrs_, nullptr, 0));
+    EXPECT_TRUE(whole == 0xFFFFFFFE && narrow == -3 && wide == 0x0102030405060708);
+    whole = narrow = 0;
+    wide = 0;
     EXPECT_EQ(get(4), "abcd");
     EXPECT_EQ(get(1), "failed") << "the record's end";
   }
@@ -86,53 +85,42 @@ TEST_F(RecordTest, EveryKindOfValueGoesOutAndComesBack) {
 }
 
 TEST_F(RecordTest, WhatLeavesInOneWrite) {
-  using Puts = std::vector<uint32_t>;
-  // The headers are those of the fragments, each of which is a write.
-  const std::tuple<uint32_t, Puts, std::vector<const char*>> cases[] = {
-      {100, {96}, {"80000060"}},  // with its header it fills the buffer
-      {100, {96, 100}, {"00000060", "00000060", "80000004"}},
-      {9000, {4, kXdrRecLargePut - 1}, {"80001F43"}},
-      {9000, {4, kXdrRecLargePut}, {"00001F44", "80000000"}},
-      {9000, {4, kXdrRecLargePut + 3}, {"00001F44", "80000003"}},
-      {100, {4, kXdrRecMaxFragment}, {"01000000", "80000004"}},
-      {3 * kXdrRecMaxFragment, Puts(2100, kXdrRecLargePut - 8), {"01000000", "80001760"}}};
-  for (const auto& [buffer, puts, headers] : cases) {
+  const int64_t next = 0x6162636465666768;
+  // Puts of one size and a last one; how many writes they take, then with the next record; and
+  // the headers of the fragments. A header that has not left by then waits for the next record.
+  const std::tuple<uint32_t, int, size_t, size_t, size_t, size_t, std::vector<const char*>>
+      cases[] = {
+          {100, 0, 0, 96, 1, 2, {"80000060"}},  // with its header it fills the buffer
+          {100, 1, 95, 2, 2, 3, {"00000060", "80000001"}},
+          {100, 1, 96, 100, 3, 4, {"00000060", "00000060", "80000004"}},
+          {160, 0, 0, 0, 0, 1, {"80000000"}},
+          {160, 0, 0, 145, 0, 2, {"80000091"}},  // a sixteenth is free, not enough for the next
+          {160, 0, 0, 146, 1, 2, {"80000092"}},
+          {9000, 1, 4, kXdrRecLargePut - 1, 0, 1, {"80001F43"}},
+          {9000, 1, 4, kXdrRecLargePut, 1, 2, {"00001F44", "80000000"}},
+          {9000, 1, 4, kXdrRecLargePut + 3, 2, 3, {"00001F44", "80000003"}},
+          {100, 1, 4, kXdrRecMaxFragment, 2, 3, {"01000000", "80000004"}},
+          {3 * kXdrRecMaxFragment, 4096, 4096, 4, 2, 3, {"01000000", "80000004"}},
+          {3 * kXdrRecMaxFragment, 4096, 4096, 8000, 2, 3, {"01000000", "00001F40", "80000000"}}};
+  for (const auto& [buffer, count, size, last, writes, all_writes, headers] : cases) {
     make(buffer);
     std::string all, wanted;
-    for (uint32_t size : puts) {
-      ASSERT_TRUE(put(letters(size)));
-      all += letters(size);
+    for (int i = 0; i <= count; ++i) {
+      const std::string bytes = letters(i < count ? size : last);
+      ASSERT_TRUE(put(bytes));
+      all += bytes;
     }
-    ASSERT_TRUE(end());
+    ASSERT_TRUE(end(false));
+    EXPECT_EQ(pipe_.writes, writes) << headers[0];
+    ASSERT_TRUE(xdrs_.ops->put_int64(&xdrs_, &next) && end());
     for (const char* header : headers) {
       const size_t length = strtoul(header, nullptr, 16) & 0x7FFFFFFF;
       wanted += from_hex(header) + all.substr(0, length);
       all.erase(0, length);
     }
-    EXPECT_TRUE(pipe_.outgoing == wanted && pipe_.writes == headers.size()) << headers[0];
+    wanted += fragment("abcdefgh");
+    EXPECT_TRUE(pipe_.outgoing == wanted && pipe_.writes == all_writes) << headers[0];
   }
-}
-
-TEST_F(RecordTest, DelayedEnds) {
-  // A sixteenth of the buffer has to be free: of 160 bytes more than 10.
-  const int64_t next = 0x6162636465666768;  // does not fit behind 145 bytes
-  for (auto [size, delayed] :
-       {std::pair{size_t{0}, true}, {145U, true}, {146U, false}, {156U, false}}) {
-    make(160);
-    ASSERT_TRUE(put(letters(size)) && end(false));
-    EXPECT_EQ(pipe_.outgoing.empty(), delayed) << size;
-    ASSERT_TRUE(xdrs_.ops->put_int64(&xdrs_, &next) && end());
-    EXPECT_EQ(pipe_.outgoing, fragment(letters(size)) + fragment("abcdefgh"));
-    EXPECT_EQ(pipe_.writes, size == 0 ? 1U : 2U);
-  }
-  // An empty last fragment waits as well, one with data does not.
-  make(160);
-  ASSERT_TRUE(put(letters(8000)) && end(false));
-  EXPECT_EQ(pipe_.outgoing, fragment(letters(8000), false));
-  ASSERT_TRUE(put(letters(8001)) && end(false));
-  EXPECT_EQ(pipe_.outgoing, fragment(letters(8000), false) + fragment("") +
-                                fragment(letters(8000), false) +
-                                fragment(letters(8001).substr(8000)));
 }
 
 TEST_F(RecordTest, WithoutDelayedEnds) {
@@ -148,27 +136,31 @@ TEST_F(RecordTest, WithoutDelayedEnds) {
 }
 
 TEST_F(RecordTest, FailedSends) {
+  const xdr_ops& ops = *xdrs_.ops;
+  const int32_t unit = 1;
   // Nothing of a record left: it is dropped, what waits before it is not.
   ASSERT_TRUE(put("wait") && end(false));
   pipe_.room = 0;
   ASSERT_TRUE(put("lost"));
   EXPECT_FALSE(end());
   EXPECT_FALSE(put(letters(200))) << "half-way";
-  EXPECT_FALSE(put("more")) << "the rest of that record is not taken for one";
-  EXPECT_FALSE(end());
-  EXPECT_FALSE(xdrrec_is_broken(&xdrs_));
   pipe_.room = SIZE_MAX;
+  EXPECT_FALSE(put("more") || ops.put_int32(&xdrs_, &unit) || end(false)) << "it has no rest";
+  EXPECT_FALSE(xdrrec_is_broken(&xdrs_));
   ASSERT_TRUE(put("sent") && end());
   EXPECT_EQ(pipe_.outgoing, fragment("wait") + fragment("sent"));
-  // A part left, of a fragment or of a record: nothing can follow.
-  for (size_t room : {size_t{3}, size_t{100}}) {
+  // A part left, of a fragment or of a record: nothing can follow, nor come.
+  for (size_t room : {size_t{1}, size_t{100}}) {
     make(100);
+    decode(fragment(letters(1000)));
+    EXPECT_EQ(get(4), "abcd");
     pipe_.room = room;
     EXPECT_FALSE(put(letters(200)) || end());
     EXPECT_TRUE(xdrrec_is_broken(&xdrs_));
     pipe_.room = SIZE_MAX;
     EXPECT_TRUE(put("none"));
     EXPECT_FALSE(end() || skip() || xdrrec_at_record(&xdrs_));
+    EXPECT_EQ(get(200), "failed");
   }
 }
 
@@ -187,7 +179,7 @@ TEST_F(RecordTest, PositionsAndInlineStayInTheFragment) {
   decode(fragment("abcd", false) + fragment("efghijkl") + fragment("tail"));
   EXPECT_EQ(get(4), "abcd");
   EXPECT_FALSE(ops.set_position(&xdrs_, 5)) << "the next fragment's";
-  EXPECT_TRUE(ops.set_position(&xdrs_, 2));
+  EXPECT_TRUE(ops.set_position(&xdrs_, 4) && ops.set_position(&xdrs_, 2));
   EXPECT_EQ(get(6), "cdefgh");
   EXPECT_EQ(ops.get_position(&xdrs_), 4U);
   EXPECT_EQ(ops.get_inline(&xdrs_, 8), nullptr) << "of two records";
@@ -206,11 +198,17 @@ TEST_F(RecordTest, SkippingAndTheEndOfInput) {
   EXPECT_EQ(get(4), "last");
   EXPECT_TRUE(xdrrec_at_header(&xdrs_) && __brix_xdrrec_eof(&xdrs_));
   // Large pieces go past the buffer, which has what comes behind them; pieces stay aligned.
-  decode(fragment(letters(1001) + "next" + letters(999), false) + fragment("tail"));
-  EXPECT_EQ(get(1001), letters(1001));
-  EXPECT_EQ(pipe_.taken, pipe_.incoming.size() - 1011 + 99) << "all but one of 100 bytes";
-  EXPECT_FALSE(xdrrec_at_header(&xdrs_));
-  EXPECT_EQ(get(1007), "next" + letters(999) + "tail");
+  for (bool slow : {false, true}) {
+    make(100);
+    pipe_.most = slow ? 1 : SIZE_MAX;
+    decode(fragment(letters(1001) + "next" + letters(999), false) + fragment("tail"));
+    EXPECT_EQ(get(1001), letters(1001));
+    EXPECT_EQ(pipe_.taken, 1005 + (slow ? 0U : 99U)) << "all but one of 100 bytes";
+    EXPECT_FALSE(xdrrec_at_header(&xdrs_));
+    EXPECT_EQ(get(1007), "next" + letters(999) + "tail");
+    EXPECT_TRUE(skip());
+    EXPECT_EQ(get(1), "failed");
+  }
 }
 
 TEST_F(RecordTest, RefusedInput) {
@@ -232,8 +230,8 @@ TEST_F(RecordTest, RefusedInput) {
     const std::string text = printed(1, [&] { got = get(4); });
     EXPECT_EQ(got, told.empty() ? "abcd" : "failed");
     EXPECT_TRUE(text.ends_with(told) && text.empty() == told.empty()) << text;
-    EXPECT_TRUE(xdrrec_is_broken(&xdrs_) != told.empty() &&
-                (told.empty() || __brix_xdrrec_eof(&xdrs_)));
+    EXPECT_EQ(get(200), "failed");
+    EXPECT_TRUE(xdrrec_is_broken(&xdrs_) != told.empty() && __brix_xdrrec_eof(&xdrs_));
   }
   make(100);
   decode(fragment("abc") + fragment("d"));

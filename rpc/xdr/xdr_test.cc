@@ -5,6 +5,7 @@
 #include <limits>
 #include <optional>
 
+#include "rpc/xdr/x_count.h"
 #include "tests/xdr_streams.h"
 
 namespace {
@@ -73,13 +74,14 @@ constexpr xdrproc_t kString = xdr_filter<__brix_xdr_wrapstring>;
 
 // The same on the wire, into memory of their own and into the caller's.
 TEST(Xdr, CarriesCountedBytesAndStrings) {
-  const std::string long_text(2000, 'z');
+  const std::string z1(2001, 'z'), z3(2003, 'z');
   const std::pair<std::string, std::string> cases[] = {{"", "00000000"},
                                                        {"a", "0000000161000000"},
                                                        {"ab", "0000000261620000"},
                                                        {"abc", "0000000361626300"},
                                                        {"abcd", "0000000461626364"},
-                                                       {long_text, "000007D0" + to_hex(long_text)}};
+                                                       {z1, "000007D1" + to_hex(z1) + "000000"},
+                                                       {z3, "000007D3" + to_hex(z3) + "00"}};
   for (const auto& [text, hex] : cases) {
     const auto length = static_cast<uint32_t>(text.size());
     char* string = const_cast<char*>(text.c_str());
@@ -88,33 +90,24 @@ TEST(Xdr, CarriesCountedBytesAndStrings) {
     EXPECT_EQ(encoded(kCounted, &counted), hex);
     counted.maximum = length - 1;
     EXPECT_EQ(encoded(kCounted, &counted), length > 0 ? "fails" : hex);
+    expect_carried<char*>(kString, hex);
+    expect_carried<Counted>(kCounted, hex, {nullptr, 0, length});
     std::string wire = from_hex(hex);
     // Padding that is not zero ends no string.
-    for (size_t at = 4 + length; at < wire.size(); ++at) wire[at] = '!';
-    for (bool supplied : {false, true}) {
-      std::vector<char> own(length + 1, '?');
-      string = supplied ? own.data() : nullptr;
-      counted = {reinterpret_cast<uint8_t*>(string), 99, length};
-      for (size_t less = std::min<size_t>(wire.size(), 9); supplied && less > 0; --less) {
-        const std::string cut = wire.substr(0, wire.size() - less);
-        EXPECT_FALSE(__brix_xdr_wrapstring(TestStream(cut, xdr_op::kDecode).get(), &string));
-        EXPECT_FALSE(counted_filter(TestStream(cut, xdr_op::kDecode).get(), &counted));
-      }
-      TestStream in(wire + wire, xdr_op::kDecode);
-      EXPECT_TRUE(counted_filter(in.get(), &counted));
-      EXPECT_EQ(in.used(), wire.size());
-      EXPECT_TRUE(counted.size == length && std::equal(text.begin(), text.end(), counted.bytes));
-      EXPECT_TRUE(__brix_xdr_string(in.get(), &string, length));
-      EXPECT_EQ(in.used(), 2 * wire.size());
-      EXPECT_EQ(string, text);
-      if (supplied) continue;
-      __brix_xdr_free(kString, &string);
-      __brix_xdr_free(kCounted, &counted);
-      EXPECT_TRUE(string == nullptr && counted.bytes == nullptr);
+    std::fill(wire.begin() + 4 + length, wire.end(), '!');
+    std::vector<char> own(length + 1, '?');
+    string = own.data();
+    counted = {reinterpret_cast<uint8_t*>(string), 99, length};
+    for (size_t sent = 0; sent < wire.size(); ++sent) {
+      const std::string cut = wire.substr(0, sent);
+      EXPECT_FALSE(__brix_xdr_wrapstring(TestStream(cut, xdr_op::kDecode).get(), &string));
+      EXPECT_FALSE(counted_filter(TestStream(cut, xdr_op::kDecode).get(), &counted));
     }
-    if (length > 4) continue;
-    expect_failures_release<char*>(kString, wire);
-    expect_failures_release<Counted>(kCounted, wire, {nullptr, 0, length});
+    TestStream in(wire + wire, xdr_op::kDecode);
+    EXPECT_TRUE(counted_filter(in.get(), &counted) && in.used() == wire.size());
+    EXPECT_TRUE(counted.size == length && std::equal(text.begin(), text.end(), own.begin()));
+    EXPECT_TRUE(__brix_xdr_string(in.get(), &string, length) && in.used() == 2 * wire.size());
+    EXPECT_EQ(string, text);
   }
   char* text = nullptr;
   EXPECT_EQ(encoded(kString, &text), "00000000");
@@ -125,41 +118,65 @@ TEST(Xdr, CarriesCountedBytesAndStrings) {
       __brix_xdr_string(TestStream(std::string(12, 'x'), xdr_op::kEncode).get(), &text, 2));
 }
 
-// No length makes decoding allocate more than a stream holds.
+// No length makes decoding allocate more than a stream holds, or has given and as much again.
 TEST(Xdr, BelievesNoDeclaredLength) {
   for (Hex length : {"0000000D", "7FFFFFFF", "80000000", "FFFFFFFB", "FFFFFFFC", "FFFFFFFF"}) {
-    const std::string wire = from_hex(length) + "twelve bytes";
-    Counted counted = {nullptr, 0, UINT32_MAX};
-    char* text = nullptr;
-    FailingMalloc nothing(0);
-    EXPECT_FALSE(counted_filter(TestStream(wire, xdr_op::kDecode).get(), &counted));
-    EXPECT_FALSE(__brix_xdr_wrapstring(TestStream(wire, xdr_op::kDecode).get(), &text));
-    EXPECT_FALSE(nothing.failed());
+    for (TestStream::Kind kind : {TestStream::kPlain, TestStream::kBlind}) {
+      const std::string wire = from_hex(length) + "twelve bytes";
+      Counted counted = {nullptr, 0, UINT32_MAX};
+      char* text = nullptr;
+      FailingMalloc few(kind == TestStream::kBlind ? 2 : 0);
+      EXPECT_FALSE(counted_filter(TestStream(wire, xdr_op::kDecode, kind).get(), &counted));
+      EXPECT_FALSE(__brix_xdr_wrapstring(TestStream(wire, xdr_op::kDecode, kind).get(), &text));
+      EXPECT_FALSE(few.failed());
+    }
   }
+  const std::string text(150000, 't');
+  const std::string wire = from_hex("000249F0") + text;
+  char* back = nullptr;
+  for (int granted = 0; granted <= 3; ++granted) {  // 64 KiB, twice as much, all
+    FailingMalloc failing(granted);
+    __brix_xdr_wrapstring(TestStream(wire, xdr_op::kDecode, TestStream::kBlind).get(), &back);
+    EXPECT_EQ(back != nullptr, granted == 3);
+  }
+  EXPECT_EQ(back, text);
+  __brix_xdr_free(kString, &back);
 }
 
-TEST(XdrMemory, LeavesTheStreamAloneWhenItFails) {
+TEST(XdrStreams, StayAsTheyAreWhenTheyFail) {
   TestStream stream("123", xdr_op::kEncode);
+  uint64_t counter = 0;
+  XDR counting;
+  xdrcount_create(&counting, &counter);
+  for (XDR* xdrs : {stream.get(), &counting}) {
+    const xdr_ops& ops = *xdrs->ops;
+    int32_t unit = 0;
+    int64_t wide = 0;
+    long number = 0;
+    char bytes[4] = {};
+    EXPECT_FALSE(ops.get_int32(xdrs, &unit) || ops.get_long(xdrs, &number) ||
+                 ops.get_int64(xdrs, &wide) || ops.get_bytes(xdrs, bytes, 4) ||
+                 ops.set_position(xdrs, 4) || ops.set_position(xdrs, UINT32_MAX));
+    EXPECT_TRUE(ops.get_inline(xdrs, 4) == nullptr && ops.get_inline(xdrs, -1) == nullptr);
+    EXPECT_TRUE(ops.control(xdrs, 6, nullptr) && !ops.control(xdrs, 5, nullptr));
+    // Only the counting one has room.
+    for (bool put : {ops.put_int32(xdrs, &unit), ops.put_long(xdrs, &number),
+                     ops.put_int64(xdrs, &wide), ops.put_bytes(xdrs, bytes, UINT32_MAX)}) {
+      EXPECT_EQ(put, xdrs == &counting);
+    }
+  }
+  EXPECT_TRUE(counter == 0x10000000F && counting.ops->get_position(&counting) == 15 &&
+              counting.ops->get_remaining(&counting) == 0);
   XDR* xdrs = stream.get();
   const xdr_ops& ops = *xdrs->ops;
-  int32_t unit = 0;
-  int64_t wide = 0;
-  long number = 0;
   char bytes[4] = {};
-  EXPECT_FALSE(ops.put_int32(xdrs, &unit) || ops.get_int32(xdrs, &unit) ||
-               ops.put_long(xdrs, &number) || ops.get_long(xdrs, &number) ||
-               ops.put_int64(xdrs, &wide) || ops.get_int64(xdrs, &wide) ||
-               ops.put_bytes(xdrs, bytes, UINT32_MAX) || ops.get_bytes(xdrs, bytes, 4) ||
-               ops.set_position(xdrs, 4) || ops.set_position(xdrs, UINT32_MAX));
-  EXPECT_TRUE(ops.get_inline(xdrs, 4) == nullptr && ops.get_inline(xdrs, -1) == nullptr);
-  EXPECT_TRUE(ops.control(xdrs, 6, nullptr) && !ops.control(xdrs, 5, nullptr));
   EXPECT_TRUE(ops.get_bytes(xdrs, bytes, 3) && ops.set_position(xdrs, 1));
   EXPECT_STREQ(bytes, "123");
   EXPECT_EQ(ops.get_remaining(xdrs), 2);
   EXPECT_EQ(memcmp(ops.get_inline(xdrs, 2), "23", 2), 0);
-  XDR nowhere;
-  __brix_xdrmem_create(&nowhere, nullptr, 0, xdr_op::kDecode);
-  EXPECT_TRUE(ops.get_bytes(&nowhere, nullptr, 0) && ops.put_bytes(&nowhere, nullptr, 0));
+  EXPECT_TRUE(ops.set_position(xdrs, 3));
+  __brix_xdrmem_create(xdrs, nullptr, 0, xdr_op::kDecode);
+  EXPECT_TRUE(ops.get_bytes(xdrs, nullptr, 0) && ops.put_bytes(xdrs, nullptr, 0));
 }
 
 }  // namespace
