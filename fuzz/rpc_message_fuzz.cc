@@ -24,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   const std::string_view datagram(reinterpret_cast<const char*>(data) + 1, size - 1);
   for (TestStream::Kind kind : {TestStream::kPlain, TestStream::kBlind}) {
-    TestStream in(datagram, xdr_op::kDecode, kind);
+    TestStream in(datagram, kind);
     if (data[0] % 4 == 3) {
       rpc_call_message call = {};
       if (kCall(in.get(), &call)) assert(__brix_xdr_sizeof(kCall, &call) == in.used());

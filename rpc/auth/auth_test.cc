@@ -22,7 +22,7 @@ struct Destroyer {
 using Auth = std::unique_ptr<AUTH, Destroyer>;
 
 std::string marshalled(AUTH* auth) {
-  TestStream out(std::string(1000, 'x'), xdr_op::kEncode);
+  TestStream out(1000);
   EXPECT_TRUE(auth->ops->marshal(auth, out.get()));
   return out.hex();
 }
@@ -66,6 +66,8 @@ TEST_F(AuthSystem, NoneIsOneForAllAndBothTellTheirMethod) {
     EXPECT_FALSE(auth->ops->control(auth, 3, &method) || auth->ops->control(auth, 2, nullptr) ||
                  auth->ops->needs_refresh(auth, true, nullptr) || auth->ops->refresh(auth));
   }
+  CLIENT without = {};
+  EXPECT_FALSE(authfallback(&without));
   none->ops->destroy(none);
   EXPECT_EQ(marshalled(none), std::string(32, '0')) << "it stays for others";
 }

@@ -22,13 +22,13 @@ TEST(RpcMessage, BuildsAndReadsCalls) {
   for (size_t word : {1U, 2U}) {  // direction, RPC version
     std::string other = from_hex(hex);
     other[word * 4 + 3] = 3;
-    EXPECT_FALSE(__brix_xdr_callmsg(TestStream(other, xdr_op::kDecode).get(), &call)) << word;
+    EXPECT_FALSE(__brix_xdr_callmsg(TestStream(other).get(), &call)) << word;
     EXPECT_EQ(encoded(kCall, &call), "fails");  // what was refused does not go out either
   }
   rpc_call_message header = {9, 7, 7, 1, 2, 0, {}, {}};
   EXPECT_EQ(encoded(xdr_filter<__brix_xdr_callhdr>, &header),
             "0000000900000000000000020000000100000002");
-  EXPECT_FALSE(__brix_xdr_callhdr(TestStream(from_hex(hex), xdr_op::kDecode).get(), &header));
+  EXPECT_FALSE(__brix_xdr_callhdr(TestStream(from_hex(hex)).get(), &header));
 }
 
 TEST(RpcMessage, BoundsAuthBodies) {
@@ -42,7 +42,7 @@ TEST(RpcMessage, BoundsAuthBodies) {
     std::string wire = from_hex("00000001 00007FE9") + std::string(32748, 'x');
     wire[7] = static_cast<char>(length - 0x7F00);
     opaque_auth back = {};
-    EXPECT_EQ(__brix_xdr_opaque_auth(TestStream(wire, xdr_op::kDecode).get(), &back), passes);
+    EXPECT_EQ(__brix_xdr_opaque_auth(TestStream(wire).get(), &back), passes);
     __brix_xdr_free(xdr_filter<__brix_xdr_opaque_auth>, &back);
   }
   uint8_t block[] = {1, 2, 3, 4, 5, 6, 7, 8};
@@ -75,7 +75,7 @@ TEST(RpcMessage, TellsWhatAReplyMeans) {
     message.accepted.results = &text;
     message.accepted.results_filter = xdr_filter<__brix_xdr_wrapstring>;
     if (decodes) expect_carried(kReply, hex, message);
-    EXPECT_EQ(kReply(TestStream(from_hex(hex), xdr_op::kDecode).get(), &message), decodes);
+    EXPECT_EQ(kReply(TestStream(from_hex(hex)).get(), &message), decodes);
     rpc_err error;
     memset(&error, 0xFF, sizeof error);
     __brix_seterr_reply(&message, &error);

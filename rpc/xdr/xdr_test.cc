@@ -19,9 +19,9 @@ void expect_wire(T value, Hex hex, std::optional<T> back = {}) {
   EXPECT_EQ(encoded(xdr_filter<filter>, &value), hex);
   const std::string bytes = from_hex(hex);
   T object = {};
-  EXPECT_FALSE(filter(TestStream(bytes.substr(1), xdr_op::kDecode).get(), &object)) << hex;
+  EXPECT_FALSE(filter(TestStream(bytes.substr(1)).get(), &object)) << hex;
   EXPECT_EQ(object, T{}) << hex;
-  EXPECT_TRUE(filter(TestStream(bytes, xdr_op::kDecode).get(), &object) && filter(&__xdr, &object));
+  EXPECT_TRUE(filter(TestStream(bytes).get(), &object) && filter(&__xdr, &object));
   EXPECT_EQ(object, back.value_or(value)) << hex;
 }
 
@@ -51,8 +51,7 @@ TEST(Xdr, CarriesNumbers) {
               __xdr.private_word == nullptr && __xdr.base == nullptr && __xdr.remaining == 0);
   // What comes in is cut to the width of the host's type.
   uint16_t narrow = 0;
-  EXPECT_TRUE(__brix_xdr_u_short(TestStream("ABCD", xdr_op::kDecode).get(), &narrow) &&
-              narrow == 0x4344);
+  EXPECT_TRUE(__brix_xdr_u_short(TestStream("ABCD").get(), &narrow) && narrow == 0x4344);
   uint8_t digest[20] = {0xAB};
   for (xdrproc_t filter : {xdr_filter<xdr_sha_digest>, xdr_filter<xdr_vxui_t>}) {
     EXPECT_EQ(encoded(filter, digest), "AB" + std::string(38, '0'));
@@ -100,10 +99,10 @@ TEST(Xdr, CarriesCountedBytesAndStrings) {
     counted = {reinterpret_cast<uint8_t*>(string), 99, length};
     for (size_t sent = 0; sent < wire.size(); ++sent) {
       const std::string cut = wire.substr(0, sent);
-      EXPECT_FALSE(__brix_xdr_wrapstring(TestStream(cut, xdr_op::kDecode).get(), &string));
-      EXPECT_FALSE(counted_filter(TestStream(cut, xdr_op::kDecode).get(), &counted));
+      EXPECT_FALSE(__brix_xdr_wrapstring(TestStream(cut).get(), &string));
+      EXPECT_FALSE(counted_filter(TestStream(cut).get(), &counted));
     }
-    TestStream in(wire + wire, xdr_op::kDecode);
+    TestStream in(wire + wire);
     EXPECT_TRUE(counted_filter(in.get(), &counted) && in.used() == wire.size());
     EXPECT_TRUE(counted.size == length && std::equal(text.begin(), text.end(), own.begin()));
     EXPECT_TRUE(__brix_xdr_string(in.get(), &string, length) && in.used() == 2 * wire.size());
@@ -114,8 +113,7 @@ TEST(Xdr, CarriesCountedBytesAndStrings) {
   Counted nothing = {nullptr, 5, 5};
   EXPECT_EQ(encoded(kCounted, &nothing), "fails");
   text = const_cast<char*>("abc");
-  EXPECT_FALSE(
-      __brix_xdr_string(TestStream(std::string(12, 'x'), xdr_op::kEncode).get(), &text, 2));
+  EXPECT_FALSE(__brix_xdr_string(TestStream(12).get(), &text, 2));
 }
 
 // No length makes decoding allocate more than a stream holds, or has given and as much again.
@@ -126,8 +124,8 @@ TEST(Xdr, BelievesNoDeclaredLength) {
       Counted counted = {nullptr, 0, UINT32_MAX};
       char* text = nullptr;
       FailingMalloc few(kind == TestStream::kBlind ? 2 : 0);
-      EXPECT_FALSE(counted_filter(TestStream(wire, xdr_op::kDecode, kind).get(), &counted));
-      EXPECT_FALSE(__brix_xdr_wrapstring(TestStream(wire, xdr_op::kDecode, kind).get(), &text));
+      EXPECT_FALSE(counted_filter(TestStream(wire, kind).get(), &counted));
+      EXPECT_FALSE(__brix_xdr_wrapstring(TestStream(wire, kind).get(), &text));
       EXPECT_FALSE(few.failed());
     }
   }
@@ -136,7 +134,7 @@ TEST(Xdr, BelievesNoDeclaredLength) {
   char* back = nullptr;
   for (int granted = 0; granted <= 3; ++granted) {  // 64 KiB, twice as much, all
     FailingMalloc failing(granted);
-    __brix_xdr_wrapstring(TestStream(wire, xdr_op::kDecode, TestStream::kBlind).get(), &back);
+    __brix_xdr_wrapstring(TestStream(wire, TestStream::kBlind).get(), &back);
     EXPECT_EQ(back != nullptr, granted == 3);
   }
   EXPECT_EQ(back, text);
@@ -144,7 +142,7 @@ TEST(Xdr, BelievesNoDeclaredLength) {
 }
 
 TEST(XdrStreams, StayAsTheyAreWhenTheyFail) {
-  TestStream stream("123", xdr_op::kEncode);
+  TestStream stream("123");
   uint64_t counter = 0;
   XDR counting;
   xdrcount_create(&counting, &counter);
