@@ -122,6 +122,7 @@ TEST_F(PortTest, GroupsOfTheEnvironment) {
 }
 
 TEST_F(PortTest, CacheAndExport) {
+  get_rpc_p_varp();  // the block waits for its memory
   {
     FailingMalloc failing(0);
     populate_pmaps(kService, 2, IPPROTO_TCP, 10, 0);
