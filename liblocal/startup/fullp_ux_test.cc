@@ -124,7 +124,7 @@ TEST_F(Fullpath, WhatIsTold) {
        "fullpath failed to get the new cwd\n"}};
   for (const auto& [flags, path, size, line, at_3] : cases) {
     EXPECT_EQ(told(0, path, flags, size), "") << path;
-    EXPECT_EQ(told(2, path, flags, size), line) << path;
+    EXPECT_EQ(told(1, path, flags, size), line) << path;
     const std::string more = told(3, path, flags, size);
     EXPECT_TRUE(more == line + at_3 || more == at_3 + line) << more;
   }

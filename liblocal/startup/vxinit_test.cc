@@ -105,6 +105,7 @@ TEST_F(VxinitInTheLab, OfEveryApplication) {
       EXPECT_EQ(text(find_origin(nullptr)), in(installed, "bin/"));
       EXPECT_EQ(vx_find_installdir(nullptr), nullptr);
       EXPECT_EQ(vx_find_installdir("/no/program"), vx_get_installdir());
+      EXPECT_EQ(pieces_left_by([] { vx_set_argv0("/no/program"); }), 0);
       EXPECT_STREQ(vx_get_argv0(), "/no/program");
 
       setenv("LC_ALL", "C", 1);  // what comes once has come
@@ -220,6 +221,7 @@ TEST(Vxenv, KeepsNoCopyOfTheOldValue) {
       EXPECT_STREQ(getenv(kName), "new:??");
     };
     EXPECT_EQ(pieces_left_by(prepend), 0);
+    EXPECT_EQ((FailingMalloc(2, 1), add_to_environment(kName, "\xC3\xA9", 0)), 0) << "converted";
   });
 }
 
