@@ -11,7 +11,7 @@ trap 'kill %1; rm -rf "$scratch"' EXIT
 until grep -qs Answering "$scratch/mapper"; do sleep 0.05; done
 echo "disk full" >"$scratch/text"
 kivtrap=("$build/trap/kivtrap" -f "$scratch/text" 127.0.0.1)
-floor=("$build/bench/library_calls" "$scratch/text")
+floor=("$build/bench/library_calls" -f "$scratch/text")
 sender=("$build/bench/minimal_sender")
 
 # measure LOCALE: the programs in that locale, which the sender does not put itself into.

@@ -1,7 +1,8 @@
-// library_calls FILE: the floor of the whole command. Makes the calls of the C library that
-// the command has to make, in its order and as often (the start, the own name before each
-// use, the host's names and addresses, the port mapper's answer, a socket for the program
-// asked about, the file's lines, the boot record, the trap), and adds nothing.
+// library_calls -f FILE: the floor of the whole command. Makes the calls of the C library
+// that the command has to make, in its order and as often (the start, the options, the own
+// name before each use, the host's names and addresses, the port mapper's answer, a socket
+// for the program asked about, the file's lines, the boot record, the trap), and adds
+// nothing.
 #include <arpa/inet.h>
 #include <limits.h>
 #include <locale.h>
@@ -113,13 +114,13 @@ static void ask_port_mapper(void) {
 }
 
 int main(int argc, char** argv) {
-  if (argc < 2) return 2;
   setlocale(LC_ALL, "");
   struct sigaction action = {.sa_handler = SIG_IGN};
   sigaction(SIGUSR2, &action, NULL);
   find_origin(argv[0]);
   getuid(), geteuid(), getgid(), getegid();
-  FILE* file = fopen(argv[1], "r");
+  if (getopt(argc, argv, "f:") != 'f') return 2;
+  FILE* file = fopen(optarg, "r");
   if (file == NULL) return 1;
   gethostname(own, sizeof own);
   look_up_own_name();

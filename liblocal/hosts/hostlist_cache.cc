@@ -13,6 +13,7 @@
 #include "liblocal/hosts/svc_time.h"
 #include "liblocal/messages/errinfo.h"
 #include "liblocal/startup/vxenv.h"
+#include "liblocal/threads/c_memory.h"
 
 namespace {
 
@@ -34,7 +35,7 @@ void give_back(hostlist_cache* cache, host_entry* entry) {
 
 host_entry* take_entry(hostlist_cache* cache) {
   host_entry* entry = cache->free_list;
-  if (entry == nullptr) return static_cast<host_entry*>(calloc(1, sizeof(host_entry)));
+  if (entry == nullptr) return c_new<host_entry>();
   cache->free_list = entry->next;
   entry->next = nullptr;
   return entry;
@@ -117,16 +118,14 @@ void make_index(hostlist_cache* cache) {
   for (int32_t i = 0; i < cache->count; ++i) add_to_index(cache, cache->table[i]);
 }
 
-// The new table is fresh from the system, so that slots never used cost no memory.
+// Slots that were never used stay untouched, and cost no memory.
 bool grow(hostlist_cache* cache) {
   const int32_t capacity = cache->capacity + cache->limits->step;
-  void* larger = calloc(static_cast<size_t>(capacity), kSlotSize);
+  void* larger = realloc(cache->table, static_cast<size_t>(capacity) * kSlotSize);
   if (larger == nullptr) {
     no_memory();
     return false;
   }
-  std::copy_n(cache->table, cache->count, static_cast<host_entry**>(larger));
-  free(cache->table);
   cache->table = static_cast<host_entry**>(larger);
   const size_t indexed = index_size(cache);
   const bool is_first = cache->capacity == 0;

@@ -26,7 +26,7 @@ void vx_set_progname(const char* path) {
   if (path == nullptr || *path == '\0') return;
   char name[kPathComponentSize];
   if (vx_path_basename(path, name, sizeof name) != 0) return;
-  name[strcspn(name, ".")] = '\0';
+  *strchrnul(name, '.') = '\0';
   for (char* c = name; *c != '\0'; ++c) *c = ascii_lower(*c);
 
   VxMutexLock lock(_vx_progname_mutex());

@@ -2,7 +2,6 @@
 
 #include <getopt.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -13,6 +12,7 @@
 #include "liblocal/startup/vxenv.h"
 #include "liblocal/startup/vxids.h"
 #include "liblocal/text/ascii.h"
+#include "liblocal/text/text_view.h"
 #include "liblocal/text/utf8_convert.h"
 
 namespace {
@@ -23,8 +23,9 @@ void name_debug_command_file(const char* name) {
   bool with_programs = name != nullptr && strcmp(name, "qmo") == 0;
   const char* directory = with_programs ? vx_get_bindir() : vx_get_tmpdir();
   // An absent directory is written as every absent text is.
-  snprintf(Dbgcmdpath, sizeof Dbgcmdpath, "%s/vxdbg.tmp",
-           directory != nullptr ? directory : "null");
+  text_copy_cut(directory != nullptr ? directory : "null", Dbgcmdpath, sizeof Dbgcmdpath);
+  const size_t end = strlen(Dbgcmdpath);
+  text_copy_cut("/vxdbg.tmp", Dbgcmdpath + end, sizeof Dbgcmdpath - end);
 }
 
 // What the first call does. Until the ids are changed, a set-user-id program runs

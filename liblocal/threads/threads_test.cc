@@ -345,7 +345,6 @@ TEST(Liblvarp, TheProcessBlockTakesTheShutdownRequestOnce) {
       liblocal_p_varp* block = Global_liblocal_p_varp;
       EXPECT_EQ(block->shutdown_stdio.exchange(0), flag) << value;
       EXPECT_STREQ(getenv("KIV_SHUTDOWN_STDIO"), left);
-      block->local_addresses = static_cast<sockaddr_in*>(xmalloc(1));
       liblocal_p_clean(block);
     }
   };
@@ -379,7 +378,7 @@ void exit_with_blocks() {
     say(get_liblocal_p_varp() == nullptr && is_proc_exiting() == 1 ? "end" : "early? ");
   });
   get_probe_t_varp();  // its exit function is older than the registry's
-  get_liblocal_p_varp()->local_addresses = nullptr;
+  get_liblocal_p_varp();
   liblocal_set_release(LiblocalRelease::kErrorTables, [] { say("errors "); });
   liblocal_set_release(LiblocalRelease::kClientHostCache, [] { say("clients "); });
   liblocal_set_release(LiblocalRelease::kDnsHostCache, [] { say("dns "); });
