@@ -137,6 +137,7 @@ int run_locked(Direction* direction, iconv_t descriptor, Conversion* conversion,
 
 // Kinds of bytes, of one byte or of a vector of them. Below 0: beyond ASCII.
 constexpr auto is_ascii = [](auto byte) { return byte >= 0; };
+constexpr auto is_ascii_text = [](auto byte) { return byte > 0; };
 constexpr auto is_beyond_ascii = [](auto byte) { return byte < 0; };
 
 // The same character in every codeset that a locale may have: Shift_JIS has signs of its own
@@ -277,6 +278,12 @@ void convert_out(Conversion* conversion) {
   }
 }
 
+// The number of bytes at the beginning of `text` that need no converter.
+size_t same_length(const char* text) {
+  if (needs_conversion()) return run_of<is_ascii>(text, strlen(text));
+  return static_cast<size_t>(strchrnul(text, kMbtLead) - text);
+}
+
 // Whether the character that a conversion stopped at would fill its area to the last byte,
 // which is the NUL's.
 bool fills(void (*convert)(Conversion*), const Conversion& cut) {
@@ -308,7 +315,7 @@ size_t ansi_mbs(char* output, const char* input, size_t size) {
   if (output == nullptr || size == 0) return 0;
   *output = '\0';
   if (input == nullptr) return 0;
-  const size_t same = ansi_same_length(input);
+  const size_t same = same_length(input);
   if (same < size && input[same] == '\0') {  // as most texts are
     memcpy(output, input, same + 1);
     return same;
@@ -329,9 +336,9 @@ bool utf8_is_same(const char* text, size_t length) {
   return !needs_conversion() || run_of<is_plain>(text, length) == length;
 }
 
-size_t ansi_same_length(const char* text) {
-  if (needs_conversion()) return run_of<is_ascii>(text, strlen(text));
-  return static_cast<size_t>(strchrnul(text, kMbtLead) - text);
+bool ansi_is_same(const char* text, size_t length) {
+  return needs_conversion() ? run_of<is_ascii_text>(text, length) == length
+                            : same_length(text) == length;
 }
 
 Utf8Progress utf8_mbs_part(char* output, size_t room, const char* input, size_t length, bool more) {

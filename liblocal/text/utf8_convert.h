@@ -48,9 +48,9 @@ int vx_utf8tombts(char* output, const char* input, size_t size);
 /// UTF-8 without the converter.
 [[nodiscard]] bool utf8_is_same(const char* text, size_t length);
 
-/// The number of bytes at the beginning of `text` that ansi_mbs is known to leave as they
-/// are without the converter.
-[[nodiscard]] size_t ansi_same_length(const char* text);
+/// Whether ansi_mbs is known to leave `text` as it is without the converter, and its first
+/// NUL stands behind its `length` bytes.
+[[nodiscard]] bool ansi_is_same(const char* text, size_t length);
 
 /// What a conversion of part of a text did.
 struct Utf8Progress {

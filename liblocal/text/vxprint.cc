@@ -36,7 +36,7 @@ int vxvfprintf(FILE* stream, const char* format, va_list arguments) {
   const auto length = static_cast<size_t>(i18n_vsprintf(nullptr, &area, format, arguments));
   c_unique_ptr<char> text(area);
   if (text == nullptr) return 0;
-  if (ansi_same_length(area) == length) return write_text(stream, area, length);
+  if (ansi_is_same(area, length)) return write_text(stream, area, length);
   // A NUL that %c wrote is no text; what stands behind it is.
   *std::remove(area, area + length, '\0') = '\0';
   return write_converted(stream, area);
