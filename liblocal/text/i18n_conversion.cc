@@ -65,9 +65,9 @@ const char* read_letters(const char* at, char* letters) {
 
 }  // namespace
 
-I18nArguments::I18nArguments(const char* format, va_list list) {
+I18nArguments::I18nArguments(const char* format, bool has_positions, va_list list) {
   va_copy(list_, list);
-  if (strchr(format, '$') == nullptr) return;
+  if (!has_positions) return;
   find_kinds(format);
   fill_table();
 }

@@ -24,8 +24,9 @@ union I18nValue {
 /// argument's kind, and all are taken from the list into a table.
 class I18nArguments {
  public:
+  /// `has_positions`: there is a '$' in the format.
   /// REQUIRES: `list` outlives the object; it is left as it was.
-  I18nArguments(const char* format, va_list list);
+  I18nArguments(const char* format, bool has_positions, va_list list);
   ~I18nArguments();
   I18nArguments(const I18nArguments&) = delete;
   I18nArguments& operator=(const I18nArguments&) = delete;

@@ -266,9 +266,13 @@ bool print_conversion(Output* output, const I18nConversion& conversion) {
 }  // namespace
 
 int i18n_vsprintf(char* buffer, char** result, const char* format, va_list arguments) {
-  Output output(buffer, result, strlen(format));
+  // One search finds the first '$' and, in a format without one, the end.
+  const char* dollar = strchrnul(format, '$');
+  const bool has_positions = *dollar != '\0';
+  const char* end = has_positions ? dollar + strlen(dollar) : dollar;
+  Output output(buffer, result, static_cast<size_t>(end - format));
   if (!output.exists()) return 0;
-  I18nArguments values(format, arguments);
+  I18nArguments values(format, has_positions, arguments);
   for (const char* at = format;;) {
     const char* percent = strchrnul(at, '%');
     output.append_literal(at, static_cast<size_t>(percent - at));
