@@ -457,8 +457,8 @@ TEST(Waiting, ForMemory) {
   EXPECT_EQ(pauses_of(1, [] { free(xcalloc(2, 10)); }), "5.0 ");
   EXPECT_EQ(pauses_of(1, [] { free(xstrdup("text")); }), "5.0 ");
   EXPECT_EQ(pauses_of(2, [] { liblocal_t_clean(liblocal_t_init()); }), "2.0 2.0 ");
-  EXPECT_EQ(pauses_of(0, [] { EXPECT_EQ(vx_thread_sleep(1234), 0); }), "1.234000000 ");
-  EXPECT_EQ(pauses_of(0, [] { _vx_pause_ms(1234); }), "1.234000000 ");
+  EXPECT_EQ(pauses_of(0, [] { EXPECT_EQ(vx_thread_sleep(2001), 0); }), "2.1000000 ");
+  EXPECT_EQ(pauses_of(0, [] { _vx_pause_ms(2001); }), "2.1000000 ");
   EXPECT_EQ(xstrdup(nullptr), nullptr);
   in_threads(1, [](int) {  // for the place of its block
     vx_error_set_last(0, 1);
