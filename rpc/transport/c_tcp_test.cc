@@ -116,11 +116,10 @@ class TcpTest : public lab::ClientTest {
 };
 
 TEST_F(TcpTest, WhatCallsComeTo) {
-  enum Then { kStay, kClose, kUrgent, kFlood };  // urgent data; the same again and again
+  enum Then { kStay, kClose, kFlood };  // the same again and again
   const std::tuple<const char*, const char*, Then, clnt_stat, int32_t> cases[] = {
       {"closed", "", kClose, RPC_CANTRECV, ECONNRESET},
       {"closed within a reply", "8000001C ID 00", kClose, RPC_CANTRECV, ECONNRESET},
-      {"urgent data", "", kUrgent, RPC_CANTRECV, ECONNRESET},
       {"a fragment too large", "7F7F7F7F", kStay, RPC_CANTRECV, ECONNRESET},
       {"broken units", "80000003 000000", kStay, RPC_CANTRECV, ECONNRESET},
       {"results cut off", "80000018 ID OK 00000000", kStay, RPC_CANTDECODERES, 0},
@@ -141,7 +140,6 @@ TEST_F(TcpTest, WhatCallsComeTo) {
       for (int i = 0; i < 12 && then == kFlood; ++i) bytes += bytes;
       while (peer.send(bytes) && then == kFlood) {
       }
-      if (then == kUrgent) ::send(peer.socket(), "!", 1, MSG_OOB);
       if (then != kClose) stall(peer);
     });
     connect(server);
@@ -238,6 +236,12 @@ TEST_F(TcpTest, FailuresOfWriting) {
     watch(nullptr);
     expect(call(), RPC_CANTSEND, EPIPE);  // a part of a record has left
   }
+  RpcServer urgent([](RpcServer& peer) {
+    ::send(peer.socket(), "!", 1, MSG_OOB);
+    stall(peer);
+  });
+  connect(urgent);
+  expect(send_much(kLong), RPC_CANTSEND, ECONNRESET);
 }
 
 TEST_F(TcpTest, OneWayCallsLeaveWithTheNextCall) {
