@@ -8,9 +8,9 @@
 
 #include "rpc/auth/auth.h"
 #include "tests/failing_calls.h"
-#include "tests/printed.h"
 #include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
+#include "tests/work.h"
 
 namespace {
 

@@ -17,9 +17,8 @@
 #include "liblocal/hosts/svc_time.h"
 #include "tests/failing_malloc.h"
 #include "tests/lab.h"
-#include "tests/printed.h"
 #include "tests/stand_ins.h"
-#include "tests/threads.h"
+#include "tests/work.h"
 
 using namespace stand_ins;
 

@@ -15,9 +15,8 @@
 #include "liblocal/hosts/localhost.h"
 #include "liblocal/threads/vx_error.h"
 #include "tests/lab.h"
-#include "tests/printed.h"
 #include "tests/stand_ins.h"
-#include "tests/threads.h"
+#include "tests/work.h"
 
 using namespace stand_ins;
 

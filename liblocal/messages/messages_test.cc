@@ -22,9 +22,8 @@
 #include "tests/failing_malloc.h"
 #include "tests/lab.h"
 #include "tests/locales.h"
-#include "tests/printed.h"
 #include "tests/stand_ins.h"
-#include "tests/threads.h"
+#include "tests/work.h"
 
 // Formats here differ on purpose from what the compiler knows.
 #pragma GCC diagnostic ignored "-Wformat"

@@ -12,7 +12,7 @@
 
 #include "tests/failing_malloc.h"
 #include "tests/lab.h"
-#include "tests/printed.h"
+#include "tests/work.h"
 
 namespace {
 

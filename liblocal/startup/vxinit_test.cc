@@ -20,7 +20,7 @@
 #include "tests/failing_malloc.h"
 #include "tests/lab.h"
 #include "tests/locales.h"
-#include "tests/printed.h"
+#include "tests/work.h"
 
 std::atomic<int> waits_for_debugger;  // so many, and it is there; 0: the program sleeps
 

@@ -17,7 +17,7 @@
 #include "tests/lab.h"
 #include "tests/locales.h"
 #include "tests/stand_ins.h"
-#include "tests/threads.h"
+#include "tests/work.h"
 
 namespace {
 

@@ -1,7 +1,5 @@
 // The lowest room of the runtime: its primitives, its blocks and those of two modules of the
 // test's own, the end of the process, and what waits instead of failing.
-#include "tests/threads.h"
-
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <netdb.h>
@@ -21,6 +19,7 @@
 #include "liblocal/threads/vx_thread.h"
 #include "liblocal/threads/xmalloc.h"
 #include "tests/failing_malloc.h"
+#include "tests/work.h"
 
 static void say(const char* what) { fputs(what, stderr); }
 static void free_and_say(void* block, const char* what) {

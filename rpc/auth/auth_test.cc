@@ -9,9 +9,8 @@
 #include "rpc/auth/a_none.h"
 #include "rpc/auth/a_unix.h"
 #include "rpc/auth/auth_choice.h"
-#include "tests/printed.h"
 #include "tests/stand_ins.h"
-#include "tests/threads.h"
+#include "tests/work.h"
 #include "tests/xdr_streams.h"
 
 namespace {

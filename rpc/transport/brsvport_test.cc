@@ -11,9 +11,8 @@
 #include "rpc/client/rpcvarp.h"
 #include "rpc/transport/c_transport.h"
 #include "tests/failing_malloc.h"
-#include "tests/printed.h"
 #include "tests/rpc_server.h"
-#include "tests/threads.h"
+#include "tests/work.h"
 
 namespace {
 

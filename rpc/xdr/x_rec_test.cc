@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <vector>
 
-#include "tests/printed.h"
 #include "tests/rpc_server.h"
+#include "tests/work.h"
 #include "tests/xdr_streams.h"
 
 namespace {

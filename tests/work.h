@@ -1,0 +1,34 @@
+// Work done by several threads at once, and what it tells on standard error.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <barrier>
+#include <list>
+#include <string>
+#include <thread>
+
+#include "liblocal/messages/debug.h"
+#include "liblocal/messages/progname.h"
+
+/// Runs `work(i)` for i in 0..count-1, each in a thread of its own, from the same moment on.
+inline void in_threads(int count, auto work) {
+  std::barrier start(count);
+  std::list<std::jthread> threads;
+  for (int i = 0; i < count; ++i) {
+    threads.emplace_back([&start, &work, i] {
+      start.arrive_and_wait();
+      work(i);
+    });
+  }
+}
+
+/// What `work` writes to standard error in a program named kivtrap, with `Debug` at `level`.
+inline std::string printed(int level, auto work) {
+  vx_set_progname("kivtrap");
+  Debug = level;
+  testing::internal::CaptureStderr();
+  work();
+  Debug = 0;
+  return testing::internal::GetCapturedStderr();
+}
