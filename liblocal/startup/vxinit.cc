@@ -14,6 +14,7 @@
 #include "liblocal/text/ascii.h"
 #include "liblocal/text/text_view.h"
 #include "liblocal/text/utf8_convert.h"
+#include "liblocal/threads/vx_thread.h"
 
 namespace {
 
@@ -34,6 +35,7 @@ void set_up_process(const char* name, char** argv) {
   find_appdir(name);
   init_locales(name, "");
   regevent_setup();
+  _vx_thr_libinit();
   if (argv != nullptr) vx_find_installdir(argv[0]);
   get_saved_uids(nullptr, nullptr);
   _vx_print_uids(vxgetenv("KIV_PRINT_UIDS") != nullptr ? 1 : 0);

@@ -38,7 +38,7 @@ int32_t vx_thread_sleep(uint32_t milliseconds);
 /// Lets other threads run.
 int32_t vx_thread_yield();
 
-/// Initialises the thread layer, as vx_thread_self does. Further calls change nothing.
+/// Initialises the thread layer; part of start-up. Further calls change nothing.
 void _vx_thr_libinit();
 
 /// Sets the thread-layer-initialised flag and returns 1.
