@@ -14,18 +14,17 @@
 
 namespace {
 
-using lab::equal;
-using lab::RpcServer;
+using namespace lab;
 
 constexpr rpc_createerr kUntouched = {RPC_CANCELLED, {}};
 
 // In the lab, as mappers have fixed ports, and hosts their names.
-class CreateTest : public lab::ClientTest {
+class CreateTest : public ClientTest {
  protected:
   void SetUp() override {
-    if (lab::skip_outside()) return;
-    over_udp_.emplace(7938, "127.0.0.1", lab::port_mapper(4711));
-    over_tcp_.emplace(7938, "127.0.0.1", lab::port_mapper(7938), SOCK_STREAM);
+    if (skip_outside()) return;
+    over_udp_.emplace(7938, "127.0.0.1", port_mapper(4711));
+    over_tcp_.emplace(7938, "127.0.0.1", port_mapper(7938), SOCK_STREAM);
     *__get_rpc_createerr() = kUntouched;
     unsetenv("KIV_TRANSPORT");
   }
@@ -59,7 +58,7 @@ TEST_F(CreateTest, OwnNamesGoToLoopbackOverEveryTransport) {
     EXPECT_TRUE(udp ? equal(get<timeval>(CLGET_RETRY_TIMEOUT), {5, 0}) : call() == RPC_SUCCESS);
     destroy();
   }
-  sockaddr_in server = lab::loopback(7938);
+  sockaddr_in server = loopback(7938);
   memset(server.sin_zero, 1, sizeof server.sin_zero);
   client_ = clntgen_create(&server, 5, 6, nullptr, &socket_, 0, 0);
   EXPECT_EQ(to_hex({reinterpret_cast<char*>(server.sin_zero), 8}), "0000000000000000");

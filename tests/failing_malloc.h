@@ -2,10 +2,7 @@
 // and static libraries of a test program call them; shared libraries keep theirs.
 #pragma once
 
-#include <malloc.h>
-
 #include <climits>
-#include <cstddef>
 
 /// Lets `count` allocations succeed and the `refusals` after them fail, until it goes.
 class FailingMalloc {
@@ -26,13 +23,4 @@ inline long pieces_left_by(auto work) {
   const long before = pieces_held();
   work();
   return pieces_held() - before;
-}
-
-/// The bytes that `work`, run `times` times, leaves in the same way; 0 under the sanitizers,
-/// which have a heap of their own.
-inline long bytes_left_by(int times, auto work) {
-  work();
-  const size_t before = mallinfo2().uordblks;
-  for (int i = 0; i < times; ++i) work();
-  return static_cast<long>(mallinfo2().uordblks - before);
 }

@@ -22,15 +22,8 @@
 
 namespace {
 
-using failing_calls::refuse;
-using lab::always;
-using lab::equal;
-using lab::fragment;
-using lab::kLong;
-using lab::kNobody;
-using lab::reply_to;
-using lab::RpcServer;
-using testing::ExitedWithCode;
+using namespace failing_calls;
+using namespace lab;
 
 constexpr timeval kShort = {0, 50000};
 constexpr timeval kNone = {0, 0};
@@ -68,10 +61,10 @@ struct Watcher {
   }
 };
 
-class TcpTest : public lab::ClientTest {
+class TcpTest : public ClientTest {
  protected:
   void connect(const RpcServer& server, int socket = -1, uint32_t size = 0) {
-    ASSERT_NE(create(lab::kTcp, server.port(), socket, size), nullptr);
+    ASSERT_NE(create(kTcp, server.port(), socket, size), nullptr);
   }
 
   // Sends kMuch bytes of arguments: at once, or in pieces that wait for the record's end.
@@ -157,7 +150,7 @@ TEST_F(TcpTest, EveryByteComesBackOnceAndInOrder) {
       ASSERT_TRUE(comes_back(size)) << size;
     }
   }
-  EXPECT_TRUE(failing_calls::writes.most == 2 && failing_calls::reads.most == 2) << "buffers";
+  EXPECT_TRUE(writes.most == 2 && reads.most == 2) << "buffers";
 }
 
 TEST_F(TcpTest, TimeLimits) {
@@ -179,7 +172,7 @@ TEST_F(TcpTest, TimeLimits) {
   watch(&watcher, {0, 35000}, kShort);
   expect(call(), RPC_TIMEDOUT);
   EXPECT_EQ(watcher.before.tv_usec, kShort.tv_usec) << "the last step ends with the limit";
-  refuse(failing_calls::waits, EINTR, INT_MAX);
+  refuse(waits, EINTR, INT_MAX);
   expect(call(), RPC_TIMEDOUT);
   // Times that cannot be waited for as they are.
   const std::pair<timeval, timeval> steps[] = {{{-1, 5}, {1000000000, 0}},
@@ -189,10 +182,10 @@ TEST_F(TcpTest, TimeLimits) {
   for (const auto& [step, waited] : steps) {
     rpc_wait waiting = {step, nullptr, nullptr};
     ASSERT_TRUE(control(CLSET_TIMEOUT, nullptr) && control(CLSET_WAIT_FUNCTION, &waiting));
-    refuse(failing_calls::reads, EAGAIN);
-    refuse(failing_calls::waits, EBADF);
+    refuse(reads, EAGAIN);
+    refuse(waits, EBADF);
     expect(call(), RPC_CANTRECV, EBADF);
-    EXPECT_TRUE(equal(failing_calls::last_wait, waited)) << step.tv_sec;
+    EXPECT_TRUE(equal(last_wait, waited)) << step.tv_sec;
   }
 }
 
@@ -247,11 +240,11 @@ TEST_F(TcpTest, FailuresOfWriting) {
 TEST_F(TcpTest, OneWayCallsLeaveWithTheNextCall) {
   RpcServer server(always(kAnswer));
   connect(server);
-  refuse(failing_calls::writes, EIO);
+  refuse(writes, EIO);
   for (int i = 0; i < 2; ++i) {
     ASSERT_EQ(client_->ops->call(client_, 7, nullptr, nullptr, nullptr, nullptr, kNone), 0);
   }
-  EXPECT_EQ(failing_calls::writes.left.exchange(0), 1) << "nothing was written";
+  EXPECT_EQ(writes.left.exchange(0), 1) << "nothing was written";
   EXPECT_EQ(call(), RPC_SUCCESS);
   EXPECT_EQ(server.requests().size(), 3U);
 }
@@ -288,7 +281,7 @@ TEST_F(TcpTest, ASlowPeerIsWaitedForAndItsInputReadAhead) {
     connect(server);
     watch(&watcher, {0, 1000}, limit);
     ASSERT_TRUE(control(CLSET_WATCH_INPUT, client_));
-    refuse(failing_calls::reads, error, error != 0 ? 2 : 0);
+    refuse(reads, error, error != 0 ? 2 : 0);
     EXPECT_EQ(send_much(limit), status);
     EXPECT_GE(watcher.restarts, 3);
     watch(&watcher);
@@ -372,20 +365,20 @@ TEST_F(TcpTest, FailuresToConnect) {
                                                        {EADDRINUSE, 5, server.port(), 0}};
   for (const auto& [refused, times, port, error] : cases) {
     stand_ins::now = svc_time() + 1;
-    refuse(failing_calls::connects, refused, times);
-    EXPECT_EQ(create(lab::kTcp, port) != nullptr, error == 0) << refused;
+    refuse(connects, refused, times);
+    EXPECT_EQ(create(kTcp, port) != nullptr, error == 0) << refused;
     if (error != 0) expect_not_created(RPC_SYSTEMERROR, error);
     EXPECT_EQ(svc_time(), stand_ins::now) << "a new service time has begun";
   }
   stand_ins::now = 0;
   // An address in use is tried twice for each port; those of a process stay configured.
   auto tries_with_one_port = [&] {
-    refuse(failing_calls::connects, EADDRINUSE, 100);
+    refuse(connects, EADDRINUSE, 100);
     (void)rpcport_add_range(42000, 42000, kPortConnection);
-    create(lab::kTcp, kNobody);
-    return 100 - failing_calls::connects.left;
+    create(kTcp, kNobody);
+    return 100 - connects.left;
   };
-  EXPECT_EXIT(_exit(tries_with_one_port()), ExitedWithCode(2), "");
+  EXPECT_EXIT(_exit(tries_with_one_port()), testing::ExitedWithCode(2), "");
 }
 
 // The last of all exit functions finds the blocks of the process gone, and still makes and
@@ -407,10 +400,10 @@ TEST_F(TcpTest, WhatTheEnvironmentSetsHoldsToTheVeryEnd) {
       if (bit == 2) control(CLSET_WATCH_INPUT, client_);
       if (comes_back(100000) && (fcntl(socket_, F_GETFL) & O_NONBLOCK) == 0) bits |= 1 << bit;
     }
-    return bits + 4 * (failing_calls::writes.most + failing_calls::reads.most) - 8;
+    return bits + 4 * (writes.most + reads.most) - 8;
   };
   const std::string directory = testing::TempDir();
-  for (const char* name : {"nowritev", "noreadv"}) lab::write_file(directory + name, "");
+  for (const char* name : {"nowritev", "noreadv"}) write_file(directory + name, "");
   const std::tuple<const char*, std::string, int, const char*> cases[] = {
       {"KIV_BLOCKING_RPC", "must", 15, "Auth methods not set, using default\n"},
       {"KIV_BLOCKING_RPC", "no", 14, ""},
@@ -428,7 +421,7 @@ TEST_F(TcpTest, WhatTheEnvironmentSetsHoldsToTheVeryEnd) {
       get_rpc_p_varp();
       exit(0);
     };
-    EXPECT_EXIT(end(), ExitedWithCode(bits), told) << value;
+    EXPECT_EXIT(end(), testing::ExitedWithCode(bits), told) << value;
   }
   for (const char* name : {"nowritev", "noreadv"}) unlink((directory + name).c_str());
 }

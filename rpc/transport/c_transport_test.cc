@@ -21,9 +21,8 @@
 
 namespace {
 
-using failing_calls::refuse;
-using lab::equal;
-using lab::RpcServer;
+using namespace failing_calls;
+using namespace lab;
 
 constexpr char kTooWeak[] = "ID 00000001 00000001 00000001 00000005";
 constexpr char kRejected[] = "ID 00000001 00000001 00000001 00000002";
@@ -49,15 +48,15 @@ struct ScriptedAuth {
   }
 };
 
-class TransportTest : public lab::ClientTest, public testing::WithParamInterface<lab::Transport> {
+class TransportTest : public ClientTest, public testing::WithParamInterface<Transport> {
  protected:
-  bool is_tcp() const { return GetParam() == lab::kTcp; }
+  bool is_tcp() const { return GetParam() == kTcp; }
 
   // A client of a new server that answers with `hex` behind the id.
   void connect(const std::string& hex = kAnswer) {
     destroy();
     server_.reset();
-    server_.emplace(lab::always(hex), is_tcp() ? SOCK_STREAM : SOCK_DGRAM);
+    server_.emplace(always(hex), is_tcp() ? SOCK_STREAM : SOCK_DGRAM);
     ASSERT_NE(create(GetParam(), server_->port()), nullptr);
   }
 
@@ -142,7 +141,7 @@ TEST_P(TransportTest, ArgumentsAndResultsThatFail) {
   EXPECT_TRUE(client_->ops->freeres(client_, only_free, nullptr));
   int32_t argument = 8;
   expect(client_->ops->call(client_, 7, xdr_filter<__brix_xdr_int>, &argument, only_free, nullptr,
-                            lab::kLong),
+                            kLong),
          RPC_CANTDECODERES);
   expect(call(), RPC_SUCCESS);  // the reply to what was encoded is dropped
   // Over UDP arguments have the buffer, of whose 100 bytes 40 are the call's own.
@@ -159,19 +158,19 @@ TEST_P(TransportTest, FailingSystemCalls) {
   connect();
   // Signals neither end nor repeat a call, nor does input or room that is gone again.
   for (int passing : {EINTR, EAGAIN, ENOMEM, EINPROGRESS}) {
-    refuse(failing_calls::reads, passing, 3);
-    refuse(failing_calls::writes, passing, is_tcp() ? 3 : 0);
-    refuse(failing_calls::waits, EINTR, 20);
+    refuse(reads, passing, 3);
+    refuse(writes, passing, is_tcp() ? 3 : 0);
+    refuse(waits, EINTR, 20);
     EXPECT_EQ(call(), RPC_SUCCESS) << passing;
   }
   EXPECT_EQ(sent(), 4U);
   for (bool writing : {false, true}) {
     if (writing && !is_tcp()) continue;
-    failing_calls::Refusal& calls = writing ? failing_calls::writes : failing_calls::reads;
+    Refusal& calls = writing ? writes : reads;
     refuse(calls, EIO);
     expect(call(), writing ? RPC_CANTSEND : RPC_CANTRECV, EIO);
     refuse(calls, EAGAIN);
-    refuse(failing_calls::waits, EBADF);
+    refuse(waits, EBADF);
     expect(call(), writing ? RPC_CANTSEND : RPC_CANTRECV, EBADF);
   }
   EXPECT_EQ(call(), RPC_SUCCESS);
@@ -239,8 +238,8 @@ TEST_P(TransportTest, CreationFails) {
     EXPECT_EQ(socket_, -1);
   }
   EXPECT_EQ(granted, is_tcp() ? 3 : 2) << "handle, record, stream";
-  EXPECT_NE(create(GetParam(), lab::kNobody, 65535), nullptr);
-  create(GetParam(), lab::kNobody, 65536);
+  EXPECT_NE(create(GetParam(), kNobody, 65535), nullptr);
+  create(GetParam(), kNobody, 65536);
   EXPECT_EQ(errno, EMFILE);
   expect_not_created(RPC_SYSTEMERROR, EMFILE);
   server_.reset();
@@ -248,29 +247,29 @@ TEST_P(TransportTest, CreationFails) {
   close(next);
 }
 
-INSTANTIATE_TEST_SUITE_P(Both, TransportTest, testing::Values(lab::kUdp, lab::kTcp));
+INSTANTIATE_TEST_SUITE_P(Both, TransportTest, testing::Values(kUdp, kTcp));
 
-using UdpTest = lab::ClientTest;
+using UdpTest = ClientTest;
 
 TEST_F(UdpTest, DatagramsThatAreNotTheReplyAreDropped) {
   auto strays = [](RpcServer& peer) {
     const std::string id = peer.read_request()->substr(0, 4), much(9000, '\xFF');
-    const std::string other = lab::reply_to("dddd", "ID OK 00000000 00000007");
+    const std::string other = reply_to("dddd", "ID OK 00000000 00000007");
     for (const auto& bytes : {std::string(), id.substr(0, 3), other, much, id}) peer.send(bytes);
   };
   RpcServer server(strays, SOCK_DGRAM);
-  ASSERT_NE(create(lab::kUdp, server.port()), nullptr);
+  ASSERT_NE(create(kUdp, server.port()), nullptr);
   errno = EIO;
   expect(call(), RPC_CANTDECODERES);  // as what comes last is no reply
   EXPECT_EQ(server.requests().size(), 1U);
 }
 
 TEST_F(UdpTest, RetransmissionByTheTimesThatAreSet) {
-  RpcServer silent(lab::always(""), SOCK_DGRAM);  // what it sends is no reply
-  ASSERT_NE(create(lab::kUdp, silent.port()), nullptr);
+  RpcServer silent(always(""), SOCK_DGRAM);  // what it sends is no reply
+  ASSERT_NE(create(kUdp, silent.port()), nullptr);
   EXPECT_NE(fcntl(socket_, F_GETFL) & O_NONBLOCK, 0);
   EXPECT_TRUE(equal(get<timeval>(CLGET_TIMEOUT), {-1, -1}));
-  EXPECT_TRUE(equal(get<timeval>(CLGET_RETRY_TIMEOUT), lab::kLong));
+  EXPECT_TRUE(equal(get<timeval>(CLGET_RETRY_TIMEOUT), kLong));
   // Each retry time and limit, the datagrams sent, and how long one wait is.
   const std::tuple<timeval, timeval, size_t, timeval> cases[] = {
       {{5, 0}, {25, 0}, 5, {5, 0}},          {{5, 0}, {25, 1}, 6, {5, 0}},
@@ -282,16 +281,16 @@ TEST_F(UdpTest, RetransmissionByTheTimesThatAreSet) {
     EXPECT_TRUE(control(CLSET_RETRY_TIMEOUT, &retry) && control(CLSET_TIMEOUT, &limit));
     EXPECT_TRUE(equal(get<timeval>(CLGET_TIMEOUT), limit));
     EXPECT_TRUE(equal(get<timeval>(CLGET_RETRY_TIMEOUT), retry));
-    refuse(failing_calls::waits, 0, 100);
+    refuse(waits, 0, 100);
     expect(call(), RPC_TIMEDOUT);
-    EXPECT_TRUE(equal(failing_calls::last_wait, waited)) << all;
+    EXPECT_TRUE(equal(last_wait, waited)) << all;
     all += sent;
     for (int i = 0; i < 5000 && silent.requests().size() < all; ++i) usleep(1000);
     const auto requests = silent.requests();
     ASSERT_EQ(requests.size(), all);
     for (size_t i = 1; i <= sent; ++i) EXPECT_EQ(requests[all - i], requests.back());
   }
-  refuse(failing_calls::waits, 0, 0);
+  refuse(waits, 0, 0);
 }
 
 TEST(RpcCommon, TheTableOfDescriptorsHasTheirLimitAndWhatCanBeWaitedFor) {
