@@ -23,6 +23,7 @@ constexpr int kAuthDebugLevel = 3;
 struct SystemRecord {
   opaque_auth full_credential;   // its body is owned
   opaque_auth short_credential;  // from the server; its body is owned
+  uint32_t faults;               // refreshes so far
   uint32_t encoded_length;
   uint8_t encoded[kEncodedSize];  // credential and verifier, as they are marshalled
 };
@@ -101,6 +102,7 @@ bool validate(AUTH* auth, const opaque_auth* verifier) {
 bool refresh(AUTH* auth) {
   if (uses_full_credential(auth)) return false;
   SystemRecord* record = record_of(auth);
+  ++record->faults;
   if (!renew_time(record->full_credential)) return false;
   auth->credential = record->full_credential;
   return encode_fields(auth);

@@ -209,7 +209,7 @@ bool tcp_freeres(CLIENT* client, xdrproc_t results_filter, void* results) {
 }
 
 void close_or_restore(TcpRecord* record) {
-  if (record->close_socket) {
+  if (record->close_socket && record->socket >= 0) {
     (void)tcp_set_blocking(record, true);
     rpc_close(record->socket);
   } else if (record->original_mode != SocketMode::kUnknown) {
