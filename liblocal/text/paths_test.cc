@@ -85,7 +85,6 @@ TEST(Utf8Files, Failures) {
   EXPECT_STREQ(buffer, "012345678");
   ASSERT_EQ(utf8_unlink(link) + utf8_symlink("\xEF\xA3\xA9", link), 0);
   EXPECT_TRUE(utf8_readlink(link, buffer, 3) == -1 && errno == ERANGE);
-
   errno = EBUSY;
   EXPECT_STREQ(syscalls_utf8dec("/a\xEF\xA3\xA9"), "/a\xE9");
   EXPECT_EQ(errno, EBUSY);
@@ -93,7 +92,6 @@ TEST(Utf8Files, Failures) {
   const std::string most(kPathSize, 'x');
   EXPECT_EQ(syscalls_utf8dec(most.c_str()), most.substr(1));
   EXPECT_TRUE(utf8_access(most.c_str(), F_OK) == -1 && errno == ENAMETOOLONG);
-
   FailingMalloc failing(0);
   EXPECT_TRUE(utf8_link("/a", "/b") == -1 && errno == ENOMEM);
   EXPECT_TRUE(utf8_readlink(link, buffer, 4) == -1 && utf8_getcwd(buffer, 4) == nullptr);

@@ -93,12 +93,14 @@ TEST_F(PortTest, WhatTheEnvironmentKnowsHoldsForThisHostAlone) {
 }
 
 TEST_F(PortTest, TheOwnMappersAnswerIsKept) {
-  for (unsigned long program : {kService, 100003UL}) {
+  for (auto [host, program, kept] : {std::tuple("127.0.0.2", kService, 0),
+                                     {"127.0.0.1", kService, 7},
+                                     {"127.0.0.1", 100003UL, 0}}) {
     std::optional<RpcServer> mapper;
-    mapper.emplace(kOwnMapperPort, "127.0.0.1", lab::port_mapper(7), SOCK_STREAM);
-    EXPECT_EQ(ask("127.0.0.1", program, 2, IPPROTO_TCP), 7);
+    mapper.emplace(kOwnMapperPort, host, lab::port_mapper(7), SOCK_STREAM);
+    EXPECT_EQ(ask(host, program, 2, IPPROTO_TCP), 7);
     mapper.reset();
-    EXPECT_EQ(ask("127.0.0.1", program, 2, IPPROTO_TCP), program == kService ? 7 : 0);
+    EXPECT_EQ(ask("127.0.0.1", program, 2, IPPROTO_TCP), kept) << "of this host alone";
   }
   EXPECT_EQ(__get_rpc_createerr()->status, RPC_SYSTEMERROR) << "nobody is there to ask";
   EXPECT_EQ(getenv(kVariable), nullptr);

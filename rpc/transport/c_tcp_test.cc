@@ -49,7 +49,7 @@ struct Watcher {
   int left = INT_MAX;
   std::atomic<int> calls = 0;
   int restarts = 0;  // how often the time that was waited began anew
-  timeval before{};
+  timeval before{LONG_MAX, 0};
 
   static int32_t function(const timeval* elapsed, void* argument, const timeval* now) {
     auto* self = static_cast<Watcher*>(argument);

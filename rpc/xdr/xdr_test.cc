@@ -54,10 +54,12 @@ TEST(Xdr, CarriesNumbers) {
               __xdr.private_word == nullptr && __xdr.base == nullptr && __xdr.remaining == 0);
   // What comes in is cut to the width of the host's type.
   uint16_t narrow = 0;
+  uint8_t bytes[20] = {};
   EXPECT_TRUE(__brix_xdr_u_short(TestStream("ABCD").get(), &narrow) && narrow == 0x4344);
-  uint8_t digest[20] = {0xAB};
+  TestStream padded("ABC!");
+  EXPECT_TRUE(__brix_xdr_opaque(padded.get(), bytes, 3) && padded.used() == 4);
   for (xdrproc_t filter : {xdr_filter<xdr_sha_digest>, xdr_filter<xdr_vxui_t>}) {
-    EXPECT_EQ(encoded(filter, digest), "AB" + std::string(38, '0'));
+    EXPECT_EQ(encoded(filter, bytes), "414243" + std::string(34, '0'));
   }
 }
 
