@@ -137,7 +137,7 @@ int run_locked(Direction* direction, iconv_t descriptor, Conversion* conversion,
 
 // Kinds of bytes, of one byte or of a vector of them. Below 0: beyond ASCII.
 constexpr auto is_ascii = [](auto byte) { return byte >= 0; };
-constexpr auto is_ascii_text = [](auto byte) { return byte > 0; };
+constexpr auto is_ascii_but_nul = [](auto byte) { return byte > 0; };
 constexpr auto is_beyond_ascii = [](auto byte) { return byte < 0; };
 
 // The same character in every codeset that a locale may have: Shift_JIS has signs of its own
@@ -337,7 +337,7 @@ bool utf8_is_same(const char* text, size_t length) {
 }
 
 bool ansi_is_same(const char* text, size_t length) {
-  return needs_conversion() ? run_of<is_ascii_text>(text, length) == length
+  return needs_conversion() ? run_of<is_ascii_but_nul>(text, length) == length
                             : same_length(text) == length;
 }
 
