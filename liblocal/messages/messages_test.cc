@@ -111,7 +111,6 @@ TEST(Catgets, OpensAndLooksUp) {
         EXPECT_EQ(Catd != -1, outcome == "found");
       }
     }
-
     const char* text = "usage";
     EXPECT_EQ(vxcatgets(Catd, 41, 22, text), text) << "before the initialisation has ended";
     EXPECT_STREQ(vxcatgets(Catd, 41, 264, text), "vier");
@@ -247,7 +246,6 @@ TEST(DebugFile, TakesTheLines) {
     EXPECT_EQ(printed(1, open) + printed(2, open), "kivtrap: dfopen: " + told + "\n");
   }
   EXPECT_EQ(debug_descriptor(), STDERR_FILENO);
-
   const std::string path = testing::TempDir() + "/debug_file";
   remove(path.c_str());
   auto open = [&path] { dfopen(path.c_str()); };
@@ -259,7 +257,6 @@ TEST(DebugFile, TakesTheLines) {
   EXPECT_EQ(debug_descriptor(), fileno(dfopen_filehndl()));
   dfopen("/no/where");
   EXPECT_EQ(dfopen_filehndl(), nullptr);
-
   for (int level : {1, 2}) {
     open();
     EXPECT_EQ(printed(level, [] { close(debug_descriptor()), dfclose(); }),
@@ -382,7 +379,6 @@ void make_copies() {
   EXPECT_EQ(err_dup2(&given, &copy), 35012);
   EXPECT_EQ(shown(err_move_to_varp(&copy)), "35012 50% of %s");
   EXPECT_TRUE(err_move_to_varp(&copy) == nullptr && err_restore(nullptr) == nullptr);
-
   vx_error_record* saved = err_save(&given);
   err_save(err_set(2, 5));
   EXPECT_EQ(err_save(saved)->number, 23005) << "of itself";
@@ -418,7 +414,6 @@ void accrue(int /*thread*/) {
     EXPECT_EQ(shown(blow_err(mode)), "-10001 kivtrap: noticed\n->(kivtrap: low\n)");
   }
   EXPECT_EQ(blow_err(1), nullptr);
-
   // The old text, the new one and 9 must stay below 18433.
   err_accrue(std::string(18000, 'o').c_str());
   const std::string over(424, 'n');

@@ -196,6 +196,9 @@ TEST_P(TransportTest, KnownRequestsAndThoseThatNeedNoInformation) {
 
 TEST_P(TransportTest, DestroyClosesTheSocketThatIsItsOwnAndGivesItsModeBack) {
   auto mode_of = [](int socket) { return fcntl(socket, F_GETFL) & O_NONBLOCK; };
+  connect();
+  destroy();
+  const long held = pieces_held();
   for (uint32_t request : {CLGET_FD, CLSET_FD_CLOSE, CLSET_FD_NCLOSE}) {
     for (int given : {-1, 0, O_NONBLOCK}) {  // the mode of a socket that is given
       connect();
@@ -215,6 +218,7 @@ TEST_P(TransportTest, DestroyClosesTheSocketThatIsItsOwnAndGivesItsModeBack) {
       control(request, &result_);
       destroy();
       EXPECT_EQ(fcntl(socket_, F_GETFD) == -1, closes);
+      EXPECT_EQ(pieces_held(), held);
       EXPECT_EQ(mode_of(twin), is_tcp() && closes ? 0 : before);
       close(twin);
       if (!closes) close(socket_);
