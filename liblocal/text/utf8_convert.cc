@@ -138,6 +138,9 @@ int run_locked(Direction* direction, iconv_t descriptor, Conversion* conversion,
 // Kinds of bytes, of one byte or of a vector of them. Below 0: beyond ASCII.
 constexpr auto is_ascii = [](auto byte) { return byte >= 0; };
 constexpr auto is_ascii_but_nul = [](auto byte) { return byte > 0; };
+constexpr auto is_no_mbt_or_nul = [](auto byte) {
+  return (byte != static_cast<int8_t>(kMbtLead)) & (byte != 0);
+};
 constexpr auto is_beyond_ascii = [](auto byte) { return byte < 0; };
 
 // The same character in every codeset that a locale may have: Shift_JIS has signs of its own
@@ -337,8 +340,8 @@ bool utf8_is_same(const char* text, size_t length) {
 }
 
 bool ansi_is_same(const char* text, size_t length) {
-  return needs_conversion() ? run_of<is_ascii_but_nul>(text, length) == length
-                            : same_length(text) == length;
+  return length == (needs_conversion() ? run_of<is_ascii_but_nul>(text, length)
+                                       : run_of<is_no_mbt_or_nul>(text, length));
 }
 
 Utf8Progress utf8_mbs_part(char* output, size_t room, const char* input, size_t length, bool more) {
