@@ -17,14 +17,15 @@
 #include "liblocal/text/vxprint.h"
 #include "liblocal/threads/c_memory.h"
 #include "liblocal/threads/liblvarp.h"
+#include "liblocal/threads/vx_once.h"
+#include "liblocal/threads/xmalloc.h"
 #include "platform/interface_count.h"
 
 namespace {
 
 constexpr int kUsualInterfaces = 32;  // room that is tried while their number is unknown
 
-// Not from the C allocators, which would touch all of it to zero it.
-sockaddr_in table_of_process[kMaxLocalAddresses];
+vx_once_control table_once;
 std::atomic<in_addr_t> last_match = 0;
 
 void print_system_error(const char* what) {
@@ -125,6 +126,12 @@ void store_slot(sockaddr_in* slot, const sockaddr_in& address) {
   }
 }
 
+void allocate_table() {
+  liblocal_p_varp* block = get_liblocal_p_varp();
+  block->local_addresses =
+      static_cast<sockaddr_in*>(xcalloc(kMaxLocalAddresses, sizeof(sockaddr_in)));
+}
+
 bool matches(const sockaddr_in& slot, int family, const void* address, int32_t length) {
   if (slot.sin_family != family) return false;
   if (family == AF_INET) return memcmp(&slot.sin_addr, address, sizeof slot.sin_addr) == 0;
@@ -140,7 +147,8 @@ int32_t get_myaddrs(sockaddr_in** table) {
   *table = nullptr;
   liblocal_p_varp* block = get_liblocal_p_varp();
   if (block == nullptr) return -1;
-  *table = table_of_process;
+  vx_once(&table_once, allocate_table);
+  *table = block->local_addresses;
 
   DatagramSocket any;
   if (!any.is_open()) return -1;
@@ -152,7 +160,7 @@ int32_t get_myaddrs(sockaddr_in** table) {
     if (flags < 0 || (flags & IFF_UP) == 0) continue;
     store_slot(*table + count++, address_of(record));
   }
-  int32_t before = block->local_address_count.exchange(count);
+  int32_t before = __atomic_exchange_n(&block->local_address_count, count, __ATOMIC_RELAXED);
   for (int32_t i = count; i < before; ++i) store_slot(*table + i, {});
   return count;
 }

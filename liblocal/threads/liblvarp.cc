@@ -56,6 +56,7 @@ void liblocal_p_clean(void* memory) {
   vx_shutdown_stdio(block);
   release(LiblocalRelease::kDnsHostCache);
   release(LiblocalRelease::kClientHostCache);
+  free(block->local_addresses);
   release(LiblocalRelease::kErrorTables);
   free(block);
 }

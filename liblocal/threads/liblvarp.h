@@ -4,6 +4,7 @@
 
 #include <grp.h>
 #include <netdb.h>
+#include <netinet/in.h>
 #include <pwd.h>
 
 #include <atomic>
@@ -75,8 +76,9 @@ struct liblocal_t_varp {
 
 /// What the runtime keeps for the process.
 struct liblocal_p_varp {
-  std::atomic<int32_t> shutdown_stdio;       // 1: the standard streams are shut down at exit
-  std::atomic<int32_t> local_address_count;  // valid slots of the table of get_myaddrs
+  std::atomic<int32_t> shutdown_stdio;  // 1: the standard streams are shut down at exit
+  sockaddr_in* local_addresses;         // the table of get_myaddrs; owned
+  int32_t local_address_count;          // its valid slots
 };
 
 VARP_DECLARE_THREAD_BLOCK(liblocal)

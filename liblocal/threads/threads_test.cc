@@ -344,6 +344,7 @@ TEST(Liblvarp, TheProcessBlockTakesTheShutdownRequestOnce) {
       liblocal_p_varp* block = Global_liblocal_p_varp;
       EXPECT_EQ(block->shutdown_stdio.exchange(0), flag) << value;
       EXPECT_STREQ(getenv("KIV_SHUTDOWN_STDIO"), left);
+      block->local_addresses = static_cast<sockaddr_in*>(xmalloc(1));
       liblocal_p_clean(block);
     }
   };

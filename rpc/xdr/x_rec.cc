@@ -83,8 +83,8 @@ bool send(RecordStream* stream, uint32_t buffered, const void* bytes, uint32_t l
   return false;
 }
 
-// Makes room: the fragment so far leaves. An empty one has records before it, or there
-// were room, and lets only these go.
+// Makes room: the fragment so far leaves. An empty one lets the records before it go;
+// without any there would be room.
 bool send_fragment(RecordStream* stream) {
   uint32_t length = fragment_length(stream);
   if (length == 0) return send(stream, stream->out_header, nullptr, 0);
