@@ -1,7 +1,6 @@
 #include "snmp/snmp_api.h"
 
 #include <arpa/inet.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <climits>
@@ -157,16 +156,12 @@ TEST_F(SessionTest, DefaultsAndOwnCopies) {
 
 TEST_F(SessionTest, FailuresToOpen) {
   if (lab::skip_outside()) return;  // a name is looked up
-  rlimit usual{};
-  getrlimit(RLIMIT_NOFILE, &usual);
   auto told = [&](const char* peer, uint16_t local_port, rlim_t most_descriptors) {
     wanted.peer_name = const_cast<char*>(peer);
     wanted.local_port = local_port;
-    const rlimit limit = {most_descriptors, usual.rlim_max};
     const std::string text = printed(0, [&] {
-      setrlimit(RLIMIT_NOFILE, &limit);
+      const DescriptorLimit limit(most_descriptors);
       EXPECT_EQ(snmp_open(&wanted), nullptr);
-      setrlimit(RLIMIT_NOFILE, &usual);
     });
     EXPECT_EQ(Sessions, nullptr);
     return text + std::to_string(snmp_errno);

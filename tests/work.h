@@ -1,7 +1,9 @@
-// Work done by several threads at once, and what it tells on standard error.
+// Work done by several threads at once or short of descriptors, and what it tells on
+// standard error.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <barrier>
 #include <list>
@@ -22,6 +24,20 @@ inline void in_threads(int count, auto work) {
     });
   }
 }
+
+/// While it lives, no descriptor from `most` on is opened.
+class DescriptorLimit {
+ public:
+  explicit DescriptorLimit(rlim_t most) {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    const rlimit limit = {most, before_.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &limit);
+  }
+  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before_); }
+
+ private:
+  rlimit before_{};
+};
 
 /// What `work` writes to standard error in a program named kivtrap, with `Debug` at `level`.
 inline std::string printed(int level, auto work) {

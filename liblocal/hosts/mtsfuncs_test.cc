@@ -2,7 +2,6 @@
 #include "liblocal/hosts/mtsfuncs.h"
 
 #include <arpa/inet.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -202,16 +201,12 @@ TEST(OwnAddresses, OneOfThem) {
 }
 
 TEST(OwnAddresses, WithoutDescriptors) {
-  rlimit before{};
-  getrlimit(RLIMIT_NOFILE, &before);
-  auto without_descriptors = [&before] {
+  auto without_descriptors = [] {
     sockaddr_in *table = nullptr, one = {};
-    const rlimit closed = {0, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &closed);
+    const DescriptorLimit none(0);
     EXPECT_TRUE(get_myaddrs(&table) == -1 && table != nullptr);
     __brix_get_myaddress(&one);
     EXPECT_EQ(one.sin_family, AF_UNSPEC);
-    setrlimit(RLIMIT_NOFILE, &before);
   };
   EXPECT_EQ(printed(0, without_descriptors), "get_myaddress: socket: Too many open files\n");
 }

@@ -190,6 +190,13 @@ TEST_F(RecordTest, SkippingAndTheEndOfInput) {
     EXPECT_TRUE(skip());
     EXPECT_EQ(get(1), "failed");
   }
+  for (uint32_t count : {150U, 250U}) {  // into the buffer, and past it
+    make(100);
+    pipe_.stalls = true;
+    decode(fragment(letters(400)));
+    EXPECT_TRUE(get(count) == "failed" && get(count) == "failed") << "the header, the data";
+    EXPECT_EQ(get(100), letters(196).substr(96)) << "what came is not lost";
+  }
 }
 
 TEST_F(RecordTest, RefusedInput) {
@@ -219,7 +226,7 @@ TEST_F(RecordTest, RefusedInput) {
   EXPECT_EQ(get(3), "abc");
   EXPECT_THAT(printed(1, [this] { EXPECT_FALSE(skip()) << "broken units"; }),
               HasSubstr("xdrrec_skiprecord unaligned input pointer\n"));
-  EXPECT_TRUE(xdrrec_is_broken(&xdrs_));
+  EXPECT_TRUE(xdrrec_is_broken(&xdrs_) && __brix_xdrrec_eof(&xdrs_));
 }
 
 }  // namespace

@@ -57,7 +57,8 @@ TEST(Xdr, CarriesNumbers) {
   uint8_t bytes[20] = {};
   EXPECT_TRUE(__brix_xdr_u_short(TestStream("ABCD").get(), &narrow) && narrow == 0x4344);
   TestStream padded("ABC!");
-  EXPECT_TRUE(__brix_xdr_opaque(padded.get(), bytes, 3) && padded.used() == 4);
+  EXPECT_TRUE(__brix_xdr_opaque(padded.get(), bytes, 3) && padded.used() == 4 &&
+              __brix_xdr_opaque(padded.get(), bytes, 0));
   for (xdrproc_t filter : {xdr_filter<xdr_sha_digest>, xdr_filter<xdr_vxui_t>}) {
     EXPECT_EQ(encoded(filter, bytes), "414243" + std::string(34, '0'));
   }
@@ -119,6 +120,11 @@ TEST(Xdr, CarriesCountedBytesAndStrings) {
   EXPECT_EQ(encoded(kCounted, &nothing), "fails");
   text = const_cast<char*>("abc");
   EXPECT_FALSE(__brix_xdr_string(TestStream(12).get(), &text, 2));
+  TestStream other(99);
+  other.get()->operation = xdr_op{3};  // there is none
+  EXPECT_FALSE(__brix_xdr_string(other.get(), &text, 9) || counted_filter(other.get(), &nothing) ||
+               __brix_xdr_opaque(other.get(), text, 3) ||
+               __brix_xdr_pointer(other.get(), as_void(&text), 4, __brix_xdr_void));
 }
 
 // No length makes decoding allocate more than a stream holds, or has given and as much again.
@@ -225,6 +231,7 @@ TEST(XdrCompound, BoundsArrays) {
   EXPECT_FALSE(array.run(TestStream(12).get(), 1));
   EXPECT_TRUE(array.release());
   EXPECT_FALSE(array.run(TestStream(12).get(), 2)) << "counted, not there";
+  EXPECT_FALSE(array.run(TestStream("123").get(), 2)) << "not counted";
 }
 
 // A peer that declares many elements and sends few gets memory for few; what is there
@@ -252,14 +259,19 @@ TEST(XdrCompound, BelievesNoDeclaredCount) {
 }
 
 TEST(XdrCompound, ElementsOfNothingAreMadeUpToALimit) {
+  auto element = [](XDR* xdrs, void* pointer) {  // to a byte of its own
+    return __brix_xdr_reference(xdrs, static_cast<void**>(pointer), 1, __brix_xdr_void);
+  };
+  const long before = pieces_held();
   for (TestStream::Kind kind : {TestStream::kPlain, TestStream::kBlind}) {
     for (auto [declared, made] :
-         {std::pair{"00000005", 5U}, {"00040000", 0x40000U}, {"00040001", 0U}}) {
+         {std::pair{"00000005", 5U}, {"00020000", 0x20000U}, {"00020001", 0U}}) {
       Array array;
       TestStream in(from_hex(declared), kind);
-      const bool done = array.run(in.get(), UINT32_MAX, 4, __brix_xdr_void);
-      EXPECT_TRUE((done ? array.count : 0) == made && array.count <= 0x40000) << declared;
-      free(array.elements);
+      const bool done = array.run(in.get(), UINT32_MAX, 8, element);
+      EXPECT_TRUE((done ? array.count : 0) == made && array.count <= 0x20000) << declared;
+      EXPECT_TRUE(array.run(&__xdr, 0, 8, element));
+      EXPECT_EQ(pieces_held(), before);
     }
   }
 }
