@@ -11,14 +11,10 @@
 #include "tests/xdr_item.h"
 #include "tests/xdr_streams.h"
 
-namespace {
-
 constexpr xdrproc_t kCall = xdr_filter<__brix_xdr_callmsg>;
 constexpr xdrproc_t kReply = xdr_filter<__brix_xdr_replymsg>;
 constexpr xdrproc_t kResults[] = {xdr_filter<item_filter>, xdr_filter<__brix_xdr_u_short>,
                                   __brix_xdr_void};
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;

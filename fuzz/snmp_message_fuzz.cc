@@ -8,28 +8,24 @@
 #include "snmp/snmp_pdu.h"
 #include "snmp/snmp_session.h"
 
-namespace {
-
 using Bytes = std::vector<uint8_t>;  // allocated to its exact size, so over-reads are seen
 
-snmp_session session = {};
+static snmp_session session = {};
 
-unique_pdu decoded(const Bytes& packet) {
+static unique_pdu decoded(const Bytes& packet) {
   unique_pdu pdu(snmp_pdu_create(0));
   if (snmp_parse_packet(&session, pdu.get(), packet) != SnmpParse::kDone) pdu.reset();
   return pdu;
 }
 
 // Empty for values of unknown types and for what is longer than we write.
-Bytes built(const unique_pdu& pdu) {
+static Bytes built(const unique_pdu& pdu) {
   Bytes packet(kSnmpMaxPacket);
   int32_t length = kSnmpMaxPacket;
   if (snmp_build_packet(&session, pdu.get(), packet.data(), &length) != 0) return {};
   packet.resize(static_cast<size_t>(length));
   return packet;
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   stderr = fopen("/dev/null", "w");  // the engine's reports; the fuzzer keeps its own stream

@@ -14,10 +14,8 @@
 #include "rpc/xdr/x_rec.h"
 #include "tests/xdr_streams.h"
 
-namespace {
-
 // Repeats `step` until it succeeds, for as long as input still comes.
-bool persist(const Pipe& pipe, auto step) {
+static bool persist(const Pipe& pipe, auto step) {
   for (int idle = 0; idle < 3;) {
     const size_t before = pipe.taken;
     if (step()) return true;
@@ -27,7 +25,7 @@ bool persist(const Pipe& pipe, auto step) {
 }
 
 // The records of the stream, read in portions until one fails; of the last one what came.
-std::vector<std::string> records_of(Pipe pipe, uint32_t portion) {
+static std::vector<std::string> records_of(Pipe pipe, uint32_t portion) {
   std::vector<std::string> records;
   XDR xdrs{};
   assert(__brix_xdrrec_create(&xdrs, 100, 100, &pipe, Pipe::read, Pipe::write));
@@ -45,8 +43,6 @@ std::vector<std::string> records_of(Pipe pipe, uint32_t portion) {
   xdrs.ops->destroy(&xdrs);
   return records;
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   // Each refused fragment is told on standard error, where findings still shall go.

@@ -10,7 +10,6 @@ class FailingMalloc {
   explicit FailingMalloc(int count, int refusals = INT_MAX);
   ~FailingMalloc();
   FailingMalloc(const FailingMalloc&) = delete;
-  FailingMalloc& operator=(const FailingMalloc&) = delete;
   bool failed() const;  // once an allocation was refused
 };
 

@@ -123,10 +123,10 @@ std::optional<std::string> UdpReceiver::receive(int milliseconds) const {
   return datagram;
 }
 
-uint16_t UdpReceiver::port() const {
+uint16_t port_of(int socket) {
   sockaddr_in own{};
   socklen_t size = sizeof own;
-  check(getsockname(socket_, reinterpret_cast<sockaddr*>(&own), &size) == 0, "getsockname");
+  check(getsockname(socket, reinterpret_cast<sockaddr*>(&own), &size) == 0, "getsockname");
   return ntohs(own.sin_port);
 }
 

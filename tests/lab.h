@@ -46,18 +46,20 @@ struct Outcome {
 
 Outcome run(const Command& command);  // to its end, for 200 seconds at most
 
+/// The port of a bound socket.
+uint16_t port_of(int socket);
+
 /// A UDP socket that keeps what arrives.
 class UdpReceiver {
  public:
   explicit UdpReceiver(uint16_t port, const std::string& address = "127.0.0.1");
   ~UdpReceiver();
   UdpReceiver(const UdpReceiver&) = delete;
-  UdpReceiver& operator=(const UdpReceiver&) = delete;
   std::optional<std::string> receive(int milliseconds = 5000) const;  // the next datagram
   /// What is there: on loopback a datagram is delivered before its send returns.
   std::optional<std::string> receive_now() const { return receive(0); }
   int socket() const { return socket_; }
-  uint16_t port() const;
+  uint16_t port() const { return port_of(socket_); }
 
  private:
   int socket_;

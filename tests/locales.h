@@ -17,7 +17,6 @@ class TemporaryDirectory {
   TemporaryDirectory() : path_(mkdtemp(name_)) {}
   ~TemporaryDirectory() { std::filesystem::remove_all(path_); }
   TemporaryDirectory(const TemporaryDirectory&) = delete;
-  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
   const std::string& path() const { return path_; }
 
  private:

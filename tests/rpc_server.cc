@@ -12,13 +12,6 @@
 
 namespace lab {
 
-uint16_t port_of(int socket) {
-  sockaddr_in name{};
-  socklen_t size = sizeof name;
-  getsockname(socket, reinterpret_cast<sockaddr*>(&name), &size);
-  return ntohs(name.sin_port);
-}
-
 RpcServer::RpcServer(uint16_t port, const std::string& address, Conversation conversation, int type)
     : type_(type),
       socket_(::socket(AF_INET, type | SOCK_CLOEXEC, 0)),

@@ -15,9 +15,6 @@
 
 namespace lab {
 
-/// The port of a bound socket.
-uint16_t port_of(int socket);
-
 /// A server in a thread of its own. Its end ends what it is doing.
 class RpcServer {
  public:

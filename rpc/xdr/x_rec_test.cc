@@ -201,7 +201,7 @@ TEST_F(RecordTest, SkippingAndTheEndOfInput) {
 
 TEST_F(RecordTest, RefusedInput) {
   std::string empties;
-  for (uint32_t i = 0; i < kXdrRecMaxEmptyFragments; ++i) empties += fragment("", false);
+  for (int i = 0; i < 1000; ++i) empties += fragment("", false);
   const std::string too_large = "frag size 16777217, closing connection\n";
   const std::string too_many = "too many empty fragments, closing connection\n";
   const std::pair<std::string, std::string> cases[] = {
