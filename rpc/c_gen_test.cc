@@ -73,7 +73,8 @@ TEST_F(CreateTest, WhatCannotBeMade) {
       {"manager", "sctp", nullptr, RPC_SYSTEMERROR, EPFNOSUPPORT},
       {"manager", nullptr, "ud", RPC_SYSTEMERROR, EPFNOSUPPORT},
       {"manager", "udpx", "udp", RPC_SYSTEMERROR, EPFNOSUPPORT},
-      {"manager", "udp", nullptr, RPC_PMAPFAILURE, EIO},  // as a wait fails
+      {"manager", "udp", nullptr, RPC_PMAPFAILURE, EIO},           // as a wait fails
+      {"manager", "tcp", nullptr, RPC_SYSTEMERROR, ECONNREFUSED},  // of the standard mapper
       {"manager", nullptr, "", RPC_CANCELLED, 0}};
   for (const auto& [host, transport, environment, status, error] : cases) {
     SCOPED_TRACE(testing::PrintToString(transport));

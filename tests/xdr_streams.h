@@ -66,7 +66,7 @@ void expect_carried(xdrproc_t filter, std::string_view hex, const T& start = {})
   auto decode = [&](TestStream::Kind kind, size_t length, int granted) {
     T object = start;
     TestStream stream(bytes.substr(0, length), kind);
-    FailingMalloc failing(granted);
+    FailingMalloc failing(granted, 1);
     const bool decoded = filter(stream.get(), &object);
     EXPECT_NE(decoded, failing.failed() || length < bytes.size()) << length << " " << granted;
     EXPECT_TRUE(!decoded || encoded(filter, &object) == hex) << hex;

@@ -51,7 +51,7 @@ struct rpc_t_varp {
   rpc_createerr create_error;
   char text[kMessageSize];      // c_perror.h
   rpc_port_entry* port_cache;   // newest first; owned, each from malloc
-  int32_t port_cache_read;      // 1 once the environment was read into it
+  bool port_cache_read;         // once the environment was read into it
   rpc_started_mapper* mappers;  // owned, each from malloc
   // By descriptor, in groups: a group is null until one of its slots is used, so that
   // making and releasing the block touches little else. All owned, the groups from malloc.
@@ -60,9 +60,9 @@ struct rpc_t_varp {
 
 /// What the runtime keeps for the process.
 struct rpc_p_varp {
-  vx_mutex* lock;                       // "the process lock": the runtime's shared tables
-  vx_mutex* transport_lock;             // what transports share
-  std::atomic<int32_t> pmap_cache_off;  // 1: port caches are neither read nor filled
+  vx_mutex* lock;                    // "the process lock": the runtime's shared tables
+  vx_mutex* transport_lock;          // what transports share
+  std::atomic<bool> pmap_cache_off;  // port caches are neither read nor filled
 };
 
 VARP_DECLARE_THREAD_BLOCK(rpc)

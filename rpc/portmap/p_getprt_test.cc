@@ -28,7 +28,7 @@ constexpr char kVariable[] = "KIVENV_PMAPS";
 void start_with(const char* value) {
   rpc_t_varp* thread = get_rpc_t_varp();
   cleanup_mappers(thread);
-  thread->port_cache_read = 0;
+  thread->port_cache_read = false;
   value != nullptr ? setenv(kVariable, value, 1) : unsetenv(kVariable);
 }
 
@@ -87,7 +87,7 @@ TEST_F(PortTest, WhatTheEnvironmentKnowsHoldsForThisHostAlone) {
   disable_cacheable_pmap();
   EXPECT_EQ(ask("127.0.0.1", kService, 2, IPPROTO_UDP), 5);
   populate_pmaps(kService, 2, IPPROTO_TCP, 10, 1);
-  get_rpc_p_varp()->pmap_cache_off = 0;  // there is no other way back
+  get_rpc_p_varp()->pmap_cache_off = false;  // there is no other way back
   EXPECT_EQ(pmap_cached_port(kService, 2, IPPROTO_TCP), 0U) << "not added while it was off";
   EXPECT_EQ(pmap_cached_port(kService, 1, IPPROTO_UDP), 0U) << "nothing over UDP is added";
 }

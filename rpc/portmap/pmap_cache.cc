@@ -20,7 +20,7 @@ constexpr unsigned long kCacheablePrograms[] = {390113, 390103, 390109, 390110, 
 
 bool is_off() {
   rpc_p_varp* process = get_rpc_p_varp();
-  return process == nullptr || process->pmap_cache_off != 0;
+  return process == nullptr || process->pmap_cache_off;
 }
 
 rpc_port_entry* find(rpc_port_entry* entry, const pmap& wanted) {
@@ -46,8 +46,8 @@ void enter(rpc_port_entry** cache, const pmap& mapping) {
 // The calling thread's cache, filled from the environment before its first use.
 rpc_port_entry** own_cache() {
   rpc_t_varp* thread = get_rpc_t_varp();
-  if (thread->port_cache_read == 0) {
-    thread->port_cache_read = 1;
+  if (!thread->port_cache_read) {
+    thread->port_cache_read = true;
     pmap mapping{};
     for (const char* text = vxgetenv(kVariable);
          text != nullptr && (text = pmap_parse_group(text, &mapping)) != nullptr;) {
@@ -105,7 +105,7 @@ void add_pamp_to_env(unsigned long program, unsigned long version) {
 
 void disable_cacheable_pmap() {
   rpc_p_varp* process = get_rpc_p_varp();
-  if (process != nullptr) process->pmap_cache_off = 1;
+  if (process != nullptr) process->pmap_cache_off = true;
 }
 
 const char* pmap_parse_group(const char* text, pmap* mapping) {

@@ -90,9 +90,11 @@ TEST_F(BindTest, OnlyAPortInUseLeadsToAnotherTry) {
   const std::string lines = told(5, kPortService, nullptr, -EADDRNOTAVAIL);
   EXPECT_THAT(lines, HasSubstr(", Address already in use\n, retrying..."));
   EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 9) << "seven at random, and each";
-  // A client tells of it.
+  // A client tells of it, and leaves no socket.
+  const int next = dup(0);
+  close(next);
   EXPECT_EXIT(_exit(rpcport_add_range(41000, 41001, kPortConnection) == 0 &&
-                            rpc_open_client_socket(SOCK_DGRAM, 0) == -1
+                            rpc_open_client_socket(SOCK_DGRAM, 0) == -1 && dup(0) == next
                         ? __get_rpc_createerr()->cause.error_number
                         : 0),
               testing::ExitedWithCode(EADDRNOTAVAIL),

@@ -111,7 +111,7 @@ clnt_stat read_reply(TcpRecord* record, rpc_reply_message* reply) {
 // The same within the limit of the call, however much else arrives.
 clnt_stat await_reply(TcpRecord* record, rpc_reply_message* reply) {
   record->awaits_reply = true;
-  record->reply_since = {0, 0};
+  record->reply_since = {};
   clnt_stat status = read_reply(record, reply);
   record->awaits_reply = false;
   return status;

@@ -37,14 +37,13 @@ struct UdpRecord {
   uint32_t send_size;
   uint32_t receive_size;
   uint8_t* send_buffer;
-  int32_t confirmed;  // 1 once a call was accepted
+  bool confirmed;  // once a call was accepted
   // The receive buffer and then the send buffer follow, in the same allocation.
 };
 
 UdpRecord* record_of(CLIENT* client) { return static_cast<UdpRecord*>(client->private_data); }
 uint8_t* receive_buffer_of(UdpRecord* record) { return reinterpret_cast<uint8_t*>(record + 1); }
 
-bool is_zero(timeval time) { return time.tv_sec == 0 && time.tv_usec == 0; }
 bool is_below(timeval left, timeval right) { return timercmp(&left, &right, <); }
 
 timeval sum_of(timeval left, timeval right) {
@@ -100,11 +99,11 @@ int wait_until_readable(int descriptor, timeval time) {
 // One datagram into the receive buffer; its length, or -1. Never waits, whatever the
 // socket's own mode: what made it readable may be gone again.
 ssize_t receive_datagram(UdpRecord* record) {
-  ssize_t length = 0;
-  do {
-    length = recv(record->socket, receive_buffer_of(record), record->receive_size, MSG_DONTWAIT);
-  } while (length < 0 && errno == EINTR);
-  return length;
+  for (;;) {
+    const ssize_t length =
+        recv(record->socket, receive_buffer_of(record), record->receive_size, MSG_DONTWAIT);
+    if (length != -1 || errno != EINTR) return length;
+  }
 }
 
 bool answers_call(UdpRecord* record, ssize_t length) {
@@ -139,10 +138,10 @@ Wait wait_for_reply(UdpRecord* record, timeval interval, ssize_t* length) {
 // Sends what is in the send buffer, again and again, until its reply is there.
 // `*waited` counts over all attempts of a call.
 clnt_stat exchange(UdpRecord* record, timeval limit, timeval* waited, ssize_t* length) {
-  timeval interval = is_zero(record->retry) ? limit : record->retry;
+  timeval interval = timerisset(&record->retry) ? record->retry : limit;
   do {
     if (!send_datagram(record)) return finish(record, RPC_CANTSEND, errno);
-    if (is_zero(limit)) break;
+    if (!timerisset(&limit)) break;
     Wait outcome = wait_for_reply(record, interval, length);
     if (outcome == Wait::kReply) return RPC_SUCCESS;
     if (outcome == Wait::kFailed) return finish(record, RPC_CANTRECV, errno);
@@ -173,7 +172,7 @@ bool read_refusal(CLIENT* client, ssize_t length, xdrproc_t filter, void* result
   if (!client->auth->ops->validate(client->auth, &reply.accepted.verifier)) {
     finish(record, RPC_AUTHERROR, kAuthInvalidServerVerifier);
   }
-  record->confirmed = 1;
+  record->confirmed = true;
   return false;
 }
 
@@ -181,10 +180,10 @@ clnt_stat udp_call(CLIENT* client, unsigned long procedure, xdrproc_t arguments_
                    void* arguments, xdrproc_t results_filter, void* results, timeval timeout) {
   UdpRecord* record = record_of(client);
   const timeval limit = record->total.tv_usec != kNotSet.tv_usec ? record->total : timeout;
-  timeval waited = {0, 0};
+  timeval waited{};
   int32_t refreshes = kRefreshTries;
   if (client->auth == nullptr) return finish(record, RPC_AUTHERROR, kAuthFailed);
-  if (client->auth->ops->needs_refresh(client->auth, record->confirmed != 0, client) &&
+  if (client->auth->ops->needs_refresh(client->auth, record->confirmed, client) &&
       !client->auth->ops->refresh(client->auth)) {
     return record->error.status;
   }
@@ -196,7 +195,7 @@ clnt_stat udp_call(CLIENT* client, unsigned long procedure, xdrproc_t arguments_
     clnt_stat status = exchange(record, limit, &waited, &length);
     if (status != RPC_SUCCESS) return status;
     if (!read_refusal(client, length, results_filter, results) ||
-        !rpc_try_again(client, record->error, record->confirmed != 0, &refreshes)) {
+        !rpc_try_again(client, record->error, record->confirmed, &refreshes)) {
       return record->error.status;
     }
   }
@@ -248,10 +247,10 @@ bool udp_control(CLIENT* client, uint32_t request, void* information) {
       record->close_socket = request == CLSET_FD_CLOSE;
       return true;
     case CLSET_AUTH_CONFIRMED:
-      record->confirmed = 1;
+      record->confirmed = true;
       return true;
     case CLGET_AUTH_CONFIRMED:
-      *static_cast<int32_t*>(information) = record->confirmed;
+      *static_cast<int32_t*>(information) = record->confirmed ? 1 : 0;
       return true;
     default:
       return false;

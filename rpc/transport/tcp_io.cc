@@ -30,7 +30,7 @@ struct Waiter {
 
 // A time that can be waited for and added.
 timeval tamed(timeval time) {
-  if (time.tv_sec < 0 || time.tv_usec < 0) return {0, 0};
+  if (time.tv_sec < 0 || time.tv_usec < 0) return {};
   if (time.tv_sec >= kLongestStep) return {kLongestStep, 0};
   return {time.tv_sec + time.tv_usec / kMicroseconds, time.tv_usec % kMicroseconds};
 }
@@ -194,7 +194,7 @@ bool wait_until_writable(Waiter* waiter) {
 // How long the reads before this one have taken for the reply of the call. So input that
 // is not this reply, however much there is, keeps no call beyond its limit.
 timeval waited_for_reply(TcpRecord* record) {
-  timeval waited = {0, 0};
+  timeval waited{};
   if (!record->awaits_reply) return waited;
   const timeval now = monotonic_now();
   if (timerisset(&record->reply_since)) {
@@ -259,7 +259,7 @@ size_t write_all(Waiter* waiter, const iovec* buffers) {
     ssize_t written = sendmsg(waiter->record->socket, &message, MSG_NOSIGNAL);
     if (written >= 0) {
       done += static_cast<size_t>(written);
-      waiter->elapsed = {0, 0};  // a peer that takes bytes is waited for anew
+      waiter->elapsed = {};  // a peer that takes bytes is waited for anew
       continue;
     }
     if (errno == EINTR) continue;
@@ -316,7 +316,7 @@ int64_t tcp_read(void* transport, void* buffer, uint32_t length, void* second,
 int64_t tcp_write(void* transport, const void* buffer, uint32_t length, const void* second,
                   uint32_t second_length) {
   auto* record = static_cast<TcpRecord*>(transport);
-  Waiter waiter = {record, RPC_CANTSEND, {0, 0}};
+  Waiter waiter = {record, RPC_CANTSEND, {}};
   if (!begin(waiter)) return 0;
   if (!tcp_set_blocking(record, shall_block(record))) {
     fail(waiter, errno);

@@ -26,16 +26,27 @@ bool run_slot(XDR* xdrs, T* value) {
   }
 }
 
+// A value that travels as an integer of one or two units.
+template <typename Integer, typename T>
+bool as_integer(XDR* xdrs, T* value, auto to_integer, auto from_integer) {
+  Integer integer = xdrs->operation == xdr_op::kEncode ? to_integer(*value) : 0;
+  if constexpr (sizeof integer == kXdrUnit) {
+    if (!xdr_int32_t(xdrs, &integer)) return false;
+  } else {
+    if (!xdr_int64_t(xdrs, &integer)) return false;
+  }
+  if (xdrs->operation == xdr_op::kDecode) *value = from_integer(integer);
+  return true;
+}
+
 // One unit on the wire for a host type of another size: the low 32 bits go out, and
 // what comes in is taken as a Wire before it is cut or extended to a T.
 template <typename Wire, typename T>
 bool as_unit(XDR* xdrs, T* value) {
-  int32_t unit = 0;
-  // NOLINTNEXTLINE(bugprone-signed-char-misuse): a char travels with its sign.
-  if (xdrs->operation == xdr_op::kEncode) unit = static_cast<int32_t>(*value);
-  if (!xdr_int32_t(xdrs, &unit)) return false;
-  if (xdrs->operation == xdr_op::kDecode) *value = static_cast<T>(static_cast<Wire>(unit));
-  return true;
+  return as_integer<int32_t>(
+      // NOLINTNEXTLINE(bugprone-signed-char-misuse): a char travels with its sign.
+      xdrs, value, [](T whole) { return static_cast<int32_t>(whole); },
+      [](int32_t unit) { return static_cast<T>(static_cast<Wire>(unit)); });
 }
 
 bool put_padding(XDR* xdrs, uint32_t length) {
@@ -169,11 +180,8 @@ bool xdr_u_shorten(XDR* xdrs, unsigned long* value) { return as_unit<uint32_t>(x
 bool __brix_xdr_time_t(XDR* xdrs, time_t* value) { return as_unit<int32_t>(xdrs, value); }
 
 bool __brix_xdr_bool(XDR* xdrs, int32_t* value) {
-  int32_t unit = 0;
-  if (xdrs->operation == xdr_op::kEncode) unit = *value != 0 ? 1 : 0;
-  if (!xdr_int32_t(xdrs, &unit)) return false;
-  if (xdrs->operation == xdr_op::kDecode) *value = unit != 0 ? 1 : 0;
-  return true;
+  auto truth = [](int32_t any) { return any != 0 ? 1 : 0; };
+  return as_integer<int32_t>(xdrs, value, truth, truth);
 }
 
 bool __brix_xdr_long(XDR* xdrs, long* value) {
@@ -196,19 +204,13 @@ bool xdr_uint64_t(XDR* xdrs, uint64_t* value) {
 }
 
 bool __brix_xdr_float(XDR* xdrs, float* value) {
-  int32_t bits = 0;
-  if (xdrs->operation == xdr_op::kEncode) bits = std::bit_cast<int32_t>(*value);
-  if (!xdr_int32_t(xdrs, &bits)) return false;
-  if (xdrs->operation == xdr_op::kDecode) *value = std::bit_cast<float>(bits);
-  return true;
+  return as_integer<int32_t>(xdrs, value, std::bit_cast<int32_t, float>,
+                             std::bit_cast<float, int32_t>);
 }
 
 bool __brix_xdr_double(XDR* xdrs, double* value) {
-  int64_t bits = 0;
-  if (xdrs->operation == xdr_op::kEncode) bits = std::bit_cast<int64_t>(*value);
-  if (!xdr_int64_t(xdrs, &bits)) return false;
-  if (xdrs->operation == xdr_op::kDecode) *value = std::bit_cast<double>(bits);
-  return true;
+  return as_integer<int64_t>(xdrs, value, std::bit_cast<int64_t, double>,
+                             std::bit_cast<double, int64_t>);
 }
 
 bool __brix_xdr_opaque(XDR* xdrs, void* bytes, uint32_t count) {
