@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "liblocal/hosts/svc_time.h"
 #include "liblocal/messages/errinfo.h"
@@ -71,14 +72,15 @@ int32_t maximum_of(const hostlist_limits* limits) {
   return std::clamp(maximum, limits->least_maximum, INT32_MAX - limits->step);
 }
 
-uint32_t hash_of(const char* name) {
+uint32_t hash_of(std::string_view name) {
   constexpr uint64_t kLowerCase = 0x2020202020202020;  // of ASCII letters
   constexpr uint64_t kSpread = 0x9E3779B97F4A7C15;
   uint64_t hash = 0;
-  for (size_t left = strlen(name), size = 0; left > 0; left -= size, name += size) {
+  while (!name.empty()) {
     uint64_t word = 0;
-    size = std::min(left, sizeof word);
-    memcpy(&word, name, size);
+    const size_t size = std::min(name.size(), sizeof word);
+    memcpy(&word, name.data(), size);
+    name.remove_prefix(size);
     hash = (hash ^ (word | kLowerCase)) * kSpread;
     hash ^= hash >> 32;
   }
@@ -192,14 +194,16 @@ host_entry* hostlist_cache_host(const hostlist_cache* cache, const char* name) {
 host_entry* hostlist_cach_new_host(hostlist_cache* cache, const char* name, host_entry* primary,
                                    uint32_t state, int64_t expiry) {
   host_entry* entry = take_entry(cache);
-  char* copy = entry != nullptr ? strdup(name) : nullptr;
+  const size_t length = strlen(name);
+  auto* copy = entry != nullptr ? static_cast<char*>(malloc(length + 1)) : nullptr;
   if (copy == nullptr) {
     if (entry != nullptr) give_back(cache, entry);
     no_memory();
     return nullptr;
   }
+  memcpy(copy, name, length + 1);
   if (primary == nullptr) primary = entry;
-  *entry = {copy, primary, nullptr, state, hash_of(copy), expiry};
+  *entry = {copy, primary, nullptr, state, hash_of({copy, length}), expiry};
   return entry;
 }
 
@@ -333,7 +337,10 @@ host_entry* hostlist_cache_add_host(hostlist_cache* cache, const char* key, cons
 }
 
 void hostlist_cache_free(hostlist_cache* cache) {
-  for (int32_t i = 0; i < cache->count; ++i) give_back(cache, cache->table[i]);
+  for (int32_t i = 0; i < cache->count; ++i) {
+    free(cache->table[i]->name);
+    free(cache->table[i]);
+  }
   while (host_entry* entry = cache->free_list) {
     cache->free_list = entry->next;
     free(entry);

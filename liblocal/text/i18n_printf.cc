@@ -274,10 +274,12 @@ int i18n_vsprintf(char* buffer, char** result, const char* format, va_list argum
   if (!output.exists()) return 0;
   I18nArguments values(format, has_positions, arguments);
   for (const char* at = format;;) {
-    const char* percent = strchrnul(at, '%');
-    output.append_literal(at, static_cast<size_t>(percent - at));
-    if (*percent == '\0') break;
-    at = percent + 1;
+    if (*at != '%') {
+      const char* percent = strchrnul(at, '%');
+      output.append_literal(at, static_cast<size_t>(percent - at));
+      at = percent;
+    }
+    if (*at++ == '\0') break;
     if (*at == '%') {
       output.append_literal(at++, 1);
       continue;
