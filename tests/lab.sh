@@ -78,7 +78,7 @@ empty)
   : >resolv.conf
   perl -e 'print pack "s x338 l x40", 2, time - int <>' /proc/uptime >/run/utmp # a boot record
   cd "$OLDPWD"
-  KIVTRAP_LAB=ready exec "$@"
+  KIVTRAP_LAB=ready TEST_TMPDIR=/run exec "$@" # also for what GoogleTest calls temporary
   ;;
 *) exec "$@" ;;
 esac

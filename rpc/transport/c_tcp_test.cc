@@ -156,7 +156,9 @@ TEST_F(TcpTest, EveryByteComesBackOnceAndInOrder) {
 TEST_F(TcpTest, TimeLimits) {
   RpcServer server([](RpcServer& peer) {
     const std::string late = fragment(reply_to(*peer.read_request(), kAnswer));
-    peer.send(late.substr(0, 9));
+    peer.send(late.substr(0, 1));
+    usleep(5000);
+    peer.send(late.substr(1, 8));
     (void)peer.read_request();
     peer.send(late.substr(9));
     always("ID OK 00000000 00001F02")(peer);
@@ -267,7 +269,10 @@ TEST_F(TcpTest, ASlowPeerIsWaitedForAndItsInputReadAhead) {
     RpcServer server([&watcher, &bytes = early](RpcServer& peer) {
       const int small = 1 << 16;
       setsockopt(peer.socket(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-      for (char byte : bytes) peer.send(std::string(1, byte));
+      for (char byte : bytes) {
+        peer.send(std::string(1, byte));
+        if (bytes.size() < 100) usleep(2000);  // each is read by itself
+      }
       if (bytes.empty()) shutdown(peer.socket(), SHUT_WR);
       std::string record, portion = " ";
       while (record.size() < kRecord && !portion.empty()) {  // each when the client has waited
