@@ -274,7 +274,7 @@ std::string change(const std::string& level, int value) {
 }
 
 TEST_F(DebugCommand, Commands) {
-  const std::string filler(kDebugCommandLimit, ' ');
+  const std::string filler(1024, ' ');
   const std::pair<int, std::vector<std::string>> cases[] = {
       {3, {" \t\n dEBUG \t\n=\n 3\n", "Debug=3x4", "Debug=3" + filler}},
       {0, {"Debug=abc", "Debug=-0", "Debug \n"}},

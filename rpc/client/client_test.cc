@@ -10,7 +10,7 @@
 #include "rpc/client/c_perror.h"
 #include "rpc/client/rpcvarp.h"
 #include "tests/failing_malloc.h"
-#include "tests/lab.h"
+#include "tests/locales.h"
 #include "tests/work.h"
 
 namespace {
@@ -82,18 +82,17 @@ std::string all_texts() {
 }
 
 TEST(RpcTexts, ComeFromTheCatalog) {
-  const std::string place = testing::TempDir() + "rpc";
+  const std::string place = testing::TempDir() + "rpc.cat";
   std::string messages = "$set 21\n20 20 %lu %lu\n21 21 %d\n38 38\n";
   for (int i = 50; i < 58; ++i) messages += std::to_string(i) + " " + std::to_string(i) + "\n";
-  lab::write_file(place, messages);
-  ASSERT_EQ(system(("gencat " + place + ".cat " + place).c_str()), 0);
+  compile_catalog(place, messages);
   EXPECT_EQ(all_texts(),
             "Unknown error code;Success;Cancelled;Unknown error code;"
             "(unknown authentication error - -1);Authentication OK;Invalid client credential;"
             "Server rejected credential;Invalid client verifier;Server rejected verifier;"
             "Client credential too weak;Invalid server verifier;Failed (unspecified error);"
             "(unknown authentication error - 8);; low version = 1, high version = 2\n");
-  Catd = reinterpret_cast<int64_t>(catopen((place + ".cat").c_str(), 0));
+  Catd = reinterpret_cast<int64_t>(catopen(place.c_str(), 0));
   _vx_set_initialised();
   EXPECT_EQ(all_texts(), "50;Success;Cancelled;50;21 -1;51;52;53;54;55;56;57;38;21 8;20 1 2\n");
   vxcatclose(std::exchange(Catd, -1));
