@@ -16,19 +16,17 @@
 #include "liblocal/text/utf8_codec.h"
 #include "liblocal/text/utf8_convert.h"
 
-namespace {
-
 // The plain locale's first, a UTF-8 one's last; TCVN and CP1255 compose characters, of two
 // or three, and BIG5-HKSCS makes two of one.
-struct Codeset {
+static struct Codeset {
   const char* name;
   iconv_t from_utf8 = iconv_open(name, "UTF-8"), to_utf8 = iconv_open("UTF-8", name);
 } codesets[] = {{"ISO8859-1"},  {"ISO-8859-15"}, {"EUC-JP"}, {"SHIFT_JIS"},
                 {"TCVN5712-1"}, {"BIG5-HKSCS"},  {"CP1255"}, {"UTF-8"}};
-const Codeset* codeset;  // of this input
+static const Codeset* codeset;  // of this input
 
-std::string converted(size_t (*convert)(char*, const char*, size_t), const std::string& text,
-                      size_t size) {
+static std::string converted(size_t (*convert)(char*, const char*, size_t), const std::string& text,
+                             size_t size) {
   std::string area(size, '!');
   const size_t written = convert(area.data(), text.c_str(), size);
   if (size > 0) area.resize(strlen(area.c_str()));
@@ -37,15 +35,13 @@ std::string converted(size_t (*convert)(char*, const char*, size_t), const std::
   return area;
 }
 
-std::string through_stream(const std::string& text, size_t size) {
+static std::string through_stream(const std::string& text, size_t size) {
   std::string all, area(size, '!');
   FILE* stream = fmemopen(const_cast<char*>(text.data()), text.size(), "r");
   while (vxfgets(area.data(), static_cast<int>(size), stream) != nullptr) all += area.c_str();
   vxfclose(stream);
   return all;
 }
-
-}  // namespace
 
 // In the place of the process's converters. The names are those that the linker's --wrap calls.
 extern "C" {

@@ -1,8 +1,7 @@
 // The receiving side of a record stream on arbitrary bytes: whether they come whole or
 // in pieces, with a stall between any two, it reads the same records and refuses the same.
-//
-// The first byte of the input says how large the pieces are, the second how many bytes
-// are read at once when they come whole. The rest is the stream.
+// The first byte of the input says how large the pieces are, the second how many bytes are
+// read at once when they come whole; the rest is the stream.
 #undef NDEBUG
 #include <sanitizer/common_interface_defs.h>
 #include <unistd.h>

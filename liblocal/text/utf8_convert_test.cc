@@ -221,6 +221,7 @@ TEST(Utf8Convert, TextsOfThePlatform) {
     EXPECT_EQ(vxstrftime(text, 4, "%Y", &march), 3U);
     EXPECT_EQ(vxstrftime(text, sizeof text, std::string(599, 'x').c_str(), &march), 599U);
     EXPECT_EQ(vxstrftime(text, sizeof text, std::string(600, 'x').c_str(), &march), 0U);
+    EXPECT_EQ(vxstrftime(text, sizeof text, (std::string(1022, '%') + "ab").c_str(), &march), 512U);
     EXPECT_EQ(vxstrftime(nullptr, 4, "x", &march) + vxstrftime(text, 0, "x", &march), 0U);
   };
   in_locale("ISO-8859-15", in_german, "de_DE");

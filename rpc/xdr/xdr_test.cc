@@ -230,8 +230,7 @@ TEST(XdrCompound, BoundsArrays) {
   ASSERT_TRUE(array.run(TestStream(wire).get(), 2));
   EXPECT_FALSE(array.run(TestStream(12).get(), 1));
   EXPECT_TRUE(array.release());
-  EXPECT_FALSE(array.run(TestStream(12).get(), 2)) << "counted, not there";
-  EXPECT_FALSE(array.run(TestStream("123").get(), 2)) << "not counted";
+  EXPECT_FALSE(array.run(TestStream(12).get(), 2) || array.run(TestStream("123").get(), 2));
 }
 
 // A peer that declares many elements and sends few gets memory for few; what is there
@@ -270,8 +269,7 @@ TEST(XdrCompound, ElementsOfNothingAreMadeUpToALimit) {
       TestStream in(from_hex(declared), kind);
       const bool done = array.run(in.get(), UINT32_MAX, 8, element);
       EXPECT_TRUE((done ? array.count : 0) == made && array.count <= 0x20000) << declared;
-      EXPECT_TRUE(array.run(&__xdr, 0, 8, element));
-      EXPECT_EQ(pieces_held(), before);
+      EXPECT_TRUE(array.run(&__xdr, 0, 8, element) && pieces_held() == before);
     }
   }
 }
