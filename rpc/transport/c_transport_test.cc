@@ -248,7 +248,7 @@ TEST_P(TransportTest, CreationFails) {
   EXPECT_NE(create(GetParam(), kNobody, 65535), nullptr);
   for (int given : {65536, -1}) {  // one that cannot be waited for, and none left
     const DescriptorLimit none(0);
-    rpc_set_createerr(RPC_SUCCESS, errno = 0);
+    rpc_set_createerr(RPC_SUCCESS, 0);
     create(GetParam(), kNobody, given);
     EXPECT_EQ(errno, EMFILE);
     expect_not_created(RPC_SYSTEMERROR, EMFILE);
