@@ -1,5 +1,4 @@
-// Work done by several threads at once or short of descriptors, and what it tells on
-// standard error.
+// Work done by several threads or short of descriptors, and what it tells on standard error.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -26,17 +25,14 @@ inline void in_threads(int count, auto work) {
 }
 
 /// While it lives, no descriptor from `most` on is opened.
-class DescriptorLimit {
- public:
+struct DescriptorLimit {
   explicit DescriptorLimit(rlim_t most) {
-    getrlimit(RLIMIT_NOFILE, &before_);
-    const rlimit limit = {most, before_.rlim_max};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit limit = {most, before.rlim_max};
     setrlimit(RLIMIT_NOFILE, &limit);
   }
-  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before_); }
-
- private:
-  rlimit before_{};
+  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before); }
+  rlimit before{};
 };
 
 /// What `work` writes to standard error in a program named kivtrap, with `Debug` at `level`.

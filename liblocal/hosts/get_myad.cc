@@ -135,8 +135,7 @@ void allocate_table() {
 bool matches(const sockaddr_in& slot, int family, const void* address, int32_t length) {
   if (slot.sin_family != family) return false;
   if (family == AF_INET) return memcmp(&slot.sin_addr, address, sizeof slot.sin_addr) == 0;
-  sockaddr generic;
-  memcpy(&generic, &slot, sizeof generic);
+  const auto& generic = reinterpret_cast<const sockaddr&>(slot);
   if (length < 0 || static_cast<size_t>(length) > sizeof generic.sa_data) return false;
   return memcmp(generic.sa_data, address, static_cast<size_t>(length)) == 0;
 }

@@ -107,9 +107,9 @@ TEST(HostlistCache, AHostIsOneChain) {
   EXPECT_EQ(cache.add("a", {}, "10.0.0.1")->state, HOST_LIVE) << "resolved at last";
   cache.add("u", {"v"}, nullptr, HOST_UNRESOLVED);
   cache.local_host = hostlist_cache_host(&cache, "u");
+  hostlist_cache_purge(&cache, HOST_STALE);
   hostlist_cache_purge(&cache, HOST_UNRESOLVED);
   EXPECT_EQ(cache.local_host, nullptr);
-  hostlist_cache_purge(&cache, HOST_STALE);
   EXPECT_EQ(cache.all(), "10.0.0.1L1 aL1 A2L1 bL1 ");
 }
 

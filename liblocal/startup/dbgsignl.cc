@@ -92,18 +92,19 @@ void apply(const debug_command& command) {
 // Takes the command off the debug command file into `text`, of kDebugCommandLimit
 // bytes. The file may lie where others can write, so nothing but a regular file
 // is accepted, and opening never follows a link nor waits for a FIFO's writer.
-// Returns the number of bytes, 0 when there is no command.
-size_t take_command(char* text) {
+// Returns what was read; nothing when there is no command.
+std::string_view take_command(char* text) {
   int file = open(Dbgcmdpath, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-  if (file < 0) return 0;
-  ssize_t length = 0;
+  if (file < 0) return {};
+  std::string_view command;
   struct stat status;
   if (fstat(file, &status) == 0 && S_ISREG(status.st_mode)) {
-    length = read(file, text, kDebugCommandLimit);
+    const ssize_t length = read(file, text, kDebugCommandLimit);
+    if (length > 0) command = {text, static_cast<size_t>(length)};
     unlink(Dbgcmdpath);
   }
   close(file);
-  return length > 0 ? static_cast<size_t>(length) : 0;
+  return command;
 }
 
 // The base name of `path`, up to its last dot and in lower case, in `name`, of
@@ -132,9 +133,8 @@ bool is_listed(std::string_view list, std::string_view name) {
 void ondbgintr(int signal) {
   if (signal != SIGUSR2) return;
   int saved_errno = errno;
-  char text[kDebugCommandLimit] = {};
-  const size_t length = take_command(text);
-  if (auto command = parse_debug_command({text, length})) apply(*command);
+  char text[kDebugCommandLimit];
+  if (auto command = parse_debug_command(take_command(text))) apply(*command);
   errno = saved_errno;
 }
 

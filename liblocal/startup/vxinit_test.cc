@@ -55,6 +55,7 @@ TEST(Vxinit, Arguments) {
       EXPECT_STREQ(argv[1], converted > 1 ? "ü" : "\xFC") << argc;
       for (int i = 0; i < converted; ++i) free(argv[i]);
     }
+    _vxinit("kiv", 1, nullptr);
   });
 }
 

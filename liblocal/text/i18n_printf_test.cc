@@ -42,21 +42,21 @@ TEST(Format, Cases) {
       {formatted("%.*f|%.*f|%Lg", 2, 1.0, -2, 1.0, 1e40L), "1.00|1.000000|1e+40"},
       {formatted("a%cb", 0), std::string("a\0b", 3)},
       {formatted("a%lsb", (std::wstring(300, L'x') + L'\x110000').c_str()), "ab"},
-      {formatted("%900.0f|%5000d", 1.0, 2),
-       std::string(899, ' ') + "1|" + std::string(4999, ' ') + "2"},
+      {formatted("%9000.0f|%15000d", 1.0, 2),
+       std::string(8999, ' ') + "1|" + std::string(14999, ' ') + "2"},
       // Columns.
       {formatted("%-6s|%6s|%5.3s|", "日本", "日本", "日本"), "日本  |  日本|   日|"},
       {formatted("%.3s|%.4s|%.1s|%.0s|%.s", "日本", "日本", "日本", "日本", "日本"), "日|日本|||"},
       {formatted("%.*s|%.*s|%.*s", 2, "abc", -1, "abc", -7, "abc"), "ab|abc|abc"},
       {formatted("%.3s", unterminated), "abc"},
       {formatted("%04s|%-04s|%0-4s|%*s|", "a", "a", "a", -4, "a"), "   a|   a|a   |a|"},
-      {formatted("%6s|%.2s|%1s", absent, absent, "abc"), "  null|nu|abc"},
+      {formatted("%6s|%.2s|%1s|%1s", absent, absent, "abc", ""), "  null|nu|abc| "},
       // Characters that the end of the text cuts off.
       {formatted("%.9s|%.9s|%4s", "\xE6", "\xE6\x97", "\xF0\x9F"), "|\xE6\x97|  \xF0\x9F"},
       // Positions.
       {formatted("%2$s %s %1$d", 1, "two", "three"), "two three 1"},
       {formatted("%2$*1$s|%3$*s", 3, "日", 2, "x"), " 日| x"},
-      {formatted("%3$s", 1, 2, "c"), "c"},    // 1 and 2 are skipped
+      {formatted("%3$s", 1, 2, "c"), "c"},                   // 1 and 2 are skipped
       {formatted("%1$s %1$d", 5), "null 5"},  // one argument, one type
       {formatted("%1$d %1$s", "a"), "0 a"},
       {formatted("%2$f %2$d %1$f %1$Lf", 0.5L, 3), "0.000000 3 0.000000 0.500000"},
