@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
 
 #include "liblocal/hosts/svc_time.h"
 #include "liblocal/messages/errinfo.h"
@@ -72,18 +71,22 @@ int32_t maximum_of(const hostlist_limits* limits) {
   return std::clamp(maximum, limits->least_maximum, INT32_MAX - limits->step);
 }
 
-uint32_t hash_of(std::string_view name) {
+uint32_t hash_of(const char* name, size_t length) {
   constexpr uint64_t kLowerCase = 0x2020202020202020;  // of ASCII letters
   constexpr uint64_t kSpread = 0x9E3779B97F4A7C15;
   uint64_t hash = 0;
-  while (!name.empty()) {
-    uint64_t word = 0;
-    const size_t size = std::min(name.size(), sizeof word);
-    memcpy(&word, name.data(), size);
-    name.remove_prefix(size);
+  auto mix = [&hash](uint64_t word) {
     hash = (hash ^ (word | kLowerCase)) * kSpread;
     hash ^= hash >> 32;
+  };
+  uint64_t word = 0;
+  for (; length >= sizeof word; length -= sizeof word, name += sizeof word) {
+    memcpy(&word, name, sizeof word);
+    mix(word);
   }
+  word = 0;
+  memcpy(&word, name, length);
+  mix(word);
   return static_cast<uint32_t>(hash);
 }
 
@@ -105,7 +108,7 @@ void add_to_index(hostlist_cache* cache, host_entry* entry) {
 const host_entry* find_in_index(const hostlist_cache* cache, const char* name) {
   if (cache->index == nullptr) return nullptr;
   const size_t mask = index_size(cache) - 1;
-  const uint32_t hash = hash_of(name);
+  const uint32_t hash = hash_of(name, strlen(name));
   for (size_t at = hash & mask; cache->index[at] != nullptr; at = (at + 1) & mask) {
     const host_entry* entry = cache->index[at];
     if (entry->hash == hash && strcasecmp(entry->name, name) == 0) return entry;
@@ -203,7 +206,7 @@ host_entry* hostlist_cach_new_host(hostlist_cache* cache, const char* name, host
   }
   memcpy(copy, name, length + 1);
   if (primary == nullptr) primary = entry;
-  *entry = {copy, primary, nullptr, state, hash_of({copy, length}), expiry};
+  *entry = {copy, primary, nullptr, state, hash_of(copy, length), expiry};
   return entry;
 }
 
