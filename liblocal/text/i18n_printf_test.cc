@@ -56,7 +56,7 @@ TEST(Format, Cases) {
       // Positions.
       {formatted("%2$s %s %1$d", 1, "two", "three"), "two three 1"},
       {formatted("%2$*1$s|%3$*s", 3, "日", 2, "x"), " 日| x"},
-      {formatted("%3$s", 1, 2, "c"), "c"},                   // 1 and 2 are skipped
+      {formatted("%3$s", 1, 2, "c"), "c"},    // 1 and 2 are skipped
       {formatted("%1$s %1$d", 5), "null 5"},  // one argument, one type
       {formatted("%1$d %1$s", "a"), "0 a"},
       {formatted("%2$f %2$d %1$f %1$Lf", 0.5L, 3), "0.000000 3 0.000000 0.500000"},
