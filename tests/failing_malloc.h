@@ -9,6 +9,7 @@ class FailingMalloc {
  public:
   explicit FailingMalloc(int count, int refusals = INT_MAX);
   ~FailingMalloc();
+  FailingMalloc(const FailingMalloc&) = delete;
   bool failed() const;  // once an allocation was refused
 };
 

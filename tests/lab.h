@@ -62,7 +62,7 @@ class UdpReceiver {
   uint16_t port() const { return port_of(socket_); }
 
  private:
-  int socket_;
+  const int socket_;
 };
 
 }  // namespace lab

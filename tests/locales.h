@@ -21,7 +21,7 @@ class TemporaryDirectory {
 
  private:
   char name_[32] = "/tmp/kiv-test-XXXXXX";
-  std::string path_;
+  const std::string path_;
 };
 
 /// Compiles the message catalog `path` from its source text.

@@ -40,11 +40,11 @@ bool as_integer(XDR* xdrs, T* value, auto to_integer, auto from_integer) {
 }
 
 // One unit on the wire for a host type of another size: the low 32 bits go out, and
-// what comes in is taken as a Wire before it is cut or extended to a T.
+// what comes in is taken as a Wire before it is cut or extended to a T. A char travels
+// with its sign.
 template <typename Wire, typename T>
 bool as_unit(XDR* xdrs, T* value) {
   return as_integer<int32_t>(
-      // NOLINTNEXTLINE(bugprone-signed-char-misuse): a char travels with its sign.
       xdrs, value, [](T whole) { return static_cast<int32_t>(whole); },
       [](int32_t unit) { return static_cast<T>(static_cast<Wire>(unit)); });
 }
