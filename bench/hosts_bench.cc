@@ -1,4 +1,4 @@
-// The caches of hosts and the own addresses, each path beside its floor. Run in the lab:
+// The caches of hosts and the own addresses, each path beside its floor. Run in the test machine:
 // this host's own name is resolved once.
 #include <arpa/inet.h>
 #include <strings.h>
@@ -52,7 +52,7 @@ struct SortedNames {
 template <int kCount>
 void test_names(benchmark::State& state) {
   const std::vector<std::string> names = host_names(kCount);
-  require(is_myname("lab-host") == 1);
+  require(is_myname("testhost") == 1);
   for (const std::string& name : names) {
     DnsCacheHold hold;
     require(hostlist_cache_add_host(&dns_hostlist_cache, nullptr, name.c_str(), nullptr, HOST_LIVE,

@@ -13,9 +13,9 @@
 #include <thread>
 
 #include "bench/paths.h"
-#include "liblocal/threads/vx_threadstorage.h"
+#include "liblocal/base/vx_threadstorage.h"
 #include "rpc/c_gen.h"
-#include "rpc/client/rpcvarp.h"
+#include "rpc/handle/rpcvarp.h"
 #include "rpc/portmap/pmap.h"
 
 namespace {

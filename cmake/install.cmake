@@ -11,16 +11,12 @@ install(FILES README.md CHANGELOG.md docs/architecture.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # The libraries: headers by folder, archives, a CMake package and pkg-config files.
-set(KIV_LIBRARIES platform liblocal snmp rpc)
+set(KIV_LIBRARIES liblocal snmp rpc)
 foreach(library ${KIV_LIBRARIES})
-  install(TARGETS ${library} EXPORT kivtrap
+  install(TARGETS kivtrap_${library} EXPORT kivtrap
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}/kivtrap)
   install(DIRECTORY ${library} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kivtrap
     FILES_MATCHING PATTERN "*.h")
-  # Bytecode for joining steps fits one version of the compiler; a user's may be another.
-  install(CODE "execute_process(COMMAND ${CMAKE_OBJCOPY} -R .gnu.lto_* -N __gnu_lto_v1
-    \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/kivtrap/lib${library}.a\"
-    COMMAND_ERROR_IS_FATAL ANY)")
 endforeach()
 install(EXPORT kivtrap NAMESPACE kivtrap:: FILE kivtrap-config.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kivtrap)

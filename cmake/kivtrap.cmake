@@ -12,11 +12,6 @@ if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release CACHE STRING "" FORCE)
 endif()
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
-# The engine's small steps stand in files of their own; a release joins them again. Fat
-# objects, which g++ alone makes, leave archives that every linker takes.
-if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  set(CMAKE_INTERPROCEDURAL_OPTIMIZATION_RELEASE ON)
-endif()
 set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g")
 
 # What every target is compiled with, tests and benchmarks included.
@@ -36,31 +31,34 @@ add_library(kiv_product INTERFACE)
 target_link_libraries(kiv_product INTERFACE kiv_common)
 target_compile_options(kiv_product INTERFACE
   -fno-exceptions -fno-rtti -ffunction-sections -fdata-sections
-  -fstack-protector-strong -fcf-protection
-  $<$<CXX_COMPILER_ID:GNU>:-ffat-lto-objects>)
+  -fstack-protector-strong -fcf-protection)
 if(NOT KIV_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   # Fortified string calls hide the accesses that a sanitizer wants to see.
   target_compile_options(kiv_product INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
 endif()
 
-# kiv_library(NAME [DEPENDS targets...]): the static library of this folder, of
-# every .cc in it but the tests.
+# kiv_library(NAME [DEPENDS names...]): kivtrap_NAME, the static library of every .cc in
+# this folder but the tests.
 function(kiv_library name)
   cmake_parse_arguments(ARG "" "" "DEPENDS" ${ARGN})
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS *.cc)
   list(FILTER sources EXCLUDE REGEX "_test\\.cc$")
-  add_library(${name} STATIC ${sources})
-  add_library(kivtrap::${name} ALIAS ${name})
-  target_compile_features(${name} PUBLIC cxx_std_20)
-  target_include_directories(${name} PUBLIC
+  list(TRANSFORM ARG_DEPENDS PREPEND kivtrap_)
+  set(target kivtrap_${name})
+  add_library(${target} STATIC ${sources})
+  add_library(kivtrap::${name} ALIAS ${target})
+  set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name} EXPORT_NAME ${name})
+  target_compile_features(${target} PUBLIC cxx_std_20)
+  target_include_directories(${target} PUBLIC
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/kivtrap>)
-  target_link_libraries(${name} PUBLIC ${ARG_DEPENDS} PRIVATE $<BUILD_INTERFACE:kiv_product>)
+  target_link_libraries(${target} PUBLIC ${ARG_DEPENDS} PRIVATE $<BUILD_INTERFACE:kiv_product>)
 endfunction()
 
-# kiv_program(NAME source... DEPENDS targets...): a program that needs libc alone
+# kiv_program(NAME source... DEPENDS names...): a program that needs libc alone
 # at run time.
 function(kiv_program name)
   cmake_parse_arguments(ARG "" "" "DEPENDS" ${ARGN})
+  list(TRANSFORM ARG_DEPENDS PREPEND kivtrap_)
   add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} kiv_product)
   target_link_options(${name} PRIVATE

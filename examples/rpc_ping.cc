@@ -9,7 +9,7 @@
 #include "liblocal/startup/vxinit.h"
 #include "liblocal/text/vxprint.h"
 #include "rpc/c_gen.h"
-#include "rpc/client/c_perror.h"
+#include "rpc/handle/c_perror.h"
 
 namespace {
 

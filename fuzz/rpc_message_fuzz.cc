@@ -5,7 +5,7 @@
 #include <cassert>
 #include <vector>
 
-#include "rpc/client/c_perror.h"
+#include "rpc/handle/c_perror.h"
 #include "rpc/messages/rpc_cmsg.h"
 #include "rpc/messages/rpc_prot.h"
 #include "tests/xdr_item.h"

@@ -12,7 +12,7 @@
 #include "liblocal/startup/vxenv.h"
 #include "liblocal/text/ascii.h"
 #include "rpc/auth/auth_choice.h"
-#include "rpc/client/rpcvarp.h"
+#include "rpc/handle/rpcvarp.h"
 #include "rpc/portmap/p_getprt.h"
 #include "rpc/transport/c_tcp.h"
 #include "rpc/transport/c_udp.h"

@@ -10,7 +10,7 @@
 
 #include <cstdint>
 
-#include "rpc/client/clnt.h"
+#include "rpc/handle/clnt.h"
 
 /// A client of `program` and `version` on `host`, with the transport's own buffer
 /// sizes. Give it back with its destroy operation.

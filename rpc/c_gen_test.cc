@@ -14,11 +14,11 @@
 
 namespace {
 
-using namespace lab;
+using namespace machine;
 
 constexpr rpc_createerr kUntouched = {RPC_CANCELLED, {}};
 
-// In the lab, as mappers have fixed ports, and hosts their names.
+// In the test machine, as mappers have fixed ports, and hosts their names.
 class CreateTest : public ClientTest {
  protected:
   void SetUp() override {
@@ -35,7 +35,7 @@ class CreateTest : public ClientTest {
 TEST_F(CreateTest, OwnNamesGoToLoopbackOverEveryTransport) {
   setenv("KIV_TRANSPORT", "SPP", 1);
   const std::pair<const char*, const char*> cases[] = {{nullptr, "tcp"},    {"", "PIPE"},
-                                                       {"lab-host", "shm"}, {"127.0.0.1", "spp"},
+                                                       {"testhost", "shm"}, {"127.0.0.1", "spp"},
                                                        {"192.0.2.1", ""},   {"  manager", "Udp"}};
   for (const auto& [host, name] : cases) {
     SCOPED_TRACE(name);

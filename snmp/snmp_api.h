@@ -11,7 +11,7 @@
 
 #include <cstdint>
 
-#include "liblocal/threads/vx_select.h"
+#include "liblocal/base/vx_select.h"
 #include "snmp/snmp_pdu.h"
 #include "snmp/snmp_session.h"
 

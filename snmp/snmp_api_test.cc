@@ -12,7 +12,7 @@
 #include "snmp/snmp_client.h"
 #include "tests/failing_calls.h"
 #include "tests/failing_malloc.h"
-#include "tests/lab.h"
+#include "tests/machine.h"
 #include "tests/work.h"
 
 namespace {
@@ -107,7 +107,7 @@ class SessionTest : public testing::Test {
     }
   }
 
-  lab::UdpReceiver agent{0};
+  machine::UdpReceiver agent{0};
   const long descriptors = open_descriptors();
   snmp_session wanted = {nullptr,      0, -1,      -1,     const_cast<char*>("127.0.0.1"),
                          agent.port(), 0, nullptr, called, this};  // the defaults, that peer
@@ -119,7 +119,7 @@ class SessionTest : public testing::Test {
 };
 
 TEST_F(SessionTest, DefaultsAndOwnCopies) {
-  if (lab::skip_outside()) return;
+  if (machine::skip_outside()) return;
   char peer[] = "manager", community[200] = {'a', 0, 'b'};
   // Opens a session and then changes what it was told; what the session has.
   auto opened = [&] {
@@ -136,9 +136,9 @@ TEST_F(SessionTest, DefaultsAndOwnCopies) {
   };
   wanted.peer_name = peer;
   wanted.remote_port = 0;
-  lab::write_file("/etc/services", "snmp 16100/tcp\nsnmp 10161/udp\n");
+  machine::write_file("/etc/services", "snmp 16100/tcp\nsnmp 10161/udp\n");
   EXPECT_EQ(opened(), "manager 10161 7075626C6963 6 4 1000000");
-  lab::write_file("/etc/services", "");
+  machine::write_file("/etc/services", "");
   EXPECT_EQ(opened(), "manager 161 7075626C6963 6 4 1000000");
   EXPECT_EQ(Sessions->state->peer_address.sin_family, AF_INET);
   EXPECT_EQ(Reqid, 41);
@@ -155,7 +155,7 @@ TEST_F(SessionTest, DefaultsAndOwnCopies) {
 }
 
 TEST_F(SessionTest, FailuresToOpen) {
-  if (lab::skip_outside()) return;  // a name is looked up
+  if (machine::skip_outside()) return;  // a name is looked up
   auto told = [&](const char* peer, uint16_t local_port, rlim_t most_descriptors) {
     wanted.peer_name = const_cast<char*>(peer);
     wanted.local_port = local_port;
@@ -198,7 +198,7 @@ TEST_F(SessionTest, SendsWithWhatWasMissing) {
 // What cannot be sent is told and not remembered; a repetition counts all the same. A PDU's
 // own address and enterprise hold.
 TEST_F(SessionTest, FailuresToSend) {
-  if (lab::skip_outside()) return;  // an address is out of reach
+  if (machine::skip_outside()) return;  // an address is out of reach
   wanted.retries = 9;
   run("open ask sent");
   request_record* request = Sessions->state->requests;

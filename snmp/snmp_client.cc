@@ -6,9 +6,9 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "liblocal/threads/vx_select.h"
+#include "liblocal/base/vx_select.h"
 #include "snmp/snmp_pdu.h"
-#include "snmp/snmp_sessions.h"
+#include "snmp/snmp_rounds.h"
 
 synch_state snmp_synch_state = {};
 

@@ -5,7 +5,7 @@
 #include <iterator>
 #include <memory>
 
-#include "liblocal/threads/c_memory.h"
+#include "liblocal/base/c_memory.h"
 #include "snmp/asn1.h"
 
 const uint64_t default_enterprise[9] = {1, 3, 6, 1, 4, 1, 3, 1, 1};

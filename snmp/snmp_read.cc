@@ -7,8 +7,8 @@
 #include "liblocal/messages/catgets.h"
 #include "liblocal/text/vxprint.h"
 #include "snmp/snmp.h"
+#include "snmp/snmp_rounds.h"
 #include "snmp/snmp_send.h"
-#include "snmp/snmp_sessions.h"
 #include "snmp/snmp_texts.h"
 
 namespace {

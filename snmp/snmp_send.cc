@@ -7,11 +7,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "liblocal/base/c_memory.h"
 #include "liblocal/messages/catgets.h"
 #include "liblocal/text/vxprint.h"
-#include "liblocal/threads/c_memory.h"
 #include "snmp/snmp.h"
-#include "snmp/snmp_sessions.h"
+#include "snmp/snmp_rounds.h"
 #include "snmp/snmp_texts.h"
 
 int snmp_dump_packet = 0;

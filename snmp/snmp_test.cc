@@ -7,7 +7,7 @@
 #include "snmp/snmp_auth.h"
 #include "snmp/snmp_pdu.h"
 #include "snmp/snmp_session.h"
-#include "tests/lab.h"
+#include "tests/machine.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include <climits>
 
 #include "snmp/snmp.h"
+#include "snmp/snmp_rounds.h"
 #include "snmp/snmp_send.h"
-#include "snmp/snmp_sessions.h"
 
 namespace {
 

@@ -12,8 +12,8 @@
 
 #include "rpc/c_gen.h"
 #include "rpc/portmap/pmap.h"
-#include "tests/lab.h"
 #include "tests/locales.h"
+#include "tests/machine.h"
 #include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
 
@@ -32,38 +32,39 @@ std::string trap_message(const std::string& text, const std::string& community =
                          ")" + codes + "430100 30(30(06082B06010201010100 04('" + text + "')))))"));
 }
 
-class CommandTest : public LabTest {
+class CommandTest : public MachineTest {
  protected:
   void SetUp() override {
-    if (lab::skip_outside()) return;
+    if (machine::skip_outside()) return;
     std::filesystem::remove(kBootRecord);
     station.emplace(uint16_t{162});
     mappers.emplace();
   }
 
-  static lab::Command kivtrap(std::vector<std::string> words, std::string input = "disk full\n") {
+  static machine::Command kivtrap(std::vector<std::string> words,
+                                  std::string input = "disk full\n") {
     words.insert(words.begin(), KIVTRAP);
     return {std::move(words), std::move(input)};
   }
   // The datagram that arrived, in hex; "" for none.
   std::string arrived() const { return to_hex(station->receive_now().value_or("")); }
   // Runs the command, which sends `datagram` and succeeds, or sends none and fails.
-  void expect(const lab::Command& command, const std::string& datagram, const std::string& out = "",
-              const std::string& err = "") const {
+  void expect(const machine::Command& command, const std::string& datagram,
+              const std::string& out = "", const std::string& err = "") const {
     SCOPED_TRACE(testing::PrintToString(command.words) + command.input.substr(0, 20));
-    const lab::Outcome outcome = lab::run(command);
+    const machine::Outcome outcome = machine::run(command);
     EXPECT_EQ(std::tuple(outcome.status, outcome.out, outcome.err),
               std::tuple(datagram.empty() ? 1 : 0, out, err));
     EXPECT_EQ(arrived(), datagram);
     EXPECT_EQ(arrived(), "");
   }
 
-  std::optional<lab::UdpReceiver> station;
-  std::optional<lab::EmptyPortMappers> mappers;
+  std::optional<machine::UdpReceiver> station;
+  std::optional<machine::EmptyPortMappers> mappers;
 };
 
 TEST_F(CommandTest, CommandLines) {
-  lab::write_file("/run/message", "from a file\nsecond line\n");
+  machine::write_file("/run/message", "from a file\nsecond line\n");
   const std::string sent = trap_message("disk full"), from_file = trap_message("from a file");
   const std::string parameters = "[41.73] community = public\ttrap = 6\tspecific=1\n";
   auto dump = [](const std::string& hex) {
@@ -121,7 +122,7 @@ TEST_F(CommandTest, MessageIsTheFirstLineLessItsLastByte) {
   const TemporaryDirectory place;  // of a locale with another codeset: texts are UTF-8 in any
   const std::string locale = compile_locale(place.path(), "ISO-8859-1");
   for (const auto& [input, text] : cases) {
-    lab::Command command = kivtrap({"manager"}, input);
+    machine::Command command = kivtrap({"manager"}, input);
     command.environment = {"LOCPATH=" + place.path(), "LC_ALL=" + locale};
     expect(command, trap_message(text));
   }
@@ -134,8 +135,8 @@ TEST_F(CommandTest, UpTime) {
   // The second is above 2^31 hundredths; after the third the clock was set back.
   for (long seconds : {0L, 21474837L, -1000L}) {
     records[1].ut_tv.tv_sec = static_cast<int32_t>(time(nullptr) - seconds);
-    lab::write_file(kBootRecord, {reinterpret_cast<const char*>(records), sizeof records});
-    const lab::Outcome outcome = lab::run(kivtrap({"-u", "x", "manager"}));
+    machine::write_file(kBootRecord, {reinterpret_cast<const char*>(records), sizeof records});
+    const machine::Outcome outcome = machine::run(kivtrap({"-u", "x", "manager"}));
     const std::string hex = arrived();
     std::smatch printed, sent;
     ASSERT_TRUE(std::regex_match(outcome.err, printed, std::regex(".*Up time: (\\d+)\n")));
@@ -149,29 +150,29 @@ TEST_F(CommandTest, UpTime) {
 }
 
 TEST_F(CommandTest, AgentAddress) {
-  const std::string hosts = lab::read_file("/etc/hosts");
+  const std::string hosts = machine::read_file("/etc/hosts");
   const std::tuple<const char*, const char*, const char*, const char*> cases[] = {
       {"10.9.8.7", "10.9.8.7 numbers\n", "0A090807", ""},
-      {"lab-host", "10.4.4.4 LAB-HOST.example lab-host\n", "0A040404", ""},
+      {"testhost", "10.4.4.4 TESTHOST.example testhost\n", "0A040404", ""},
       {"nowhere", "127.0.0.2 localhost\n", "7F000002", ""},
       {"nowhere", "", "00000000", "[41.23] unknown host: localhost\n"},
   };
   for (const auto& [name, own_hosts, agent, err] : cases) {
-    lab::set_host_name(name);
-    lab::write_file("/etc/hosts", std::string("127.0.0.1 loopback\n") + own_hosts);
+    machine::set_host_name(name);
+    machine::write_file("/etc/hosts", std::string("127.0.0.1 loopback\n") + own_hosts);
     expect(kivtrap({"127.0.0.1"}), trap_message("disk full", "public", "020106 020101", agent), "",
            err);
   }
-  lab::write_file("/etc/hosts", hosts);
-  lab::set_host_name(lab::kHostName);
+  machine::write_file("/etc/hosts", hosts);
+  machine::set_host_name(machine::kHostName);
 }
 
 TEST_F(CommandTest, ASignalDoesNotCostTheMessage) {
   for (const std::string text : {"disk full", ""}) {  // or the end of the input
-    lab::Command command = kivtrap({"manager"}, text.empty() ? "" : text + "\n");
+    machine::Command command = kivtrap({"manager"}, text.empty() ? "" : text + "\n");
     command.before_input = [](pid_t program) {
       const std::string where = "/proc/" + std::to_string(program) + "/syscall";
-      while (!lab::read_file(where).starts_with("0 0x0 ")) usleep(1000);  // it reads its input
+      while (!machine::read_file(where).starts_with("0 0x0 ")) usleep(1000);  // it reads its input
       kill(program, SIGUSR2);
     };
     expect(command, trap_message(text));
@@ -186,15 +187,15 @@ TEST_F(CommandTest, TextIsWrappedWhereTheStationIsRegistered) {
       {0, 0, '\n', "KIV_WRAP=Yes"},     {4711, 0, ' ', "KIV_WRAP=nO"},
       {4711, 1, '\n', "KIV_WRAP=yes!"}, {4711, 1, '\n', "KIV_WRAP="}};
   mappers.reset();
-  const lab::RpcServer standard(111, "127.0.0.1", lab::port_mapper(0));
+  const machine::RpcServer standard(111, "127.0.0.1", machine::port_mapper(0));
   // RPC 2, port mapper 2, get port; none credential and verifier; program 100122 version 0 by UDP.
   const std::string asked = from_hex(
       "0000000000000002000186A00000000200000003 00000000000000000000000000000000"
       "0001871A000000000000001100000000");
   for (const auto& [port, calls, between, choice] : cases) {
-    const lab::RpcServer own(7938, "127.0.0.1", lab::port_mapper(port));
+    const machine::RpcServer own(7938, "127.0.0.1", machine::port_mapper(port));
     const std::string a38(38, 'a'), b20(20, 'b');
-    lab::Command command = kivtrap({"manager"}, a38 + " " + b20 + "\n");
+    machine::Command command = kivtrap({"manager"}, a38 + " " + b20 + "\n");
     command.environment = {choice};
     expect(command, trap_message(a38 + between + b20));
     ASSERT_EQ(own.requests().size(), calls) << choice;
@@ -202,33 +203,33 @@ TEST_F(CommandTest, TextIsWrappedWhereTheStationIsRegistered) {
   }
 }
 
-using StationTest = lab::ClientTest;
+using StationTest = machine::ClientTest;
 
 TEST_F(StationTest, ARealPortMapper) {
-  if (lab::skip_outside()) return;
+  if (machine::skip_outside()) return;
   // The port at which a client of the station's program is made; 0 when it is not.
   auto look_up = [&](const char* transport, unsigned long program, unsigned long version) {
     destroy();
     client_ = __brix_clnt_create("station", program, version, transport);
     return client_ != nullptr ? ntohs(get<sockaddr_in>(CLGET_SERVER_ADDR).sin_port) : 0;
   };
-  lab::UdpReceiver manager(162, "127.0.0.2");
-  lab::RpcServer own(kOwnMapperPort, "127.0.0.2", lab::port_mapper(0));
+  machine::UdpReceiver manager(162, "127.0.0.2");
+  machine::RpcServer own(kOwnMapperPort, "127.0.0.2", machine::port_mapper(0));
   const pid_t mapper = fork();
   if (mapper == 0) _exit(execlp("rpcbind", "rpcbind", "-f", nullptr));
-  sockaddr_in server = lab::loopback(kStandardMapperPort);
+  sockaddr_in server = machine::loopback(kStandardMapperPort);
   const timeval retry = {0, 50000};  // until it has started
   CLIENT* registrar = clntgen_create(&server, kPmapProgram, kPmapVersion, &retry, &socket_, 0, 0);
   ASSERT_NE(registrar, nullptr);
   pmap entry = {100122, 0, IPPROTO_UDP, 4711};
   EXPECT_EQ(registrar->ops->call(registrar, 1, xdr_filter<__brix_xdr_pmap>, &entry,
-                                 xdr_filter<__brix_xdr_int>, &result_, lab::kLong),
+                                 xdr_filter<__brix_xdr_int>, &result_, machine::kLong),
             RPC_SUCCESS);
   EXPECT_EQ(result_, 1);
   EXPECT_EQ(look_up("udp", 100122, 0), 4711);
   EXPECT_EQ(look_up("tcp", 100122, 0), 0);
   expect_not_created(RPC_PROGNOTREGISTERED, 0);
-  EXPECT_EQ(lab::run({{KIVTRAP, "station"}, std::string(38, 'x') + " wrapped\n"}).status, 0);
+  EXPECT_EQ(machine::run({{KIVTRAP, "station"}, std::string(38, 'x') + " wrapped\n"}).status, 0);
   EXPECT_TRUE(manager.receive().value_or("").ends_with("x\nwrapped"));
   registrar->ops->destroy(registrar);
   // Look-ups for connections go over connections.

@@ -4,12 +4,12 @@
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
-#include "rpc/client/clnt.h"
-#include "rpc/client/rpcvarp.h"
+#include "rpc/handle/clnt.h"
+#include "rpc/handle/rpcvarp.h"
 #include "rpc/transport/c_tcp.h"
 #include "rpc/transport/c_udp.h"
 
-namespace lab {
+namespace machine {
 
 constexpr timeval kLong = {20, 0};  // nothing waits so long
 constexpr uint16_t kNobody = 9;     // a port
@@ -84,4 +84,4 @@ class ClientTest : public testing::Test {
   int32_t result_ = 0;
 };
 
-}  // namespace lab
+}  // namespace machine

@@ -10,7 +10,7 @@
 
 #include "rpc/xdr/xdr_units.h"
 
-namespace lab {
+namespace machine {
 
 RpcServer::RpcServer(uint16_t port, const std::string& address, Conversation conversation, int type)
     : type_(type),
@@ -124,4 +124,4 @@ RpcServer::Conversation port_mapper(uint16_t port) {
   return always("ID OK 00000000 0000" + to_hex(bytes));
 }
 
-}  // namespace lab
+}  // namespace machine

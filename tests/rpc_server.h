@@ -11,9 +11,9 @@
 #include <thread>
 #include <vector>
 
-#include "tests/lab.h"
+#include "tests/machine.h"
 
-namespace lab {
+namespace machine {
 
 /// A server in a thread of its own. Its end ends what it is doing.
 class RpcServer {
@@ -75,4 +75,4 @@ struct EmptyPortMappers {
   RpcServer standard{111, "127.0.0.1", port_mapper(0)};
 };
 
-}  // namespace lab
+}  // namespace machine

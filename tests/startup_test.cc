@@ -3,8 +3,8 @@
 
 #include <filesystem>
 
-#include "tests/lab.h"
 #include "tests/locales.h"
+#include "tests/machine.h"
 #include "tests/rpc_server.h"
 
 namespace {
@@ -17,10 +17,10 @@ std::string origin_line(const std::string& argv0, const std::string& directory =
   return name + ": origin for `" + argv0 + "' is `" + directory + "'\n";
 }
 
-using StartupTest = LabTest;
+using StartupTest = MachineTest;
 
-// Copies the command into a new directory of the lab. Valgrind, which would put its own words
-// and rights in the place of the test's, leaves what is in /startup alone.
+// Copies the command into a new directory of the test machine. Valgrind, which would put its own
+// words and rights in the place of the test's, leaves what is in /startup alone.
 std::string install(const std::string& directory) {
   fs::remove_all(directory);
   fs::create_directories(directory);
@@ -29,10 +29,10 @@ std::string install(const std::string& directory) {
 }
 
 // `file` started as words[0]. By a user without rights no leak checker may look into it.
-lab::Outcome run(const std::string& file, std::vector<std::string> words,
-                 std::vector<std::string> environment = {}, unsigned user = 0) {
+machine::Outcome run(const std::string& file, std::vector<std::string> words,
+                     std::vector<std::string> environment = {}, unsigned user = 0) {
   if (user != 0) environment.emplace_back("ASAN_OPTIONS=detect_leaks=0");
-  return lab::run({std::move(words), "disk full\n", std::move(environment), {}, user, file});
+  return machine::run({std::move(words), "disk full\n", std::move(environment), {}, user, file});
 }
 
 TEST_F(StartupTest, Origin) {
@@ -56,7 +56,7 @@ TEST_F(StartupTest, Origin) {
       {false, std::string(1023, 'k'), "PATH=/startup/bin"}};
   for (const auto& [found, argv0, path] : cases) {
     for (const std::string value : {"quit", "Q", ""}) {
-      const lab::Outcome outcome = run(program, {argv0}, {path, "KIV_PRINT_ORIGIN=" + value});
+      const machine::Outcome outcome = run(program, {argv0}, {path, "KIV_PRINT_ORIGIN=" + value});
       EXPECT_EQ(outcome.status, found && !value.empty() ? 0 : 1) << argv0 << " " << path;
       EXPECT_EQ(outcome.err.starts_with(origin_line(argv0)), found) << outcome.err;
     }
@@ -78,7 +78,7 @@ TEST_F(StartupTest, OriginInEveryLocale) {
       }
       fs::create_hard_link(copy, directory + "/other");
       fs::create_symlink("other", directory + "/link");
-      lab::Outcome refused = run(copy, {directory + "/link", "manager"}, environment);
+      machine::Outcome refused = run(copy, {directory + "/link", "manager"}, environment);
       EXPECT_EQ(std::to_string(refused.status) + refused.out + refused.err,
                 "1link: unable to execute with hard links to binary " + directory + "/other\n");
     }
@@ -87,23 +87,23 @@ TEST_F(StartupTest, OriginInEveryLocale) {
 
 // What the caller says of the program's place does not count, nor do its rights.
 TEST_F(StartupTest, ASetUserIdProgram) {
-  if (!lab::has_users()) return skip("no users but root here");
+  if (!machine::has_users()) return skip("no users but root here");
   install("/startup/bin");
   const std::string trusted = install("/startup/setuid/bin"), secret = "/startup/setuid/secret";
   EXPECT_EQ(chmod(trusted.c_str(), 04755), 0);
   const std::vector<std::string> environment = {"PATH=/startup/bin", "KIV_PRINT_ORIGIN=q"};
   for (const char* argv0 : {"/startup/bin/kivtrap", "kivtrap", "/no/such/file"}) {
-    EXPECT_EQ(run(trusted, {argv0}, environment, lab::kUser).err,
+    EXPECT_EQ(run(trusted, {argv0}, environment, machine::kUser).err,
               origin_line(argv0, "/startup/setuid/bin/"));
   }
-  const lab::UdpReceiver station(162);
-  const lab::EmptyPortMappers mappers;
-  lab::write_file(secret, "of root alone\n");
+  const machine::UdpReceiver station(162);
+  const machine::EmptyPortMappers mappers;
+  machine::write_file(secret, "of root alone\n");
   chmod(secret.c_str(), 0600);
-  lab::Outcome refused = run(trusted, {"kivtrap", "-f", secret, "manager"}, {}, lab::kUser);
+  machine::Outcome refused = run(trusted, {"kivtrap", "-f", secret, "manager"}, {}, machine::kUser);
   EXPECT_EQ(refused.out, "file " + secret + " does not exist\n");
   EXPECT_TRUE(refused.status == 1 && !station.receive_now());
-  EXPECT_EQ(run(trusted, {"kivtrap", "manager"}, {}, lab::kUser).status, 0);
+  EXPECT_EQ(run(trusted, {"kivtrap", "manager"}, {}, machine::kUser).status, 0);
   EXPECT_TRUE(station.receive_now().value_or("").ends_with("disk full"));
 }
 

@@ -12,7 +12,7 @@
 #include "rpc/xdr/xdr.h"
 #include "rpc/xdr/xdr_object.h"
 #include "tests/failing_malloc.h"
-#include "tests/lab.h"
+#include "tests/machine.h"
 
 /// A stream over memory of its own. A blind one is as a connection's: it tells neither what
 /// remains nor gives any of it inline.

@@ -6,10 +6,10 @@
 #include <cstring>
 #include <iterator>
 
+#include "liblocal/base/c_memory.h"
 #include "liblocal/hosts/mtsfuncs.h"
 #include "liblocal/messages/catgets.h"
 #include "liblocal/text/vxprint.h"
-#include "liblocal/threads/c_memory.h"
 #include "snmp/asn1.h"
 #include "snmp/snmp_api.h"
 #include "snmp/snmp_pdu.h"

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdio>
 
-#include "liblocal/threads/c_memory.h"
+#include "liblocal/base/c_memory.h"
 
 constexpr size_t kLineSize = 1024;  // bytes of a line buffer, terminator included
 

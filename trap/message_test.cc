@@ -34,8 +34,8 @@ TEST(WrapLine, Breaks) {
 
 // Without memory for a line the next one gets its chance.
 TEST(Trap, EveryAllocationMayFail) {
-  if (lab::skip_without_ports()) return;
-  lab::UdpReceiver station(162);
+  if (machine::skip_without_ports()) return;
+  machine::UdpReceiver station(162);
   const TrapOptions options = {"public", "1", "1", nullptr, "127.0.0.1"};
   bool failed = true;
   for (int granted = 0; failed; ++granted) {
@@ -58,8 +58,8 @@ TEST(Trap, EveryAllocationMayFail) {
 }
 
 TEST(WantsWrappedText, LeavesNothingBehind) {
-  if (lab::skip_without_ports()) return;
-  const lab::RpcServer mapper(7938, "127.0.0.1", lab::port_mapper(4711));
+  if (machine::skip_without_ports()) return;
+  const machine::RpcServer mapper(7938, "127.0.0.1", machine::port_mapper(4711));
   EXPECT_EQ(pieces_left_by([] { EXPECT_TRUE(wants_wrapped_text("127.0.0.1")); }), 0);
 }
 

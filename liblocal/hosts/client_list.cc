@@ -5,10 +5,10 @@
 #include <cerrno>
 #include <cstring>
 
+#include "liblocal/base/svc_time.h"
+#include "liblocal/base/vx_once.h"
 #include "liblocal/hosts/hostlist_cache.h"
-#include "liblocal/hosts/svc_time.h"
 #include "liblocal/messages/errinfo.h"
-#include "liblocal/threads/vx_once.h"
 
 namespace {
 

@@ -10,14 +10,14 @@
 #include <iterator>
 #include <span>
 
+#include "liblocal/base/c_memory.h"
+#include "liblocal/base/vx_once.h"
 #include "liblocal/hosts/cluster.h"
 #include "liblocal/hosts/get_myad.h"
 #include "liblocal/hosts/localhost.h"
 #include "liblocal/hosts/mtsfuncs.h"
 #include "liblocal/messages/debug.h"
 #include "liblocal/messages/errinfo.h"
-#include "liblocal/threads/c_memory.h"
-#include "liblocal/threads/vx_once.h"
 
 namespace {
 

@@ -10,16 +10,15 @@
 #include <cstring>
 #include <span>
 
+#include "liblocal/base/c_memory.h"
+#include "liblocal/base/liblvarp.h"
+#include "liblocal/base/vx_once.h"
+#include "liblocal/base/xmalloc.h"
 #include "liblocal/messages/catgets.h"
 #include "liblocal/messages/debug.h"
 #include "liblocal/messages/errinfo.h"
 #include "liblocal/messages/print.h"
 #include "liblocal/text/vxprint.h"
-#include "liblocal/threads/c_memory.h"
-#include "liblocal/threads/liblvarp.h"
-#include "liblocal/threads/vx_once.h"
-#include "liblocal/threads/xmalloc.h"
-#include "platform/interface_count.h"
 
 namespace {
 
@@ -57,10 +56,11 @@ struct InterfaceList {
 
 // The room to begin with.
 int interfaces_to_expect(int socket) {
-  const int count = interface_count(socket);
-  if (count < 0 && Debug > 0) {
+  ifconf request{};  // without a buffer Linux answers with the bytes that it would need
+  if (ioctl(socket, SIOCGIFCONF, &request) < 0 && Debug > 0) {
     debugprintf("set_ifconf_buffer: ioctl(SIOCGIFNUM) failed with %d\n", errno);
   }
+  const int count = request.ifc_len / static_cast<int>(sizeof(ifreq));
   return count < 1 ? kUsualInterfaces : std::min(count, kMaxLocalAddresses);
 }
 

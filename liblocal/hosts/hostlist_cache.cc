@@ -10,10 +10,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "liblocal/hosts/svc_time.h"
+#include "liblocal/base/c_memory.h"
+#include "liblocal/base/svc_time.h"
 #include "liblocal/messages/errinfo.h"
 #include "liblocal/startup/vxenv.h"
-#include "liblocal/threads/c_memory.h"
 
 namespace {
 

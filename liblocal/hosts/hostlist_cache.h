@@ -26,8 +26,8 @@
 
 #include <cstdint>
 
-#include "liblocal/threads/liblvarp.h"
-#include "liblocal/threads/vx_mutex.h"
+#include "liblocal/base/liblvarp.h"
+#include "liblocal/base/vx_mutex.h"
 
 constexpr int64_t kHostNeverExpires = 2147483647;
 constexpr int32_t kHostlistStep = 1024;    // slots of a new table, and added at a time

@@ -1,5 +1,5 @@
 // The cache of hosts, by itself and as those of the resolver and of the clients; these in the
-// lab, where the hosts file is the resolver and its calls are counted.
+// test machine, where the hosts file is the resolver and its calls are counted.
 #include "liblocal/hosts/hostlist_cache.h"
 
 #include <arpa/inet.h>
@@ -8,16 +8,16 @@
 #include <cstring>
 #include <span>
 
+#include "liblocal/base/svc_time.h"
 #include "liblocal/hosts/client_list.h"
 #include "liblocal/hosts/cluster.h"
 #include "liblocal/hosts/dns_cache.h"
 #include "liblocal/hosts/get_myad.h"
 #include "liblocal/hosts/is_mynam.h"
 #include "liblocal/hosts/localhost.h"
-#include "liblocal/hosts/svc_time.h"
 #include "liblocal/messages/errinfo.h"
 #include "tests/failing_malloc.h"
-#include "tests/lab.h"
+#include "tests/machine.h"
 #include "tests/stand_ins.h"
 #include "tests/work.h"
 
@@ -189,10 +189,10 @@ int asked_by(auto work) {
   return (work(), names_asked - before);
 }
 
-class NameTest : public LabTest {
+class NameTest : public MachineTest {
  protected:
   void SetUp() override {
-    LabTest::SetUp();
+    MachineTest::SetUp();
     if (!IsSkipped()) start_over();
   }
   void TearDown() override {
@@ -201,7 +201,7 @@ class NameTest : public LabTest {
 
   static void start_over(const std::string& hosts = kHosts, int64_t time = 1'000'000'000) {
     EXPECT_EQ(hostlist_fault(dns_hostlist_cache), "");
-    lab::write_file("/etc/hosts", hosts);
+    machine::write_file("/etc/hosts", hosts);
     free_dns_hostlist_cache();
     free_client_hostlist_cache();
     strcpy(dns_hostlist_cache.local_host_name, "node.net");
@@ -213,7 +213,7 @@ class NameTest : public LabTest {
   }
 
  private:
-  const std::string hosts_before_ = lab::read_file("/etc/hosts");
+  const std::string hosts_before_ = machine::read_file("/etc/hosts");
 };
 
 TEST_F(NameTest, ThisHostAndOthers) {
@@ -294,9 +294,9 @@ TEST_F(NameTest, AskTheResolverOncePerTime) {
 
 TEST_F(NameTest, NamesMoveFromHostToHost) {
   EXPECT_TRUE(samehost("web", "www") && samehost("mail", "198.51.100.3"));
-  lab::write_file("/etc/hosts", kHosts +
-                                    "198.51.100.7 new www.net www\n198.51.100.8 thief mail.net\n" +
-                                    "203.0.113.5 localhost\n203.0.113.5 stranger box\n");
+  machine::write_file("/etc/hosts",
+                      kHosts + "198.51.100.7 new www.net www\n198.51.100.8 thief mail.net\n" +
+                          "203.0.113.5 localhost\n203.0.113.5 stranger box\n");
   EXPECT_EQ(is_validhostname("new"), 1);
   EXPECT_EQ(asked_by([] { EXPECT_EQ(is_validhostname("web"), 1); }), 1) << "its host was dropped";
   EXPECT_EQ(samehost("mail", "thief"), 0) << "nor is it spared while it is compared";

@@ -5,9 +5,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "liblocal/base/svc_time.h"
 #include "liblocal/hosts/cluster.h"
 #include "liblocal/hosts/dns_cache.h"
-#include "liblocal/hosts/svc_time.h"
 #include "liblocal/messages/errinfo.h"
 
 int is_myname(const char* name) {

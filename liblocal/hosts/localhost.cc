@@ -1,15 +1,16 @@
 #include "liblocal/hosts/localhost.h"
 
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
+#include "liblocal/base/vx_error.h"
+#include "liblocal/base/vx_once.h"
 #include "liblocal/hosts/mtsfuncs.h"
 #include "liblocal/text/ascii.h"
 #include "liblocal/text/text_view.h"
-#include "liblocal/threads/vx_error.h"
-#include "liblocal/threads/vx_once.h"
-#include "platform/rpc_domain.h"
 
 namespace {
 
@@ -49,9 +50,12 @@ int vx_gethostname(char* buffer, size_t size) {
 }
 
 int vx_getdomainname(char* buffer, size_t size) {
-  long needed = rpc_domain_name(buffer, size);
-  if (needed < 0) return fail(errno);
-  if (static_cast<size_t>(needed) > size) return fail(ERANGE);
+  utsname host;
+  if (uname(&host) != 0) return fail(errno);
+  // Linux says "(none)" where no domain was ever set.
+  const char* name = strcmp(host.domainname, "(none)") == 0 ? "" : host.domainname;
+  if (size > 0) text_copy_cut(name, buffer, size);
+  if (strlen(name) >= size) return fail(ERANGE);
   to_lower(buffer);
   return 0;
 }

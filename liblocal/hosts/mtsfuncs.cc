@@ -5,8 +5,8 @@
 #include <cctype>
 #include <cstdlib>
 
-#include "liblocal/hosts/svc_time.h"
-#include "liblocal/threads/liblvarp.h"
+#include "liblocal/base/liblvarp.h"
+#include "liblocal/base/svc_time.h"
 
 namespace {
 

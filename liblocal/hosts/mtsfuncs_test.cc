@@ -10,10 +10,10 @@
 #include <filesystem>
 #include <set>
 
+#include "liblocal/base/vx_error.h"
 #include "liblocal/hosts/get_myad.h"
 #include "liblocal/hosts/localhost.h"
-#include "liblocal/threads/vx_error.h"
-#include "tests/lab.h"
+#include "tests/machine.h"
 #include "tests/stand_ins.h"
 #include "tests/work.h"
 
@@ -21,18 +21,18 @@ using namespace stand_ins;
 
 namespace {
 
-class LookUpTest : public LabTest {};
+class LookUpTest : public MachineTest {};
 
 TEST_F(LookUpTest, EachFindsItsOwnInItsOwnPlace) {
-  const std::string hosts = lab::read_file("/etc/hosts"), room(1024, 'x');
-  lab::write_file("/etc/hosts", hosts + "192.0.2.7 full " + room + "\n192.0.2.8 over " +
-                                    std::string(8192, 'x') + "\n");
-  lab::write_file("/etc/services", "one 101/tcp\nsnmp 161/udp\nlong 7/udp " + room + "\n");
-  const in_addr lab = {inet_addr("192.0.2.1")}, full = {inet_addr("192.0.2.7")};
+  const std::string hosts = machine::read_file("/etc/hosts"), room(1024, 'x');
+  machine::write_file("/etc/hosts", hosts + "192.0.2.7 full " + room + "\n192.0.2.8 over " +
+                                        std::string(8192, 'x') + "\n");
+  machine::write_file("/etc/services", "one 101/tcp\nsnmp 161/udp\nlong 7/udp " + room + "\n");
+  const in_addr own = {inet_addr("192.0.2.1")}, full = {inet_addr("192.0.2.7")};
   // The name is the first member of every entry.
   const std::pair<const void*, const char*> found[] = {
       {vx_ts_gethostbyname(" \t\nfull"), "full"},
-      {vx_ts_gethostbyaddr(&lab, sizeof lab, AF_INET), "lab-host"},
+      {vx_ts_gethostbyaddr(&own, sizeof own, AF_INET), "testhost"},
       {vx_ts_gethostent(), "localhost"},
       {vx_ts_getprotobyname("udp"), "udp"},
       {vx_ts_getservbyname("snmp", "udp"), "snmp"},
@@ -60,7 +60,7 @@ TEST_F(LookUpTest, EachFindsItsOwnInItsOwnPlace) {
                vx_ts_getservbyname("snmp", "tcp") || vx_ts_getservbyname("long", nullptr) ||
                vx_ts_getservbyport(htons(161), "tcp") || vx_ts_getservbyport(htons(7), nullptr) ||
                vx_ts_getpwuid(54321) || vx_ts_getgrgid(54321));
-  lab::write_file("/etc/hosts", hosts);
+  machine::write_file("/etc/hosts", hosts);
 }
 
 TEST(TimeLookUp, EachHasAPlaceInEachThread) {
@@ -90,11 +90,11 @@ TEST(RandomNumbers, StartFromTimeProcessAndSeed) {
 
 TEST_F(LookUpTest, WhatThisHostAndItsDomainAreCalled) {
   char name[256];
-  EXPECT_TRUE(vx_gethostname(name, sizeof name) == 0 && strcmp(name, lab::kHostName) == 0);
+  EXPECT_TRUE(vx_gethostname(name, sizeof name) == 0 && strcmp(name, machine::kHostName) == 0);
   EXPECT_EQ(vx_gethostname(name, 3), -1);
   EXPECT_EQ(vx_error_get_last(), vx_error_from_errno(ENAMETOOLONG));
   for (const auto& [set, told] : {std::pair{"Example.NET", "example.net"}, {"(none)", ""}}) {
-    lab::write_file("/proc/sys/kernel/domainname", set);  // valgrind has no setdomainname
+    machine::write_file("/proc/sys/kernel/domainname", set);  // valgrind has no setdomainname
     EXPECT_TRUE(vx_getdomainname(name, strlen(told) + 1) == 0 && strcmp(name, told) == 0);
     EXPECT_EQ(vx_getdomainname(name, strlen(told)), -1);
     EXPECT_EQ(vx_error_get_last(), vx_error_from_errno(ERANGE));
@@ -103,21 +103,21 @@ TEST_F(LookUpTest, WhatThisHostAndItsDomainAreCalled) {
 
 TEST_F(LookUpTest, TheLocalHost) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // the name is read once per process
-  const std::string hosts = lab::read_file("/etc/hosts"), wanted(255, 'l');
-  lab::write_file("/etc/hosts", "192.0.2.1 " + std::string(300, 'L') + " long\n");
+  const std::string hosts = machine::read_file("/etc/hosts"), wanted(255, 'l');
+  machine::write_file("/etc/hosts", "192.0.2.1 " + std::string(300, 'L') + " long\n");
   for (const auto& [host, name] : {std::pair{"long", wanted.c_str()}, {"no", "localhost"}}) {
     auto tell = [] {
       char whole[512], cut[5];
       vx_getlocalhost(whole, sizeof whole);
-      lab::set_host_name("later");
+      machine::set_host_name("later");
       fprintf(stderr, "%s %s", whole, vx_getlocalhost(cut, sizeof cut));
       _exit(0);
     };
-    lab::set_host_name(host);
+    machine::set_host_name(host);
     EXPECT_EXIT(tell(), testing::ExitedWithCode(0), std::string("^") + name + " l...$");
   }
-  lab::set_host_name(lab::kHostName);
-  lab::write_file("/etc/hosts", hosts);
+  machine::set_host_name(machine::kHostName);
+  machine::write_file("/etc/hosts", hosts);
 }
 
 // The addresses of the table, whose slots behind them must be zero, then the one that stands

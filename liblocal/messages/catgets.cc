@@ -7,10 +7,10 @@
 #include <cstring>
 #include <string_view>
 
+#include "liblocal/base/text_sizes.h"
 #include "liblocal/messages/debug.h"
 #include "liblocal/messages/locales.h"
 #include "liblocal/messages/vxinit_done.h"
-#include "liblocal/threads/text_sizes.h"
 
 int64_t Catd = -1;
 

@@ -4,12 +4,12 @@
 
 #include <cstdlib>
 
+#include "liblocal/base/c_memory.h"
 #include "liblocal/messages/print.h"
 #include "liblocal/text/i18n_printf.h"
 #include "liblocal/text/utf8.h"
 #include "liblocal/text/utf8_files.h"
 #include "liblocal/text/vxprint.h"
-#include "liblocal/threads/c_memory.h"
 
 namespace {
 

@@ -5,10 +5,10 @@
 #include <iterator>
 #include <utility>
 
+#include "liblocal/base/liblvarp.h"
+#include "liblocal/base/vx_once.h"
+#include "liblocal/base/xmalloc.h"
 #include "liblocal/messages/catgets.h"
-#include "liblocal/threads/liblvarp.h"
-#include "liblocal/threads/vx_once.h"
-#include "liblocal/threads/xmalloc.h"
 
 char* rpc_errlist[kRpcErrorCodes];
 

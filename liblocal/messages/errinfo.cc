@@ -6,14 +6,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "liblocal/base/c_memory.h"
+#include "liblocal/base/xmalloc.h"
 #include "liblocal/messages/catgets.h"
 #include "liblocal/messages/debug.h"
 #include "liblocal/messages/err_tables.h"
 #include "liblocal/messages/print.h"
 #include "liblocal/text/i18n_printf.h"
 #include "liblocal/text/utf8_convert.h"
-#include "liblocal/threads/c_memory.h"
-#include "liblocal/threads/xmalloc.h"
 
 namespace {
 

@@ -18,7 +18,7 @@
 
 #include <cstdint>
 
-#include "liblocal/threads/liblvarp.h"
+#include "liblocal/base/liblvarp.h"
 
 /// Makes an error of `type` the current record and returns it. A severity of 0
 /// stands for the type's own, a null `text` for the type's text; `text` is not

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <cstdio>
 
-#include "liblocal/threads/vx_mutex.h"
+#include "liblocal/base/vx_mutex.h"
 
 namespace {
 

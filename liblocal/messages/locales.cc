@@ -6,11 +6,11 @@
 #include <cstring>
 #include <string_view>
 
+#include "liblocal/base/c_memory.h"
+#include "liblocal/base/xmalloc.h"
 #include "liblocal/messages/debug.h"
 #include "liblocal/text/codesets.h"
 #include "liblocal/text/text_view.h"
-#include "liblocal/threads/c_memory.h"
-#include "liblocal/threads/xmalloc.h"
 
 namespace {
 

@@ -20,8 +20,8 @@
 #include "liblocal/text/utf8_marks.h"
 #include "liblocal/text/vxprint.h"
 #include "tests/failing_malloc.h"
-#include "tests/lab.h"
 #include "tests/locales.h"
+#include "tests/machine.h"
 #include "tests/stand_ins.h"
 #include "tests/work.h"
 
@@ -252,8 +252,8 @@ TEST(DebugFile, TakesTheLines) {
   EXPECT_EQ(printed(2, open) + printed(1, open), "");
   fprintf(dfopen_filehndl(), "unbuffered\n");
   debugprintf("into it\n");
-  EXPECT_EQ(lab::read_file(path), "kivtrap: dfopen: Opened file " + path +
-                                      " for dprintf writing.\nunbuffered\nkivtrap: into it\n");
+  EXPECT_EQ(machine::read_file(path), "kivtrap: dfopen: Opened file " + path +
+                                          " for dprintf writing.\nunbuffered\nkivtrap: into it\n");
   EXPECT_EQ(debug_descriptor(), fileno(dfopen_filehndl()));
   dfopen("/no/where");
   EXPECT_EQ(dfopen_filehndl(), nullptr);

@@ -7,13 +7,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "liblocal/base/c_memory.h"
+#include "liblocal/base/varp.h"
 #include "liblocal/messages/log_time.h"
 #include "liblocal/messages/progname.h"
 #include "liblocal/text/i18n_printf.h"
 #include "liblocal/text/text_view.h"
 #include "liblocal/text/vxprint.h"
-#include "liblocal/threads/c_memory.h"
-#include "liblocal/threads/varp.h"
 
 namespace {
 

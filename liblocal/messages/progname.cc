@@ -8,10 +8,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include "liblocal/base/vx_atexit.h"
+#include "liblocal/base/vx_mutex.h"
 #include "liblocal/text/ascii.h"
 #include "liblocal/text/vxpath.h"
-#include "liblocal/threads/vx_atexit.h"
-#include "liblocal/threads/vx_mutex.h"
 
 namespace {
 

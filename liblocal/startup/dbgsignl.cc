@@ -14,14 +14,14 @@
 #include <cstring>
 #include <string_view>
 
+#include "liblocal/base/vx_thread.h"
 #include "liblocal/messages/debug.h"
-#include "liblocal/messages/debug_command.h"
 #include "liblocal/messages/print.h"
+#include "liblocal/startup/debug_command.h"
 #include "liblocal/startup/vxenv.h"
 #include "liblocal/text/ascii.h"
 #include "liblocal/text/text_view.h"
 #include "liblocal/text/vxpath.h"
-#include "liblocal/threads/vx_thread.h"
 
 char Dbgcmdpath[kPathSize];
 std::atomic<int> Debug_me;

@@ -8,7 +8,7 @@
 
 #include <atomic>
 
-#include "liblocal/threads/text_sizes.h"
+#include "liblocal/base/text_sizes.h"
 
 constexpr int kDebugCommandLimit = 1024;  // bytes of a command file that are read
 

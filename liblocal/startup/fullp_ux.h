@@ -11,7 +11,7 @@
 
 #include <cstddef>
 
-#include "liblocal/threads/text_sizes.h"
+#include "liblocal/base/text_sizes.h"
 
 constexpr unsigned kFullpathFollow = 1;          // follow symbolic links at the end of the path
 constexpr unsigned kFullpathDirectorySlash = 2;  // end the name of a directory with '/'

@@ -1,4 +1,4 @@
-// Full path names over a tree of real directories and links, in the lab.
+// Full path names over a tree of real directories and links, in the test machine.
 #include "liblocal/startup/fullp_ux.h"
 
 #include <gmock/gmock.h>
@@ -11,7 +11,7 @@
 #include <set>
 
 #include "tests/failing_malloc.h"
-#include "tests/lab.h"
+#include "tests/machine.h"
 #include "tests/work.h"
 
 namespace {
@@ -20,11 +20,11 @@ namespace fs = std::filesystem;
 
 constexpr unsigned kPlain = 0, kFollow = kFullpathFollow, kSlash = kFullpathDirectorySlash;
 
-// The tree is the lab's own /t.
-class Fullpath : public LabTest {
+// The tree is the test machine's own /t.
+class Fullpath : public MachineTest {
  protected:
   void SetUp() override {
-    LabTest::SetUp();
+    MachineTest::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
     const char make_tree[] =
         "set -e; rm -rf /t; mkdir -p /t/dir /t/.dot /t/deep/er; cd /t;"
@@ -151,7 +151,7 @@ TEST_F(Fullpath, LongNames) {
   const std::string odd(255, '\x80');
   std::string text = odd + "/f";
   fs::create_directory(odd);
-  lab::write_file(text, "");
+  machine::write_file(text, "");
   for (int i = 0; i < 14; ++i) text = odd + "/../" + text;
   fs::create_symlink(text, "odd");
   for (const auto& [length, line] : {std::pair(754U, "fullpath could not lstat ./"),
@@ -178,8 +178,8 @@ TEST_F(Fullpath, LongNames) {
 }
 
 TEST_F(Fullpath, ClosedDirectories) {
-  if (!lab::has_users()) return skip("no users but root here");
-  ASSERT_EQ(mkdir("shut", 0744) + seteuid(lab::kUser), 0);
+  if (!machine::has_users()) return skip("no users but root here");
+  ASSERT_EQ(mkdir("shut", 0744) + seteuid(machine::kUser), 0);
   EXPECT_EQ(told(1, "shut", kPlain), "cannot chdir to shut: Permission denied\n");
   EXPECT_EQ(seteuid(0), 0);
 }

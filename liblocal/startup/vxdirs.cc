@@ -5,10 +5,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "liblocal/base/vx_mutex.h"
+#include "liblocal/base/xmalloc.h"
 #include "liblocal/startup/find_origin.h"
 #include "liblocal/text/vxpath.h"
-#include "liblocal/threads/vx_mutex.h"
-#include "liblocal/threads/xmalloc.h"
 
 namespace {
 

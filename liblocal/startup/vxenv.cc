@@ -9,14 +9,14 @@
 #include <string_view>
 #include <utility>
 
+#include "liblocal/base/c_memory.h"
+#include "liblocal/base/text_sizes.h"
+#include "liblocal/base/vx_mutex.h"
+#include "liblocal/base/xmalloc.h"
 #include "liblocal/messages/errinfo.h"
 #include "liblocal/messages/print.h"
 #include "liblocal/text/ascii.h"
 #include "liblocal/text/utf8_convert.h"
-#include "liblocal/threads/c_memory.h"
-#include "liblocal/threads/text_sizes.h"
-#include "liblocal/threads/vx_mutex.h"
-#include "liblocal/threads/xmalloc.h"
 
 namespace {
 

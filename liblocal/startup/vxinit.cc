@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "liblocal/base/vx_thread.h"
 #include "liblocal/messages/locales.h"
 #include "liblocal/startup/dbgsignl.h"
 #include "liblocal/startup/regevent.h"
@@ -14,7 +15,6 @@
 #include "liblocal/text/ascii.h"
 #include "liblocal/text/text_view.h"
 #include "liblocal/text/utf8_convert.h"
-#include "liblocal/threads/vx_thread.h"
 
 namespace {
 

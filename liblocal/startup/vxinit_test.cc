@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <regex>
 
+#include "liblocal/base/c_memory.h"
 #include "liblocal/messages/errinfo.h"
 #include "liblocal/startup/dbgsignl.h"
 #include "liblocal/startup/find_origin.h"
@@ -16,10 +17,9 @@
 #include "liblocal/startup/vxdirs.h"
 #include "liblocal/startup/vxenv.h"
 #include "liblocal/startup/vxids.h"
-#include "liblocal/threads/c_memory.h"
 #include "tests/failing_malloc.h"
-#include "tests/lab.h"
 #include "tests/locales.h"
+#include "tests/machine.h"
 #include "tests/work.h"
 
 std::atomic<int> waits_for_debugger;  // so many, and it is there; 0: the program sleeps
@@ -59,14 +59,14 @@ TEST(Vxinit, Arguments) {
   });
 }
 
-using VxinitInTheLab = LabTest;
+using VxinitOnItsMachine = MachineTest;
 
 void make_program(const std::string& directory) {
   fs::create_directories(directory);
-  lab::write_file(directory + "/program", "");
+  machine::write_file(directory + "/program", "");
 }
 
-TEST_F(VxinitInTheLab, OfEveryApplication) {
+TEST_F(VxinitOnItsMachine, OfEveryApplication) {
   make_program("/start/bin");
   const std::tuple<const char*, std::string, std::string, std::string, std::string> cases[] = {
       {"kiv", "/start/bin/program", "/start", "/kiv", "/kiv/tmp/vxdbg.tmp"},
@@ -119,7 +119,7 @@ TEST_F(VxinitInTheLab, OfEveryApplication) {
   }
 }
 
-TEST_F(VxinitInTheLab, DirectoriesInOtherOrders) {
+TEST_F(VxinitOnItsMachine, DirectoriesInOtherOrders) {
   make_program("/start/bin");
   in_locale("", [] {  // a getter comes before the name
     EXPECT_TRUE(vx_get_etcdir() == nullptr && find_appdir("kiv") == nullptr);
@@ -138,8 +138,8 @@ TEST_F(VxinitInTheLab, DirectoriesInOtherOrders) {
   });
 }
 
-TEST_F(VxinitInTheLab, SwitchesBetweenUserAndRoot) {
-  if (!lab::has_users()) return skip("no users but root here");
+TEST_F(VxinitOnItsMachine, SwitchesBetweenUserAndRoot) {
+  if (!machine::has_users()) return skip("no users but root here");
   setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // which may not look at a process of several ids
   // Whether the ids are told, and what.
   const std::tuple<uid_t, uid_t, bool, const char*> cases[] = {
@@ -157,7 +157,7 @@ TEST_F(VxinitInTheLab, SwitchesBetweenUserAndRoot) {
     in_locale("", [&each] {
       const auto& [real, effective, tells, told] = each;
       vx_set_progname("kivtrap");
-      const std::string log = "/ids." + std::to_string(getpid());  // of the lab alone
+      const std::string log = "/ids." + std::to_string(getpid());  // of the test machine alone
       dfopen(log.c_str());
       if (tells) setenv("KIV_PRINT_UIDS", "", 1);
       EXPECT_EQ(setregid(1001, 1002) + setreuid(real, effective), 0);
@@ -171,7 +171,7 @@ TEST_F(VxinitInTheLab, SwitchesBetweenUserAndRoot) {
         debugprintf("=%d,%d\n", static_cast<int>(getuid()), static_cast<int>(geteuid()));
       }
       const std::regex known("kivtrap: |set_|rivileged:");
-      EXPECT_EQ(std::regex_replace(lab::read_file(log), known, ""), told);
+      EXPECT_EQ(std::regex_replace(machine::read_file(log), known, ""), told);
       uid_t ids[4] = {};
       get_saved_uids(&ids[0], &ids[1]);
       get_saved_gids(&ids[2], &ids[3]);
@@ -259,7 +259,7 @@ class DebugCommand : public testing::Test {
 
   // What the process writes when signalled, with `text` in the command file.
   static std::string told(std::optional<std::string> text = {}) {
-    if (text) lab::write_file(Dbgcmdpath, *text);
+    if (text) machine::write_file(Dbgcmdpath, *text);
     testing::internal::CaptureStderr();
     errno = EBUSY;
     raise(SIGUSR2);
@@ -296,7 +296,7 @@ TEST_F(DebugCommand, Commands) {
   EXPECT_EQ(told("vflag=7"), change("Vflag level", 7));
   EXPECT_EQ(told("PRINTDEVINFO=8"), change("PrintDevInfo", 8));
   EXPECT_EQ(Vflag * 10 + PrintDevInfo, 78);
-  lab::write_file(Dbgcmdpath, "Debug=5");
+  machine::write_file(Dbgcmdpath, "Debug=5");
   ondbgintr(SIGUSR1);
   EXPECT_EQ(access(Dbgcmdpath, F_OK), 0);
 }
@@ -316,20 +316,20 @@ TEST_F(DebugCommand, WhatIsTold) {
   vx_set_progname("Renamed.exe");
   EXPECT_EQ(told("PrintDevInfo=0"), "");
   const std::string line = change("PrintDevInfo", 0).substr(7);
-  EXPECT_THAT(lab::read_file(path), testing::EndsWith("renamed" + line));
+  EXPECT_THAT(machine::read_file(path), testing::EndsWith("renamed" + line));
   dfclose();
   remove(path.c_str());
 }
 
 TEST_F(DebugCommand, OnlyARegularFileIsTaken) {
   const std::string target = std::string(Dbgcmdpath) + ".target";
-  lab::write_file(target, "Debug=3");
+  machine::write_file(target, "Debug=3");
   for (const std::string& make : {"ln -s " + target, std::string("mkdir"), std::string("mkfifo")}) {
     EXPECT_EQ(system((make + " " + Dbgcmdpath).c_str()), 0);
     EXPECT_EQ(told(), "") << make;
     EXPECT_TRUE(Debug == 1 && remove(Dbgcmdpath) == 0) << make;
   }
-  EXPECT_EQ(lab::read_file(target), "Debug=3");
+  EXPECT_EQ(machine::read_file(target), "Debug=3");
   remove(target.c_str());
   snprintf(Dbgcmdpath, sizeof Dbgcmdpath, "/proc/self/clear_refs");  // regular, but unreadable
   EXPECT_EQ(told(), "");

@@ -7,9 +7,9 @@
 #include <cstring>
 #include <string_view>
 
+#include "liblocal/base/text_sizes.h"
 #include "liblocal/text/i18n_conversion.h"
 #include "liblocal/text/utf8_columns.h"
-#include "liblocal/threads/text_sizes.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "liblocal/base/c_memory.h"
 #include "liblocal/text/vxprint.h"
-#include "liblocal/threads/c_memory.h"
 #include "tests/failing_malloc.h"
 #include "tests/word_arguments.h"
 

@@ -8,12 +8,12 @@
 #include <string>
 #include <tuple>
 
+#include "liblocal/base/c_memory.h"
+#include "liblocal/base/text_sizes.h"
 #include "liblocal/messages/progname.h"
 #include "liblocal/text/utf8.h"
 #include "liblocal/text/utf8_files.h"
 #include "liblocal/text/vxpath.h"
-#include "liblocal/threads/c_memory.h"
-#include "liblocal/threads/text_sizes.h"
 #include "tests/failing_malloc.h"
 #include "tests/locales.h"
 

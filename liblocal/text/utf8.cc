@@ -6,10 +6,10 @@
 #include <cerrno>
 #include <cstring>
 
+#include "liblocal/base/c_memory.h"
 #include "liblocal/text/mbt.h"
 #include "liblocal/text/utf8_codec.h"
 #include "liblocal/text/utf8_convert.h"
-#include "liblocal/threads/c_memory.h"
 
 namespace {
 

@@ -14,8 +14,8 @@
 
 #include <cstdio>
 
+#include "liblocal/base/text_sizes.h"
 #include "liblocal/text/utf8_marks.h"
-#include "liblocal/threads/text_sizes.h"
 
 constexpr size_t kGetsSize = kMessageSize;  // bytes of the buffer of vxgets
 

@@ -7,10 +7,10 @@
 #include <string>
 #include <tuple>
 
+#include "liblocal/base/c_memory.h"
 #include "liblocal/text/mbt.h"
 #include "liblocal/text/utf8_columns.h"
 #include "liblocal/text/utf8_wide.h"
-#include "liblocal/threads/c_memory.h"
 #include "tests/failing_malloc.h"
 
 namespace {

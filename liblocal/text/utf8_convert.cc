@@ -12,12 +12,12 @@
 #include <cstring>
 #include <string_view>
 
+#include "liblocal/base/liblvarp.h"
+#include "liblocal/base/text_sizes.h"
+#include "liblocal/base/vx_mutex.h"
 #include "liblocal/text/codesets.h"
 #include "liblocal/text/mbt.h"
 #include "liblocal/text/utf8_codec.h"
-#include "liblocal/threads/liblvarp.h"
-#include "liblocal/threads/text_sizes.h"
-#include "liblocal/threads/vx_mutex.h"
 
 namespace {
 

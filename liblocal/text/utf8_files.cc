@@ -5,12 +5,12 @@
 #include <cerrno>
 #include <cstring>
 
+#include "liblocal/base/c_memory.h"
+#include "liblocal/base/liblvarp.h"
+#include "liblocal/base/text_sizes.h"
+#include "liblocal/base/xmalloc.h"
 #include "liblocal/text/mbt.h"
 #include "liblocal/text/utf8_convert.h"
-#include "liblocal/threads/c_memory.h"
-#include "liblocal/threads/liblvarp.h"
-#include "liblocal/threads/text_sizes.h"
-#include "liblocal/threads/xmalloc.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <atomic>
 #include <csignal>
 
-#include "liblocal/threads/vx_mutex.h"
+#include "liblocal/base/vx_mutex.h"
 
 namespace {
 

@@ -14,8 +14,8 @@
 #include "liblocal/text/utf8_codec.h"
 #include "liblocal/text/utf8_convert.h"
 #include "tests/failing_malloc.h"
-#include "tests/lab.h"
 #include "tests/locales.h"
+#include "tests/machine.h"
 #include "tests/stand_ins.h"
 #include "tests/work.h"
 
@@ -129,7 +129,7 @@ TEST(Utf8Streams, StandardStreams) {
     TemporaryDirectory place;
     const std::string path = place.path() + "/text";
     const std::string tail(18431, '\xE9');
-    lab::write_file(path, "\xA4\n\n" + tail + "\n" + tail.substr(0, 1500) + "\nlast");
+    machine::write_file(path, "\xA4\n\n" + tail + "\n" + tail.substr(0, 1500) + "\nlast");
     ASSERT_NE(freopen(path.c_str(), "r", stdin), nullptr);
     std::string buffer(kGetsSize, '!'), long_line;
     for (const char* line : {"€", ""}) EXPECT_STREQ(vxgets(buffer.data()), line);
@@ -150,7 +150,7 @@ TEST(Utf8Streams, StandardStreams) {
     EXPECT_GE(vxputs("é"), 0);
     user_fp(stdout);
     fflush(stdout);
-    EXPECT_EQ(lab::read_file(path), "\xA4" + middle + "\xA4\xA4\xE9\n\néé\n");
+    EXPECT_EQ(machine::read_file(path), "\xA4" + middle + "\xA4\xA4\xE9\n\néé\n");
     ASSERT_NE(freopen("/dev/full", "w", stdout), nullptr);
     setvbuf(stdout, nullptr, _IONBF, 0);
     EXPECT_TRUE(vxfputs("é", stdout) == -1 && vxputs("é") == -1 && vxputs("") == -1);

@@ -5,9 +5,9 @@
 #include <cstring>
 #include <string_view>
 
+#include "liblocal/base/vx_error.h"
+#include "liblocal/base/xmalloc.h"
 #include "liblocal/text/text_view.h"
-#include "liblocal/threads/vx_error.h"
-#include "liblocal/threads/xmalloc.h"
 
 namespace {
 

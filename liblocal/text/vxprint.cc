@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cstring>
 
+#include "liblocal/base/c_memory.h"
 #include "liblocal/text/i18n_printf.h"
 #include "liblocal/text/utf8_convert.h"
 #include "liblocal/text/utf8_marks.h"
-#include "liblocal/threads/c_memory.h"
 
 namespace {
 

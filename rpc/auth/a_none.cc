@@ -1,6 +1,6 @@
 #include "rpc/auth/a_none.h"
 
-#include "liblocal/threads/vx_once.h"
+#include "liblocal/base/vx_once.h"
 #include "rpc/messages/rpc_prot.h"
 #include "rpc/xdr/x_mem.h"
 

@@ -6,10 +6,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "liblocal/base/c_memory.h"
 #include "liblocal/hosts/localhost.h"
 #include "liblocal/messages/debug.h"
 #include "liblocal/startup/vxids.h"
-#include "liblocal/threads/c_memory.h"
 #include "rpc/messages/rpc_prot.h"
 #include "rpc/xdr/x_mem.h"
 #include "rpc/xdr/xdr_compound.h"

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "rpc/auth/auth.h"
-#include "rpc/client/clnt.h"
+#include "rpc/handle/clnt.h"
 
 /// The authentication handle that a client starts with when its methods were chosen;
 /// null when there is none. It is of the flavour none. Thread safe.

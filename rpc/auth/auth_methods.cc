@@ -1,9 +1,9 @@
 #include "rpc/auth/auth_methods.h"
 
+#include "liblocal/base/vx_mutex.h"
 #include "liblocal/messages/debug.h"
-#include "liblocal/threads/vx_mutex.h"
-#include "rpc/client/clnt.h"
-#include "rpc/client/rpcvarp.h"
+#include "rpc/handle/clnt.h"
+#include "rpc/handle/rpcvarp.h"
 
 namespace {
 

@@ -118,8 +118,8 @@ TEST_F(AuthSystem, TakesAShortCredentialUntilItIsRefused) {
 }
 
 TEST_F(AuthSystem, TellsTheProcess) {
-  if (lab::skip_outside()) return;
-  if (!lab::has_users()) return LabTest::skip("the host lends no groups");
+  if (machine::skip_outside()) return;
+  if (!machine::has_users()) return MachineTest::skip("the host lends no groups");
   std::thread([] {
     for (size_t count : {3U, 16U, 17U}) {
       std::vector<gid_t> groups(count, 7);
@@ -128,7 +128,7 @@ TEST_F(AuthSystem, TellsTheProcess) {
       if (count > 16) groups.clear();  // more than can be sent are none
       groups.push_back(getegid());
       const Auth own(__brix_authsys_create_default());
-      const Auth same(__brix_authsys_create(lab::kHostName, getuid(), getgid(),
+      const Auth same(__brix_authsys_create(machine::kHostName, getuid(), getgid(),
                                             static_cast<uint32_t>(groups.size()), groups.data()));
       EXPECT_EQ(marshalled(own.get()), marshalled(same.get()));
     }

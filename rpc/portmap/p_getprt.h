@@ -11,7 +11,7 @@
 
 #include <cstdint>
 
-#include "rpc/client/clnt.h"
+#include "rpc/handle/clnt.h"
 
 /// The port, in host order, on which `program` and `version` of the IP protocol
 /// `protocol` are served at `server`; 0 when there is none. The address's own port is

@@ -7,7 +7,7 @@
 #include <climits>
 #include <cstdlib>
 
-#include "rpc/client/rpcvarp.h"
+#include "rpc/handle/rpcvarp.h"
 #include "rpc/portmap/pmap_cache.h"
 #include "tests/failing_calls.h"
 #include "tests/failing_malloc.h"
@@ -17,7 +17,7 @@
 
 namespace {
 
-using lab::RpcServer;
+using machine::RpcServer;
 using testing::IsEmpty;
 using testing::SizeIs;
 
@@ -35,12 +35,12 @@ void start_with(const char* value) {
 class PortTest : public testing::Test {
  protected:
   void SetUp() override {
-    if (!lab::skip_without_ports()) start_with(nullptr);
+    if (!machine::skip_without_ports()) start_with(nullptr);
   }
 
   static uint16_t ask(const char* address, unsigned long program, unsigned long version,
                       unsigned long protocol) {
-    sockaddr_in server = lab::loopback(77);
+    sockaddr_in server = machine::loopback(77);
     server.sin_addr.s_addr = inet_addr(address);
     uint16_t port = __brix_pmap_getport(&server, program, version, protocol);
     EXPECT_EQ(server.sin_port, 0);
@@ -49,13 +49,13 @@ class PortTest : public testing::Test {
 };
 
 TEST_F(PortTest, TheLastResortIsAskedLast) {
-  RpcServer own(7938, "127.0.0.1", lab::port_mapper(0));
+  RpcServer own(7938, "127.0.0.1", machine::port_mapper(0));
   const rpc_createerr& error = *__get_rpc_createerr();
   pmap_fallback([](unsigned long program, unsigned long version, unsigned long protocol) {
     return static_cast<uint16_t>(program * 100 + version * 10 + protocol);
   });
   for (uint16_t registered : {uint16_t{0}, uint16_t{65535}}) {
-    RpcServer standard(111, "127.0.0.1", lab::port_mapper(registered));
+    RpcServer standard(111, "127.0.0.1", machine::port_mapper(registered));
     rpc_set_createerr(RPC_SUCCESS, 0);
     EXPECT_EQ(ask("127.0.0.1", 3, 4, IPPROTO_UDP), registered != 0 ? registered : 357);
     EXPECT_TRUE(error.status == RPC_PROGNOTREGISTERED && error.cause.error_number == 0);
@@ -65,12 +65,12 @@ TEST_F(PortTest, TheLastResortIsAskedLast) {
               "00000003000000040000001100000000");
   }
   pmap_fallback(nullptr);
-  EXPECT_TRUE(lab::equal(failing_calls::last_wait, {25, 0}));
+  EXPECT_TRUE(machine::equal(failing_calls::last_wait, {25, 0}));
 }
 
 TEST_F(PortTest, WhatTheEnvironmentKnowsHoldsForThisHostAlone) {
-  RpcServer own(7938, "127.0.0.1", lab::port_mapper(5));
-  RpcServer remote(7938, "127.0.0.2", lab::port_mapper(6));
+  RpcServer own(7938, "127.0.0.1", machine::port_mapper(5));
+  RpcServer remote(7938, "127.0.0.2", machine::port_mapper(6));
   start_with("{390113,2,17,7937}{390113,3,17,0}");
   const auto there = stand_ins::made_up("1 127.0.0.3 2");
   stand_ins::interfaces = &there;
@@ -96,7 +96,7 @@ TEST_F(PortTest, TheOwnMappersAnswerIsKept) {
                                      {"127.0.0.1", kService, 7},
                                      {"127.0.0.1", 100003UL, 0}}) {
     std::optional<RpcServer> mapper;
-    mapper.emplace(kOwnMapperPort, host, lab::port_mapper(7), SOCK_STREAM);
+    mapper.emplace(kOwnMapperPort, host, machine::port_mapper(7), SOCK_STREAM);
     EXPECT_EQ(ask(host, program, 2, IPPROTO_TCP), 7);
     mapper.reset();
     EXPECT_EQ(ask("127.0.0.1", program, 2, IPPROTO_TCP), kept) << "of this host alone";

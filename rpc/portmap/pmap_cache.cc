@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "liblocal/base/text_sizes.h"
 #include "liblocal/startup/vxenv.h"
-#include "liblocal/threads/text_sizes.h"
-#include "rpc/client/rpcvarp.h"
+#include "rpc/handle/rpcvarp.h"
 
 namespace {
 

@@ -7,13 +7,13 @@
 #include <cstdlib>
 #include <iterator>
 
+#include "liblocal/base/vx_error.h"
+#include "liblocal/base/vx_mutex.h"
+#include "liblocal/base/vx_once.h"
 #include "liblocal/hosts/mtsfuncs.h"
 #include "liblocal/messages/debug.h"
 #include "liblocal/messages/errinfo.h"
 #include "liblocal/messages/print.h"
-#include "liblocal/threads/vx_error.h"
-#include "liblocal/threads/vx_mutex.h"
-#include "liblocal/threads/vx_once.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <set>
 
-#include "rpc/client/rpcvarp.h"
+#include "rpc/handle/rpcvarp.h"
 #include "rpc/transport/c_transport.h"
 #include "tests/failing_malloc.h"
 #include "tests/rpc_server.h"
@@ -32,7 +32,7 @@ class BindTest : public testing::Test {
   int bind_new(int32_t type, const sockaddr_in* address = nullptr) {
     const int descriptor = open_[count_++] = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const int bound = __brix_bindresvport(descriptor, address, type);
-    return bound != 0 ? bound * errno : lab::port_of(descriptor);
+    return bound != 0 ? bound * errno : machine::port_of(descriptor);
   }
 
   // What is told at a debug level when a socket is to be bound with this result.

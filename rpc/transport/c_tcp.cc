@@ -6,12 +6,12 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "liblocal/hosts/svc_time.h"
-#include "liblocal/threads/c_memory.h"
+#include "liblocal/base/c_memory.h"
+#include "liblocal/base/svc_time.h"
 #include "rpc/auth/a_none.h"
 #include "rpc/auth/auth.h"
 #include "rpc/auth/auth_methods.h"
-#include "rpc/client/rpcvarp.h"
+#include "rpc/handle/rpcvarp.h"
 #include "rpc/messages/rpc_prot.h"
 #include "rpc/transport/c_transport.h"
 #include "rpc/transport/common.h"

@@ -32,7 +32,7 @@
 
 #include <cstdint>
 
-#include "rpc/client/clnt.h"
+#include "rpc/handle/clnt.h"
 
 /// Asked while a call waits: the time that has counted towards its limit, the function's
 /// argument, the time of day. An answer other than 0 cancels the call.

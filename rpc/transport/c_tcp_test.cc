@@ -9,7 +9,7 @@
 #include <atomic>
 #include <cerrno>
 
-#include "liblocal/hosts/svc_time.h"
+#include "liblocal/base/svc_time.h"
 #include "liblocal/messages/liblvars.h"
 #include "rpc/auth/auth_methods.h"
 #include "rpc/transport/brsvport.h"
@@ -23,7 +23,7 @@
 namespace {
 
 using namespace failing_calls;
-using namespace lab;
+using namespace machine;
 
 constexpr timeval kShort = {0, 50000};
 constexpr timeval kNone = {0, 0};

@@ -6,13 +6,13 @@
 
 #include <cerrno>
 
+#include "liblocal/base/vx_select.h"
 #include "liblocal/hosts/localhost.h"
 #include "liblocal/messages/catgets.h"
 #include "liblocal/messages/print.h"
-#include "liblocal/threads/vx_select.h"
 #include "rpc/auth/auth.h"
 #include "rpc/auth/auth_choice.h"
-#include "rpc/client/rpcvarp.h"
+#include "rpc/handle/rpcvarp.h"
 #include "rpc/messages/rpc_prot.h"
 #include "rpc/portmap/p_getprt.h"
 #include "rpc/transport/brsvport.h"

@@ -9,7 +9,7 @@
 
 #include <cstdint>
 
-#include "rpc/client/clnt.h"
+#include "rpc/handle/clnt.h"
 #include "rpc/xdr/xdr.h"
 
 /// Has the port of the program in `*server`: asks the port mapper for a port of the IP

@@ -9,7 +9,7 @@
 #include <optional>
 #include <set>
 
-#include "liblocal/threads/vx_select.h"
+#include "liblocal/base/vx_select.h"
 #include "rpc/auth/a_none.h"
 #include "rpc/auth/auth.h"
 #include "rpc/transport/common.h"
@@ -23,7 +23,7 @@
 namespace {
 
 using namespace failing_calls;
-using namespace lab;
+using namespace machine;
 
 constexpr char kTooWeak[] = "ID 00000001 00000001 00000001 00000005";
 constexpr char kRejected[] = "ID 00000001 00000001 00000001 00000002";

@@ -6,11 +6,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "liblocal/threads/c_memory.h"
-#include "liblocal/threads/vx_select.h"
+#include "liblocal/base/c_memory.h"
+#include "liblocal/base/vx_select.h"
 #include "rpc/auth/a_none.h"
 #include "rpc/auth/auth.h"
-#include "rpc/client/rpcvarp.h"
+#include "rpc/handle/rpcvarp.h"
 #include "rpc/messages/rpc_prot.h"
 #include "rpc/transport/c_transport.h"
 #include "rpc/transport/common.h"

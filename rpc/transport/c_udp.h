@@ -24,7 +24,7 @@
 
 #include <cstdint>
 
-#include "rpc/client/clnt.h"
+#include "rpc/handle/clnt.h"
 
 constexpr uint32_t kUdpMessageSize = 8800;  // bytes that a call and its reply may have
 

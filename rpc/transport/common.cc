@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <atomic>
 
-#include "liblocal/threads/vx_select.h"
+#include "liblocal/base/vx_select.h"
 
 int32_t __brix_rpc_dtablesize() {
   static std::atomic<int32_t> size = 0;  // 0: not asked yet

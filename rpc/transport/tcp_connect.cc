@@ -5,7 +5,7 @@
 
 #include <cerrno>
 
-#include "rpc/client/rpcvarp.h"
+#include "rpc/handle/rpcvarp.h"
 #include "rpc/transport/brsvport.h"
 #include "rpc/transport/c_transport.h"
 #include "rpc/transport/common.h"

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "liblocal/threads/vx_select.h"
+#include "liblocal/base/vx_select.h"
 #include "rpc/transport/tcp_record.h"
 #include "rpc/transport/tcp_settings.h"
 #include "rpc/xdr/io_switches.h"

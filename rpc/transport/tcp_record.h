@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "rpc/client/clnt.h"
+#include "rpc/handle/clnt.h"
 #include "rpc/transport/c_tcp.h"
 #include "rpc/xdr/xdr.h"
 

@@ -2,9 +2,9 @@
 
 #include <strings.h>
 
+#include "liblocal/base/vx_once.h"
 #include "liblocal/messages/debug.h"
 #include "liblocal/startup/vxenv.h"
-#include "liblocal/threads/vx_once.h"
 
 namespace {
 

@@ -2,11 +2,11 @@
 
 #include <unistd.h>
 
+#include "liblocal/base/c_memory.h"
+#include "liblocal/base/vx_once.h"
 #include "liblocal/startup/vxenv.h"
 #include "liblocal/text/utf8_files.h"
 #include "liblocal/text/vxpath.h"
-#include "liblocal/threads/c_memory.h"
-#include "liblocal/threads/vx_once.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 
 namespace {
 
-using lab::fragment;
+using machine::fragment;
 using testing::HasSubstr;
 
 class RecordTest : public testing::Test {
@@ -99,7 +99,7 @@ TEST_F(RecordTest, WhatLeavesInOneWrite) {
 TEST_F(RecordTest, WithoutDelayedEnds) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const std::string directory = testing::TempDir();
-  lab::write_file(directory + "nodelayeor", "");
+  machine::write_file(directory + "nodelayeor", "");
   auto writes = [&] {
     setenv("KIV_DEBUG_DIR", directory.c_str(), 1);
     return put(letters(8000)) && end(false) ? static_cast<int>(pipe_.writes) : 0;

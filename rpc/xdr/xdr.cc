@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "liblocal/threads/c_memory.h"
+#include "liblocal/base/c_memory.h"
 #include "rpc/xdr/xdr_growth.h"
 #include "rpc/xdr/xdr_units.h"
 

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <initializer_list>
 
-#include "liblocal/threads/c_memory.h"
+#include "liblocal/base/c_memory.h"
 #include "rpc/xdr/x_mem.h"
 #include "rpc/xdr/xdr_growth.h"
 #include "rpc/xdr/xdr_object.h"

@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "liblocal/threads/c_memory.h"
+#include "liblocal/base/c_memory.h"
 #include "rpc/xdr/x_count.h"
 #include "rpc/xdr/x_mem.h"
 

@@ -1,0 +1,79 @@
+#include "liblocal/base/varp.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "liblocal/base/vx_error.h"
+#include "liblocal/base/vx_mutex.h"
+#include "liblocal/base/xmalloc.h"
+
+namespace {
+
+struct VarpRecord {
+  void* data;
+  void (*clean)(void* data);
+  VarpRecord* next;
+};
+
+vx_once_control set_up_once;
+vx_mutex* varp_lock = nullptr;          // kept to the end of the process: threads may come late
+VarpRecord* Start_varp_list = nullptr;  // newest first; guarded by varp_lock
+std::atomic<int> process_exiting = 0;
+
+// Runs at process exit. A cleaner that is the first to touch another module's
+// process block adds to the list; that block is cleaned next.
+void clean_all() {
+  VxMutexLock lock(varp_lock);
+  process_exiting = 1;
+  while (VarpRecord* record = Start_varp_list) {
+    Start_varp_list = record->next;
+    if (record->clean != nullptr) record->clean(record->data);
+    free(record);
+  }
+}
+
+void set_up() {
+  varp_lock = vx_mutex_new();
+  if (varp_lock == nullptr) {
+    char reason[256];
+    vx_error_get_message(reason, sizeof reason);
+    varp_print_error("Failed to create varp lock: %s\n", reason);
+  }
+  vx_atexit(clean_all);
+}
+
+}  // namespace
+
+void varp_add_data(void* data, void (*clean)(void* data)) {
+  vx_once(&set_up_once, set_up);
+  auto* record = static_cast<VarpRecord*>(xmalloc(sizeof(VarpRecord)));
+  VxMutexLock lock(varp_lock);
+  *record = {data, clean, Start_varp_list};
+  Start_varp_list = record;
+}
+
+int is_proc_exiting() { return process_exiting; }
+
+void* _varp_allocate(size_t size) {
+  void* memory;
+  while ((memory = calloc(1, size)) == nullptr) _vx_pause_ms(kBlockPauseMs);
+  return memory;
+}
+
+vx_threadstorage* _varp_new_key(const char* module, void (*clean)(void* block)) {
+  vx_threadstorage* key = vx_threadstorage_new(clean);
+  if (key == nullptr) {
+    fprintf(stderr, "create_thread_key_%s: unable to create thread-local storage key.", module);
+    fflush(stdout);
+    // Without running the exit list: its functions would ask for the key that is
+    // being made here, and wait for ever.
+    _exit(1);
+  }
+  return key;
+}
+
+void _varp_keep(vx_threadstorage* key, void* block) {
+  while (vx_threadstorage_set(key, block) != 0) _vx_pause_ms(kBlockPauseMs);
+}

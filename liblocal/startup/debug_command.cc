@@ -1,0 +1,63 @@
+#include "liblocal/startup/debug_command.h"
+
+#include <climits>
+
+#include "liblocal/text/ascii.h"
+#include "liblocal/text/text_view.h"
+
+namespace {
+
+// ASCII only: neither the locale nor its locks matter inside a signal handler.
+bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n'; }
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+bool is_letter(char c) { return ascii_lower(c) >= 'a' && ascii_lower(c) <= 'z'; }
+
+// Takes the longest run of characters that `belongs` accepts off the front of `text`.
+std::string_view take_run(std::string_view* text, bool (*belongs)(char)) {
+  size_t length = 0;
+  while (length < text->size() && belongs((*text)[length])) ++length;
+  std::string_view run = text_part(*text, 0, length);
+  text->remove_prefix(length);
+  return run;
+}
+
+int number(std::string_view digits, bool negative) {
+  constexpr long kLimit = long{INT_MAX} + 1;
+  long magnitude = 0;
+  for (char digit : digits) {
+    magnitude = magnitude * 10 + (digit - '0');
+    if (magnitude > kLimit) magnitude = kLimit;
+  }
+  if (negative) return static_cast<int>(-magnitude);
+  return magnitude > INT_MAX ? INT_MAX : static_cast<int>(magnitude);
+}
+
+}  // namespace
+
+std::optional<debug_command> parse_debug_command(std::string_view text) {
+  take_run(&text, is_blank);
+  debug_command command{take_run(&text, is_letter), {}, 0};
+  take_run(&text, is_blank);
+  command.value_text = text_part(text, 0, 0);
+  if (text.empty()) return command;
+  if (text.front() != '=') return std::nullopt;
+  text.remove_prefix(1);
+  take_run(&text, is_blank);
+  if (text.empty()) return std::nullopt;
+
+  const char* start = text.data();
+  bool negative = text.front() == '-';
+  if (negative) text.remove_prefix(1);
+  std::string_view digits = take_run(&text, is_digit);
+  command.value_text = {start, digits.size() + (negative ? 1 : 0)};
+  command.value = number(digits, negative);
+  return command;
+}
+
+bool names_debug_level(std::string_view name, std::string_view word) {
+  if (name.size() != word.size()) return false;
+  for (size_t i = 0; i < name.size(); ++i) {
+    if (ascii_lower(name[i]) != ascii_lower(word[i])) return false;
+  }
+  return true;
+}

@@ -1,0 +1,110 @@
+#include "rpc/handle/rpcvarp.h"
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "liblocal/base/vx_mutex.h"
+#include "liblocal/base/xmalloc.h"
+#include "rpc/xdr/io_switches.h"
+
+namespace {
+
+vx_mutex* new_lock() {
+  for (;;) {
+    vx_mutex* lock = vx_mutex_new();
+    if (lock != nullptr) return lock;
+    _vx_pause_ms(kBlockPauseMs);
+  }
+}
+
+// Node is a singly linked record from malloc.
+template <typename Node>
+void free_list(Node** head) {
+  while (*head != nullptr) {
+    Node* node = *head;
+    *head = node->next;
+    free(node);
+  }
+}
+
+void destroy_transport(rpc_server_transport** slot) {
+  rpc_server_transport* transport = *slot;
+  if (transport == nullptr) return;
+  *slot = nullptr;
+  free(transport->extra);
+  transport->extra = nullptr;
+  transport->destroy(transport);
+}
+
+// Lowest slot first.
+void destroy_server_transports(rpc_t_varp* block) {
+  for (rpc_server_transport**& group : block->transports) {
+    if (group == nullptr) continue;
+    for (int32_t slot = 0; slot < kServerTransportGroup; ++slot) destroy_transport(&group[slot]);
+    free(group);
+    group = nullptr;
+  }
+}
+
+}  // namespace
+
+VARP_DEFINE_THREAD_BLOCK(rpc)
+VARP_DEFINE_PROCESS_BLOCK(rpc)
+std::atomic<rpc_t_varp*> Global_rpc_t_varp;
+
+rpc_t_varp* rpc_t_init() {
+  (void)rpc_get_io_switches();  // settled with the process's first block
+  return Global_rpc_t_varp = varp_new_block<rpc_t_varp>();
+}
+
+void rpc_t_clean(void* memory) {
+  auto* block = static_cast<rpc_t_varp*>(memory);
+  destroy_server_transports(block);
+  cleanup_mappers(block);
+  rpc_t_varp* newest = block;
+  Global_rpc_t_varp.compare_exchange_strong(newest, nullptr);
+  free(block);
+}
+
+void rpc_p_init() {
+  auto* block = varp_new_block<rpc_p_varp>();
+  block->lock = new_lock();
+  block->transport_lock = new_lock();
+  Global_rpc_p_varp.store(block, std::memory_order_release);
+}
+
+void rpc_p_clean(void* memory) {
+  auto* block = static_cast<rpc_p_varp*>(memory);
+  vx_mutex_destroy(block->lock);
+  vx_mutex_destroy(block->transport_lock);
+  free(block);
+}
+
+rpc_createerr* __get_rpc_createerr() { return &get_rpc_t_varp()->create_error; }
+
+void rpc_set_createerr(clnt_stat status, int32_t error_number) {
+  const int saved_errno = errno;  // making the block looks for files
+  rpc_createerr* error = __get_rpc_createerr();
+  errno = saved_errno;
+  *error = {};
+  error->status = status;
+  error->cause.error_number = error_number;
+}
+
+bool rpc_set_server_transport(int32_t descriptor, rpc_server_transport* transport) {
+  if (descriptor < 0 || descriptor >= kServerTransportSlots) return false;
+  rpc_server_transport**& group = get_rpc_t_varp()->transports[descriptor / kServerTransportGroup];
+  if (group == nullptr) {
+    group = static_cast<rpc_server_transport**>(calloc(kServerTransportGroup, sizeof(void*)));
+    if (group == nullptr) return false;
+  }
+  rpc_server_transport** slot = &group[descriptor % kServerTransportGroup];
+  if (*slot != transport) destroy_transport(slot);
+  *slot = transport;
+  return true;
+}
+
+void cleanup_mappers(rpc_t_varp* block) {
+  free_list(&block->port_cache);
+  free_list(&block->mappers);
+}

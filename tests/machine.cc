@@ -1,0 +1,186 @@
+#include "tests/machine.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <system_error>
+
+namespace machine {
+namespace {
+
+// Why there is no test machine; "ready" in it.
+const std::string kWhere =
+    getenv("KIVTRAP_TEST_MACHINE") != nullptr ? getenv("KIVTRAP_TEST_MACHINE") : "no test machine";
+const bool kOutside = kWhere != "ready";
+
+void check(bool ok, const std::string& what) {
+  if (!ok) throw std::system_error(errno, std::generic_category(), what);
+}
+
+// The contents of a file without a name, which goes.
+std::string take(int file) {
+  std::string text = read_file("/proc/self/fd/" + std::to_string(file));
+  close(file);
+  return text;
+}
+
+// In the child, between fork and exec.
+[[noreturn]] void become(const Command& command, const int (&streams)[3],
+                         const std::vector<char*>& argv) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  alarm(200);
+  for (int i = 0; i < 3; ++i) dup2(streams[i], i);
+  for (const std::string& assignment : command.environment) {
+    putenv(const_cast<char*>(assignment.c_str()));
+  }
+  if (command.user != 0 && (setgid(command.user) != 0 || setuid(command.user) != 0)) _exit(125);
+  execvp(command.file.empty() ? argv[0] : command.file.c_str(), argv.data());
+  _exit(127);
+}
+
+}  // namespace
+
+bool skip_outside() {
+  if (kOutside) MachineTest::skip(kWhere);
+  return kOutside;
+}
+
+bool skip_without_ports() {
+  try {
+    UdpReceiver station(162), standard(111), own(7938);
+    return false;
+  } catch (const std::system_error& failure) {
+    MachineTest::skip(std::string("the ports of a station: ") + failure.what());
+    return true;
+  }
+}
+
+// The map ends with their number.
+bool has_users() { return !kOutside && !read_file("/proc/self/uid_map").ends_with(" 1\n"); }
+
+void write_file(const std::string& path, std::string_view text) {
+  if (path.starts_with("/etc/") && kOutside) throw std::logic_error(path);
+  // Not through a link of the test machine's /etc, behind which is the host's own file.
+  int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  check(write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size()), path);
+  close(file);
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void set_host_name(const std::string& name) {
+  check(sethostname(name.data(), name.size()) == 0, "sethostname");
+}
+
+Outcome run(const Command& command) {
+  std::vector<char*> argv;
+  for (const std::string& word : command.words) argv.push_back(const_cast<char*>(word.c_str()));
+  argv.push_back(nullptr);
+  int in[2];
+  const int out = memfd_create("out", MFD_CLOEXEC), err = memfd_create("err", MFD_CLOEXEC);
+  check(out >= 0 && err >= 0 && pipe2(in, O_CLOEXEC) == 0, "streams");
+  pid_t child = fork();
+  check(child >= 0, "fork");
+  if (child == 0) become(command, {in[0], out, err}, argv);
+  if (command.before_input) command.before_input(child);
+  // The other end is open here, too: a program that has ended leaves the input unread.
+  check(write(in[1], command.input.data(), command.input.size()) >= 0, "write");
+  close(in[0]);
+  close(in[1]);
+  int status = 0;
+  check(waitpid(child, &status, 0) == child, "waitpid");
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), take(out), take(err)};
+}
+
+UdpReceiver::UdpReceiver(uint16_t port, const std::string& address)
+    : socket_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_in own = {AF_INET, htons(port), {inet_addr(address.c_str())}, {}};
+  check(::bind(socket_, reinterpret_cast<sockaddr*>(&own), sizeof own) == 0, "bind");
+}
+
+UdpReceiver::~UdpReceiver() { close(socket_); }
+
+std::optional<std::string> UdpReceiver::receive(int milliseconds) const {
+  pollfd readable = {socket_, POLLIN, 0};
+  if (poll(&readable, 1, milliseconds) != 1) return std::nullopt;
+  std::string datagram(65536, '\0');
+  const ssize_t got = recv(socket_, datagram.data(), datagram.size(), 0);
+  check(got >= 0, "recv");
+  datagram.resize(static_cast<size_t>(got));
+  return datagram;
+}
+
+uint16_t port_of(int socket) {
+  sockaddr_in own{};
+  socklen_t size = sizeof own;
+  check(getsockname(socket, reinterpret_cast<sockaddr*>(&own), &size) == 0, "getsockname");
+  return ntohs(own.sin_port);
+}
+
+}  // namespace machine
+
+void MachineTest::skip(const std::string& reason) {
+  if (getenv("CI") != nullptr) FAIL() << reason;
+  GTEST_SKIP() << reason;
+}
+
+// The main of every test program: into the test machine, which listing the tests needs not, then
+// them.
+int main(int argc, char** argv) {
+  const bool lists = argc > 1 && strcmp(argv[1], "--gtest_list_tests") == 0;
+  if (getenv("KIVTRAP_TEST_MACHINE") == nullptr && !lists) {
+    std::string self = std::filesystem::read_symlink("/proc/self/exe");
+    std::vector<char*> words = {const_cast<char*>(MACHINE_SH), self.data()};
+    words.insert(words.end(), argv + 1, argv + argc + 1);
+    execv(MACHINE_SH, words.data());
+    perror(MACHINE_SH);
+    return 1;
+  }
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}
+
+std::string from_hex(std::string_view digits) {
+  std::vector<std::string> items(1);  // what is read of those that are open
+  for (size_t i = 0; i < digits.size(); ++i) {
+    if (digits[i] == '(') {
+      items.emplace_back();
+    } else if (digits[i] == ')') {
+      const size_t length = items.back().size();
+      std::string header(1, static_cast<char>(length));
+      if (length > 255) header.insert(0, 1, static_cast<char>(length >> 8));
+      if (length > 127) header.insert(0, 1, static_cast<char>(0x80 + header.size()));
+      items[items.size() - 2] += header + items.back();
+      items.pop_back();
+    } else if (digits[i] == '\'') {
+      const size_t end = digits.find('\'', i + 1);
+      items.back() += digits.substr(i + 1, end - i - 1);
+      i = end;
+    } else if (digits[i] != ' ') {
+      items.back() += static_cast<char>(std::stoi(std::string(digits.substr(i++, 2)), nullptr, 16));
+    }
+  }
+  return items.front();
+}
+
+std::string to_hex(std::string_view bytes) {
+  std::string digits;
+  for (char byte : bytes) {
+    for (int digit : {byte >> 4 & 15, byte & 15}) digits += "0123456789ABCDEF"[digit];
+  }
+  return digits;
+}

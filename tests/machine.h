@@ -1,0 +1,83 @@
+// Tests in the test machine, the private machine that machine.sh makes, and what they use there.
+// Every test program enters it at its start; where there can be none it goes on outside. A
+// test that needs more than loopback is a MachineTest, or asks one of the skips below.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace machine {
+
+constexpr char kHostName[] = "testhost";  // 192.0.2.1 by the test machine's hosts file
+constexpr unsigned kUser = 1000;          // a user and group without rights
+
+/// Skips the running test outside the test machine; true then.
+bool skip_outside();
+/// Skips it where the ports of a station, 162, 111 and 7938 on loopback, cannot be had.
+bool skip_without_ports();
+/// False where the host lends the test machine no users but root.
+bool has_users();
+
+/// Writes a whole file. As all of the test machine it throws what the system refuses.
+void write_file(const std::string& path, std::string_view text);
+std::string read_file(const std::string& path);
+void set_host_name(const std::string& name);
+
+/// A program to run and its surroundings.
+struct Command {
+  std::vector<std::string> words;                // program and arguments
+  std::string input = {};                        // standard input, at most 64 KiB
+  std::vector<std::string> environment = {};     // NAME=value, added to the own one
+  std::function<void(pid_t)> before_input = {};  // runs once the program is started
+  unsigned user = 0;                             // the user and group that it runs as
+  std::string file = {};                         // the program, when not found by words[0]
+};
+
+struct Outcome {
+  int status = -1;  // exit status, or 128 + the signal that ended it
+  std::string out, err;
+};
+
+Outcome run(const Command& command);  // to its end, for 200 seconds at most
+
+/// The port of a bound socket.
+uint16_t port_of(int socket);
+
+/// A UDP socket that keeps what arrives.
+class UdpReceiver {
+ public:
+  explicit UdpReceiver(uint16_t port, const std::string& address = "127.0.0.1");
+  ~UdpReceiver();
+  UdpReceiver(const UdpReceiver&) = delete;
+  std::optional<std::string> receive(int milliseconds = 5000) const;  // the next datagram
+  /// What is there: on loopback a datagram is delivered before its send returns.
+  std::optional<std::string> receive_now() const { return receive(0); }
+  int socket() const { return socket_; }
+  uint16_t port() const { return port_of(socket_); }
+
+ private:
+  const int socket_;
+};
+
+}  // namespace machine
+
+/// A test that needs the test machine's host name, /etc, /run or new directories of /.
+class MachineTest : public testing::Test {
+ public:
+  /// Skips the running test because something is lacking; in CI it fails.
+  static void skip(const std::string& reason);
+
+ protected:
+  void SetUp() override { machine::skip_outside(); }
+};
+
+/// The bytes that hex digits stand for. Blanks are ignored, '...' is text, and (...) are
+/// contents behind their length in the shortest BER form.
+std::string from_hex(std::string_view digits);
+std::string to_hex(std::string_view bytes);
