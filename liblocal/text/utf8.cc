@@ -13,9 +13,8 @@
 
 namespace {
 
-constexpr int kMarkedGetsSize = 1024;  // bytes of vxgets's buffer that a marked stream uses
-constexpr size_t kReadStep = 128;      // bytes of a line read at a time
-constexpr size_t kPieceSize = 18431;   // bytes of text converted at a time
+constexpr size_t kMarkedGetsSize = 1024;  // bytes of vxgets's buffer that a marked stream uses
+constexpr size_t kPieceSize = 18431;      // bytes of text converted at a time
 
 // Keeps a stream to one thread for a scope.
 class StreamLock {
@@ -31,34 +30,35 @@ class StreamLock {
 
 bool is_converted(FILE* stream) { return !utf8_is_marked(fileno(stream)); }
 
-// Reads a line as fgets does into `area` of `size` bytes. But a wait that a signal
-// interrupts goes on, and of NUL bytes too the number is known: fgets does not tell how much
-// it read, but of the line ends that are put there first, it read the one that a NUL
-// follows. Returns the number of bytes; 0 at the end of the file and on an error.
-size_t read_line(char* area, size_t size, FILE* stream) {
-  const int saved_errno = errno;
+// Reads a line, its line end included, of at most `size` - 1 bytes into `area`. A wait that a
+// signal interrupts goes on; on a marked stream only within a line, so that the caller may act
+// on the signal before any text is read. Returns the number of bytes; 0 with `area` as it was at
+// the end of the file, and 0 on an error. A stream that does not wait gives what is there.
+size_t read_line(char* area, size_t size, FILE* stream, bool marked) {
   size_t length = 0;
   while (length + 1 < size) {
-    char* at = area + length;
-    const size_t step = std::min(size - length, kReadStep);
-    memset(at, '\n', step);
-    errno = 0;
-    const bool terminated = fgets_unlocked(at, static_cast<int>(step), stream) != nullptr;
-    const void* line_end = memchr(at, '\n', step);
-    const size_t found =
-        line_end == nullptr ? step : static_cast<size_t>(static_cast<const char*>(line_end) - at);
-    if (terminated && found + 1 < step && at[found + 1] == '\0') {
-      length += found + 1;
+    const int byte = getc_unlocked(stream);
+    if (byte != EOF) {
+      area[length++] = static_cast<char>(byte);
+      if (byte == '\n') break;
+    } else if (feof_unlocked(stream) != 0 || errno == EAGAIN) {
       break;
+    } else if (errno != EINTR || (marked && length == 0)) {
+      return 0;
+    } else {
+      clearerr_unlocked(stream);
     }
-    length += terminated ? found - 1 : found;
-    if (terminated && found == step) continue;
-    if (feof_unlocked(stream) != 0 || errno == EAGAIN) break;
-    if (errno != EINTR) return 0;
-    clearerr_unlocked(stream);
   }
-  if (errno == 0) errno = saved_errno;
   return length;
+}
+
+// Reads a line of a marked stream into `buffer` and terminates it.
+char* read_marked(char* buffer, size_t size, bool with_line_end, FILE* stream) {
+  size_t length = read_line(buffer, size, stream, true);
+  if (length == 0) return nullptr;
+  if (!with_line_end && buffer[length - 1] == '\n') --length;
+  buffer[length] = '\0';
+  return buffer;
 }
 
 // Puts `length` raw bytes back to be read again. Most often they still stand in the
@@ -86,7 +86,7 @@ c_unique_ptr<char> copy_of(const char* bytes, size_t length, FILE* stream) {
 // without its line end if that is not wanted. The rest stays on the stream. Never nothing
 // of what fills the room, or a reader would never end.
 char* read_converted(char* buffer, size_t size, bool with_line_end, FILE* stream) {
-  const size_t length = read_line(buffer, size, stream);
+  const size_t length = read_line(buffer, size, stream, false);
   if (length == 0) return nullptr;
   const bool ends = buffer[length - 1] == '\n';
   const bool cut = !ends && feof_unlocked(stream) == 0;  // more of the line may follow
@@ -134,34 +134,31 @@ int put_converted(const char* text, FILE* stream) {
 }  // namespace
 
 char* vxfgets(char* buffer, int size, FILE* stream) {
-  if (size < 2 || !is_converted(stream)) return fgets(buffer, size, stream);
+  if (size < 2) return fgets(buffer, size, stream);
   StreamLock lock(stream);
-  return read_converted(buffer, static_cast<size_t>(size), true, stream);
+  const auto room = static_cast<size_t>(size);
+  return is_converted(stream) ? read_converted(buffer, room, true, stream)
+                              : read_marked(buffer, room, true, stream);
 }
 
 char* vx_fgetmbts(char* buffer, int size, FILE* stream) {
-  if (size < 2 || !is_converted(stream)) return fgets(buffer, size, stream);
+  if (size < 2) return fgets(buffer, size, stream);
   StreamLock lock(stream);
   const auto room = static_cast<size_t>(size);
-  const size_t length = read_line(buffer, room, stream);
+  if (!is_converted(stream)) return read_marked(buffer, room, true, stream);
+  const size_t length = read_line(buffer, room, stream, false);
   if (length == 0) return nullptr;
   const c_unique_ptr<char> raw = copy_of(buffer, length, stream);
   if (raw == nullptr) return nullptr;
   if (vx_mbstombts(buffer, raw.get(), room) != 0) return buffer;
-  push_back(raw.get(), length, stream);
   errno = ERANGE;
   return nullptr;
 }
 
 char* vxgets(char* buffer) {
-  if (is_converted(stdin)) {
-    StreamLock lock(stdin);
-    return read_converted(buffer, kGetsSize, false, stdin);
-  }
-  if (fgets(buffer, kMarkedGetsSize, stdin) == nullptr) return nullptr;
-  size_t length = strlen(buffer);
-  if (length > 0 && buffer[length - 1] == '\n') buffer[length - 1] = '\0';
-  return buffer;
+  StreamLock lock(stdin);
+  return is_converted(stdin) ? read_converted(buffer, kGetsSize, false, stdin)
+                             : read_marked(buffer, kMarkedGetsSize, false, stdin);
 }
 
 int vxfputs(const char* text, FILE* stream) {

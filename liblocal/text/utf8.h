@@ -1,12 +1,11 @@
-// UTF-8 text: this room has codesets and converters, files by UTF-8 names, formatting and
-// printing. This header has text on streams. What a program reads and writes here is
-// UTF-8; on the stream it is in the codeset of the locale, unless the stream is marked
-// (utf8_marks.h).
+// Text on streams. What a program reads and writes here is UTF-8; on the stream it is in the
+// codeset of the locale, unless the stream is marked (utf8_marks.h): text on a marked stream
+// passes as it is.
 //
-// A marked stream is the platform's: the readers and writers are its fgets and fputs then.
-// On another one a wait that a signal interrupts goes on; of a line on a descriptor that
-// does not wait, a reader gets the characters that are there; without any, EAGAIN is in
-// `errno`.
+// Text that was read is not lost to a signal. A wait that a signal interrupts goes on, except
+// on a marked stream before the first byte of a line: then the reader returns null with EINTR
+// in `errno`. On a descriptor that does not wait, a reader gets the characters that are there;
+// without any, EAGAIN is in `errno`.
 //
 // Thread safety: as the platform's streams; a call handles its whole line before
 // another thread's turn.
@@ -20,15 +19,16 @@
 constexpr size_t kGetsSize = kMessageSize;  // bytes of the buffer of vxgets
 
 /// Reads a line, its line end included, of at most `size` - 1 bytes on the stream into
-/// `buffer` and terminates it. What is longer, or does not fit once it is UTF-8, stays
-/// on the stream for the next call; pieces end between characters. A buffer that holds
-/// no whole character gets '?' for it. Returns `buffer`, or null at the end of the
-/// file, on a read error, and without memory.
+/// `buffer` and terminates it. The rest of a longer line stays on the stream for the next
+/// call, and so does what does not fit once it is UTF-8. Pieces of a converted line end
+/// between characters; where the buffer holds no whole character, '?' is stored for it.
+/// Returns `buffer`, or null at the end of the file, where `buffer` stays as it was, on a
+/// read error, and without memory.
 [[nodiscard]] char* vxfgets(char* buffer, int size, FILE* stream);
 
 /// vxfgets whose bytes of 0x80 and above are, on a stream that is not marked, carried
-/// as transparent bytes (mbt.h). A line that does not fit then stays on the stream, and
-/// null is returned with ERANGE in `errno`.
+/// as transparent bytes (mbt.h). When the line does not fit in that form, it has been read
+/// all the same, and null is returned with ERANGE in `errno`.
 [[nodiscard]] char* vx_fgetmbts(char* buffer, int size, FILE* stream);
 
 /// Reads a line of standard input as vxfgets, without its line end.
