@@ -21,11 +21,11 @@
 /// and "tcp" when that is unset:
 /// - "udp": the UDP transport (c_udp.h); a call is sent every 5 s and given up after
 ///   25 s;
-/// - "tcp", "pipe", "shm", "spp": the connection transport; a call is given up after
-///   30 s.
+/// - "tcp", "pipe", "shm", "spp": the connection transport (c_tcp.h); a call is given up
+///   when one reading takes 30 s.
 ///
-/// Creation asks the host's port mappers for the port, over the same transport, which
-/// takes up to 50 s when they are silent (p_getprt.h).
+/// Creation asks the host's two port mappers for the port, over the same transport; a
+/// silent one costs 25 s over UDP (p_getprt.h).
 ///
 /// Errors: RPC_UNKNOWNHOST; RPC_SYSTEMERROR with EAFNOSUPPORT (the host has no IPv4
 /// address) or EPFNOSUPPORT (unknown transport); those of the transport and of the

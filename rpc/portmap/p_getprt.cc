@@ -62,8 +62,8 @@ uint16_t ask_mapper(sockaddr_in* server, const pmap& wanted, uint16_t mapper_por
 uint16_t __brix_pmap_getport(sockaddr_in* server, unsigned long program, unsigned long version,
                              unsigned long protocol) {
   server->sin_port = 0;
-  auto cached = static_cast<uint16_t>(pmap_cached_port(program, version, protocol));
-  if (cached != 0 && is_local(*server)) return cached;
+  const unsigned long cached = pmap_cached_port(program, version, protocol);
+  if (cached != 0 && is_local(*server)) return static_cast<uint16_t>(cached);
 
   const pmap wanted = {program, version, protocol, 0};
   uint16_t port = ask_mapper(server, wanted, kOwnMapperPort);

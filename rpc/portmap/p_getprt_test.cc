@@ -91,6 +91,15 @@ TEST_F(PortTest, WhatTheEnvironmentKnowsHoldsForThisHostAlone) {
   EXPECT_EQ(pmap_cached_port(kService, 1, IPPROTO_UDP), 0U) << "nothing over UDP is added";
 }
 
+// It answers without asking anybody.
+TEST_F(PortTest, ARememberedPortCountsBeforeItIsCutTo16Bits) {
+  RpcServer own(7938, "127.0.0.1", machine::port_mapper(5));
+  start_with("{7,1,17,65536}{7,2,17,65543}");
+  EXPECT_EQ(ask("127.0.0.1", 7, 1, IPPROTO_UDP), 0);
+  EXPECT_EQ(ask("127.0.0.1", 7, 2, IPPROTO_UDP), 7);
+  EXPECT_THAT(own.requests(), IsEmpty());
+}
+
 TEST_F(PortTest, TheOwnMappersAnswerIsKept) {
   for (auto [host, program, kept] : {std::tuple("127.0.0.2", kService, 0),
                                      {"127.0.0.1", kService, 7},

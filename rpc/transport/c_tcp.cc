@@ -108,15 +108,6 @@ clnt_stat read_reply(TcpRecord* record, rpc_reply_message* reply) {
   }
 }
 
-// The same within the limit of the call, however much else arrives.
-clnt_stat await_reply(TcpRecord* record, rpc_reply_message* reply) {
-  record->awaits_reply = true;
-  record->reply_since = {};
-  clnt_stat status = read_reply(record, reply);
-  record->awaits_reply = false;
-  return status;
-}
-
 // Checks the verifier of an accepted reply and reads its results.
 void accept_reply(CLIENT* client, const Call& call, const rpc_reply_message& reply) {
   TcpRecord* record = tcp_record_of(client);
@@ -151,7 +142,7 @@ clnt_stat exchange(CLIENT* client, const Call& call, bool* told) {
     if (status != RPC_SUCCESS) return status;
     begin_one_call(record, told);
     rpc_reply_message reply;
-    status = await_reply(record, &reply);
+    status = read_reply(record, &reply);
     if (status != RPC_SUCCESS) return status;
     __brix_seterr_reply(&reply, &record->error);
     const bool accepted = record->error.status == RPC_SUCCESS;

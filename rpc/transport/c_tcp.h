@@ -1,16 +1,19 @@
 // Clients over TCP: calls over one connection, each message a record (x_rec.h).
 //
-// A call waits at most the time set with CLSET_TIMEOUT, else its own: for its reply in
-// all, whatever else arrives. While arguments leave and results come, the time begins
-// anew with every portion, so that much data has its time. The time of a call is its
-// wait step too, so a wait function with shorter steps wants CLSET_TIMEOUT. A call with
-// time zero and no results filter (null) is one-way: it returns RPC_SUCCESS once its
-// record is handed to the stream, and leaves with the next call that is not (or when
-// the buffer is full); what is left when the client is destroyed is not sent. A call
-// with time zero and a results filter is sent and comes to RPC_TIMEDOUT. Where the limit
-// is zero, sending waits for room as long as the peer needs, and leaves no record half
-// sent. Replies to other calls are dropped. A refused call is repeated when the
-// authentication falls back or refreshes.
+// The limit of a call is the time set with CLSET_TIMEOUT, else the call's own. It counts
+// within one reading: whatever arrives, also a part of a record or the reply to another
+// call, begins it anew, so that a server can keep a long call alive. A partial write begins
+// it anew, too. The call ends when the limit is reached; the last wait step is cut short.
+// The time of a call is its wait step as well, so a wait function with shorter steps wants
+// CLSET_TIMEOUT.
+//
+// A call with time zero and no results filter (null) is one-way: it returns RPC_SUCCESS
+// once its record is handed to the stream, and leaves with the next call that is not (or
+// when the buffer is full); what is left when the client is destroyed is not sent. A call
+// with time zero and a results filter is sent and comes to RPC_TIMEDOUT. Where the limit is
+// zero, sending waits for room as long as the peer needs, and leaves no record half sent.
+// Replies to other calls are dropped. A refused call is repeated when the authentication
+// falls back or refreshes.
 //
 // A wait function is called before a read or write, after each wait step and at the
 // end. Its other answer than 0 ends the call with RPC_CANCELLED. Like a call that

@@ -46,7 +46,11 @@ int rpc_open_client_socket(int type, int protocol) {
     rpc_set_createerr(RPC_SYSTEMERROR, errno);
     return -1;
   }
-  if (rpc_can_wait_on(descriptor) && bind_to_connection_port(descriptor)) return descriptor;
+  // Over UDP a socket is bound even if it is then refused as one that cannot be waited on.
+  const bool usable = protocol == IPPROTO_UDP
+                          ? bind_to_connection_port(descriptor) && rpc_can_wait_on(descriptor)
+                          : rpc_can_wait_on(descriptor) && bind_to_connection_port(descriptor);
+  if (usable) return descriptor;
   rpc_close(descriptor);
   return -1;
 }

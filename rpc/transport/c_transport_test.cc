@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <optional>
 #include <set>
@@ -19,6 +20,17 @@
 #include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
 #include "tests/work.h"
+
+namespace {
+
+std::atomic<int> next_socket = -1;  // what socket answers; -1: the platform's
+
+}  // namespace
+
+extern "C" int __real_socket(int domain, int type, int protocol);
+extern "C" int __wrap_socket(int domain, int type, int protocol) {
+  return next_socket != -1 ? next_socket.load() : __real_socket(domain, type, protocol);
+}
 
 namespace {
 
@@ -256,6 +268,14 @@ TEST_P(TransportTest, CreationFails) {
   server_.reset();
   EXPECT_EQ(dup(0), next) << "a socket is left";
   close(next);
+}
+
+TEST_P(TransportTest, ASocketThatCannotBeWaitedForIsBoundFirstOverUdpAlone) {
+  next_socket = 65536;  // nothing is open there
+  const std::string message = printed(0, [this] { create(GetParam(), kNobody); });
+  next_socket = -1;
+  expect_not_created(RPC_SYSTEMERROR, is_tcp() ? EMFILE : EADDRNOTAVAIL);
+  EXPECT_EQ(message.find("Cannot bind socket") == std::string::npos, is_tcp());
 }
 
 INSTANTIATE_TEST_SUITE_P(Both, TransportTest, testing::Values(kUdp, kTcp));

@@ -191,20 +191,6 @@ bool wait_until_writable(Waiter* waiter) {
 
 // --- Reading -----------------------------------------------------------------------
 
-// How long the reads before this one have taken for the reply of the call. So input that
-// is not this reply, however much there is, keeps no call beyond its limit.
-timeval waited_for_reply(TcpRecord* record) {
-  timeval waited{};
-  if (!record->awaits_reply) return waited;
-  const timeval now = monotonic_now();
-  if (timerisset(&record->reply_since)) {
-    timersub(&now, &record->reply_since, &waited);
-  } else {
-    record->reply_since = now;
-  }
-  return waited;
-}
-
 int64_t take_pending(TcpRecord* record, void* buffer, uint32_t length) {
   uint32_t taken = std::min(length, record->pending_length);
   memcpy(buffer, record->pending, taken);
@@ -295,13 +281,12 @@ bool tcp_set_blocking(TcpRecord* record, bool blocking) {
 int64_t tcp_read(void* transport, void* buffer, uint32_t length, void* second,
                  uint32_t second_length) {
   auto* record = static_cast<TcpRecord*>(transport);
-  Waiter waiter = {record, RPC_CANTRECV, waited_for_reply(record)};
-  const bool blocking = shall_block(record);
-  if (!begin(waiter) || (!blocking && is_timed_out(waiter))) return -1;
+  Waiter waiter = {record, RPC_CANTRECV, {}};
+  if (!begin(waiter)) return -1;
   int64_t got = 0;
   if (record->pending_length > 0) {
     got = take_pending(record, buffer, length);
-  } else if (!tcp_set_blocking(record, blocking)) {
+  } else if (!tcp_set_blocking(record, shall_block(record))) {
     fail(waiter, errno);
   } else {
     const bool scatter = second != nullptr && rpc_get_io_switches().scatter_reads;

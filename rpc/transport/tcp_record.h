@@ -33,8 +33,6 @@ struct TcpRecord {
   XDR stream;
   uint8_t pending[kTcpPendingRoom];  // input read while writing
   uint32_t pending_length;
-  bool awaits_reply;      // the limit is for all reads until its header is there
-  timeval reply_since;    // its first read, on the monotonic clock; zero: none yet
   bool cancelled_at_end;  // by a wait function asked after all was done
   bool confirmed;         // a call was accepted
   bool one_call_enabled;
