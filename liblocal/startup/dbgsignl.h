@@ -21,9 +21,9 @@ extern std::atomic<int> Force_debug;  // not 0 at the start: wait, whatever the 
 
 /// The debug command handler: for SIGUSR2 reads at most kDebugCommandLimit bytes
 /// of the debug command file, deletes it, and sets the level that the command
-/// names. Any other signal, a file that cannot be opened and one that is no
-/// regular file (a symbolic link among them) are left alone, without waiting for
-/// anything.
+/// names. Any other signal changes nothing, nor does a file that cannot be opened or is
+/// no regular file: a symbolic link or a FIFO is no debug command file. It is neither read
+/// nor deleted, and nothing is waited for.
 ///
 /// A change is told in one debug line unless `Debug` is negative; a negative
 /// value changes nothing and is told when `Debug` is above 2.

@@ -1,6 +1,8 @@
 #include "liblocal/startup/debug_command.h"
 
+#include <algorithm>
 #include <climits>
+#include <cstdint>
 
 #include "liblocal/text/ascii.h"
 #include "liblocal/text/text_view.h"
@@ -22,14 +24,10 @@ std::string_view take_run(std::string_view* text, bool (*belongs)(char)) {
 }
 
 int number(std::string_view digits, bool negative) {
-  constexpr long kLimit = long{INT_MAX} + 1;
-  long magnitude = 0;
-  for (char digit : digits) {
-    magnitude = magnitude * 10 + (digit - '0');
-    if (magnitude > kLimit) magnitude = kLimit;
-  }
-  if (negative) return static_cast<int>(-magnitude);
-  return magnitude > INT_MAX ? INT_MAX : static_cast<int>(magnitude);
+  const int64_t limit = int64_t{INT_MAX} + (negative ? 1 : 0);
+  int64_t magnitude = 0;
+  for (char digit : digits) magnitude = std::min(magnitude * 10 + (digit - '0'), limit);
+  return static_cast<int>(negative ? -magnitude : magnitude);
 }
 
 }  // namespace

@@ -11,14 +11,14 @@
 void get_saved_uids(uid_t* real, uid_t* effective);
 void get_saved_gids(gid_t* real, gid_t* effective);
 
-/// Takes the rights of the real user for effective ones, when the process was
-/// started with others: a program installed set-user-id root keeps a real id of 0,
-/// from which set_privileged returns. A failure is not reported; the ids are then as
-/// they were.
+/// Gives up the rights that a set-user-id start lent: makes the real user the effective one
+/// and root the real one, from which set_privileged returns. That works where root is the
+/// owner of the program or its user. For any other owner the system refuses it, which is
+/// not reported: the ids stay as they were. The rights of a set-group-id start stay, too.
 void set_nonprivileged();
 
-/// Takes the effective user id 0 back, when the process was started with it and
-/// with another real id.
+/// Makes root the effective user again, when the process was started with that and with
+/// another real user.
 void set_privileged();
 
 /// 0 makes set_nonprivileged leave the ids alone; any other value, the initial

@@ -29,8 +29,9 @@ void name_debug_command_file(const char* name) {
   text_copy_cut("/vxdbg.tmp", Dbgcmdpath + end, sizeof Dbgcmdpath - end);
 }
 
-// What the first call does. Until the ids are changed, a set-user-id program runs
-// with its owner's rights: nothing in here opens a file that its caller names.
+// What the first call does. A set-user-id root program runs with root's rights up to
+// set_nonprivileged, so nothing in here opens a file that the caller names. The rights of
+// another owner and those of a set-group-id start are never given up (vxids.h).
 void set_up_process(const char* name, char** argv) {
   find_appdir(name);
   init_locales(name, "");

@@ -10,9 +10,9 @@
 
 /// Initialises the runtime for the application `name` ("kiv" for the command). The
 /// first call puts the process into the locale of its environment, installs the
-/// debug command handler (regevent.h), finds the installation directory, takes down
-/// the ids of the start, gives up the privileges of a set-user-id start (keeping the
-/// way back to root, see vxids.h) and names the debug command file, `Dbgcmdpath`.
+/// debug command handler (regevent.h), finds the installation directory, records the ids
+/// of the start, gives up the rights of a set-user-id root start (no other: see vxids.h)
+/// and names the debug command file, `Dbgcmdpath`.
 ///
 /// Every call silences the platform's getopt and, unless the environment variable
 /// "KIV_MAST" is set, converts the arguments to UTF-8: an entry of `argv` that is not

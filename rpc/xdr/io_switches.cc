@@ -1,6 +1,6 @@
 #include "rpc/xdr/io_switches.h"
 
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include "liblocal/base/c_memory.h"
 #include "liblocal/base/vx_once.h"
@@ -14,9 +14,11 @@ constexpr char kDefaultDirectory[] = "/kiv/debug";
 
 rpc_io_switches switches;
 
+// Looks with the effective rights, unlike access.
 bool is_there(const char* directory, const char* name) {
   c_unique_ptr<char> path(path_concat(directory, name));
-  return utf8_access(path.get(), F_OK) == 0;
+  struct stat status;
+  return utf8_lstat(path.get(), &status) == 0;
 }
 
 void look_up() {
