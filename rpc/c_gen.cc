@@ -35,11 +35,6 @@ constexpr Transport kTransports[] = {
     {"spp", nullptr, {30, 0}}, {"udp", &kUdpRetry, {25, 0}},
 };
 
-bool same_ignoring_case(const char* name, const char* known) {
-  while (*name != '\0' && ascii_lower(*name) == *known) ++name, ++known;
-  return *name == '\0' && *known == '\0';
-}
-
 // Null with the creation error set.
 const Transport* find_transport(const char* name) {
   for (const Transport& transport : kTransports) {

@@ -19,10 +19,6 @@ constexpr size_t kHostNameSize = 256;  // bytes, terminator included
 char local_name[kHostNameSize] = "localhost";
 vx_once_control resolved;
 
-void to_lower(char* text) {
-  for (; *text != '\0'; ++text) *text = ascii_lower(*text);
-}
-
 int fail(int error) {
   vx_error_set_last(error, kVxErrorErrno);
   return -1;
@@ -34,7 +30,7 @@ void resolve_own_name() {
   const hostent* host = vx_ts_gethostbyname(own);
   if (host == nullptr) return;
   text_copy_cut(host->h_name, local_name, sizeof local_name);
-  to_lower(local_name);
+  lower_ascii(local_name);
 }
 
 }  // namespace
@@ -56,6 +52,6 @@ int vx_getdomainname(char* buffer, size_t size) {
   const char* name = strcmp(host.domainname, "(none)") == 0 ? "" : host.domainname;
   if (size > 0) text_copy_cut(name, buffer, size);
   if (strlen(name) >= size) return fail(ERANGE);
-  to_lower(buffer);
+  lower_ascii(buffer);
   return 0;
 }

@@ -27,7 +27,7 @@ void vx_set_progname(const char* path) {
   char name[kPathComponentSize];
   if (vx_path_basename(path, name, sizeof name) != 0) return;
   *strchrnul(name, '.') = '\0';
-  for (char* c = name; *c != '\0'; ++c) *c = ascii_lower(*c);
+  lower_ascii(name);
 
   VxMutexLock lock(_vx_progname_mutex());
   std::copy_n(name, strlen(name) + 1, names[(recorded + 1) % 2]);

@@ -78,7 +78,7 @@ void apply(const debug_command& command) {
     return;
   }
   for (const Level& level : kLevels) {
-    if (!names_debug_level(command.name, level.name)) continue;
+    if (!same_ignoring_case(command.name, level.name)) continue;
     if (Debug >= 0) {
       (SignalLine() << "Changing " << level.title << " of process (id " << getpid() << ") from "
                     << level.value->load() << " to " << command.value << "\n")
@@ -112,7 +112,7 @@ std::string_view take_command(char* text) {
 void copy_base_name(const char* path, char* name) {
   vx_path_basename(path, name, kPathComponentSize);
   if (char* dot = strrchr(name, '.'); dot != nullptr) *dot = '\0';
-  for (char* c = name; *c != '\0'; ++c) *c = ascii_lower(*c);
+  lower_ascii(name);
 }
 
 // True when an item of `list` begins with `name`, in any case.

@@ -11,8 +11,6 @@ namespace {
 
 // ASCII only: neither the locale nor its locks matter inside a signal handler.
 bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n'; }
-bool is_digit(char c) { return c >= '0' && c <= '9'; }
-bool is_letter(char c) { return ascii_lower(c) >= 'a' && ascii_lower(c) <= 'z'; }
 
 // Takes the longest run of characters that `belongs` accepts off the front of `text`.
 std::string_view take_run(std::string_view* text, bool (*belongs)(char)) {
@@ -50,12 +48,4 @@ std::optional<debug_command> parse_debug_command(std::string_view text) {
   command.value_text = {start, digits.size() + (negative ? 1 : 0)};
   command.value = number(digits, negative);
   return command;
-}
-
-bool names_debug_level(std::string_view name, std::string_view word) {
-  if (name.size() != word.size()) return false;
-  for (size_t i = 0; i < name.size(); ++i) {
-    if (ascii_lower(name[i]) != ascii_lower(word[i])) return false;
-  }
-  return true;
 }

@@ -19,6 +19,3 @@ struct debug_command {
 /// Returns nothing when something other than '=' follows the name, or when the
 /// text ends after the '='. Async-signal-safe.
 [[nodiscard]] std::optional<debug_command> parse_debug_command(std::string_view text);
-
-/// True when `name` is `word` in any mixture of ASCII cases. Async-signal-safe.
-[[nodiscard]] bool names_debug_level(std::string_view name, std::string_view word);

@@ -9,10 +9,6 @@ namespace {
 
 constexpr const char* kAbsentText = "null";
 
-// The same in every locale: a letter ends a conversion.
-bool is_letter(char c) { return ascii_lower(c) >= 'a' && ascii_lower(c) <= 'z'; }
-bool is_digit(char c) { return c >= '0' && c <= '9'; }
-
 bool is_floating(char letter) {
   letter = ascii_lower(letter);
   return letter == 'a' || (letter >= 'e' && letter <= 'g');

@@ -14,6 +14,7 @@
 #include "liblocal/text/utf8.h"
 #include "liblocal/text/utf8_files.h"
 #include "liblocal/text/vxpath.h"
+#include "liblocal/text/vxstrftime.h"
 #include "tests/failing_malloc.h"
 #include "tests/locales.h"
 

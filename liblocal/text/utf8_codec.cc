@@ -110,7 +110,3 @@ size_t utf8_whole_length(const char* text, size_t length) {
   }
   return length;
 }
-
-int vxisspace(int character) {
-  return character == ' ' || (character >= '\t' && character <= '\r') ? 1 : 0;
-}

@@ -39,6 +39,3 @@ int utf8_wctomb(char* output, wchar_t value);
 
 /// The length of `text`, `length` bytes, less a character at its end that is cut.
 [[nodiscard]] size_t utf8_whole_length(const char* text, size_t length);
-
-/// 1 for a white-space character of ASCII, else 0.
-[[nodiscard]] int vxisspace(int character);

@@ -8,6 +8,7 @@
 #include <tuple>
 
 #include "liblocal/base/c_memory.h"
+#include "liblocal/text/ascii.h"
 #include "liblocal/text/mbt.h"
 #include "liblocal/text/utf8_columns.h"
 #include "liblocal/text/utf8_wide.h"

@@ -150,7 +150,3 @@ char* brix_getcwd(char* buffer, size_t size) { return utf8_getcwd(buffer, size);
 int vx_stat(const char* path, vx_stat_record* record) { return examine(stat, path, record); }
 
 int vx_lstat(const char* path, vx_stat_record* record) { return examine(lstat, path, record); }
-
-const char* vxstrptime(const char* text, const char* format, tm* time) {
-  return strptime(syscalls_utf8dec(text), format, time);
-}

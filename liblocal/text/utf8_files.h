@@ -17,7 +17,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <ctime>
 
 /// `path` in the locale's codeset. The text lasts until the thread's next call of this
 /// or of any wrapper below. A path that ansi_mbs refuses gives an empty text, which
@@ -87,8 +86,3 @@ struct vx_stat_record {
 /// with `errno` set and the record as it was.
 [[nodiscard]] int vx_stat(const char* path, vx_stat_record* record);
 [[nodiscard]] int vx_lstat(const char* path, vx_stat_record* record);
-
-/// The platform's strptime of `text`, which is UTF-8; `format` is not converted. The
-/// result points into the converted text, which lasts until the thread's next call of
-/// a wrapper; null when `text` does not match.
-[[nodiscard]] const char* vxstrptime(const char* text, const char* format, tm* time);

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "liblocal/text/utf8_convert.h"
+#include "liblocal/text/utf8_files.h"
 
 namespace {
 
@@ -22,4 +23,8 @@ size_t vxstrftime(char* output, size_t size, const char* format, const tm* time)
   if (strftime(text, sizeof text, platform_format, time) == 0) *text = '\0';
   utf8_mbs(output, text, size);
   return size == 0 ? 0 : strlen(output);
+}
+
+const char* vxstrptime(const char* text, const char* format, tm* time) {
+  return strptime(syscalls_utf8dec(text), format, time);
 }
