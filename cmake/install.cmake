@@ -2,12 +2,15 @@
 include(CMakePackageConfigHelpers)
 
 install(TARGETS kivtrap DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(FILES docs/man/kivtrap.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+configure_file(docs/man/kivtrap.1.in kivtrap.1 @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kivtrap.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES packaging/completions/kivtrap.bash RENAME kivtrap
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 install(FILES packaging/completions/_kivtrap
   DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
-install(FILES README.md CHANGELOG.md docs/architecture.md
+install(FILES packaging/completions/kivtrap.fish
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+install(FILES README.md CHANGELOG.md SECURITY.md docs/architecture.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # The libraries: headers by folder, archives, a CMake package and pkg-config files.
