@@ -13,11 +13,8 @@
 #include "liblocal/text/ascii.h"
 #include "rpc/auth/auth_choice.h"
 #include "rpc/handle/rpcvarp.h"
-#include "rpc/portmap/p_getprt.h"
 #include "rpc/transport/c_tcp.h"
 #include "rpc/transport/c_udp.h"
-
-const pmap_client_maker pmap_make_client = clntgen_create;
 
 namespace {
 

@@ -1,6 +1,7 @@
 #include "tests/failing_calls.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -28,6 +29,7 @@ int __real_connect(int socket, const sockaddr* address, socklen_t length);
 ssize_t __real_readv(int descriptor, const iovec* buffers, int count);
 ssize_t __real_recv(int socket, void* buffer, size_t size, int flags);
 ssize_t __real_sendmsg(int socket, const msghdr* message, int flags);
+int __real_ppoll(pollfd* polled, nfds_t count, const timespec* timeout, const sigset_t* mask);
 int __real_select(int count, fd_set* in, fd_set* out, fd_set* exceptional, timeval* timeout);
 
 int __wrap_connect(int socket, const sockaddr* address, socklen_t length) {
@@ -51,6 +53,12 @@ ssize_t __wrap_recv(int socket, void* buffer, size_t size, int flags) {
 ssize_t __wrap_sendmsg(int socket, const msghdr* message, int flags) {
   const auto buffers = static_cast<int>(message->msg_iovlen);
   return is_refused(writes, buffers) ? -1 : __real_sendmsg(socket, message, flags);
+}
+
+int __wrap_ppoll(pollfd* polled, nfds_t count, const timespec* timeout, const sigset_t* mask) {
+  if (timeout != nullptr) last_wait = {timeout->tv_sec, timeout->tv_nsec / 1000};
+  if (is_refused(waits)) return waits.error == 0 ? 0 : -1;
+  return __real_ppoll(polled, count, timeout, mask);
 }
 
 int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* exceptional, timeval* timeout) {

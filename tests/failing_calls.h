@@ -1,6 +1,6 @@
 // System calls of connections that fail on demand. A test program that links
-// `failing_calls` has the connect, readv, recv, sendmsg and select calls of its own objects
-// and static libraries pass through here.
+// `failing_calls` has the connect, readv, recv, sendmsg, ppoll and select calls of its own
+// objects and static libraries pass through here.
 #pragma once
 
 #include <sys/time.h>
@@ -19,7 +19,7 @@ struct Refusal {
 /// readv and recv.
 inline Refusal connects, reads, writes, waits;
 
-/// What the last select was to wait.
+/// How long the last wait was to be.
 inline timeval last_wait;
 
 /// Lets the next `count` calls fail with `error`; waits with 0 find nothing, at once.

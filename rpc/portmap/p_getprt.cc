@@ -7,6 +7,12 @@
 #include "rpc/portmap/pmap.h"
 #include "rpc/portmap/pmap_cache.h"
 
+// Makes the client that asks (c_gen.h). It lies above this folder: new clients ask port
+// mappers, which are asked through clients.
+CLIENT* clntgen_create(sockaddr_in* server, unsigned long program, unsigned long version,
+                       const timeval* retry, int* socket, uint32_t send_size,
+                       uint32_t receive_size);
+
 namespace {
 
 constexpr timeval kMapperTime = {25, 0};  // of each port mapper, and between datagrams
@@ -47,8 +53,8 @@ uint16_t ask_mapper(sockaddr_in* server, const pmap& wanted, uint16_t mapper_por
   const timeval* retry = wanted.protocol == IPPROTO_UDP ? &kMapperTime : nullptr;
   server->sin_port = htons(mapper_port);
   // The sizes count over TCP alone.
-  CLIENT* client = pmap_make_client(server, kPmapProgram, kPmapVersion, retry, &socket,
-                                    kMapperTcpSize, kMapperTcpSize);
+  CLIENT* client = clntgen_create(server, kPmapProgram, kPmapVersion, retry, &socket,
+                                  kMapperTcpSize, kMapperTcpSize);
   if (client != nullptr) {
     port = call_mapper(client, wanted);
     client->ops->destroy(client);

@@ -32,11 +32,3 @@ using pmap_fallback_function = uint16_t (*)(unsigned long program, unsigned long
 
 /// Lets `function` (null: nothing) be asked after the standard port mapper. Thread safe.
 void pmap_fallback(pmap_fallback_function function);
-
-/// What makes the client that asks: clntgen_create. Making clients stands above asking
-/// port mappers, which it may want; so c_gen.cc fills this in, when the program is
-/// linked.
-using pmap_client_maker = CLIENT* (*)(sockaddr_in* server, unsigned long program,
-                                      unsigned long version, const timeval* retry, int* socket,
-                                      uint32_t send_size, uint32_t receive_size);
-extern const pmap_client_maker pmap_make_client;

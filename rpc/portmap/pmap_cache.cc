@@ -6,14 +6,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "liblocal/base/text_sizes.h"
 #include "liblocal/startup/vxenv.h"
 #include "rpc/handle/rpcvarp.h"
 
 namespace {
 
 constexpr char kVariable[] = "KIVENV_PMAPS";
-constexpr size_t kExportLimit = kPathSize - 100;  // bytes behind which no group is begun
+constexpr size_t kExportLimit = kPmapsSize - 100;  // bytes behind which no group is begun
 
 // The runtime's own services, all of them over TCP.
 constexpr unsigned long kCacheablePrograms[] = {390113, 390103, 390109, 390110, 390107, 390105};
@@ -58,7 +57,7 @@ rpc_port_entry** own_cache() {
 }
 
 void export_to_environment(const rpc_port_entry* entry) {
-  char text[kPathSize];
+  char text[kPmapsSize];
   size_t length = 0;
   text[0] = '\0';
   for (; entry != nullptr && length <= kExportLimit; entry = entry->next) {

@@ -9,9 +9,12 @@
 // thread's cache. Exporting changes the environment (see liblocal/startup/vxenv.h).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "rpc/portmap/pmap.h"
+
+constexpr size_t kPmapsSize = 12288;  // bytes of the variable's value with its NUL
 
 /// The port that the calling thread's cache has for a program; 0 when there is none or
 /// caches are switched off.
@@ -25,7 +28,7 @@
 /// Puts an answer for the cache into it, or the new port into the entry that is there.
 /// Other answers are left out, as is one that there is no memory for. With
 /// `export_cache` other than 0 the whole cache then goes into the environment, up to
-/// 12288 bytes.
+/// kPmapsSize.
 void populate_pmaps(unsigned long program, unsigned long version, unsigned long protocol,
                     unsigned long port, int export_cache);
 

@@ -27,14 +27,9 @@
 
 namespace {
 
-constexpr int32_t kRefreshTries = 2;
-
-// What a stream that can tell one call from the next is asked when the one-call
-// option is armed.
+// The control requests that a stream gets when the option for one call is armed.
 constexpr uint32_t kStreamCallBegins = 0;
 constexpr uint32_t kStreamCallEnds = 1;
-
-// --- A call ----------------------------------------------------------------------
 
 struct Call {
   unsigned long procedure;
@@ -56,7 +51,6 @@ bool encode_call(CLIENT* client, const Call& call) {
   auto procedure = static_cast<long>(call.procedure);
   xdrs->operation = xdr_op::kEncode;
   record->error = {};
-  record->cancelled_at_end = false;
   next_transaction(record);
   return xdrs->ops->put_bytes(xdrs, record->header, record->header_length) &&
          xdrs->ops->put_long(xdrs, &procedure) && client->auth->ops->marshal(client->auth, xdrs) &&
@@ -66,16 +60,16 @@ bool encode_call(CLIENT* client, const Call& call) {
 clnt_stat send_call(CLIENT* client, const Call& call, bool one_way) {
   TcpRecord* record = tcp_record_of(client);
   if (!encode_call(client, call)) {
-    // What was encoded still ends its record, so that the next one has its beginning.
+    // The record ends with what was encoded, so that the next call begins a new one.
     __brix_xdrrec_endofrecord(&record->stream, true);
-    if (record->error.status == RPC_SUCCESS) tcp_finish(record, RPC_CANTENCODEARGS);
+    if (record->error.status == RPC_SUCCESS) rpc_finish(record, RPC_CANTENCODEARGS);
     return record->error.status;
   }
   bool sent = __brix_xdrrec_endofrecord(&record->stream, !one_way);
   if (sent || record->error.status == RPC_CANCELLED) return record->error.status;
   // A send that ran out of time failed too; it has no error number of the system's.
   int32_t cause = record->error.status == RPC_TIMEDOUT ? ETIMEDOUT : record->error.error_number;
-  return tcp_finish(record, RPC_CANTSEND, cause);
+  return rpc_finish(record, RPC_CANTSEND, cause);
 }
 
 void release_verifier(rpc_reply_message* reply) {
@@ -93,10 +87,10 @@ clnt_stat read_reply(TcpRecord* record, rpc_reply_message* reply) {
     *reply = {};
     reply->accepted.verifier = __brix_null_auth;
     reply->accepted.results_filter = __brix_xdr_void;
-    // A call that gave up before anything came has moved the stream already.
+    // The stream is at a record already when the call before gave up waiting for one.
     if (!xdrrec_at_record(xdrs) && !__brix_xdrrec_skiprecord(xdrs)) {
-      // Input that no stream of this runtime sends.
-      if (record->error.status == RPC_SUCCESS) tcp_finish(record, RPC_CANTRECV, ECONNRESET);
+      // The stream refused the input.
+      if (record->error.status == RPC_SUCCESS) rpc_finish(record, RPC_CANTRECV, ECONNRESET);
       return record->error.status;
     }
     bool decoded = __brix_xdr_replymsg(xdrs, reply);
@@ -108,57 +102,49 @@ clnt_stat read_reply(TcpRecord* record, rpc_reply_message* reply) {
   }
 }
 
-// Checks the verifier of an accepted reply and reads its results.
-void accept_reply(CLIENT* client, const Call& call, const rpc_reply_message& reply) {
-  TcpRecord* record = tcp_record_of(client);
+// Reads the results that follow an accepted reply.
+void read_results(TcpRecord* record, const Call& call) {
   XDR* xdrs = &record->stream;
-  if (!client->auth->ops->validate(client->auth, &reply.accepted.verifier)) {
-    tcp_finish(record, RPC_AUTHERROR, kAuthInvalidServerVerifier);
-  } else if (call.results_filter != nullptr && !call.results_filter(xdrs, call.results) &&
-             record->error.status == RPC_SUCCESS) {
-    if (xdrrec_is_broken(xdrs)) {
-      tcp_finish(record, RPC_CANTRECV, ECONNRESET);
-    } else {
-      tcp_finish(record, RPC_CANTDECODERES);
-    }
+  if (call.results_filter == nullptr || call.results_filter(xdrs, call.results)) return;
+  if (record->error.status != RPC_SUCCESS) return;  // reading failed
+  if (xdrrec_is_broken(xdrs)) {
+    rpc_finish(record, RPC_CANTRECV, ECONNRESET);
+  } else {
+    rpc_finish(record, RPC_CANTDECODERES);
   }
-  record->confirmed = true;
 }
 
-// Tells the stream once, before replies are read, that it is for one call.
-void begin_one_call(TcpRecord* record, bool* told) {
+// When the option for one call is armed, the stream is asked once, before replies are read,
+// to treat them as those of one call. `*begun` becomes its answer.
+void begin_one_call(TcpRecord* record, bool* begun) {
   if (!record->one_call_armed) return;
-  XDR* xdrs = &record->stream;
-  *told = xdrs->ops->control(xdrs, kStreamCallBegins, nullptr);
+  *begun = record->stream.ops->control(&record->stream, kStreamCallBegins, nullptr);
   record->one_call_armed = false;
 }
 
 // Sends the call and reads its reply, again for as long as a refusal leaves hope.
-clnt_stat exchange(CLIENT* client, const Call& call, bool* told) {
+clnt_stat exchange(CLIENT* client, const Call& call, bool* begun) {
   TcpRecord* record = tcp_record_of(client);
   int32_t refreshes = kRefreshTries;
   for (;;) {
     clnt_stat status = send_call(client, call, false);
     if (status != RPC_SUCCESS) return status;
-    begin_one_call(record, told);
+    begin_one_call(record, begun);
     rpc_reply_message reply;
     status = read_reply(record, &reply);
     if (status != RPC_SUCCESS) return status;
-    __brix_seterr_reply(&reply, &record->error);
-    const bool accepted = record->error.status == RPC_SUCCESS;
-    if (accepted) accept_reply(client, call, reply);
+    const bool accepted = rpc_is_accepted(client, reply);
+    if (record->error.status == RPC_SUCCESS) read_results(record, call);
     release_verifier(&reply);
-    if (accepted || !rpc_try_again(client, record->error, record->confirmed, &refreshes)) {
-      return record->error.status;
-    }
+    if (accepted || !rpc_try_again(client, &refreshes)) return record->error.status;
   }
 }
 
 clnt_stat exchange_to_the_end(CLIENT* client, const Call& call) {
   TcpRecord* record = tcp_record_of(client);
-  bool told = false;
-  clnt_stat status = exchange(client, call, &told);
-  if (told) record->stream.ops->control(&record->stream, kStreamCallEnds, nullptr);
+  bool begun = false;
+  const clnt_stat status = exchange(client, call, &begun);
+  if (begun) record->stream.ops->control(&record->stream, kStreamCallEnds, nullptr);
   record->one_call_armed = false;
   return status;
 }
@@ -166,13 +152,9 @@ clnt_stat exchange_to_the_end(CLIENT* client, const Call& call) {
 clnt_stat tcp_call(CLIENT* client, unsigned long procedure, xdrproc_t arguments_filter,
                    void* arguments, xdrproc_t results_filter, void* results, timeval timeout) {
   TcpRecord* record = tcp_record_of(client);
-  if (client->auth == nullptr) return tcp_finish(record, RPC_AUTHERROR, kAuthFailed);
-  if (xdrrec_is_broken(&record->stream)) return tcp_finish(record, RPC_CANTSEND, EPIPE);
+  if (!rpc_has_auth(client)) return record->error.status;
+  if (xdrrec_is_broken(&record->stream)) return rpc_finish(record, RPC_CANTSEND, EPIPE);
   if (record->wait_state == kWaitOfCall) record->wait = record->waiting.step = timeout;
-  if (client->auth->ops->needs_refresh(client->auth, record->confirmed, client) &&
-      !client->auth->ops->refresh(client->auth)) {
-    return record->error.status;
-  }
   const Call call = {procedure, arguments_filter, arguments, results_filter, results};
   clnt_stat status = RPC_SUCCESS;
   if (timerisset(&timeout)) {
@@ -180,23 +162,11 @@ clnt_stat tcp_call(CLIENT* client, unsigned long procedure, xdrproc_t arguments_
   } else {
     const bool one_way = results_filter == nullptr;
     status = send_call(client, call, one_way);
-    if (status == RPC_SUCCESS && !one_way) status = tcp_finish(record, RPC_TIMEDOUT);
+    if (status == RPC_SUCCESS && !one_way) status = rpc_finish(record, RPC_TIMEDOUT);
   }
-  // The peer shall not wait for the rest of a record that cannot come.
+  // The rest of a record cannot be sent any more; the peer shall not wait for it.
   if (xdrrec_is_broken(&record->stream)) shutdown(record->socket, SHUT_RDWR);
   return status;
-}
-
-// --- The other operations --------------------------------------------------------
-
-void tcp_abort(CLIENT* /*client*/) {}
-
-void tcp_geterr(CLIENT* client, rpc_err* error) { *error = tcp_record_of(client)->error; }
-
-bool tcp_freeres(CLIENT* client, xdrproc_t results_filter, void* results) {
-  XDR* xdrs = &tcp_record_of(client)->stream;
-  xdrs->operation = xdr_op::kFree;
-  return results_filter(xdrs, results);
 }
 
 void close_or_restore(TcpRecord* record) {
@@ -213,13 +183,10 @@ void tcp_destroy(CLIENT* client) {
   close_or_restore(record);
   record->stream.ops->destroy(&record->stream);
   free(record);
-  free(client);
 }
 
-constexpr clnt_ops kTcpOps = {tcp_call,    tcp_abort,   tcp_geterr,
-                              tcp_freeres, tcp_destroy, tcp_control};
-
-// --- Creation --------------------------------------------------------------------
+constexpr clnt_ops kTcpOps = {tcp_call,    rpc_abort,   rpc_geterr,
+                              rpc_freeres, tcp_destroy, tcp_control};
 
 // Takes the caller's socket, or opens one. False with the creation error set.
 bool take_socket(TcpRecord* record, int socket) {
@@ -240,22 +207,15 @@ void encode_header(TcpRecord* record, unsigned long program, unsigned long versi
   record->header_length = xdrs.ops->get_position(&xdrs);
 }
 
-CLIENT* out_of_memory() {
-  errno = ENOMEM;
-  rpc_set_createerr(RPC_SYSTEMERROR, ENOMEM);
-  return nullptr;
-}
-
 }  // namespace
 
 CLIENT* __brix_clnttcp_create(sockaddr_in* server, unsigned long program, unsigned long version,
                               int* socket, uint32_t send_size, uint32_t receive_size) {
-  (void)tcp_blocking_mode();  // the first client of the process settles both
+  (void)tcp_blocking_mode();  // both are read from the environment with the first client
   (void)rpc_get_io_switches();
   svc_time_reset();  // connecting is a new piece of work
-  c_unique_ptr<CLIENT> client(static_cast<CLIENT*>(calloc(1, sizeof(CLIENT))));
-  c_unique_ptr<TcpRecord> record(static_cast<TcpRecord*>(calloc(1, sizeof(TcpRecord))));
-  if (client == nullptr || record == nullptr) return out_of_memory();
+  c_unique_ptr<TcpRecord> record(c_new<TcpRecord>());
+  if (record == nullptr) return rpc_out_of_memory();
   if (!rpc_find_port(server, program, version, IPPROTO_TCP)) return nullptr;
   record->server = *server;
   if (!take_socket(record.get(), *socket)) return nullptr;
@@ -264,15 +224,13 @@ CLIENT* __brix_clnttcp_create(sockaddr_in* server, unsigned long program, unsign
   if (!__brix_xdrrec_create(&record->stream, send_size, receive_size, record.get(), tcp_read,
                             tcp_write)) {
     if (record->close_socket) rpc_close(record->socket);
-    return out_of_memory();
+    return rpc_out_of_memory();
   }
   *socket = record->socket;
-  const bool opened = record->close_socket;
-  client->ops = &kTcpOps;
-  client->private_data = record.release();
-  client->auth = __brix_authnone_create();
-  if (opened) client->ops->control(client.get(), CLSET_NODELAY, client.get());
-  return client.release();
+  CLIENT* client = rpc_complete_client(record.get(), &kTcpOps);
+  if (record->close_socket) tcp_control(client, CLSET_NODELAY, client);
+  (void)record.release();
+  return client;
 }
 
 XDR* get_xdr_from_chandle(CLIENT* client) { return &tcp_record_of(client)->stream; }

@@ -10,6 +10,7 @@
 #include "liblocal/hosts/localhost.h"
 #include "liblocal/messages/catgets.h"
 #include "liblocal/messages/print.h"
+#include "rpc/auth/a_none.h"
 #include "rpc/auth/auth.h"
 #include "rpc/auth/auth_choice.h"
 #include "rpc/handle/rpcvarp.h"
@@ -31,7 +32,31 @@ bool bind_to_connection_port(int descriptor) {
   return false;
 }
 
+// The first word of the error's detail, whatever the status.
+long first_word(const rpc_err& error) {
+  switch (error.status) {
+    case RPC_VERSMISMATCH:
+    case RPC_PROGVERSMISMATCH:
+      return static_cast<long>(error.versions.low);
+    case RPC_FAILED:
+      return error.other.s1;
+    default:
+      return error.why;
+  }
+}
+
 }  // namespace
+
+CLIENT* rpc_complete_client(ClientRecord* record, const clnt_ops* ops) {
+  record->handle = {__brix_authnone_create(), ops, record};
+  return &record->handle;
+}
+
+CLIENT* rpc_out_of_memory() {
+  errno = ENOMEM;
+  rpc_set_createerr(RPC_SYSTEMERROR, ENOMEM);
+  return nullptr;
+}
 
 bool rpc_find_port(sockaddr_in* server, unsigned long program, unsigned long version,
                    unsigned long protocol) {
@@ -72,14 +97,72 @@ void rpc_put_call_header(XDR* xdrs, unsigned long program, unsigned long version
   __brix_xdr_callhdr(xdrs, &call);
 }
 
-bool rpc_try_again(CLIENT* client, const rpc_err& error, bool confirmed, int32_t* refreshes) {
-  // The first word of any detail counts, whatever the status; of a refused
-  // authentication it says that the server rejected the credential.
-  if (error.first_word == kAuthRejectedCredential && !confirmed && authfallback(client)) {
-    return true;
+clnt_stat rpc_finish(ClientRecord* record, clnt_stat status, int32_t detail) {
+  record->error = {};
+  record->error.status = status;
+  record->error.error_number = detail;
+  return status;
+}
+
+bool rpc_has_auth(CLIENT* client) {
+  ClientRecord* record = rpc_record_of(client);
+  AUTH* auth = client->auth;
+  if (auth == nullptr) {
+    rpc_finish(record, RPC_AUTHERROR, kAuthFailed);
+    return false;
   }
+  return !auth->ops->needs_refresh(auth, record->confirmed, client) || auth->ops->refresh(auth);
+}
+
+bool rpc_is_accepted(CLIENT* client, const rpc_reply_message& reply) {
+  ClientRecord* record = rpc_record_of(client);
+  __brix_seterr_reply(&reply, &record->error);
+  if (record->error.status != RPC_SUCCESS) return false;
+  if (!client->auth->ops->validate(client->auth, &reply.accepted.verifier)) {
+    rpc_finish(record, RPC_AUTHERROR, kAuthInvalidServerVerifier);
+  }
+  record->confirmed = true;
+  return true;
+}
+
+bool rpc_try_again(CLIENT* client, int32_t* refreshes) {
+  const ClientRecord* record = rpc_record_of(client);
+  // Of a refused authentication it says that the server rejected the credential. The same
+  // number counts for every other status, too.
+  const bool rejected = first_word(record->error) == kAuthRejectedCredential;
+  if (rejected && !record->confirmed && authfallback(client)) return true;
   // A fallback that found nothing weaker may have left the client without any.
   if (client->auth == nullptr || *refreshes == 0) return false;
   --*refreshes;
   return client->auth->ops->refresh(client->auth);
+}
+
+void rpc_abort(CLIENT* /*client*/) {}
+
+void rpc_geterr(CLIENT* client, rpc_err* error) { *error = rpc_record_of(client)->error; }
+
+bool rpc_freeres(CLIENT* client, xdrproc_t results_filter, void* results) {
+  XDR* xdrs = &rpc_record_of(client)->stream;
+  xdrs->operation = xdr_op::kFree;
+  return results_filter == nullptr || results_filter(xdrs, results);
+}
+
+bool rpc_control(ClientRecord* record, uint32_t request, void* information) {
+  switch (request) {
+    case CLGET_SERVER_ADDR:
+      return rpc_give(information, record->server);
+    case CLGET_FD:
+      return rpc_give(information, record->socket);
+    case CLSET_FD_CLOSE:
+    case CLSET_FD_NCLOSE:
+      record->close_socket = request == CLSET_FD_CLOSE;
+      return true;
+    case CLSET_AUTH_CONFIRMED:
+      record->confirmed = information != nullptr;
+      return true;
+    case CLGET_AUTH_CONFIRMED:
+      return rpc_give<int32_t>(information, record->confirmed ? 1 : 0);
+    default:
+      return false;
+  }
 }

@@ -256,7 +256,7 @@ TEST_P(TransportTest, CreationFails) {
     expect_not_created(RPC_SYSTEMERROR, ENOMEM);
     EXPECT_EQ(socket_, -1);
   }
-  EXPECT_EQ(granted, is_tcp() ? 3 : 2) << "handle, record, stream";
+  EXPECT_EQ(granted, is_tcp() ? 2 : 1) << "record, stream";
   EXPECT_NE(create(GetParam(), kNobody, 65535), nullptr);
   for (int given : {65536, -1}) {  // one that cannot be waited for, and none left
     const DescriptorLimit none(0);

@@ -1,9 +1,11 @@
 #include "rpc/transport/common.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 
 #include "liblocal/base/vx_select.h"
 
@@ -18,3 +20,17 @@ int32_t __brix_rpc_dtablesize() {
 }
 
 int rpc_close(int descriptor) { return close(descriptor); }
+
+int rpc_wait_for(int descriptor, int events, const timeval* time) {
+  timespec limit{};
+  if (time != nullptr) {
+    const timeval normalized = rpc_normalized(*time);
+    limit = {normalized.tv_sec, normalized.tv_usec * 1000};
+  }
+  pollfd polled = {descriptor, static_cast<short>(events), 0};
+  const int ready = ppoll(&polled, 1, time != nullptr ? &limit : nullptr, nullptr);
+  if (ready <= 0) return ready;
+  if ((polled.revents & POLLNVAL) == 0) return polled.revents;
+  errno = EBADF;
+  return -1;
+}

@@ -25,9 +25,9 @@ bool set_wait_function(TcpRecord* record, const void* information) {
   return true;
 }
 
-bool set_wait_state(TcpRecord* record, int32_t state) {
-  if (state < kWaitOfCall || state > kWaitNoLimit) return false;
-  record->wait_state = static_cast<rpc_wait_state>(state);
+bool set_wait_state(TcpRecord* record, const int32_t* state) {
+  if (state == nullptr || *state < kWaitOfCall || *state > kWaitNoLimit) return false;
+  record->wait_state = static_cast<rpc_wait_state>(*state);
   return true;
 }
 
@@ -47,45 +47,33 @@ bool get_buffer_size(const TcpRecord* record, int option, void* information) {
   return getsockopt(record->socket, SOL_SOCKET, option, information, &length) == 0;
 }
 
-template <typename T>
-bool give(void* information, T value) {
-  *static_cast<T*>(information) = value;
-  return true;
-}
-
-// Requests that hand over a value, one way or the other.
+// Requests that want a value, or a place for it.
 bool value_request(TcpRecord* record, uint32_t request, void* information) {
-  if (information == nullptr) return false;
   switch (request) {
     case CLGET_TIMEOUT:
-      return give(information, record->wait);
-    case CLGET_SERVER_ADDR:
-      return give(information, record->server);
-    case CLGET_FD:
-      return give<int>(information, record->socket);
+      return rpc_give(information, record->wait);
     case CLGET_RECEIVE_SIZE:
       return get_buffer_size(record, SO_RCVBUF, information);
     case CLGET_SEND_SIZE:
       return get_buffer_size(record, SO_SNDBUF, information);
     case CLGET_WAIT_FUNCTION:
-      return give(information, record->waiting);
-    case CLGET_AUTH_CONFIRMED:
-      return give<int32_t>(information, record->confirmed ? 1 : 0);
+      return rpc_give(information, record->waiting);
     case CLGET_STREAM:
-      return give(information, &record->stream);
+      return rpc_give(information, &record->stream);
     case CLGET_ONE_CALL_ENABLED:
-      return give<int32_t>(information, record->one_call_enabled ? 1 : 0);
+      return rpc_give<int32_t>(information, record->one_call_enabled ? 1 : 0);
     case CLGET_AUTH_METHODS:
-      return give(information, record->auth_methods);
+      return rpc_give(information, record->auth_methods);
     case CLSET_AUTH_METHODS:
+      if (information == nullptr) return false;
       record->auth_methods = *static_cast<const uint32_t*>(information);
       return true;
     case CLGET_WAIT_STATE:
-      return give<int32_t>(information, record->wait_state);
+      return rpc_give<int32_t>(information, record->wait_state);
     case CLSET_WAIT_STATE:
-      return set_wait_state(record, *static_cast<const int32_t*>(information));
+      return set_wait_state(record, static_cast<const int32_t*>(information));
     default:
-      return false;
+      return rpc_control(record, request, information);
   }
 }
 
@@ -98,10 +86,6 @@ bool tcp_control(CLIENT* client, uint32_t request, void* information) {
   switch (request) {
     case CLSET_TIMEOUT:
       return set_timeout(record, information);
-    case CLSET_FD_CLOSE:
-    case CLSET_FD_NCLOSE:
-      record->close_socket = request == CLSET_FD_CLOSE;
-      return true;
     case CLSET_RECEIVE_SIZE:
       return set_buffer_size(record, SO_RCVBUF, information);
     case CLSET_SEND_SIZE:
@@ -110,9 +94,6 @@ bool tcp_control(CLIENT* client, uint32_t request, void* information) {
       return set_wait_function(record, information);
     case CLSET_WATCH_INPUT:
       record->watch_input = on;
-      return true;
-    case CLSET_AUTH_CONFIRMED:
-      record->confirmed = on;
       return true;
     case CLSET_NODELAY:
       return set_option(record, IPPROTO_TCP, TCP_NODELAY, on ? 1 : 0);

@@ -1,6 +1,7 @@
 #include "rpc/transport/tcp_io.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <time.h>
@@ -9,7 +10,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "liblocal/base/vx_select.h"
+#include "rpc/transport/common.h"
 #include "rpc/transport/tcp_record.h"
 #include "rpc/transport/tcp_settings.h"
 #include "rpc/xdr/io_switches.h"
@@ -17,22 +18,21 @@
 
 namespace {
 
-constexpr long kMicroseconds = 1000000;      // in a second
 constexpr time_t kLongestStep = 1000000000;  // seconds; longer ones become this
 constexpr size_t kMostAtOnce = 2147483644;   // bytes of one system call
 
-// A wait for the socket: what for, and for how long until now.
-struct Waiter {
+// A read or a write, and how long it has waited.
+struct Transfer {
   TcpRecord* record;
-  clnt_stat failure;  // RPC_CANTSEND or RPC_CANTRECV
+  bool writing;
   timeval elapsed;
 };
 
 // A time that can be waited for and added.
-timeval tamed(timeval time) {
+timeval waitable(timeval time) {
   if (time.tv_sec < 0 || time.tv_usec < 0) return {};
   if (time.tv_sec >= kLongestStep) return {kLongestStep, 0};
-  return {time.tv_sec + time.tv_usec / kMicroseconds, time.tv_usec % kMicroseconds};
+  return rpc_normalized(time);
 }
 
 timeval monotonic_now() {
@@ -41,19 +41,19 @@ timeval monotonic_now() {
   return {now.tv_sec, now.tv_nsec / 1000};
 }
 
-bool fail(const Waiter& waiter, int32_t error_number) {
-  tcp_finish(waiter.record, waiter.failure, error_number);
+bool fail(const Transfer& transfer, int32_t error_number) {
+  rpc_finish(transfer.record, transfer.writing ? RPC_CANTSEND : RPC_CANTRECV, error_number);
   return false;
 }
 
 // Asks the wait function. True when it cancels.
-bool is_cancelled(const Waiter& waiter) {
-  const rpc_wait& waiting = waiter.record->waiting;
+bool is_cancelled(const Transfer& transfer) {
+  const rpc_wait& waiting = transfer.record->waiting;
   if (waiting.function == nullptr) return false;
   timeval now{};
   gettimeofday(&now, nullptr);
-  if (waiting.function(&waiter.elapsed, waiting.argument, &now) == 0) return false;
-  tcp_finish(waiter.record, RPC_CANCELLED);
+  if (waiting.function(&transfer.elapsed, waiting.argument, &now) == 0) return false;
+  rpc_finish(transfer.record, RPC_CANCELLED);
   return true;
 }
 
@@ -64,107 +64,74 @@ bool shall_block(const TcpRecord* record) {
   return unlimited && (mode == BlockingMode::kWithoutLimit || !record->watch_input);
 }
 
-// What every transfer begins with.
-bool begin(const Waiter& waiter) {
-  TcpRecord* record = waiter.record;
-  if (record->cancelled_at_end) {
-    record->cancelled_at_end = false;
-    return false;
-  }
-  return !is_cancelled(waiter);
+// What every transfer begins with: a wait function may cancel it, or has cancelled the call
+// when the transfer before was done.
+bool begin(const Transfer& transfer) {
+  TcpRecord* record = transfer.record;
+  if (record->error.status == RPC_CANCELLED || is_cancelled(transfer)) return false;
+  return tcp_set_blocking(record, shall_block(record)) || fail(transfer, errno);
 }
-
-void end(const Waiter& waiter) { waiter.record->cancelled_at_end = is_cancelled(waiter); }
 
 bool means_waiting(int error) { return error == EAGAIN || error == ENOMEM || error == EINPROGRESS; }
 
-// A call with time zero is sent whole: for room it waits as long as its peer needs, since
+// A call with time zero is sent whole: it waits for room as long as its peer needs, since
 // what is left of a record cannot be taken back.
-bool is_unlimited(const Waiter& waiter) {
-  const TcpRecord* record = waiter.record;
-  return record->wait_state == kWaitNoLimit ||
-         (waiter.failure == RPC_CANTSEND && !timerisset(&record->wait));
+bool is_unlimited(const Transfer& transfer) {
+  const TcpRecord* record = transfer.record;
+  return record->wait_state == kWaitNoLimit || (transfer.writing && !timerisset(&record->wait));
 }
 
-// True when the limit is used up. One of zero still has its look.
-bool is_timed_out(const Waiter& waiter) {
-  if (is_unlimited(waiter) || !timerisset(&waiter.elapsed)) return false;
-  const timeval limit = tamed(waiter.record->wait);
-  if (timercmp(&waiter.elapsed, &limit, <)) return false;
-  tcp_finish(waiter.record, RPC_TIMEDOUT);
+// True when the limit is used up. With a limit of zero the socket is still looked at once.
+bool is_timed_out(const Transfer& transfer) {
+  if (is_unlimited(transfer) || !timerisset(&transfer.elapsed)) return false;
+  const timeval limit = waitable(transfer.record->wait);
+  if (timercmp(&transfer.elapsed, &limit, <)) return false;
+  rpc_finish(transfer.record, RPC_TIMEDOUT);
   return true;
 }
 
-// The next wait: a step, or what is left of the limit, which is the last moment. A step
-// of zero stands for none.
-timeval next_step(const Waiter& waiter) {
-  timeval step = tamed(waiter.record->waiting.step);
+// How long the next wait may be: a step (zero: no step is set), or what is left of the limit.
+timeval next_step(const Transfer& transfer) {
+  timeval step = waitable(transfer.record->waiting.step);
   if (!timerisset(&step)) step = {kLongestStep, 0};
-  if (is_unlimited(waiter)) return step;
-  const timeval limit = tamed(waiter.record->wait);
+  if (is_unlimited(transfer)) return step;
+  const timeval limit = waitable(transfer.record->wait);
   timeval left;
-  timersub(&limit, &waiter.elapsed, &left);
+  timersub(&limit, &transfer.elapsed, &left);
   return timercmp(&left, &step, <) ? left : step;
 }
 
-// Counts a wait of `step` that began at `start`. One that ran out counts as it is, any
-// other with the time that passed; so signals and a socket that is ready and yet is
-// not cannot make a wait endless.
-void count_wait(Waiter* waiter, int ready, timeval step, timeval start) {
+// Counts a wait of `step` that began at `start`. A wait that ran out counts as its step, any
+// other as the time that passed, so that signals cannot make a transfer endless.
+void count_wait(Transfer* transfer, int ready, timeval step, timeval start) {
   if (ready != 0 || !timerisset(&step)) {
     const timeval now = monotonic_now();
     timersub(&now, &start, &step);
-    // A clock that has not moved on counts too.
-    if (!timerisset(&step)) step.tv_usec = 1;
+    if (!timerisset(&step)) step.tv_usec = 1;  // a wait within the clock's resolution
   }
-  timeradd(&waiter->elapsed, &step, &waiter->elapsed);
+  timeradd(&transfer->elapsed, &step, &transfer->elapsed);
 }
 
-void hold_only(int fd, vx_fd_set* set) {
-  VX_FD_ZERO_UP_TO(fd, set);
-  VX_FD_SET(fd, set);
-}
-
-enum class Ready { kNo, kYes, kInput };
-
-// One wait until the socket is ready for what the waiter wants, or has input when
-// that is `watched` too. Reports kNo after a step with nothing; false on failure.
-bool wait_step(Waiter* waiter, bool watched, Ready* outcome) {
-  const int fd = waiter->record->socket;
-  const bool writing = waiter->failure == RPC_CANTSEND;
-  *outcome = Ready::kNo;
-  if (is_timed_out(*waiter)) return false;
-  const timeval step = next_step(*waiter);
-  vx_fd_set input;
-  vx_fd_set room;
-  vx_fd_set exceptional;
-  hold_only(fd, &input);
-  hold_only(fd, &room);
-  hold_only(fd, &exceptional);
+// One wait until the socket is ready for the transfer, or has input when that is `watched`
+// too. `*ready` becomes what it is ready for, as of poll; 0 after a step with nothing. False
+// on failure.
+bool wait_step(Transfer* transfer, bool watched, int* ready) {
+  if (is_timed_out(*transfer)) return false;
+  const int wanted = transfer->writing ? POLLOUT | (watched ? POLLIN : 0) : POLLIN;
+  const timeval step = next_step(*transfer);
   const timeval start = monotonic_now();
-  timeval time = step;
-  int ready = vx_select(fd + 1, !writing || watched ? &input : nullptr, writing ? &room : nullptr,
-                        &exceptional, &time);
-  if (ready < 0 && errno != EINTR) return fail(*waiter, errno);
-  count_wait(waiter, ready, step, start);
-  if (ready <= 0) return !is_cancelled(*waiter);
-  if (VX_FD_ISSET(fd, &exceptional)) return fail(*waiter, ECONNRESET);
-  *outcome = VX_FD_ISSET(fd, writing ? &room : &input) ? Ready::kYes : Ready::kInput;
-  return true;
-}
-
-bool wait_until_readable(Waiter* waiter) {
-  for (;;) {
-    Ready outcome;
-    if (!wait_step(waiter, false, &outcome)) return false;
-    if (outcome != Ready::kNo) return true;
-  }
+  *ready = rpc_wait_for(transfer->record->socket, wanted | POLLPRI, &step);
+  if (*ready < 0 && errno != EINTR) return fail(*transfer, errno);
+  count_wait(transfer, *ready, step, start);
+  if (*ready > 0) return (*ready & POLLPRI) == 0 || fail(*transfer, ECONNRESET);
+  *ready = 0;
+  return !is_cancelled(*transfer);
 }
 
 bool has_pending_room(const TcpRecord* record) { return record->pending_length < kTcpPendingRoom; }
 
-// Reads ahead what fits. Four zero bytes where a header is expected are an empty
-// fragment, which means nothing. False when nothing will come.
+// Reads ahead what fits. Four zero bytes between records are an empty fragment, which is
+// dropped. False when nothing will come.
 bool read_pending(TcpRecord* record) {
   ssize_t got = recv(record->socket, record->pending + record->pending_length,
                      kTcpPendingRoom - record->pending_length, MSG_DONTWAIT);
@@ -178,18 +145,26 @@ bool read_pending(TcpRecord* record) {
   return true;
 }
 
-bool wait_until_writable(Waiter* waiter) {
-  TcpRecord* record = waiter->record;
-  bool watched = record->watch_input;
+bool wait_until_ready(Transfer* transfer) {
+  TcpRecord* record = transfer->record;
+  bool watched = transfer->writing && record->watch_input;
   for (;;) {
-    Ready outcome;
-    if (!wait_step(waiter, watched && has_pending_room(record), &outcome)) return false;
-    if (outcome == Ready::kYes) return true;
-    if (outcome == Ready::kInput) watched = read_pending(record);
+    int ready = 0;
+    if (!wait_step(transfer, watched && has_pending_room(record), &ready)) return false;
+    if (transfer->writing && ready == POLLIN) {
+      watched = read_pending(record);
+    } else if (ready != 0) {
+      return true;
+    }
   }
 }
 
-// --- Reading -----------------------------------------------------------------------
+// Whether a system call that failed with errno is worth another try, after a wait where it
+// needs one.
+bool may_retry(Transfer* transfer) {
+  if (errno == EINTR) return true;
+  return means_waiting(errno) ? wait_until_ready(transfer) : fail(*transfer, errno);
+}
 
 int64_t take_pending(TcpRecord* record, void* buffer, uint32_t length) {
   uint32_t taken = std::min(length, record->pending_length);
@@ -200,22 +175,14 @@ int64_t take_pending(TcpRecord* record, void* buffer, uint32_t length) {
 }
 
 // Reads once there is something. -1 with the error set, also at the end of input.
-int64_t read_ready(Waiter* waiter, const iovec* buffers, int count) {
-  TcpRecord* record = waiter->record;
+int64_t read_ready(Transfer* transfer, const iovec* buffers, int count) {
   for (;;) {
-    ssize_t got = readv(record->socket, buffers, count);
+    const ssize_t got = readv(transfer->record->socket, buffers, count);
     if (got > 0) return got;
-    const int error = got == 0 ? ECONNRESET : errno;
-    if (error == EINTR) continue;
-    if (!means_waiting(error)) {
-      fail(*waiter, error);
-      return -1;
-    }
-    if (!wait_until_readable(waiter)) return -1;
+    if (got == 0) errno = ECONNRESET;
+    if (!may_retry(transfer)) return -1;
   }
 }
-
-// --- Writing -----------------------------------------------------------------------
 
 // Sets `pieces` to what is left of the two buffers behind the first `done` bytes.
 // Returns the number of pieces.
@@ -235,30 +202,25 @@ size_t pieces_left(iovec* pieces, size_t done, const iovec* buffers) {
 }
 
 // Writes both buffers. Returns how many bytes; fewer than all with the error set.
-size_t write_all(Waiter* waiter, const iovec* buffers) {
+size_t write_all(Transfer* transfer, const iovec* buffers) {
   size_t done = 0;
   while (done < buffers[0].iov_len + buffers[1].iov_len) {
     iovec pieces[2];
     msghdr message{};
     message.msg_iov = pieces;
     message.msg_iovlen = pieces_left(pieces, done, buffers);
-    ssize_t written = sendmsg(waiter->record->socket, &message, MSG_NOSIGNAL);
+    const ssize_t written = sendmsg(transfer->record->socket, &message, MSG_NOSIGNAL);
     if (written >= 0) {
       done += static_cast<size_t>(written);
-      waiter->elapsed = {};  // a peer that takes bytes is waited for anew
-      continue;
+      transfer->elapsed = {};  // a peer that takes bytes is waited for anew
+    } else if (!may_retry(transfer)) {
+      break;
     }
-    if (errno == EINTR) continue;
-    if (!means_waiting(errno)) {
-      fail(*waiter, errno);
-      return done;
-    }
-    if (!wait_until_writable(waiter)) return done;
   }
   return done;
 }
 
-// For sendmsg, which takes what it only reads as writable.
+// sendmsg wants pointers to writable bytes, though it only reads them.
 void* writable(const void* bytes) { return const_cast<void*>(bytes); }
 
 }  // namespace
@@ -281,34 +243,24 @@ bool tcp_set_blocking(TcpRecord* record, bool blocking) {
 int64_t tcp_read(void* transport, void* buffer, uint32_t length, void* second,
                  uint32_t second_length) {
   auto* record = static_cast<TcpRecord*>(transport);
-  Waiter waiter = {record, RPC_CANTRECV, {}};
-  if (!begin(waiter)) return -1;
-  int64_t got = 0;
-  if (record->pending_length > 0) {
-    got = take_pending(record, buffer, length);
-  } else if (!tcp_set_blocking(record, shall_block(record))) {
-    fail(waiter, errno);
-  } else {
+  Transfer transfer = {record, false, {}};
+  if (!begin(transfer)) return -1;
+  int64_t got = take_pending(record, buffer, length);
+  if (got == 0) {
     const bool scatter = second != nullptr && rpc_get_io_switches().scatter_reads;
     const iovec buffers[2] = {{buffer, length}, {second, second_length}};
-    got = read_ready(&waiter, buffers, scatter ? 2 : 1);
+    got = read_ready(&transfer, buffers, scatter ? 2 : 1);
   }
-  if (got <= 0) return -1;
-  end(waiter);
+  if (got > 0) (void)is_cancelled(transfer);
   return got;
 }
 
 int64_t tcp_write(void* transport, const void* buffer, uint32_t length, const void* second,
                   uint32_t second_length) {
-  auto* record = static_cast<TcpRecord*>(transport);
-  Waiter waiter = {record, RPC_CANTSEND, {}};
-  if (!begin(waiter)) return 0;
-  if (!tcp_set_blocking(record, shall_block(record))) {
-    fail(waiter, errno);
-    return 0;
-  }
+  Transfer transfer = {static_cast<TcpRecord*>(transport), true, {}};
+  if (!begin(transfer)) return 0;
   const iovec buffers[2] = {{writable(buffer), length}, {writable(second), second_length}};
-  size_t done = write_all(&waiter, buffers);
-  if (done == buffers[0].iov_len + buffers[1].iov_len) end(waiter);
+  const size_t done = write_all(&transfer, buffers);
+  if (done == size_t{length} + second_length) (void)is_cancelled(transfer);
   return static_cast<int64_t>(done);
 }
