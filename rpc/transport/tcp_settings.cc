@@ -1,10 +1,9 @@
 #include "rpc/transport/tcp_settings.h"
 
-#include <strings.h>
-
 #include "liblocal/base/vx_once.h"
 #include "liblocal/messages/debug.h"
 #include "liblocal/startup/vxenv.h"
+#include "liblocal/text/ascii.h"
 
 namespace {
 
@@ -14,8 +13,8 @@ bool keeps_buffers = false;
 void read_mode() {
   const char* value = vxgetenv("KIV_BLOCKING_RPC");
   if (value == nullptr) return;
-  if (strcasecmp(value, "FALSE") == 0) mode = BlockingMode::kNever;
-  if (strcasecmp(value, "MUST") == 0) mode = BlockingMode::kAlways;
+  if (same_ignoring_case(value, "FALSE")) mode = BlockingMode::kNever;
+  if (same_ignoring_case(value, "MUST")) mode = BlockingMode::kAlways;
 }
 
 void read_buffers() {
