@@ -10,7 +10,6 @@
 #include "snmp/snmp_auth.h"
 #include "snmp/snmp_pdu.h"
 #include "snmp/snmp_session.h"
-#include "snmp/snmp_texts.h"
 
 namespace {
 
@@ -229,7 +228,7 @@ bool parse_value(snmp_var* var, const uint8_t* item, int32_t left, int32_t lengt
     case kAsnObjectId:
       return parse_objid_value(var, item, left);
     default:
-      vxfprintf(stderr, vxcatgets(Catd, kSnmpMessageSet, 63, "bad type returned (%x)\n"),
+      vxfprintf(stderr, vxcatgets(Catd, kCommandMessageSet, 63, "bad type returned (%x)\n"),
                 var->type);
       return true;
   }
@@ -265,9 +264,9 @@ bool parse_variables(const uint8_t* at, int32_t left, snmp_pdu* pdu) {
 }
 
 void report_version(long version) {
-  vxfprintf(stderr, vxcatgets(Catd, kSnmpMessageSet, 61, "Wrong version: %d\n"),
+  vxfprintf(stderr, vxcatgets(Catd, kCommandMessageSet, 61, "Wrong version: %d\n"),
             static_cast<int>(version));
-  vxfprintf(stderr, "%s", vxcatgets(Catd, kSnmpMessageSet, 62, "Continuing anyway\n"));
+  vxfprintf(stderr, "%s", vxcatgets(Catd, kCommandMessageSet, 62, "Continuing anyway\n"));
 }
 
 }  // namespace

@@ -98,7 +98,6 @@ class SessionTest : public testing::Test {
       if (step.starts_with("close")) snmp_close(sessions[static_cast<size_t>(argument - '0')]);
       if (step.starts_with("wait")) ask_and_wait(kSnmpGetRequest, argument - '0');
       if (step.starts_with("trap")) ask_and_wait(kSnmpTrap, argument - '0');
-      if (step == "deep" && depth == 16) ask_and_wait(kSnmpGetRequest, 8);
       if (step == "left") {
         int left = 0;
         for (; request != nullptr; request = request->next) ++left;
@@ -146,7 +145,7 @@ TEST_F(SessionTest, DefaultsAndOwnCopies) {
   EXPECT_EQ(snmp_close(session), 1);
   EXPECT_EQ(std::pair(snmp_close(session), snmp_errno), std::pair(0, -4));
   community[2] = 'b';
-  wanted = {};
+  wanted = {.retries = 0, .timeout = 0};
   wanted.community = reinterpret_cast<uint8_t*>(community);
   wanted.community_length = sizeof community;
   Reqid = 0;
@@ -250,7 +249,7 @@ TEST_F(SessionTest, RepeatsWithDoubledTimeOutsThenReports) {
 }
 
 TEST_F(SessionTest, Exchanges) {
-  const std::string many = "A007 A007 A007 A007 A007 A007 ", again = "1:7 1:7 1:7 1:7 ";
+  const std::string again = "1:7 1:7 1:7 1:7 ";
   const std::string failed = "recvfrom: Resource temporarily unavailable\n";
   const std::string one = "open ask due A207 ", three = one + one + one;
   const std::string twice = "sync A208 open ask due A207 A207 ";  // a peer that answers twice
@@ -265,12 +264,10 @@ TEST_F(SessionTest, Exchanges) {
       {"open A007 open none A007 open read read", "", "1:7 1:7 ",
        failed + "[41.67] Mangled packet\n" + failed},
       // A callback reads and waits, but nothing more is offered to its own request.
-      {twice + "read left", "read", "1:7 0left ", failed},
+      {twice + "read left", "read", "1:7 0left ", ""},
       {twice + "read left", "time wait8", "1:7 =0 0left ", failed},
       {twice + "time left", "read", "2:7 0left ", ""},
       {twice + "time left", "time wait8", "2:7 =0 0left ", ""},
-      {"open " + many + many + many + "read", "read time deep",
-       again + again + again + again + "=1 ", ""},
       // The round goes on with what is open and old, whatever a callback opens and closes.
       {three + "read", "close2", "1:7 1:7 1:7 ", ""},
       {three + "read", "close1", "1:7 1:7 ", ""},
@@ -284,10 +281,10 @@ TEST_F(SessionTest, Exchanges) {
       {"sync A207 intr wait7 left", "", "=0 0left ", ""},
       {"sync A207 badf wait7 left", "", "=1 1left ", "select: Bad file descriptor\n"},
       {"sync A107 A207 wait7 left read left A207 read", "", "=1 1left 0left ", ""},
-      {"sync A208 A207 open A007 wait7", "wait8", "1:7 =0 =0 ", ""},  // one inside another
+      {"sync A207 open A007 wait7", "wait8", "1:7 =1 =0 ", ""},  // one inside another
       {"sync open A007 wait7", "close0", "1:7 =1 ", ""},
       {"sync soon wait7 trap7 close0 wait7", "", "=2 =1 =1 ", ""},
-      {"sync soon open A007 open A007 read", "wait0", "1:7 1:7 =2 =1 ", failed + failed},
+      {"sync soon open A007 open A007 read", "wait0", "1:7 1:7 =1 =2 ", failed + failed},
   };
   for (const auto& [steps, steps_in_callback, wanted_log, told] : rows) {
     auto exchange = [&, &all = steps, &inside = steps_in_callback, &wanted = wanted_log,

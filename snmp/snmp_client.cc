@@ -2,7 +2,6 @@
 
 #include <sys/time.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 
@@ -37,27 +36,18 @@ bool is_pending(const snmp_session* session, const snmp_pdu* pdu) {
   return request != nullptr;
 }
 
-int highest_socket() {
-  int highest = 0;
-  for (const session_entry* entry = Sessions; entry != nullptr; entry = entry->next) {
-    highest = std::max(highest, entry->state->socket);
-  }
-  return std::min(highest, kVxFdSetSize - 1);
-}
-
-// Waits once for a message or for the next expiry, and lets the engine handle it.
+// Waits once for a message or for the next expiry, and lets the engine handle it. Time-outs
+// are looked at after every message, so that many messages cannot delay them.
 void wait_once() {
   int count = 0;
   int block = 1;
   timeval timeout{};
-  vx_fd_set readable;  // cleared as far as it is looked at, which is not far
-  VX_FD_ZERO_UP_TO(highest_socket(), &readable);
+  vx_fd_set readable{};
   snmp_select_info(&count, &readable, &timeout, &block);
   int ready = vx_select(count, &readable, nullptr, nullptr, &timeout);
-  if (ready > 0) {
-    snmp_read(&readable);
-  } else if (ready == 0) {
-    snmp_timeout();
+  if (ready > 0) snmp_read_round(&readable);
+  if (ready >= 0) {
+    snmp_timeout_round();
   } else if (errno != EINTR) {
     perror("select");
     snmp_synch_state.waiting = 0;
@@ -73,28 +63,27 @@ synch_state* snmp_synch_setup(snmp_session* session) {
 }
 
 int snmp_synch_response(snmp_session* session, snmp_pdu* pdu, snmp_pdu** response) {
-  // A call inside a callback may interrupt another call.
-  const synch_state interrupted = snmp_synch_state;
-  // What stands when the wait ends without an answer of its own: an error, and no
-  // response left over from an earlier call.
+  static bool under_way = false;  // from the send until the return, unlike `waiting`
+  *response = nullptr;
+  if (under_way) {
+    snmp_free_pdu(pdu);
+    snmp_fail(kSnmpErrGeneric);
+    return kSnmpSynchError;
+  }
+  under_way = true;
+  // The result when the wait ends without an answer of its own is an error.
   snmp_synch_state = {
       .waiting = 1, .status = kSnmpSynchError, .request_id = 0, .response = nullptr};
-  if (snmp_is_too_deep()) {
-    snmp_fail(kSnmpErrGeneric);
-  } else {
-    snmp_synch_state.request_id = snmp_send(session, pdu);
-  }
+  snmp_synch_state.request_id = snmp_send(session, pdu);
   if (is_pending(session, pdu)) {
-    // Not for good: a callback may close the session, and a call inside a callback
-    // sees, and does not take, what comes for this one.
+    // A callback may close the session, which ends the wait too.
     do wait_once();
     while (snmp_synch_state.waiting != 0 && is_pending(session, pdu));
   } else {
     snmp_free_pdu(pdu);  // it could not be sent, or gets no response
   }
   snmp_synch_state.waiting = 0;
+  under_way = false;
   *response = snmp_synch_state.response;
-  int status = snmp_synch_state.status;
-  if (interrupted.waiting != 0) snmp_synch_state = interrupted;
-  return status;
+  return snmp_synch_state.status;
 }

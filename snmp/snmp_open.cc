@@ -12,7 +12,6 @@
 #include "liblocal/messages/catgets.h"
 #include "liblocal/text/vxprint.h"
 #include "snmp/snmp_rounds.h"
-#include "snmp/snmp_texts.h"
 
 long Reqid = 0;
 
@@ -75,19 +74,6 @@ bool open_socket(session_state* state) {
   return snmp_fail(kSnmpErrGeneric);
 }
 
-// The address of a host by its name or dotted address.
-bool find_host(const char* name, in_addr* address) {
-  address->s_addr = inet_addr(name);
-  if (address->s_addr != INADDR_NONE) return true;
-  const hostent* host = vx_ts_gethostbyname(name);
-  if (host == nullptr) {
-    vxfprintf(stderr, vxcatgets(Catd, kSnmpMessageSet, 23, "unknown host: %s\n"), name);
-    return snmp_fail(kSnmpErrUnknownHost);
-  }
-  memcpy(address, host->h_addr_list[0], sizeof *address);
-  return true;
-}
-
 in_port_t peer_port(const snmp_session* session) {
   if (session->remote_port != 0) return htons(session->remote_port);
   const servent* service = vx_ts_getservbyname("snmp", "udp");
@@ -96,7 +82,7 @@ in_port_t peer_port(const snmp_session* session) {
 
 bool set_peer(const snmp_session* session, sockaddr_in* peer) {
   if (session->peer_name == nullptr) return true;
-  if (!find_host(session->peer_name, &peer->sin_addr)) return false;
+  if (!snmp_find_host(session->peer_name, &peer->sin_addr)) return false;
   peer->sin_family = AF_INET;
   peer->sin_port = peer_port(session);
   return true;
@@ -112,6 +98,18 @@ bool bind_socket(const snmp_session* session, int socket) {
 }
 
 }  // namespace
+
+bool snmp_find_host(const char* name, in_addr* address) {
+  address->s_addr = inet_addr(name);
+  if (address->s_addr != INADDR_NONE) return true;
+  const hostent* host = vx_ts_gethostbyname(name);
+  if (host == nullptr) {
+    vxfprintf(stderr, vxcatgets(Catd, kCommandMessageSet, 23, "unknown host: %s\n"), name);
+    return snmp_fail(kSnmpErrUnknownHost);
+  }
+  memcpy(address, host->h_addr_list[0], sizeof *address);
+  return true;
+}
 
 snmp_session* snmp_open(const snmp_session* session_template) {
   seed_request_ids();

@@ -21,40 +21,35 @@ const char* const error_string[6] = {
 
 namespace {
 
-// A copy of `bytes` bytes at `from`, or null for none; `*ok` turns false without
-// memory.
-template <typename T>
-T* duplicate(const T* from, size_t bytes, bool* ok) {
-  if (bytes == 0) return nullptr;
+// A copy of `bytes` bytes at `from`; null without memory.
+void* duplicate(const void* from, size_t bytes) {
   void* copy = malloc(bytes);
-  if (copy == nullptr) {
-    *ok = false;
-    return nullptr;
-  }
-  memcpy(copy, from, bytes);
-  return static_cast<T*>(copy);
+  if (copy != nullptr && bytes != 0) memcpy(copy, from, bytes);
+  return copy;
 }
 
-size_t subid_bytes(int32_t count) { return static_cast<size_t>(count) * sizeof(uint64_t); }
-
-bool copy_name(snmp_var* var, const uint64_t* name, int32_t name_length) {
-  bool ok = true;
-  var->name = duplicate(name, subid_bytes(name_length), &ok);
-  if (ok) var->name_length = name_length;
-  return ok;
+void free_var(snmp_var* var) {
+  free(var->name);
+  free(var->value);
+  free(var);
 }
 
-bool copy_var(snmp_var** link, const snmp_var* from) {
+// Stores a copy of `from` in `*link`, the null end of a binding list. False without memory;
+// the list is then as before.
+bool copy_var(snmp_var** link, const snmp_var& from) {
   snmp_var* var = snmp_new_var(link);
-  if (var == nullptr || !copy_name(var, from->name, from->name_length)) return false;
-  bool ok = true;
-  var->type = from->type;
-  if (from->value != nullptr) {
-    var->value = duplicate(static_cast<const char*>(from->value),
-                           static_cast<size_t>(from->value_length), &ok);
+  if (var == nullptr) return false;
+  var->name = snmp_copy_objid(from.name, from.name_length);
+  var->name_length = from.name_length;
+  var->type = from.type;
+  if (from.value != nullptr) {
+    var->value = duplicate(from.value, static_cast<size_t>(from.value_length));
+    var->value_length = from.value_length;
   }
-  if (ok) var->value_length = from->value_length;
-  return ok;
+  if (var->name != nullptr && (var->value != nullptr || from.value == nullptr)) return true;
+  free_var(var);
+  *link = nullptr;
+  return false;
 }
 
 // A copy of `pdu` that leaves out the binding at 1-based position `omitted` (0:
@@ -64,14 +59,15 @@ unique_pdu copy_pdu(const snmp_pdu* pdu, long omitted) {
   if (copy == nullptr) return nullptr;
   *copy = *pdu;
   copy->variables = nullptr;
-  bool ok = true;
-  copy->enterprise = duplicate(pdu->enterprise, subid_bytes(pdu->enterprise_length), &ok);
-  if (!ok) return nullptr;
+  if (pdu->enterprise != nullptr) {
+    copy->enterprise = snmp_copy_objid(pdu->enterprise, pdu->enterprise_length);
+    if (copy->enterprise == nullptr) return nullptr;
+  }
   snmp_var** link = &copy->variables;
   long position = 0;
   for (const snmp_var* var = pdu->variables; var != nullptr; var = var->next) {
     if (++position == omitted) continue;
-    if (!copy_var(link, var)) return nullptr;
+    if (!copy_var(link, *var)) return nullptr;
     link = &(*link)->next;
   }
   return copy;
@@ -99,9 +95,7 @@ void snmp_free_pdu(snmp_pdu* pdu) {
   snmp_var* var = pdu->variables;
   while (var != nullptr) {
     snmp_var* next = var->next;
-    free(var->name);
-    free(var->value);
-    free(var);
+    free_var(var);
     var = next;
   }
   free(pdu->enterprise);
@@ -113,17 +107,25 @@ snmp_var* snmp_new_var(snmp_var** link) {
   return *link;
 }
 
-void snmp_add_null_var(snmp_pdu* pdu, const uint64_t* name, int32_t name_length) {
+bool snmp_add_var(snmp_pdu* pdu, std::span<const uint64_t> name, uint8_t type, const void* value,
+                  int32_t value_length) {
+  snmp_var binding{};
+  binding.name = const_cast<uint64_t*>(name.data());
+  binding.name_length = static_cast<int32_t>(name.size());
+  binding.type = type;
+  binding.value = const_cast<void*>(value);
+  binding.value_length = value_length;
   snmp_var** link = &pdu->variables;
   while (*link != nullptr) link = &(*link)->next;
-  snmp_var* var = snmp_new_var(link);
-  if (var == nullptr) return;
-  if (!copy_name(var, name, name_length)) {
-    free(var);
-    *link = nullptr;
-    return;
-  }
-  var->type = kAsnNull;
+  return copy_var(link, binding);
+}
+
+void snmp_add_null_var(snmp_pdu* pdu, const uint64_t* name, int32_t name_length) {
+  (void)snmp_add_var(pdu, {name, static_cast<size_t>(name_length)}, kAsnNull, nullptr, 0);
+}
+
+uint64_t* snmp_copy_objid(const uint64_t* subids, int32_t count) {
+  return static_cast<uint64_t*>(duplicate(subids, static_cast<size_t>(count) * sizeof *subids));
 }
 
 snmp_pdu* snmp_clone_pdu(const snmp_pdu* pdu) { return copy_pdu(pdu, 0).release(); }

@@ -9,7 +9,6 @@
 #include "snmp/snmp.h"
 #include "snmp/snmp_rounds.h"
 #include "snmp/snmp_send.h"
-#include "snmp/snmp_texts.h"
 
 namespace {
 
@@ -53,7 +52,7 @@ bool read_session(session_entry* entry) {
   if (snmp_dump_packet != 0) {
     char sender[INET_ADDRSTRLEN];
     inet_ntop(AF_INET, &from.sin_addr, sender, sizeof sender);
-    vxprintf(vxcatgets(Catd, kSnmpMessageSet, 66, "recieved %d bytes from %s:\n"),
+    vxprintf(vxcatgets(Catd, kCommandMessageSet, 66, "recieved %d bytes from %s:\n"),
              static_cast<int>(length), sender);
     snmp_print_packet(packet, static_cast<int32_t>(length));
   }
@@ -67,7 +66,7 @@ bool read_session(session_entry* entry) {
     case SnmpParse::kDropped:
       return true;
     case SnmpParse::kMangled:
-      vxfprintf(stderr, "%s", vxcatgets(Catd, kSnmpMessageSet, 67, "Mangled packet\n"));
+      vxfprintf(stderr, "%s", vxcatgets(Catd, kCommandMessageSet, 67, "Mangled packet\n"));
       return false;
   }
   return true;
@@ -76,9 +75,12 @@ bool read_session(session_entry* entry) {
 }  // namespace
 
 void snmp_read(const vx_fd_set* readable) {
-  if (!snmp_begin_round()) return;
+  if (!SnmpRound::is_under_way()) snmp_read_round(readable);
+}
+
+void snmp_read_round(const vx_fd_set* readable) {
+  SnmpRound round;
   for (session_entry* entry = Sessions; entry != nullptr; entry = entry->next) {
-    if (VX_FD_ISSET(entry->state->socket, readable) && !read_session(entry)) break;
+    if (VX_FD_ISSET(entry->state->socket, readable) && !read_session(entry)) return;
   }
-  snmp_end_round();
 }

@@ -9,12 +9,7 @@ int snmp_errno = 0;
 
 namespace {
 
-// A callback that reads again for every message that it gets would otherwise use as
-// much stack as a stranger likes to send messages. A round takes some 5 KiB of it, a
-// synchronous request inside a callback 8 KiB more.
-constexpr int kMaxRounds = 16;
-
-int rounds = 0;                           // running, each inside the one before
+int rounds = 0;                           // under way: 2 while a callback waits, else 1 or 0
 session_entry* closed_entries = nullptr;  // closed since the outermost round began
 
 session_entry** find_link(const snmp_session* session) {
@@ -51,21 +46,17 @@ void free_closed_entries() {
 
 session_entry* snmp_find_entry(const snmp_session* session) { return *find_link(session); }
 
-bool snmp_is_too_deep() { return rounds == kMaxRounds; }
+SnmpRound::SnmpRound() { ++rounds; }
 
-bool snmp_begin_round() {
-  if (snmp_is_too_deep()) return false;
-  ++rounds;
-  return true;
-}
-
-void snmp_end_round() {
+SnmpRound::~SnmpRound() {
   if (--rounds > 0) return;
   for (session_entry* entry = Sessions; entry != nullptr; entry = entry->next) {
     free_requests(&entry->state->requests, true);
   }
   free_closed_entries();
 }
+
+bool SnmpRound::is_under_way() { return rounds > 0; }
 
 int snmp_call_back(int operation, snmp_session* session, snmp_pdu* pdu) {
   if (session->callback == nullptr) return 0;
@@ -81,12 +72,15 @@ bool snmp_fail(int code) {
 int snmp_close(snmp_session* session) {
   session_entry** link = find_link(session);
   session_entry* entry = *link;
-  if (entry == nullptr) return snmp_fail(kSnmpErrUnknownSession);
+  if (entry == nullptr) {
+    snmp_fail(kSnmpErrUnknownSession);
+    return 0;
+  }
   *link = entry->next;
   if (entry->state->socket != -1) close(entry->state->socket);
   entry->state->socket = -1;
   entry->next_closed = closed_entries;
   closed_entries = entry;
-  if (rounds == 0) free_closed_entries();
+  if (!SnmpRound::is_under_way()) free_closed_entries();
   return 1;
 }

@@ -1,10 +1,10 @@
-// The open sessions and the rounds over them: what the parts of the session layer
-// share. Programs include snmp_api.h.
+// The open sessions and the rounds over them: what the parts of the session layer share.
+// Programs include snmp_api.h.
 //
-// A round is one call of snmp_read or snmp_timeout. A callback may close any session
-// and start a round inside the round, so what a round may have in hand stays until
-// the outermost round ends: a closed entry and a finished request keep their memory
-// and their `next`.
+// A round reads every session once, or looks at the time of every request once. Its
+// callbacks may close any session, and a synchronous request inside a callback runs rounds
+// inside the round. So nothing that a round may still point at is freed before the outermost
+// one ends: a closed entry and a finished request keep their memory and their `next`.
 //
 // Not thread safe.
 #pragma once
@@ -23,15 +23,19 @@
   return entry->state->socket == -1;
 }
 
-/// Starts a round. False when so many are running inside each other that the stack
-/// might not hold another one; nothing is then to be ended.
-[[nodiscard]] bool snmp_begin_round();
+/// Frees, when the outermost round ends, the busy requests and the closed sessions.
+class SnmpRound {
+ public:
+  SnmpRound();
+  ~SnmpRound();
+  SnmpRound(const SnmpRound&) = delete;
+  /// Whether a round is under way.
+  static bool is_under_way();
+};
 
-/// Ends a round. With the outermost one, busy requests and closed sessions go.
-void snmp_end_round();
-
-/// Whether snmp_begin_round would fail.
-[[nodiscard]] bool snmp_is_too_deep();
+/// snmp_read and snmp_timeout as a synchronous request calls them, inside a callback too.
+void snmp_read_round(const vx_fd_set* readable);
+void snmp_timeout_round();
 
 /// Calls the session's callback, if it has one, and returns its result, else 0.
 int snmp_call_back(int operation, snmp_session* session, snmp_pdu* pdu);

@@ -12,7 +12,6 @@
 #include "liblocal/text/vxprint.h"
 #include "snmp/snmp.h"
 #include "snmp/snmp_rounds.h"
-#include "snmp/snmp_texts.h"
 
 int snmp_dump_packet = 0;
 
@@ -57,7 +56,8 @@ bool complete_pdu(snmp_pdu* pdu) {
 bool complete_address(snmp_pdu* pdu, const sockaddr_in& peer) {
   if (pdu->address.sin_addr.s_addr == 0) pdu->address = peer;
   if (pdu->address.sin_addr.s_addr != 0) return true;
-  vxfprintf(stderr, "%s", vxcatgets(Catd, kSnmpMessageSet, 64, "No remote IP address specified\n"));
+  vxfprintf(stderr, "%s",
+            vxcatgets(Catd, kCommandMessageSet, 64, "No remote IP address specified\n"));
   return snmp_fail(kSnmpErrUnknownHost);
 }
 
@@ -74,8 +74,9 @@ void snmp_print_packet(const uint8_t* packet, int32_t length) {
 int32_t snmp_prepare_packet(const snmp_session* session, const snmp_pdu* pdu, uint8_t* packet) {
   int32_t length = kSnmpMaxPacket;
   if (snmp_build_packet(session, pdu, packet, &length) != 0) {
-    vxfprintf(stderr, "%s", vxcatgets(Catd, kSnmpMessageSet, 65, "Error building packet\n"));
-    return snmp_fail(kSnmpErrGeneric);
+    vxfprintf(stderr, "%s", vxcatgets(Catd, kCommandMessageSet, 65, "Error building packet\n"));
+    snmp_fail(kSnmpErrGeneric);
+    return 0;
   }
   if (snmp_dump_packet != 0) snmp_print_packet(packet, length);
   return length;
@@ -98,7 +99,10 @@ void snmp_start_waiting(request_record* request, const timeval& sent_at) {
 
 int32_t snmp_send(snmp_session* session, snmp_pdu* pdu) {
   session_entry* entry = snmp_find_entry(session);
-  if (entry == nullptr) return snmp_fail(kSnmpErrUnknownSession);
+  if (entry == nullptr) {
+    snmp_fail(kSnmpErrUnknownSession);
+    return 0;
+  }
   if (!complete_pdu(pdu) || !complete_address(pdu, entry->state->peer_address)) return 0;
   uint8_t packet[kSnmpMaxPacket];
   int32_t length = snmp_prepare_packet(session, pdu, packet);
@@ -109,7 +113,10 @@ int32_t snmp_send(snmp_session* session, snmp_pdu* pdu) {
   c_unique_ptr<request_record> request;
   if (gets_response(pdu->command)) {
     request.reset(c_new<request_record>());
-    if (request == nullptr) return snmp_fail(kSnmpErrGeneric);
+    if (request == nullptr) {
+      snmp_fail(kSnmpErrGeneric);
+      return 0;
+    }
   }
   timeval sent_at = snmp_now();
   if (!snmp_send_packet(entry->state->socket, pdu, packet, length)) return 0;

@@ -1,4 +1,3 @@
-#include "snmp/snmp_texts.h"
 
 #include "liblocal/messages/catgets.h"
 #include "snmp/snmp_api.h"
@@ -6,16 +5,16 @@
 const char* api_errors(int index) {
   switch (index) {
     case kSnmpErrUnknownSession + 4:
-      return vxcatgets(Catd, kSnmpMessageSet, 68, "Unknown session");
+      return vxcatgets(Catd, kCommandMessageSet, 68, "Unknown session");
     case kSnmpErrUnknownHost + 4:
-      return vxcatgets(Catd, kSnmpMessageSet, 69, "Unknown host");
+      return vxcatgets(Catd, kCommandMessageSet, 69, "Unknown host");
     case kSnmpErrBadLocalPort + 4:
-      return vxcatgets(Catd, kSnmpMessageSet, 70, "Invalid local port");
+      return vxcatgets(Catd, kCommandMessageSet, 70, "Invalid local port");
     default:
-      return vxcatgets(Catd, kSnmpMessageSet, 59, "Unknown Error");
+      return vxcatgets(Catd, kCommandMessageSet, 59, "Unknown Error");
   }
 }
 
 const char* api_errstring(int /*code*/) {
-  return vxcatgets(Catd, kSnmpMessageSet, 59, "Unknown Error");
+  return vxcatgets(Catd, kCommandMessageSet, 59, "Unknown Error");
 }

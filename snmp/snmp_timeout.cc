@@ -73,10 +73,13 @@ int snmp_select_info(int* count, vx_fd_set* readable, timeval* timeout, int* blo
 }
 
 void snmp_timeout() {
-  if (!snmp_begin_round()) return;
+  if (!SnmpRound::is_under_way()) snmp_timeout_round();
+}
+
+void snmp_timeout_round() {
+  SnmpRound round;
   timeval time = snmp_now();
   for (session_entry* entry = Sessions; entry != nullptr; entry = entry->next) {
     expire_requests(entry, time);
   }
-  snmp_end_round();
 }

@@ -7,4 +7,5 @@
 /// station. `local_host` is the agent's name or dotted address. Failures are
 /// reported. Returns the exit status: 0 when the datagram was handed to the
 /// system, else 1.
-[[nodiscard]] int deliver_trap(const TrapOptions& options, const char* local_host, char* message);
+[[nodiscard]] int deliver_trap(const TrapOptions& options, const char* local_host,
+                               const char* message);

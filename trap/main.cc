@@ -10,7 +10,6 @@
 #include "liblocal/text/vxprint.h"
 #include "trap/delivery.h"
 #include "trap/message.h"
-#include "trap/message_set.h"
 #include "trap/options.h"
 #include "trap/probe.h"
 #include "trap/uptime.h"
@@ -26,7 +25,7 @@ int main(int argc, char** argv) {
   TrapOptions options = parse_command_line(argc, argv);
   FILE* source = open_message_source(options.file);
   if (snmp_dump_uptime != 0) {
-    vxfprintf(stderr, vxcatgets(Catd, kMessageSet, 26, "Up time: %lu\n"), boot_uptime());
+    vxfprintf(stderr, vxcatgets(Catd, kCommandMessageSet, 26, "Up time: %lu\n"), boot_uptime());
   }
   char local_host[256];
   vx_getlocalhost(local_host, sizeof local_host);

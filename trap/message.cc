@@ -9,7 +9,6 @@
 #include "liblocal/text/utf8.h"
 #include "liblocal/text/utf8_files.h"
 #include "liblocal/text/vxprint.h"
-#include "trap/message_set.h"
 
 namespace {
 
@@ -50,7 +49,7 @@ FILE* open_message_source(const char* file) {
   if (file != nullptr && *file != '\0' && strcmp(file, "-") != 0) {
     source = utf8_fopen(file, "r");
     if (source == nullptr) {
-      vxprintf(vxcatgets(Catd, kMessageSet, 25, "file %s does not exist\n"), file);
+      vxprintf(vxcatgets(Catd, kCommandMessageSet, 25, "file %s does not exist\n"), file);
       exit(1);
     }
   }

@@ -11,7 +11,6 @@
 #include "liblocal/startup/vxinit.h"
 #include "liblocal/text/vxprint.h"
 #include "snmp/snmp_api.h"
-#include "trap/message_set.h"
 
 int Verbose = 0;
 int snmp_dump_uptime = 0;
@@ -85,7 +84,7 @@ TrapOptions parse_by_position(int argc, char** argv) {
         if (i + 1 < argc) options.community = argv[++i];
         break;
       default:
-        vxprintf(vxcatgets(Catd, kMessageSet, 24, "invalid option: -%c\n"), argv[i][1]);
+        vxprintf(vxcatgets(Catd, kCommandMessageSet, 24, "invalid option: -%c\n"), argv[i][1]);
         print_usage();
     }
   }
@@ -101,7 +100,7 @@ TrapOptions parse_command_line(int argc, char** argv) {
   use_default(&options.trap, kDefaultTrap);
   use_default(&options.specific, kDefaultSpecific);
   if (Verbose != 0) {
-    vxprintf(vxcatgets(Catd, kMessageSet, 73, "community = %s\ttrap = %s\tspecific=%s\n"),
+    vxprintf(vxcatgets(Catd, kCommandMessageSet, 73, "community = %s\ttrap = %s\tspecific=%s\n"),
              options.community, options.trap, options.specific);
   }
   if (is_empty(options.host)) print_usage();
@@ -111,7 +110,7 @@ TrapOptions parse_command_line(int argc, char** argv) {
 void print_usage() {
   char name[1024];
   vxfprintf(stderr,
-            vxcatgets(Catd, kMessageSet, 22,
+            vxcatgets(Catd, kCommandMessageSet, 22,
                       "usage: %s [-c community] [-t trap_type] [-s specific_trap] [-v] "
                       "management_station\n"),
             vx_get_progname(name, sizeof name));

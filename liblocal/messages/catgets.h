@@ -3,8 +3,7 @@
 // Every text is written at its call site as an English default; a catalog, when
 // one is open, replaces it. Texts are UTF-8.
 //
-// Sets: 41 the command and the SNMP engine, 17 the runtime and the RPC engine, 21 more
-// of the RPC engine's. Message 264 of set 17 marks the version of a catalog.
+// Message 264 of set 17 marks the version of a catalog.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +12,10 @@
 /// vxcatgets and never change it.
 extern int64_t Catd;
 
-constexpr int32_t kRuntimeMessageSet = 17;  // of the runtime and the RPC engine
+// The sets, by whose texts they hold.
+constexpr int32_t kRuntimeMessageSet = 17;  ///< the runtime, and some of the RPC engine
+constexpr int32_t kRpcMessageSet = 21;      ///< the RPC engine
+constexpr int32_t kCommandMessageSet = 41;  ///< the command and the SNMP engine
 
 /// The text of message `number` of `set`: the catalog's, or `default_text`
 /// itself when no catalog is open or it holds no such message. Until _vxinit has

@@ -14,7 +14,6 @@
 
 struct vx_mutex;
 
-constexpr int32_t kRpcMessageSet = 21;            // of the message catalog
 constexpr int32_t kServerTransportSlots = 65536;  // one for each descriptor
 constexpr int32_t kServerTransportGroup = 256;    // slots that come into being together
 
