@@ -20,9 +20,8 @@
 /// RPC_PROGNOTREGISTERED, or what a client could not be made for; the last port
 /// mapper's counts.
 ///
-/// An address of this host is answered from the thread's port cache when that knows
-/// (pmap_cache.h), without asking anybody. The own port mapper's answers for this host
-/// go into the cache. Thread safe.
+/// For an address of this host the thread's port cache (pmap_cache.h) answers first, without
+/// any traffic. Answers of the runtime's own port mapper for this host are put into it. Thread safe.
 [[nodiscard]] uint16_t __brix_pmap_getport(sockaddr_in* server, unsigned long program,
                                            unsigned long version, unsigned long protocol);
 
@@ -30,5 +29,6 @@
 using pmap_fallback_function = uint16_t (*)(unsigned long program, unsigned long version,
                                             unsigned long protocol);
 
-/// Lets `function` (null: nothing) be asked after the standard port mapper. Thread safe.
+/// Installs `function` (null: none), which is asked when the standard port mapper gave no
+/// port. Thread safe.
 void pmap_fallback(pmap_fallback_function function);

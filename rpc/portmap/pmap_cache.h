@@ -3,7 +3,7 @@
 // "KIVENV_PMAPS", and processes that this one starts get it the same way.
 //
 // The variable holds groups "{program,version,protocol,port}" of decimal numbers with
-// nothing between them. What does not read like that ends it, without a word.
+// nothing between them. Reading stops at the first text of another form.
 //
 // Thread safety: all operations may be called from any thread and work on that
 // thread's cache. Exporting changes the environment (see liblocal/startup/vxenv.h).
@@ -14,19 +14,19 @@
 
 #include "rpc/portmap/pmap.h"
 
-constexpr size_t kPmapsSize = 12288;  // bytes of the variable's value with its NUL
+constexpr size_t kPmapsSize = 12288;  ///< bytes of the variable's value with its NUL
 
 /// The port that the calling thread's cache has for a program; 0 when there is none or
 /// caches are switched off.
 [[nodiscard]] unsigned long pmap_cached_port(unsigned long program, unsigned long version,
                                              unsigned long protocol);
 
-/// Whether an answer about this program is for the cache: it is one of the runtime's own
-/// services, and caches are not switched off.
+/// Whether answers about this program are kept: it is one of the runtime's own services, and
+/// caches are not switched off.
 [[nodiscard]] bool pmap_is_cacheable(unsigned long program, unsigned long protocol);
 
-/// Puts an answer for the cache into it, or the new port into the entry that is there.
-/// Other answers are left out, as is one that there is no memory for. With
+/// Puts an answer that is cacheable into the cache, or its port into the entry that is
+/// there. Other answers are left out, as is one that there is no memory for. With
 /// `export_cache` other than 0 the whole cache then goes into the environment, up to
 /// kPmapsSize.
 void populate_pmaps(unsigned long program, unsigned long version, unsigned long protocol,
@@ -38,7 +38,6 @@ void add_pamp_to_env(unsigned long program, unsigned long version);
 /// Switches the caches of all threads off, for good: they are neither read nor filled.
 void disable_cacheable_pmap();
 
-/// Reads one group at `text` into `*mapping`. Returns where the text goes on behind it;
-/// null when there is no whole group. Numbers are read as far as they are some, with a
-/// sign, 0 for none.
+/// Reads one group at `text` into `*mapping`. Returns the text behind it; null when there is
+/// no whole group. A number may have a sign; text that is none gives 0.
 [[nodiscard]] const char* pmap_parse_group(const char* text, pmap* mapping);

@@ -14,17 +14,17 @@
 #include "rpc/messages/rpc_msg.h"
 #include "rpc/xdr/xdr.h"
 
-constexpr int32_t kRefreshTries = 2;  // of the credentials, within a call
+constexpr int32_t kRefreshTries = 2;  ///< of the credentials, within a call
 
 /// What the record of a client begins with. It holds the client itself.
 struct ClientRecord {
   CLIENT handle;
   int32_t socket;
-  bool close_socket;  // by destroy
-  bool confirmed;     // a call was accepted
+  bool close_socket;  ///< by destroy
+  bool confirmed;     ///< a call was accepted
   sockaddr_in server;
-  rpc_err error;  // of the last call
-  XDR stream;     // calls are encoded here
+  rpc_err error;  ///< of the last call
+  XDR stream;     ///< calls are encoded here
 };
 
 /// The record of `client`.
@@ -75,13 +75,17 @@ clnt_stat rpc_finish(ClientRecord* record, clnt_stat status, int32_t detail = 0)
 /// confirmed may do, or because it made new credentials, at most `*refreshes` times more.
 [[nodiscard]] bool rpc_try_again(CLIENT* client, int32_t* refreshes);
 
-/// The operations abort, geterr and freeres of both transports.
+/// The operation abort of both transports: does nothing.
 void rpc_abort(CLIENT* client);
+
+/// Their operation geterr.
 void rpc_geterr(CLIENT* client, rpc_err* error);
+
+/// Their operation freeres.
 bool rpc_freeres(CLIENT* client, xdrproc_t results_filter, void* results);
 
-/// The control requests of both transports; false for all others, and where a result has no
-/// place to go.
+/// The control requests that both transports know; false for all others, and for null where
+/// a value is asked for.
 bool rpc_control(ClientRecord* record, uint32_t request, void* information);
 
 /// The answer to a control request for `value`: false when `information` is null.
