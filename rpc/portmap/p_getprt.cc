@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "liblocal/hosts/get_myad.h"
+#include "rpc/handle/clnt.h"
 #include "rpc/handle/rpcvarp.h"
 #include "rpc/portmap/pmap.h"
 #include "rpc/portmap/pmap_cache.h"

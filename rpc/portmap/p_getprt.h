@@ -7,11 +7,8 @@
 #pragma once
 
 #include <netinet/in.h>
-#include <sys/time.h>
 
 #include <cstdint>
-
-#include "rpc/handle/clnt.h"
 
 /// The port, in host order, on which `program` and `version` of the IP protocol
 /// `protocol` are served at `server`; 0 when there is none. The address's own port is
@@ -21,7 +18,8 @@
 /// mapper's counts.
 ///
 /// For an address of this host the thread's port cache (pmap_cache.h) answers first, without
-/// any traffic. Answers of the runtime's own port mapper for this host are put into it. Thread safe.
+/// any traffic. Answers of the runtime's own port mapper for this host are put into it.
+/// Thread safe.
 [[nodiscard]] uint16_t __brix_pmap_getport(sockaddr_in* server, unsigned long program,
                                            unsigned long version, unsigned long protocol);
 
