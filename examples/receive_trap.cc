@@ -13,7 +13,7 @@
 
 namespace {
 
-// A stranger wrote it, so nothing in it may act on the terminal.
+// The text comes from a stranger: control characters must not reach the terminal.
 void print_text(const snmp_var& variable) {
   const auto* bytes = static_cast<const uint8_t*>(variable.value);
   for (int32_t i = 0; i < variable.value_length; ++i) putchar(isprint(bytes[i]) ? bytes[i] : '.');
@@ -40,7 +40,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   bool received = false;
-  snmp_session wanted = {};
+  snmp_session wanted;
   wanted.local_port = static_cast<uint16_t>(atoi(argv[1]));
   wanted.callback = on_message;
   wanted.callback_arg = &received;

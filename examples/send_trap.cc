@@ -3,7 +3,6 @@
 //   send_trap HOST PORT TEXT
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 
 #include "liblocal/startup/vxinit.h"
 #include "liblocal/text/vxprint.h"
@@ -21,19 +20,14 @@ snmp_pdu* make_trap(const char* text) {
   if (trap == nullptr) return nullptr;
   trap->generic_trap = kEnterpriseSpecific;
   trap->specific_trap = 1;
-  snmp_add_null_var(trap, kSysDescr, std::size(kSysDescr));
-  snmp_var* variable = trap->variables;
-  if (variable == nullptr || (variable->value = strdup(text)) == nullptr) {
-    snmp_free_pdu(trap);
-    return nullptr;
-  }
-  variable->type = kAsnOctetString;
-  variable->value_length = static_cast<int32_t>(strlen(text));
-  return trap;
+  auto length = static_cast<int32_t>(strlen(text));
+  if (snmp_add_var(trap, kSysDescr, kAsnOctetString, text, length)) return trap;
+  snmp_free_pdu(trap);
+  return nullptr;
 }
 
 bool send_trap(const char* host, uint16_t port, snmp_pdu* trap) {
-  snmp_session wanted = {};  // community "public"
+  snmp_session wanted;  // a new record asks for every default, such as community "public"
   wanted.peer_name = const_cast<char*>(host);
   wanted.remote_port = port;
   snmp_session* session = snmp_open(&wanted);
