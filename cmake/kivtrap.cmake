@@ -1,5 +1,7 @@
-# Flags and the few functions that every folder's CMakeLists.txt is written in.
+# The compiler's flags, and the functions that the CMakeLists.txt of the folders call.
+# All of it is seen in this project only, also where a parent includes it.
 
+include(CheckCXXCompilerFlag)
 include(GNUInstallDirs)
 
 set(CMAKE_CXX_STANDARD 20)
@@ -8,37 +10,42 @@ set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_C_STANDARD 11)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
-if(NOT CMAKE_BUILD_TYPE)
+if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release CACHE STRING "" FORCE)
 endif()
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
 set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g")
 
-# What every target is compiled with, tests and benchmarks included.
-add_library(kiv_common INTERFACE)
-target_include_directories(kiv_common INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
-target_compile_options(kiv_common INTERFACE
+# The flags of every target, tests and benchmarks included.
+add_library(kivtrap_common INTERFACE)
+target_include_directories(kivtrap_common INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(kivtrap_common INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wold-style-cast -Wformat=2
   $<$<BOOL:${KIV_WERROR}>:-Werror>)
 if(KIV_SANITIZE)
-  target_compile_options(kiv_common INTERFACE
+  target_compile_options(kivtrap_common INTERFACE
     -fsanitize=${KIV_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
-  target_link_options(kiv_common INTERFACE -fsanitize=${KIV_SANITIZE})
+  target_link_options(kivtrap_common INTERFACE -fsanitize=${KIV_SANITIZE})
 endif()
 
-# What the product alone is compiled with: failure never unwinds.
-add_library(kiv_product INTERFACE)
-target_link_libraries(kiv_product INTERFACE kiv_common)
-target_compile_options(kiv_product INTERFACE
-  -fno-exceptions -fno-rtti -ffunction-sections -fdata-sections
-  -fstack-protector-strong -fcf-protection)
-if(NOT KIV_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
-  # Fortified string calls hide the accesses that a sanitizer wants to see.
-  target_compile_options(kiv_product INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+# The further flags of the product. Fortified string calls want optimisation, and hide the
+# accesses that a sanitizer has to see. Not every architecture has -fcf-protection.
+check_cxx_compiler_flag(-fcf-protection KIV_HAS_CF_PROTECTION)
+add_library(kivtrap_product INTERFACE)
+target_link_libraries(kivtrap_product INTERFACE kivtrap_common)
+target_compile_options(kivtrap_product INTERFACE
+  -fno-exceptions -fno-rtti -ffunction-sections -fdata-sections -fstack-protector-strong
+  $<$<BOOL:${KIV_HAS_CF_PROTECTION}>:-fcf-protection>)
+if(NOT KIV_SANITIZE)
+  target_compile_options(kivtrap_product INTERFACE
+    "$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
 endif()
 
-# kiv_library(NAME [DEPENDS names...]): kivtrap_NAME, the static library of every .cc in
-# this folder but the tests.
+# The version as a macro, in a header that is installed beside the others.
+configure_file(cmake/version.h.in include/liblocal/version.h)
+
+# kiv_library(NAME [DEPENDS names...]): the static library kivtrap_NAME of every .cc in this
+# folder but the tests.
 function(kiv_library name)
   cmake_parse_arguments(ARG "" "" "DEPENDS" ${ARGN})
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS *.cc)
@@ -50,17 +57,17 @@ function(kiv_library name)
   set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name} EXPORT_NAME ${name})
   target_compile_features(${target} PUBLIC cxx_std_20)
   target_include_directories(${target} PUBLIC
-    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/kivtrap>)
-  target_link_libraries(${target} PUBLIC ${ARG_DEPENDS} PRIVATE $<BUILD_INTERFACE:kiv_product>)
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/kivtrap>)
+  target_link_libraries(${target} PUBLIC ${ARG_DEPENDS} PRIVATE $<BUILD_INTERFACE:kivtrap_product>)
 endfunction()
 
-# kiv_program(NAME source... DEPENDS names...): a program that needs libc alone
-# at run time.
+# kiv_program(NAME source... DEPENDS names...): a program that needs libc alone at run time.
 function(kiv_program name)
   cmake_parse_arguments(ARG "" "" "DEPENDS" ${ARGN})
   list(TRANSFORM ARG_DEPENDS PREPEND kivtrap_)
   add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
-  target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} kiv_product)
+  target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} kivtrap_product)
   target_link_options(${name} PRIVATE
     -pie -Wl,-z,relro,-z,now -Wl,--gc-sections -static-libgcc -static-libstdc++)
 endfunction()
