@@ -2,16 +2,14 @@
 include(CMakePackageConfigHelpers)
 
 install(TARGETS kivtrap DESTINATION ${CMAKE_INSTALL_BINDIR})
-configure_file(docs/man/kivtrap.1.in kivtrap.1 @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kivtrap.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES packaging/completions/kivtrap.bash RENAME kivtrap
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 install(FILES packaging/completions/_kivtrap
   DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
 install(FILES packaging/completions/kivtrap.fish
   DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
-install(FILES README.md CHANGELOG.md SECURITY.md docs/architecture.md
-  DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES CHANGELOG.md SECURITY.md docs/architecture.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} FILES_MATCHING PATTERN "*.cc")
 
 # The libraries: headers by folder, archives, a CMake package and pkg-config files.
 set(KIV_LIBRARIES liblocal snmp rpc)
@@ -40,17 +38,20 @@ endfunction()
 kiv_pkg_config(snmp "SNMPv1 engine of kivtrap")
 kiv_pkg_config(rpc "ONC RPC client runtime of kivtrap")
 
-# The manual page of an engine, around an example program as it is compiled.
-function(kiv_manual page example)
-  set(source ${PROJECT_SOURCE_DIR}/examples/${example})
+# The manual pages, with the version and, in @PROGRAM@, example programs.
+set(EXAMPLES ${CMAKE_INSTALL_FULL_DOCDIR}/examples)
+foreach(program send_trap get_value rpc_ping)
+  set(source ${PROJECT_SOURCE_DIR}/examples/${program}.cc)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
-  file(READ ${source} EXAMPLE)
-  string(STRIP "${EXAMPLE}" EXAMPLE)
-  string(REPLACE "\\" "\\e" EXAMPLE "${EXAMPLE}")
-  string(REPLACE "-" "\\-" EXAMPLE "${EXAMPLE}")
-  string(REPLACE "'" "\\(aq" EXAMPLE "${EXAMPLE}")
+  file(READ ${source} text)
+  string(STRIP "${text}" text)
+  string(REPLACE "\\" "\\e" text "${text}")
+  string(REPLACE "-" "\\-" text "${text}")
+  string(REPLACE "'" "\\(aq" ${program} "${text}")
+endforeach()
+foreach(page kivtrap.1 kivtrap-snmp.3 kivtrap-rpc.3)
   configure_file(docs/man/${page}.in ${page} @ONLY)
-  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
-endfunction()
-kiv_manual(kivtrap-snmp.3 send_trap.cc)
-kiv_manual(kivtrap-rpc.3 rpc_ping.cc)
+  string(REGEX MATCH "[0-9]$" section ${page})
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${page}
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+endforeach()
