@@ -19,8 +19,8 @@ foreach(library ${KIV_LIBRARIES})
   install(DIRECTORY ${library} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kivtrap
     FILES_MATCHING PATTERN "*.h")
 endforeach()
-install(FILES ${PROJECT_BINARY_DIR}/include/liblocal/version.h
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kivtrap/liblocal)
+install(FILES ${PROJECT_BINARY_DIR}/include/liblocal/base/version.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kivtrap/liblocal/base)
 install(EXPORT kivtrap NAMESPACE kivtrap:: FILE kivtrap-config.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kivtrap)
 write_basic_package_version_file(kivtrap-config-version.cmake COMPATIBILITY SameMinorVersion)

@@ -42,7 +42,7 @@ if(NOT KIV_SANITIZE)
 endif()
 
 # The version as a macro, in a header that is installed beside the others.
-configure_file(cmake/version.h.in include/liblocal/version.h)
+configure_file(cmake/version.h.in include/liblocal/base/version.h)
 
 # kiv_library(NAME [DEPENDS names...]): the static library kivtrap_NAME of every .cc in this
 # folder but the tests.

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 
+#include "liblocal/base/version.h"
 #include "rpc/handle/clnt.h"
 
 /// A client of `program` and `version` on `host`, with the transport's own buffer

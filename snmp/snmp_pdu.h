@@ -11,6 +11,8 @@
 #include <memory>
 #include <span>
 
+#include "liblocal/base/version.h"
+
 // PDU tags, the values of snmp_pdu::command.
 constexpr uint8_t kSnmpGetRequest = 0xA0;
 constexpr uint8_t kSnmpGetNextRequest = 0xA1;

@@ -5,6 +5,7 @@
 // thread, before any other thread exists.
 #pragma once
 
+#include "liblocal/base/version.h"
 #include "liblocal/messages/progname.h"
 #include "liblocal/messages/vxinit_done.h"
 
