@@ -7,7 +7,7 @@
 #include <optional>
 
 #include "rpc/auth/auth.h"
-#include "tests/failing_calls.h"
+#include "tests/fakes.h"
 #include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
 #include "tests/work.h"
@@ -80,9 +80,9 @@ TEST_F(CreateTest, WhatCannotBeMade) {
     SCOPED_TRACE(testing::PrintToString(transport));
     *__get_rpc_createerr() = kUntouched;
     if (environment != nullptr) setenv("KIV_TRANSPORT", environment, 1);
-    failing_calls::refuse(failing_calls::waits, EIO, error == EIO ? 2 : 0);
+    fakes::refuse(fakes::waits, EIO, error == EIO ? 2 : 0);
     client_ = clnt_create_with_auth(host, 100122, 0, transport, kAuthMethodsNone);
-    failing_calls::refuse(failing_calls::waits, 0, 0);
+    fakes::refuse(fakes::waits, 0, 0);
     unsetenv("KIV_TRANSPORT");
     expect_not_created(status, error);
     EXPECT_EQ(__get_rpc_createerr()->cause.status == RPC_CANTRECV, error == EIO);

@@ -10,12 +10,13 @@
 
 #include "snmp/snmp.h"
 #include "snmp/snmp_client.h"
-#include "tests/failing_calls.h"
-#include "tests/failing_malloc.h"
+#include "tests/fakes.h"
 #include "tests/machine.h"
 #include "tests/work.h"
 
 namespace {
+
+const fakes::NumberedTexts numbered;
 
 // A message without community and bindings, by the PDU's tag and the request id in hex.
 std::string message(const char* tag, const char* id = "07") {
@@ -92,8 +93,8 @@ class SessionTest : public testing::Test {
       if (step == "time") snmp_timeout();
       if (step == "none") answer("");
       if (step[0] == 'A') answer(message(step.substr(0, 2).c_str(), step.substr(2).c_str()));
-      if (step == "intr") failing_calls::refuse(failing_calls::waits, EINTR, 2);
-      if (step == "badf") failing_calls::refuse(failing_calls::waits, EBADF);
+      if (step == "intr") fakes::refuse(fakes::waits, EINTR, 2);
+      if (step == "badf") fakes::refuse(fakes::waits, EBADF);
       if (step.starts_with("take")) result = argument - '0';  // what callbacks return
       if (step.starts_with("close")) snmp_close(sessions[static_cast<size_t>(argument - '0')]);
       if (step.starts_with("wait")) ask_and_wait(kSnmpGetRequest, argument - '0');
@@ -298,7 +299,7 @@ TEST_F(SessionTest, Exchanges) {
       EXPECT_EQ(snmp_synch_state.waiting, 0);
       close_all();
     };
-    EXPECT_EQ(pieces_left_by(exchange), 0) << steps;
+    EXPECT_EQ(fakes::pieces_left_by(exchange), 0) << steps;
   }
 }
 
@@ -359,7 +360,7 @@ TEST_F(SessionTest, EveryAllocationMayFail) {
   const uint64_t name[] = {1, 3, 6};
   auto refuse_one = [&](int granted) {
     unique_pdu pdu(snmp_pdu_create(kSnmpGetRequest)), received(snmp_pdu_create(0)), copy;
-    const FailingMalloc failing(granted, 1);
+    const fakes::FailingMalloc failing(granted, 1);
     snmp_errno = 0;
     snmp_session* session = snmp_open(&wanted);
     EXPECT_EQ(session == nullptr, Sessions == nullptr);
@@ -375,7 +376,7 @@ TEST_F(SessionTest, EveryAllocationMayFail) {
     close_all();
     return failing.failed();
   };
-  EXPECT_EQ(pieces_left_by([&] {
+  EXPECT_EQ(fakes::pieces_left_by([&] {
               for (int granted = 0; refuse_one(granted);) ++granted;
             }),
             0);

@@ -7,9 +7,12 @@
 #include "snmp/snmp_auth.h"
 #include "snmp/snmp_pdu.h"
 #include "snmp/snmp_session.h"
+#include "tests/fakes.h"
 #include "tests/machine.h"
 
 namespace {
+
+const fakes::NumberedTexts numbered;
 
 // Of the message decoded last: its community, with the byte behind it, and its PDU.
 std::string community;

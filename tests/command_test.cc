@@ -44,7 +44,7 @@ class CommandTest : public MachineTest {
   static machine::Command kivtrap(std::vector<std::string> words,
                                   std::string input = "disk full\n") {
     words.insert(words.begin(), KIVTRAP);
-    return {std::move(words), std::move(input)};
+    return {std::move(words), std::move(input), {"NUMBERED_TEXTS="}};
   }
   // The datagram that arrived, in hex; "" for none.
   std::string arrived() const { return to_hex(station->receive_now().value_or("")); }
@@ -123,7 +123,8 @@ TEST_F(CommandTest, MessageIsTheFirstLineLessItsLastByte) {
   const std::string locale = compile_locale(place.path(), "ISO-8859-1");
   for (const auto& [input, text] : cases) {
     machine::Command command = kivtrap({"manager"}, input);
-    command.environment = {"LOCPATH=" + place.path(), "LC_ALL=" + locale};
+    command.environment.insert(command.environment.end(),
+                               {"LOCPATH=" + place.path(), "LC_ALL=" + locale});
     expect(command, trap_message(text));
   }
 }
@@ -196,7 +197,7 @@ TEST_F(CommandTest, TextIsWrappedWhereTheStationIsRegistered) {
     const machine::RpcServer own(7938, "127.0.0.1", machine::port_mapper(port));
     const std::string a38(38, 'a'), b20(20, 'b');
     machine::Command command = kivtrap({"manager"}, a38 + " " + b20 + "\n");
-    command.environment = {choice};
+    command.environment.emplace_back(choice);
     expect(command, trap_message(a38 + between + b20));
     ASSERT_EQ(own.requests().size(), calls) << choice;
     EXPECT_TRUE(calls == 0 || own.requests()[0].substr(4) == asked);

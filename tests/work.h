@@ -1,4 +1,4 @@
-// Work done by several threads or short of descriptors, and what it tells on standard error.
+// Work done by several threads or short of descriptors, and what it writes to standard error.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -35,12 +35,13 @@ struct DescriptorLimit {
   rlimit before{};
 };
 
-/// What `work` writes to standard error in a program named kivtrap, with `Debug` at `level`.
+/// What `work` writes to standard error in a program named kivtrap, with `Debug` at `level`,
+/// which is set back afterwards.
 inline std::string printed(int level, auto work) {
   vx_set_progname("kivtrap");
-  Debug = level;
+  const int before = Debug.exchange(level);
   testing::internal::CaptureStderr();
   work();
-  Debug = 0;
+  Debug = before;
   return testing::internal::GetCapturedStderr();
 }

@@ -11,7 +11,7 @@
 #include "rpc/xdr/x_mem.h"
 #include "rpc/xdr/xdr.h"
 #include "rpc/xdr/xdr_object.h"
-#include "tests/failing_malloc.h"
+#include "tests/fakes.h"
 #include "tests/machine.h"
 
 /// A stream over memory of its own. A blind one is as a connection's: it tells neither what
@@ -66,7 +66,7 @@ void expect_carried(xdrproc_t filter, std::string_view hex, const T& start = {})
   auto decode = [&](TestStream::Kind kind, size_t length, int granted) {
     T object = start;
     TestStream stream(bytes.substr(0, length), kind);
-    FailingMalloc failing(granted, 1);
+    fakes::FailingMalloc failing(granted, 1);
     const bool decoded = filter(stream.get(), &object);
     EXPECT_NE(decoded, failing.failed() || length < bytes.size()) << length << " " << granted;
     EXPECT_TRUE(!decoded || encoded(filter, &object) == hex) << hex;
@@ -79,7 +79,7 @@ void expect_carried(xdrproc_t filter, std::string_view hex, const T& start = {})
       for (int granted = 0; decode(kind, bytes.size(), granted);) ++granted;
     }
   };
-  EXPECT_EQ(pieces_left_by(decode_all), 0);
+  EXPECT_EQ(fakes::pieces_left_by(decode_all), 0);
 }
 
 /// What a record stream is over: it reads and writes strings.

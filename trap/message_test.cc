@@ -5,12 +5,14 @@
 #include <algorithm>
 
 #include "liblocal/text/utf8.h"
-#include "tests/failing_malloc.h"
+#include "tests/fakes.h"
 #include "tests/rpc_server.h"
 #include "trap/delivery.h"
 #include "trap/probe.h"
 
 namespace {
+
+const fakes::NumberedTexts numbered;
 
 TEST(WrapLine, Breaks) {
   const std::string a38(38, 'a'), a40(40, 'a'), a41(41, 'a'), b20(20, 'b'), c19(19, 'c');
@@ -44,7 +46,7 @@ TEST(Trap, EveryAllocationMayFail) {
     rewind(source);
     utf8_fp(source);
     testing::internal::CaptureStdout();
-    FailingMalloc failing(granted, 1);
+    fakes::FailingMalloc failing(granted, 1);
     const c_unique_ptr<char> message = read_message(source, false);
     EXPECT_STREQ(message.get(), granted == 0 ? "line 2" : "line 1");
     const int status = deliver_trap(options, "10.0.0.1", message.get());
@@ -60,7 +62,7 @@ TEST(Trap, EveryAllocationMayFail) {
 TEST(WantsWrappedText, LeavesNothingBehind) {
   if (machine::skip_without_ports()) return;
   const machine::RpcServer mapper(7938, "127.0.0.1", machine::port_mapper(4711));
-  EXPECT_EQ(pieces_left_by([] { EXPECT_TRUE(wants_wrapped_text("127.0.0.1")); }), 0);
+  EXPECT_EQ(fakes::pieces_left_by([] { EXPECT_TRUE(wants_wrapped_text("127.0.0.1")); }), 0);
 }
 
 }  // namespace

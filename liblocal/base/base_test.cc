@@ -18,7 +18,7 @@
 #include "liblocal/base/vx_thread.h"
 #include "liblocal/base/xmalloc.h"
 #include "liblocal/messages/progname.h"
-#include "tests/failing_malloc.h"
+#include "tests/fakes.h"
 #include "tests/work.h"
 
 static void say(const char* what) { fputs(what, stderr); }
@@ -101,7 +101,7 @@ TEST(VxPrimitives, WithoutHandleOrMemory) {
   in_threads(1, [](int) {
     vx_error_set_last(0, 1);
     EXPECT_TRUE(vx_list_take_first(nullptr) == nullptr && vx_error_get_last() == 31);
-    FailingMalloc nothing(0);
+    fakes::FailingMalloc nothing(0);
     EXPECT_TRUE(vx_mutex_new() == nullptr && vx_error_get_last() == 53);
     EXPECT_TRUE(vx_atomic_new(1) == nullptr && vx_threadstorage_new(nullptr) == nullptr);
     std::atomic<vx_mutex*> slot;
@@ -164,7 +164,7 @@ TEST(VxError, EachThreadHasItsOwnAndMessagesAreCut) {
   in_threads(1, [](int) {
     EXPECT_EQ(vx_error_get_last(), 0);
     {
-      FailingMalloc nothing(0);
+      fakes::FailingMalloc nothing(0);
       EXPECT_EQ(vx_error_set_last(EAGAIN, 1), nullptr);
       EXPECT_EQ(last_message(), "Unknown error");
     }
@@ -295,7 +295,7 @@ TEST(VxReference, TheLowestFreeSlotIsTaken) {
   std::vector<Probe> probes(5000);
   size_t taken = 0;
   auto fill_the_table = [&](int granted) {
-    FailingMalloc shortage(granted);
+    fakes::FailingMalloc shortage(granted);
     const size_t before = taken;
     while (probes[taken].take_slot() >= 0) ++taken;
     EXPECT_EQ(vx_error_get_last(), 53);
@@ -303,7 +303,7 @@ TEST(VxReference, TheLowestFreeSlotIsTaken) {
   };
   probes[taken++].take_slot();  // what the table needs once is there now
   fill_the_table(0);
-  EXPECT_EQ((FailingMalloc(1), vx_mutex_new()), nullptr) << "for want of a slot";
+  EXPECT_EQ((fakes::FailingMalloc(1), vx_mutex_new()), nullptr) << "for want of a slot";
   EXPECT_EQ(fill_the_table(1), 16U) << "it grows by so many";
   const size_t last = taken - 1;
   for (size_t left : {last - 7, last - 2, last - 4}) EXPECT_EQ(vx_unreference(&probes[left]), 101);
@@ -333,7 +333,7 @@ TEST(Liblvarp, EveryThreadHasABlockForItsLife) {
       EXPECT_NE(vx_thread_self(), nullptr);
     });
   };
-  EXPECT_EQ(pieces_left_by(live), 0);
+  EXPECT_EQ(fakes::pieces_left_by(live), 0);
   EXPECT_EQ(get_liblocal_t_varp(), own);
 }
 
@@ -351,7 +351,7 @@ TEST(Liblvarp, TheProcessBlockTakesTheShutdownRequestOnce) {
       liblocal_p_clean(block);
     }
   };
-  EXPECT_EQ(pieces_left_by(live), 0);
+  EXPECT_EQ(fakes::pieces_left_by(live), 0);
   unsetenv("KIV_SHUTDOWN_STDIO");
   Global_liblocal_p_varp = published;
 }
@@ -418,7 +418,7 @@ void leave_muted(int closers) {
 // The first use of the registry and of the exit list, whose one allocation fails.
 void first_use(int granted) {
   vx_error_set_last(0, 1);
-  FailingMalloc one(granted, 1);
+  fakes::FailingMalloc one(granted, 1);
   varp_add_data(nullptr, [](void*) { say("cleaned"); });
   exit(vx_atexit([] { say("exit "); }));
 }
@@ -451,7 +451,7 @@ std::string pauses_of(int refusals, auto work) {
   std::string made;
   made.reserve(100);
   pauses = &made;
-  FailingMalloc shortage(0, refusals);
+  fakes::FailingMalloc shortage(0, refusals);
   work();
   pauses = nullptr;
   return made;
@@ -480,7 +480,7 @@ void first_error() {
   values_refused = 2;
   std::string seen = pauses_of(3, [] { vx_error_set_last(EPERM, 1); });
   seen += std::to_string(vx_error_get_last()) + " " + std::to_string(asked);
-  FailingMalloc after_object(1, 2);
+  fakes::FailingMalloc after_object(1, 2);
   pauses = &(seen += " ");
   vx_mutex_destroy(vx_mutex_new());  // needs the first slots of the reference table
   fputs(seen.c_str(), stderr);

@@ -16,12 +16,11 @@
 #include "liblocal/hosts/is_mynam.h"
 #include "liblocal/hosts/localhost.h"
 #include "liblocal/messages/errinfo.h"
-#include "tests/failing_malloc.h"
+#include "tests/fakes.h"
 #include "tests/machine.h"
-#include "tests/stand_ins.h"
 #include "tests/work.h"
 
-using namespace stand_ins;
+using namespace fakes;
 
 namespace {
 
@@ -253,7 +252,8 @@ TEST_F(NameTest, NamesStandBeforeAddresses) {
       {"9.9.9.9", all, "9.9.9.9", "Reverse DNS lookup failed for host 9.9.9.9, address 9.9.9.9\n"},
       {"nobody", all, "nobody", "Illegal/NULL hostname detected (nobody)\n"},
   };
-  const auto there = made_up("1 192.0.2.1 2 1 203.0.113.9 2 1 10.0.0.1 10 9 127.0.0.1 2");
+  const std::vector<Interface> there = {
+      {1, "192.0.2.1"}, {1, "203.0.113.9"}, {1, "10.0.0.1", AF_INET6}, {9, "127.0.0.1"}};
   for (const auto& [asked, hook, chain, told] : cases) {
     start_over();
     interfaces = &there;
@@ -322,7 +322,7 @@ TEST_F(NameTest, EveryAllocationRefused) {
 }
 
 TEST_F(NameTest, EightThreads) {
-  const std::vector<ifreq> sets[] = {made_up("1 192.0.2.1 2"), made_up("1 192.0.2.3 2")};
+  const std::vector<Interface> sets[] = {{{1, "192.0.2.1"}}, {{1, "192.0.2.3"}}};
   in_threads(8, [&](int thread) {
     const std::string own = "client" + std::to_string(thread);
     const char* aliases[] = {"shared", nullptr};

@@ -2,6 +2,7 @@
 #include "liblocal/hosts/mtsfuncs.h"
 
 #include <arpa/inet.h>
+#include <net/if.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,11 +14,11 @@
 #include "liblocal/base/vx_error.h"
 #include "liblocal/hosts/get_myad.h"
 #include "liblocal/hosts/localhost.h"
+#include "tests/fakes.h"
 #include "tests/machine.h"
-#include "tests/stand_ins.h"
 #include "tests/work.h"
 
-using namespace stand_ins;
+using namespace fakes;
 
 namespace {
 
@@ -122,7 +123,7 @@ TEST_F(LookUpTest, TheLocalHost) {
 
 // The addresses of the table, whose slots behind them must be zero, then the one that stands
 // for all, and what is told, on a machine with the interfaces `there` or where asking fails.
-std::pair<std::string, std::string> asked_on(const std::vector<ifreq>& there, int error = 0) {
+std::pair<std::string, std::string> asked_on(const std::vector<Interface>& there, int error = 0) {
   std::string all;
   interfaces = &there;
   listing_error = error;
@@ -142,17 +143,28 @@ std::pair<std::string, std::string> asked_on(const std::vector<ifreq>& there, in
 TEST(OwnAddresses, OfInterfacesThatAreUp) {
   const std::string no_list = "set_ifconf_buffer: ioctl(SIOCGIFCONF): Input/output error\n";
   const std::string none = "kivtrap: No network interfaces detected!";
-  const std::tuple<const char*, int, std::string, std::string> cases[] = {
-      {"9 127.0.0.1 2 1 10.7.0.1 2 1 10.7.0.2 2", 0, "127.0.0.1 10.7.0.1 10.7.0.2 10.7.0.1", ""},
-      {"0 10.8.0.1 2 9 127.0.0.1 2 9 127.0.0.2 2", 0, "127.0.0.1 127.0.0.2 127.0.0.2", ""},
-      {"8 127.0.0.1 2 1 10.6.0.1 10 1 10.5.0.1 0", 0, "10.6.0.1 0.0.0.0", ""},
-      {"-19 10.4.0.1 2 1 10.3.0.1 2", 0, "10.3.0.1 10.3.0.1",
+  const std::tuple<std::vector<Interface>, int, std::string, std::string> cases[] = {
+      {{{9, "127.0.0.1"}, {1, "10.7.0.1"}, {1, "10.7.0.2"}},
+       0,
+       "127.0.0.1 10.7.0.1 10.7.0.2 10.7.0.1",
+       ""},
+      {{{0, "10.8.0.1"}, {9, "127.0.0.1"}, {9, "127.0.0.2"}},
+       0,
+       "127.0.0.1 127.0.0.2 127.0.0.2",
+       ""},
+      {{{8, "127.0.0.1"}, {1, "10.6.0.1", AF_INET6}, {1, "10.5.0.1", AF_UNSPEC}},
+       0,
+       "10.6.0.1 0.0.0.0",
+       ""},
+      {{{-19, "10.4.0.1"}, {1, "10.3.0.1"}},
+       0,
+       "10.3.0.1 10.3.0.1",
        "get_myaddress: flags ioctl: No such device\n"},
-      {"", 0, "0.0.0.0", none},
-      {"1 10.2.0.1 2", EINVAL, "0.0.0.0", none},
-      {"1 10.2.0.1 2", EIO, "0.0.0.0", no_list + no_list + none}};
+      {{}, 0, "0.0.0.0", none},
+      {{{1, "10.2.0.1"}}, EINVAL, "0.0.0.0", none},
+      {{{1, "10.2.0.1"}}, EIO, "0.0.0.0", no_list + no_list + none}};
   for (const auto& [there, error, found, told] : cases) {
-    EXPECT_EQ(asked_on(made_up(there), error), std::pair(found, told));
+    EXPECT_EQ(asked_on(there, error), std::pair(found, told));
   }
 }
 
@@ -162,23 +174,24 @@ TEST(OwnAddresses, AsManyAsTheTableHolds) {
   };
   const auto open_before = open_files();
   for (unsigned there : {1U, 31U, 32U, 1024U, 1025U, 2048U, 2049U}) {
-    const std::vector all(there, made_up("1 10.1.0.1 2")[0]);
+    const std::vector<Interface> all(there, {1, "10.1.0.1"});
     const auto [addresses, told] = asked_on(all);
     EXPECT_TRUE(addresses.size() == 9 * std::min(there, 2048U) + 8 && told.empty()) << told;
     const size_t counted = there <= 1024 ? 2 * there : std::min(there, 2048U);
-    EXPECT_EQ(room_asked, counted * sizeof(ifreq) + 1);
+    EXPECT_EQ(list_size, counted * sizeof(ifreq) + 1);
     counting_error = EIO;
     EXPECT_TRUE(asked_on(all).second.ends_with("ioctl(SIOCGIFNUM) failed with 5\n"));
     counting_error = 0;
     const size_t guessed = std::clamp(std::bit_ceil(there + 1), 32U, 2048U);
-    EXPECT_EQ(room_asked, guessed * sizeof(ifreq) + 1);
+    EXPECT_EQ(list_size, guessed * sizeof(ifreq) + 1);
   }
   EXPECT_EQ(open_files(), open_before);
 }
 
 TEST(OwnAddresses, OneOfThem) {
-  const auto early = made_up("1 10.7.0.1 2 1 10.7.0.2 2 1 10.7.0.3 10");
-  const auto late = made_up("1 10.7.0.2 2");
+  const std::vector<Interface> early = {
+      {1, "10.7.0.1"}, {1, "10.7.0.2"}, {1, "10.7.0.3", AF_INET6}};
+  const std::vector<Interface> late = {{1, "10.7.0.2"}};
   auto is_mine = [](const char* text) {
     const in_addr asked = {inet_addr(text)};
     return is_myaddr(AF_INET, &asked, 0) == 1;

@@ -19,10 +19,9 @@
 #include "liblocal/messages/vxinit_done.h"
 #include "liblocal/text/utf8_marks.h"
 #include "liblocal/text/vxprint.h"
-#include "tests/failing_malloc.h"
+#include "tests/fakes.h"
 #include "tests/locales.h"
 #include "tests/machine.h"
-#include "tests/stand_ins.h"
 #include "tests/work.h"
 
 // Formats here differ on purpose from what the compiler knows.
@@ -153,7 +152,7 @@ TEST(Print, PrefixAndStream) {
       const std::string wanted = granted < 100 ? "" : name.substr(0, 63) + ": x 5 b a\n";
       auto print = [&](auto printer) {
         vx_set_progname(name.c_str());
-        FailingMalloc failing(granted);
+        fakes::FailingMalloc failing(granted);
         printer("x %d %3$s %2$s\n", 5, "a", "b");
       };
       EXPECT_EQ(printed(0, [&] { print(printerr); }), wanted) << granted;
@@ -173,12 +172,12 @@ TEST(Print, PrefixOfAMoment) {
     vx_set_progname(std::string(70, 'N').c_str());
     setenv("TZ", "WIN5:30SUM,M3.5.0,M10.5.0", 1);
     tzset();
-    stand_ins::now = 1795036118;
+    fakes::now = 1795036118;
     print_timestamps(1);
     const std::string name = std::string(63, 'n') + ": ";
     expect("11/18/26 15:38:38 " + name);
     for (int64_t now : {951827696L, 1782862199L, 1782862200L, 1798702200L, 4102463999L, 1L}) {
-      stand_ins::now = now;
+      fakes::now = now;
       print_prefix(prefix);  // the clocks may have changed
       expect(prefix);
     }
@@ -198,7 +197,7 @@ TEST(Vxprintf, ConvertsUnlessMarked) {
     if (marked) utf8_fd(STDOUT_FILENO);
     int result = -1;
     const std::string text = on_stdout([&result, granted = granted] {
-      FailingMalloc failing(granted);
+      fakes::FailingMalloc failing(granted);
       result = vxprintf("%-5s|%ld", "é日", 5L);
     });
     EXPECT_EQ(text + " " + std::to_string(result), wanted);
@@ -322,9 +321,9 @@ TEST(ErrTables, NamesSeveritiesAndTexts) {
     }
     EXPECT_NE(Global_liblocal_p_varp.load(), nullptr) << "with it go the texts at the end";
     for (int taken : {28 + 33, 0}) {
-      const long held = pieces_held();
+      const long held = fakes::pieces_held();
       liblocal_p_clean(varp_new_block<liblocal_p_varp>());  // as at the end of the process
-      EXPECT_EQ(held - pieces_held(), taken) << "the default texts are left";
+      EXPECT_EQ(held - fakes::pieces_held(), taken) << "the default texts are left";
       EXPECT_STREQ(err_set(3, 32)->text, "Resource database busy");
     }
   });
@@ -366,7 +365,7 @@ TEST(ErrSetstr, FormatsAndCutsPerThread) {
   }
   in_threads(1, [record](int) {
     EXPECT_NE(err_set(2, 5), record);
-    FailingMalloc failing(0);
+    fakes::FailingMalloc failing(0);
     EXPECT_TRUE(err_setstr(3, 1, "text") == nullptr && err_dup(record) == nullptr);
   });
   EXPECT_EQ(record->number, 35001);
@@ -388,7 +387,7 @@ void make_copies() {
 }
 
 TEST(ErrCopies, OwnTheirTexts) {
-  EXPECT_EQ(pieces_left_by(make_copies), 0);
+  EXPECT_EQ(fakes::pieces_left_by(make_copies), 0);
   const vx_error_record bare = {7, nullptr};
   EXPECT_EQ(shown(err_dup(err_dup(&bare))), "7 ");
   EXPECT_EQ(err_dup(nullptr), nullptr);
@@ -420,7 +419,7 @@ void accrue(int /*thread*/) {
   auto accrue_over = [&over] { EXPECT_EQ(err_accrue(over.c_str()), 0); };
   EXPECT_EQ(printed(8, accrue_over), "");
   EXPECT_EQ(printed(9, accrue_over), "kivtrap: Dropping error string " + over + "\n");
-  EXPECT_EQ(printed(0, [] { EXPECT_EQ((FailingMalloc(0), err_accrue("x")), 0); }),
+  EXPECT_EQ(printed(0, [] { EXPECT_EQ((fakes::FailingMalloc(0), err_accrue("x")), 0); }),
             "Malloc failed.\n");
   EXPECT_EQ(err_accrue(over.c_str() + 1), 0);
   EXPECT_EQ(strlen(blow_err(1)->text), 18000U + 423 + 4);
@@ -430,7 +429,7 @@ void accrue(int /*thread*/) {
 }
 
 TEST(ErrAccrue, ChainsMessages) {
-  EXPECT_EQ(pieces_left_by([] { in_threads(1, accrue); }), 0);
+  EXPECT_EQ(fakes::pieces_left_by([] { in_threads(1, accrue); }), 0);
 }
 
 }  // namespace

@@ -10,7 +10,7 @@
 #include <regex>
 #include <set>
 
-#include "tests/failing_malloc.h"
+#include "tests/fakes.h"
 #include "tests/machine.h"
 #include "tests/work.h"
 
@@ -133,7 +133,7 @@ TEST_F(Fullpath, WhatIsTold) {
   told(1, "chain2", kFollow);  // what a thread keeps is there now
   for (int granted = 0; !lines.contains(""); ++granted) {
     lines.insert(printed(1, [granted] {
-      FailingMalloc failing(granted, 1);
+      fakes::FailingMalloc failing(granted, 1);
       char output[kPathSize];
       static_cast<void>(fullpath2("chain2", output, sizeof output, kFollow));
     }));

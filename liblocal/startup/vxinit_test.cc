@@ -17,7 +17,7 @@
 #include "liblocal/startup/vxdirs.h"
 #include "liblocal/startup/vxenv.h"
 #include "liblocal/startup/vxids.h"
-#include "tests/failing_malloc.h"
+#include "tests/fakes.h"
 #include "tests/locales.h"
 #include "tests/machine.h"
 #include "tests/work.h"
@@ -49,7 +49,7 @@ TEST(Vxinit, Arguments) {
       char* argv[] = {given[0].data(), given[1].data(), nullptr, given[2].data()};
       mast ? setenv("KIV_MAST", "", 1) : unsetenv("KIV_MAST");
       errno = 0;
-      (FailingMalloc(memory), _vxinit("kiv", argc, argv));
+      (fakes::FailingMalloc(memory), _vxinit("kiv", argc, argv));
       EXPECT_TRUE(argv[3] == given[2].data() && (errno == ENOMEM) == (memory == 1));
       EXPECT_STREQ(argv[0], converted > 0 ? "näme" : "n\xE4me") << argc;
       EXPECT_STREQ(argv[1], converted > 1 ? "ü" : "\xFC") << argc;
@@ -106,7 +106,7 @@ TEST_F(VxinitOnItsMachine, OfEveryApplication) {
       EXPECT_EQ(text(find_origin(nullptr)), in(installed, "bin/"));
       EXPECT_EQ(vx_find_installdir(nullptr), nullptr);
       EXPECT_EQ(vx_find_installdir("/no/program"), vx_get_installdir());
-      EXPECT_EQ(pieces_left_by([] { vx_set_argv0("/no/program"); }), 0);
+      EXPECT_EQ(fakes::pieces_left_by([] { vx_set_argv0("/no/program"); }), 0);
       EXPECT_STREQ(vx_get_argv0(), "/no/program");
 
       setenv("LC_ALL", "C", 1);  // what comes once has come
@@ -205,9 +205,9 @@ TEST(Vxenv, ConvertsAllButAscii) {
   static char text[] = "KIV_ENV_TEST=\xC3\xBC";
   const std::string told = "kivtrap: Cannot allocate memory\n";
   auto refused = [] {
-    EXPECT_TRUE((FailingMalloc(0, 1), vxgetenv(kName)) == nullptr && errno == ENOMEM);
+    EXPECT_TRUE((fakes::FailingMalloc(0, 1), vxgetenv(kName)) == nullptr && errno == ENOMEM);
     errno = 0;
-    EXPECT_TRUE((FailingMalloc(0, 1), vxputenv(text)) == -1 && errno == ENOMEM);
+    EXPECT_TRUE((fakes::FailingMalloc(0, 1), vxputenv(text)) == -1 && errno == ENOMEM);
   };
   EXPECT_EQ(printed(0, refused), told + told);
   EXPECT_STREQ(getenv(kName), "\xE9");
@@ -221,8 +221,9 @@ TEST(Vxenv, KeepsNoCopyOfTheOldValue) {
       EXPECT_EQ(add_to_environment(kName, "new", 1), 1);
       EXPECT_STREQ(getenv(kName), "new:??");
     };
-    EXPECT_EQ(pieces_left_by(prepend), 0);
-    EXPECT_EQ((FailingMalloc(2, 1), add_to_environment(kName, "\xC3\xA9", 0)), 0) << "converted";
+    EXPECT_EQ(fakes::pieces_left_by(prepend), 0);
+    EXPECT_EQ((fakes::FailingMalloc(2, 1), add_to_environment(kName, "\xC3\xA9", 0)), 0)
+        << "converted";
   });
 }
 
@@ -239,7 +240,7 @@ TEST(Vxenv, AddsToTheEnvironment) {
   }
   EXPECT_EQ(getenv(kName), third) << "equal texts share one copy";
   EXPECT_EQ(add_to_environment(nullptr, "x", 0) + add_to_environment(kName, nullptr, 0), 0);
-  FailingMalloc none(0);
+  fakes::FailingMalloc none(0);
   EXPECT_EQ(add_to_environment(kName, "more", 1), 0);
   EXPECT_STREQ(getenv(kName), "third");
 }

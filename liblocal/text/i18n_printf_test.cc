@@ -11,7 +11,7 @@
 
 #include "liblocal/base/c_memory.h"
 #include "liblocal/text/vxprint.h"
-#include "tests/failing_malloc.h"
+#include "tests/fakes.h"
 #include "tests/word_arguments.h"
 
 namespace {
@@ -96,10 +96,10 @@ TEST(Format, RefusedMemory) {
   va_list list;
   start_word_arguments(list, words);
   char none, *area = &none;
-  EXPECT_EQ((FailingMalloc(0), i18n_vsprintf(nullptr, &area, "abc", list)), 0);
+  EXPECT_EQ((fakes::FailingMalloc(0), i18n_vsprintf(nullptr, &area, "abc", list)), 0);
   EXPECT_EQ(area, nullptr);
   for (const char* format : {"ab%d%2$s", "ab%d%30000d", "ab%d%.30000f", "ab%d%99999999999d"}) {
-    FailingMalloc failing(1);
+    fakes::FailingMalloc failing(1);
     EXPECT_EQ(i18n_vsprintf(nullptr, &area, format, list), 3) << format;
     EXPECT_STREQ(c_unique_ptr<char>(area).get(), "ab5") << format;
   }

@@ -15,7 +15,7 @@
 #include "liblocal/text/utf8_files.h"
 #include "liblocal/text/vxpath.h"
 #include "liblocal/text/vxstrftime.h"
-#include "tests/failing_malloc.h"
+#include "tests/fakes.h"
 #include "tests/locales.h"
 
 namespace {
@@ -93,7 +93,7 @@ TEST(Utf8Files, Failures) {
   const std::string most(kPathSize, 'x');
   EXPECT_EQ(syscalls_utf8dec(most.c_str()), most.substr(1));
   EXPECT_TRUE(utf8_access(most.c_str(), F_OK) == -1 && errno == ENAMETOOLONG);
-  FailingMalloc failing(0);
+  fakes::FailingMalloc failing(0);
   EXPECT_TRUE(utf8_link("/a", "/b") == -1 && errno == ENOMEM);
   EXPECT_TRUE(utf8_readlink(link, buffer, 4) == -1 && utf8_getcwd(buffer, 4) == nullptr);
 }

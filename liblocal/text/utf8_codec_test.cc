@@ -12,7 +12,7 @@
 #include "liblocal/text/mbt.h"
 #include "liblocal/text/utf8_columns.h"
 #include "liblocal/text/utf8_wide.h"
-#include "tests/failing_malloc.h"
+#include "tests/fakes.h"
 
 namespace {
 
@@ -96,7 +96,7 @@ TEST(Utf8Wide, WholeStrings) {
     EXPECT_EQ(c_unique_ptr<wchar_t>(utf8_to_wcs(bytes.get())).get(), text);
   }
   EXPECT_TRUE(wcs_to_utf8(nullptr) == nullptr && utf8_to_wcs(nullptr) == nullptr);
-  FailingMalloc failing(0);
+  fakes::FailingMalloc failing(0);
   errno = 0;
   EXPECT_TRUE(wcs_to_utf8(L"a") == nullptr && utf8_to_wcs("a") == nullptr && errno == ENOMEM);
 }

@@ -17,9 +17,8 @@
 #include "liblocal/text/utf8.h"
 #include "liblocal/text/utf8_codec.h"
 #include "liblocal/text/vxstrftime.h"
-#include "tests/failing_malloc.h"
+#include "tests/fakes.h"
 #include "tests/locales.h"
-#include "tests/stand_ins.h"
 
 namespace {
 
@@ -108,7 +107,7 @@ std::string platforms(iconv_t converter, const std::string& text) {
 // Whether all codes of a codeset, and pairs of them, that the platform keeps come back here.
 // Of the codes of four bytes, which are too many, some; and none that looks transparent.
 bool keeps_what_the_platform_keeps(const char* codeset) {
-  stand_ins::codeset = codeset;
+  fakes::codeset = codeset;
   iconv_t to_utf8 = iconv_open("UTF-8", codeset), from_utf8 = iconv_open(codeset, "UTF-8");
   auto keeps = [&](const std::string& text) {
     const std::string utf8 = platforms(to_utf8, text);
@@ -166,7 +165,7 @@ TEST(Utf8Convert, TooSmallAreas) {
 
 TEST(Utf8Convert, PlainTextOpensNoConverter) {
   auto without_converters = [] {
-    stand_ins::codeset = "none that there is";
+    fakes::codeset = "none that there is";
     return converted(utf8_mbs, "plain", 99) + converted(ansi_mbs, "plain\\~ \xEF\xA3\xA9", 99);
   };
   const std::string rest = " conversion\\. The function .* LC_MESSAGES, LC_ALL and LANG\\.\n$";
@@ -189,7 +188,7 @@ TEST(Utf8Convert, WithoutALockTheProcessIsTerminated) {
   for (const auto& each : cases) {
     auto start = [&](void (*on_termination)(int)) {
       signal(SIGTERM, on_termination);
-      FailingMalloc failing(0, 1);
+      fakes::FailingMalloc failing(0, 1);
       _exit(each.first() ? 0 : 1);
     };
     EXPECT_EXIT(start(SIG_DFL), testing::KilledBySignal(SIGTERM), "^" + each.second + "$");
@@ -206,9 +205,9 @@ TEST(Utf8Convert, BuffersOfTheThread) {
     EXPECT_EQ(utf8encode(longer.c_str(), 10), longer.substr(0, 6143));
     EXPECT_EQ(utf8encode(longer.c_str(), 6144), first);
     EXPECT_EQ(utf8encode(longer.c_str(), 6145), longer.substr(0, 6144));
-    EXPECT_TRUE((FailingMalloc(0), !utf8encode("x", 6146) && *utf8encode("x", 6145) == 'x'));
+    EXPECT_TRUE((fakes::FailingMalloc(0), !utf8encode("x", 6146) && *utf8encode("x", 6145) == 'x'));
     size_t size = 7000;
-    EXPECT_EQ(pieces_left_by([&] { EXPECT_NE(utf8encode("x", ++size), nullptr); }), 0);
+    EXPECT_EQ(fakes::pieces_left_by([&] { EXPECT_NE(utf8encode("x", ++size), nullptr); }), 0);
   });
 }
 

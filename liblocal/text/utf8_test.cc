@@ -13,10 +13,9 @@
 
 #include "liblocal/text/utf8_codec.h"
 #include "liblocal/text/utf8_convert.h"
-#include "tests/failing_malloc.h"
+#include "tests/fakes.h"
 #include "tests/locales.h"
 #include "tests/machine.h"
-#include "tests/stand_ins.h"
 #include "tests/work.h"
 
 namespace {
@@ -83,11 +82,11 @@ TEST(Utf8Streams, NulBytesAndTheEnd) {
 TEST(Utf8Streams, RefusedMemory) {
   FILE* file = file_of("\xE9\xE9\xE9\xE9\xE9\nz");
   char buffer[8];
-  EXPECT_FALSE((FailingMalloc(0), vxfgets(buffer, 5, file) || vx_fgetmbts(buffer, 8, file)));
+  EXPECT_FALSE((fakes::FailingMalloc(0), vxfgets(buffer, 5, file) || vx_fgetmbts(buffer, 8, file)));
   EXPECT_STREQ(vxfgets(buffer, 5, file), "éé") << "nothing was lost";
-  stand_ins::no_push_back = true;
+  fakes::no_push_back = true;
   EXPECT_EQ(vxfgets(buffer, 5, file), nullptr);
-  stand_ins::no_push_back = false;
+  fakes::no_push_back = false;
   EXPECT_STREQ(vxfgets(buffer, 5, file), "z");
   vxfclose(file);
 }

@@ -9,7 +9,7 @@
 #include "rpc/auth/a_none.h"
 #include "rpc/auth/a_unix.h"
 #include "rpc/auth/auth_choice.h"
-#include "tests/stand_ins.h"
+#include "tests/fakes.h"
 #include "tests/work.h"
 #include "tests/xdr_streams.h"
 
@@ -29,14 +29,14 @@ std::string marshalled(AUTH* auth) {
 class AuthSystem : public testing::Test {
  protected:
   AuthSystem() {
-    stand_ins::now = 0x76543210;
+    fakes::now = 0x76543210;
     const gid_t groups[] = {7, 8};
     auth_.reset(__brix_authsys_create("box", 0xFFFFFFFE, 5, 2, groups));
   }
   ~AuthSystem() override {
-    stand_ins::now = 0;
+    fakes::now = 0;
     auth_.reset();
-    EXPECT_EQ(pieces_held(), held_);
+    EXPECT_EQ(fakes::pieces_held(), held_);
   }
 
   bool validate(int32_t flavour, const char* hex) {
@@ -46,7 +46,7 @@ class AuthSystem : public testing::Test {
     return auth_->ops->validate(auth_.get(), &verifier);
   }
 
-  const long held_ = pieces_held();
+  const long held_ = fakes::pieces_held();
   Auth auth_;
 };
 
@@ -81,7 +81,7 @@ TEST_F(AuthSystem, SendsAndBoundsItsParameters) {
   }
   auth_.reset();
   for (int granted = 0; auth_ == nullptr; ++granted) {
-    FailingMalloc failing(granted);
+    fakes::FailingMalloc failing(granted);
     errno = 0;
     auth_.reset(__brix_authsys_create("", 0, 0, 0, groups));
     ASSERT_EQ(auth_ == nullptr ? ENOMEM : 0, errno);
@@ -102,7 +102,7 @@ TEST_F(AuthSystem, TakesAShortCredentialUntilItIsRefused) {
   EXPECT_EQ(marshalled(handle), full());
   for (int i = 0; i < 2; ++i) EXPECT_TRUE(validate(kAuthShort, kShort));
   EXPECT_EQ(marshalled(handle), "0000000200000003414243000000000000000000");
-  stand_ins::now = 0x76543211;
+  fakes::now = 0x76543211;
   EXPECT_TRUE(handle->ops->refresh(handle));
   EXPECT_EQ(marshalled(handle), full("76543211"));
   EXPECT_FALSE(handle->ops->refresh(handle));
@@ -112,7 +112,7 @@ TEST_F(AuthSystem, TakesAShortCredentialUntilItIsRefused) {
     EXPECT_EQ(marshalled(handle), full("76543211")) << broken;
   }
   EXPECT_TRUE(validate(kAuthShort, kShort));
-  FailingMalloc nothing(0);
+  fakes::FailingMalloc nothing(0);
   EXPECT_FALSE(handle->ops->refresh(handle));
   EXPECT_EQ(handle->credential.flavour, kAuthShort) << "stays";
 }

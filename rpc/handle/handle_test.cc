@@ -9,7 +9,7 @@
 #include "liblocal/messages/vxinit_done.h"
 #include "rpc/handle/c_perror.h"
 #include "rpc/handle/rpcvarp.h"
-#include "tests/failing_malloc.h"
+#include "tests/fakes.h"
 #include "tests/locales.h"
 #include "tests/work.h"
 
@@ -162,12 +162,12 @@ void use_all() {
         new (malloc(sizeof(rpc_port_entry))) rpc_port_entry{1, 2, 3, 4, block->port_cache};
     block->mappers = new (malloc(sizeof(rpc_started_mapper))) rpc_started_mapper{5, block->mappers};
   }
-  FailingMalloc nothing(0);
+  fakes::FailingMalloc nothing(0);
   EXPECT_FALSE(rpc_set_server_transport(1000, nullptr));
 }
 
 TEST(RpcVarp, ReleasesWhatAThreadUsed) {
-  EXPECT_EQ(pieces_left_by([] { std::thread(use_all).join(); }), 0);
+  EXPECT_EQ(fakes::pieces_left_by([] { std::thread(use_all).join(); }), 0);
   EXPECT_EQ(Global_rpc_t_varp, nullptr);
   EXPECT_EQ(destroyed, (std::vector{0, 1, 0, 255, 256, 65535}));
 }

@@ -9,11 +9,9 @@
 
 #include "rpc/handle/rpcvarp.h"
 #include "rpc/portmap/pmap_cache.h"
-#include "tests/failing_calls.h"
-#include "tests/failing_malloc.h"
+#include "tests/fakes.h"
 #include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
-#include "tests/stand_ins.h"
 
 namespace {
 
@@ -65,19 +63,19 @@ TEST_F(PortTest, TheLastResortIsAskedLast) {
               "00000003000000040000001100000000");
   }
   pmap_fallback(nullptr);
-  EXPECT_TRUE(machine::equal(failing_calls::last_wait, {25, 0}));
+  EXPECT_TRUE(machine::equal(fakes::last_wait, {25, 0}));
 }
 
 TEST_F(PortTest, WhatTheEnvironmentKnowsHoldsForThisHostAlone) {
   RpcServer own(7938, "127.0.0.1", machine::port_mapper(5));
   RpcServer remote(7938, "127.0.0.2", machine::port_mapper(6));
   start_with("{390113,2,17,7937}{390113,3,17,0}");
-  const auto there = stand_ins::made_up("1 127.0.0.3 2");
-  stand_ins::interfaces = &there;
+  const std::vector<fakes::Interface> there = {{1, "127.0.0.3"}};
+  fakes::interfaces = &there;
   for (const char* address : {"127.0.0.3", "127.0.0.1"}) {
     EXPECT_EQ(ask(address, kService, 2, IPPROTO_UDP), 7937) << address;
   }
-  stand_ins::interfaces = nullptr;
+  fakes::interfaces = nullptr;
   EXPECT_THAT(own.requests(), IsEmpty());
   for (int i = 0; i < 2; ++i) EXPECT_EQ(ask("127.0.0.2", kService, 2, IPPROTO_UDP), 6);
   EXPECT_THAT(remote.requests(), SizeIs(2));
@@ -134,7 +132,7 @@ TEST_F(PortTest, GroupsOfTheEnvironment) {
 TEST_F(PortTest, CacheAndExport) {
   get_rpc_p_varp();  // the block waits for its memory
   {
-    FailingMalloc failing(0);
+    fakes::FailingMalloc failing(0);
     populate_pmaps(kService, 2, IPPROTO_TCP, 10, 0);
   }
   for (unsigned program :

@@ -10,7 +10,7 @@
 
 #include "rpc/handle/rpcvarp.h"
 #include "rpc/transport/c_transport.h"
-#include "tests/failing_malloc.h"
+#include "tests/fakes.h"
 #include "tests/rpc_server.h"
 #include "tests/work.h"
 
@@ -59,7 +59,7 @@ TEST_F(BindTest, WithoutRangesTheSystemChooses) {
     EXPECT_TRUE(rpcport_count(type) == 0 && rpcport_add_range(1, 2, type) == -1);
   }
   EXPECT_TRUE(rpcport_add_range(0, 2, 0) == -1 && rpcport_add_range(3, 2, 0) == -1);
-  FailingMalloc nothing(0);
+  fakes::FailingMalloc nothing(0);
   EXPECT_EQ(rpcport_add_range(1, 2, 0), -1);
   EXPECT_EQ(errno, ENOMEM);
 }

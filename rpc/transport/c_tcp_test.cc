@@ -14,15 +14,13 @@
 #include "rpc/auth/auth_methods.h"
 #include "rpc/transport/brsvport.h"
 #include "rpc/xdr/x_rec.h"
-#include "tests/failing_calls.h"
-#include "tests/failing_malloc.h"
+#include "tests/fakes.h"
 #include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
-#include "tests/stand_ins.h"
 
 namespace {
 
-using namespace failing_calls;
+using namespace fakes;
 using namespace machine;
 
 constexpr timeval kShort = {0, 50000};
@@ -383,13 +381,13 @@ TEST_F(TcpTest, FailuresToConnect) {
                                                        {EINTR, 1, server.port(), 0},
                                                        {EADDRINUSE, 5, server.port(), 0}};
   for (const auto& [refused, times, port, error] : cases) {
-    stand_ins::now = svc_time() + 1;
+    fakes::now = svc_time() + 1;
     refuse(connects, refused, times);
     EXPECT_EQ(create(kTcp, port) != nullptr, error == 0) << refused;
     if (error != 0) expect_not_created(RPC_SYSTEMERROR, error);
-    EXPECT_EQ(svc_time(), stand_ins::now) << "a new service time has begun";
+    EXPECT_EQ(svc_time(), fakes::now) << "a new service time has begun";
   }
-  stand_ins::now = 0;
+  fakes::now = 0;
   // An address in use is tried twice for each port; those of a process stay configured.
   auto tries_with_one_port = [&] {
     refuse(connects, EADDRINUSE, 100);

@@ -15,8 +15,7 @@
 #include "rpc/auth/auth.h"
 #include "rpc/transport/common.h"
 #include "rpc/xdr/buffer_size.h"
-#include "tests/failing_calls.h"
-#include "tests/failing_malloc.h"
+#include "tests/fakes.h"
 #include "tests/rpc_client.h"
 #include "tests/rpc_server.h"
 #include "tests/work.h"
@@ -34,7 +33,7 @@ extern "C" int __wrap_socket(int domain, int type, int protocol) {
 
 namespace {
 
-using namespace failing_calls;
+using namespace fakes;
 using namespace machine;
 
 constexpr char kTooWeak[] = "ID 00000001 00000001 00000001 00000005";

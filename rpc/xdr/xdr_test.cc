@@ -8,6 +8,7 @@
 
 #include "rpc/xdr/x_count.h"
 #include "rpc/xdr/xdr_object.h"
+#include "tests/fakes.h"
 #include "tests/xdr_item.h"
 #include "tests/xdr_streams.h"
 
@@ -134,7 +135,7 @@ TEST(Xdr, BelievesNoDeclaredLength) {
       const std::string wire = from_hex(length) + "twelve bytes";
       Counted counted = {nullptr, 0, UINT32_MAX};
       char* text = nullptr;
-      FailingMalloc few(kind == TestStream::kBlind ? 2 : 0);
+      fakes::FailingMalloc few(kind == TestStream::kBlind ? 2 : 0);
       EXPECT_FALSE(counted_filter(TestStream(wire, kind).get(), &counted));
       EXPECT_FALSE(__brix_xdr_wrapstring(TestStream(wire, kind).get(), &text));
       EXPECT_FALSE(few.failed());
@@ -144,7 +145,7 @@ TEST(Xdr, BelievesNoDeclaredLength) {
   const std::string wire = from_hex("000249F0") + text;
   char* back = nullptr;
   for (int granted = 0; granted <= 3; ++granted) {  // 64 KiB, twice as much, all
-    FailingMalloc failing(granted);
+    fakes::FailingMalloc failing(granted);
     __brix_xdr_wrapstring(TestStream(wire, TestStream::kBlind).get(), &back);
     EXPECT_EQ(back != nullptr, granted == 3);
   }
@@ -166,7 +167,7 @@ TEST(XdrCompound, CarriesAndCopiesWholeObjects) {
   Item item = {};
   ASSERT_TRUE(item_filter(TestStream(from_hex(kWire)).get(), &item));
   auto copy_and_release = [&](int granted) {
-    FailingMalloc failing(granted);
+    fakes::FailingMalloc failing(granted);
     void* copy = __brix_xdr_dup(kItem, &item, sizeof item);
     EXPECT_EQ(copy == nullptr, failing.failed());
     EXPECT_TRUE(copy == nullptr || encoded(kItem, copy) == kWire);
@@ -176,7 +177,7 @@ TEST(XdrCompound, CarriesAndCopiesWholeObjects) {
   auto copy_all = [&] {
     for (int granted = 0; copy_and_release(granted);) ++granted;
   };
-  EXPECT_EQ(pieces_left_by(copy_all), 0);
+  EXPECT_EQ(fakes::pieces_left_by(copy_all), 0);
   __brix_xdr_free(kItem, &item);
   EXPECT_TRUE(item.name == nullptr && item.always == nullptr && item.optional == nullptr);
   item.kind = 3;  // encodes nowhere
@@ -253,7 +254,7 @@ TEST(XdrCompound, BelievesNoDeclaredCount) {
   }
   Array array;
   TestStream exactly(from_hex("00004E20") + std::string(80000, 'x'));
-  FailingMalloc once(1);
+  fakes::FailingMalloc once(1);
   EXPECT_TRUE(array.run(exactly.get()) && array.count == 20000 && array.release());
 }
 
@@ -261,7 +262,7 @@ TEST(XdrCompound, ElementsOfNothingAreMadeUpToALimit) {
   auto element = [](XDR* xdrs, void* pointer) {  // to a byte of its own
     return __brix_xdr_reference(xdrs, static_cast<void**>(pointer), 1, __brix_xdr_void);
   };
-  const long before = pieces_held();
+  const long before = fakes::pieces_held();
   for (TestStream::Kind kind : {TestStream::kPlain, TestStream::kBlind}) {
     for (auto [declared, made] :
          {std::pair{"00000005", 5U}, {"00020000", 0x20000U}, {"00020001", 0U}}) {
@@ -269,7 +270,7 @@ TEST(XdrCompound, ElementsOfNothingAreMadeUpToALimit) {
       TestStream in(from_hex(declared), kind);
       const bool done = array.run(in.get(), UINT32_MAX, 8, element);
       EXPECT_TRUE((done ? array.count : 0) == made && array.count <= 0x20000) << declared;
-      EXPECT_TRUE(array.run(&__xdr, 0, 8, element) && pieces_held() == before);
+      EXPECT_TRUE(array.run(&__xdr, 0, 8, element) && fakes::pieces_held() == before);
     }
   }
 }
