@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -32,8 +31,9 @@ struct Conversion {
   size_t in_left;
   char* out;
   size_t out_left;
-  bool more = false;    // of the text follows elsewhere
+  bool more = false;    // text follows elsewhere
   bool broken = false;  // ended by a broken transparent byte
+  bool full = false;    // ended by a character that takes one byte more than there is room for
 
   void skip(size_t count) {
     in += count;
@@ -124,82 +124,91 @@ int run_converter(iconv_t descriptor, Conversion* conversion, size_t length, boo
   return error;
 }
 
-// run_converter under the lock of the direction.
+// run_converter under the lock of the direction; ENOLCK without one.
 int run_locked(Direction* direction, iconv_t descriptor, Conversion* conversion, size_t length,
                bool more) {
   vx_mutex* mutex = lock_of(direction);
-  if (mutex == nullptr) return E2BIG;  // ends the text where it stands
+  if (mutex == nullptr) return ENOLCK;
   while (vx_mutex_lock(mutex) != 0) sched_yield();
   int error = run_converter(descriptor, conversion, length, more);
   vx_mutex_unlock(mutex);
   return error;
 }
 
-// Kinds of bytes, of one byte or of a vector of them. Below 0: beyond ASCII.
-constexpr auto is_ascii = [](auto byte) { return byte >= 0; };
-constexpr auto is_ascii_but_nul = [](auto byte) { return byte > 0; };
-constexpr auto is_no_mbt_or_nul = [](auto byte) {
-  return (byte != static_cast<int8_t>(kMbtLead)) & (byte != 0);
-};
-constexpr auto is_beyond_ascii = [](auto byte) { return byte < 0; };
+// The bytes that are the same character in every codeset that a locale may have. Shift_JIS has
+// signs of its own for '\\' and '~', TCVN has letters in the place of controls.
+constexpr auto kPlain = [] {
+  std::array<bool, 256> plain = {};
+  for (uint8_t byte = ' '; byte < '~'; ++byte) plain[byte] = byte != '\\';
+  for (uint8_t byte = '\t'; byte <= '\r'; ++byte) plain[byte] = true;
+  return plain;
+}();
 
-// The same character in every codeset that a locale may have: Shift_JIS has signs of its own
-// for '\\' and '~', TCVN letters in the place of controls, ISO 2022 shifts there.
-constexpr auto is_plain = [](auto byte) {
-  return ((byte >= ' ') & (byte != '\\') & (byte != '~')) | ((byte >= '\t') & (byte <= '\r'));
-};
-
-using Block [[gnu::vector_size(16)]] = int8_t;
-
-template <auto is_kind>
-bool is_block_of(const char* text) {
-  Block block;
-  memcpy(&block, text, sizeof block);
-  const auto halves = std::bit_cast<std::array<uint64_t, 2>>(is_kind(block));
-  return (halves[0] & halves[1]) == UINT64_MAX;
+bool is_plain(const char* text, size_t length) {
+  return std::all_of(text, text + length, [](char c) { return kPlain[static_cast<uint8_t>(c)]; });
 }
 
-// The number of bytes of that kind that `text`, of `length` bytes, begins with.
-template <auto is_kind>
-size_t run_of(const char* text, size_t length) {
-  constexpr size_t kBlock = sizeof(Block);
+bool is_ascii(char byte) { return (byte & 0x80) == 0; }
+
+// The number of bytes of ASCII that `text`, of `length` bytes, begins with. Most of what a
+// program prints is ASCII, so eight bytes are looked at together.
+size_t ascii_length(const char* text, size_t length) {
   size_t count = 0;
-  while (count + kBlock <= length && is_block_of<is_kind>(text + count)) count += kBlock;
-  // The end is looked at as a block, too, some of it a second time.
-  if (length >= kBlock && count + kBlock > length && count < length &&
-      is_block_of<is_kind>(text + length - kBlock)) {
-    return length;
+  for (uint64_t word = 0; length - count >= sizeof word; count += sizeof word) {
+    memcpy(&word, text + count, sizeof word);
+    if ((word & 0x8080808080808080) != 0) break;
   }
-  while (count < length && is_kind(static_cast<int8_t>(text[count]))) ++count;
+  while (count < length && is_ascii(text[count])) ++count;
   return count;
 }
 
 // Whether the locale's codeset is another one, as far as is known.
 bool needs_conversion() { return Needs_conversion.load(std::memory_order_relaxed) != 0; }
 
+// The longest beginning of `text`, of `length` bytes, that takes at most `room` bytes and does
+// not end within a character of UTF-8. Other bytes are characters of one byte.
+size_t fitting_length(const char* text, size_t length, size_t room) {
+  if (length <= room) return length;
+  for (size_t back = 1; back < kUtf8MaxLength && back <= room; ++back) {
+    const size_t start = room - back;
+    if (utf8_mblen(text + start, length - start) > static_cast<int>(back)) return start;
+  }
+  return room;
+}
+
 // From the locale's codeset to UTF-8, where that is the same.
 void copy_in(Conversion* conversion) {
-  size_t count = std::min(conversion->in_left, conversion->out_left);
-  if (count < conversion->in_left || conversion->more) {
-    count = utf8_whole_length(conversion->in, count);
-  }
-  conversion->copy(count);
+  const size_t count = fitting_length(conversion->in, conversion->in_left, conversion->out_left);
+  conversion->copy(conversion->more ? utf8_whole_length(conversion->in, count) : count);
+}
+
+// Whether the character that has no room in a conversion to UTF-8 takes one byte more.
+bool takes_one_more(iconv_t descriptor, const Conversion& stopped) {
+  char next[kUtf8MaxLength];
+  if (stopped.out_left >= sizeof next) return false;
+  Conversion rest = {
+      .in = stopped.in, .in_left = stopped.in_left, .out = next, .out_left = stopped.out_left + 1};
+  run_locked(&to_utf8, descriptor, &rest, rest.in_left, false);
+  return rest.out_left == 0;
 }
 
 // From the locale's codeset to UTF-8. Text that needs no converter opens none.
 void convert_in(Conversion* conversion) {
   if (!needs_conversion()) return copy_in(conversion);
-  size_t length = conversion->in_left;
-  if (!conversion->more && length <= conversion->out_left &&
-      run_of<is_plain>(conversion->in, length) == length) {
+  const size_t length = conversion->in_left;
+  if (!conversion->more && length <= conversion->out_left && is_plain(conversion->in, length)) {
     return conversion->copy(length);
   }
   iconv_t descriptor = get_utf8_codeset();
   if (!needs_conversion()) return copy_in(conversion);
-  while (conversion->in_left > 0) {
-    int error = run_locked(&to_utf8, descriptor, conversion, conversion->in_left, conversion->more);
-    if (error == 0 || error == E2BIG || (error == EINVAL && conversion->more)) return;
-    if (conversion->out_left == 0) return;
+  while (conversion->in_left > 0 && conversion->out_left > 0) {
+    const int error =
+        run_locked(&to_utf8, descriptor, conversion, conversion->in_left, conversion->more);
+    if (error == 0 || error == ENOLCK || (error == EINVAL && conversion->more)) return;
+    if (error == E2BIG || conversion->out_left == 0) {
+      conversion->full = error != E2BIG || takes_one_more(descriptor, *conversion);
+      return;
+    }
     conversion->put('?');
     conversion->skip(1);
   }
@@ -215,8 +224,32 @@ size_t run_before_mbt(const char* text, size_t length) {
   }
 }
 
+// Passes the character at which the converter stopped with `error`: a byte that is no UTF-8 is
+// copied, and '?' replaces a character that the codeset lacks. False when there is no room.
+bool pass_stopped(Conversion* conversion, iconv_t descriptor, int error) {
+  if (conversion->out_left == 0 || error == ENOLCK) return false;
+  const int length = utf8_mblen(conversion->in, conversion->in_left);
+  if (length < 0) {
+    conversion->copy(1);
+    return true;
+  }
+  char made[kUtf8MaxLength];
+  Conversion alone = {.in = conversion->in,
+                      .in_left = static_cast<size_t>(length),
+                      .out = made,
+                      .out_left = sizeof made};
+  // Some converters ask for room before they look whether they have the character.
+  if (error == E2BIG && run_locked(&to_ansi, descriptor, &alone, alone.in_left, false) == 0) {
+    conversion->full = sizeof made - alone.out_left == conversion->out_left + 1;
+    return false;
+  }
+  conversion->put('?');
+  conversion->skip(static_cast<size_t>(length));
+  return true;
+}
+
 // Puts `length` bytes, of which none are a transparent byte, through the converter. False
-// when the output is full.
+// when there is no room.
 //
 // The converter looks at much of a run before it stops at a character that it lacks. So
 // behind one the runs are short, and grow for as long as none is missing.
@@ -229,25 +262,22 @@ bool convert_run(Conversion* conversion, iconv_t descriptor, size_t length) {
     const int error = run_locked(&to_ansi, descriptor, conversion, run, run < left);
     most *= 2;
     if (error == 0 || (error == E2BIG && conversion->in > at)) continue;
-    if (error == E2BIG || conversion->out_left == 0) return false;
-    const int character = utf8_mblen(conversion->in, conversion->in_left);
-    if (character < 0) {  // not UTF-8
-      conversion->copy(1);
-    } else {
-      conversion->put('?');
-      conversion->skip(static_cast<size_t>(character));
-    }
+    if (!pass_stopped(conversion, descriptor, error)) return false;
     most = kShortRun;
   }
   return true;
 }
 
-// Copies what is the same in the locale's codeset: bytes that no transparent byte is among.
-// False when the output is full.
+// Copies `length` bytes that are the same in the locale's codeset, and of which none are a
+// transparent byte. False when there is no room.
 bool copy_run(Conversion* conversion, size_t length) {
-  const bool fits = length <= conversion->out_left;
-  conversion->copy(fits ? length : utf8_whole_length(conversion->in, conversion->out_left));
-  return fits;
+  const size_t count = fitting_length(conversion->in, length, conversion->out_left);
+  conversion->copy(count);
+  if (count == length) return true;
+  const size_t room = conversion->out_left;
+  conversion->full =
+      room > 0 && utf8_mblen(conversion->in, conversion->in_left) == static_cast<int>(room) + 1;
+  return false;
 }
 
 // From UTF-8 to the locale's codeset: the next bytes that are treated alike. False when
@@ -256,15 +286,15 @@ bool step_out(Conversion* conversion) {
   const char* in = conversion->in;
   const size_t left = conversion->in_left;
   if (needs_conversion()) {
-    const size_t ascii = run_of<is_ascii>(in, left);
+    const size_t ascii = ascii_length(in, left);
     if (ascii > 0) return copy_run(conversion, ascii);
   }
   const int byte = mbt_byte(in, left);
   if (byte == kMbtNone) {
     iconv_t descriptor = needs_conversion() ? get_ansi_codeset() : nullptr;
     if (!needs_conversion()) return copy_run(conversion, run_before_mbt(in, left));
-    const size_t run = Ansi_keeps_ascii ? left : run_of<is_beyond_ascii>(in, left);
-    return convert_run(conversion, descriptor, run_before_mbt(in, run));
+    const char* end = Ansi_keeps_ascii ? in + left : std::find_if(in, in + left, is_ascii);
+    return convert_run(conversion, descriptor, run_before_mbt(in, static_cast<size_t>(end - in)));
   }
   if (byte == kMbtBroken) {
     conversion->broken = true;
@@ -283,19 +313,8 @@ void convert_out(Conversion* conversion) {
 
 // The number of bytes at the beginning of `text` that need no converter.
 size_t same_length(const char* text) {
-  if (needs_conversion()) return run_of<is_ascii>(text, strlen(text));
+  if (needs_conversion()) return ascii_length(text, strlen(text));
   return static_cast<size_t>(strchrnul(text, kMbtLead) - text);
-}
-
-// Whether the character that a conversion stopped at would fill its area to the last byte,
-// which is the NUL's.
-bool fills(void (*convert)(Conversion*), const Conversion& cut) {
-  char next[kUtf8MaxLength];
-  if (cut.in_left == 0 || cut.out_left >= sizeof next) return false;
-  Conversion rest = {
-      .in = cut.in, .in_left = cut.in_left, .out = next, .out_left = cut.out_left + 1};
-  convert(&rest);
-  return rest.out_left == 0;
 }
 
 }  // namespace
@@ -309,9 +328,8 @@ size_t utf8_mbs(char* output, const char* input, size_t size) {
       .in = input, .in_left = strlen(input), .out = output, .out_left = size - 1};
   convert_in(&conversion);
   *conversion.out = '\0';
-  const bool full = needs_conversion() && fills(convert_in, conversion);
   errno = saved_errno;
-  return full ? size : size - 1 - conversion.out_left;
+  return conversion.full ? size : size - 1 - conversion.out_left;
 }
 
 size_t ansi_mbs(char* output, const char* input, size_t size) {
@@ -328,20 +346,19 @@ size_t ansi_mbs(char* output, const char* input, size_t size) {
       .in = input, .in_left = strlen(input), .out = output, .out_left = size - 1};
   convert_out(&conversion);
   *conversion.out = '\0';
-  // The last byte alone takes no character.
-  const bool full = conversion.out_left > 0 && fills(convert_out, conversion);
   errno = saved_errno;
   if (conversion.broken) return 0;
-  return full ? size : size - 1 - conversion.out_left;
+  return conversion.full ? size : size - 1 - conversion.out_left;
 }
 
 bool utf8_is_same(const char* text, size_t length) {
-  return !needs_conversion() || run_of<is_plain>(text, length) == length;
+  return !needs_conversion() || is_plain(text, length);
 }
 
 bool ansi_is_same(const char* text, size_t length) {
-  return length == (needs_conversion() ? run_of<is_ascii_but_nul>(text, length)
-                                       : run_of<is_no_mbt_or_nul>(text, length));
+  if (memchr(text, '\0', length) != nullptr) return false;
+  return needs_conversion() ? ascii_length(text, length) == length
+                            : memchr(text, kMbtLead, length) == nullptr;
 }
 
 Utf8Progress utf8_mbs_part(char* output, size_t room, const char* input, size_t length, bool more) {
