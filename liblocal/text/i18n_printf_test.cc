@@ -75,6 +75,11 @@ TEST(Format, Cases) {
   EXPECT_EQ(count, 5);
 }
 
+TEST(Format, AWidthBelowAllBoundsPrintsNothingAndDropsNothing) {
+  EXPECT_EQ(formatted("a%*db", INT_MIN, 42), "ab");
+  EXPECT_EQ(formatted("a%*sb", INT_MIN, "x"), "axb");
+}
+
 TEST(Format, PositionsWithoutEnd) {
   const std::vector<uint64_t> sevens(600, 7);
   va_list list;
