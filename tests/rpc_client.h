@@ -4,10 +4,13 @@
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
+#include <optional>
+
 #include "rpc/handle/clnt.h"
 #include "rpc/handle/rpcvarp.h"
 #include "rpc/transport/c_tcp.h"
 #include "rpc/transport/c_udp.h"
+#include "tests/rpc_server.h"
 
 namespace machine {
 
@@ -21,10 +24,13 @@ inline sockaddr_in loopback(uint16_t port) {
 
 inline bool equal(timeval left, timeval right) { return timercmp(&left, &right, ==); }
 
-/// Tests of clients.
+/// Tests of a client, and mostly of its server.
 class ClientTest : public testing::Test {
  protected:
-  void TearDown() override { destroy(); }
+  void TearDown() override {
+    destroy();
+    server_.reset();
+  }
 
   void destroy() {
     if (client_ != nullptr) client_->ops->destroy(client_);
@@ -39,6 +45,14 @@ class ClientTest : public testing::Test {
     return client_ = transport == kTcp
                          ? __brix_clnttcp_create(&server, 5, 6, &socket_, size, size)
                          : __brix_clntudp_bufcreate(&server, 5, 6, kLong, &socket_, size, size);
+  }
+
+  /// Makes `server_`, and `client_` of it.
+  void serve(Transport transport, const RpcServer::Conversation& conversation,
+             uint32_t size = 100) {
+    TearDown();
+    server_.emplace(conversation, transport == kTcp ? SOCK_STREAM : SOCK_DGRAM);
+    ASSERT_NE(create(transport, server_->port(), -1, size), nullptr);
   }
 
   /// Calls procedure 7 with the argument 8.
@@ -63,22 +77,24 @@ class ClientTest : public testing::Test {
     return value;
   }
 
-  /// What a call came to and the record of it are `status` with `detail`.
+  /// A call came to `status` with `detail`, an error number or auth_state, and the client's
+  /// error says the same.
   void expect(clnt_stat got, clnt_stat status, int32_t detail = 0) const {
     rpc_err error{};
     client_->ops->geterr(client_, &error);
-    EXPECT_TRUE(got == status && error.status == status && error.first_word == detail)
-        << got << ' ' << error.status << ' ' << error.first_word;
+    EXPECT_EQ(got, status);
+    EXPECT_EQ(error.status, status);
+    EXPECT_EQ(error.error_number, detail);
   }
 
-  /// The same of the creation error, and no client was made.
-  void expect_not_created(clnt_stat status, int32_t detail) const {
-    const rpc_createerr& error = *__get_rpc_createerr();
+  /// No client was made, and the creation error says why.
+  void expect_not_created(clnt_stat status, int32_t error_number) const {
     EXPECT_EQ(client_, nullptr);
-    EXPECT_TRUE(error.status == status && error.cause.error_number == detail)
-        << error.status << ' ' << error.cause.error_number;
+    EXPECT_EQ(__get_rpc_createerr()->status, status);
+    EXPECT_EQ(__get_rpc_createerr()->cause.error_number, error_number);
   }
 
+  std::optional<RpcServer> server_;
   CLIENT* client_ = nullptr;
   int socket_ = -1;
   int32_t result_ = 0;
