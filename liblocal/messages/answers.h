@@ -10,7 +10,7 @@
 [[nodiscard]] int is_quit(const char* answer);
 [[nodiscard]] int is_rename(const char* answer);
 
-/// The upper-case letter of an answer, as a text to show; not owned by the caller.
+/// The upper-case letter of an answer, as a text to show. The caller must not free it.
 [[nodiscard]] const char* i18n_char_yes();
 [[nodiscard]] const char* i18n_char_no();
 [[nodiscard]] const char* i18n_char_rename();

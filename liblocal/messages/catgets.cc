@@ -9,8 +9,8 @@
 
 #include "liblocal/base/text_sizes.h"
 #include "liblocal/messages/debug.h"
+#include "liblocal/messages/liblvars.h"
 #include "liblocal/messages/locales.h"
-#include "liblocal/messages/vxinit_done.h"
 
 int64_t Catd = -1;
 
@@ -21,7 +21,7 @@ constexpr const char* kVersion = "#1";
 
 nl_catd platform_catalog(int64_t catalog) { return reinterpret_cast<nl_catd>(catalog); }
 
-// A catalog without the marker is taken as it is.
+// A catalog without a version passes.
 bool is_of_this_version(int64_t catalog) {
   std::string_view version = vxcatgets(catalog, kRuntimeMessageSet, kVersionNumber, "");
   return version.empty() || version == kVersion;
@@ -31,7 +31,7 @@ bool is_of_this_version(int64_t catalog) {
 
 const char* vxcatgets(int64_t catalog, int32_t set, int32_t number, const char* default_text) {
   if (catalog == -1) return default_text;
-  // The version check of vxcatopen comes through during the initialisation too.
+  // The version check of vxcatopen works during the initialisation, too.
   if (vxinit_done() == 0 && set != kRuntimeMessageSet && number != kVersionNumber)
     return default_text;
   int saved_errno = errno;

@@ -14,7 +14,7 @@
 namespace {
 
 std::atomic<FILE*> debug_file;
-std::atomic<int> debug_file_descriptor{-1};  // of debug_file; a signal handler cannot ask for it
+std::atomic<int> debug_file_descriptor = -1;  // of debug_file; fileno is no call for a handler
 
 [[gnu::format(printf, 2, 0)]] void write_line(const char* word, const char* format,
                                               va_list arguments) {

@@ -1,5 +1,6 @@
 #include "liblocal/messages/err_tables.h"
 
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
@@ -94,16 +95,19 @@ constexpr CatalogText kRapTexts[kRapErrorCodes] = {
     {223, "Resource database busy"},
 };
 
-constexpr int32_t kRapSeverities[kRapErrorCodes] = {1, 5, 5, 5, 5, 5, 5, 5, 5, 5, 5,
-                                                    5, 5, 5, 5, 5, 5, 5, 5, 5, 5, 5,
-                                                    5, 5, 5, 5, 5, 5, 5, 5, 5, 5, 5};
+// A notice for code 0, an error for any other.
+constexpr auto kPlainSeverities = [] {
+  std::array<int32_t, kRapErrorCodes> severities;
+  severities.fill(5);
+  severities[0] = 1;
+  return severities;
+}();
 
 // These have no catalog number.
 constexpr const char* kJobsTexts[] = {"", "Invalid arguments", "Unable to find job record",
                                       "Invalid or NULL session channel"};
 constexpr int32_t kJobsSeverities[] = {1, 4, 5, 4};
 constexpr const char* kGenericTexts[] = {"Success", kErrDefaultText};
-constexpr int32_t kGenericSeverities[] = {1, 5};
 
 err_type types[kErrTypeSlots];
 char* rap_errlist[kRapErrorCodes];
@@ -119,7 +123,7 @@ void build(char* (&list)[N], const CatalogText (&entries)[N]) {
   }
 }
 
-// Frees what was built. The default texts take its place, for those who come late.
+// Frees what was built and puts the default texts in its place, for late readers.
 template <size_t N>
 void release(char* (&list)[N], const CatalogText (&entries)[N]) {
   for (size_t code = 0; code < N; ++code) {
@@ -128,7 +132,7 @@ void release(char* (&list)[N], const CatalogText (&entries)[N]) {
   }
 }
 
-// Part of every table's making, so here the texts get their release.
+// Every table is made after this one, so the release is set here.
 void build_rpc_errlist() {
   liblocal_set_release(LiblocalRelease::kErrorTables, err_unsetall);
   get_liblocal_p_varp();
@@ -141,12 +145,13 @@ void build_tables() {
   // The texts of system errors come from the platform, for every code.
   err_settype(kErrTypeSystem, 1, "SYSTEM", nullptr, nullptr);
   err_settype(kErrTypeRpc, kRpcErrorCodes - 1, "RPC", rpc_errlist, kRpcSeverities);
-  err_settype(kErrTypeRap, kRapErrorCodes - 1, "RAP", rap_errlist, kRapSeverities);
-  err_settype(4, 1, "WISS", kGenericTexts, kGenericSeverities);
-  err_settype(5, 1, "Vaultmere", kGenericTexts, kGenericSeverities);
-  err_settype(6, 1, "Jukebox", kGenericTexts, kGenericSeverities);
-  err_settype(7, 1, "File index", kGenericTexts, kGenericSeverities);
-  err_settype(8, 1, "Media DB", kGenericTexts, kGenericSeverities);
+  const int32_t* severities = kPlainSeverities.data();
+  err_settype(kErrTypeRap, kRapErrorCodes - 1, "RAP", rap_errlist, severities);
+  err_settype(4, 1, "WISS", kGenericTexts, severities);
+  err_settype(5, 1, "Vaultmere", kGenericTexts, severities);
+  err_settype(6, 1, "Jukebox", kGenericTexts, severities);
+  err_settype(7, 1, "File index", kGenericTexts, severities);
+  err_settype(8, 1, "Media DB", kGenericTexts, severities);
   err_settype(kErrTypeJobs, std::size(kJobsTexts) - 1, "Jobs", kJobsTexts, kJobsSeverities);
 }
 
@@ -163,7 +168,7 @@ void err_settype(int32_t type, int32_t max_code, const char* name, const char* c
   snprintf(slot->name, sizeof slot->name, "%s", name);
   slot->texts = texts;
   slot->severities = severities;
-  slot->max_code.store(max_code, std::memory_order_release);  // last: err_print may look on
+  slot->max_code = max_code;  // last: another thread's err_print may be looking
 }
 
 const err_type* err_type_of(int32_t type) {

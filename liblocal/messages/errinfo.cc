@@ -43,7 +43,7 @@ int32_t system_severity(int32_t error) {
   }
 }
 
-// What the tables say of an error.
+// Text and severity of an error in the tables.
 struct Defaults {
   const char* text;  // null: the platform's
   int32_t severity;
@@ -56,21 +56,21 @@ Defaults defaults_of(int32_t type, int32_t code) {
   return {entry->texts[code], entry->severities[code]};
 }
 
-// Any argument is allowed, so the number is made where overflow wraps.
+// Any argument is allowed: unsigned numbers wrap on overflow.
 int32_t make_number(int32_t type, int32_t severity, int32_t code) {
   return static_cast<int32_t>(static_cast<uint32_t>(type) * kTypeUnit +
                               static_cast<uint32_t>(severity) * kSeverityUnit +
                               static_cast<uint32_t>(code));
 }
 
-// The thread's message buffer, of kMessageSize bytes; null when it cannot be had.
+// The thread's message buffer, of kMessageSize bytes; null without memory.
 char* message_buffer() {
   liblocal_t_varp* block = get_liblocal_t_varp();
   if (block->message == nullptr) block->message = static_cast<char*>(malloc(kMessageSize));
   return block->message;
 }
 
-// Copies `text`, cut to fit, into the message buffer. It may be this very message.
+// Copies `text`, cut to fit, into the message buffer, which it may be itself.
 void copy_message(const char* text, char* message) {
   size_t length = strnlen(text, kMessageSize - 1);
   memmove(message, text, length);
@@ -88,25 +88,23 @@ const char* severity_word(int32_t severity) {
   }
 }
 
-struct Detail {
-  char text[80];  // "" unless details are asked for
-};
+constexpr size_t kDetailSize = 80;
 
-Detail detail_of(int32_t number, bool type_is_named) {
-  Detail detail = {};
-  if (Debug == 0 || number == 0) return detail;
-  unsigned severity = static_cast<unsigned>(severity_of(number));
-  unsigned code = static_cast<unsigned>(code_of(number));
+// Writes the end of a printed record into `detail`, of kDetailSize bytes: severity and
+// number, or nothing with `Debug` at 0.
+void describe(int32_t number, bool type_is_named, char* detail) {
+  *detail = '\0';
+  if (Debug == 0 || number == 0) return;
+  int32_t severity = severity_of(number);
+  int32_t code = code_of(number);
   if (type_is_named) {
-    snprintf(detail.text, sizeof detail.text, " (severity %u, number %u)", severity, code);
+    snprintf(detail, kDetailSize, " (severity %d, number %d)", severity, code);
   } else if (number >= 0) {
-    unsigned type = static_cast<unsigned>(number / kTypeUnit);
-    snprintf(detail.text, sizeof detail.text, " (type %u, severity %u, number %u)", type, severity,
-             code);
+    snprintf(detail, kDetailSize, " (type %d, severity %d, number %d)", number / kTypeUnit,
+             severity, code);
   } else {
-    snprintf(detail.text, sizeof detail.text, " (number %d)", number);
+    snprintf(detail, kDetailSize, " (number %d)", number);
   }
-  return detail;
 }
 
 }  // namespace
@@ -188,21 +186,21 @@ void err_print(const vx_error_record* record) {
   if (record == nullptr) return;
   int32_t type = record->number / kTypeUnit;
   const err_type* entry = type <= kErrTypeJobs ? err_type_of(type) : nullptr;
-  Detail detail = detail_of(record->number, entry != nullptr);
+  char detail[kDetailSize];
+  describe(record->number, entry != nullptr, detail);
   const char* word = severity_word(severity_of(record->number));
   if (entry != nullptr) {
     printerr(vxcatgets(Catd, kRuntimeMessageSet, 280, "%s %s: %s%s\n"), entry->name, word,
-             record->text, detail.text);
+             record->text, detail);
   } else {
-    printerr(vxcatgets(Catd, kRuntimeMessageSet, 279, "%s, %s%s\n"), word, record->text,
-             detail.text);
+    printerr(vxcatgets(Catd, kRuntimeMessageSet, 279, "%s, %s%s\n"), word, record->text, detail);
   }
 }
 
 int err_accrue(const char* text) {
   liblocal_t_varp* block = get_liblocal_t_varp();
   if (text == nullptr || block->accruing == 0) return 0;
-  constexpr size_t kJoinSize = 9;  // what joining two texts is reckoned to add
+  constexpr size_t kJoinSize = 9;  // bytes counted for "->(", ")" and terminators
   const char* old = block->accrued_text;
   size_t size = strlen(text) + (old != nullptr ? strlen(old) : 0) + kJoinSize;
   if (old != nullptr && size > kMessageSize) {
@@ -214,11 +212,7 @@ int err_accrue(const char* text) {
     fputs("Malloc failed.\n", stderr);
     return 0;
   }
-  if (old != nullptr) {
-    snprintf(accrued, size, "%s->(%s)", text, old);
-  } else {
-    snprintf(accrued, size, "%s", text);
-  }
+  snprintf(accrued, size, old != nullptr ? "%s->(%s)" : "%s", text, old);
   free(block->accrued_text);
   block->accrued_text = accrued;
   return 0;

@@ -31,12 +31,12 @@ constexpr Renamed kRenamed[] = {
     {"zh", "zh_CN.GB2312-80"}, {"chinese", "zh_CN.GB2312-80"}, {"zh_CN.EUC", "zh_CN.GB2312-80"},
 };
 
-// This system's name of `name`, but for the spelling of the Latin-1 codeset.
+// This system's name of the locale `name`. The codeset may still be Latin-1 by another name.
 std::string_view renamed(std::string_view name) {
   for (const Renamed& each : kRenamed) {
     if (name == each.name) return each.becomes;
   }
-  const std::string_view codeset = text_part(name, name.find('.'));
+  std::string_view codeset = text_part(name, name.find('.'));
   if (codeset == ".eucJP") return "ja_JP.EUC";
   if (codeset == ".PCK") return "ja_JP.sjis";
   return name;
@@ -49,7 +49,7 @@ bool normalise_locale(const char* name, char (&buffer)[kLocaleNameSize]) {
   for (std::string_view plain : kAsTheyAre) {
     if (text == plain) return false;
   }
-  // A longer name would have to be cut, and then be another locale's.
+  // A longer name would be cut to the name of another locale.
   if (text.size() >= kLocaleNameSize) return false;
   text = renamed(text);
   std::string_view stem = text_part(text, 0, text.find('.'));
@@ -65,7 +65,7 @@ const char* init_locales(const char* /*name*/, const char* locale) {
   if (messages != nullptr) normalise_locale(messages, locale_name);
   if (Debug > 0) {
     debugprintf("Locale\"%s\" found.\n", locale_name);
-    debugprintf("Lang Subdir is\"%s\".\n", "unknown");
+    debugprintf("Lang Subdir is\"unknown\".\n");
   }
   rap_locale.reset(xstrdup(setlocale(LC_ALL, "C")));
   user_locale.reset(xstrdup(rap_locale.get()));

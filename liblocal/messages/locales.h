@@ -1,7 +1,7 @@
-// The locale of the process, and what the catalogs and the converters know of it.
+// The locale of the process.
 //
-// Thread safety: init_locales runs before any other thread exists, or alone; the
-// getters are for any thread after it.
+// Thread safety: init_locales is for a time when no other thread exists or uses the
+// locale; the other operations are thread safe.
 #pragma once
 
 #include <cstddef>
@@ -11,19 +11,19 @@
 /// Bytes of a normalised locale name, its NUL included.
 constexpr size_t kLocaleNameSize = 128;
 
-/// Puts the process into the locale of its environment: finds and normalises the name
-/// of the messages locale, which two debug lines report from level 1 on, and selects
-/// `locale` ("" is the environment's) for all categories. The application's name plays no part. May
-/// run again. Returns the platform's answer to the last selection, null when there is no such
-/// locale.
+/// Puts the process into the locale of its environment: finds and normalises the name of
+/// the messages locale, which two debug lines report from level 1 on, and selects `locale`
+/// ("" is the environment's) for all categories. The application's `name` has no effect.
+/// May be called again. Returns the platform's answer to the last selection, null when
+/// there is no such locale.
 const char* init_locales(const char* name, const char* locale);
 
-/// The language subdirectory, without which vxcatopen opens no catalog: null, for this
-/// system has texts of one language.
+/// The language subdirectory, without which vxcatopen opens no catalog. It is always null:
+/// the texts of this system are in one language.
 [[nodiscard]] const char* get_lang_subdir();
 
-/// The neutral locale ("C") and the user's locale; null while unset. They stay owned
-/// here, until the next init_locales.
+/// The neutral locale ("C") and the user's locale; null before init_locales. The texts
+/// last until its next call.
 [[nodiscard]] const char* get_rap_locale();
 [[nodiscard]] const char* get_user_locale();
 

@@ -16,7 +16,6 @@
 #include "liblocal/messages/log_time.h"
 #include "liblocal/messages/message_ids.h"
 #include "liblocal/messages/print.h"
-#include "liblocal/messages/vxinit_done.h"
 #include "liblocal/text/utf8_marks.h"
 #include "liblocal/text/vxprint.h"
 #include "tests/fakes.h"

@@ -17,9 +17,7 @@
 
 namespace {
 
-constexpr size_t kNameSize = 64;     // the part of the program's name that messages show
-constexpr size_t kPrefixRoom = 764;  // of a prefix that is part of a format
-static_assert(kPrefixRoom > kMessagePrefixSize + kNameSize - 1, "a name may be all '%'");
+constexpr size_t kNameSize = 64;  // the part of the program's name that messages show
 
 std::atomic<int> timestamps;
 std::atomic<print_accrual_hook> accrual_hook;
@@ -32,11 +30,12 @@ bool is_failure(const char* text) {
   return true;
 }
 
-// The prefix and `format` as one format; null without memory. A '%' in the program's
-// name is doubled, which makes it text.
+// The prefix and `format` as one format; null without memory. A '%' in the program's name
+// is doubled, which makes it text.
 c_unique_ptr<char> prefixed(const char* format) {
   const size_t length = strlen(format);
-  c_unique_ptr<char> whole(static_cast<char*>(malloc(length + kPrefixRoom)));
+  c_unique_ptr<char> whole(
+      static_cast<char*>(malloc(kMessagePrefixSize + kNameSize + length)));  // all may be '%'
   if (whole == nullptr) return nullptr;
   char prefix[kMessagePrefixSize];
   char* end = whole.get();

@@ -2,23 +2,22 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
 #include "liblocal/base/vx_atexit.h"
 #include "liblocal/base/vx_mutex.h"
 #include "liblocal/text/ascii.h"
+#include "liblocal/text/text_view.h"
 #include "liblocal/text/vxpath.h"
 
 namespace {
 
-// Written under the mutex of the program's name, each name in the place of the last but
-// one: who may not wait for the mutex copies a name that is not being written.
-std::atomic<char> names[2][kPathComponentSize];
-std::atomic<uint64_t> recorded;  // names so far; the last one is names[recorded % 2]
+// Written under the mutex of the program's name. A signal handler cannot wait for that. It
+// reads the recorded name, while a new one is written to the other place.
+char names[2][kPathComponentSize];
+std::atomic<const char*> recorded;  // one of `names`, or null
 
 }  // namespace
 
@@ -30,20 +29,15 @@ void vx_set_progname(const char* path) {
   lower_ascii(name);
 
   VxMutexLock lock(_vx_progname_mutex());
-  std::copy_n(name, strlen(name) + 1, names[(recorded + 1) % 2]);
-  ++recorded;
+  char* free_place = recorded == names[0] ? names[1] : names[0];
+  text_copy_cut(name, free_place, kPathComponentSize);
+  recorded = free_place;
 }
 
 bool _vx_peek_progname(char* buffer, size_t size) {
-  uint64_t seen = 0;
-  do {
-    seen = recorded;
-    if (seen == 0) return false;
-    const auto& name = names[seen % 2];
-    size_t length = 0;
-    while (length + 1 < size && (buffer[length] = name[length]) != '\0') ++length;
-    if (size != 0) buffer[length] = '\0';
-  } while (recorded != seen);
+  const char* name = recorded;
+  if (name == nullptr) return false;
+  text_copy_cut(name, buffer, size);
   return true;
 }
 

@@ -14,6 +14,7 @@ void vx_set_progname(const char* path);
 /// terminated; without a recorded name the text is "(pid N)". Returns `buffer`.
 char* vx_get_progname(char* buffer, size_t size);
 
-/// Copies the recorded name likewise. Returns false, with `buffer` as it was, when there
-/// is none. Async-signal-safe.
+/// Copies the recorded name likewise. Returns false, with `buffer` unchanged, when there
+/// is none. Async-signal-safe. When the name is recorded twice during the copy, `buffer`
+/// may hold parts of both names.
 [[nodiscard]] bool _vx_peek_progname(char* buffer, size_t size);

@@ -6,8 +6,8 @@
 #pragma once
 
 #include "liblocal/base/version.h"
+#include "liblocal/messages/liblvars.h"
 #include "liblocal/messages/progname.h"
-#include "liblocal/messages/vxinit_done.h"
 
 /// Initialises the runtime for the application `name` ("kiv" for the command). The
 /// first call puts the process into the locale of its environment, installs the

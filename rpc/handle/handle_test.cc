@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "liblocal/messages/catgets.h"
-#include "liblocal/messages/vxinit_done.h"
+#include "liblocal/messages/liblvars.h"
 #include "rpc/handle/c_perror.h"
 #include "rpc/handle/rpcvarp.h"
 #include "tests/fakes.h"
