@@ -1,7 +1,6 @@
 #include "liblocal/startup/dbgsignl.h"
 
 #include <fcntl.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -31,8 +30,7 @@ namespace {
 
 constexpr uint32_t kDebuggerWaitMillis = 10000;
 
-// One debug line built without the platform's formatter, which a signal handler may
-// not call.
+// One debug line, built without the platform's formatter: a signal handler may not call it.
 class SignalLine {
  public:
   SignalLine() { length_ = strlen(print_prefix_in_handler(text_)); }
@@ -48,9 +46,7 @@ class SignalLine {
     return *this << std::string_view(digits, std::to_chars(digits, std::end(digits), number).ptr);
   }
 
-  void send() const {
-    if (write(debug_descriptor(), text_, length_) < 0) return;  // nobody is left to be told
-  }
+  void send() const { [[maybe_unused]] ssize_t result = write(debug_descriptor(), text_, length_); }
 
  private:
   char text_[kMessagePrefixSize + kDebugCommandLimit + 128];  // one command has name and value
@@ -59,7 +55,7 @@ class SignalLine {
 
 struct Level {
   std::string_view name;
-  std::string_view title;  // what the change line calls it
+  std::string_view title;  // its name in the debug line
   std::atomic<int>* value;
 };
 
@@ -89,10 +85,10 @@ void apply(const debug_command& command) {
   }
 }
 
-// Takes the command off the debug command file into `text`, of kDebugCommandLimit
-// bytes. The file may lie where others can write, so nothing but a regular file
-// is accepted, and opening never follows a link nor waits for a FIFO's writer.
-// Returns what was read; nothing when there is no command.
+// Reads the debug command file into `text`, of kDebugCommandLimit bytes, and deletes it.
+// Returns what was read; nothing when there is no command. Others may be able to write to
+// the file's directory, so only a regular file is accepted, and opening it neither follows
+// a link nor waits for a FIFO's writer.
 std::string_view take_command(char* text) {
   int file = open(Dbgcmdpath, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (file < 0) return {};
@@ -107,7 +103,7 @@ std::string_view take_command(char* text) {
   return command;
 }
 
-// The base name of `path`, up to its last dot and in lower case, in `name`, of
+// Copies the base name of `path`, up to its last dot and in lower case, into `name`, of
 // kPathComponentSize bytes.
 void copy_base_name(const char* path, char* name) {
   vx_path_basename(path, name, kPathComponentSize);
@@ -120,9 +116,7 @@ bool is_listed(std::string_view list, std::string_view name) {
   for (;;) {
     const size_t comma = list.find(',');
     const std::string_view item = text_part(list, 0, comma);
-    if (item.size() >= name.size() && strncasecmp(item.data(), name.data(), name.size()) == 0) {
-      return true;
-    }
+    if (same_ignoring_case(text_part(item, 0, name.size()), name)) return true;
     if (comma == list.npos) return false;
     list.remove_prefix(comma + 1);
   }

@@ -9,7 +9,6 @@
 
 namespace {
 
-// ASCII only: neither the locale nor its locks matter inside a signal handler.
 bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n'; }
 
 // Takes the longest run of characters that `belongs` accepts off the front of `text`.

@@ -1,5 +1,5 @@
-// The debug command: the one line, such as "Debug = 3", that an operator writes
-// into the debug command file to change a level of a running process.
+// The debug command: the assignment, such as "Debug = 3", that an operator writes into the
+// debug command file to change a level of a running process.
 #pragma once
 
 #include <optional>
@@ -7,15 +7,15 @@
 
 /// The parts of a debug command.
 struct debug_command {
-  std::string_view name;        // letters, perhaps none; part of the text that was parsed
-  std::string_view value_text;  // an optional '-' and digits, perhaps none; likewise
-  int value;                    // 0 without digits; what an int cannot hold becomes its limit
+  std::string_view name;        ///< Letters, perhaps none: a part of the parsed text.
+  std::string_view value_text;  ///< A '-' or none, digits or none: a part of it, too.
+  int value;                    ///< 0 without digits; INT_MAX or INT_MIN beyond an int.
 };
 
-/// Takes `text` apart: a name of ASCII letters, '=', a value. Blanks, tabs and
-/// newlines may stand before each; whatever follows the value is ignored. A name
-/// that ends the text has the value 0.
+/// Parses `text`: a name of ASCII letters, '=', a value. Blanks, tabs and newlines before
+/// each of them are skipped; whatever follows the value is ignored. When the text ends
+/// after the name, the value is 0.
 ///
-/// Returns nothing when something other than '=' follows the name, or when the
-/// text ends after the '='. Async-signal-safe.
+/// Returns nothing when something other than '=' follows the name, or when the text ends
+/// after the '='. Async-signal-safe.
 [[nodiscard]] std::optional<debug_command> parse_debug_command(std::string_view text);

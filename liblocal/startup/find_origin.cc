@@ -51,14 +51,14 @@ bool search_path(std::string_view name, char* path) {
   return false;
 }
 
-// Writes `name`, in the locale's codeset, as UTF-8 into `utf8`, of kPathSize bytes: as
-// readable text where that leads back to the same bytes, else in transparent bytes.
+// Writes `name`, in the locale's codeset, as UTF-8 into `utf8`, of kPathSize bytes: as text
+// when that converts back to the same bytes, else in transparent bytes.
 void convert_name(const char* name, char* utf8) {
   if (is_ascii_text(name)) return text_copy_cut(name, utf8, kPathSize);
   char back[kProgramPathSize];
   utf8_mbs(utf8, name, kPathSize);
   ansi_mbs(back, utf8, sizeof back);
-  if (strcmp(back, name) != 0) static_cast<void>(vx_mbstombts(utf8, name, kPathSize));
+  if (strcmp(back, name) != 0) (void)vx_mbstombts(utf8, name, kPathSize);
 }
 
 // Writes the path of the program that was started as `argv0` into `path`, of kPathSize
@@ -74,7 +74,7 @@ bool find_program(const char* argv0, char* path) {
   return true;
 }
 
-// Any of the names could be in a directory of someone else's.
+// Any of the names may be in a directory that belongs to someone else.
 void refuse_hard_links(const char* path, nlink_t links) {
   if (links <= 1) return;
   printerr(
@@ -83,14 +83,14 @@ void refuse_hard_links(const char* path, nlink_t links) {
   exit(1);
 }
 
-// Tells the origin on request, and ends the process where nothing else is wanted of it.
+// Prints the origin, and ends the process, as the environment asks.
 void print_origin(const char* argv0) {
-  const char* wish = vxgetenv("KIV_PRINT_ORIGIN");
-  if (wish == nullptr) return;
+  const char* request = vxgetenv("KIV_PRINT_ORIGIN");
+  if (request == nullptr) return;
   char name[kPathSize];
   convert_name(argv0, name);
   if (Debug >= 0) debugprintf("origin for `%s' is `%s'\n", name, origin);
-  if (*wish == 'q' || *wish == 'Q') exit(0);
+  if (*request == 'q' || *request == 'Q') exit(0);
 }
 
 }  // namespace

@@ -33,8 +33,8 @@ Kind kind_of(const char* path, bool follow) {
   }
 }
 
-// A debug line of `level` that leaves `errno` to the caller's caller.
-[[gnu::format(printf, 2, 3)]] void tell(int level, const char* format, ...) {
+// Writes a debug line of `level`; keeps `errno`.
+[[gnu::format(printf, 2, 3)]] void trace(int level, const char* format, ...) {
   int saved_errno = errno;
   va_list arguments;
   va_start(arguments, format);
@@ -48,8 +48,8 @@ void strip_trailing_slashes(char* path) {
   while (length > 1 && path[length - 1] == '/') path[--length] = '\0';
 }
 
-// The absolute `path` itself, less trailing slashes, when every parent is a real directory
-// and no component but the first may be a step.
+// Copies the absolute `path`, less trailing slashes, to `output`. False when a parent is no
+// real directory or a component but the first may be a step.
 bool take_as_it_is(const char* path, char* output, size_t size, bool follow) {
   char copy[kPathSize];
   if (*path != '/' || strlen(path) >= std::min(size, sizeof copy)) return false;
@@ -68,12 +68,14 @@ bool take_as_it_is(const char* path, char* output, size_t size, bool follow) {
   return true;
 }
 
-// The current directory, kept by its name and by itself: where the name no longer
-// leads back, the process still returns.
+// The current directory, to change back to: by its name, or else by a descriptor.
 class HomeDirectory {
  public:
-  HomeDirectory() : itself_(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)) {
+  // `path` is what the debug lines name.
+  explicit HomeDirectory(const char* path)
+      : path_(path), itself_(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)) {
     known_ = brix_getcwd(name_, sizeof name_) != nullptr;
+    if (!known_) trace(1, "fullpath(%s): cannot determine current directory\n", path);
   }
   ~HomeDirectory() {
     if (itself_ >= 0) close(itself_);
@@ -84,10 +86,10 @@ class HomeDirectory {
   bool known() const { return known_; }
   const char* name() const { return name_; }
 
-  // Changes back after a way to `path`. False when the name did not lead back.
-  bool restore(const char* path) const {
+  // Changes back. False when that is not possible by name.
+  bool restore() const {
     if (utf8_chdir(name_) == 0) return true;
-    tell(1, "fullpath(%s) cannot restore cwd to %s: %s\n", path, name_, brix_strerror(errno));
+    trace(1, "fullpath(%s) cannot restore cwd to %s: %s\n", path_, name_, brix_strerror(errno));
     int saved_errno = errno;
     [[maybe_unused]] int result = fchdir(itself_);
     errno = saved_errno;
@@ -95,17 +97,18 @@ class HomeDirectory {
   }
 
  private:
+  const char* path_;
   int itself_;
   bool known_;
   char name_[kPathSize];
 };
 
-// Puts the text of the link at `path`, of kPathSize bytes, in its place: all of the
-// path when it is absolute, else the last component.
+// Replaces the link at `path`, of kPathSize bytes, by its text: the whole path when the text
+// is absolute, else the last component.
 bool replace_link(char* path) {
   char link[kLinkTextSize];
   if (utf8_readlink(path, link, sizeof link) < 0) {
-    tell(1, "fullpath could not readlink on %s: %s\n", path, brix_strerror(errno));
+    trace(1, "fullpath could not readlink on %s: %s\n", path, brix_strerror(errno));
     return false;
   }
   char* slash = strrchr(path, '/');
@@ -114,30 +117,30 @@ bool replace_link(char* path) {
   size_t length = strlen(link);
   if (static_cast<size_t>(at - path) + length >= kPathSize) {
     errno = ENAMETOOLONG;
-    tell(1, "fullpath path name too long %s%s: %s\n", path, link, brix_strerror(errno));
+    trace(1, "fullpath path name too long %s%s: %s\n", path, link, brix_strerror(errno));
     return false;
   }
   memcpy(at, link, length + 1);
   return true;
 }
 
-// Resolves the symbolic links at the end of `copy`, of kPathSize bytes; `path` is
-// what the caller calls it.
+// Resolves the symbolic links at the end of `copy`, of kPathSize bytes. `path` is what the
+// debug lines name.
 bool follow_links(const char* path, char* copy) {
   for (int replaced = 0; replaced < kLinkLimit; ++replaced) {
     Kind kind = kind_of(copy, false);
     if (kind == Kind::kMissing) {
-      tell(1, "fullpath could not lstat %s: %s\n", copy, brix_strerror(errno));
+      trace(1, "fullpath could not lstat %s: %s\n", copy, brix_strerror(errno));
       return false;
     }
     if (kind != Kind::kLink) {
-      tell(3, "fullpath follow_path returns `%s'\n", copy);
+      trace(3, "fullpath follow_path returns `%s'\n", copy);
       return true;
     }
     if (!replace_link(copy)) return false;
   }
   errno = ELOOP;
-  tell(1, "fullpath too many symlink loops for %s: %s\n", path, brix_strerror(errno));
+  trace(1, "fullpath too many symlink loops for %s: %s\n", path, brix_strerror(errno));
   return false;
 }
 
@@ -148,7 +151,7 @@ bool join(const char* directory, const char* name, char* output, size_t size) {
   size_t name_length = strlen(name);
   if (length + slash + name_length >= size) {
     errno = ENAMETOOLONG;
-    tell(1, "%s%c%s path is too long\n", directory, '/', name);
+    trace(1, "%s%c%s path is too long\n", directory, '/', name);
     return false;
   }
   memmove(output, directory, length + 1);
@@ -157,31 +160,36 @@ bool join(const char* directory, const char* name, char* output, size_t size) {
   return true;
 }
 
-// Writes the system's name of `directory`, and behind it `name` unless that is null, into
-// `output`, by a way there and back on behalf of `path`.
-bool name_by_going_there(const char* directory, const char* name, const HomeDirectory& home,
-                         const char* path, char* output, size_t size) {
-  if (utf8_chdir(directory) != 0) {
-    tell(1, "cannot chdir to %s: %s\n", directory, brix_strerror(errno));
-    return false;
-  }
-  bool named = brix_getcwd(output, size) != nullptr;
-  if (!named) {
-    tell(1, "%sgetcwd failed on %s\n", name != nullptr ? "fullpath " : "", directory);
-    if (name != nullptr) tell(3, "fullpath failed to get the new cwd\n");
-  } else if (name != nullptr) {
-    named = join(output, name, output, size);
-  }
-  return home.restore(path) && named;
+bool enter(const char* directory) {
+  if (utf8_chdir(directory) == 0) return true;
+  trace(1, "cannot chdir to %s: %s\n", directory, brix_strerror(errno));
+  return false;
 }
 
-// Writes the full name of what is no directory: that of its directory, and its own.
-bool name_file(char* copy, const HomeDirectory& home, const char* path, char* output, size_t size) {
-  char* slash = strrchr(copy, '/');
-  if (slash == nullptr) return join(home.name(), copy, output, size);
+// Writes the system's name of `directory` into `output`.
+bool name_directory(const char* directory, const HomeDirectory& home, char* output, size_t size) {
+  if (!enter(directory)) return false;
+  bool named = brix_getcwd(output, size) != nullptr;
+  if (!named) trace(1, "getcwd failed on %s\n", directory);
+  return home.restore() && named;
+}
+
+// Writes the system's name of the directory of `path`, and behind it the last component of
+// `path`, into `output`.
+bool name_file(char* path, const HomeDirectory& home, char* output, size_t size) {
+  char* slash = strrchr(path, '/');
+  if (slash == nullptr) return join(home.name(), path, output, size);
   *slash = '\0';
-  const char* directory = slash == copy ? "/" : copy;  // a file right under the root
-  return name_by_going_there(directory, slash + 1, home, path, output, size);
+  const char* directory = slash == path ? "/" : path;
+  if (!enter(directory)) return false;
+  bool named = brix_getcwd(output, size) != nullptr;
+  if (named) {
+    named = join(output, slash + 1, output, size);
+  } else {
+    trace(1, "fullpath getcwd failed on %s\n", directory);
+    trace(3, "fullpath failed to get the new cwd\n");
+  }
+  return home.restore() && named;
 }
 
 bool find_from_here(const char* path, char* output, size_t size, unsigned flags) {
@@ -195,22 +203,19 @@ bool find_from_here(const char* path, char* output, size_t size, unsigned flags)
     errno = ENAMETOOLONG;
   }
   if (kind == Kind::kMissing) {
-    tell(1, "cannot stat %s\n", path);
+    trace(1, "cannot stat %s\n", path);
     return false;
   }
   text_copy_cut(path, given, sizeof given);
   text_copy_cut(path, copy, sizeof copy);
   strip_trailing_slashes(copy);
-  HomeDirectory home;
-  if (!home.known()) {
-    tell(1, "fullpath(%s): cannot determine current directory\n", given);
-    return false;
-  }
+  HomeDirectory home(given);
+  if (!home.known()) return false;
   if (kind != Kind::kDirectory) {
     if (follow && !follow_links(given, copy)) return false;
-    return name_file(copy, home, given, output, size);
+    return name_file(copy, home, output, size);
   }
-  if (!name_by_going_there(copy, nullptr, home, given, output, size)) return false;
+  if (!name_directory(copy, home, output, size)) return false;
   size_t length = strlen(output);
   if ((flags & kFullpathDirectorySlash) != 0 && length > 1 && length + 1 < size) {
     memcpy(output + length, "/", sizeof "/");

@@ -12,16 +12,15 @@
 
 namespace {
 
-// What follows is written under directory_mutex. The atomic pointers are set once
-// and then read without it.
+// Written under directory_mutex. The atomic pointers are set once and then read without it.
 std::atomic<vx_mutex*> directory_mutex;
 char* argv0_copy = nullptr;
 std::atomic<const char*> installdir;
-bool appdir_asked = false;  // so later names do not count
-bool lives_where_installed = false;
+bool appdir_asked = false;   // so later names do not count
+bool is_installdir = false;  // the application directory
 const char* default_appdir = nullptr;
 const char* chosen_appdir = nullptr;
-std::atomic<char*> securedir;  // set without the mutex
+std::atomic<const char*> securedir;
 
 vx_mutex* mutex() {
   vx_mutex* made = vx_mutex_made_once(&directory_mutex);
@@ -33,15 +32,13 @@ vx_mutex* mutex() {
 const char* appdir(const char* name) {
   if (!appdir_asked && name != nullptr) {
     default_appdir = path_concat("/", name);
-    lives_where_installed = strcmp(name, "tarn") == 0 || strcmp(name, "qmo") == 0;
+    is_installdir = strcmp(name, "tarn") == 0 || strcmp(name, "qmo") == 0;
   }
   appdir_asked = true;
-  if (chosen_appdir == nullptr && lives_where_installed) chosen_appdir = xstrdup(installdir);
+  if (chosen_appdir == nullptr && is_installdir) chosen_appdir = xstrdup(installdir);
   return chosen_appdir != nullptr ? chosen_appdir : default_appdir;
 }
 
-// A directory by its name and, once that was asked for, its path, which is set once and
-// then read without the mutex.
 struct Directory {
   const char* name;
   std::atomic<const char*> path = nullptr;
@@ -113,9 +110,8 @@ const char* vx_get_tmpdir() { return path_of(&tmp); }
 
 const char* vx_get_securedir() {
   if (const char* path = securedir; path != nullptr) return path;
-  char* path = path_concat(vx_get_tmpdir(), "sec");
-  char* earlier = nullptr;
-  if (securedir.compare_exchange_strong(earlier, path)) return path;
-  free(path);
-  return earlier;
+  const char* tmpdir = vx_get_tmpdir();
+  VxMutexLock lock(mutex());
+  if (securedir == nullptr) securedir = path_concat(tmpdir, "sec");
+  return securedir;
 }

@@ -1,32 +1,32 @@
-// The directories of the installation and of the application, and the program's
-// argv[0], from which they come.
+// The directories of the installation and of the application, and the argv[0] that they
+// are found with.
 //
 // The installation directory is the parent of the directory that holds the
-// executable: "/usr" for /usr/sbin/kivtrap. The application directory is "/" and
-// the application's name ("/kiv"), except for the applications "tarn" and "qmo",
-// which live in the installation directory once that is known.
+// executable: "/usr" for /usr/sbin/kivtrap. The application directory is "/" and the
+// application's name ("/kiv"). For the applications "tarn" and "qmo" it is the installation
+// directory, once that is known.
 //
-// What a getter returns belongs to this service and stays as it is for the life of
-// the process; null means that the base is not known.
+// The text that a getter returns lasts for the life of the process, and the caller must not
+// free it. Null means that the base is not known.
 //
 // Thread safety: from any thread, once _vxinit has run.
 #pragma once
 
-/// Records a copy of argv[0]. vx_get_argv0 returns it, null while there is none; it
+/// Records a copy of argv[0]. vx_get_argv0 returns the copy, or null when there is none. It
 /// lasts until the next vx_set_argv0.
 void vx_set_argv0(const char* argv0);
 [[nodiscard]] const char* vx_get_argv0();
 
-/// Records `argv0`, finds the installation directory with it (find_origin.h) unless
-/// it is known, and returns it; null when it cannot be found, and for a null
-/// `argv0`. Of an executable's directory only the first 1023 bytes count.
+/// Records `argv0`, finds the installation directory with it (find_origin.h) unless it is
+/// known, and returns that; null when it cannot be found, and for a null `argv0`. Only the
+/// first 1023 bytes of the name of the executable's directory are used.
 const char* vx_find_installdir(const char* argv0);
 
 /// The installation directory; null while it is not known.
 [[nodiscard]] const char* vx_get_installdir();
 
-/// The application directory. The first call, the getters' calls below among them, names
-/// the application, or with null says that there is none.
+/// The application directory. The first call names the application; with null there is
+/// none. The getters below count as such a call.
 const char* find_appdir(const char* name);
 
 /// "bin" in the installation directory.
@@ -47,5 +47,5 @@ const char* find_appdir(const char* name);
 [[nodiscard]] const char* vx_get_resdir();
 [[nodiscard]] const char* vx_get_tmpdir();
 
-/// "sec" in the directory of vx_get_tmpdir, in "./" when there is none at the first call.
+/// "sec" in the directory of vx_get_tmpdir; in "./" when that is null at the first call.
 [[nodiscard]] const char* vx_get_securedir();

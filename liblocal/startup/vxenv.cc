@@ -5,8 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
-#include <string_view>
 #include <utility>
 
 #include "liblocal/base/c_memory.h"
@@ -20,17 +18,15 @@
 
 namespace {
 
-// A text that add_to_environment has handed to the environment, which points at it
-// from then on: neither is ever freed.
+// A text that add_to_environment has handed to the environment. It is never freed, because
+// the environment keeps pointing at it.
 struct Assignment {
   char* text;
   Assignment* next;
 };
 
-constexpr size_t kLists = 4096;
-
 std::atomic<vx_mutex*> list_mutex;
-Assignment* assignments[kLists];  // by the hash of the text, newest first; guarded by list_mutex
+Assignment* assignments;  // newest first; guarded by list_mutex
 
 // "name=value" or "name=value:old", from malloc; null without memory.
 c_unique_ptr<char> make_assignment(const char* name, const char* value, const char* old) {
@@ -44,24 +40,23 @@ c_unique_ptr<char> make_assignment(const char* name, const char* value, const ch
 
 // The listed text that equals `text`, which is added when there is none.
 char* listed(c_unique_ptr<char> text) {
-  Assignment*& list = assignments[std::hash<std::string_view>{}(text.get()) % kLists];
   VxMutexLock lock(vx_mutex_made_once(&list_mutex));
-  for (Assignment* each = list; each != nullptr; each = each->next) {
+  for (Assignment* each = assignments; each != nullptr; each = each->next) {
     if (strcmp(each->text, text.get()) == 0) return each->text;
   }
   auto* added = static_cast<Assignment*>(xmalloc(sizeof(Assignment)));
-  *added = {text.release(), list};
-  list = added;
+  *added = {text.release(), assignments};
+  assignments = added;
   return added->text;
 }
 
-// An area for a converted text, of kMessageSize zero bytes, that is never freed; null
-// without memory, which is told.
+// An area for a converted text, of kMessageSize zero bytes, that is never freed. Without
+// memory prints the error and returns null.
 char* new_area() {
   char* area = static_cast<char*>(calloc(1, kMessageSize));
   if (area == nullptr) {
     printerr("%s\n", brix_strerror(ENOMEM));
-    errno = ENOMEM;  // whatever printing left there
+    errno = ENOMEM;  // printing may have changed it
   }
   return area;
 }

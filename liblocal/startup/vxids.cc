@@ -7,7 +7,7 @@
 namespace {
 
 constexpr uid_t kNotCaptured = static_cast<uid_t>(-1);
-constexpr uid_t kUnchanged = static_cast<uid_t>(-1);  // for setreuid
+constexpr uid_t kUnchanged = static_cast<uid_t>(-1);
 constexpr uid_t kRoot = 0;
 
 struct Ids {
@@ -26,22 +26,17 @@ const Ids& saved_ids() {
   return saved;
 }
 
-void tell_before(const char* operation) {
+void trace_before(const char* operation) {
   if (print_uids == 0 || Debug <= 0) return;
   debugprintf("%s: saved uid %d euid %d, current uid %d euid %d\n", operation,
               static_cast<int>(saved.real_user), static_cast<int>(saved.effective_user),
               static_cast<int>(getuid()), static_cast<int>(geteuid()));
 }
 
-void tell_after(const char* operation) {
+void trace_after(const char* operation) {
   if (print_uids == 0 || Debug < 0) return;
   debugprintf("%s: new uid %d euid %d\n", operation, static_cast<int>(getuid()),
               static_cast<int>(geteuid()));
-}
-
-// A failure leaves the ids as they are, and is not reported.
-void change_uids(uid_t real, uid_t effective) {
-  [[maybe_unused]] int result = setreuid(real, effective);
 }
 
 template <typename Id>
@@ -63,18 +58,18 @@ void get_saved_gids(gid_t* real, gid_t* effective) {
 
 void set_nonprivileged() {
   const Ids& ids = saved_ids();
-  tell_before("set_nonprivileged");
+  trace_before("set_nonprivileged");
   if (drop_uid == 0 || ids.real_user == ids.effective_user) return;
-  change_uids(kRoot, ids.real_user);
-  tell_after("set_nonprivileged");
+  [[maybe_unused]] int result = setreuid(kRoot, ids.real_user);  // not to be reported
+  trace_after("set_nonprivileged");
 }
 
 void set_privileged() {
   const Ids& ids = saved_ids();
-  tell_before("set_privileged");
+  trace_before("set_privileged");
   if (ids.real_user == ids.effective_user || ids.effective_user != kRoot) return;
-  change_uids(kUnchanged, kRoot);
-  tell_after("set_privileged");
+  [[maybe_unused]] int result = setreuid(kUnchanged, kRoot);
+  trace_after("set_privileged");
 }
 
 void set_vxinit_uid_flag(int on) { drop_uid = on; }

@@ -1,8 +1,8 @@
-// The user and group ids that the process was started with, and the switch between
-// the rights of its user and those of a set-user-id start.
+// The user and group ids that the process was started with, and the switch between the
+// rights of its user and those of a set-user-id start.
 //
-// Thread safety: the ids are captured by the first call, which happens in _vxinit;
-// from then on they are only read. The switches change the whole process.
+// Thread safety: the first call, in _vxinit, records the ids; from then on they are only
+// read. The switches change the whole process.
 #pragma once
 
 #include <sys/types.h>
@@ -21,10 +21,9 @@ void set_nonprivileged();
 /// another real user.
 void set_privileged();
 
-/// 0 makes set_nonprivileged leave the ids alone; any other value, the initial
-/// state, lets it change them.
+/// Lets set_nonprivileged change the ids, as it does from the start, or not when `on` is 0.
 void set_vxinit_uid_flag(int on);
 
-/// 1 makes both switches tell the ids in debug lines: before the change with `Debug`
-/// above 0, after it with `Debug` of 0 or more. 0 at the start.
+/// Makes both switches show the ids in debug lines, or not when `on` is 0, as at the start:
+/// before the change with `Debug` above 0, after it with `Debug` of 0 or more.
 void _vx_print_uids(int on);

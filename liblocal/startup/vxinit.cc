@@ -18,12 +18,12 @@
 
 namespace {
 
-constexpr size_t kUtf8Growth = 6;  // bytes that one byte may become
+constexpr size_t kUtf8Growth = 6;  // bytes of UTF-8 for one byte
 
 void name_debug_command_file(const char* name) {
   bool with_programs = name != nullptr && strcmp(name, "qmo") == 0;
   const char* directory = with_programs ? vx_get_bindir() : vx_get_tmpdir();
-  // An absent directory is written as every absent text is.
+  // As the formatter writes a null text.
   text_copy_cut(directory != nullptr ? directory : "null", Dbgcmdpath, sizeof Dbgcmdpath);
   const size_t end = strlen(Dbgcmdpath);
   text_copy_cut("/vxdbg.tmp", Dbgcmdpath + end, sizeof Dbgcmdpath - end);

@@ -1,8 +1,7 @@
-// Start-up of every program on this runtime: this room has its place and directories, the
-// rights it runs with, its environment and the signal that changes debug levels.
+// The start of every program on this runtime.
 //
-// Call vx_set_progname and then _vxinit first thing in main, from the main
-// thread, before any other thread exists.
+// Call vx_set_progname and then _vxinit at the beginning of main, before any other thread
+// exists.
 #pragma once
 
 #include "liblocal/base/version.h"
@@ -15,18 +14,17 @@
 /// of the start, gives up the rights of a set-user-id root start (no other: see vxids.h)
 /// and names the debug command file, `Dbgcmdpath`.
 ///
-/// Every call silences the platform's getopt and, unless the environment variable
-/// "KIV_MAST" is set, converts the arguments to UTF-8: an entry of `argv` that is not
-/// all ASCII is replaced by a new text that is never freed. Without memory for one,
-/// `errno` is ENOMEM and the rest stays as it is. At last it waits for a debugger
-/// when asked to (dbgsignl.h).
+/// Every call switches off the messages of the platform's getopt and, unless the
+/// environment variable "KIV_MAST" is set, converts the arguments to UTF-8: an entry of
+/// `argv` that is not all ASCII is replaced by a new text that is never freed. Without
+/// memory for one, `errno` is ENOMEM and the rest is not converted. Finally it waits for a
+/// debugger when asked to (dbgsignl.h).
 ///
-/// Without a `name` there is no application directory, and the debug command file is
-/// "null/vxdbg.tmp"; so it is for "qmo" without an installation directory. `argv` may be
-/// null.
+/// Without a `name` (null) there is no application directory, and the debug command file is
+/// "null/vxdbg.tmp", as for "qmo" without an installation directory. `argv` may be null.
 ///
-/// find_origin.h says when the process ends here: a program path of 1024 bytes or
-/// more, an executable with hard links, "KIV_PRINT_ORIGIN".
+/// The process may end here: see find_origin.h on a program path of 1024 bytes or more, an
+/// executable with hard links and "KIV_PRINT_ORIGIN".
 void _vxinit(const char* name, int argc, char** argv);
 
 /// _vxinit without arguments.
