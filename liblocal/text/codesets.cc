@@ -30,8 +30,8 @@ iconv_t not_opened() { return reinterpret_cast<iconv_t>(intptr_t{-1}); }
 std::atomic<iconv_t> ansi_descriptor = not_opened();
 std::atomic<iconv_t> utf8_descriptor = not_opened();
 
-// The platform's name of the locale's codeset. The plain locale's names of ASCII stand
-// for the codeset that has a character for every byte.
+// The platform's name of the locale's codeset. Where that is ASCII, as in the plain locale, it
+// is the codeset that has a character for every byte instead.
 const char* codeset_name() {
   std::string_view name = nl_langinfo(CODESET);
   if (name == "646" || name == "ANSI_X3.4-1968") return "ISO8859-1";
@@ -58,7 +58,7 @@ iconv_t open_once(std::atomic<iconv_t>* slot, const char* to, const char* from,
   learn_codeset();
   iconv_t opened = Needs_conversion != 0 ? iconv_open(to, from) : nullptr;
   if (opened == not_opened()) {
-    // No stream is to be trusted with text now.
+    // No stream can print text now.
     [[maybe_unused]] ssize_t written = write(STDERR_FILENO, complaint.data(), complaint.size());
     exit(1);
   }

@@ -19,8 +19,8 @@ extern std::atomic<int> Needs_conversion;
 /// until it is open.
 extern std::atomic<bool> Ansi_keeps_ascii;
 
-/// Clears Needs_conversion where the locale's codeset is UTF-8. Opens no converter; for
-/// whoever has set the locale, or each converter finds it out when it is first asked for.
+/// Clears Needs_conversion where the locale's codeset is UTF-8, without opening a converter.
+/// Call it after setlocale; otherwise the first use of a converter does it.
 void learn_codeset();
 
 /// The descriptor that converts from UTF-8 to the locale's codeset; null when that is

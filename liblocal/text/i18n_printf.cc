@@ -17,7 +17,7 @@ constexpr size_t kSlack = kMessageSize;  // room beyond the format's length, and
 constexpr size_t kUsualNumber = 64;      // room for a number without width and precision
 constexpr int kWidest = 64;              // width of a number that is not left to the platform
 
-// Where the text goes: to the caller's buffer, or to an area of its own that grows. Such
+// The text: in the caller's buffer, or in an area of its own that grows. Such
 // an area always has room for the literal text of the format.
 class Output {
  public:

@@ -15,7 +15,7 @@
 //   arguments; further ones read as 0 and "null". A skipped argument is taken as an int.
 //   An argument used as two types has the type of its last use; the other uses read it as
 //   0 or "null".
-// - A negative precision is none, as in printf.
+// - A negative precision is none, as in printf. A number in a width of INT_MIN prints nothing.
 // - What the platform would read or write through an argument that is no pointer to it
 //   ("%n", "%S", "%hs") prints nothing, and so does an 'L' before anything but a
 //   floating-point conversion.
@@ -30,8 +30,8 @@
 /// Formats `format` with `arguments` and terminates the text. Returns its bytes without
 /// the terminator. `arguments` is left as it was.
 ///
-/// The text goes to `buffer`, which has no bound: room for it is the caller's care. With a
-/// null `buffer` it goes to an area from malloc, whose address is stored through `result`
+/// The text is written to `buffer`, which the caller makes large enough. With a null
+/// `buffer` it is written to an area from malloc, whose address is stored through `result`
 /// and which the caller frees; a conversion of any size has room there. When the area
 /// cannot be had, null is stored and 0 returned. When it cannot grow, the text ends
 /// before the conversion that lacked room. With `result` null too, the text is only counted.

@@ -26,7 +26,7 @@
 constexpr size_t kMbtLength = 3;
 constexpr uint8_t kMbtLead = 0xEF;  // the first of its bytes
 
-/// The byte that stands in transparent form at `at`, of which `available` bytes may be
+/// The byte that is in transparent form at `at`, of which `available` bytes may be
 /// read: 0x80 to 0xFF, kMbtNone when there is none, kMbtBroken when only its first two
 /// bytes are there.
 constexpr int kMbtNone = -1;

@@ -61,8 +61,8 @@ char* read_marked(char* buffer, size_t size, bool with_line_end, FILE* stream) {
   return buffer;
 }
 
-// Puts `length` raw bytes back to be read again. Most often they still stand in the
-// stream's buffer; where not, the C library makes room for them. False when it cannot.
+// Puts `length` raw bytes back to be read again. Most often they are still in the stream's
+// buffer; otherwise the C library allocates one. False when it cannot.
 bool push_back(const char* bytes, size_t length, FILE* stream) {
   while (length > 0) {
     if (ungetc(static_cast<unsigned char>(bytes[--length]), stream) == EOF) return false;
@@ -70,7 +70,7 @@ bool push_back(const char* bytes, size_t length, FILE* stream) {
   return true;
 }
 
-// The bytes of a line in an area of their own, terminated. Without memory they go back.
+// The bytes of a line in an area of their own, terminated. Without memory they are put back.
 c_unique_ptr<char> copy_of(const char* bytes, size_t length, FILE* stream) {
   c_unique_ptr<char> copy(static_cast<char*>(malloc(length + 1)));
   if (copy == nullptr) {
@@ -82,9 +82,9 @@ c_unique_ptr<char> copy_of(const char* bytes, size_t length, FILE* stream) {
   return copy;
 }
 
-// Reads a line into `buffer` of `size` bytes and converts the beginning of it that fits there,
-// without its line end if that is not wanted. The rest stays on the stream. Never nothing
-// of what fills the room, or a reader would never end.
+// Reads a line into `buffer` of `size` bytes and converts it, without its line end if that is
+// not wanted. What does not fit is put back on the stream. At least one byte of a line is
+// used, or a reader would never reach the end of the file.
 char* read_converted(char* buffer, size_t size, bool with_line_end, FILE* stream) {
   const size_t length = read_line(buffer, size, stream, false);
   if (length == 0) return nullptr;

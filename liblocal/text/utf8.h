@@ -7,8 +7,7 @@
 // in `errno`. On a descriptor that does not wait, a reader gets the characters that are there;
 // without any, EAGAIN is in `errno`.
 //
-// Thread safety: as the platform's streams; a call handles its whole line before
-// another thread's turn.
+// Thread safety: as the platform's streams; a call keeps the stream to its thread.
 #pragma once
 
 #include <cstdio>
@@ -38,7 +37,7 @@ constexpr size_t kGetsSize = kMessageSize;  // bytes of the buffer of vxgets
 [[nodiscard]] char* vxgets(char* buffer);
 
 /// Writes `text`. Returns a sum of non-negative results of fputs, 0 for an empty text
-/// on a stream that is converted; -1 on an output error or for an absent text.
+/// on a stream that is converted; -1 on an output error or for a null text.
 int vxfputs(const char* text, FILE* stream);
 
 /// vxfputs and a line end, on standard output.

@@ -20,8 +20,8 @@ int utf8_mbtowc(wchar_t* value, const char* bytes, size_t available);
 /// number of bytes; -1 for a value out of range; 0 for a null output.
 int utf8_wctomb(char* output, wchar_t value);
 
-/// The number of characters of `text`: 0 when it is absent or empty, -1 when it is not
-/// valid UTF-8.
+/// The number of characters of `text`: 0 when it is null or empty, -1 when it is not valid
+/// UTF-8.
 [[nodiscard]] int utf8_mbslen(const char* text);
 
 /// 1 when `text`, or all of the `count` bytes, is valid UTF-8, else 0.
@@ -29,13 +29,13 @@ int utf8_wctomb(char* output, wchar_t value);
 [[nodiscard]] int is_utf8_mb(const char* bytes, size_t count);
 
 /// The number of characters of `text` by their lead bytes alone, whatever follows them;
-/// 0 when it is absent or empty; -1 when a byte that leads no character stands in such
-/// a place or the last character is cut.
+/// 0 when it is null or empty; -1 when the first byte of a character is no lead byte or the
+/// last character is cut.
 [[nodiscard]] int num_chars_in_utf8_str(const char* text);
 
 /// The length that a character's lead byte announces, 1 to 6; 0 for a byte that leads
 /// none.
 [[nodiscard]] int utf8_lead_length(char lead);
 
-/// The length of `text`, `length` bytes, less a character at its end that is cut.
+/// The length of `text`, of `length` bytes, without a character at its end that is cut.
 [[nodiscard]] size_t utf8_whole_length(const char* text, size_t length);

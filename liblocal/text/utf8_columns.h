@@ -12,8 +12,8 @@
 
 /// Returns the columns, 1 or 2, of the character of `text` whose first byte has the
 /// index `*index`, and moves `*index` to its last byte: 0 to 5 bytes on. The lead byte
-/// alone tells how far, so at a character that the end of the text cuts off `*index`
-/// comes to stand beyond that end. No byte beyond the terminator is read.
+/// alone decides how far, so at a character that the end of the text cuts off `*index`
+/// is moved beyond that end. No byte beyond the terminator is read.
 ///
 /// REQUIRES: `*index` is not beyond the terminator of `text`.
 int utf8_char_columns(const char* text, size_t* index);

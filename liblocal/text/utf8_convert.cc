@@ -78,8 +78,8 @@ vx_mutex* lock_of(Direction* direction) {
 struct Run {
   size_t consumed;
   size_t written;
-  size_t settled;  // of them, those before the way back
-  bool held;       // a character came out on the way back, or had no room there
+  size_t settled;  // of them, those before the return to the initial state
+  bool held;       // a character was written by that return, or had no room there
   int error;       // what stopped it: E2BIG, EILSEQ or EINVAL, or 0
 };
 
@@ -102,12 +102,13 @@ Run run_once(iconv_t descriptor, const Conversion& conversion, size_t length) {
   return run;
 }
 
-// Converts `length` bytes, which are not the last of the text where `more` says so, up to
-// what stops the converter. Returns the error of that.
+// Converts `length` bytes, behind which there is `more` of the text, up to what stops the
+// converter. Returns that error.
 //
-// Some converters hold a character back for what may combine with it. Where it does not
-// fit, or what follows is not there yet, it is not taken: of shorter and shorter runs the
-// first one ends before it that makes of its whole no more than the long one had settled.
+// Some converters hold a character back, because the next one may combine with it. When the held
+// character does not fit, or the next one is not there yet, the run must end before it. So the
+// run is repeated with one byte less each time, until it writes no more than the long run had
+// written before it held the character.
 int run_converter(iconv_t descriptor, Conversion* conversion, size_t length, bool more) {
   Run run = run_once(descriptor, *conversion, length);
   int error = run.error;
@@ -251,8 +252,9 @@ bool pass_stopped(Conversion* conversion, iconv_t descriptor, int error) {
 // Puts `length` bytes, of which none are a transparent byte, through the converter. False
 // when there is no room.
 //
-// The converter looks at much of a run before it stops at a character that it lacks. So
-// behind one the runs are short, and grow for as long as none is missing.
+// The converter decodes much of a run before it stops at a character that the codeset lacks.
+// After such a character the runs are short, and each is twice as long as the last, so that a
+// text full of them takes linear time.
 bool convert_run(Conversion* conversion, iconv_t descriptor, size_t length) {
   const char* end = conversion->in + length;
   for (size_t most = length; conversion->in < end;) {
@@ -317,38 +319,42 @@ size_t same_length(const char* text) {
   return static_cast<size_t>(strchrnul(text, kMbtLead) - text);
 }
 
-}  // namespace
+using Convert = void (*)(Conversion* conversion);
 
-size_t utf8_mbs(char* output, const char* input, size_t size) {
+// Converts with `errno` as it was.
+void run(Convert convert, Conversion* conversion) {
+  const int saved_errno = errno;
+  convert(conversion);
+  errno = saved_errno;
+}
+
+size_t convert_whole(Convert convert, char* output, const char* input, size_t size) {
   if (output == nullptr || size == 0) return 0;
   *output = '\0';
   if (input == nullptr) return 0;
-  int saved_errno = errno;
   Conversion conversion = {
       .in = input, .in_left = strlen(input), .out = output, .out_left = size - 1};
-  convert_in(&conversion);
+  run(convert, &conversion);
   *conversion.out = '\0';
-  errno = saved_errno;
+  if (conversion.broken) return 0;
   return conversion.full ? size : size - 1 - conversion.out_left;
 }
 
+}  // namespace
+
+size_t utf8_mbs(char* output, const char* input, size_t size) {
+  return convert_whole(convert_in, output, input, size);
+}
+
 size_t ansi_mbs(char* output, const char* input, size_t size) {
-  if (output == nullptr || size == 0) return 0;
-  *output = '\0';
-  if (input == nullptr) return 0;
-  const size_t same = same_length(input);
-  if (same < size && input[same] == '\0') {  // as most texts are
-    memcpy(output, input, same + 1);
-    return same;
+  if (output != nullptr && input != nullptr) {
+    const size_t same = same_length(input);
+    if (same < size && input[same] == '\0') {  // as most texts are
+      memcpy(output, input, same + 1);
+      return same;
+    }
   }
-  int saved_errno = errno;
-  Conversion conversion = {
-      .in = input, .in_left = strlen(input), .out = output, .out_left = size - 1};
-  convert_out(&conversion);
-  *conversion.out = '\0';
-  errno = saved_errno;
-  if (conversion.broken) return 0;
-  return conversion.full ? size : size - 1 - conversion.out_left;
+  return convert_whole(convert_out, output, input, size);
 }
 
 bool utf8_is_same(const char* text, size_t length) {
@@ -362,19 +368,15 @@ bool ansi_is_same(const char* text, size_t length) {
 }
 
 Utf8Progress utf8_mbs_part(char* output, size_t room, const char* input, size_t length, bool more) {
-  int saved_errno = errno;
   Conversion conversion = {
       .in = input, .in_left = length, .out = output, .out_left = room, .more = more};
-  convert_in(&conversion);
-  errno = saved_errno;
+  run(convert_in, &conversion);
   return {length - conversion.in_left, room - conversion.out_left};
 }
 
 Utf8Progress ansi_mbs_part(char* output, size_t room, const char* input, size_t length) {
-  int saved_errno = errno;
   Conversion conversion = {.in = input, .in_left = length, .out = output, .out_left = room};
-  convert_out(&conversion);
-  errno = saved_errno;
+  run(convert_out, &conversion);
   return {length - conversion.in_left, room - conversion.out_left};
 }
 

@@ -5,8 +5,8 @@
 // NUL-terminated unless a length is asked for. Every operation keeps `errno`.
 //
 // The first conversion fixes the codeset for the life of the process (see
-// codesets.h). When the lock of a direction cannot be made, that is said on
-// descriptor 2 and SIGTERM raised; where the process lives on, the text ends there.
+// codesets.h). When the lock of a direction cannot be made, a message is written on
+// descriptor 2 and SIGTERM is raised; where the process survives, the text ends there.
 //
 // Thread safety: every operation may be called from any thread.
 #pragma once
@@ -14,14 +14,15 @@
 #include <cstddef>
 
 /// Converts `input` from the locale's codeset to UTF-8 into `output` of `size` bytes.
-/// Each byte that is not valid in the codeset becomes '?'. The text is always
-/// terminated, and cut before a character that does not fit. An absent or empty
-/// input gives an empty text. Returns the number of bytes written without the NUL;
-/// `size` when the cut text would have filled the last byte too.
+/// Each byte that is not valid in the codeset becomes '?'. The text is always terminated,
+/// and cut before a character that does not fit. A null or empty input gives an empty
+/// text. Returns the number of bytes written without the NUL. When the next character
+/// would have filled the byte of the NUL, too, and `size` is at least 2, the result is `size`.
 size_t utf8_mbs(char* output, const char* input, size_t size);
 
-/// Converts `input` from UTF-8 to the locale's codeset into `output` of `size`
-/// bytes, terminates and cuts as utf8_mbs, and returns the same. A transparent byte
+/// Converts `input` from UTF-8 to the locale's codeset into `output` of `size` bytes,
+/// terminates and cuts as utf8_mbs, and returns the same, where a character of one byte
+/// never fills the byte of the NUL. A transparent byte
 /// (see mbt.h) becomes the byte it stands for; bytes that are not UTF-8 are copied;
 /// each character that the codeset lacks becomes '?'. A broken transparent byte, 0xEF
 /// 0xA2 or 0xEF 0xA3 without its third byte, ends the text, and 0 is returned.
@@ -32,7 +33,7 @@ size_t ansi_mbs(char* output, const char* input, size_t size);
 int vx_utf8tombts(char* output, const char* input, size_t size);
 
 /// The number of characters of `text`, which is in the locale's codeset, by the
-/// platform's mblen; 0 for an absent or empty text, -1 when it is not valid. Needs no
+/// platform's mblen; 0 for a null or empty text, -1 when it is not valid. Needs no
 /// conversion; not for two threads at once where the codeset has shift states.
 [[nodiscard]] int ansi_mbslen(const char* text);
 
@@ -44,12 +45,12 @@ int vx_utf8tombts(char* output, const char* input, size_t size);
 [[nodiscard]] char* utf8encode(const char* text, size_t size);
 [[nodiscard]] char* utf8decode(const char* text, size_t size);
 
-/// Whether `text`, of `length` bytes in the locale's codeset, is known to be the same in
-/// UTF-8 without the converter.
+/// Whether `text`, of `length` bytes in the locale's codeset, is known without the converter
+/// to be the same in UTF-8.
 [[nodiscard]] bool utf8_is_same(const char* text, size_t length);
 
-/// Whether ansi_mbs is known to leave `text` as it is without the converter, and its first
-/// NUL stands behind its `length` bytes.
+/// Whether it is known without the converter that ansi_mbs leaves the `length` bytes of `text`
+/// as they are. False when a NUL is among them.
 [[nodiscard]] bool ansi_is_same(const char* text, size_t length);
 
 /// What a conversion of part of a text did.
@@ -58,12 +59,12 @@ struct Utf8Progress {
   size_t written;   // bytes of the output
 };
 
-/// As utf8_mbs for `length` bytes, NUL bytes among them: fills `room` bytes at most,
-/// adds no NUL, and leaves a character that does not fit unconsumed. When `more` text
-/// follows elsewhere, so stays a character at the end that is not complete or that may
-/// become one with what follows.
+/// Converts as utf8_mbs, but `length` bytes, which may be NUL, into at most `room` bytes
+/// without a terminator. A character that does not fit is not consumed. When `more` text
+/// follows elsewhere, neither is a character at the end that is not complete or that may
+/// combine with what follows.
 Utf8Progress utf8_mbs_part(char* output, size_t room, const char* input, size_t length, bool more);
 
-/// As ansi_mbs for `length` bytes of a text, likewise. A broken transparent byte ends
+/// Converts as ansi_mbs, likewise. A broken transparent byte ends
 /// the output, and the rest of the input counts as consumed.
 Utf8Progress ansi_mbs_part(char* output, size_t room, const char* input, size_t length);

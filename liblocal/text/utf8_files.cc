@@ -141,7 +141,7 @@ char* utf8_getcwd(char* buffer, size_t size) {
     buffer = made.get();
   }
   if (buffer == nullptr || !make_transparent(buffer, path.get(), size)) return nullptr;
-  static_cast<void>(made.release());  // the caller's now
+  (void)made.release();  // the caller's now
   return buffer;
 }
 

@@ -60,7 +60,7 @@ constexpr size_t kUtf8DirentSize = offsetof(dirent, d_name) + 3 * NAME_MAX + 1;
 /// REQUIRES: `entry` has kUtf8DirentSize bytes, and no other thread reads `directory`.
 [[nodiscard]] dirent* utf8_readdir(DIR* directory, dirent* entry);
 
-/// utf8_readdir under the name that the stream operations have.
+/// The same as utf8_readdir.
 [[nodiscard]] dirent* vx_readdir(DIR* directory, dirent* entry);
 
 /// Writes the current directory into `buffer` of `size` bytes, or into memory of that
@@ -69,7 +69,7 @@ constexpr size_t kUtf8DirentSize = offsetof(dirent, d_name) + 3 * NAME_MAX + 1;
 /// transparent form (ERANGE).
 [[nodiscard]] char* utf8_getcwd(char* buffer, size_t size);
 
-/// utf8_getcwd, as path resolution calls it.
+/// The same as utf8_getcwd.
 [[nodiscard]] char* brix_getcwd(char* buffer, size_t size);
 
 // The type bits of vx_stat_record::mode.

@@ -10,9 +10,9 @@ namespace {
 
 constexpr int kMostMarks = 10;
 
-// Changed under the lock, read without it. A reader goes from the last mark to the
-// first and a removal moves the later marks up one by one, so that a reader on its way
-// down meets a moved mark in its new place if it came too late for the old one.
+// Changed under the lock, read without it. A reader searches from the last mark to the first,
+// and a removal moves the later marks one place forward. So a reader that misses a moved mark
+// in its old place finds it in the new one.
 std::atomic<int> marks[kMostMarks];
 std::atomic<int> mark_count;
 std::atomic<vx_mutex*> list_mutex;

@@ -37,7 +37,7 @@ int vxvfprintf(FILE* stream, const char* format, va_list arguments) {
   c_unique_ptr<char> text(area);
   if (text == nullptr) return 0;
   if (ansi_is_same(area, length)) return write_text(stream, area, length);
-  // A NUL that %c wrote is no text; what stands behind it is.
+  // A NUL that %c wrote does not end the text; it is left out.
   *std::remove(area, area + length, '\0') = '\0';
   return write_converted(stream, area);
 }

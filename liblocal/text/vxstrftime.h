@@ -6,7 +6,7 @@
 
 /// Formats `time` as the platform's strftime does with the UTF-8 text `format`, of at
 /// most 1023 bytes in the locale's codeset, into `output` of `size` bytes: UTF-8, cut to
-/// fit and terminated. Returns the text's length; 0 for an absent output, or when the
+/// fit and terminated. Returns the text's length; 0 for a null output, or when the
 /// text would take 600 bytes or more or is empty.
 size_t vxstrftime(char* output, size_t size, const char* format, const tm* time);
 
