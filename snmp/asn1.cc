@@ -1,7 +1,6 @@
 #include "snmp/asn1.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstring>
 
 namespace {
@@ -45,9 +44,9 @@ uint8_t* put_length(uint8_t* at, int32_t length) {
   return at;
 }
 
-// Takes `bytes` off the counter; false when it holds fewer.
-bool take(int32_t* room, int32_t bytes) {
-  if (*room < bytes) return false;
+// Takes `bytes` off the counter; false when it holds fewer, and for no position.
+bool take(const uint8_t* at, int32_t* room, int32_t bytes) {
+  if (at == nullptr || *room < bytes) return false;
   *room -= bytes;
   return true;
 }
@@ -57,7 +56,8 @@ bool can_build_length(int32_t length) { return length >= 0 && length <= kAsnMaxB
 // Reads tag and length of an item that lies in `left` bytes whole. Returns the
 // first content byte and leaves `left` alone.
 const uint8_t* parse_item(const uint8_t* at, int32_t left, uint8_t* tag, int32_t* length) {
-  if (left < kShortHeader || (at[0] & kMultiByteTag) == kMultiByteTag) return nullptr;
+  if (at == nullptr || left < kShortHeader || (at[0] & kMultiByteTag) == kMultiByteTag)
+    return nullptr;
   *tag = at[0];
   uint64_t declared = at[1];
   const uint8_t* contents = at + kShortHeader;
@@ -78,12 +78,12 @@ void consume(int32_t* left, const uint8_t* from, const uint8_t* to) {
 }  // namespace
 
 uint8_t* asn_build_length(uint8_t* at, int32_t* room, int32_t length) {
-  if (!can_build_length(length) || !take(room, asn_length_size(length))) return nullptr;
+  if (!can_build_length(length) || !take(at, room, asn_length_size(length))) return nullptr;
   return put_length(at, length);
 }
 
 uint8_t* asn_build_header(uint8_t* at, int32_t* room, uint8_t tag, int32_t length) {
-  if (!can_build_length(length) || !take(room, asn_header_size(length))) return nullptr;
+  if (!can_build_length(length) || !take(at, room, asn_header_size(length))) return nullptr;
   *at = tag;
   return put_length(at + 1, length);
 }
@@ -92,7 +92,7 @@ uint8_t* asn_build_int(uint8_t* at, int32_t* room, uint8_t tag, const long* valu
                        int32_t /*size*/) {
   auto number = static_cast<int32_t>(*value);
   int32_t bytes = asn_int_size(number);
-  if (!take(room, kShortHeader + bytes)) return nullptr;
+  if (!take(at, room, kShortHeader + bytes)) return nullptr;
   *at++ = tag;
   *at++ = static_cast<uint8_t>(bytes);
   for (int32_t shift = 8 * (bytes - 1); shift >= 0; shift -= 8) {
@@ -103,7 +103,7 @@ uint8_t* asn_build_int(uint8_t* at, int32_t* room, uint8_t tag, const long* valu
 
 uint8_t* asn_build_string(uint8_t* at, int32_t* room, uint8_t tag, const uint8_t* bytes,
                           int32_t count) {
-  if (!can_build_length(count) || !take(room, asn_header_size(count) + count)) return nullptr;
+  if (!can_build_length(count) || !take(at, room, asn_header_size(count) + count)) return nullptr;
   *at = tag;
   at = put_length(at + 1, count);
   if (count > 0) memcpy(at, bytes, static_cast<size_t>(count));
@@ -112,7 +112,7 @@ uint8_t* asn_build_string(uint8_t* at, int32_t* room, uint8_t tag, const uint8_t
 
 uint8_t* asn_build_objid(uint8_t* at, int32_t* room, uint8_t tag, const uint64_t* subids,
                          int32_t count) {
-  if (count > kAsnMaxSubids || *room < kShortHeader) return nullptr;
+  if (at == nullptr || count > kAsnMaxSubids || *room < kShortHeader) return nullptr;
   uint8_t* contents = at + kShortHeader;
   const uint8_t* end = contents + std::min(*room - kShortHeader, kAsnMaxObjidBytes);
   uint8_t* next = contents;

@@ -1,13 +1,12 @@
-// BER items (tag, length, contents) in a caller's buffer: the lowest layer of
-// the SNMP engine. X.690 with definite lengths and one-byte tags, which is all
-// that SNMPv1 (RFC 1157) needs.
+// BER items (tag, length, contents) in a caller's buffer: the lowest layer of the SNMP engine.
+// X.690 with definite lengths and one-byte tags, which is all that SNMPv1 (RFC 1157) needs.
 //
-// Every builder and parser takes the position of its item and a counter of the
-// bytes left there. It returns the position just past the item and takes what
-// it used off the counter; on failure it returns nullptr, and the caller has
-// nothing to undo (a builder may have written a part of its item). Two of them
-// treat the counter differently and say so: asn_parse_length has none, and
-// asn_parse_header replaces it. Every parser fails for an item that does not fit
+// Every builder and parser takes the position of its item and a counter of the bytes left
+// there. It returns the position just past the item and takes what it used off the counter.
+// On failure it returns null, and the caller has nothing to undo (a builder may have written
+// a part of its item). Given a null position it returns null, so that a row of calls needs
+// one check, at its end. Two of them treat the counter differently: asn_parse_length has
+// none, and asn_parse_header replaces it. Every parser fails for an item that does not fit
 // into its counter and for a tag of several bytes.
 //
 // Nothing is printed, kept or shared: all of it is thread safe.

@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 
 #include "liblocal/messages/catgets.h"
 #include "liblocal/text/vxprint.h"
@@ -18,12 +17,11 @@ constexpr long kVersion1 = 0;  // SNMPv1 as a message states it
 
 int32_t distance(const uint8_t* from, const uint8_t* to) { return static_cast<int32_t>(to - from); }
 
-// Gives the item at `header` its length, with `contents` built behind a provisional
-// header and ending at `end`. They move when the real header is longer. Returns the
-// item's end, or nullptr when `*room` cannot hold the difference. Inlined, it costs a
-// message of short items a fifth less.
-[[gnu::always_inline]] inline uint8_t* close_item(uint8_t* header, uint8_t* contents, uint8_t* end,
-                                                  int32_t* room) {
+// Gives the item at `header` its length, with `contents` built behind a provisional header
+// and ending at `end` (null: the result is null). They move when the real header is longer.
+// Returns the item's end, or null when `*room` cannot hold the difference.
+uint8_t* close_item(uint8_t* header, uint8_t* contents, uint8_t* end, int32_t* room) {
+  if (end == nullptr) return nullptr;
   const int32_t length = distance(contents, end);
   int32_t length_size = asn_length_size(length);
   const int32_t growth = 1 + length_size - distance(header, contents);
@@ -58,37 +56,24 @@ uint8_t* build_value(uint8_t* at, int32_t* room, uint8_t type, const void* value
   }
 }
 
-uint8_t* build_long(uint8_t* at, int32_t* room, uint8_t tag, long value) {
+uint8_t* build_long(uint8_t* at, int32_t* room, uint8_t tag, const long& value) {
   return asn_build_int(at, room, tag, &value, sizeof value);
 }
 
-// The fields that a trap carries before its bindings.
-uint8_t* build_trap_fields(uint8_t* at, int32_t* room, const uint64_t* enterprise,
-                           int32_t enterprise_length, in_addr_t agent_address, long generic_trap,
-                           long specific_trap, unsigned long time_stamp) {
-  uint8_t address[kAddressBytes];
-  memcpy(address, &agent_address, sizeof address);
-  at = asn_build_objid(at, room, kAsnObjectId, enterprise, enterprise_length);
-  if (at == nullptr) return nullptr;
+uint8_t* build_trap_fields(uint8_t* at, int32_t* room, const snmp_pdu& trap) {
+  const auto* address = reinterpret_cast<const uint8_t*>(&trap.agent_address);
+  const auto& ticks = reinterpret_cast<const long&>(trap.time_stamp);
+  at = asn_build_objid(at, room, kAsnObjectId, trap.enterprise, trap.enterprise_length);
   at = asn_build_string(at, room, kSnmpIpAddress, address, kAddressBytes);
-  if (at == nullptr) return nullptr;
-  at = build_long(at, room, kAsnInteger, generic_trap);
-  if (at == nullptr) return nullptr;
-  at = build_long(at, room, kAsnInteger, specific_trap);
-  if (at == nullptr) return nullptr;
-  return build_long(at, room, kSnmpTimeTicks, static_cast<long>(time_stamp));
+  at = build_long(at, room, kAsnInteger, trap.generic_trap);
+  at = build_long(at, room, kAsnInteger, trap.specific_trap);
+  return build_long(at, room, kSnmpTimeTicks, ticks);
 }
 
-uint8_t* build_pdu_fields(uint8_t* at, int32_t* room, const snmp_pdu* pdu) {
-  if (pdu->command == kSnmpTrap) {
-    return build_trap_fields(at, room, pdu->enterprise, pdu->enterprise_length, pdu->agent_address,
-                             pdu->generic_trap, pdu->specific_trap, pdu->time_stamp);
-  }
-  at = build_long(at, room, kAsnInteger, pdu->request_id);
-  if (at == nullptr) return nullptr;
-  at = build_long(at, room, kAsnInteger, pdu->error_status);
-  if (at == nullptr) return nullptr;
-  return build_long(at, room, kAsnInteger, pdu->error_index);
+uint8_t* build_request_fields(uint8_t* at, int32_t* room, const snmp_pdu& request) {
+  at = build_long(at, room, kAsnInteger, request.request_id);
+  at = build_long(at, room, kAsnInteger, request.error_status);
+  return build_long(at, room, kAsnInteger, request.error_index);
 }
 
 uint8_t* build_variables(uint8_t* at, int32_t* room, const snmp_var* var) {
@@ -104,34 +89,35 @@ struct Community {
   int32_t length;
 };
 
-// Builds a whole message front to back and then gives its items their lengths, from
-// the innermost outwards. `limit` is the longest PDU; `build_fields` and
-// `build_bindings` build as asn_build_* do. Returns the message's length, or 0.
-template <typename BuildFields, typename BuildBindings>
-int32_t build_message(uint8_t* packet, int32_t size, int32_t limit, Community community,
-                      uint8_t command, BuildFields build_fields, BuildBindings build_bindings) {
-  int32_t room = size;
-  uint8_t* pdu = snmp_auth_build(packet, &room, community.bytes, &community.length, &kVersion1, 0);
-  if (pdu == nullptr) return 0;
-  uint8_t* contents = pdu - snmp_auth_length(community.length, kVersion1);
-  uint8_t* fields = asn_build_header(pdu, &room, command, 0);
-  if (fields == nullptr) return 0;
-  uint8_t* sequence = build_fields(fields, &room);
-  if (sequence == nullptr) return 0;
+// Builds a whole message front to back and then gives its items their lengths, from the
+// innermost outwards. `*length` is the room at `packet` on entry and the message's length on
+// return; `limit` is the longest PDU. False when the message cannot be built.
+bool build_message(uint8_t* packet, int32_t* length, Community community, const snmp_pdu& pdu,
+                   int32_t limit) {
+  int32_t room = *length;
+  uint8_t* header =
+      snmp_auth_build(packet, &room, community.bytes, &community.length, &kVersion1, 0);
+  uint8_t* fields = asn_build_header(header, &room, static_cast<uint8_t>(pdu.command), 0);
+  uint8_t* sequence = pdu.command == kSnmpTrap ? build_trap_fields(fields, &room, pdu)
+                                               : build_request_fields(fields, &room, pdu);
   uint8_t* bindings = asn_build_header(sequence, &room, kAsnSequence, 0);
-  if (bindings == nullptr) return 0;
-  uint8_t* end = build_bindings(bindings, &room);
-  if (end == nullptr) return 0;
-
+  uint8_t* end = build_variables(bindings, &room, pdu.variables);
   end = close_item(sequence, bindings, end, &room);
-  if (end == nullptr) return 0;
-  end = close_item(pdu, fields, end, &room);
-  if (end == nullptr || distance(pdu, end) > limit) return 0;
+  end = close_item(header, fields, end, &room);
+  if (end == nullptr || distance(header, end) > limit) return false;
+  uint8_t* contents = header - snmp_auth_length(community.length, kVersion1);
   end = close_item(packet, contents, end, &room);
-  return end != nullptr ? distance(packet, end) : 0;
+  if (end == nullptr) return false;
+  *length = distance(packet, end);
+  return true;
 }
 
-// --- Reading -----------------------------------------------------------------
+// Reads the header of an item whose tag is `wanted`.
+const uint8_t* parse_header(const uint8_t* at, int32_t* left, uint8_t wanted) {
+  uint8_t tag = 0;
+  at = asn_parse_header(at, left, &tag);
+  return tag == wanted ? at : nullptr;
+}
 
 const uint8_t* parse_long(const uint8_t* at, int32_t* left, uint8_t wanted, long* value) {
   uint8_t tag = 0;
@@ -147,40 +133,32 @@ const uint8_t* parse_new_objid(const uint8_t* at, int32_t* left, uint64_t** subi
   uint8_t tag = 0;
   at = asn_parse_objid(at, left, &tag, decoded, &decoded_count);
   if (at == nullptr || tag != kAsnObjectId) return nullptr;
-  size_t bytes = static_cast<size_t>(decoded_count) * sizeof *decoded;
-  *subids = static_cast<uint64_t*>(malloc(bytes));
+  *subids = snmp_copy_objid(decoded, decoded_count);
   if (*subids == nullptr) return nullptr;
-  memcpy(*subids, decoded, bytes);
   *count = decoded_count;
   return at;
 }
 
-const uint8_t* parse_trap_fields(const uint8_t* at, int32_t* left, snmp_pdu* pdu) {
-  at = parse_new_objid(at, left, &pdu->enterprise, &pdu->enterprise_length);
-  if (at == nullptr) return nullptr;
+const uint8_t* parse_trap_fields(const uint8_t* at, int32_t* left, snmp_pdu* trap) {
   uint8_t tag = 0;
   uint8_t address[kAddressBytes];
   int32_t address_length = kAddressBytes;
+  at = parse_new_objid(at, left, &trap->enterprise, &trap->enterprise_length);
   at = asn_parse_string(at, left, &tag, address, &address_length);
   if (at == nullptr || tag != kSnmpIpAddress || address_length != kAddressBytes) return nullptr;
-  memcpy(&pdu->agent_address, address, sizeof address);
-  at = parse_long(at, left, kAsnInteger, &pdu->generic_trap);
-  if (at == nullptr) return nullptr;
-  at = parse_long(at, left, kAsnInteger, &pdu->specific_trap);
-  if (at == nullptr) return nullptr;
+  memcpy(&trap->agent_address, address, sizeof address);
   long ticks = 0;
+  at = parse_long(at, left, kAsnInteger, &trap->generic_trap);
+  at = parse_long(at, left, kAsnInteger, &trap->specific_trap);
   at = parse_long(at, left, kSnmpTimeTicks, &ticks);
-  pdu->time_stamp = static_cast<unsigned long>(ticks);
+  trap->time_stamp = static_cast<unsigned long>(ticks);
   return at;
 }
 
-const uint8_t* parse_pdu_fields(const uint8_t* at, int32_t* left, snmp_pdu* pdu) {
-  if (pdu->command == kSnmpTrap) return parse_trap_fields(at, left, pdu);
-  at = parse_long(at, left, kAsnInteger, &pdu->request_id);
-  if (at == nullptr) return nullptr;
-  at = parse_long(at, left, kAsnInteger, &pdu->error_status);
-  if (at == nullptr) return nullptr;
-  return parse_long(at, left, kAsnInteger, &pdu->error_index);
+const uint8_t* parse_request_fields(const uint8_t* at, int32_t* left, snmp_pdu* request) {
+  at = parse_long(at, left, kAsnInteger, &request->request_id);
+  at = parse_long(at, left, kAsnInteger, &request->error_status);
+  return parse_long(at, left, kAsnInteger, &request->error_index);
 }
 
 bool parse_int_value(snmp_var* var, const uint8_t* item, int32_t left) {
@@ -242,18 +220,15 @@ const uint8_t* parse_var(const uint8_t* at, int32_t* left, snmp_var* var) {
   const uint8_t* end =
       snmp_parse_var_op(at, name, &name_length, &var->type, &value_length, &value, left);
   if (end == nullptr) return nullptr;
-  size_t bytes = static_cast<size_t>(name_length) * sizeof *name;
-  var->name = static_cast<uint64_t*>(malloc(bytes));
+  var->name = snmp_copy_objid(name, name_length);
   if (var->name == nullptr) return nullptr;
-  memcpy(var->name, name, bytes);
   var->name_length = name_length;
   return parse_value(var, value, distance(value, end), value_length) ? end : nullptr;
 }
 
 bool parse_variables(const uint8_t* at, int32_t left, snmp_pdu* pdu) {
-  uint8_t tag = 0;
-  at = asn_parse_header(at, &left, &tag);
-  if (at == nullptr || tag != kAsnSequence) return false;
+  at = parse_header(at, &left, kAsnSequence);
+  if (at == nullptr) return false;
   for (snmp_var** link = &pdu->variables; left > 0; link = &(*link)->next) {
     snmp_var* var = snmp_new_var(link);
     if (var == nullptr) return false;
@@ -278,22 +253,20 @@ void shift_bytes(uint8_t* at, int32_t count, int32_t distance) {
 uint8_t* snmp_build_var_op(uint8_t* at, const uint64_t* name, const int32_t* name_length,
                            uint8_t type, int32_t value_length, const void* value, int32_t* room) {
   uint8_t* contents = asn_build_header(at, room, kAsnSequence, 0);
-  if (contents == nullptr) return nullptr;
   uint8_t* end = asn_build_objid(contents, room, kAsnObjectId, name, *name_length);
-  if (end == nullptr) return nullptr;
   end = build_value(end, room, type, value, value_length);
-  return end != nullptr ? close_item(at, contents, end, room) : nullptr;
+  return close_item(at, contents, end, room);
 }
 
 const uint8_t* snmp_parse_var_op(const uint8_t* at, uint64_t* name, int32_t* name_length,
                                  uint8_t* type, int32_t* value_length, const uint8_t** value,
                                  int32_t* left) {
-  uint8_t tag = 0;
   int32_t contents = *left;
   const uint8_t* start = at;
-  at = asn_parse_header(at, &contents, &tag);
-  if (at == nullptr || tag != kAsnSequence) return nullptr;
+  at = parse_header(at, &contents, kAsnSequence);
+  if (at == nullptr) return nullptr;
   int32_t whole = distance(start, at) + contents;
+  uint8_t tag = 0;
   at = asn_parse_objid(at, &contents, &tag, name, name_length);
   if (at == nullptr || tag != kAsnObjectId) return nullptr;
   *value = at;
@@ -306,14 +279,8 @@ const uint8_t* snmp_parse_var_op(const uint8_t* at, uint64_t* name, int32_t* nam
 
 int snmp_build_packet(const snmp_session* session, const snmp_pdu* pdu, uint8_t* packet,
                       int32_t* length) {
-  int32_t built = build_message(
-      packet, *length, kSnmpMaxPacket, {session->community, session->community_length},
-      static_cast<uint8_t>(pdu->command),
-      [pdu](uint8_t* at, int32_t* room) { return build_pdu_fields(at, room, pdu); },
-      [pdu](uint8_t* at, int32_t* room) { return build_variables(at, room, pdu->variables); });
-  if (built == 0) return -1;
-  *length = built;
-  return 0;
+  Community community = {session->community, session->community_length};
+  return build_message(packet, length, community, *pdu, kSnmpMaxPacket) ? 0 : -1;
 }
 
 int32_t snmp_build_trap(uint8_t* packet, int32_t* length, const uint64_t* enterprise,
@@ -322,17 +289,23 @@ int32_t snmp_build_trap(uint8_t* packet, int32_t* length, const uint64_t* enterp
                         int32_t name_length, uint8_t type, int32_t value_length,
                         const void* value) {
   static constexpr uint8_t kPublic[] = {'p', 'u', 'b', 'l', 'i', 'c'};
-  int32_t built = build_message(
-      packet, *length, INT32_MAX, {kPublic, sizeof kPublic}, kSnmpTrap,
-      [=](uint8_t* at, int32_t* room) {
-        return build_trap_fields(at, room, enterprise, enterprise_length, agent_address,
-                                 generic_trap, specific_trap, time_stamp);
-      },
-      [=, &name_length](uint8_t* at, int32_t* room) {
-        return snmp_build_var_op(at, name, &name_length, type, value_length, value, room);
-      });
-  if (built != 0) *length = built;
-  return built;
+  snmp_var binding{};
+  binding.name = const_cast<uint64_t*>(name);
+  binding.name_length = name_length;
+  binding.type = type;
+  binding.value = const_cast<void*>(value);
+  binding.value_length = value_length;
+  snmp_pdu trap{};
+  trap.command = kSnmpTrap;
+  trap.enterprise = const_cast<uint64_t*>(enterprise);
+  trap.enterprise_length = enterprise_length;
+  trap.agent_address = agent_address;
+  trap.generic_trap = generic_trap;
+  trap.specific_trap = specific_trap;
+  trap.time_stamp = time_stamp;
+  trap.variables = &binding;
+  bool built = build_message(packet, length, {kPublic, sizeof kPublic}, trap, INT32_MAX);
+  return built ? *length : 0;
 }
 
 SnmpParse snmp_parse_packet(const snmp_session* session, snmp_pdu* pdu,
@@ -352,7 +325,7 @@ SnmpParse snmp_parse_packet(const snmp_session* session, snmp_pdu* pdu,
   at = asn_parse_header(at, &left, &command);
   if (at == nullptr) return SnmpParse::kMangled;
   pdu->command = command;
-  at = parse_pdu_fields(at, &left, pdu);
-  if (at == nullptr) return SnmpParse::kMangled;
+  at = command == kSnmpTrap ? parse_trap_fields(at, &left, pdu)
+                            : parse_request_fields(at, &left, pdu);
   return parse_variables(at, left, pdu) ? SnmpParse::kDone : SnmpParse::kMangled;
 }

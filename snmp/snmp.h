@@ -24,18 +24,17 @@ enum class SnmpParse {
   kMangled,  // malformed, or no memory to hold it
 };
 
-/// Writes one binding at `at` and returns the position past it, or nullptr when
-/// `*room` cannot hold it, the name is too long or `type` is not a value's tag.
-/// `value` is as in snmp_var, `value_length` its bytes.
+/// Writes one binding at `at` and returns the position past it, or null when `at` is null,
+/// `*room` cannot hold it, the name is too long or `type` is not a value's tag. `value` is as
+/// in snmp_var, `value_length` its bytes.
 [[nodiscard]] uint8_t* snmp_build_var_op(uint8_t* at, const uint64_t* name,
                                          const int32_t* name_length, uint8_t type,
                                          int32_t value_length, const void* value, int32_t* room);
 
-/// Reads one binding at `at` and returns the position past it, or nullptr when it
-/// is malformed; bytes of the binding behind its value are skipped. `name` holds `*name_length`
-/// entries on entry; the value is left undecoded: `*value` is where its item starts, `*type` its
-/// tag and
-/// `*value_length` its content bytes.
+/// Reads one binding at `at` and returns the position past it, or null when it is malformed;
+/// bytes behind its value are skipped. `name` holds `*name_length` entries on entry. The value
+/// is left undecoded: `*value` is where its item starts, `*type` its tag and `*value_length`
+/// its content bytes.
 [[nodiscard]] const uint8_t* snmp_parse_var_op(const uint8_t* at, uint64_t* name,
                                                int32_t* name_length, uint8_t* type,
                                                int32_t* value_length, const uint8_t** value,

@@ -18,9 +18,7 @@ uint8_t* snmp_auth_build(uint8_t* at, int32_t* room, const uint8_t* community,
   if (*community_length < 0 || *community_length > kAsnMaxBuildLength) return nullptr;
   int32_t length = snmp_auth_length(*community_length, *version) + pdu_length;
   at = asn_build_header(at, room, kAsnSequence, length);
-  if (at == nullptr) return nullptr;
   at = asn_build_int(at, room, kAsnInteger, version, sizeof *version);
-  if (at == nullptr) return nullptr;
   return asn_build_string(at, room, kAsnOctetString, community, *community_length);
 }
 

@@ -47,7 +47,9 @@ bool next_line(char* line, FILE* source) {
 FILE* open_message_source(const char* file) {
   FILE* source = stdin;
   if (file != nullptr && *file != '\0' && strcmp(file, "-") != 0) {
-    source = utf8_fopen(file, "r");
+    // A signal, such as the one of a debug command, does not end the wait for a FIFO's writer.
+    do source = utf8_fopen(file, "r");
+    while (source == nullptr && errno == EINTR);
     if (source == nullptr) {
       vxprintf(vxcatgets(Catd, kCommandMessageSet, 25, "file %s does not exist\n"), file);
       exit(1);

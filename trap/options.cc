@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 
 #include "liblocal/messages/catgets.h"
 #include "liblocal/startup/vxinit.h"
@@ -66,11 +65,15 @@ TrapOptions parse_with_getopt(int argc, char** argv) {
 // Host, trap and specific by position; -c, -d and -f among them.
 TrapOptions parse_by_position(int argc, char** argv) {
   TrapOptions options;
-  const char** const places[] = {&options.host, &options.trap, &options.specific};
-  size_t filled = 0;
   for (int i = 1; i < argc; ++i) {
     if (argv[i][0] != '-') {
-      if (filled < std::size(places)) *places[filled++] = argv[i];
+      if (options.host == nullptr) {
+        options.host = argv[i];
+      } else if (options.trap == nullptr) {
+        options.trap = argv[i];
+      } else if (options.specific == nullptr) {
+        options.specific = argv[i];
+      }
       continue;
     }
     switch (argv[i][1]) {
