@@ -35,8 +35,8 @@ function(kiv_pkg_config library description)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kivtrap-${library}.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endfunction()
-kiv_pkg_config(snmp "SNMPv1 engine of kivtrap")
-kiv_pkg_config(rpc "ONC RPC client runtime of kivtrap")
+kiv_pkg_config(snmp "SNMPv1 engine of kivtrap, for C++20")
+kiv_pkg_config(rpc "ONC RPC client runtime of kivtrap, for C++20")
 
 # The manual pages, with the version and, in @PROGRAM@, example programs.
 set(EXAMPLES ${CMAKE_INSTALL_FULL_DOCDIR}/examples)

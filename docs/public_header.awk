@@ -1,41 +1,37 @@
-# Doxygen's filter for the headers of this house. Their first comment is the file's. A
-# comment right above declarations is theirs, of all of them up to the next blank line,
-# comment or brace. A comment after a member is that member's.
+# Doxygen's filter for the headers. The comment at the head is the file's. A comment above
+# several declarations is that of all of them, up to the next blank line or comment.
+# Operations that a comment names become links.
 
-function flush_declarations(    i, grouped) {
-  grouped = comments > 0 && ends > 1
-  if (grouped) print "///@{"
-  for (i = 1; i <= comments; ++i) {
-    if (declarations > 0) sub(/\/\/\/? ?/, "/// ", comment[i])
-    print comment[i]
+BEGIN {
+  while ("cat liblocal/*/*.h snmp/*.h rpc/*.h rpc/*/*.h" | getline line > 0) {
+    if (line !~ /^ *\/\// && match(line, /[a-z_0-9]+\(/)) is_operation[substr(line, RSTART, RLENGTH - 1)]
   }
-  for (i = 1; i <= declarations; ++i) print declaration[i]
-  if (grouped) print "///@}"
-  comments = declarations = ends = 0
 }
 
-NR == 1 { print "/// \\file"; in_head = 1 }
-in_head && /^\/\// { print "/" $0; next }
-{ in_head = 0 }
+function linked(comment,    i, count, words) {
+  count = split(comment, words, " ")
+  for (i = 1; i <= count; ++i) {
+    if (match(words[i], /^[a-z_0-9]+/) && substr(words[i], 1, RLENGTH) in is_operation &&
+        words[i] ~ /^[a-z_0-9]*_[a-z_0-9]*[,.;:)]?$/) {
+      sub(/^[a-z_0-9]+/, "&()", words[i])
+    }
+    comment = (i == 1 ? "" : comment " ") words[i]
+  }
+  return comment
+}
 
-# The rest of a comment after a member stands right below its beginning.
-/^ *\/\// && behind > 0 && match($0, /\/\//) == behind {
-  declaration[++declarations] = substr($0, 1, behind - 1) "///< " substr($0, behind + 3)
-  next
+function flush_group(    i) {
+  if (count > 1) print "///@{"
+  for (i = 1; i <= lines; ++i) print group[i]
+  if (count > 1) print "///@}"
+  lines = count = 0
 }
-/^ *\/\// {
-  if (declarations > 0) flush_declarations()
-  comment[++comments] = $0
-  next
-}
-/^[[:space:]]*$/ { flush_declarations(); print; next }
-{
-  if ($0 ~ /[{}]/ && ends > 0) flush_declarations()
-  behind = match($0, / \/\/ /) + 1
-  if (behind == 1) behind = 0
-  sub(/ \/\/ /, " ///< ")
-  declaration[++declarations] = $0
-  if ($0 ~ /;( |$)/) ++ends
-  if ($0 ~ /[{}]/) flush_declarations()
-}
-END { flush_declarations() }
+
+NR == 1 { print "/// \\file"; head = 1 }
+head && /^\/\// { print "/" linked($0); next }
+{ head = 0 }
+/^ *\/\/\// { if (count > 0) flush_group(); group[++lines] = linked($0); next }
+/^[[:space:]]*$/ || /^ *\/\// || /[{}]/ { flush_group(); print; next }
+lines > 0 { group[++lines] = $0; if (/;( |$)/) ++count; next }
+{ print }
+END { flush_group() }
