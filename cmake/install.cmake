@@ -27,8 +27,8 @@ write_basic_package_version_file(kivtrap-config-version.cmake COMPATIBILITY Same
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kivtrap-config-version.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kivtrap)
 
-# A pkg-config file for each engine, with all that stands under it. It finds its
-# prefix from its own place, so the whole tree may be moved.
+# A pkg-config file for each engine, with the libraries below it. The prefix is relative to
+# the file's own directory, so the whole tree may be moved.
 file(RELATIVE_PATH KIV_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 function(kiv_pkg_config library description)
   configure_file(packaging/kivtrap-library.pc.in kivtrap-${library}.pc @ONLY)

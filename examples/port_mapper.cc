@@ -1,9 +1,8 @@
 // port_mapper: answers which port a program is registered on (RFC 1833, version 2).
 //
-// The server side of one RPC procedure on the engine's message filters: what arrives
-// is decoded as a call, and its reply is written with the stream's own operations. It
-// stands in for a management station's own port mapper and knows nothing but what its
-// arguments tell.
+// The server side of one RPC procedure, with the filters of the RPC runtime: what arrives is
+// decoded as a call, and its reply is written with the stream's own operations. It plays a
+// management station's own port mapper, and knows only what its arguments say.
 #include <getopt.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -69,7 +68,7 @@ void answer(const Mapper& mapper, const rpc_call_message& call, XDR* arguments, 
   }
 }
 
-// One datagram and its answer. What is no call gets none.
+// Receives one datagram and answers it, unless it is no call.
 void serve_one(const Mapper& mapper, int endpoint) {
   uint8_t received[kMaxMessage];
   sockaddr_in from{};

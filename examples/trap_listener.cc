@@ -1,8 +1,8 @@
 // trap_listener: prints every SNMPv1 trap that arrives on a UDP port.
 //
-// The shortest useful program on the SNMP engine: it opens a session that has a
-// local port and no peer, and runs the engine's loop of snmp_select_info,
-// vx_select and snmp_read. What arrives comes out in the session's callback.
+// It opens a session that has a local port and no peer, and runs the engine's loop of
+// snmp_select_info, vx_select and snmp_read. What arrives is passed to the session's
+// callback.
 #include <arpa/inet.h>
 #include <getopt.h>
 #include <locale.h>
@@ -34,10 +34,10 @@ struct Arguments {
 uint8_t community[kSnmpMaxCommunity];
 int32_t community_length;
 
-// What arrives was written by a stranger. Only characters that the operator's
-// locale can show leave here as they are: escape sequences, broken UTF-8 and
-// invisible characters would act on the terminal or hide what is there. Returns
-// the bytes of the character at `at`, or 0 when it must not be shown.
+// Messages come from strangers. Only characters that the operator's locale can show are
+// printed as they are: escape sequences, broken UTF-8 and invisible characters would act on
+// the terminal or hide what is there. Returns the bytes of the character at `at`, or 0 when
+// it must not be printed.
 size_t shown_bytes(const uint8_t* at, size_t left) {
   wchar_t character = 0;
   mbstate_t state = {};
@@ -103,7 +103,7 @@ void print_generic_trap(long number) {
 
 long number_of(const snmp_var& var) { return *static_cast<const long*>(var.value); }
 
-// The engine hands over what has the top bit set as a negative number. Counters, gauges
+// A number with its top bit set is negative in the engine's records, but counters, gauges
 // and ticks are unsigned (RFC 1155).
 uint32_t as_unsigned(long number) { return static_cast<uint32_t>(number); }
 
@@ -178,9 +178,9 @@ void print_trap(const snmp_pdu& trap) {
   printf("\n\n");
 }
 
-// The PDU does not carry the community; the engine shows it to this filter just
-// before it decodes the PDU. A listener that trusts some communities only would
-// return null for the others, which drops the message.
+// The PDU does not carry the community; the engine passes it to this filter just before it
+// decodes the PDU. A listener for some communities only would return null for the others,
+// which drops the message.
 const uint8_t* keep_community(const uint8_t* pdu, int32_t* /*left*/, const uint8_t* bytes,
                               int32_t length) {
   memcpy(community, bytes, static_cast<size_t>(length));
@@ -189,7 +189,7 @@ const uint8_t* keep_community(const uint8_t* pdu, int32_t* /*left*/, const uint8
 }
 
 // `printed` points to the number of traps so far. Requests that strangers send
-// to this port arrive here too; they get no answer.
+// to this port arrive here, too; they get no answer.
 int on_message(int /*operation*/, snmp_session* /*session*/, int32_t /*request_id*/, snmp_pdu* pdu,
                void* printed) {
   if (pdu->command != kSnmpTrap) return 0;
