@@ -21,8 +21,8 @@
 [[gnu::format(printf, 2, 3)]] void dfprintf(int level, const char* format, ...);
 [[gnu::format(printf, 2, 0)]] void vdfprintf(int level, const char* format, va_list arguments);
 
-// The platform's stdio declares a vdprintf with the same arguments, but writes to the
-// descriptor that is its first one. After this header the name means the one below.
+/// The platform's stdio declares a vdprintf with the same arguments, but writes to the
+/// descriptor that is its first one. After this header the name means the one below.
 #define vdprintf debug_vdprintf
 
 /// As vdfprintf; a line of level 0 has "Diagnostic: " between prefix and message.

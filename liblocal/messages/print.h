@@ -22,7 +22,7 @@ char* print_prefix_in_handler(char* buffer);
 /// Switches time stamps on, or off when `on` is 0. They are off at the start.
 void print_timestamps(int on);
 
-/// Writes the prefix and the formatted message to standard error, and hands them to the
+/// Writes the prefix and the formatted message to standard error, and passes them to the
 /// accrual hook before that.
 [[gnu::format(printf, 1, 2)]] void printerr(const char* format, ...);
 [[gnu::format(printf, 1, 0)]] void vprinterr(const char* format, va_list arguments);
@@ -34,6 +34,6 @@ void print_timestamps(int on);
 /// Takes a message of printerr before it is written; the result is ignored.
 using print_accrual_hook = int (*)(const char* text);
 
-/// From now on printerr hands every message but notices and warnings to `hook`; to none
+/// From now on printerr passes every message but notices and warnings to `hook`; to none
 /// when that is null.
 void print_set_accrual_hook(print_accrual_hook hook);

@@ -18,7 +18,7 @@ constexpr unsigned kFullpathFollow = 1;
 constexpr unsigned kFullpathDirectorySlash = 2;
 
 /// Writes the full name of the file at `path` into `output` of `size` bytes and
-/// returns `output`. Relative links are resolved in their own directory, up to 19
+/// returns `output`, which may be `path`. Relative links are resolved in their own directory, up to 19
 /// in a chain.
 ///
 /// The full name of a path that is its own is the path without trailing '/' characters,

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <string_view>
 
+/// True for '0' to '9'.
 constexpr bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
 /// `c`, in lower case when it is a letter of ASCII.
@@ -11,6 +12,7 @@ constexpr char ascii_lower(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
+/// True for the letters of ASCII.
 constexpr bool is_letter(char c) { return ascii_lower(c) >= 'a' && ascii_lower(c) <= 'z'; }
 
 /// 1 for a white-space character, else 0.
