@@ -18,8 +18,8 @@ constexpr unsigned kFullpathFollow = 1;
 constexpr unsigned kFullpathDirectorySlash = 2;
 
 /// Writes the full name of the file at `path` into `output` of `size` bytes and
-/// returns `output`, which may be `path`. Relative links are resolved in their own directory, up to 19
-/// in a chain.
+/// returns `output`, which may be `path`. Relative links are resolved in their own
+/// directory, up to 19 in a chain.
 ///
 /// The full name of a path that is its own is the path without trailing '/' characters,
 /// even when its first component begins with '.'.
