@@ -25,7 +25,7 @@
 // and the default), 0 ("FALSE") or 2 ("MUST"), read when the first client of this
 // kind is made. In mode 2 reads and writes block, whatever the limits. A client
 // without limit and wait function blocks in mode 1, and in mode 0 when it does not
-// watch its input. All others wait with vx_select, on a non-blocking socket.
+// watch its input. All others wait at a non-blocking socket.
 //
 // No SIGPIPE is raised. Thread safety: a client is used by one thread at a time.
 #pragma once
