@@ -8,8 +8,6 @@
 #include <cerrno>
 #include <set>
 
-#include "rpc/handle/rpcvarp.h"
-#include "rpc/transport/c_transport.h"
 #include "tests/fakes.h"
 #include "tests/machine.h"
 #include "tests/work.h"
@@ -46,9 +44,7 @@ class BindTest : public testing::Test {
 TEST_F(BindTest, WithoutRangesTheSystemChooses) {
   EXPECT_GE(bind_new(kPortConnection), 1024);
   EXPECT_EQ(bind_new(kPortConnection, &kElsewhere), -EADDRNOTAVAIL);
-  EXPECT_EQ(lines(4, kPortConnection), "");
   EXPECT_THAT(lines(5, kPortConnection), HasSubstr("socket bound to arbitrary port\n"));
-  EXPECT_EQ(lines(2, kPortConnection, &kElsewhere), "");
   EXPECT_THAT(lines(3, kPortConnection, &kElsewhere),
               HasSubstr("socket bind to arbitrary port failed (errno 99)\n"));
 }
@@ -65,7 +61,6 @@ TEST_F(BindTest, RefusedArguments) {
   EXPECT_EQ(rpcport_add_range(3, 2, kPortService), -1);
   fakes::FailingMalloc nothing(0);
   EXPECT_EQ(rpcport_add_range(1, 2, kPortService), -1);
-  EXPECT_EQ(errno, ENOMEM);
 }
 
 TEST_F(BindTest, ThreadsFindEveryPortOfTheRanges) {
@@ -96,21 +91,6 @@ TEST_F(BindTest, OnlyAPortInUseLeadsToAnotherTry) {
   EXPECT_THAT(all, HasSubstr(", Address already in use\n, retrying..."));
   EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 9) << "seven at random, and each";
   EXPECT_EQ(bind_new(kPortService), -EADDRNOTAVAIL);
-}
-
-TEST_F(BindTest, AClientReportsItAndLeavesNoSocket) {
-  auto end = [this] {
-    (void)rpcport_add_range(42000, 42000, kPortConnection);
-    bind_new(kPortConnection);
-    const int next = dup(0);
-    close(next);
-    EXPECT_EQ(rpc_open_client_socket(SOCK_DGRAM, 0), -1);
-    EXPECT_EQ(dup(0), next);
-    _exit(__get_rpc_createerr()->cause.error_number);
-  };
-  EXPECT_EXIT(end(), testing::ExitedWithCode(EADDRNOTAVAIL),
-              "^[^\n]*Cannot bind socket to connection port in configured port range on system "
-              "[^\n]*\n$");
 }
 
 }  // namespace
