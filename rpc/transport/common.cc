@@ -25,7 +25,7 @@ int rpc_wait_for(int descriptor, int events, const timeval* time) {
   timespec limit{};
   if (time != nullptr) {
     const timeval normalized = rpc_normalized(*time);
-    limit = {normalized.tv_sec, normalized.tv_usec * 1000};
+    limit = {normalized.tv_sec, static_cast<long>(normalized.tv_usec) * 1000};
   }
   pollfd polled = {descriptor, static_cast<short>(events), 0};
   const int ready = ppoll(&polled, 1, time != nullptr ? &limit : nullptr, nullptr);
