@@ -46,7 +46,7 @@ uint8_t* put_length(uint8_t* at, int32_t length) {
 
 // Takes `bytes` off the counter; false when it holds fewer, and for no position.
 bool take(const uint8_t* at, int32_t* room, int32_t bytes) {
-  if (at == nullptr || *room < bytes) return false;
+  if (*room < bytes || at == nullptr) return false;
   *room -= bytes;
   return true;
 }

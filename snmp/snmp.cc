@@ -13,25 +13,33 @@
 namespace {
 
 constexpr int32_t kAddressBytes = 4;
+constexpr int32_t kMaxShortLength = 127;  // the longest contents behind a header of 2 bytes
+constexpr int32_t kShortHeader = asn_header_size(kMaxShortLength);
 constexpr long kVersion1 = 0;  // SNMPv1 as a message states it
 
 int32_t distance(const uint8_t* from, const uint8_t* to) { return static_cast<int32_t>(to - from); }
 
-// Gives the item at `header` its length, with `contents` built behind a provisional header
-// and ending at `end` (null: the result is null). They move when the real header is longer.
-// Returns the item's end, or null when `*room` cannot hold the difference.
-uint8_t* close_item(uint8_t* header, uint8_t* contents, uint8_t* end, int32_t* room) {
-  if (end == nullptr) return nullptr;
-  const int32_t length = distance(contents, end);
+// As close_item, for contents of 128 bytes and more: they move when the real header is longer.
+uint8_t* close_long_item(uint8_t* header, uint8_t* end, int32_t* room) {
+  uint64_t provisional = 0;
+  uint8_t* contents = header + distance(header, asn_parse_length(header + 1, &provisional));
+  int32_t length = distance(contents, end);
   int32_t length_size = asn_length_size(length);
-  const int32_t growth = 1 + length_size - distance(header, contents);
-  if (growth > 0) {
-    if (*room < growth) return nullptr;
-    *room -= growth;
-    shift_bytes(contents, length, growth);
-    end += growth;
-  }
-  return asn_build_length(header + 1, &length_size, length) != nullptr ? end : nullptr;
+  int32_t growth = distance(contents, header + 1) + length_size;
+  if (*room < growth) return nullptr;
+  *room -= growth;
+  shift_bytes(contents, length, growth);
+  return asn_build_length(header + 1, &length_size, length) != nullptr ? end + growth : nullptr;
+}
+
+// Gives the item that was built behind a provisional header and ends at `end` (null: the
+// result is null) its length. Returns its end, or null when `*room` cannot hold the header.
+uint8_t* close_item(uint8_t* header, uint8_t* end, int32_t* room) {
+  if (end == nullptr) return nullptr;
+  int32_t length = distance(header, end) - kShortHeader;
+  if (length > kMaxShortLength) return close_long_item(header, end, room);
+  header[1] = static_cast<uint8_t>(length);
+  return end;
 }
 
 uint8_t* build_value(uint8_t* at, int32_t* room, uint8_t type, const void* value,
@@ -102,11 +110,10 @@ bool build_message(uint8_t* packet, int32_t* length, Community community, const 
                                                : build_request_fields(fields, &room, pdu);
   uint8_t* bindings = asn_build_header(sequence, &room, kAsnSequence, 0);
   uint8_t* end = build_variables(bindings, &room, pdu.variables);
-  end = close_item(sequence, bindings, end, &room);
-  end = close_item(header, fields, end, &room);
+  end = close_item(sequence, end, &room);
+  end = close_item(header, end, &room);
   if (end == nullptr || distance(header, end) > limit) return false;
-  uint8_t* contents = header - snmp_auth_length(community.length, kVersion1);
-  end = close_item(packet, contents, end, &room);
+  end = close_item(packet, end, &room);
   if (end == nullptr) return false;
   *length = distance(packet, end);
   return true;
@@ -255,7 +262,7 @@ uint8_t* snmp_build_var_op(uint8_t* at, const uint64_t* name, const int32_t* nam
   uint8_t* contents = asn_build_header(at, room, kAsnSequence, 0);
   uint8_t* end = asn_build_objid(contents, room, kAsnObjectId, name, *name_length);
   end = build_value(end, room, type, value, value_length);
-  return close_item(at, contents, end, room);
+  return close_item(at, end, room);
 }
 
 const uint8_t* snmp_parse_var_op(const uint8_t* at, uint64_t* name, int32_t* name_length,

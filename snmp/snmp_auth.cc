@@ -9,14 +9,10 @@ int32_t item_size(int32_t length) { return asn_header_size(length) + length; }
 
 }  // namespace
 
-int32_t snmp_auth_length(int32_t community_length, long version) {
-  return item_size(asn_int_size(version)) + item_size(community_length);
-}
-
 uint8_t* snmp_auth_build(uint8_t* at, int32_t* room, const uint8_t* community,
                          const int32_t* community_length, const long* version, int32_t pdu_length) {
   if (*community_length < 0 || *community_length > kAsnMaxBuildLength) return nullptr;
-  int32_t length = snmp_auth_length(*community_length, *version) + pdu_length;
+  int32_t length = item_size(asn_int_size(*version)) + item_size(*community_length) + pdu_length;
   at = asn_build_header(at, room, kAsnSequence, length);
   at = asn_build_int(at, room, kAsnInteger, version, sizeof *version);
   return asn_build_string(at, room, kAsnOctetString, community, *community_length);
