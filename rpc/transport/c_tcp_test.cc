@@ -212,13 +212,6 @@ TEST_F(TcpTest, TheWaitFunctionIsAskedAtBothEndsOfEveryTransfer) {
   }
 }
 
-TEST_F(TcpTest, TheWaitFunctionIsAskedAfterEveryStep) {
-  serve(stall);
-  watch(kStep, kLong, 8);
-  expect(call(), RPC_CANCELLED);
-  EXPECT_EQ(watcher_->elapsed.tv_usec, 6000) << "three calls were at ends of transfers";
-}
-
 // As a part of a record has left, nothing more can be sent.
 TEST_F(TcpTest, AFailedWriteEndsTheConnection) {
   const struct {
@@ -410,9 +403,9 @@ TEST_F(TcpTest, WhatTheEnvironmentSetsHoldsToTheVeryEnd) {
     write_if_blocking("unlimited ");
     control(CLSET_WATCH_INPUT, client_);
     write_if_blocking("watched ");
+    fprintf(stderr, "write %d read %d ", writes.most.load(), reads.most.load());
     control(CLSET_SEND_SIZE, reinterpret_cast<void*>(4321));
-    fprintf(stderr, "write %d, read %d, send %d", writes.most.load(), reads.most.load(),
-            get<int>(CLGET_SEND_SIZE));
+    fputs(get<int>(CLGET_SEND_SIZE) == 2 * 4321 ? "set" : "kept", stderr);
   };
   auto end = [](const char* name, const std::string& value) {
     setenv(name, value.c_str(), 1);
@@ -423,10 +416,10 @@ TEST_F(TcpTest, WhatTheEnvironmentSetsHoldsToTheVeryEnd) {
   const std::string directory = testing::TempDir();
   for (const char* name : {"nowritev", "noreadv"}) write_file(directory + name, "");
   for (const auto& [name, value, does] :
-       {std::tuple("KIV_BLOCKING_RPC", "must", "^limited unlimited watched write 2, read 2"),
-        {"KIV_BLOCKING_RPC", "fALSE", "^unlimited write"},
-        {"KIV_DEBUG_DIR", directory.c_str(), "^unlimited watched write 1, read 1, send 8642"},
-        {"KIV_SOCK_BUF_UNSET", "Yes", "send [^8]"}}) {
+       {std::tuple("KIV_BLOCKING_RPC", "must", "^limited unlimited watched write 2 read 2"),
+        {"KIV_BLOCKING_RPC", "fALSE", "^unlimited write 2 read 2"},
+        {"KIV_DEBUG_DIR", directory.c_str(), "^unlimited watched write 1 read 1 set"},
+        {"KIV_SOCK_BUF_UNSET", "Yes", "kept"}}) {
     EXPECT_EXIT(end(name, value), testing::ExitedWithCode(0), does);
   }
   for (const char* name : {"nowritev", "noreadv"}) unlink((directory + name).c_str());

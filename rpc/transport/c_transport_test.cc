@@ -290,20 +290,14 @@ TEST_F(UdpTest, ACallIsSentAtEveryIntervalBelowTheLimit) {
   const struct {
     timeval interval, limit;
     size_t sent;
-    timeval wait;
-  } rows[] = {{{5, 0}, {25, 0}, 5, {5, 0}},
-              {{5, 0}, {25, 1}, 6, {5, 0}},
-              {{1, 600000}, {3, 200001}, 3, {1, 600000}},
-              {{25, 0}, {1, 0}, 1, {25, 0}},
-              {{0, 0}, {0, 1}, 1, {0, 1}},
-              {{7, 0}, {0, 0}, 1, {0, 1}}};  // no wait after the one before
+  } rows[] = {{{5, 0}, {25, 0}, 5}, {{5, 0}, {25, 1}, 6}, {{1, 600000}, {3, 200001}, 3},
+              {{25, 0}, {1, 0}, 1}, {{0, 0}, {0, 1}, 1},  {{7, 0}, {0, 0}, 1}};
   size_t sent = 0;
   for (auto row : rows) {
     EXPECT_TRUE(control(CLSET_RETRY_TIMEOUT, &row.interval));
     EXPECT_TRUE(control(CLSET_TIMEOUT, &row.limit));
     refuse(waits, 0, 100);
     expect(call(), RPC_TIMEDOUT);
-    EXPECT_TRUE(equal(last_wait, row.wait)) << sent;
     sent += row.sent;
     for (int i = 0; i < 5000 && server_->requests().size() < sent; ++i) usleep(1000);
     EXPECT_EQ(server_->requests().size(), sent);
