@@ -14,16 +14,14 @@
 namespace {
 
 constexpr size_t kSlack = kMessageSize;  // room beyond the format's length, and beyond each growth
-constexpr size_t kUsualNumber = 64;      // room for a number without width and precision
 constexpr int kWidest = 64;              // width of a number that is not left to the platform
 
-// The text: in the caller's buffer, or in an area of its own that grows. Such
-// an area always has room for the literal text of the format.
+// The text: in the caller's buffer, or in an area of its own that grows.
 class Output {
  public:
   Output(char* buffer, char** result, size_t format_length)
-      : start_(buffer), result_(result), grows_(buffer == nullptr), literal_(format_length) {
-    if (grows_) resize(literal_ + kSlack);
+      : start_(buffer), result_(result), grows_(buffer == nullptr) {
+    if (grows_) resize(format_length + kSlack);
   }
   ~Output() {
     if (grows_ && result_ == nullptr) free(start_);
@@ -33,33 +31,25 @@ class Output {
 
   bool exists() const { return start_ != nullptr; }
 
-  // Appends text of the format itself, for which there is room.
-  void append_literal(const char* text, size_t length) {
-    append(text, length);
-    literal_ -= length;
-  }
-
-  // Makes room for `count` bytes; false when it cannot be had.
+  // Makes room for `count` bytes and a terminator; false when it cannot be had.
   bool reserve(size_t count) {
-    if (!grows_ || room() > count) return true;
+    if (!grows_ || capacity_ - used_ > count) return true;
     return resize(capacity_ + count + kSlack);
   }
 
+  // Appends what there is room for.
   void append(const char* text, size_t length) {
     memcpy(start_ + used_, text, length);
     used_ += length;
   }
-
   void fill(char byte, size_t count) {
-    if (count == 0) return;
     memset(start_ + used_, byte, count);
     used_ += count;
   }
 
-  // Appends what the platform prints; false when there is no room. A conversion that may fail
-  // with part of it written is measured before a buffer without bound sees it.
+  // Appends what the platform prints; false when there is no room.
   template <typename T>
-  bool print(const char* format, T value, bool may_fail);
+  bool print(const char* format, T value);
 
   int finish() {
     start_[used_] = '\0';
@@ -67,9 +57,6 @@ class Output {
   }
 
  private:
-  // Bytes for the next conversion, terminated.
-  size_t room() const { return capacity_ - used_ - literal_; }
-
   bool resize(size_t capacity) {
     // The result counts bytes in an int.
     auto* area = capacity <= INT_MAX ? static_cast<char*>(realloc(start_, capacity)) : nullptr;
@@ -83,7 +70,6 @@ class Output {
   char* start_;
   char** result_;
   bool grows_;
-  size_t literal_;  // bytes of the format that may still be appended
   size_t used_ = 0;
   size_t capacity_ = 0;  // of an area that grows
 };
@@ -92,18 +78,14 @@ class Output {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 template <typename T>
-bool Output::print(const char* format, T value, bool may_fail) {
-  for (size_t limit = grows_ ? room() : may_fail ? 0 : INT_MAX;;) {
-    const int length = snprintf(start_ + used_, limit, format, value);
-    if (length < 0) return true;  // no text for such a conversion
-    const auto count = static_cast<size_t>(length);
-    if (count < limit) {
-      used_ += count;
-      return true;
-    }
-    if (!reserve(count)) return false;
-    limit = grows_ ? room() : count + 1;
-  }
+bool Output::print(const char* format, T value) {
+  const int length = snprintf(nullptr, 0, format, value);
+  if (length < 0) return true;  // no text for such a conversion
+  const auto count = static_cast<size_t>(length);
+  if (!reserve(count)) return false;
+  snprintf(start_ + used_, count + 1, format, value);
+  used_ += count;
+  return true;
 }
 #pragma GCC diagnostic pop
 
@@ -222,30 +204,19 @@ void write_sub_format(const I18nConversion& conversion, char* at) {
   memcpy(at, conversion.letters, sizeof conversion.letters);
 }
 
-size_t estimate(const I18nConversion& conversion) {
-  const int larger =
-      conversion.width > conversion.precision ? conversion.width : conversion.precision;
-  return larger < 0 ? kUsualNumber : static_cast<size_t>(larger);
-}
-
 bool print_by_platform(Output* output, const I18nConversion& conversion) {
   if (!suits_platform(conversion)) return true;
-  if (!output->reserve(estimate(conversion))) return false;
   char format[kSubFormatSize];
   write_sub_format(conversion, format);
-  // The platform may stop midway at a wide character, and behind a flag that is none.
-  const std::string_view flags(conversion.flags, conversion.flag_count);
-  const bool may_fail = strchr("cCsS", last_letter(conversion)) != nullptr ||
-                        flags.find_first_not_of("-+ #0'") != flags.npos;
   switch (conversion.kind) {
     case I18nKind::kLong:
-      return output->print(format, conversion.argument.integer, may_fail);
+      return output->print(format, conversion.argument.integer);
     case I18nKind::kDouble:
-      return output->print(format, conversion.argument.real, may_fail);
+      return output->print(format, conversion.argument.real);
     case I18nKind::kLongDouble:
-      return output->print(format, conversion.argument.extended, may_fail);
+      return output->print(format, conversion.argument.extended);
     default:
-      return output->print(format, static_cast<int>(conversion.argument.integer), may_fail);
+      return output->print(format, static_cast<int>(conversion.argument.integer));
   }
 }
 
@@ -259,27 +230,24 @@ bool print_conversion(Output* output, const I18nConversion& conversion) {
 }  // namespace
 
 int i18n_vsprintf(char* buffer, char** result, const char* format, va_list arguments) {
-  // One search finds the first '$' and, in a format without one, the end.
-  const char* dollar = strchrnul(format, '$');
-  const bool has_positions = *dollar != '\0';
-  const char* end = has_positions ? dollar + strlen(dollar) : dollar;
-  Output output(buffer, result, static_cast<size_t>(end - format));
+  Output output(buffer, result, strlen(format));
   if (!output.exists()) return 0;
-  I18nArguments values(format, has_positions, arguments);
-  for (const char* at = format;;) {
-    if (*at != '%') {
-      const char* percent = strchrnul(at, '%');
-      output.append_literal(at, static_cast<size_t>(percent - at));
-      at = percent;
-    }
-    if (*at++ == '\0') break;
-    if (*at == '%') {
-      output.append_literal(at++, 1);
+  I18nArguments values(format, strchr(format, '$') != nullptr, arguments);
+  for (const char* at = format; *at != '\0';) {
+    const bool is_percent_sign = at[0] == '%' && at[1] == '%';
+    if (*at == '%' && !is_percent_sign) {
+      I18nConversion conversion;
+      at = i18n_read_conversion(at + 1, &values, &conversion);
+      if (!print_conversion(&output, conversion)) break;
       continue;
     }
-    I18nConversion conversion;
-    at = i18n_read_conversion(at, &values, &conversion);
-    if (!print_conversion(&output, conversion)) break;
+    if (is_percent_sign) ++at;
+    // Text up to the next '%'.
+    const char* end = strchrnul(at + 1, '%');
+    const auto length = static_cast<size_t>(end - at);
+    if (!output.reserve(length)) break;
+    output.append(at, length);
+    at = end;
   }
   return output.finish();
 }

@@ -34,7 +34,7 @@
 /// `buffer` it is written to an area from malloc, whose address is stored through `result`
 /// and which the caller frees; a conversion of any size has room there. When the area
 /// cannot be had, null is stored and 0 returned. When it cannot grow, the text ends
-/// before the conversion that lacked room. With `result` null too, the text is only counted.
+/// before what has no room. With `result` null too, the text is only counted.
 [[gnu::format(printf, 3, 0)]] int i18n_vsprintf(char* buffer, char** result, const char* format,
                                                 va_list arguments);
 

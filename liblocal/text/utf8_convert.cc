@@ -408,10 +408,7 @@ char* convert_into(vx_text_buffer* buffer, Converter convert, const char* text, 
   if (buffer->size < size || buffer->text == nullptr) {
     size = std::max(size, kLeastThreadBuffer);
     auto* grown = static_cast<char*>(malloc(size));
-    if (grown == nullptr) {
-      errno = ENOMEM;
-      return nullptr;
-    }
+    if (grown == nullptr) return nullptr;
     free(buffer->text);
     buffer->text = grown;
     buffer->size = size;

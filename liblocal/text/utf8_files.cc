@@ -14,11 +14,8 @@
 
 namespace {
 
-// Memory of `size` bytes; null with ENOMEM in `errno`.
 c_unique_ptr<char> allocate(size_t size) {
-  c_unique_ptr<char> memory(static_cast<char*>(malloc(size)));
-  if (memory == nullptr) errno = ENOMEM;
-  return memory;
+  return c_unique_ptr<char>(static_cast<char*>(malloc(size)));
 }
 
 // vx_mbstombts with ERANGE in `errno` when it fails.
@@ -33,10 +30,7 @@ bool make_transparent(char* output, const char* name, size_t size) {
 int with_two_paths(const char* first, const char* second,
                    int (*link_them)(const char* first, const char* second)) {
   c_unique_ptr<char> copy(strdup(syscalls_utf8dec(second)));
-  if (copy == nullptr) {
-    errno = ENOMEM;
-    return -1;
-  }
+  if (copy == nullptr) return -1;
   return link_them(syscalls_utf8dec(first), copy.get());
 }
 

@@ -1,23 +1,10 @@
 #include "liblocal/text/utf8_wide.h"
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
 
 #include "liblocal/text/utf8_codec.h"
-
-namespace {
-
-// Memory for `count` characters; null with ENOMEM in `errno`.
-template <typename Character>
-Character* allocate(size_t count) {
-  auto* memory = static_cast<Character*>(malloc(count * sizeof(Character)));
-  if (memory == nullptr) errno = ENOMEM;
-  return memory;
-}
-
-}  // namespace
 
 size_t utf8_mbstowcs(wchar_t* output, const char* input, size_t capacity) {
   if (output == nullptr || input == nullptr || capacity == 0) return 0;
@@ -51,7 +38,7 @@ size_t utf8_wcstombs(char* output, const wchar_t* input, size_t capacity) {
 char* wcs_to_utf8(const wchar_t* text) {
   if (text == nullptr) return nullptr;
   size_t size = kUtf8MaxLength * wcslen(text) + kUtf8MaxLength;
-  char* converted = allocate<char>(size);
+  auto* converted = static_cast<char*>(malloc(size));
   if (converted != nullptr) utf8_wcstombs(converted, text, size);
   return converted;
 }
@@ -60,7 +47,7 @@ wchar_t* utf8_to_wcs(const char* text) {
   if (text == nullptr) return nullptr;
   // Never more characters than bytes.
   size_t capacity = strlen(text) + 1;
-  wchar_t* converted = allocate<wchar_t>(capacity);
+  auto* converted = static_cast<wchar_t*>(malloc(capacity * sizeof(wchar_t)));
   if (converted != nullptr) utf8_mbstowcs(converted, text, capacity);
   return converted;
 }
