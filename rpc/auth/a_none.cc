@@ -1,25 +1,12 @@
 #include "rpc/auth/a_none.h"
 
-#include "liblocal/base/vx_once.h"
-#include "rpc/messages/rpc_prot.h"
-#include "rpc/xdr/x_mem.h"
-
 namespace {
-
-struct NoneRecord {
-  AUTH handle;
-  uint8_t encoded[20];  // credential and verifier
-  uint32_t encoded_length;
-};
-
-// Written once, under the once control.
-NoneRecord record;
-vx_once_control record_once;
 
 void next_verifier(AUTH* /*auth*/) {}
 
 bool marshal(AUTH* /*auth*/, XDR* xdrs) {
-  return xdrs->ops->put_bytes(xdrs, record.encoded, record.encoded_length);
+  constexpr uint8_t kFields[16] = {};  // credential and verifier: flavour 0 and no body each
+  return xdrs->ops->put_bytes(xdrs, kFields, sizeof kFields);
 }
 
 bool validate(AUTH* /*auth*/, const opaque_auth* /*verifier*/) { return true; }
@@ -36,19 +23,8 @@ bool control(AUTH* /*auth*/, uint32_t request, void* information) {
 constexpr auth_ops kNoneOps = {next_verifier, marshal, validate, refresh,
                                needs_refresh, destroy, control};
 
-void build_record() {
-  AUTH* handle = &record.handle;
-  *handle = {__brix_null_auth, __brix_null_auth, {}, &kNoneOps, &record};
-  XDR xdrs;
-  __brix_xdrmem_create(&xdrs, record.encoded, sizeof record.encoded, xdr_op::kEncode);
-  __brix_xdr_opaque_auth(&xdrs, &handle->credential);
-  __brix_xdr_opaque_auth(&xdrs, &handle->verifier);
-  record.encoded_length = xdrs.ops->get_position(&xdrs);
-}
+AUTH handle = {__brix_null_auth, __brix_null_auth, {}, &kNoneOps, nullptr};
 
 }  // namespace
 
-AUTH* __brix_authnone_create() {
-  vx_once(&record_once, build_record);
-  return &record.handle;
-}
+AUTH* __brix_authnone_create() { return &handle; }

@@ -23,7 +23,6 @@ constexpr int kAuthDebugLevel = 3;
 struct SystemRecord {
   opaque_auth full_credential;   // its body is owned
   opaque_auth short_credential;  // from the server; its body is owned
-  uint32_t faults;               // refreshes so far
   uint32_t encoded_length;
   uint8_t encoded[kEncodedSize];  // credential and verifier, as they are marshalled
 };
@@ -102,7 +101,6 @@ bool validate(AUTH* auth, const opaque_auth* verifier) {
 bool refresh(AUTH* auth) {
   if (uses_full_credential(auth)) return false;
   SystemRecord* record = record_of(auth);
-  ++record->faults;
   if (!renew_time(record->full_credential)) return false;
   auth->credential = record->full_credential;
   return encode_fields(auth);
@@ -134,8 +132,8 @@ struct Destroyer {
 
 // A handle without a credential; null with ENOMEM in errno.
 std::unique_ptr<AUTH, Destroyer> new_handle() {
-  c_unique_ptr<AUTH> handle(static_cast<AUTH*>(calloc(1, sizeof(AUTH))));
-  c_unique_ptr<SystemRecord> record(static_cast<SystemRecord*>(calloc(1, sizeof(SystemRecord))));
+  c_unique_ptr<AUTH> handle(c_new<AUTH>());
+  c_unique_ptr<SystemRecord> record(c_new<SystemRecord>());
   if (handle == nullptr || record == nullptr) {
     errno = ENOMEM;
     return nullptr;

@@ -13,6 +13,6 @@ using rpc_auth_methods_lookup = bool (*)(const sockaddr_in* server, uint32_t* me
 /// Makes `lookup` the process's table (null: none). Thread safe.
 void rpc_install_auth_methods(rpc_auth_methods_lookup lookup);
 
-/// The mask of methods for `server`; kAuthMethodsDefault, told by a debug line, when
-/// no table is installed and when its look-up fails. Thread safe.
+/// The mask of methods for `server`; kAuthMethodsDefault, with a debug line, when no table is
+/// installed and when its look-up fails. Thread safe.
 [[nodiscard]] uint32_t rpc_allowed_auth_methods(const sockaddr_in* server);

@@ -1,5 +1,6 @@
 #include "rpc/handle/rpcvarp.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
@@ -8,14 +9,6 @@
 #include "rpc/xdr/io_switches.h"
 
 namespace {
-
-vx_mutex* new_lock() {
-  for (;;) {
-    vx_mutex* lock = vx_mutex_new();
-    if (lock != nullptr) return lock;
-    _vx_pause_ms(kBlockPauseMs);
-  }
-}
 
 // Node is a singly linked record from malloc.
 template <typename Node>
@@ -36,16 +29,6 @@ void destroy_transport(rpc_server_transport** slot) {
   transport->destroy(transport);
 }
 
-// Lowest slot first.
-void destroy_server_transports(rpc_t_varp* block) {
-  for (rpc_server_transport**& group : block->transports) {
-    if (group == nullptr) continue;
-    for (int32_t slot = 0; slot < kServerTransportGroup; ++slot) destroy_transport(&group[slot]);
-    free(group);
-    group = nullptr;
-  }
-}
-
 }  // namespace
 
 VARP_DEFINE_THREAD_BLOCK(rpc)
@@ -59,7 +42,9 @@ rpc_t_varp* rpc_t_init() {
 
 void rpc_t_clean(void* memory) {
   auto* block = static_cast<rpc_t_varp*>(memory);
-  destroy_server_transports(block);
+  for (int32_t slot = 0; slot < block->transport_count; ++slot) {
+    destroy_transport(&block->transports[slot]);
+  }
   cleanup_mappers(block);
   rpc_t_varp* newest = block;
   Global_rpc_t_varp.compare_exchange_strong(newest, nullptr);
@@ -68,15 +53,13 @@ void rpc_t_clean(void* memory) {
 
 void rpc_p_init() {
   auto* block = varp_new_block<rpc_p_varp>();
-  block->lock = new_lock();
-  block->transport_lock = new_lock();
+  while ((block->lock = vx_mutex_new()) == nullptr) _vx_pause_ms(kBlockPauseMs);
   Global_rpc_p_varp.store(block, std::memory_order_release);
 }
 
 void rpc_p_clean(void* memory) {
   auto* block = static_cast<rpc_p_varp*>(memory);
   vx_mutex_destroy(block->lock);
-  vx_mutex_destroy(block->transport_lock);
   free(block);
 }
 
@@ -93,12 +76,9 @@ void rpc_set_createerr(clnt_stat status, int32_t error_number) {
 
 bool rpc_set_server_transport(int32_t descriptor, rpc_server_transport* transport) {
   if (descriptor < 0 || descriptor >= kServerTransportSlots) return false;
-  rpc_server_transport**& group = get_rpc_t_varp()->transports[descriptor / kServerTransportGroup];
-  if (group == nullptr) {
-    group = static_cast<rpc_server_transport**>(calloc(kServerTransportGroup, sizeof(void*)));
-    if (group == nullptr) return false;
-  }
-  rpc_server_transport** slot = &group[descriptor % kServerTransportGroup];
+  rpc_t_varp* block = get_rpc_t_varp();
+  block->transport_count = std::max(block->transport_count, descriptor + 1);
+  rpc_server_transport** slot = &block->transports[descriptor];
   if (*slot != transport) destroy_transport(slot);
   *slot = transport;
   return true;

@@ -14,8 +14,7 @@
 
 struct vx_mutex;
 
-constexpr int32_t kServerTransportSlots = 65536;  // one for each descriptor
-constexpr int32_t kServerTransportGroup = 256;    // slots that come into being together
+constexpr int32_t kServerTransportSlots = 65536;  ///< one for each descriptor
 
 /// Why a client could not be made: the status, and its cause (an error number for
 /// RPC_SYSTEMERROR, the failed call's status for RPC_PMAPFAILURE).
@@ -41,27 +40,25 @@ struct rpc_started_mapper {
 
 /// The server side of a connection or socket; its own record begins with this.
 struct rpc_server_transport {
-  void* extra;  // a further buffer from malloc, freed before the transport is destroyed
+  void* extra;  ///< a further buffer from malloc, freed before the transport is destroyed
   void (*destroy)(rpc_server_transport* transport);
 };
 
 /// What the runtime keeps for each thread; zeroed at first.
 struct rpc_t_varp {
   rpc_createerr create_error;
-  char text[kMessageSize];      // c_perror.h
-  rpc_port_entry* port_cache;   // newest first; owned, each from malloc
-  bool port_cache_read;         // once the environment was read into it
-  rpc_started_mapper* mappers;  // owned, each from malloc
-  // By descriptor, in groups: a group is null until one of its slots is used, so that
-  // making and releasing the block touches little else. All owned, the groups from malloc.
-  rpc_server_transport** transports[kServerTransportSlots / kServerTransportGroup];
+  char text[kMessageSize];      ///< c_perror.h
+  rpc_port_entry* port_cache;   ///< newest first; owned, each from malloc
+  bool port_cache_read;         ///< once the environment was read into it
+  rpc_started_mapper* mappers;  ///< owned, each from malloc
+  int32_t transport_count;      ///< slots up to the highest one used
+  rpc_server_transport* transports[kServerTransportSlots];  ///< by descriptor; owned
 };
 
 /// What the runtime keeps for the process.
 struct rpc_p_varp {
-  vx_mutex* lock;                    // "the process lock": the runtime's shared tables
-  vx_mutex* transport_lock;          // what transports share
-  std::atomic<bool> pmap_cache_off;  // port caches are neither read nor filled
+  vx_mutex* lock;                    ///< "the process lock": the runtime's shared tables
+  std::atomic<bool> pmap_cache_off;  ///< port caches are neither read nor filled
 };
 
 VARP_DECLARE_THREAD_BLOCK(rpc)
@@ -80,7 +77,7 @@ void rpc_set_createerr(clnt_stat status, int32_t error_number);
 
 /// Puts `transport` (null: none) into the calling thread's slot of `descriptor`, which
 /// owns it until another takes its place or the thread ends. False for a descriptor
-/// without a slot and without memory.
+/// without a slot.
 [[nodiscard]] bool rpc_set_server_transport(int32_t descriptor, rpc_server_transport* transport);
 
 /// Frees the port cache and the list of started mappers of `block`, leaving both empty.

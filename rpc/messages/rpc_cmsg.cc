@@ -1,24 +1,22 @@
 #include "rpc/messages/rpc_cmsg.h"
 
+#include <iterator>
+
 #include "rpc/messages/rpc_prot.h"
 #include "rpc/xdr/xdr_compound.h"
 
 namespace {
 
-constexpr uint32_t kFixedWords = 6;
-
-// The words before the credential, written or read in one piece where the stream has
-// one.
-bool run_on_words(XDR* xdrs, uint32_t (&words)[kFixedWords]) {
-  return __brix_xdr_vector(xdrs, words, kFixedWords, sizeof words[0], xdr_filter<xdr_uint32_t>);
-}
-
+// The words before the credential, written or read in one piece where the stream has one.
 bool fixed_part_filter(XDR* xdrs, rpc_call_message* call) {
-  uint32_t words[kFixedWords] = {
+  uint32_t words[] = {
       static_cast<uint32_t>(call->transaction), static_cast<uint32_t>(call->direction),
       static_cast<uint32_t>(call->rpc_version), static_cast<uint32_t>(call->program),
       static_cast<uint32_t>(call->version),     static_cast<uint32_t>(call->procedure)};
-  if (!run_on_words(xdrs, words)) return false;
+  if (!__brix_xdr_vector(xdrs, words, std::size(words), sizeof words[0],
+                         xdr_filter<xdr_uint32_t>)) {
+    return false;
+  }
   if (xdrs->operation == xdr_op::kDecode) {
     call->transaction = words[0];
     call->direction = static_cast<int32_t>(words[1]);

@@ -1,6 +1,6 @@
 // Filters of the RPC message layer (RFC 5531), and what a reply means for the call.
 //
-// Filters promise what xdr.h tells. Thread safe.
+// xdr.h says what filters promise. Thread safe.
 #pragma once
 
 #include <cstdint>
@@ -10,8 +10,8 @@
 
 struct rpc_err;
 
-constexpr uint32_t kRpcCallHeaderSize = 20;  // bytes of __brix_xdr_callhdr
-constexpr uint32_t kDesBlockSize = 8;
+constexpr uint32_t kRpcCallHeaderSize = 20;  ///< bytes of __brix_xdr_callhdr
+constexpr uint32_t kDesBlockSize = 8;        ///< bytes
 
 /// A credential or verifier: its flavour, then its body of at most kMaxAuthBytes.
 /// Decoding gives a null body a buffer.

@@ -45,7 +45,7 @@ bool mem_get_bytes(XDR* xdrs, void* bytes, uint32_t length) {
 
 bool mem_put_bytes(XDR* xdrs, const void* bytes, uint32_t length) {
   if (length == 0) return true;
-  uint8_t* at = take(xdrs, length);
+  uint8_t* at = bytes != nullptr ? take(xdrs, length) : nullptr;
   if (at == nullptr) return false;
   memcpy(at, bytes, length);
   return true;

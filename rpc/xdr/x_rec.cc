@@ -46,12 +46,9 @@ struct RecordStream {
   bool in_begun;         // a header of the current record was read
   uint8_t in_header[kHeader];
   uint32_t in_header_length;  // how much of the next header was read
-  uint32_t in_empty;          // empty fragments in a row
 };
 
 RecordStream* stream_of(XDR* xdrs) { return static_cast<RecordStream*>(xdrs->private_word); }
-
-// --- Sending -----------------------------------------------------------------------
 
 // Starts a fragment whose header is at `offset`.
 void open_fragment(RecordStream* stream, uint32_t offset) {
@@ -139,6 +136,7 @@ bool put(XDR* xdrs, const T* value) {
 bool rec_put_bytes(XDR* xdrs, const void* bytes, uint32_t length) {
   RecordStream* stream = stream_of(xdrs);
   const auto* from = static_cast<const uint8_t*>(bytes);
+  if (from == nullptr) return length == 0;
   while (length >= kXdrRecLargePut) {
     uint32_t most = kXdrRecMaxFragment - std::min(fragment_length(stream), kXdrRecMaxFragment);
     uint32_t piece = std::min(length, most);
@@ -158,8 +156,6 @@ bool rec_put_bytes(XDR* xdrs, const void* bytes, uint32_t length) {
   }
   return true;
 }
-
-// --- Receiving -----------------------------------------------------------------------
 
 bool break_stream(RecordStream* stream) {
   stream->broken = true;
@@ -203,11 +199,6 @@ bool accept_fragment(RecordStream* stream, uint32_t header) {
   if (length > kXdrRecMaxFragment) {
     printerr("pid %u frag size %lu, closing connection\n", static_cast<unsigned>(getpid()),
              static_cast<unsigned long>(length));
-    return break_stream(stream);
-  }
-  stream->in_empty = length == 0 ? stream->in_empty + 1 : 0;
-  if (stream->in_empty > kXdrRecMaxEmptyFragments) {
-    dfprintf(1, "too many empty fragments, closing connection\n");
     return break_stream(stream);
   }
   stream->in_begun = true;
@@ -303,8 +294,6 @@ bool drop_record(RecordStream* stream) {
   }
   return stream->in_last;
 }
-
-// --- Both ways -----------------------------------------------------------------------
 
 uint32_t rec_get_position(XDR* xdrs) {
   RecordStream* stream = stream_of(xdrs);

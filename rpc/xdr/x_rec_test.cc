@@ -202,15 +202,12 @@ TEST_F(RecordTest, SkippingAndTheEndOfInput) {
 
 TEST_F(RecordTest, RefusedInput) {
   std::string empties;
-  for (int i = 0; i < 1000; ++i) empties += fragment("", false);
+  for (int i = 0; i < 1500; ++i) empties += fragment("", false);
   const std::string too_large = "frag size 16777217, closing connection\n";
-  const std::string too_many = "too many empty fragments, closing connection\n";
   const std::pair<std::string, std::string> cases[] = {
       {from_hex("01000000") + "abcd", ""},  // 16 MiB
       {from_hex("01000001") + "abcd", too_large},
       {from_hex("81000001") + "abcd", too_large},
-      {empties + fragment("abcd"), ""},
-      {empties + fragment("", false) + fragment("abcd"), too_many},
       {empties + fragment("ab", false) + empties + fragment("cd"), ""}};
   for (const auto& [input, told] : cases) {
     make(100);

@@ -7,7 +7,6 @@
 
 #include "liblocal/base/c_memory.h"
 #include "rpc/xdr/xdr_growth.h"
-#include "rpc/xdr/xdr_units.h"
 
 namespace {
 
@@ -92,25 +91,9 @@ bool release(T** memory) {
   return true;
 }
 
-// Puts few counted bytes in one step, where the stream has the room in one piece. False,
-// with nothing done, when that is not so.
-bool put_at_once(XDR* xdrs, const void* bytes, uint32_t size) {
-  constexpr uint32_t kFew = 1024;  // more take their time in the copy
-  if (size - 1 >= kFew) return false;
-  const uint32_t padded = (size + kXdrUnit - 1) & ~(kXdrUnit - 1);
-  uint8_t* at = xdrs->ops->get_inline(xdrs, static_cast<int32_t>(kXdrUnit + padded));
-  if (at == nullptr) return false;
-  xdr_store(at + padded, 0U);  // the padding: the last unit, whose other bytes follow
-  xdr_store(at, size);
-  memcpy(at + kXdrUnit, bytes, size);
-  return true;
-}
-
-bool encode_bytes(XDR* xdrs, const uint8_t* bytes, uint32_t size, uint32_t maximum) {
-  if (size > std::min(maximum, kXdrMaxBytes) || (bytes == nullptr && size > 0)) return false;
-  if (put_at_once(xdrs, bytes, size)) return true;
-  return xdr_uint32_t(xdrs, &size) && xdrs->ops->put_bytes(xdrs, bytes, size) &&
-         put_padding(xdrs, size);
+bool encode_bytes(XDR* xdrs, const void* bytes, uint32_t size, uint32_t maximum) {
+  return size <= std::min(maximum, kXdrMaxBytes) && xdr_uint32_t(xdrs, &size) &&
+         xdrs->ops->put_bytes(xdrs, bytes, size) && put_padding(xdrs, size);
 }
 
 bool decode_bytes(XDR* xdrs, uint8_t** bytes, uint32_t* size, uint32_t maximum) {
@@ -126,30 +109,30 @@ bool decode_bytes(XDR* xdrs, uint8_t** bytes, uint32_t* size, uint32_t maximum) 
   return *bytes != nullptr;
 }
 
+// How many bytes of a string go over in one piece: with the terminator, where that serves as
+// the one byte of padding.
+uint32_t string_piece(uint32_t size) { return size + (xdr_padding(size) == 1 ? 1 : 0); }
+
 bool encode_string(XDR* xdrs, const char* text, uint32_t maximum) {
-  size_t length = text != nullptr ? strlen(text) : 0;
+  const size_t length = text != nullptr ? strlen(text) : 0;
   if (length > std::min(maximum, kXdrMaxBytes)) return false;
   auto size = static_cast<uint32_t>(length);
-  if (put_at_once(xdrs, text, size)) return true;
-  if (!xdr_uint32_t(xdrs, &size)) return false;
-  // The terminator serves as a single byte of padding.
-  if (xdr_padding(size) == 1) return xdrs->ops->put_bytes(xdrs, text, size + 1);
-  return xdrs->ops->put_bytes(xdrs, text, size) && put_padding(xdrs, size);
+  const uint32_t piece = string_piece(size);
+  return xdr_uint32_t(xdrs, &size) && xdrs->ops->put_bytes(xdrs, text, piece) &&
+         put_padding(xdrs, piece);
 }
 
 bool decode_string(XDR* xdrs, char** text, uint32_t maximum) {
   uint32_t size = 0;
   if (!get_length(xdrs, &size, maximum)) return false;
-  uint32_t padding = xdr_padding(size);
   if (*text == nullptr) {
     // Three more bytes hold the terminator or the padding, whichever is longer.
-    void* bytes = get_new_bytes(xdrs, size + padding, size + 3).release();
+    void* bytes = get_new_bytes(xdrs, size + xdr_padding(size), size + 3).release();
     if (bytes == nullptr) return false;
     *text = static_cast<char*>(bytes);
-  } else if (padding == 1) {
-    if (!xdrs->ops->get_bytes(xdrs, *text, size + 1)) return false;
-  } else if (!xdrs->ops->get_bytes(xdrs, *text, size) || !skip_padding(xdrs, size)) {
-    return false;
+  } else {
+    const uint32_t piece = string_piece(size);
+    if (!xdrs->ops->get_bytes(xdrs, *text, piece) || !skip_padding(xdrs, piece)) return false;
   }
   (*text)[size] = '\0';
   return true;

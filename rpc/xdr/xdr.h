@@ -1,25 +1,24 @@
-// XDR (RFC 4506): how objects become bytes and bytes objects; the lowest room of the
-// RPC runtime. This header has the streams and the filters of the basic types: big-endian
-// units of 4 bytes, opaque data padded with zero bytes to a multiple of 4.
+// XDR (RFC 4506): how objects become bytes and bytes objects; the lowest layer of the RPC
+// runtime. This header has the streams and the filters of the basic types: big-endian units
+// of 4 bytes, opaque data padded with zero bytes to a multiple of 4.
 //
 // A stream is a handle with an operation (encode, decode or free) and a table of
 // stream operations. A filter is one function per data type that serves all three:
-// it writes the object to the stream, reads the object from it, or releases what
-// reading allocated. Filters of compound types stand in xdr_compound.h, whole
-// objects are released, measured and copied by xdr_object.h; streams over memory
-// are made by x_mem.h, streams that only count by x_count.h, streams of records over a
-// connection by x_rec.h.
+// it writes the object to the stream, reads the object from it, or releases what reading
+// allocated. xdr_compound.h has the filters of compound types; xdr_object.h releases,
+// measures and copies whole objects; x_mem.h makes streams over memory, x_count.h streams
+// that only count, x_rec.h streams of records over a connection.
 //
-// Filters return true, or false for a failure; they print nothing. A filter does
-// nothing and succeeds when the operation is free, and decoding writes the object
-// only after the stream operation succeeded, unless it says otherwise. A decode
-// that fails half-way may leave allocated memory in the object: release it with
-// __brix_xdr_free and the same filter.
+// Filters return true, or false for a failure; they print nothing. Unless its comment says
+// otherwise, a filter does nothing and succeeds when the operation is free, and decoding
+// writes the object only after the stream operation succeeded. A decode that fails half-way
+// may leave allocated memory in the object: release it with __brix_xdr_free and the same
+// filter.
 //
-// Memory held for a peer never exceeds what the peer has sent by more than a factor:
-// counted bytes that the stream cannot hold fail before anything is allocated; where the
-// stream cannot tell, and for arrays that it is not known to hold, memory grows with what
-// has arrived.
+// Memory held for a peer never exceeds what the peer has sent by more than a factor. Counted
+// bytes that the stream cannot hold fail before anything is allocated. Where the stream
+// cannot tell what it holds, and for arrays of unknown size on the wire, memory grows with
+// what has arrived.
 //
 // Thread safety: a stream is used by one thread at a time; nothing else is shared.
 #pragma once
@@ -32,11 +31,11 @@ struct XDR;
 /// What a filter does with its object.
 enum class xdr_op : uint32_t { kEncode = 0, kDecode = 1, kFree = 2 };
 
-constexpr uint32_t kXdrUnit = 4;                     // bytes of one unit on the wire
-constexpr int32_t kXdrRemainingUnknown = INT32_MAX;  // of a stream that cannot tell
-constexpr uint32_t kXdrMaxBytes = 0xFFFFFFFB;        // longest counted bytes or string
-constexpr uint32_t kXdrControlBytesAvailable = 6;    // the one request that streams know
-constexpr uint32_t kXdrDigestSize = 20;              // bytes of a digest or identifier
+constexpr uint32_t kXdrUnit = 4;                     ///< bytes of one unit on the wire
+constexpr int32_t kXdrRemainingUnknown = INT32_MAX;  ///< of a stream that cannot tell
+constexpr uint32_t kXdrMaxBytes = 0xFFFFFFFB;        ///< longest counted bytes or string
+constexpr uint32_t kXdrControlBytesAvailable = 6;    ///< the one request that streams know
+constexpr uint32_t kXdrDigestSize = 20;              ///< bytes of a digest or identifier
 
 /// What a kind of stream provides, in slot order. An operation that fails for want
 /// of room or data leaves the stream as it was.
@@ -45,11 +44,14 @@ struct xdr_ops {
   bool (*get_long)(XDR* xdrs, long* value);
   /// Writes the low 32 bits of `*value`.
   bool (*put_long)(XDR* xdrs, const long* value);
-  /// Copy `length` bytes out of, or into, the stream; no padding is added.
+  /// Copies `length` bytes out of the stream, without padding.
   bool (*get_bytes)(XDR* xdrs, void* bytes, uint32_t length);
+  /// Copies `length` bytes into the stream, without padding. Null bytes fail, but for length
+  /// 0 and where they are only counted.
   bool (*put_bytes)(XDR* xdrs, const void* bytes, uint32_t length);
   /// Bytes from the start of the stream.
   uint32_t (*get_position)(XDR* xdrs);
+  /// Moves to `position`.
   bool (*set_position)(XDR* xdrs, uint32_t position);
   /// The next `length` bytes, consumed, as memory to read from or write to; it has no
   /// alignment. Null when the stream does not have them in one piece, and for a
@@ -57,10 +59,15 @@ struct xdr_ops {
   uint8_t* (*get_inline)(XDR* xdrs, int32_t length);
   /// Releases what the stream holds, but not the handle.
   void (*destroy)(XDR* xdrs);
+  /// Whether the stream knows `request`, and then does it.
   bool (*control)(XDR* xdrs, uint32_t request, void* information);
+  /// Reads one unit.
   bool (*get_int32)(XDR* xdrs, int32_t* value);
+  /// Writes one unit.
   bool (*put_int32)(XDR* xdrs, const int32_t* value);
+  /// Reads two units, the high half first.
   bool (*get_int64)(XDR* xdrs, int64_t* value);
+  /// Writes two units, the high half first.
   bool (*put_int64)(XDR* xdrs, const int64_t* value);
   /// Bytes that can still be read or written. kXdrRemainingUnknown from a stream
   /// that cannot tell (a connection's): its decoding allocates as data arrives.
@@ -70,12 +77,12 @@ struct xdr_ops {
 /// One stream; owned by whoever embeds it. The words behind `ops` belong to the kind
 /// of stream, but for `user`.
 struct XDR {
-  xdr_op operation;
-  const xdr_ops* ops;
-  void* user;          // for the user of the stream; the kinds here leave it alone
-  void* private_word;  // memory: the current position; counting: the caller's counter
-  uint8_t* base;       // memory: start of the buffer
-  int32_t remaining;   // memory: bytes left in the buffer
+  xdr_op operation;    ///< what filters do
+  const xdr_ops* ops;  ///< of the kind of stream
+  void* user;          ///< for the user of the stream; the kinds here leave it alone
+  void* private_word;  ///< memory: the current position; counting: the caller's counter
+  uint8_t* base;       ///< memory: start of the buffer
+  int32_t remaining;   ///< memory: bytes left in the buffer
 };
 
 /// The type through which every filter is called that is handed over as a value
@@ -83,7 +90,7 @@ struct XDR {
 /// type that the filter is for.
 using xdrproc_t = bool (*)(XDR* xdrs, void* object);
 
-/// The type of an arm of a union, which is told the discriminant as well.
+/// The type of an arm of a union, which gets the discriminant as well.
 using xdrarm_t = bool (*)(XDR* xdrs, void* object, int32_t discriminant);
 
 namespace xdr_detail {
@@ -122,17 +129,23 @@ extern XDR __xdr;
 /// Nothing on the wire; always true. (RFC 4506, section 4.16)
 bool __brix_xdr_void(XDR* xdrs, void* object);
 
-// 32-bit integers, one unit (RFC 4506, sections 4.1 to 4.3). These three succeed for
-// every operation but encode and decode.
+/// A 32-bit integer, one unit (RFC 4506, sections 4.1 to 4.3). Succeeds for every operation but
+/// encode and decode, as the next four do.
 bool xdr_int32_t(XDR* xdrs, int32_t* value);
+/// An unsigned 32-bit integer, one unit.
 bool xdr_uint32_t(XDR* xdrs, uint32_t* value);
+/// An enumeration, one unit.
 bool __brix_xdr_enum(XDR* xdrs, int32_t* value);
+/// An int, one unit.
 bool __brix_xdr_int(XDR* xdrs, int32_t* value);
+/// An unsigned int, one unit.
 bool __brix_xdr_u_int(XDR* xdrs, uint32_t* value);
 
-// Narrower integers, one unit. Decoding keeps the low bits and checks no range.
+/// A short, one unit. Decoding keeps the low bits and checks no range, as in the next two.
 bool __brix_xdr_short(XDR* xdrs, int16_t* value);
+/// An unsigned short, one unit.
 bool __brix_xdr_u_short(XDR* xdrs, uint16_t* value);
+/// A char, one unit with its sign.
 bool __brix_xdr_char(XDR* xdrs, char* value);
 
 /// A boolean, one unit (RFC 4506, section 4.4): 1 for any value but 0, both ways.
@@ -145,27 +158,31 @@ bool __brix_xdr_long(XDR* xdrs, long* value);
 /// The low 32 bits of an unsigned long, one unit; decoding zero-extends.
 bool __brix_xdr_u_long(XDR* xdrs, unsigned long* value);
 
-// The low 32 bits of a long, one unit; decoding extends by the sign, or by zeros.
+/// The low 32 bits of a long, one unit; decoding extends the sign.
 bool xdr_shorten(XDR* xdrs, long* value);
+/// The low 32 bits of an unsigned long, one unit; decoding extends by zeros.
 bool xdr_u_shorten(XDR* xdrs, unsigned long* value);
 
 /// The low 32 bits of a time in seconds, one unit; decoding extends the sign.
 bool __brix_xdr_time_t(XDR* xdrs, time_t* value);
 
-// 64-bit integers, two units, high half first (RFC 4506, section 4.5).
+/// A 64-bit integer, two units, high half first (RFC 4506, section 4.5).
 bool xdr_int64_t(XDR* xdrs, int64_t* value);
+/// An unsigned 64-bit integer, two units, high half first.
 bool xdr_uint64_t(XDR* xdrs, uint64_t* value);
 
-// IEEE 754 bit patterns, one and two units (RFC 4506, sections 4.6 and 4.7).
+/// An IEEE 754 bit pattern, one unit (RFC 4506, section 4.6).
 bool __brix_xdr_float(XDR* xdrs, float* value);
+/// An IEEE 754 bit pattern, two units (RFC 4506, section 4.7).
 bool __brix_xdr_double(XDR* xdrs, double* value);
 
 /// `count` bytes at `bytes` and their padding (RFC 4506, section 4.9). Fails for an
 /// operation that is none of the three.
 bool __brix_xdr_opaque(XDR* xdrs, void* bytes, uint32_t count);
 
-// kXdrDigestSize opaque bytes at `bytes`: a digest, and an identifier.
+/// A digest: kXdrDigestSize opaque bytes at `bytes`.
 bool xdr_sha_digest(XDR* xdrs, uint8_t* bytes);
+/// An identifier: kXdrDigestSize opaque bytes at `bytes`.
 bool xdr_vxui_t(XDR* xdrs, uint8_t* bytes);
 
 /// Counted bytes (RFC 4506, section 4.10): length, bytes, padding. `maximum` is

@@ -1,58 +1,34 @@
 #include "rpc/xdr/xdr_compound.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <initializer_list>
+#include <iterator>
 
-#include "liblocal/base/c_memory.h"
-#include "rpc/xdr/x_mem.h"
 #include "rpc/xdr/xdr_growth.h"
-#include "rpc/xdr/xdr_object.h"
 #include "rpc/xdr/xdr_units.h"
 
 namespace {
 
-// Bytes of an array whose elements take none of the stream; no more are made.
-constexpr size_t kMostForNothing = 1 << 20;
-
-// The width of the integers that `element` stands for; 0 when it is something else.
-uint32_t integer_width(xdrproc_t element) {
-  for (xdrproc_t single :
-       {xdr_filter<xdr_int32_t>, xdr_filter<xdr_uint32_t>, xdr_filter<__brix_xdr_enum>,
-        xdr_filter<__brix_xdr_int>, xdr_filter<__brix_xdr_u_int>}) {
-    if (element == single) return sizeof(uint32_t);
-  }
-  if (element == xdr_filter<xdr_int64_t> || element == xdr_filter<xdr_uint64_t>) {
-    return sizeof(uint64_t);
-  }
-  return 0;
-}
-
-template <typename T>
-void swapping_copy(uint8_t* __restrict to, const uint8_t* __restrict from, uint32_t count) {
-  for (size_t i = 0; i < count; ++i) {
-    T swapped = xdr_load<T>(from + i * sizeof(T));
-    memcpy(to + i * sizeof(T), &swapped, sizeof(T));
-  }
-}
-
-// Runs the filter on all elements at once, when they are integers and the stream has
-// them in one piece. False, with nothing done, when that is not so.
+// Runs the filter of 32-bit integers on all of them at once, where the stream has them in one
+// piece: an array of these is copied, not called for. False, with nothing done, elsewhere.
 bool run_on_block(XDR* xdrs, uint8_t* elements, uint32_t count, uint32_t element_size,
                   xdrproc_t element) {
-  uint32_t width = integer_width(element);
-  if (width == 0 || width != element_size || count > INT32_MAX / width) return false;
-  bool encode = xdrs->operation == xdr_op::kEncode;
+  constexpr xdrproc_t kIntegers[] = {xdr_filter<xdr_int32_t>, xdr_filter<xdr_uint32_t>,
+                                     xdr_filter<__brix_xdr_enum>, xdr_filter<__brix_xdr_int>,
+                                     xdr_filter<__brix_xdr_u_int>};
+  const bool are_integers = std::ranges::find(kIntegers, element) != std::end(kIntegers);
+  if (!are_integers || element_size != kXdrUnit || count > INT32_MAX / kXdrUnit) return false;
+  const bool encode = xdrs->operation == xdr_op::kEncode;
   if (!encode && xdrs->operation != xdr_op::kDecode) return true;
-  uint8_t* block = xdrs->ops->get_inline(xdrs, static_cast<int32_t>(count * width));
+  uint8_t* block = xdrs->ops->get_inline(xdrs, static_cast<int32_t>(count * kXdrUnit));
   if (block == nullptr) return false;
-  uint8_t* to = encode ? block : elements;
-  const uint8_t* from = encode ? elements : block;
-  if (width == sizeof(uint32_t)) {
-    swapping_copy<uint32_t>(to, from, count);
-  } else {
-    swapping_copy<uint64_t>(to, from, count);
+  uint8_t* __restrict to = encode ? block : elements;
+  const uint8_t* __restrict from = encode ? elements : block;
+  for (size_t at = 0; at < size_t{count} * kXdrUnit; at += kXdrUnit) {
+    const auto unit = xdr_load<uint32_t>(from + at);
+    memcpy(to + at, &unit, sizeof unit);
   }
   return true;
 }
@@ -61,17 +37,6 @@ bool run_on_block(XDR* xdrs, uint8_t* elements, uint32_t count, uint32_t element
 bool holds(XDR* xdrs, uint32_t count) {
   const int32_t remaining = xdrs->ops->get_remaining(xdrs);
   return remaining != kXdrRemainingUnknown && count <= static_cast<uint32_t>(remaining) / kXdrUnit;
-}
-
-// Whether elements come out of nothing, so that no input bounds their number.
-bool reads_nothing(xdrproc_t element, uint32_t element_size) {
-  c_unique_ptr<void> sample(calloc(1, element_size));
-  if (sample == nullptr) return true;
-  XDR empty;
-  __brix_xdrmem_create(&empty, nullptr, 0, xdr_op::kDecode);
-  const bool done = element(&empty, sample.get());
-  __brix_xdr_free(element, sample.get());
-  return done;
 }
 
 // Decodes `count` elements, more than none, into a new array that the caller releases
@@ -91,7 +56,6 @@ bool decode_new_array(XDR* xdrs, void** array, uint32_t* count, uint32_t element
       return false;
     }
     if (held == wanted) return true;
-    if (held * size >= kMostForNothing && reads_nothing(element, element_size)) break;
     held = xdr_next_piece(held, wanted);
     void* larger = realloc(*array, held * size);
     if (larger == nullptr) break;
