@@ -53,8 +53,8 @@ int utf8_mblen(const char* bytes, size_t available) {
 
 int utf8_wctomb(char* output, wchar_t value) {
   if (output == nullptr) return 0;
-  if (value < 0) return -1;
   auto left = static_cast<uint32_t>(value);  // NOLINT(bugprone-signed-char-misuse): no char
+  if (left > kForms[kUtf8MaxLength - 1].most) return -1;
   int length = 1;
   while (left > kForms[length - 1].most) ++length;
   for (int i = length - 1; i > 0; --i, left >>= 6) {

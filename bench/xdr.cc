@@ -1,0 +1,132 @@
+// XDR beside straight copies.
+#include "rpc/xdr/xdr.h"
+
+#include <arpa/inet.h>
+
+#include <cstdint>
+#include <cstring>
+#include <numeric>
+#include <vector>
+
+#include "bench/compare.h"
+#include "bench/groups.h"
+#include "rpc/xdr/x_mem.h"
+#include "rpc/xdr/xdr_compound.h"
+#include "rpc/xdr/xdr_object.h"
+
+namespace {
+
+constexpr uint32_t kCount = 1000000;
+
+void copy_integers(uint8_t* to, const uint8_t* from) {
+  for (size_t i = 0; i < kCount; ++i) {
+    uint32_t number;
+    memcpy(&number, from + 4 * i, sizeof number);
+    number = htonl(number);
+    memcpy(to + 4 * i, &number, sizeof number);
+  }
+}
+
+void measure_integers() {
+  std::vector<uint32_t> numbers(kCount);
+  std::vector<uint8_t> wire(4 + kCount * 4);
+  std::iota(numbers.begin(), numbers.end(), 0U);
+  auto filter = [&](xdr_op operation) {
+    XDR xdrs = {};
+    void* array = numbers.data();
+    uint32_t count = kCount;
+    __brix_xdrmem_create(&xdrs, wire.data(), static_cast<int32_t>(wire.size()), operation);
+    require(__brix_xdr_array(&xdrs, &array, &count, kCount, sizeof(uint32_t),
+                             xdr_filter<__brix_xdr_u_int>));
+    touch(wire);
+  };
+  auto* bytes = reinterpret_cast<uint8_t*>(numbers.data());
+  compare(
+      "encode 1,000,000 integers", 1.2, [&] { filter(xdr_op::kEncode); },
+      [&] { copy_integers(wire.data() + 4, bytes), touch(wire); });
+  compare(
+      "decode 1,000,000 integers", 1.2, [&] { filter(xdr_op::kDecode); },
+      [&] { copy_integers(bytes, wire.data() + 4), touch(wire); });
+  require(numbers[kCount - 1] == kCount - 1);
+}
+
+constexpr int kStrings = 16;
+constexpr char kText[] = "a name of twenty-eight bytes";
+constexpr uint32_t kTextSize = sizeof kText - 1;
+
+struct Strings {
+  char* texts[kStrings];
+};
+
+using Buffer = uint8_t[kStrings * (4 + kTextSize)];
+
+bool strings_filter(XDR* xdrs, Strings* strings) {
+  for (char*& text : strings->texts) {
+    if (!__brix_xdr_string(xdrs, &text, 255)) return false;
+  }
+  return true;
+}
+
+void put_strings(uint8_t* at, const Strings& strings) {
+  for (const char* text : strings.texts) {
+    auto size = static_cast<uint32_t>(strlen(text));
+    uint32_t swapped = htonl(size);
+    memcpy(at, &swapped, sizeof swapped);
+    memcpy(at + 4, text, size);
+    at += 4 + size;
+  }
+}
+
+// The same allocations as the filter makes, and a straight copy into them.
+void take_strings(const uint8_t* at, Strings* strings) {
+  for (char*& text : strings->texts) {
+    uint32_t size;
+    memcpy(&size, at, sizeof size);
+    size = ntohl(size);
+    text = static_cast<char*>(malloc(size + 3));
+    memcpy(text, at + 4, size);
+    text[size] = '\0';
+    at += 4 + size;
+  }
+}
+
+void measure_strings() {
+  Strings strings;
+  for (char*& text : strings.texts) text = const_cast<char*>(kText);
+  Buffer buffer;
+  XDR xdrs = {};
+  compare(
+      "encode a structure of strings", 2.2,
+      [&] {
+        __brix_xdrmem_create(&xdrs, buffer, sizeof buffer, xdr_op::kEncode);
+        require(strings_filter(&xdrs, &strings));
+        touch(buffer);
+      },
+      [&] {
+        touch(strings);
+        put_strings(buffer, strings);
+        touch(buffer);
+      });
+  compare(
+      "decode a structure of strings", 2.2,
+      [&] {
+        Strings decoded = {};
+        __brix_xdrmem_create(&xdrs, buffer, sizeof buffer, xdr_op::kDecode);
+        require(strings_filter(&xdrs, &decoded));
+        touch(decoded);
+        __brix_xdr_free(xdr_filter<strings_filter>, &decoded);
+      },
+      [&] {
+        Strings decoded = {};
+        take_strings(buffer, &decoded);
+        touch(decoded);
+        for (char* text : decoded.texts) free(text);
+      });
+}
+
+}  // namespace
+
+void measure_xdr(const std::string& /*build*/) {
+  measure_integers();
+  measure_strings();
+}
