@@ -272,7 +272,7 @@ TEST_F(TcpTest, EmptyFragmentsAreDroppedWhileWriting) {
   serve([](RpcServer& peer) {
     const int small = 1 << 16;
     setsockopt(peer.socket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
-    peer.send(std::string(2000, '\0'));
+    peer.send(std::string(1 << 19, '\0'));
     always(kAnswer)(peer);
   });
   control(CLSET_WATCH_INPUT, client_);
