@@ -1,0 +1,192 @@
+// Error records and their tables.
+#include "liblocal/messages/errinfo.h"
+
+#include <nl_types.h>
+
+#include <cerrno>
+
+#include "liblocal/messages/catgets.h"
+#include "liblocal/messages/err_tables.h"
+#include "liblocal/messages/print.h"
+#include "tests/fakes.h"
+#include "tests/locales.h"
+#include "tests/work.h"
+
+namespace {
+
+void expect_record(const vx_error_record* record, int32_t number, const std::string& text) {
+  ASSERT_NE(record, nullptr);
+  EXPECT_EQ(record->number, number);
+  EXPECT_EQ(record->text, text);
+}
+
+// What err_print writes of `record` behind the program's name.
+std::string printed_record(int level, const vx_error_record& record) {
+  return printed(level, [&] { err_print(&record); }).substr(strlen("kivtrap: "));
+}
+
+TEST(ErrSet, TakesSeverityAndTextFromTheTables) {
+  expect_record(err_set(1, 0), 11000, "Success");
+  expect_record(err_set(1, ENOMEM), 15012, "Cannot allocate memory");
+  for (int error : {EINTR, ENETDOWN, ENETRESET, ECONNRESET, ETIMEDOUT}) {
+    EXPECT_EQ(err_set(1, error)->number, 13000 + error);
+  }
+  expect_record(err_set(2, 123005), 23005, "Timed out");
+  expect_record(err_set(9, 3), 94003, "Invalid or NULL session channel");
+  expect_record(err_set(4, 2), 40002, "Unknown error");
+  expect_record(err_set(2, -1), 19999, "Unknown error");
+  expect_record(err_set(11, 1), 110001, "Unknown error");
+  expect_record(err_set(INT32_MAX, 2000), -8000, "Unknown error");
+}
+
+TEST(ErrTables, HaveTheTextsOfTheCatalog) {
+  in_locale("", [] {
+    const TemporaryDirectory place;
+    const std::string path = place.path() + "/numbers";
+    compile_catalog(path,
+                    "$set 17\n223 223\n224 224\n276 276\n277 277\n278 278\n"
+                    "279 279 %s, %s%s\n280 280 %s %s: %s%s\n1015 1015\n");
+    Catd = reinterpret_cast<int64_t>(catopen(path.c_str(), 0));
+    EXPECT_EQ(printed_record(1, {12001, "text"}), "279 277, text (type 1, severity 2, number 1)")
+        << "before the tables are made";
+    expect_record(err_set(2, 0), 21000, "224");
+    expect_record(err_set(2, 3), 24003, "1015");
+    expect_record(err_set(3, 32), 35032, "223");
+    EXPECT_EQ(printed_record(0, {21000, "a"}), "280 RPC 276: a");
+    EXPECT_EQ(printed_record(0, {23000, "a"}), "280 RPC 278: a");
+  });
+}
+
+TEST(ErrTables, KnowTheSeverityOfEveryRpcStatus) {
+  std::string severities;
+  for (int32_t code = 0; code < kRpcErrorCodes; ++code) {
+    severities += std::to_string(err_set(2, code)->number / 1000 % 10);
+  }
+  EXPECT_EQ(severities, "1554434445554544555555555555");
+}
+
+TEST(ErrTables, ReleaseTheirTextsAtTheEnd) {
+  err_set(3, 32);
+  EXPECT_NE(Global_liblocal_p_varp.load(), nullptr) << "with which they are released";
+  for (int released : {28 + 33, 0}) {
+    const long held = fakes::pieces_held();
+    liblocal_p_clean(varp_new_block<liblocal_p_varp>());
+    EXPECT_EQ(held - fakes::pieces_held(), released);
+    expect_record(err_set(3, 32), 35032, "Resource database busy");
+  }
+}
+
+TEST(ErrTables, TakeATypeOfTheProgram) {
+  static const char* const texts[] = {"fine", "worn"};
+  static const int32_t severities[] = {1, 2};
+  const std::string name(200, 'n');
+  for (int type : {-1, 10, 11}) err_settype(type, 1, name.c_str(), texts, severities);
+  EXPECT_EQ(err_type_of(10)->name, name.substr(0, 131));
+  EXPECT_EQ(err_type_of(11), nullptr);
+  expect_record(err_set(10, 1), 102001, "worn");
+  expect_record(err_set(10, 2), 100002, "Unknown error");
+}
+
+TEST(ErrPrint, AddsDetailsUnlessTheLevelIs0) {
+  const vx_error_record named = {92001, "50%d"};
+  EXPECT_EQ(printed_record(0, named), "Jobs warning: 50%d\n");
+  EXPECT_EQ(printed_record(-1, named), "Jobs warning: 50%d (severity 2, number 1)\n");
+  const vx_error_record unnamed = {102001, "worn"};
+  EXPECT_EQ(printed_record(0, unnamed), "warning, worn\n");
+  EXPECT_EQ(printed_record(1, unnamed), "warning, worn (type 10, severity 2, number 1)\n");
+  EXPECT_EQ(printed_record(1, {1, "bare"}), "error, bare (type 0, severity 0, number 1)\n");
+  EXPECT_EQ(printed_record(1, {0, "nothing"}), "error, nothing\n");
+  EXPECT_EQ(printed_record(1, {-10001, "chain"}), "error, chain (number -10001)\n");
+  err_print(nullptr);
+}
+
+TEST(ErrSetstr, FormatsAndCuts) {
+  const vx_error_record* record = err_setstr(3, 5012, "%s: %d", "host", 7);
+  expect_record(err_setstr(3, 5012, "on %s", record->text), 35012, "on host: 7");
+  EXPECT_EQ(err_setstr(3, 1, nullptr), nullptr);
+  const std::string text(18432, 'x');
+  EXPECT_EQ(err_setstr(3, 1, "%s", text.c_str())->text, text.substr(1));
+}
+
+TEST(ErrSetstr, NeedsMemoryOfTheThread) {
+  const vx_error_record* record = err_set(3, 1);
+  in_threads(1, [record](int) {
+    EXPECT_NE(err_set(2, 5), record);
+    const fakes::FailingMalloc failing(0);
+    EXPECT_EQ(err_setstr(3, 1, "text"), nullptr);
+    EXPECT_EQ(err_dup(record), nullptr);
+  });
+}
+
+TEST(ErrCopies, OwnTheirTexts) {
+  auto copy_and_free = [] {
+    const vx_error_record given = {35012, "50% of %s"};
+    vx_error_record copy = given;
+    EXPECT_EQ(err_dup2(nullptr, &copy), 0);
+    EXPECT_EQ(copy.text, nullptr);
+    EXPECT_EQ(err_dup2(&given, &copy), 35012);
+    expect_record(err_move_to_varp(&copy), 35012, given.text);
+    EXPECT_EQ(err_move_to_varp(&copy), nullptr);
+    vx_error_record* saved = err_save(&given);
+    err_save(saved);
+    err_set(1, 0);
+    expect_record(err_restore(saved), 35012, given.text);
+  };
+  EXPECT_EQ(fakes::pieces_left_by(copy_and_free), 0);
+  EXPECT_EQ(err_restore(nullptr), nullptr);
+  EXPECT_EQ(err_dup(nullptr), nullptr);
+  const vx_error_record bare = {7, nullptr};
+  expect_record(err_dup(err_dup(&bare)), 7, "");
+  err_free(nullptr);
+}
+
+TEST(ErrSave, ShowsWhatItReplaces) {
+  auto save = [] { err_save(err_set(1, 0)); };
+  EXPECT_EQ(printed(1, save), "");
+  EXPECT_EQ(printed(0, save), "");
+  EXPECT_EQ(printed(1, save), "kivtrap: err_save: overwriting old tmperr <Success>\n");
+}
+
+TEST(Strerror, KeepsErrno) {
+  errno = EBUSY;
+  expect_record(err_setall(1, 2, ENOENT, brix_strerror(EPERM)), 12002, "Operation not permitted");
+  EXPECT_EQ(errno, EBUSY);
+}
+
+TEST(ErrAccrue, ChainsMessagesButNoticesAndWarnings) {
+  auto chain = [](int /*thread*/) {
+    EXPECT_EQ(err_accrue("too early"), 0);
+    EXPECT_EQ(blow_err(0), nullptr);
+    for (const char* text :
+         {"low\n", "notice, a", "b notice: ", "warning, c", "d warning: ", "noticed\n"}) {
+      EXPECT_EQ(printed(0, [text] { printerr("%s", text); }), std::string("kivtrap: ") + text);
+    }
+    EXPECT_EQ(err_accrue(nullptr), 0);
+    for (int mode : {2, 1}) {
+      expect_record(blow_err(mode), -10001, "kivtrap: noticed\n->(kivtrap: low\n)");
+    }
+    EXPECT_EQ(blow_err(1), nullptr);
+    err_accrue("freed with the thread");
+  };
+  EXPECT_EQ(fakes::pieces_left_by([&] { in_threads(1, chain); }), 0);
+  print_set_accrual_hook(nullptr);
+}
+
+TEST(ErrAccrue, DropsWhatDoesNotFit) {
+  blow_err(1);
+  err_accrue(std::string(18000, 'o').c_str());
+  const std::string over(18433 - 18000 - 9, 'n');
+  auto accrue = [&over] { err_accrue(over.c_str()); };
+  EXPECT_EQ(printed(8, accrue), "");
+  EXPECT_EQ(printed(9, accrue), "kivtrap: Dropping error string " + over + "\n");
+  err_accrue(over.c_str() + 1);
+  EXPECT_EQ(strlen(blow_err(0)->text), 18000 + over.size() - 1 + strlen("->()"));
+}
+
+TEST(ErrAccrue, SaysThatThereIsNoMemory) {
+  blow_err(1);
+  const fakes::FailingMalloc failing(0);
+  EXPECT_EQ(printed(0, [] { err_accrue("x"); }), "Malloc failed.\n");
+}
+
+}  // namespace
