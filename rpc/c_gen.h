@@ -18,7 +18,7 @@
 ///
 /// `host` null, empty, or a name or address of this host means 127.0.0.1; leading
 /// white space is skipped. `transport` is compared without regard to letter case;
-/// null or empty stands for the value of the environment variable "KIV_TRANSPORT",
+/// null or empty means the value of the environment variable "KIV_TRANSPORT",
 /// and "tcp" when that is unset:
 /// - "udp": the UDP transport (c_udp.h); a call is sent every 5 s and given up after
 ///   25 s;

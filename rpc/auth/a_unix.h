@@ -1,5 +1,5 @@
 // The authentication flavour system (RFC 5531, appendix A): the caller's machine,
-// user and groups, or a short credential that the server handed out in their place.
+// user and groups, or a short credential that the server gave in their place.
 #pragma once
 
 #include <sys/types.h>
@@ -32,8 +32,8 @@ bool __brix_xdr_authunix_parms(XDR* xdrs, authsys_parms* parms);
 ///
 /// Its marshal puts the credential as it was encoded last. A reply whose verifier
 /// is of flavour short gives a short credential that is used from then on; one that
-/// does not decode is dropped, and the full credential used again. Refresh goes back
-/// to the full credential with the time of now; false when it was in use already.
+/// does not decode is dropped, and the full credential used again. Refresh uses
+/// the full credential again, with the current time; false when it was in use already.
 [[nodiscard]] AUTH* __brix_authsys_create(const char* machine_name, uid_t uid, gid_t gid,
                                           uint32_t group_count, const gid_t* groups);
 

@@ -22,7 +22,7 @@ constexpr int32_t kAuthMethodSystem = 2;  ///< flavour system
 
 /// What a flavour provides, in slot order.
 struct auth_ops {
-  /// Goes to the next verifier.
+  /// Moves to the next verifier.
   void (*next_verifier)(AUTH* auth);
   /// Puts credential and verifier on the stream.
   bool (*marshal)(AUTH* auth, XDR* xdrs);

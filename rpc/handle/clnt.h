@@ -58,7 +58,7 @@ struct clnt_ops {
                     void* arguments, xdrproc_t results_filter, void* results, timeval timeout);
   /// Does nothing.
   void (*abort)(CLIENT* client);
-  /// Copies what the last call came to.
+  /// Copies the outcome of the last call.
   void (*geterr)(CLIENT* client, rpc_err* error);
   /// Releases what decoding the results of a call allocated.
   bool (*freeres)(CLIENT* client, xdrproc_t results_filter, void* results);

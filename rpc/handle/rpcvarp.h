@@ -64,7 +64,7 @@ struct rpc_p_varp {
 VARP_DECLARE_THREAD_BLOCK(rpc)
 VARP_DECLARE_PROCESS_BLOCK(rpc)
 
-/// The most recently created thread block; null when that one has gone.
+/// The most recently created thread block; null after the end of its thread.
 extern std::atomic<rpc_t_varp*> Global_rpc_t_varp;
 
 /// Why the calling thread's last attempt to make a client failed; success does not

@@ -1,4 +1,4 @@
-// What a call came to: its status, and the detail that goes with it.
+// The outcome of a call: its status, and the detail that belongs to it.
 #pragma once
 
 #include <cstdint>
@@ -43,7 +43,7 @@ struct rpc_err_words {
   long s2;  ///< the accept or reject state
 };
 
-/// What a call came to. A detail that the status does not have is zero.
+/// The outcome of a call. A detail that the status does not have is zero.
 struct rpc_err {
   clnt_stat status;  ///< decides which detail counts
   union {

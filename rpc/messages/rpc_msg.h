@@ -1,7 +1,7 @@
 // RPC messages, version 2 (RFC 5531, section 9): what a call and its reply look like, and
 // what a reply means. This header has the records: the authentication field, the call and
-// the reply. rpc_prot.h and rpc_cmsg.h encode and decode them; rpc_err.h has what a call
-// came to.
+// the reply. rpc_prot.h and rpc_cmsg.h encode and decode them; rpc_err.h has the
+// outcome of a call.
 #pragma once
 
 #include <cstdint>
@@ -13,10 +13,10 @@ constexpr uint32_t kMaxAuthBytes = 32744;  ///< body of a credential or verifier
 
 /// Which of the two a message is.
 enum rpc_direction : int32_t { kRpcCall = 0, kRpcReply = 1 };
-/// Whether a call was taken at all.
+/// Whether a call was accepted at all.
 enum rpc_reply_state : int32_t { kReplyAccepted = 0, kReplyDenied = 1 };
 
-/// What came of a call that was taken.
+/// The outcome of a call that was accepted.
 enum rpc_accept_state : int32_t {
   kAcceptSuccess = 0,
   kAcceptProgramUnavailable = 1,
@@ -26,7 +26,7 @@ enum rpc_accept_state : int32_t {
   kAcceptSystemError = 5,
 };
 
-/// Why a call was not taken.
+/// Why a call was denied.
 enum rpc_reject_state : int32_t { kRejectRpcMismatch = 0, kRejectAuthError = 1 };
 
 /// Why an authentication was refused.
@@ -44,7 +44,7 @@ enum auth_state : int32_t {
 /// The numbers of the flavours; others exist.
 enum auth_flavour : int32_t { kAuthNone = 0, kAuthSystem = 1, kAuthShort = 2 };
 
-/// A credential or a verifier. Whether the body is owned is the holder's matter; one
+/// A credential or a verifier. Who frees the body is up to the holder; one
 /// that decoding made is freed by the free operation of its filter.
 struct opaque_auth {
   int32_t flavour;  ///< auth_flavour, or another
@@ -73,16 +73,16 @@ struct rpc_versions {
   unsigned long high;  ///< the highest
 };
 
-/// The reply to a call that was taken.
+/// The reply to a call that was accepted.
 struct rpc_accepted_reply {
   opaque_auth verifier;      ///< of the server
   int32_t state;             ///< rpc_accept_state
-  void* results;             ///< kAcceptSuccess: where the results go; set before decoding
+  void* results;             ///< kAcceptSuccess: where the results are stored; set before decoding
   xdrproc_t results_filter;  ///< kAcceptSuccess: by which filter; set before decoding, not null
   rpc_versions versions;     ///< kAcceptProgramMismatch
 };
 
-/// The reply to a call that was not taken.
+/// The reply to a call that was denied.
 struct rpc_denied_reply {
   int32_t state;          ///< rpc_reject_state
   rpc_versions versions;  ///< kRejectRpcMismatch

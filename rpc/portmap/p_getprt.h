@@ -12,7 +12,7 @@
 
 /// The port, in host order, on which `program` and `version` of the IP protocol
 /// `protocol` are served at `server`; 0 when there is none. The address's own port is
-/// not looked at, and is 0 afterwards. On 0 the thread's creation error (rpcvarp.h) says
+/// ignored, and is 0 afterwards. On 0 the thread's creation error (rpcvarp.h) says
 /// why: RPC_PMAPFAILURE with the failed call's error as its cause,
 /// RPC_PROGNOTREGISTERED, or what a client could not be made for; the last port
 /// mapper's counts.

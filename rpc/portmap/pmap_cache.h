@@ -1,6 +1,6 @@
 // The port cache: where the runtime's own TCP services are on this host. Each thread
-// has one; it begins with what the process was handed in the environment variable
-// "KIVENV_PMAPS", and processes that this one starts get it the same way.
+// has one; it begins with the contents of the environment variable
+// "KIVENV_PMAPS", by which processes that this one starts get it, too.
 //
 // The variable holds groups "{program,version,protocol,port}" of decimal numbers with
 // nothing between them. Reading stops at the first text of another form.

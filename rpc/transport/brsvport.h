@@ -13,7 +13,7 @@
 enum rpc_port_type : int32_t { kPortService = 0, kPortConnection = 1, kPortReserved = 2 };
 
 /// Binds `socket` to a local port for `type` at `address` (null: any address of this
-/// host), whose own port is not looked at. Where the type has no ranges the system
+/// host), whose own port is ignored. Where the type has no ranges the system
 /// chooses the port. Otherwise ports of the ranges are tried at random (7 times; where
 /// there are more than 500, a quarter of their number but at most 713 times), and then
 /// all of them, from where the last such walk ended; only a port in use leads to a next

@@ -4,21 +4,21 @@
 // within one reading: whatever arrives, also a part of a record or the reply to another
 // call, begins it anew, so that a server can keep a long call alive. A partial write begins
 // it anew, too. The call ends when the limit is reached; the last wait step is cut short.
-// The time of a call is its wait step as well, so a wait function with shorter steps wants
+// The time of a call is its wait step as well, so a wait function with shorter steps needs
 // CLSET_TIMEOUT.
 //
 // A call with time zero and no results filter (null) is one-way: it returns RPC_SUCCESS
-// once its record is handed to the stream, and leaves with the next call that is not (or
+// once its record is in the stream, and leaves with the next call that is not (or
 // when the buffer is full); what is left when the client is destroyed is not sent. A call
-// with time zero and a results filter is sent and comes to RPC_TIMEDOUT. Where the limit is
+// with time zero and a results filter is sent and ends with RPC_TIMEDOUT. Where the limit is
 // zero, sending waits for room as long as the peer needs, and leaves no record half sent.
 // Replies to other calls are dropped. A refused call is repeated when the authentication
 // falls back or refreshes.
 //
 // A wait function is called before a read or write, after each wait step and at the
-// end. Its other answer than 0 ends the call with RPC_CANCELLED. Like a call that
+// end. A result other than 0 ends the call with RPC_CANCELLED. Like a call that
 // timed out, a cancelled one leaves the client usable, unless a part of a record had
-// left by then: that connection is shut down and all further calls come to RPC_CANTSEND
+// left by then: that connection is shut down and all further calls end with RPC_CANTSEND
 // with EPIPE.
 //
 // How the socket is driven: "KIV_BLOCKING_RPC" makes the process's mode 1 ("TRUE",
@@ -66,11 +66,11 @@ enum rpc_wait_state : int32_t {
 /// The sizes are those of the buffers (rpc_buffer_size); messages may be larger.
 /// Control requests, beside those of the UDP transport without a retry interval:
 /// CLSET_TIMEOUT with null for no limit, and all from CLGET_RECEIVE_SIZE to
-/// CLSET_WAIT_STATE (clnt.h). Those that hand something over answer false to null.
+/// CLSET_WAIT_STATE (clnt.h). Those that take or store a value are false for null.
 ///
 /// Returns null with the thread's creation error set (rpcvarp.h): RPC_SYSTEMERROR with
 /// ENOMEM, EMFILE for a descriptor above 65535, or what socket, bind or connect failed
-/// with; or what the port mapper came to.
+/// with; or the reason why no port mapper gave a port.
 [[nodiscard]] CLIENT* __brix_clnttcp_create(sockaddr_in* server, unsigned long program,
                                             unsigned long version, int* socket, uint32_t send_size,
                                             uint32_t receive_size);

@@ -15,8 +15,8 @@
 //
 // Control requests: CLSET_TIMEOUT, CLGET_TIMEOUT, CLGET_SERVER_ADDR,
 // CLSET_RETRY_TIMEOUT, CLGET_RETRY_TIMEOUT, CLGET_FD, CLSET_FD_CLOSE,
-// CLSET_FD_NCLOSE, CLSET_AUTH_CONFIRMED, CLGET_AUTH_CONFIRMED (clnt.h). Each wants a
-// pointer that is not null, also where it is not looked at; all others are false.
+// CLSET_FD_NCLOSE, CLSET_AUTH_CONFIRMED, CLGET_AUTH_CONFIRMED (clnt.h). Each needs a
+// pointer that is not null, even where it is not used; all others are false.
 #pragma once
 
 #include <netinet/in.h>
@@ -30,14 +30,14 @@ constexpr uint32_t kUdpMessageSize = 8800;  ///< bytes that a call and its reply
 
 /// A client of `program` and `version` at `server`, with the none authentication. When
 /// the address has port 0, the server's port mapper is asked (p_getprt.h) and the
-/// answer stored there. `retry` is the retransmission interval; zero stands for the
+/// answer stored there. `retry` is the retransmission interval; zero means the
 /// time limit, so nothing is sent twice. `*socket` is an open datagram socket, which
 /// stays the caller's, or -1: then one is opened, stored there and closed by destroy.
 ///
 /// Calls and replies may have kUdpMessageSize bytes. Returns null with the thread's
 /// creation error set (rpcvarp.h): RPC_SYSTEMERROR with ENOMEM, EMFILE for a
-/// descriptor above 65535, or what socket or bind failed with; or what the port mapper
-/// came to.
+/// descriptor above 65535, or what socket or bind failed with; or the reason why no
+/// port mapper gave a port.
 [[nodiscard]] CLIENT* __brix_clntudp_create(sockaddr_in* server, unsigned long program,
                                             unsigned long version, timeval retry, int* socket);
 

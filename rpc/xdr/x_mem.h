@@ -6,7 +6,7 @@
 #include "rpc/xdr/xdr.h"
 
 /// Makes `xdrs` a stream over the `size` bytes at `buffer`, which the caller keeps; it
-/// needs no destroying. A negative size stands for a buffer whose end is not known:
+/// needs no destroying. A negative size means a buffer whose end is not known:
 /// 2147483647 bytes remain.
 ///
 /// get_inline always has what remains in one piece. Setting a position beyond what

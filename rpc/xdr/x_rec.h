@@ -2,19 +2,19 @@
 // (RFC 5531, section 11). Each fragment follows a 4-byte big-endian header whose high
 // bit marks the last fragment of a record and whose other bits are its length.
 //
-// Sending fills a buffer; a fragment leaves when the buffer is full or the record
+// Sending fills a buffer; a fragment is sent when the buffer is full or the record
 // ends. Receiving reads a fragment at a time and never beyond the record's end: what
 // follows it is reached with __brix_xdrrec_skiprecord. A stream is made at the end of
 // an empty record, so that comes first on the receiving side.
 //
 // get_position and set_position count within the buffered part of the current
 // fragment, and move within it only; get_inline gives 4-byte aligned memory that lies
-// wholly in the buffer; get_remaining cannot tell; control answers false to every
+// wholly in the buffer; get_remaining is kXdrRemainingUnknown; control answers false to every
 // request; get_long extends by zeros.
 //
-// A transfer that fails loses nothing that arrived: the next read goes on where it
+// A transfer that fails loses nothing that arrived: the next read continues where it
 // stopped. A record of which nothing was sent is dropped when its sending fails, and
-// records before it stay buffered. A record that left half-way, and input that no
+// records before it stay buffered. A record that was sent in part, and input that no
 // stream of this runtime sends, break the stream for good.
 //
 // Memory: the two buffers, whatever the peer declares.
@@ -42,7 +42,7 @@ using xdrrec_write = int64_t (*)(void* transport, const void* buffer, uint32_t l
 
 /// Makes `xdrs` a record stream with buffers of rpc_buffer_size of the two sizes (for
 /// sending at most the largest fragment and its header) over `transport`, which is
-/// handed to `read` and `write` and stays the caller's. The caller sets
+/// passed to `read` and `write` and stays the caller's. The caller sets
 /// `xdrs->operation` before each use and releases the stream with its destroy
 /// operation. Returns false, with ENOMEM in errno, without memory.
 [[nodiscard]] bool __brix_xdrrec_create(XDR* xdrs, uint32_t send_size, uint32_t receive_size,
@@ -69,7 +69,7 @@ bool __brix_xdrrec_eof(XDR* xdrs);
 /// Whether the next byte of input is the first of a fragment's header, not yet read.
 [[nodiscard]] bool xdrrec_at_header(XDR* xdrs);
 
-/// Whether the stream stands before a record of which no whole header was read yet:
+/// Whether the stream is before a record of which no whole header was read yet:
 /// where __brix_xdrrec_skiprecord moved it. Skipping would drop that record. Never on
 /// a broken stream.
 [[nodiscard]] bool xdrrec_at_record(XDR* xdrs);

@@ -37,7 +37,7 @@ constexpr uint32_t kXdrMaxBytes = 0xFFFFFFFB;        ///< longest counted bytes 
 constexpr uint32_t kXdrControlBytesAvailable = 6;    ///< the one request that streams know
 constexpr uint32_t kXdrDigestSize = 20;              ///< bytes of a digest or identifier
 
-/// What a kind of stream provides, in slot order. An operation that fails for want
+/// What a kind of stream provides, in slot order. An operation that fails for lack
 /// of room or data leaves the stream as it was.
 struct xdr_ops {
   /// Reads a signed or unsigned 32-bit value, as the kind of stream extends it.
@@ -74,7 +74,7 @@ struct xdr_ops {
   int32_t (*get_remaining)(XDR* xdrs);
 };
 
-/// One stream; owned by whoever embeds it. The words behind `ops` belong to the kind
+/// One stream; owned by whoever embeds it. The fields after `ops` belong to the kind
 /// of stream, but for `user`.
 struct XDR {
   xdr_op operation;    ///< what filters do
@@ -85,7 +85,7 @@ struct XDR {
   int32_t remaining;   ///< memory: bytes left in the buffer
 };
 
-/// The type through which every filter is called that is handed over as a value
+/// The type through which every filter is called that is passed as a value
 /// (to arrays, pointers, client calls): the stream and the object. `object` has the
 /// type that the filter is for.
 using xdrproc_t = bool (*)(XDR* xdrs, void* object);

@@ -27,9 +27,9 @@ bool __brix_xdr_array(XDR* xdrs, void** array, uint32_t* count, uint32_t maximum
 bool __brix_xdr_vector(XDR* xdrs, void* array, uint32_t count, uint32_t element_size,
                        xdrproc_t element);
 
-/// The object behind `*object`, which is always there on the wire. Decoding gives a
+/// The object that `*object` points to, which is always there on the wire. Decoding gives a
 /// null `*object` a zeroed object of `size` bytes, to be freed by the free operation.
-/// Encoding a null `*object` hands null to the filter. Free runs the filter, frees
+/// Encoding a null `*object` passes null to the filter. Free runs the filter, frees
 /// the object, sets `*object` to null and returns what the filter did.
 bool __brix_xdr_reference(XDR* xdrs, void** object, uint32_t size, xdrproc_t filter);
 
