@@ -54,7 +54,7 @@ constexpr int32_t kAsnMaxBuildLength = 65535;  // largest length that is written
 
 /// Writes the low 32 bits of `*value` as a signed number in the shortest
 /// two's-complement form, 1 to 4 bytes. The same form serves Counter, Gauge and
-/// TimeTicks; a value of 2^31 or more then goes out with its top bit set.
+/// TimeTicks; a value of 2^31 or more is then written with its top bit set.
 /// `size` (the bytes of `*value`) is not used; pass 8.
 [[nodiscard]] uint8_t* asn_build_int(uint8_t* at, int32_t* room, uint8_t tag, const long* value,
                                      int32_t size);
@@ -76,7 +76,7 @@ constexpr int32_t kAsnMaxBuildLength = 65535;  // largest length that is written
 /// form and for more than 8 length bytes.
 ///
 /// REQUIRES: the length bytes are there to read, which is one byte, and when it
-/// is above 0x80 as many more as its low seven bits tell.
+/// is above 0x80 as many more as its low seven bits say.
 [[nodiscard]] const uint8_t* asn_parse_length(const uint8_t* at, uint64_t* length);
 
 /// Reads a tag and a length and returns the first content byte. `*left` is

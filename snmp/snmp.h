@@ -59,7 +59,7 @@ enum class SnmpParse {
 
 /// Decodes one received message into `pdu`, a new one whose address is the
 /// sender's. `session` gives the auth_hook. A wrong version and a binding of an
-/// unknown type are reported on standard error and decoding goes on. Whatever
+/// unknown type are reported on standard error and decoding continues. Whatever
 /// the result, `pdu` is whole and the caller's to release.
 [[nodiscard]] SnmpParse snmp_parse_packet(const snmp_session* session, snmp_pdu* pdu,
                                           std::span<const uint8_t> packet);

@@ -55,7 +55,7 @@ extern long Reqid;               ///< last request id given out; 0 until seeded
 extern int snmp_errno;           ///< code of the last failure
 extern int snmp_dump_packet;     ///< non-zero: dump every packet on standard output
 
-/// Opens a session as `session_template` states, which is not used after the call. Returns
+/// Opens a session as `session_template` asks, which is not used after the call. Returns
 /// the session's own copy, released with snmp_close, or null with snmp_errno set and the
 /// reason on standard error; nothing is then left behind. One session serves many peers:
 /// snmp_pdu::address is where a PDU is sent.

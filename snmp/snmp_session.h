@@ -1,4 +1,4 @@
-// What a program states of an SNMP session: who the peer is, how long to wait, and what to
+// What a program asks of an SNMP session: who the peer is, how long to wait, and what to
 // call when something arrives.
 #pragma once
 

@@ -20,5 +20,5 @@ constexpr size_t kLineSize = 1024;  // bytes of a line buffer, terminator includ
 
 /// Copies `line` (terminated, shorter than kLineSize) to `wrapped`, a buffer of
 /// kLineSize bytes, with white space replaced by newlines so that no more than
-/// 41 bytes stand between two breaks. A word longer than that is left whole.
+/// 41 bytes are between two breaks. A word longer than that is left whole.
 void wrap_line(const char* line, char* wrapped);

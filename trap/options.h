@@ -16,7 +16,7 @@ extern int snmp_dump_uptime;  // -u: print the up-time
 
 /// Reads the command line in the getopt form, or in the positional form when its
 /// first word does not begin with '-', and fills in the defaults. Sets Verbose,
-/// snmp_dump_uptime and snmp_dump_packet as told. Does not return from a usage
+/// snmp_dump_uptime and snmp_dump_packet accordingly. Does not return from a usage
 /// error.
 [[nodiscard]] TrapOptions parse_command_line(int argc, char** argv);
 
