@@ -111,7 +111,6 @@ TEST_P(TransportTest, RefreshAndFallback) {
               {"too weak", kAuthSystem, kTooWeak, 0, 1, kAuthSystem},
               {"version 2", kAuthSystem, kVersion2, 0, 2, kAuthNone},
               {"from 6 down", 6, kRejected, 0, 3, kAuthNone},
-              {"from 30001 down", 30001, kRejected, 0, 3, kAuthNone},
               {"from 30013 down", 30013, kRejected, 0, 3, kAuthNone},
               {"only none", 6, kRejected, 0, 2, kAuthNone, false, kAuthMethodsNone},
               {"only system", kAuthSystem, kRejected, 9, 1, -1, false, kAuthMethodsSystem}};
