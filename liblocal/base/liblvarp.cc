@@ -11,16 +11,11 @@ namespace {
 constexpr const char* kShutdownVariable = "KIV_SHUTDOWN_STDIO";
 char shutdown_off[] = "KIV_SHUTDOWN_STDIO=0";  // handed to the environment
 
-std::atomic<void (*)()> releases[3];
+std::atomic<void (*)()> releases[8];  // those that are set come first
 
-void release(LiblocalRelease what) {
-  void (*function)() = releases[static_cast<size_t>(what)];
-  if (function != nullptr) function();
-}
-
-// Whether this process was asked to shut down its streams; its children are not.
+// Whether this process was asked to shut down its streams. Its children are not asked.
 bool take_shutdown_request() {
-  // The platform's text will do: conversion leaves "" and "0" as they are.
+  // Conversion to UTF-8 would leave "" and "0" as they are.
   const char* value = getenv(kShutdownVariable);
   if (value == nullptr || *value == '\0' || strcmp(value, "0") == 0) return false;
   putenv(shutdown_off);
@@ -54,15 +49,18 @@ void liblocal_p_init() {
 void liblocal_p_clean(void* memory) {
   auto* block = static_cast<liblocal_p_varp*>(memory);
   vx_shutdown_stdio(block);
-  release(LiblocalRelease::kDnsHostCache);
-  release(LiblocalRelease::kClientHostCache);
-  free(block->local_addresses);
-  release(LiblocalRelease::kErrorTables);
+  for (void (*release)() : releases) {
+    if (release != nullptr) release();
+  }
   free(block);
 }
 
-void liblocal_set_release(LiblocalRelease what, void (*release_function)()) {
-  releases[static_cast<size_t>(what)] = release_function;
+void liblocal_add_release(void (*release)()) {
+  for (std::atomic<void (*)()>& slot : releases) {
+    void (*there)() = nullptr;
+    if (slot.compare_exchange_strong(there, release) || there == release) break;
+  }
+  get_liblocal_p_varp();
 }
 
 void vx_shutdown_stdio(liblocal_p_varp* block) {

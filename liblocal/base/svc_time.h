@@ -1,5 +1,4 @@
-// The clock, and the service time: one instant that everything within one piece of
-// work goes by.
+// The clock, and the service time: one instant that all look-ups within one piece of work use.
 //
 // Thread safety: all operations may be called from any thread; they share one service
 // time.
@@ -14,6 +13,6 @@
 /// svc_time_reset. The caches of hosts expire by it.
 [[nodiscard]] int64_t svc_time();
 
-/// Ends the instant. Whoever begins a new piece of work calls it: the server loop for
-/// each request, a client that connects, a process that starts another.
+/// Ends the instant. Code that begins a new piece of work calls it: the server loop for each
+/// request, a client that connects, a process that starts another.
 void svc_time_reset();

@@ -9,6 +9,9 @@
 #include "liblocal/base/vx_mutex.h"
 #include "liblocal/base/xmalloc.h"
 
+// Declared here because its header is in liblocal/messages, a layer above.
+void printerr(const char* format, ...);
+
 namespace {
 
 struct VarpRecord {
@@ -22,8 +25,8 @@ vx_mutex* varp_lock = nullptr;          // kept to the end of the process: threa
 VarpRecord* Start_varp_list = nullptr;  // newest first; guarded by varp_lock
 std::atomic<int> process_exiting = 0;
 
-// Runs at process exit. A cleaner that is the first to touch another module's
-// process block adds to the list; that block is cleaned next.
+// Runs at process exit. A cleaner that is the first to use another module's process block adds
+// it to the list; that block is cleaned next.
 void clean_all() {
   VxMutexLock lock(varp_lock);
   process_exiting = 1;
@@ -39,7 +42,7 @@ void set_up() {
   if (varp_lock == nullptr) {
     char reason[256];
     vx_error_get_message(reason, sizeof reason);
-    varp_print_error("Failed to create varp lock: %s\n", reason);
+    printerr("Failed to create varp lock: %s\n", reason);
   }
   vx_atexit(clean_all);
 }
@@ -66,9 +69,8 @@ vx_threadstorage* _varp_new_key(const char* module, void (*clean)(void* block)) 
   vx_threadstorage* key = vx_threadstorage_new(clean);
   if (key == nullptr) {
     fprintf(stderr, "create_thread_key_%s: unable to create thread-local storage key.", module);
-    fflush(stdout);
-    // Without running the exit list: its functions would ask for the key that is
-    // being made here, and wait for ever.
+    fflush(nullptr);
+    // The exit list is not run: its functions would wait for the key that is being made here.
     _exit(1);
   }
   return key;

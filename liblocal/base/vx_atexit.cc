@@ -35,7 +35,7 @@ void end_process_without(const char* what) {
 }
 
 void set_up() {
-  // What atexit learns first runs last: the functions may still record errors.
+  // Registers its clean-up first, so that it runs last: the functions may still record errors.
   _vx_orvane_get();
   functions = vx_list_new();
   if (functions != nullptr) enabled = vx_atomic_new(1);

@@ -1,8 +1,7 @@
 // The exit list: functions that run at process exit, newest first.
 //
-// The list stands on the system's atexit, with which it registers its runner on
-// first use. A function on the list may add further functions; they run next.
-// Thread safe.
+// The list is run by a function that is registered with the system's atexit on first use. A
+// function on the list may add further functions; they run next. Thread safe.
 #pragma once
 
 #include <cstdint>

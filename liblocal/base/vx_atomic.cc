@@ -1,7 +1,6 @@
 #include "liblocal/base/vx_atomic.h"
 
-#include <pthread.h>
-
+#include "liblocal/base/system_lock.h"
 #include "liblocal/base/vx_object.h"
 
 struct vx_atomic {
@@ -19,10 +18,9 @@ void finish(vx_atomic* atomic) { pthread_mutex_destroy(&atomic->system); }
 // Replaces the value by `next` of it, under the mutex. Returns the old value.
 template <typename Next>
 uint32_t update(vx_atomic* atomic, Next next) {
-  pthread_mutex_lock(&atomic->system);
+  SystemLock lock(&atomic->system);
   uint32_t old = atomic->value;
   atomic->value = next(old);
-  pthread_mutex_unlock(&atomic->system);
   return old;
 }
 

@@ -4,8 +4,9 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+
+#include "liblocal/base/c_memory.h"
 
 namespace {
 
@@ -35,13 +36,13 @@ constexpr int32_t kErrnoOfCode[] = {
 constexpr int32_t kCodes = sizeof kErrnoOfCode / sizeof *kErrnoOfCode;
 static_assert(kCodes == 85);
 
-constexpr int32_t kCodeOfEalready = 9;  // EALREADY's place, which only leads to EINPROGRESS
+constexpr int32_t kCodeOfEalready = 9;  // of EALREADY, which has the code of EINPROGRESS
 constexpr int32_t kCodeOfEinprogress = 29;
 
 vx_last_error* own_record() {
   vx_orvane* thread = _vx_orvane_get();
   if (thread->last_error == nullptr) {
-    auto* record = static_cast<vx_last_error*>(calloc(1, sizeof(vx_last_error)));
+    auto* record = c_new<vx_last_error>();
     if (record != nullptr) record->kind = kVxErrorErrno;
     thread->last_error = record;
   }

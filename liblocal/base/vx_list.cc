@@ -1,10 +1,9 @@
 #include "liblocal/base/vx_list.h"
 
-#include <pthread.h>
-
 #include <cerrno>
-#include <cstdlib>
 
+#include "liblocal/base/c_memory.h"
+#include "liblocal/base/system_lock.h"
 #include "liblocal/base/vx_error.h"
 
 struct vx_list_node {
@@ -19,17 +18,6 @@ struct vx_list {
 
 namespace {
 
-class ListLock {
- public:
-  explicit ListLock(vx_list* list) : mutex_(&list->mutex) { pthread_mutex_lock(mutex_); }
-  ~ListLock() { pthread_mutex_unlock(mutex_); }
-  ListLock(const ListLock&) = delete;
-  ListLock& operator=(const ListLock&) = delete;
-
- private:
-  pthread_mutex_t* mutex_;
-};
-
 // Takes the node at `link` out of its list. Returns its entry.
 void* unlink(vx_list_node** link) {
   vx_list_node* node = *link;
@@ -42,7 +30,7 @@ void* unlink(vx_list_node** link) {
 }  // namespace
 
 vx_list* vx_list_new() {
-  auto* list = static_cast<vx_list*>(calloc(1, sizeof(vx_list)));
+  auto* list = c_new<vx_list>();
   if (list == nullptr) {
     _vx_error_fail(ENOMEM);
     return nullptr;
@@ -57,9 +45,9 @@ vx_list* vx_list_new() {
 
 int32_t vx_list_add_first(vx_list* list, void* entry) {
   if (list == nullptr || entry == nullptr) return _vx_error_null_argument();
-  auto* node = static_cast<vx_list_node*>(malloc(sizeof(vx_list_node)));
+  auto* node = c_new<vx_list_node>();
   if (node == nullptr) return _vx_error_fail(ENOMEM);
-  ListLock lock(list);
+  SystemLock lock(&list->mutex);
   *node = {entry, list->first};
   list->first = node;
   return 0;
@@ -67,7 +55,7 @@ int32_t vx_list_add_first(vx_list* list, void* entry) {
 
 int32_t vx_list_remove(vx_list* list, const void* entry) {
   if (list == nullptr || entry == nullptr) return _vx_error_null_argument();
-  ListLock lock(list);
+  SystemLock lock(&list->mutex);
   vx_list_node** link = &list->first;
   while (*link != nullptr && (*link)->entry != entry) link = &(*link)->next;
   if (*link == nullptr) return _vx_error_fail(ENOENT);
@@ -80,6 +68,6 @@ void* vx_list_take_first(vx_list* list) {
     _vx_error_null_argument();
     return nullptr;
   }
-  ListLock lock(list);
+  SystemLock lock(&list->mutex);
   return list->first != nullptr ? unlink(&list->first) : nullptr;
 }

@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include <csignal>
+
 #include "liblocal/base/vx_object.h"
 
 struct vx_mutex {
@@ -31,7 +33,7 @@ int32_t operate(vx_mutex* mutex, int (*operation)(pthread_mutex_t*)) {
 
 void finish(vx_mutex* mutex) {
   // Locked first if it is free, so that the unlocking is always of a locked mutex.
-  static_cast<void>(pthread_mutex_trylock(&mutex->system));
+  (void)pthread_mutex_trylock(&mutex->system);
   pthread_mutex_unlock(&mutex->system);
   pthread_mutex_destroy(&mutex->system);
 }
@@ -68,4 +70,10 @@ vx_mutex* vx_mutex_made_once(std::atomic<vx_mutex*>* slot) {
   if (slot->compare_exchange_strong(there, made, std::memory_order_acq_rel)) return made;
   vx_mutex_destroy(made);
   return there;
+}
+
+vx_mutex* vx_mutex_required(std::atomic<vx_mutex*>* slot) {
+  vx_mutex* mutex = vx_mutex_made_once(slot);
+  if (mutex == nullptr) raise(SIGTERM);
+  return mutex;
 }

@@ -32,6 +32,10 @@ int32_t vx_mutex_destroy(vx_mutex* mutex);
 /// race; null when it cannot be made, which a later call tries again.
 [[nodiscard]] vx_mutex* vx_mutex_made_once(std::atomic<vx_mutex*>* slot);
 
+/// vx_mutex_made_once for a mutex that the process cannot do without: when it cannot be made
+/// the process is sent SIGTERM, and the result is null.
+[[nodiscard]] vx_mutex* vx_mutex_required(std::atomic<vx_mutex*>* slot);
+
 /// Holds a mutex for a scope. A scope entered by the thread that holds the mutex
 /// already leaves it locked.
 class VxMutexLock {

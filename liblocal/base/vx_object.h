@@ -13,7 +13,7 @@
 /// A zeroed object that begins with a vx_object_header; null with ENOMEM recorded.
 template <typename T>
 [[nodiscard]] c_unique_ptr<T> _vx_object_allocate() {
-  c_unique_ptr<T> object(static_cast<T*>(calloc(1, sizeof(T))));
+  c_unique_ptr<T> object(c_new<T>());
   if (object == nullptr) _vx_error_fail(ENOMEM);
   return object;
 }
@@ -28,9 +28,8 @@ template <typename T>
   return true;
 }
 
-/// Drops one reference to `object`. With the last, calls `finish`, which ends what
-/// the object holds, and frees it. Returns 0; 2 for null; 49 when the object is not
-/// registered.
+/// Drops one reference to `object`. With the last, calls `finish`, which releases what the
+/// object holds, and frees it. Returns 0; 2 for null; 49 when the object is not registered.
 template <typename T>
 int32_t _vx_object_destroy(T* object, void (*finish)(T* object)) {
   if (object == nullptr) return _vx_error_null_argument();

@@ -1,11 +1,10 @@
 #include "liblocal/base/vx_reference.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
+#include "liblocal/base/system_lock.h"
 #include "liblocal/base/vx_error.h"
 #include "liblocal/base/xmalloc.h"
 
@@ -23,12 +22,6 @@ pthread_mutex_t table_mutex = PTHREAD_MUTEX_INITIALIZER;
 Slot* _VX_reference_table = nullptr;  // guarded by table_mutex, as is all below
 int32_t table_size = 0;
 int32_t first_free = 0;  // no slot below it is free
-
-class TableLock {
- public:
-  TableLock() { pthread_mutex_lock(&table_mutex); }
-  ~TableLock() { pthread_mutex_unlock(&table_mutex); }
-};
 
 bool grow() {
   const size_t size = static_cast<size_t>(table_size + kGrowth) * sizeof(Slot);
@@ -59,7 +52,7 @@ int32_t check(const void* object) {
 }  // namespace
 
 int32_t _vx_reference_from_constructor(void* object, vx_destroy_function destroy) {
-  TableLock lock;
+  SystemLock lock(&table_mutex);
   while (first_free < table_size && _VX_reference_table[first_free].object != nullptr) ++first_free;
   if (first_free == table_size && !grow()) {
     _vx_error_fail(ENOMEM);
@@ -70,7 +63,7 @@ int32_t _vx_reference_from_constructor(void* object, vx_destroy_function destroy
 }
 
 int32_t _vx_unreference_from_destructor(void* object) {
-  TableLock lock;
+  SystemLock lock(&table_mutex);
   Slot* slot = slot_of(object);
   if (slot == nullptr) {
     _vx_error_fail(ENOENT);
@@ -86,7 +79,7 @@ int32_t _vx_unreference_from_destructor(void* object) {
 
 int32_t vx_reference(void* object) {
   if (int32_t error = check(object); error != 0) return _vx_error_fail(error);
-  TableLock lock;
+  SystemLock lock(&table_mutex);
   Slot* slot = slot_of(object);
   if (slot == nullptr) return _vx_error_fail(ENOENT);
   ++slot->count;
@@ -97,7 +90,7 @@ int32_t vx_unreference(void* object) {
   if (int32_t error = check(object); error != 0) return _vx_error_fail(error);
   vx_destroy_function destroy = nullptr;
   {
-    TableLock lock;
+    SystemLock lock(&table_mutex);
     Slot* slot = slot_of(object);
     if (slot == nullptr) return _vx_error_fail(ENOENT);
     if (--slot->count == 0) destroy = slot->destroy;

@@ -1,8 +1,7 @@
 // Reference counts of library objects, in one table for the whole process.
 //
-// Every handle begins with a vx_object_header. A new handle has count 1; each
-// vx_reference adds one; each destroy or vx_unreference takes one off, and the
-// object really goes with the last.
+// Every handle begins with a vx_object_header. A new handle has count 1; each vx_reference adds
+// one; each destroy or vx_unreference takes one off. The last one destroys the object.
 //
 // Thread safety: all operations, under the table's mutex, which is never held
 // while a destroy function runs.
@@ -12,10 +11,11 @@
 
 /// How every library object begins.
 struct vx_object_header {
-  uint32_t flags;  // kVxObjectValid while the object lives
-  int32_t slot;    // its number in the reference table
+  uint32_t flags;  ///< kVxObjectValid while the object lives
+  int32_t slot;    ///< its number in the reference table
 };
 
+/// The flag of an object that lives.
 constexpr uint32_t kVxObjectValid = 1;
 
 /// Destroys an object; the result is that of the object's own destroy operation.

@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <cstdint>
 
-constexpr int kVxFdSetSize = 65536;  // descriptors that a set can name: 0 to 65535
+constexpr int kVxFdSetSize = 65536;  ///< descriptors that a set can name: 0 to 65535
 
 /// A set of descriptors, one bit each.
 struct vx_fd_set {
@@ -19,7 +19,7 @@ struct vx_fd_set {
 /// Empties `set`.
 inline void VX_FD_ZERO(vx_fd_set* set) { *set = {}; }
 
-/// Empties what a wait for descriptors up to `fd` looks at, and nothing behind it.
+/// Empties the part of `set` that a wait for descriptors up to `fd` reads. The whole set is 8 KiB.
 ///
 /// REQUIRES: `fd` is 0 to 65535.
 inline void VX_FD_ZERO_UP_TO(int fd, vx_fd_set* set) { std::fill_n(set->words, fd / 64 + 1, 0); }

@@ -6,10 +6,10 @@
 
 #include <atomic>
 #include <cerrno>
-#include <ctime>
 
 #include "liblocal/base/vx_object.h"
 #include "liblocal/base/vx_orvane.h"
+#include "liblocal/base/xmalloc.h"
 
 struct vx_thread {
   vx_object_header header;
@@ -40,7 +40,6 @@ int32_t vx_thread_destroy(vx_thread* thread) {
 vx_thread* vx_thread_self() {
   vx_orvane* own = _vx_orvane_get();
   if (own->identity != nullptr) return own->identity;
-  _vx_thr_libinit();
   auto thread = _vx_object_allocate<vx_thread>();
   if (thread == nullptr || !_vx_object_register(thread.get(), destroy)) return nullptr;
   thread->system = pthread_self();
@@ -66,16 +65,12 @@ int32_t vx_thread_equal(const vx_thread* a, const vx_thread* b) {
 }
 
 int32_t vx_thread_sleep(uint32_t milliseconds) {
-  timespec pause{static_cast<time_t>(milliseconds / 1000),
-                 static_cast<long>(milliseconds % 1000) * 1000000};
-  return nanosleep(&pause, nullptr) == 0 ? 0 : _vx_error_fail(errno);
+  return _vx_pause_ms(milliseconds) == 0 ? 0 : _vx_error_fail(errno);
 }
 
 int32_t vx_thread_yield() { return sched_yield() == 0 ? 0 : _vx_error_fail(errno); }
 
-void _vx_thr_libinit() {
-  _vx_orvane_set_identity_release([](vx_thread* identity) { vx_thread_destroy(identity); });
-}
+void _vx_thr_libinit() {}
 
 int32_t vx_thr_init() {
   layer_initialised.store(1, std::memory_order_relaxed);

@@ -1,19 +1,18 @@
-// Threads, and the lowest room of the runtime: locks, counted handles, errors of the
-// primitives, blocks of variables, the exit list, memory. This header has threads: identity
-// and waiting. The library itself starts none.
+// Threads: identity and waiting. The library itself starts none. The other headers of this
+// folder, the lowest layer of the runtime, have locks, counted handles, errors of the
+// primitives, variable blocks, the exit list and memory.
 //
-// Operations that return int32_t give 0 or a library error code, with the system
-// error recorded; a null handle gives 2 with EINVAL recorded. Handles are counted
-// (vx_reference.h). Thread safe unless said otherwise.
+// Operations that return int32_t give 0 or a library error code, with the system error
+// recorded; a null handle gives 2 with EINVAL recorded. Handles are counted (vx_reference.h).
+// Thread safe unless said otherwise.
 #pragma once
 
 #include <cstdint>
 
 struct vx_thread;
 
-/// The calling thread's identity record, made on first use; null when it cannot be
-/// allocated. It belongs to the thread and goes with it: take a vx_reference to
-/// keep it longer.
+/// The calling thread's identity record, made on first use; null when it cannot be allocated.
+/// It is freed when the thread ends: take a vx_reference to keep it longer.
 [[nodiscard]] vx_thread* vx_thread_self();
 
 /// The library's id of `thread`: the process id in the upper 32 bits, the record's
@@ -28,8 +27,8 @@ int32_t vx_thread_destroy(vx_thread* thread);
 /// when one is null).
 [[nodiscard]] int32_t vx_thread_equal(const vx_thread* a, const vx_thread* b);
 
-/// Never waits: the calling thread gives 18 (EDEADLK), and any other 31 (EINVAL), as
-/// whoever started it joins it. `result` is left alone.
+/// Never waits: gives 18 (EDEADLK) for the calling thread and 31 (EINVAL) for any other, which
+/// whoever started it joins. `result` is not used.
 int32_t vx_thread_join(const vx_thread* thread, void** result);
 
 /// Sleeps `milliseconds`. A signal ends the sleep with 30 (EINTR).
@@ -38,7 +37,8 @@ int32_t vx_thread_sleep(uint32_t milliseconds);
 /// Lets other threads run.
 int32_t vx_thread_yield();
 
-/// Initialises the thread layer; part of start-up. Further calls change nothing.
+/// Initialises the thread layer; part of start-up. It does nothing, as the mutexes of the layer
+/// are initialised statically.
 void _vx_thr_libinit();
 
 /// Sets the thread-layer-initialised flag and returns 1.

@@ -28,8 +28,8 @@ char* xstrdup(const char* text) {
   return static_cast<char*>(memcpy(xmalloc(size), text, size));
 }
 
-void _vx_pause_ms(uint32_t milliseconds) {
+int _vx_pause_ms(uint32_t milliseconds) {
   timespec pause{static_cast<time_t>(milliseconds / 1000),
                  static_cast<long>(milliseconds % 1000) * 1000000};
-  nanosleep(&pause, nullptr);
+  return nanosleep(&pause, nullptr);
 }

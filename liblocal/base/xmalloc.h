@@ -16,7 +16,9 @@
 /// A copy of `text`, made as by xmalloc; null for null.
 [[nodiscard]] char* xstrdup(const char* text);
 
-constexpr uint32_t kBlockPauseMs = 2000;  // between attempts to make a block or what it needs
+/// Milliseconds between attempts to make a variable block or what it needs.
+constexpr uint32_t kBlockPauseMs = 2000;
 
-/// Waits before another attempt. Records no error.
-void _vx_pause_ms(uint32_t milliseconds);
+/// Sleeps `milliseconds`. Returns 0; -1 with `errno` set, but no error recorded, when a signal
+/// ended the sleep.
+int _vx_pause_ms(uint32_t milliseconds);

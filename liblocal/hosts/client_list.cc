@@ -2,13 +2,9 @@
 
 #include <strings.h>
 
-#include <cerrno>
-#include <cstring>
-
+#include "liblocal/base/liblvarp.h"
 #include "liblocal/base/svc_time.h"
-#include "liblocal/base/vx_once.h"
 #include "liblocal/hosts/hostlist_cache.h"
-#include "liblocal/messages/errinfo.h"
 
 namespace {
 
@@ -17,15 +13,8 @@ constexpr hostlist_limits kLimits = {.variable = "MAX_CLIENTS_CACHE_SIZE",
                                      .least_maximum = 0x100000};
 
 hostlist_cache cache = {.limits = &kLimits};
-vx_once_control release_once;
 
-// Before the lock is held: at exit the cleaners run, and take it, under the registry's.
-void arrange_release() {
-  liblocal_set_release(LiblocalRelease::kClientHostCache, free_client_hostlist_cache);
-  get_liblocal_p_varp();
-}
-
-// The host of a client that has not expired; null for others. Under the lock.
+// The host of a client that has not expired; null for others. REQUIRES: the lock is held.
 host_entry* client_cache_lookup(const char* name) {
   host_entry* host = name != nullptr ? hostlist_cache_host(&cache, name) : nullptr;
   return host != nullptr && host->expiry >= svc_time() ? host : nullptr;
@@ -35,7 +24,7 @@ host_entry* client_cache_lookup(const char* name) {
 
 int client_list_add_client(const char* name, const char* const* aliases) {
   if (name == nullptr) return 0;
-  vx_once(&release_once, arrange_release);
+  liblocal_add_release(free_client_hostlist_cache);
   VxMutexLock lock(hostlist_cache_lock());
   const int64_t expiry =
       cache.update_style == kClientsNeverExpire ? kHostNeverExpires : svc_time() + kClientSeconds;
@@ -62,10 +51,7 @@ int sameclient(const char* name1, const char* name2) {
 char* get_primaryclientname(const char* name) {
   VxMutexLock lock(hostlist_cache_lock());
   const host_entry* host = client_cache_lookup(name);
-  if (host == nullptr) return nullptr;
-  char* copy = strdup(host->name);
-  if (copy == nullptr) err_print(err_set(1, ENOMEM));
-  return copy;
+  return host != nullptr ? hostlist_copy_name(host->name) : nullptr;
 }
 
 int32_t get_client_cache_update_style() {

@@ -5,15 +5,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <span>
 
 #include "liblocal/base/c_memory.h"
-#include "liblocal/base/liblvarp.h"
-#include "liblocal/base/vx_once.h"
-#include "liblocal/base/xmalloc.h"
+#include "liblocal/base/system_lock.h"
 #include "liblocal/messages/catgets.h"
 #include "liblocal/messages/debug.h"
 #include "liblocal/messages/errinfo.h"
@@ -24,8 +21,11 @@ namespace {
 
 constexpr int kUsualInterfaces = 32;  // room that is tried while their number is unknown
 
-vx_once_control table_once;
-std::atomic<in_addr_t> last_match = 0;
+// The table is never freed, so threads may read it while the process exits.
+pthread_mutex_t table_mutex = PTHREAD_MUTEX_INITIALIZER;
+sockaddr_in addresses[kMaxLocalAddresses];  // guarded by table_mutex, as is all below
+int32_t address_count = 0;
+in_addr_t last_match = INADDR_ANY;
 
 void print_system_error(const char* what) {
   vxfprintf(stderr, "%s: %s\n", what, brix_strerror(errno));
@@ -109,29 +109,6 @@ sockaddr_in address_of(const ifreq& record) {
   return address;
 }
 
-// Threads rebuild the table and read it at the same time. A slot is read and written as
-// two words, of which the first holds family, port and IPv4 address.
-using SlotWord [[gnu::may_alias]] = uint64_t;
-constexpr size_t kSlotWords = sizeof(sockaddr_in) / sizeof(SlotWord);
-
-void store_slot(sockaddr_in* slot, const sockaddr_in& address) {
-  uint64_t words[kSlotWords] = {};
-  memcpy(words, &address, sizeof words);
-  auto* shared = reinterpret_cast<SlotWord*>(slot);
-  for (size_t i = 0; i < kSlotWords; ++i) {
-    // Only what changes, so that readers of the table see no writing while nothing does.
-    if (__atomic_load_n(&shared[i], __ATOMIC_RELAXED) != words[i]) {
-      __atomic_store_n(&shared[i], words[i], __ATOMIC_RELAXED);
-    }
-  }
-}
-
-void allocate_table() {
-  liblocal_p_varp* block = get_liblocal_p_varp();
-  block->local_addresses =
-      static_cast<sockaddr_in*>(xcalloc(kMaxLocalAddresses, sizeof(sockaddr_in)));
-}
-
 bool matches(const sockaddr_in& slot, int family, const void* address, int32_t length) {
   if (slot.sin_family != family) return false;
   if (family == AF_INET) return memcmp(&slot.sin_addr, address, sizeof slot.sin_addr) == 0;
@@ -140,15 +117,9 @@ bool matches(const sockaddr_in& slot, int family, const void* address, int32_t l
   return memcmp(generic.sa_data, address, static_cast<size_t>(length)) == 0;
 }
 
-}  // namespace
-
-int32_t get_myaddrs(sockaddr_in** table) {
-  *table = nullptr;
-  liblocal_p_varp* block = get_liblocal_p_varp();
-  if (block == nullptr) return -1;
-  vx_once(&table_once, allocate_table);
-  *table = block->local_addresses;
-
+// Rebuilds the table. Returns its count, or -1 when no socket can be opened.
+// REQUIRES: table_mutex is held.
+int32_t rebuild_table() {
   DatagramSocket any;
   if (!any.is_open()) return -1;
   InterfaceList list = set_ifconf_buffer(any.descriptor());
@@ -157,32 +128,33 @@ int32_t get_myaddrs(sockaddr_in** table) {
     if (record.ifr_addr.sa_family == AF_UNSPEC) continue;
     int flags = flags_of(any.descriptor(), record);
     if (flags < 0 || (flags & IFF_UP) == 0) continue;
-    store_slot(*table + count++, address_of(record));
+    addresses[count++] = address_of(record);
   }
-  int32_t before = __atomic_exchange_n(&block->local_address_count, count, __ATOMIC_RELAXED);
-  for (int32_t i = count; i < before; ++i) store_slot(*table + i, {});
-  return count;
+  for (int32_t i = count; i < address_count; ++i) addresses[i] = {};
+  return address_count = count;
+}
+
+}  // namespace
+
+int32_t get_myaddrs(sockaddr_in** table) {
+  *table = addresses;
+  SystemLock lock(&table_mutex);
+  return rebuild_table();
 }
 
 sockaddr_in read_myaddr(const sockaddr_in* slot) {
-  uint64_t words[kSlotWords] = {};
-  auto* shared = reinterpret_cast<const SlotWord*>(slot);
-  for (size_t i = 0; i < kSlotWords; ++i) words[i] = __atomic_load_n(&shared[i], __ATOMIC_RELAXED);
-  sockaddr_in address;
-  memcpy(&address, words, sizeof address);
-  return address;
+  SystemLock lock(&table_mutex);
+  return *slot;
 }
 
 int is_myaddr(int family, const void* address, int32_t length) {
-  in_addr_t asked = 0;
-  if (family == AF_INET) {
-    memcpy(&asked, address, sizeof asked);
-    if (asked == last_match) return 1;
-  }
-  sockaddr_in* table = nullptr;
-  int32_t count = get_myaddrs(&table);
+  in_addr_t asked = INADDR_ANY;
+  if (family == AF_INET) memcpy(&asked, address, sizeof asked);
+  SystemLock lock(&table_mutex);
+  if (family == AF_INET && (asked == INADDR_ANY || asked == last_match)) return 1;
+  const int32_t count = rebuild_table();
   for (int32_t i = 0; i < count; ++i) {
-    if (!matches(read_myaddr(table + i), family, address, length)) continue;
+    if (!matches(addresses[i], family, address, length)) continue;
     if (family == AF_INET) last_match = asked;
     return 1;
   }

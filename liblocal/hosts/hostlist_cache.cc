@@ -1,11 +1,9 @@
 #include "liblocal/hosts/hostlist_cache.h"
 
-#include <signal.h>
 #include <strings.h>
 
 #include <algorithm>
 #include <atomic>
-#include <bit>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -17,8 +15,7 @@
 
 namespace {
 
-constexpr size_t kSlotSize = sizeof(void*);  // of the table, which holds pointers
-constexpr int32_t kLowRoom = 2;              // free slots at which an insertion makes room
+constexpr int32_t kLowRoom = 2;  // free slots at which an insertion makes room
 
 std::atomic<vx_mutex*> cache_lock;
 
@@ -41,12 +38,13 @@ host_entry* take_entry(hostlist_cache* cache) {
   return entry;
 }
 
-// Makes room without evicting `host`, which is live then, unless its name is unknown.
-void extend_around(hostlist_cache* cache, host_entry* host) {
-  const uint32_t state = host->state == HOST_UNRESOLVED ? HOST_UNRESOLVED : HOST_LIVE;
+// Makes room without evicting `host`. Returns whether there is a free slot.
+bool extend_around(hostlist_cache* cache, host_entry* host) {
+  const uint32_t state = host->state;
   host->state = HOST_PINNED;
-  hostlist_cache_extend(cache);
+  const bool extended = hostlist_cache_extend(cache);
   host->state = state;
+  return extended && free_slots(cache) > 0;
 }
 
 // Where an entry belongs in a table that does not have its name.
@@ -71,76 +69,23 @@ int32_t maximum_of(const hostlist_limits* limits) {
   return std::clamp(maximum, limits->least_maximum, INT32_MAX - limits->step);
 }
 
-uint32_t hash_of(const char* name, size_t length) {
-  constexpr uint64_t kLowerCase = 0x2020202020202020;  // of ASCII letters
-  constexpr uint64_t kSpread = 0x9E3779B97F4A7C15;
-  uint64_t hash = 0;
-  auto mix = [&hash](uint64_t word) {
-    hash = (hash ^ (word | kLowerCase)) * kSpread;
-    hash ^= hash >> 32;
-  };
-  uint64_t word = 0;
-  for (; length >= sizeof word; length -= sizeof word, name += sizeof word) {
-    memcpy(&word, name, sizeof word);
-    mix(word);
-  }
-  word = 0;
-  memcpy(&word, name, length);
-  mix(word);
-  return static_cast<uint32_t>(hash);
-}
-
-// At most half full.
-size_t index_size(const hostlist_cache* cache) {
-  return std::bit_ceil(2 * static_cast<size_t>(cache->capacity));
-}
-
-// An entry stands in the slot of its hash or the next free one behind it.
-void add_to_index(hostlist_cache* cache, host_entry* entry) {
-  if (cache->index == nullptr) return;
-  const size_t mask = index_size(cache) - 1;
-  size_t at = entry->hash & mask;
-  while (cache->index[at] != nullptr) at = (at + 1) & mask;
-  cache->index[at] = entry;
-}
-
-// Null also for a name that only the locale knows to be the same.
-const host_entry* find_in_index(const hostlist_cache* cache, const char* name) {
-  if (cache->index == nullptr) return nullptr;
-  const size_t mask = index_size(cache) - 1;
-  const uint32_t hash = hash_of(name, strlen(name));
-  for (size_t at = hash & mask; cache->index[at] != nullptr; at = (at + 1) & mask) {
-    const host_entry* entry = cache->index[at];
-    if (entry->hash == hash && strcasecmp(entry->name, name) == 0) return entry;
-  }
-  return nullptr;
-}
-
-// Makes the index anew. Without memory for it there is none, and names are searched for.
-void make_index(hostlist_cache* cache) {
-  free(cache->index);
-  cache->index = static_cast<host_entry**>(calloc(index_size(cache), kSlotSize));
-  for (int32_t i = 0; i < cache->count; ++i) add_to_index(cache, cache->table[i]);
-}
-
-// Slots that were never used stay untouched, and cost no memory.
+// Adds a step of null slots.
 bool grow(hostlist_cache* cache) {
-  const int32_t capacity = cache->capacity + cache->limits->step;
-  void* larger = realloc(cache->table, static_cast<size_t>(capacity) * kSlotSize);
+  const int32_t step = cache->limits->step;
+  const auto capacity = static_cast<size_t>(cache->capacity + step);
+  void* larger = realloc(cache->table, capacity * sizeof *cache->table);
   if (larger == nullptr) {
     no_memory();
     return false;
   }
   cache->table = static_cast<host_entry**>(larger);
-  const size_t indexed = index_size(cache);
-  const bool is_first = cache->capacity == 0;
-  cache->capacity = capacity;
-  if (!is_first && (cache->index == nullptr || index_size(cache) != indexed)) make_index(cache);
+  std::fill_n(cache->table + cache->capacity, step, nullptr);
+  cache->capacity += step;
   return true;
 }
 
-// Drops hosts in the order of the table until enough entries are stale for the reserve:
-// those that have expired by `now`, or with `any` all that may go.
+// Drops hosts in the order of the table until enough entries are stale for the reserve: those
+// that have expired by `now`, or with `any` every host that may be evicted.
 void evict(hostlist_cache* cache, int64_t now, bool any) {
   int32_t wanted = cache->limits->reserve - free_slots(cache);
   for (int32_t i = 0; i < cache->count && cache->stale_count < wanted; ++i) {
@@ -158,16 +103,18 @@ host_entry* last_of(host_entry* entry) {
 }
 
 bool is_live(const host_entry* entry) {
-  uint32_t state = entry->primary->state;
+  const uint32_t state = entry->primary->state;
   return state == HOST_LIVE || state == HOST_PINNED;
 }
 
 }  // namespace
 
-vx_mutex* hostlist_cache_lock() {
-  vx_mutex* lock = vx_mutex_made_once(&cache_lock);
-  if (lock == nullptr) raise(SIGTERM);
-  return lock;
+vx_mutex* hostlist_cache_lock() { return vx_mutex_required(&cache_lock); }
+
+char* hostlist_copy_name(const char* name) {
+  char* copy = strdup(name);
+  if (copy == nullptr) err_print(no_memory());
+  return copy;
 }
 
 host_place hostlist_cache_find(const hostlist_cache* cache, const char* name) {
@@ -189,31 +136,30 @@ host_place hostlist_cache_find(const hostlist_cache* cache, const char* name) {
 }
 
 host_entry* hostlist_cache_host(const hostlist_cache* cache, const char* name) {
-  const host_entry* entry = find_in_index(cache, name);
-  if (entry == nullptr) entry = hostlist_cache_find(cache, name).entry;
+  const host_entry* entry = hostlist_cache_find(cache, name).entry;
   return entry == nullptr || entry->state == HOST_STALE ? nullptr : entry->primary;
 }
 
 host_entry* hostlist_cach_new_host(hostlist_cache* cache, const char* name, host_entry* primary,
                                    uint32_t state, int64_t expiry) {
   host_entry* entry = take_entry(cache);
-  const size_t length = strlen(name);
-  auto* copy = entry != nullptr ? static_cast<char*>(malloc(length + 1)) : nullptr;
+  char* copy = entry != nullptr ? strdup(name) : nullptr;
   if (copy == nullptr) {
     if (entry != nullptr) give_back(cache, entry);
     no_memory();
     return nullptr;
   }
-  memcpy(copy, name, length + 1);
-  if (primary == nullptr) primary = entry;
-  *entry = {copy, primary, nullptr, state, hash_of(copy, length), expiry};
+  *entry = {.name = copy,
+            .primary = primary != nullptr ? primary : entry,
+            .next = nullptr,
+            .state = state,
+            .expiry = expiry};
   return entry;
 }
 
 bool hostlist_cache_insert(hostlist_cache* cache, host_entry* entry, int32_t hint) {
   if (free_slots(cache) == 0) {
-    extend_around(cache, entry->primary);
-    if (free_slots(cache) == 0) {
+    if (!extend_around(cache, entry->primary)) {
       give_back(cache, entry);
       no_memory();
       return false;
@@ -224,9 +170,8 @@ bool hostlist_cache_insert(hostlist_cache* cache, host_entry* entry, int32_t hin
   std::copy_backward(slot, cache->table + cache->count, cache->table + cache->count + 1);
   *slot = entry;
   ++cache->count;
-  add_to_index(cache, entry);
   // Without memory to grow, the slots that are left still serve.
-  if (free_slots(cache) <= kLowRoom) extend_around(cache, entry->primary);
+  if (free_slots(cache) <= kLowRoom) (void)extend_around(cache, entry->primary);
   return true;
 }
 
@@ -244,7 +189,7 @@ void hostlist_cache_drop_host(hostlist_cache* cache, host_entry* entry) {
 
 void hostlist_cache_purge(hostlist_cache* cache, uint32_t state) {
   if (state == HOST_STALE && cache->stale_count == 0) return;
-  host_entry* removed = nullptr;  // whole until the end, as aliases look at their primary
+  host_entry* removed = nullptr;  // kept whole meanwhile: aliases look at their primary's state
   int32_t kept = 0;
   for (int32_t i = 0; i < cache->count; ++i) {
     host_entry* entry = cache->table[i];
@@ -256,7 +201,6 @@ void hostlist_cache_purge(hostlist_cache* cache, uint32_t state) {
     removed = entry;
   }
   cache->count = kept;
-  if (removed != nullptr && cache->index != nullptr) make_index(cache);
   if (state == HOST_STALE) cache->stale_count = 0;
   while (host_entry* entry = removed) {
     removed = entry->next;
@@ -349,6 +293,5 @@ void hostlist_cache_free(hostlist_cache* cache) {
     free(entry);
   }
   free(cache->table);
-  free(cache->index);
   *cache = {.limits = cache->limits};
 }

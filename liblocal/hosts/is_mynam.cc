@@ -2,48 +2,63 @@
 
 #include <strings.h>
 
-#include <cerrno>
-#include <cstring>
-
+#include "liblocal/base/c_memory.h"
 #include "liblocal/base/svc_time.h"
+#include "liblocal/base/xmalloc.h"
 #include "liblocal/hosts/cluster.h"
 #include "liblocal/hosts/dns_cache.h"
-#include "liblocal/messages/errinfo.h"
+
+namespace {
+
+// A caller's name, copied before the first look-up: it may be in an answer of the resolver that
+// the look-up overwrites.
+class Name {
+ public:
+  explicit Name(const char* name) : copy_(xstrdup(name)) {}
+  const char* text() const { return copy_.get(); }
+
+  // Null when the name does not resolve. REQUIRES: a DnsCacheHold.
+  host_entry* host() const { return dns_cache_lookup(text(), svc_time()); }
+
+ private:
+  c_unique_ptr<char> copy_;
+};
+
+}  // namespace
 
 int is_myname(const char* name) {
   if (name == nullptr || strcasecmp(name, "localhost") == 0) return 1;
-  {
-    DnsCacheHold hold;
-    const host_entry* host = dns_cache_lookup(name, svc_time());
-    if (host != nullptr && host == dns_hostlist_cache.local_host) return 1;
-  }
-  return clu_is_localvirthost(name);
+  const Name asked(name);
+  DnsCacheHold hold;
+  const host_entry* host = asked.host();
+  if (host != nullptr && host == dns_hostlist_cache.local_host) return 1;
+  return clu_is_localvirthost(asked.text());
 }
 
 int samehost(const char* name1, const char* name2) {
   if (name1 == name2) return 1;
   if (name1 != nullptr && name2 != nullptr && strcasecmp(name1, name2) == 0) return 1;
+  const Name first(name1);
+  const Name second(name2);
   DnsCacheHold hold;
-  const int64_t now = svc_time();
-  host_entry* host1 = dns_cache_lookup(name1, now);
-  if (host1 == nullptr) return 0;
-  host1->state = HOST_PINNED;
-  const host_entry* host2 = dns_cache_lookup(name2, now);
-  if (host1->state == HOST_PINNED) host1->state = HOST_LIVE;
-  // Pinned or not, the first host goes when its names are now the second one's.
-  return host2 != nullptr && host2 == dns_cache_known(name1) ? 1 : 0;
+  host_entry* host = first.host();
+  if (host == nullptr) return 0;
+  host->state = HOST_PINNED;
+  const host_entry* other = second.host();
+  const bool kept = host->state == HOST_PINNED;  // not dropped by the second look-up
+  if (kept) host->state = HOST_LIVE;
+  return kept && host == other ? 1 : 0;
 }
 
 char* get_primaryhostname(const char* name) {
+  const Name asked(name);
   DnsCacheHold hold;
-  const host_entry* host = dns_cache_lookup(name, svc_time());
-  if (host == nullptr) return nullptr;
-  char* copy = strdup(host->name);
-  if (copy == nullptr) err_print(err_set(1, ENOMEM));
-  return copy;
+  const host_entry* host = asked.host();
+  return host != nullptr ? hostlist_copy_name(host->name) : nullptr;
 }
 
 int is_validhostname(const char* name) {
+  const Name asked(name);
   DnsCacheHold hold;
-  return dns_cache_lookup(name, svc_time()) != nullptr ? 1 : 0;
+  return asked.host() != nullptr ? 1 : 0;
 }

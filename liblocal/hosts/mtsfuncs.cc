@@ -1,50 +1,60 @@
 #include "liblocal/hosts/mtsfuncs.h"
 
+#include <netinet/in.h>
 #include <unistd.h>
 
 #include <cctype>
 #include <cstdlib>
+#include <cstring>
 
+#include "liblocal/base/c_memory.h"
 #include "liblocal/base/liblvarp.h"
 #include "liblocal/base/svc_time.h"
+#include "liblocal/base/xmalloc.h"
 
 namespace {
 
 constexpr uint64_t kSeedFactor = 231;
 constexpr int kRandomMask = 0x7fffffff;
 
-// The pattern of every look-up: `call` takes the place of the result last and returns 0
-// or an error; not found is no error, but leaves no result.
+// Every look-up: `call` stores its result last and returns 0 or an error. An entry that does
+// not exist is no error, but gives no result.
 template <typename Entry, typename Call>
 Entry* found(Call call) {
   Entry* result = nullptr;
   return call(&result) == 0 ? result : nullptr;
 }
 
+// A copy of a caller's text, which may be in an answer that the look-up overwrites.
+c_unique_ptr<char> copy_of(const char* text) { return c_unique_ptr<char>(xstrdup(text)); }
+
 }  // namespace
 
 hostent* vx_ts_gethostbyname(const char* name) {
   if (name == nullptr) return nullptr;
   while (isspace(static_cast<unsigned char>(*name)) != 0) ++name;
+  const auto asked = copy_of(name);
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<hostent>([=](hostent** result) {
-    return gethostbyname_r(name, &own->hostbyname_entry, own->hostbyname_text,
+  return found<hostent>([&](hostent** result) {
+    return gethostbyname_r(asked.get(), &own->hostbyname_entry, own->hostbyname_text,
                            sizeof own->hostbyname_text, result, &own->hostbyname_error);
   });
 }
 
 hostent* vx_ts_gethostbyaddr(const void* address, socklen_t length, int type) {
-  if (address == nullptr) return nullptr;
+  in6_addr asked;  // a copy, as of names; no address is longer
+  if (address == nullptr || length > sizeof asked) return nullptr;
+  memcpy(&asked, address, length);
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<hostent>([=](hostent** result) {
-    return gethostbyaddr_r(address, length, type, &own->hostbyaddr_entry, own->hostbyaddr_text,
+  return found<hostent>([&](hostent** result) {
+    return gethostbyaddr_r(&asked, length, type, &own->hostbyaddr_entry, own->hostbyaddr_text,
                            sizeof own->hostbyaddr_text, result, &own->hostbyaddr_error);
   });
 }
 
 hostent* vx_ts_gethostent() {
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<hostent>([=](hostent** result) {
+  return found<hostent>([&](hostent** result) {
     return gethostent_r(&own->hostent_entry, own->hostent_text, sizeof own->hostent_text, result,
                         &own->hostent_error);
   });
@@ -52,55 +62,61 @@ hostent* vx_ts_gethostent() {
 
 protoent* vx_ts_getprotobyname(const char* name) {
   if (name == nullptr) return nullptr;
+  const auto asked = copy_of(name);
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<protoent>([=](protoent** result) {
-    return getprotobyname_r(name, &own->protobyname_entry, own->protobyname_text,
+  return found<protoent>([&](protoent** result) {
+    return getprotobyname_r(asked.get(), &own->protobyname_entry, own->protobyname_text,
                             sizeof own->protobyname_text, result);
   });
 }
 
 servent* vx_ts_getservbyname(const char* name, const char* protocol) {
   if (name == nullptr) return nullptr;
+  const auto asked = copy_of(name);
+  const auto asked_protocol = copy_of(protocol);
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<servent>([=](servent** result) {
-    return getservbyname_r(name, protocol, &own->servbyname_entry, own->servbyname_text,
-                           sizeof own->servbyname_text, result);
+  return found<servent>([&](servent** result) {
+    return getservbyname_r(asked.get(), asked_protocol.get(), &own->servbyname_entry,
+                           own->servbyname_text, sizeof own->servbyname_text, result);
   });
 }
 
 servent* vx_ts_getservbyport(int port, const char* protocol) {
+  const auto asked_protocol = copy_of(protocol);
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<servent>([=](servent** result) {
-    return getservbyport_r(port, protocol, &own->servbyport_entry, own->servbyport_text,
+  return found<servent>([&](servent** result) {
+    return getservbyport_r(port, asked_protocol.get(), &own->servbyport_entry, own->servbyport_text,
                            sizeof own->servbyport_text, result);
   });
 }
 
 servent* vx_ts_getservent() {
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<servent>([=](servent** result) {
+  return found<servent>([&](servent** result) {
     return getservent_r(&own->servent_entry, own->servent_text, sizeof own->servent_text, result);
   });
 }
 
 passwd* vx_ts_getpwnam(const char* name) {
   if (name == nullptr) return nullptr;
+  const auto asked = copy_of(name);
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<passwd>([=](passwd** result) {
-    return getpwnam_r(name, &own->pwnam_entry, own->pwnam_text, sizeof own->pwnam_text, result);
+  return found<passwd>([&](passwd** result) {
+    return getpwnam_r(asked.get(), &own->pwnam_entry, own->pwnam_text, sizeof own->pwnam_text,
+                      result);
   });
 }
 
 passwd* vx_ts_getpwuid(uid_t user) {
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<passwd>([=](passwd** result) {
+  return found<passwd>([&](passwd** result) {
     return getpwuid_r(user, &own->pwuid_entry, own->pwuid_text, sizeof own->pwuid_text, result);
   });
 }
 
 group* vx_ts_getgrgid(gid_t group_id) {
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<group>([=](group** result) {
+  return found<group>([&](group** result) {
     return getgrgid_r(group_id, &own->grgid_entry, own->grgid_text, sizeof own->grgid_text, result);
   });
 }

@@ -64,6 +64,32 @@ TEST_F(LookUpTest, EachFindsItsOwnInItsOwnPlace) {
   machine::write_file("/etc/hosts", hosts);
 }
 
+TEST_F(LookUpTest, TakesNamesOfItsOwnAnswers) {
+  EXPECT_STREQ(vx_ts_getpwnam(vx_ts_getpwnam("daemon")->pw_name)->pw_name, "daemon");
+  EXPECT_STREQ(vx_ts_getprotobyname(vx_ts_getprotobyname("udp")->p_name)->p_name, "udp");
+  const std::string services = machine::read_file("/etc/services");
+  machine::write_file("/etc/services", "one 101/tcp first\nsnmp 161/udp\n");
+  const servent* service = vx_ts_getservbyname("snmp", nullptr);
+  service = vx_ts_getservbyname(service->s_name, service->s_proto);
+  ASSERT_NE(service, nullptr);
+  EXPECT_STREQ(service->s_name, "snmp");
+  service = vx_ts_getservbyport(htons(161), nullptr);
+  service = vx_ts_getservbyport(htons(161), service->s_proto);
+  ASSERT_NE(service, nullptr);
+  EXPECT_STREQ(service->s_name, "snmp");
+  machine::write_file("/etc/services", services);
+  const std::string hosts = machine::read_file("/etc/hosts");
+  machine::write_file("/etc/hosts", "198.51.100.9 z y\n198.51.100.3 mail.net mail\n");
+  const hostent* host = vx_ts_gethostbyname(vx_ts_gethostbyname("mail")->h_name);
+  ASSERT_NE(host, nullptr);
+  EXPECT_STREQ(host->h_name, "mail.net");
+  const in_addr address = {inet_addr("198.51.100.3")};
+  host = vx_ts_gethostbyaddr(vx_ts_gethostbyaddr(&address, 4, AF_INET)->h_addr_list[0], 4, AF_INET);
+  ASSERT_NE(host, nullptr);
+  EXPECT_STREQ(host->h_name, "mail.net");
+  machine::write_file("/etc/hosts", hosts);
+}
+
 TEST(TimeLookUp, EachHasAPlaceInEachThread) {
   const time_t second = 1'000'000'000, other = 0;
   const tm *utc = vx_ts_gmtime(&second), *local = vx_ts_localtime(&other);
@@ -198,7 +224,7 @@ TEST(OwnAddresses, OneOfThem) {
   };
   auto in_child = [&] {  // a process that has matched nothing yet
     interfaces = &early;
-    const bool right = is_mine("0.0.0.0") && is_mine("10.7.0.2") && !is_mine("0.0.0.0") &&
+    const bool right = is_mine("0.0.0.0") && is_mine("10.7.0.2") && is_mine("0.0.0.0") &&
                        !is_mine("10.7.0.3") && is_mine("10.7.0.1");
     interfaces = &late;
     _exit(right && is_mine("10.7.0.1") && is_mine("10.7.0.2") && !is_mine("10.7.0.1") ? 0 : 1);

@@ -134,8 +134,7 @@ void release(char* (&list)[N], const CatalogText (&entries)[N]) {
 
 // Every table is made after this one, so the release is set here.
 void build_rpc_errlist() {
-  liblocal_set_release(LiblocalRelease::kErrorTables, err_unsetall);
-  get_liblocal_p_varp();
+  liblocal_add_release(err_unsetall);
   build(rpc_errlist, kRpcTexts);
 }
 

@@ -116,8 +116,6 @@ void printerr(const char* format, ...) {
   va_end(arguments);
 }
 
-void (*const varp_print_error)(const char* format, ...) = printerr;
-
 void printinfo(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
