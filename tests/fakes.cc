@@ -86,6 +86,7 @@ ssize_t __real_recv(int socket, void* buffer, size_t size, int flags);
 ssize_t __real_sendmsg(int socket, const msghdr* message, int flags);
 int __real_ppoll(pollfd* polled, nfds_t count, const timespec* timeout, const sigset_t* mask);
 int __real_select(int count, fd_set* in, fd_set* out, fd_set* exceptional, timeval* timeout);
+int __real_nanosleep(const timespec* pause, timespec* left);
 time_t __real_time(time_t* result);
 int __real_gethostbyname_r(const char* name, hostent* entry, char* text, size_t size,
                            hostent** result, int* error);
@@ -143,6 +144,12 @@ int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* exceptional, timev
   if (timeout != nullptr) last_wait = *timeout;
   if (is_refused(waits)) return waits.error == 0 ? 0 : -1;
   return __real_select(count, in, out, exceptional, timeout);
+}
+
+int __wrap_nanosleep(const timespec* pause, timespec* left) {
+  if (sleeps == nullptr) return __real_nanosleep(pause, left);
+  sleeps->push_back(pause->tv_sec * 1000 + pause->tv_nsec / 1'000'000);
+  return 0;
 }
 
 time_t __wrap_time(time_t* result) { return now != 0 ? now.load() : __real_time(result); }

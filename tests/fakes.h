@@ -69,6 +69,7 @@ inline void refuse(Refusal& calls, int error, int count = 1) {
 inline thread_local timeval last_wait;
 
 inline std::atomic<int64_t> now;            // what time() answers; 0: the real time
+inline std::vector<int64_t>* sleeps;        // takes the milliseconds of nanosleep; null: it sleeps
 inline std::atomic<int> names_asked;        // calls of gethostbyname_r until now
 inline std::atomic<bool> resolver_is_down;  // gethostbyname_r finds nothing
 inline std::atomic<bool> no_push_back;      // ungetc fails

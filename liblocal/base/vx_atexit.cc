@@ -1,12 +1,14 @@
 #include "liblocal/base/vx_atexit.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
+#include "liblocal/base/c_memory.h"
+#include "liblocal/base/system_lock.h"
 #include "liblocal/base/vx_atomic.h"
 #include "liblocal/base/vx_error.h"
-#include "liblocal/base/vx_list.h"
 #include "liblocal/base/vx_mutex.h"
 #include "liblocal/base/vx_once.h"
 
@@ -14,17 +16,34 @@ namespace {
 
 using ExitFunction = void (*)();
 
+struct ExitRecord {
+  ExitFunction function;
+  ExitRecord* next;
+};
+
+pthread_mutex_t list_mutex = PTHREAD_MUTEX_INITIALIZER;
+ExitRecord* first_record = nullptr;  // newest first; guarded by list_mutex
+
 // Made once by set_up and kept to the end of the process.
 vx_once_control set_up_once;
-vx_list* functions = nullptr;
 vx_atomic* enabled = nullptr;  // 1: the functions run at process exit
 vx_mutex* progname_mutex = nullptr;
 
+// Takes a record out of the list and returns its function. REQUIRES: list_mutex is held.
+ExitFunction take(ExitRecord** link) {
+  const c_unique_ptr<ExitRecord> record(*link);
+  *link = record->next;
+  return record->function;
+}
+
+ExitFunction take_first() {
+  SystemLock lock(&list_mutex);
+  return first_record != nullptr ? take(&first_record) : nullptr;
+}
+
 void run_functions() {
   if (vx_atomic_exchange_add(enabled, 0) != 1) return;
-  while (void* function = vx_list_take_first(functions)) {
-    reinterpret_cast<ExitFunction>(function)();
-  }
+  while (ExitFunction function = take_first()) function();
 }
 
 void end_process_without(const char* what) {
@@ -37,27 +56,34 @@ void end_process_without(const char* what) {
 void set_up() {
   // Registers its clean-up first, so that it runs last: the functions may still record errors.
   _vx_orvane_get();
-  functions = vx_list_new();
-  if (functions != nullptr) enabled = vx_atomic_new(1);
+  enabled = vx_atomic_new(1);
   if (enabled == nullptr) end_process_without("internal atexit list");
   progname_mutex = vx_mutex_new();
   if (progname_mutex == nullptr) end_process_without("progname mutex");
   atexit(run_functions);
 }
 
-vx_list* list() {
-  vx_once(&set_up_once, set_up);
-  return functions;
-}
-
 }  // namespace
 
 int32_t vx_atexit(void (*function)()) {
-  return vx_list_add_first(list(), reinterpret_cast<void*>(function));
+  if (function == nullptr) return _vx_error_null_argument();
+  vx_once(&set_up_once, set_up);
+  auto* added = c_new<ExitRecord>();
+  if (added == nullptr) return _vx_error_fail(ENOMEM);
+  SystemLock lock(&list_mutex);
+  *added = {function, first_record};
+  first_record = added;
+  return 0;
 }
 
 int32_t vx_unatexit(void (*function)()) {
-  return vx_list_remove(list(), reinterpret_cast<void*>(function));
+  if (function == nullptr) return _vx_error_null_argument();
+  SystemLock lock(&list_mutex);
+  ExitRecord** link = &first_record;
+  while (*link != nullptr && (*link)->function != function) link = &(*link)->next;
+  if (*link == nullptr) return _vx_error_fail(ENOENT);
+  (void)take(link);
+  return 0;
 }
 
 void vx_atexit_enable() {

@@ -1,5 +1,7 @@
 #include "liblocal/base/vx_atomic.h"
 
+#include <utility>
+
 #include "liblocal/base/system_lock.h"
 #include "liblocal/base/vx_object.h"
 
@@ -15,16 +17,13 @@ int32_t destroy(void* object) { return vx_atomic_destroy(static_cast<vx_atomic*>
 
 void finish(vx_atomic* atomic) { pthread_mutex_destroy(&atomic->system); }
 
-// Replaces the value by `next` of it, under the mutex. Returns the old value.
-template <typename Next>
-uint32_t update(vx_atomic* atomic, Next next) {
+// The result of `operation` on the value, under the mutex.
+template <typename Operation>
+uint32_t locked(vx_atomic* atomic, Operation operation) {
+  if (atomic == nullptr) return static_cast<uint32_t>(_vx_error_null_argument());
   SystemLock lock(&atomic->system);
-  uint32_t old = atomic->value;
-  atomic->value = next(old);
-  return old;
+  return operation(atomic->value);
 }
-
-uint32_t null_handle() { return static_cast<uint32_t>(_vx_error_null_argument()); }
 
 }  // namespace
 
@@ -44,28 +43,26 @@ vx_atomic* vx_atomic_new(uint32_t initial) {
 }
 
 uint32_t vx_atomic_increment(vx_atomic* atomic) {
-  if (atomic == nullptr) return null_handle();
-  return update(atomic, [](uint32_t old) { return old + 1; }) + 1;
+  return locked(atomic, [](uint32_t& current) { return ++current; });
 }
 
 uint32_t vx_atomic_decrement(vx_atomic* atomic) {
-  if (atomic == nullptr) return null_handle();
-  return update(atomic, [](uint32_t old) { return old - 1; }) - 1;
+  return locked(atomic, [](uint32_t& current) { return --current; });
 }
 
 uint32_t vx_atomic_exchange(vx_atomic* atomic, uint32_t value) {
-  if (atomic == nullptr) return null_handle();
-  return update(atomic, [value](uint32_t) { return value; });
+  return locked(atomic, [=](uint32_t& current) { return std::exchange(current, value); });
 }
 
 uint32_t vx_atomic_exchange_add(vx_atomic* atomic, uint32_t addend) {
-  if (atomic == nullptr) return null_handle();
-  return update(atomic, [addend](uint32_t old) { return old + addend; });
+  return locked(atomic,
+                [=](uint32_t& current) { return std::exchange(current, current + addend); });
 }
 
 uint32_t vx_atomic_exchange_compare(vx_atomic* atomic, uint32_t value, uint32_t expected) {
-  if (atomic == nullptr) return null_handle();
-  return update(atomic, [=](uint32_t old) { return old == expected ? value : old; });
+  return locked(atomic, [=](uint32_t& current) {
+    return current == expected ? std::exchange(current, value) : current;
+  });
 }
 
 int32_t vx_atomic_destroy(vx_atomic* atomic) { return _vx_object_destroy(atomic, finish); }

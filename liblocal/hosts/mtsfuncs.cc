@@ -17,12 +17,19 @@ namespace {
 constexpr uint64_t kSeedFactor = 231;
 constexpr int kRandomMask = 0x7fffffff;
 
-// Every look-up: `call` stores its result last and returns 0 or an error. An entry that does
-// not exist is no error, but gives no result.
-template <typename Entry, typename Call>
-Entry* found(Call call) {
+// The entry that `call` finds for `key` and stores in `entry` and `text`. One that does not exist
+// is no error, but gives no result.
+template <typename Call, typename Entry, size_t kSize, typename... Key>
+Entry* found(Call call, Entry& entry, char (&text)[kSize], Key... key) {
   Entry* result = nullptr;
-  return call(&result) == 0 ? result : nullptr;
+  return call(key..., &entry, text, kSize, &result) == 0 ? result : nullptr;
+}
+
+// `found` for the resolver, whose calls have an error code of their own.
+template <typename Call, size_t kSize, typename... Key>
+hostent* found_host(Call call, hostent& entry, char (&text)[kSize], int* error, Key... key) {
+  hostent* result = nullptr;
+  return call(key..., &entry, text, kSize, &result, error) == 0 ? result : nullptr;
 }
 
 // A copy of a caller's text, which may be in an answer that the look-up overwrites.
@@ -33,12 +40,9 @@ c_unique_ptr<char> copy_of(const char* text) { return c_unique_ptr<char>(xstrdup
 hostent* vx_ts_gethostbyname(const char* name) {
   if (name == nullptr) return nullptr;
   while (isspace(static_cast<unsigned char>(*name)) != 0) ++name;
-  const auto asked = copy_of(name);
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<hostent>([&](hostent** result) {
-    return gethostbyname_r(asked.get(), &own->hostbyname_entry, own->hostbyname_text,
-                           sizeof own->hostbyname_text, result, &own->hostbyname_error);
-  });
+  return found_host(gethostbyname_r, own->hostbyname_entry, own->hostbyname_text,
+                    &own->hostbyname_error, copy_of(name).get());
 }
 
 hostent* vx_ts_gethostbyaddr(const void* address, socklen_t length, int type) {
@@ -46,79 +50,54 @@ hostent* vx_ts_gethostbyaddr(const void* address, socklen_t length, int type) {
   if (address == nullptr || length > sizeof asked) return nullptr;
   memcpy(&asked, address, length);
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<hostent>([&](hostent** result) {
-    return gethostbyaddr_r(&asked, length, type, &own->hostbyaddr_entry, own->hostbyaddr_text,
-                           sizeof own->hostbyaddr_text, result, &own->hostbyaddr_error);
-  });
+  return found_host(gethostbyaddr_r, own->hostbyaddr_entry, own->hostbyaddr_text,
+                    &own->hostbyaddr_error, &asked, length, type);
 }
 
 hostent* vx_ts_gethostent() {
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<hostent>([&](hostent** result) {
-    return gethostent_r(&own->hostent_entry, own->hostent_text, sizeof own->hostent_text, result,
-                        &own->hostent_error);
-  });
+  return found_host(gethostent_r, own->hostent_entry, own->hostent_text, &own->hostent_error);
 }
 
 protoent* vx_ts_getprotobyname(const char* name) {
   if (name == nullptr) return nullptr;
-  const auto asked = copy_of(name);
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<protoent>([&](protoent** result) {
-    return getprotobyname_r(asked.get(), &own->protobyname_entry, own->protobyname_text,
-                            sizeof own->protobyname_text, result);
-  });
+  return found(getprotobyname_r, own->protobyname_entry, own->protobyname_text,
+               copy_of(name).get());
 }
 
 servent* vx_ts_getservbyname(const char* name, const char* protocol) {
   if (name == nullptr) return nullptr;
-  const auto asked = copy_of(name);
-  const auto asked_protocol = copy_of(protocol);
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<servent>([&](servent** result) {
-    return getservbyname_r(asked.get(), asked_protocol.get(), &own->servbyname_entry,
-                           own->servbyname_text, sizeof own->servbyname_text, result);
-  });
+  return found(getservbyname_r, own->servbyname_entry, own->servbyname_text, copy_of(name).get(),
+               copy_of(protocol).get());
 }
 
 servent* vx_ts_getservbyport(int port, const char* protocol) {
-  const auto asked_protocol = copy_of(protocol);
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<servent>([&](servent** result) {
-    return getservbyport_r(port, asked_protocol.get(), &own->servbyport_entry, own->servbyport_text,
-                           sizeof own->servbyport_text, result);
-  });
+  return found(getservbyport_r, own->servbyport_entry, own->servbyport_text, port,
+               copy_of(protocol).get());
 }
 
 servent* vx_ts_getservent() {
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<servent>([&](servent** result) {
-    return getservent_r(&own->servent_entry, own->servent_text, sizeof own->servent_text, result);
-  });
+  return found(getservent_r, own->servent_entry, own->servent_text);
 }
 
 passwd* vx_ts_getpwnam(const char* name) {
   if (name == nullptr) return nullptr;
-  const auto asked = copy_of(name);
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<passwd>([&](passwd** result) {
-    return getpwnam_r(asked.get(), &own->pwnam_entry, own->pwnam_text, sizeof own->pwnam_text,
-                      result);
-  });
+  return found(getpwnam_r, own->pwnam_entry, own->pwnam_text, copy_of(name).get());
 }
 
 passwd* vx_ts_getpwuid(uid_t user) {
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<passwd>([&](passwd** result) {
-    return getpwuid_r(user, &own->pwuid_entry, own->pwuid_text, sizeof own->pwuid_text, result);
-  });
+  return found(getpwuid_r, own->pwuid_entry, own->pwuid_text, user);
 }
 
 group* vx_ts_getgrgid(gid_t group_id) {
   liblocal_t_varp* own = get_liblocal_t_varp();
-  return found<group>([&](group** result) {
-    return getgrgid_r(group_id, &own->grgid_entry, own->grgid_text, sizeof own->grgid_text, result);
-  });
+  return found(getgrgid_r, own->grgid_entry, own->grgid_text, group_id);
 }
 
 char* vx_ts_asctime(const tm* fields) {

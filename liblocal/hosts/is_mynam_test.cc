@@ -1,0 +1,335 @@
+// Names of this host and of others, and those of clients, in the test machine: its hosts file is
+// the resolver, whose calls are counted.
+#include "liblocal/hosts/is_mynam.h"
+
+#include <arpa/inet.h>
+
+#include <cstring>
+
+#include "liblocal/base/svc_time.h"
+#include "liblocal/hosts/client_list.h"
+#include "liblocal/hosts/dns_cache.h"
+#include "liblocal/hosts/get_myad.h"
+#include "liblocal/hosts/localhost.h"
+#include "liblocal/hosts/mtsfuncs.h"
+#include "tests/fakes.h"
+#include "tests/machine.h"
+#include "tests/work.h"
+
+using namespace fakes;
+
+static std::string virtual_hosts;  // "all", one name, or none
+
+extern "C" int __wrap__Z20clu_is_localvirthostPKc(const char* name) {
+  return virtual_hosts == "all" || virtual_hosts == name ? 1 : 0;
+}
+
+namespace {
+
+const std::string kHosts =
+    "127.0.0.1 localhost manager\n192.0.2.1 node.net box\n192.0.2.3 node.net\n"
+    "198.51.100.1 web.net web www\n198.51.100.2 web.net web\n"
+    "198.51.100.3 mail.net mail\n198.51.100.3 post.net post\n";
+const std::string kNoMemory = "kivtrap: SYSTEM error: Cannot allocate memory\n";
+
+void pass(int64_t seconds) {
+  now += seconds;
+  svc_time_reset();
+}
+
+// A text that the caller frees, or "(null)".
+std::string owned(char* text) {
+  std::string copy = text == nullptr ? "(null)" : text;
+  free(text);
+  return copy;
+}
+
+// How many names `work` asks the resolver for.
+int asked_by(auto work) {
+  const int before = names_asked;
+  work();
+  return names_asked - before;
+}
+
+class NameTest : public MachineTest {
+ protected:
+  void SetUp() override {
+    MachineTest::SetUp();
+    if (!IsSkipped()) start_over();
+  }
+  void TearDown() override {
+    if (IsSkipped()) return;
+    start_over();
+    machine::write_file("/etc/hosts", hosts_before_);
+    pass(-now);
+  }
+
+  static void start_over() {
+    machine::write_file("/etc/hosts", kHosts);
+    free_dns_hostlist_cache();
+    free_client_hostlist_cache();
+    strcpy(dns_hostlist_cache.local_host_name, "node.net");
+    pass(1'000'000'000 - now);
+    resolver_is_down = false;
+    virtual_hosts = "";
+    interfaces = nullptr;
+  }
+
+ private:
+  const std::string hosts_before_ = machine::read_file("/etc/hosts");
+};
+
+TEST_F(NameTest, NeedsNoLookUpForNullAndLocalhost) {
+  EXPECT_EQ(is_myname(nullptr), 1);
+  EXPECT_EQ(is_myname("LocalHost"), 1);
+  EXPECT_EQ(dns_hostlist_cache.count, 0);
+}
+
+TEST_F(NameTest, KnowsTheNamesAndAddressesOfThisHost) {
+  for (const char* name : {"node", "NODE.net", " box", "192.0.2.3", "manager", ""}) {
+    EXPECT_EQ(is_myname(name), 1) << name;
+  }
+  for (const char* name : {"web", "198.51.100.3", "nobody", "  "}) {
+    EXPECT_EQ(is_myname(name), 0) << name;
+  }
+}
+
+TEST_F(NameTest, GivesTheFirstNameOfAHost) {
+  EXPECT_EQ(owned(get_primaryhostname("www")), "web.net");
+  EXPECT_EQ(owned(get_primaryhostname(nullptr)), "node.net");
+  EXPECT_EQ(owned(get_primaryhostname("nobody")), "(null)");
+}
+
+TEST_F(NameTest, ComparesHosts) {
+  const struct {
+    const char *first, *second;
+    int same;
+  } rows[] = {{"nobody", "NoBody", 1}, {nullptr, nullptr, 1},       {nullptr, "box", 1},
+              {"box", nullptr, 1},     {"mail", "198.51.100.3", 1}, {"web", "198.51.100.2", 1},
+              {"mail", "post", 1},     {"web", "mail", 0},          {"nobody", "no", 0},
+              {"web", "nobody", 0}};
+  for (const auto& row : rows) {
+    start_over();
+    EXPECT_EQ(samehost(row.first, row.second), row.same) << (row.first ? row.first : "null");
+  }
+  EXPECT_EQ(hostlist_cache_host(&dns_hostlist_cache, "web")->state, HOST_LIVE);
+}
+
+TEST_F(NameTest, TakesNamesOfTheResolversAnswers) {
+  auto mail = [] { return vx_ts_gethostbyname("mail")->h_name; };
+  EXPECT_EQ(is_myname(mail()), 0);
+  EXPECT_EQ(samehost("web", mail()), 0);
+  EXPECT_EQ(samehost(mail(), "post"), 1);
+  EXPECT_EQ(owned(get_primaryhostname(mail())), "mail.net");
+  start_over();
+  EXPECT_EQ(is_validhostname(mail()), 1);
+}
+
+TEST_F(NameTest, TakesTheNameOfThisHostUntilItIsSet) {
+  char name[kLocalHostNameSize];
+  for (const char* unset : {"", " x"}) {
+    strcpy(dns_hostlist_cache.local_host_name, unset);
+    EXPECT_EQ(is_validhostname("web"), 1);
+    EXPECT_STREQ(dns_hostlist_cache.local_host_name, vx_getlocalhost(name, sizeof name));
+  }
+}
+
+TEST_F(NameTest, ChainsNamesBeforeAddresses) {
+  const std::string unnamed = "Reverse DNS lookup failed for address 203.0.113.9\n";
+  const struct {
+    const char* asked;
+    const char* virtual_hosts;
+    std::string chain, printed;
+  } rows[] = {
+      {nullptr, "", "node.net box node localhost manager 192.0.2.1 127.0.0.1 192.0.2.3", unnamed},
+      {nullptr, "localhost", "node.net box node 192.0.2.1 192.0.2.3 localhost", unnamed},
+      {nullptr, "all", "node.net box node localhost", unnamed},
+      {"web", "all", "web.net web www 198.51.100.1 198.51.100.2", ""},
+      {"9.9.9.9", "", "9.9.9.9", "Reverse DNS lookup failed for host 9.9.9.9, address 9.9.9.9\n"},
+      {"nobody", "", "nobody", "Illegal/NULL hostname detected (nobody)\n"},
+  };
+  const std::vector<Interface> there = {
+      {1, "192.0.2.1"}, {1, "203.0.113.9"}, {1, "10.0.0.1", AF_INET6}, {9, "127.0.0.1"}};
+  for (const auto& row : rows) {
+    start_over();
+    interfaces = &there;
+    virtual_hosts = row.virtual_hosts;
+    std::string chain;
+    const std::string text = printed(1, [&] {
+      const DnsCacheHold hold;
+      const host_entry* each = dns_cache_resolve(&dns_hostlist_cache, row.asked, now);
+      for (; each != nullptr; each = each->next) chain += std::string(" ") + each->name;
+    });
+    EXPECT_EQ(chain, " " + row.chain);
+    EXPECT_TRUE(text.ends_with(row.printed)) << text;
+    EXPECT_EQ(text.empty(), row.printed.empty()) << text;
+  }
+}
+
+TEST_F(NameTest, AsksTheClusterForOtherNames) {
+  virtual_hosts = "mail";
+  EXPECT_EQ(is_myname("mail"), 1);
+  EXPECT_EQ(is_myname("web"), 0);
+}
+
+TEST_F(NameTest, AsksTheResolverOncePerTime) {
+  auto ask = [] {
+    EXPECT_EQ(is_myname("node"), 1);
+    EXPECT_EQ(is_validhostname("www"), 1);
+    EXPECT_EQ(is_validhostname("nobody"), 0);
+  };
+  EXPECT_EQ(asked_by(ask), 3);
+  now += 5000;
+  EXPECT_EQ(asked_by(ask), 0) << "the service time is not reset yet";
+  now -= 5000;
+  const struct {
+    int seconds, asked;
+    bool resolver_is_down;
+  } later[] = {{300, 0, false}, {1, 1, false},  {1499, 1, false}, {1, 2, false},
+               {1801, 3, true}, {300, 0, true}, {1, 3, true},     {301, 3, false}};
+  for (const auto& row : later) {  // known names stay known while the resolver is down
+    pass(row.seconds);
+    resolver_is_down = row.resolver_is_down;
+    EXPECT_EQ(asked_by(ask), row.asked) << row.seconds;
+  }
+}
+
+TEST_F(NameTest, AsksForThisHostUntilItIsResolved) {
+  resolver_is_down = true;
+  EXPECT_EQ(is_myname("box"), 0);
+  EXPECT_EQ(is_validhostname(nullptr), 0);
+  resolver_is_down = false;
+  EXPECT_EQ(is_myname("192.0.2.1"), 1);
+  EXPECT_EQ(asked_by([] { EXPECT_EQ(is_myname("node"), 1); }), 0);
+}
+
+TEST_F(NameTest, ForgetsAHostThatLosesAName) {
+  EXPECT_EQ(is_validhostname("web"), 1);
+  EXPECT_EQ(is_validhostname("mail"), 1);
+  machine::write_file("/etc/hosts",
+                      kHosts + "198.51.100.7 new www.net www\n198.51.100.8 thief mail.net\n");
+  EXPECT_EQ(is_validhostname("new"), 1);
+  EXPECT_EQ(asked_by([] { EXPECT_EQ(is_validhostname("web"), 1); }), 1);
+  EXPECT_EQ(samehost("mail", "thief"), 0) << "also while it is compared";
+}
+
+TEST_F(NameTest, LetsNoOtherHostTakeANameOfThisHost) {
+  EXPECT_EQ(is_myname("box"), 1);
+  machine::write_file("/etc/hosts", kHosts + "203.0.113.5 stranger box localhost\n");
+  EXPECT_EQ(is_myname("stranger"), 0);
+  EXPECT_EQ(asked_by([] { EXPECT_EQ(is_myname("box"), 1); }), 0);
+}
+
+TEST_F(NameTest, MovesTheNamesOfThisHostToItsNewName) {
+  EXPECT_EQ(is_myname("box"), 1);
+  machine::write_file("/etc/hosts", "127.0.0.1 localhost\n192.0.2.9 new.net node.net\n");
+  pass(1801);
+  EXPECT_EQ(is_myname("new"), 1);
+  EXPECT_EQ(asked_by([] { EXPECT_EQ(is_myname("node.net"), 1); }), 0);
+}
+
+TEST_F(NameTest, HoldsWithinAHold) {
+  const DnsCacheHold outer;
+  { const DnsCacheHold inner; }
+  in_threads(1, [](int) { EXPECT_EQ(vx_mutex_trylock(hostlist_cache_lock()), 12); });
+}
+
+TEST_F(NameTest, StaysSoundWhenAnAllocationIsRefused) {
+  EXPECT_EQ(owned(get_primaryhostname("www")), "web.net") << "makes what lasts";
+  std::vector<int64_t> slept;
+  sleeps = &slept;
+  refuse_each_allocation([&](const FailingMalloc& failing) {
+    start_over();
+    slept.clear();
+    std::string name;
+    const std::string text = printed(0, [&] { name = owned(get_primaryhostname("www")); });
+    EXPECT_EQ(text.empty() && slept.empty(), !failing.failed());
+    if (name == "web.net") return;
+    EXPECT_EQ(name + text, "(null)" + kNoMemory);
+  });
+  sleeps = nullptr;
+}
+
+TEST_F(NameTest, MayBeAskedByManyThreads) {
+  const std::vector<Interface> sets[] = {{{1, "192.0.2.1"}}, {{1, "192.0.2.3"}}};
+  in_threads(8, [&](int thread) {
+    const std::string own = "client" + std::to_string(thread);
+    const char* aliases[] = {"shared", nullptr};
+    const in_addr broadcast = {INADDR_NONE};
+    for (int i = 0; i < 50; ++i) {
+      EXPECT_EQ(is_myname("box"), 1);
+      EXPECT_EQ(samehost("web", "www"), 1);
+      EXPECT_EQ(client_list_add_client(own.c_str(), aliases), 1);
+      EXPECT_EQ(is_myaddr(AF_INET, &broadcast, 4), 0);
+      interfaces = &sets[i % 2];  // the table changes while this host's names are looked up
+      if (i % 10 == thread) pass(1801);
+    }
+  });
+}
+
+class ClientTest : public NameTest {
+ protected:
+  void SetUp() override {
+    NameTest::SetUp();
+    if (IsSkipped()) return;
+    EXPECT_EQ(client_list_add_client("web", aliases_), 1);
+    EXPECT_EQ(client_list_add_client("mail", nullptr), 1);
+  }
+  const char* aliases_[3] = {"www", "web.net", nullptr};
+};
+
+TEST_F(ClientTest, ComparesClients) {
+  EXPECT_EQ(client_list_add_client(nullptr, aliases_), 0);
+  EXPECT_EQ(sameclient("WWW", "web"), 1);
+  EXPECT_EQ(sameclient("unknown", "Unknown"), 1);
+  EXPECT_EQ(sameclient("web", "mail"), 0);
+  EXPECT_EQ(sameclient("a", "b"), 0);
+  EXPECT_EQ(sameclient("web", nullptr), 0);
+  EXPECT_EQ(sameclient(nullptr, nullptr), 0);
+}
+
+TEST_F(ClientTest, ForgetsARemovedClientAtOnce) {
+  for (const char* removed : {static_cast<const char*>(nullptr), "unknown", "www"}) {
+    EXPECT_EQ(owned(get_primaryclientname("www")), "web");
+    client_list_remove_byname(removed);
+  }
+  EXPECT_EQ(get_primaryclientname("web"), nullptr);
+}
+
+TEST_F(ClientTest, SaysThatThereIsNoMemoryForAName) {
+  auto copy = [] {
+    const FailingMalloc once(0, 1);
+    EXPECT_EQ(get_primaryclientname("mail"), nullptr);
+  };
+  EXPECT_EQ(printed(0, copy), kNoMemory);
+}
+
+TEST_F(ClientTest, KnowsClientsForAnHourOrForEver) {
+  set_client_cache_update_style(kClientsNeverExpire);
+  client_list_add_client("ever", nullptr);
+  pass(3600);
+  EXPECT_EQ(owned(get_primaryclientname("mail")), "mail");
+  pass(1);
+  EXPECT_EQ(owned(get_primaryclientname("mail")), "(null)");
+  EXPECT_EQ(owned(get_primaryclientname("ever")), "ever");
+  free_client_hostlist_cache();
+  EXPECT_EQ(get_client_cache_update_style(), 0);
+  EXPECT_EQ(owned(get_primaryclientname("ever")), "(null)");
+}
+
+// Registered before anything of the runtime, so it runs last at exit.
+bool leaving = false;
+[[maybe_unused]] const int last_at_exit = atexit([] {
+  if (!leaving) return;
+  const in_addr loopback = {htonl(INADDR_LOOPBACK)};
+  if (dns_hostlist_cache.table != nullptr || get_primaryclientname("web") != nullptr) _exit(1);
+  if (is_myaddr(AF_INET, &loopback, 4) != 1 || is_validhostname("box") != 1) _exit(2);
+  _exit(0);
+});
+
+TEST_F(ClientTest, CachesAreFreedAtExitAndServeAgain) {
+  EXPECT_EQ(is_myname("box"), 1);
+  EXPECT_EXIT((leaving = true, exit(3)), testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
