@@ -1,11 +1,16 @@
 // The command as a process: arguments, streams, exit status and datagrams; it and the RPC
 // engine against a real port mapper.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utmp.h>
 
 #include <csignal>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <regex>
@@ -77,7 +82,7 @@ TEST_F(CommandTest, CommandLines) {
   const struct {
     std::vector<std::string> words;
     std::string datagram, out{}, err{};
-  } cases[] = {
+  } rows[] = {
       {{}, "", "", kUsage},
       {{"manager"}, sent},
       {{"manager", "2", "7", "9"}, with_codes("020102 020107")},
@@ -103,15 +108,15 @@ TEST_F(CommandTest, CommandLines) {
       {{"nowhere"}, "", "[41.27] Couldn't open snmp\n", "[41.23] unknown host: nowhere\n"},
       {{"everybody"}, "", "[41.28] error\n", "sendto: Permission denied\n"},
   };
-  for (const auto& [words, datagram, out, err] : cases) {
-    expect(kivtrap(words), datagram, out, err);
-  }
+  for (const auto& row : rows) expect(kivtrap(row.words), row.datagram, row.out, row.err);
 }
 
 TEST_F(CommandTest, MessageIsTheFirstLineLessItsLastByte) {
   // At most 1022 bytes are read, and the last one goes: the line end or a real one.
   const std::string line(5000, 'y');
-  const std::pair<std::string, std::string> cases[] = {
+  const struct {
+    std::string input, text;
+  } rows[] = {
       {"", ""},
       {"\n", ""},
       {"hello", "hell"},
@@ -121,86 +126,126 @@ TEST_F(CommandTest, MessageIsTheFirstLineLessItsLastByte) {
   };
   const TemporaryDirectory place;  // of a locale with another codeset: texts are UTF-8 in any
   const std::string locale = compile_locale(place.path(), "ISO-8859-1");
-  for (const auto& [input, text] : cases) {
-    machine::Command command = kivtrap({"manager"}, input);
+  for (const auto& row : rows) {
+    machine::Command command = kivtrap({"manager"}, row.input);
     command.environment.insert(command.environment.end(),
                                {"LOCPATH=" + place.path(), "LC_ALL=" + locale});
-    expect(command, trap_message(text));
+    expect(command, trap_message(row.text));
   }
 }
 
-TEST_F(CommandTest, UpTime) {
+// The up-time is printed, and the trap carries its lower 32 bits.
+TEST_F(CommandTest, UpTimeCountsFromTheBootRecord) {
+  const struct {
+    long seconds;      // since the boot
+    const char* sent;  // a pattern of the trap's time stamp
+  } rows[] = {
+      {0, "43(01..|02....)"},
+      {21474837, "430480000[0-9A-F]{3}"},  // above 2^31 hundredths
+      {-1000, "4303FE[0-9A-F]{4}"},        // the clock was set back
+  };
   utmp records[2] = {};  // other records come before that of the boot
   records[0].ut_type = RUN_LVL;
   records[1].ut_type = BOOT_TIME;
-  // The second is above 2^31 hundredths; after the third the clock was set back.
-  for (long seconds : {0L, 21474837L, -1000L}) {
-    records[1].ut_tv.tv_sec = static_cast<int32_t>(time(nullptr) - seconds);
+  for (const auto& row : rows) {
+    records[1].ut_tv.tv_sec = static_cast<int32_t>(time(nullptr) - row.seconds);
     machine::write_file(kBootRecord, {reinterpret_cast<const char*>(records), sizeof records});
     const machine::Outcome outcome = machine::run(kivtrap({"-u", "x", "manager"}));
-    const std::string hex = arrived();
-    std::smatch printed, sent;
+    std::smatch printed;
     ASSERT_TRUE(std::regex_match(outcome.err, printed, std::regex(".*Up time: (\\d+)\n")));
-    ASSERT_TRUE(std::regex_search(hex, sent, std::regex("020106020101430[1-4](.+?)3017")));
-    const std::string sign(8 - sent.str(1).size(), sent.str(1) < "8" ? '0' : 'F');
-    // Up to a minute more; the message carries the lower 32 bits.
-    const unsigned long earliest = static_cast<unsigned long>(seconds) * 100;
-    EXPECT_LT(std::stoul(printed[1]) - earliest, 6000) << seconds;
-    EXPECT_LT(static_cast<uint32_t>(std::stoul(sign + sent.str(1), nullptr, 16) - earliest), 6000);
+    const unsigned long earliest = static_cast<unsigned long>(row.seconds) * 100;
+    EXPECT_LT(std::stoul(printed[1]) - earliest, 3000) << row.seconds;
+    EXPECT_TRUE(std::regex_search(arrived(), std::regex(std::string("020106020101") + row.sent)));
   }
 }
 
 TEST_F(CommandTest, AgentAddress) {
   const std::string hosts = machine::read_file("/etc/hosts");
-  const std::tuple<const char*, const char*, const char*, const char*> cases[] = {
+  const struct {
+    const char *name, *hosts;  // of this host
+    const char *agent, *err;
+  } rows[] = {
       {"10.9.8.7", "10.9.8.7 numbers\n", "0A090807", ""},
       {"testhost", "10.4.4.4 TESTHOST.example testhost\n", "0A040404", ""},
       {"nowhere", "127.0.0.2 localhost\n", "7F000002", ""},
       {"nowhere", "", "00000000", "[41.23] unknown host: localhost\n"},
   };
-  for (const auto& [name, own_hosts, agent, err] : cases) {
-    machine::set_host_name(name);
-    machine::write_file("/etc/hosts", std::string("127.0.0.1 loopback\n") + own_hosts);
-    expect(kivtrap({"127.0.0.1"}), trap_message("disk full", "public", "020106 020101", agent), "",
-           err);
+  for (const auto& row : rows) {
+    machine::set_host_name(row.name);
+    machine::write_file("/etc/hosts", std::string("127.0.0.1 loopback\n") + row.hosts);
+    expect(kivtrap({"127.0.0.1"}), trap_message("disk full", "public", "020106 020101", row.agent),
+           "", row.err);
   }
   machine::write_file("/etc/hosts", hosts);
   machine::set_host_name(machine::kHostName);
 }
 
-TEST_F(CommandTest, ASignalDoesNotCostTheMessage) {
-  for (const std::string text : {"disk full", ""}) {  // or the end of the input
-    machine::Command command = kivtrap({"manager"}, text.empty() ? "" : text + "\n");
-    command.before_input = [](pid_t program) {
-      const std::string where = "/proc/" + std::to_string(program) + "/syscall";
-      while (!machine::read_file(where).starts_with("0 0x0 ")) usleep(1000);  // it reads its input
-      kill(program, SIGUSR2);
+void wait_until(auto condition) {  // for 10 seconds at most
+  for (int tries = 0; tries < 10000 && !condition(); ++tries) usleep(1000);
+}
+
+TEST_F(CommandTest, ADebugSignalEndsNoWaitAndLosesNoText) {
+  const struct {
+    const char *before, *after;  // what is written before and after the signal
+    const char* text;
+  } rows[] = {
+      {"disk ", "full\n", "disk full"},
+      {"", "disk full\n", "disk full"},
+      {"", "", ""},
+  };
+  ASSERT_EQ(mkfifo("/run/fifo", 0600), 0);
+  for (const auto& row : rows) {
+    machine::Command command = kivtrap({"-f", "/run/fifo", "manager"});
+    command.before_input = [&row](pid_t program) {
+      auto signal_when_it_waits_in = [program](int call) {
+        auto waits = [program, begin = std::to_string(call) + " "] {
+          return machine::read_file("/proc/" + std::to_string(program) + "/syscall")
+              .starts_with(begin);
+        };
+        wait_until(waits);
+        kill(program, SIGUSR2);
+        wait_until(waits);
+      };
+      signal_when_it_waits_in(SYS_openat);
+      const int writer = open("/run/fifo", O_RDWR | O_CLOEXEC);
+      EXPECT_GE(write(writer, row.before, strlen(row.before)), 0);
+      wait_until([writer] {
+        int unread = 0;
+        return ioctl(writer, FIONREAD, &unread) == 0 && unread == 0;
+      });
+      signal_when_it_waits_in(SYS_read);
+      EXPECT_GE(write(writer, row.after, strlen(row.after)), 0);
+      close(writer);
     };
-    expect(command, trap_message(text));
+    expect(command, trap_message(row.text));
   }
 }
 
 TEST_F(CommandTest, TextIsWrappedWhereTheStationIsRegistered) {
-  // The port that the station's own port mapper gives, how often it is asked, what comes
-  // between the two words of the text, and the environment.
-  const std::tuple<uint16_t, size_t, char, const char*> cases[] = {
-      {4711, 1, '\n', "KIV_NOTHING="},  {0, 1, ' ', "KIV_NOTHING="},
-      {0, 0, '\n', "KIV_WRAP=Yes"},     {4711, 0, ' ', "KIV_WRAP=nO"},
-      {4711, 1, '\n', "KIV_WRAP=yes!"}, {4711, 1, '\n', "KIV_WRAP="}};
+  const struct {
+    uint16_t port;  // that the station's own port mapper answers
+    const char* environment;
+    char between;  // the two words of the text
+    size_t calls;  // of the station's own port mapper
+  } rows[] = {
+      {4711, "KIV_NOTHING=", '\n', 1},  {0, "KIV_NOTHING=", ' ', 1},
+      {0, "KIV_WRAP=Yes", '\n', 0},     {4711, "KIV_WRAP=nO", ' ', 0},
+      {4711, "KIV_WRAP=yes!", '\n', 1}, {4711, "KIV_WRAP=", '\n', 1},
+  };
   mappers.reset();
   const machine::RpcServer standard(111, "127.0.0.1", machine::port_mapper(0));
   // RPC 2, port mapper 2, get port; none credential and verifier; program 100122 version 0 by UDP.
   const std::string asked = from_hex(
       "0000000000000002000186A00000000200000003 00000000000000000000000000000000"
       "0001871A000000000000001100000000");
-  for (const auto& [port, calls, between, choice] : cases) {
-    const machine::RpcServer own(7938, "127.0.0.1", machine::port_mapper(port));
-    const std::string a38(38, 'a'), b20(20, 'b');
-    machine::Command command = kivtrap({"manager"}, a38 + " " + b20 + "\n");
-    command.environment.emplace_back(choice);
-    expect(command, trap_message(a38 + between + b20));
-    ASSERT_EQ(own.requests().size(), calls) << choice;
-    EXPECT_TRUE(calls == 0 || own.requests()[0].substr(4) == asked);
+  const std::string first(38, 'a'), second(20, 'b');
+  for (const auto& row : rows) {
+    const machine::RpcServer own(7938, "127.0.0.1", machine::port_mapper(row.port));
+    machine::Command command = kivtrap({"manager"}, first + " " + second + "\n");
+    command.environment.emplace_back(row.environment);
+    expect(command, trap_message(first + row.between + second));
+    ASSERT_EQ(own.requests().size(), row.calls) << row.environment;
+    for (const std::string& request : own.requests()) EXPECT_EQ(request.substr(4), asked);
   }
 }
 
