@@ -31,7 +31,7 @@ NR == 1 { print "/// \\file"; head = 1 }
 head && /^\/\// { print "/" linked($0); next }
 { head = 0 }
 /^ *\/\/\// { if (count > 0) flush_group(); group[++lines] = linked($0); next }
-/^[[:space:]]*$/ || /^ *\/\// || /[{}]/ { flush_group(); print; next }
+/^[[:space:]]*$/ || /^ *\/\// || /^#/ || /[{}]/ { flush_group(); print; next }
 lines > 0 { group[++lines] = $0; if (/;( |$)/) ++count; next }
 { print }
 END { flush_group() }
