@@ -197,7 +197,7 @@ char* __wrap_nl_langinfo(nl_item item) {
 
 const char* __wrap__Z9vxcatgetsliiPKc(int64_t catalog, int32_t set, int32_t number,
                                       const char* text) {
-  if (numbering == 0 || set != 41) return __real__Z9vxcatgetsliiPKc(catalog, set, number, text);
+  if (numbering == 0 || set == 17) return __real__Z9vxcatgetsliiPKc(catalog, set, number, text);
   static std::mutex mutex;
   static std::set<std::string> kept;
   const std::lock_guard<std::mutex> lock(mutex);

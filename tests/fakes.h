@@ -88,8 +88,8 @@ inline std::atomic<int> counting_error, listing_error;  // errno of asking for t
 inline std::atomic<int> list_size;                      // bytes of the last list asked for
 
 /// While one lives, or a program has NUMBERED_TEXTS in its environment, each text of the
-/// command's catalog set begins with the numbers of its set and of itself: "[41.23] unknown
-/// host". Only for a program whose texts are few: they are kept.
+/// catalog, but for those of the runtime's set 17, begins with the numbers of its set and of
+/// itself: "[41.23] unknown host". Only for a program whose texts are few: they are kept.
 struct NumberedTexts {
   NumberedTexts();
   ~NumberedTexts();

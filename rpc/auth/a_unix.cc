@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -53,10 +52,7 @@ bool make_full_credential(SystemRecord* record, authsys_parms* parms) {
   full->flavour = kAuthSystem;
   full->length = xdrs.ops->get_position(&xdrs);
   full->body = static_cast<uint8_t*>(malloc(full->length));
-  if (full->body == nullptr) {
-    errno = ENOMEM;
-    return false;
-  }
+  if (full->body == nullptr) return false;
   memcpy(full->body, record->encoded, full->length);
   return true;
 }
@@ -130,14 +126,11 @@ struct Destroyer {
   void operator()(AUTH* auth) const { destroy(auth); }
 };
 
-// A handle without a credential; null with ENOMEM in errno.
+// A handle without a credential; null without memory.
 std::unique_ptr<AUTH, Destroyer> new_handle() {
   c_unique_ptr<AUTH> handle(c_new<AUTH>());
   c_unique_ptr<SystemRecord> record(c_new<SystemRecord>());
-  if (handle == nullptr || record == nullptr) {
-    errno = ENOMEM;
-    return nullptr;
-  }
+  if (handle == nullptr || record == nullptr) return nullptr;
   record->short_credential = __brix_null_auth;
   *handle = {__brix_null_auth, __brix_null_auth, {}, &kSystemOps, record.release()};
   return std::unique_ptr<AUTH, Destroyer>(handle.release());

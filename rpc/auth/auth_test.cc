@@ -26,6 +26,30 @@ std::string marshalled(AUTH* auth) {
   return out.hex();
 }
 
+// What a method answers to the request for its number.
+int32_t method_of(AUTH* auth) {
+  int32_t method = 0;
+  EXPECT_TRUE(auth->ops->control(auth, kAuthGetMethod, &method));
+  EXPECT_FALSE(auth->ops->control(auth, kAuthGetMethod, nullptr));
+  EXPECT_FALSE(auth->ops->control(auth, 3, &method));
+  return method;
+}
+
+TEST(AuthNone, IsOneHandleForAll) {
+  AUTH* none = __brix_authnone_create();
+  EXPECT_EQ(auth_create_default(), none);
+  EXPECT_EQ(method_of(none), 1);
+  EXPECT_FALSE(none->ops->refresh(none));
+  EXPECT_FALSE(none->ops->needs_refresh(none, true, nullptr));
+  none->ops->destroy(none);
+  EXPECT_EQ(marshalled(none), std::string(32, '0'));
+}
+
+TEST(AuthChoice, LeavesAClientWithoutAuthenticationAlone) {
+  CLIENT without = {};
+  EXPECT_FALSE(authfallback(&without));
+}
+
 class AuthSystem : public testing::Test {
  protected:
   AuthSystem() {
@@ -39,85 +63,83 @@ class AuthSystem : public testing::Test {
     EXPECT_EQ(fakes::pieces_held(), held_);
   }
 
-  bool validate(int32_t flavour, const char* hex) {
+  // The full credential, of that time.
+  static std::string full(const std::string& time = "76543210") {
+    return "0000000100000020" + time +
+           "00000003626F7800FFFFFFFE000000050000000200000007000000080000000000000000";
+  }
+  bool validate(int32_t flavour, const char* hex = kShort) {
     std::string body = from_hex(hex);
     opaque_auth verifier = {flavour, reinterpret_cast<uint8_t*>(body.data()),
                             static_cast<uint32_t>(body.size())};
     return auth_->ops->validate(auth_.get(), &verifier);
   }
+  bool refresh() { return auth_->ops->refresh(auth_.get()); }
 
+  static constexpr char kShort[] = "00000002 00000003 41424300";
   const long held_ = fakes::pieces_held();
   Auth auth_;
 };
 
-// What is marshalled at `time`.
-std::string full(const std::string& time = "76543210") {
-  return "0000000100000020" + time +
-         "00000003626F7800FFFFFFFE000000050000000200000007000000080000000000000000";
-}
-
-TEST_F(AuthSystem, NoneIsOneForAllAndBothTellTheirMethod) {
-  AUTH* none = auth_create_default();
-  in_threads(4, [none](int) { EXPECT_EQ(__brix_authnone_create(), none); });
-  for (AUTH* auth : {none, auth_.get()}) {
-    int32_t method = 0;
-    EXPECT_TRUE(auth->ops->control(auth, 2, &method) && method == (auth == none ? 1 : 2));
-    EXPECT_FALSE(auth->ops->control(auth, 3, &method) || auth->ops->control(auth, 2, nullptr) ||
-                 auth->ops->needs_refresh(auth, true, nullptr) || auth->ops->refresh(auth));
-  }
-  CLIENT without = {};
-  EXPECT_FALSE(authfallback(&without));
-  none->ops->destroy(none);
-  EXPECT_EQ(marshalled(none), std::string(32, '0')) << "it stays for others";
-}
-
-TEST_F(AuthSystem, SendsAndBoundsItsParameters) {
+TEST_F(AuthSystem, SendsItsParameters) {
   EXPECT_EQ(marshalled(auth_.get()), full());
-  const gid_t groups[18] = {};
-  for (auto [name, count, made] :
-       {std::tuple{255U, 17U, true}, {256U, 0U, false}, {0U, 18U, false}}) {
-    auth_.reset(__brix_authsys_create(std::string(name, 'n').c_str(), 0, 0, count, groups));
-    EXPECT_EQ(auth_ != nullptr, made) << name << " " << count;
-  }
-  auth_.reset();
-  for (int granted = 0; auth_ == nullptr; ++granted) {
-    fakes::FailingMalloc failing(granted);
-    errno = 0;
-    auth_.reset(__brix_authsys_create("", 0, 0, 0, groups));
-    ASSERT_EQ(auth_ == nullptr ? ENOMEM : 0, errno);
-  }
+  EXPECT_EQ(method_of(auth_.get()), 2);
+  EXPECT_FALSE(refresh());
+  EXPECT_FALSE(auth_->ops->needs_refresh(auth_.get(), true, nullptr));
 }
 
-TEST(AuthDebug, TellsOfEveryHandle) {
+TEST_F(AuthSystem, BoundsItsParameters) {
+  const gid_t groups[18] = {};
+  const std::string name(256, 'n');
+  auth_.reset(__brix_authsys_create(name.c_str() + 1, 0, 0, 17, groups));
+  EXPECT_NE(auth_, nullptr);
+  EXPECT_EQ(__brix_authsys_create(name.c_str(), 0, 0, 0, groups), nullptr);
+  EXPECT_EQ(__brix_authsys_create("", 0, 0, 18, groups), nullptr);
+}
+
+TEST_F(AuthSystem, IsNotMadeWithoutMemory) {
+  fakes::refuse_each_allocation([&](const fakes::FailingMalloc& failing) {
+    errno = 0;
+    auth_.reset(__brix_authsys_create("", 0, 0, 0, nullptr));
+    EXPECT_EQ(auth_ == nullptr, failing.failed());
+    EXPECT_EQ(errno, failing.failed() ? ENOMEM : 0);
+  });
+}
+
+TEST(AuthDebug, LogsEveryHandle) {
   for (int level : {2, 3}) {
     const auto create = [] { Auth(__brix_authsys_create("", 0, 0, 0, nullptr)); };
     EXPECT_EQ(printed(level, create).ends_with("authenticated using AUTH_UNIX\n"), level == 3);
   }
 }
 
-TEST_F(AuthSystem, TakesAShortCredentialUntilItIsRefused) {
-  AUTH* handle = auth_.get();
-  const char kShort[] = "00000002 00000003 41424300";
-  EXPECT_TRUE(validate(kAuthNone, kShort));
-  EXPECT_EQ(marshalled(handle), full());
-  for (int i = 0; i < 2; ++i) EXPECT_TRUE(validate(kAuthShort, kShort));
-  EXPECT_EQ(marshalled(handle), "0000000200000003414243000000000000000000");
+TEST_F(AuthSystem, UsesAShortCredentialUntilItIsRefused) {
+  EXPECT_TRUE(validate(kAuthNone));
+  EXPECT_EQ(marshalled(auth_.get()), full());
+  for (int i = 0; i < 2; ++i) EXPECT_TRUE(validate(kAuthShort));
+  EXPECT_EQ(marshalled(auth_.get()), "0000000200000003414243000000000000000000");
   fakes::now = 0x76543211;
-  EXPECT_TRUE(handle->ops->refresh(handle));
-  EXPECT_EQ(marshalled(handle), full("76543211"));
-  EXPECT_FALSE(handle->ops->refresh(handle));
-  // One that does not decode is dropped, as is the one before it.
-  for (const char* broken : {"", "00000002", "00000002 00000003 4142", "00000002 00007FE9"}) {
-    EXPECT_TRUE(validate(kAuthShort, kShort) && validate(kAuthShort, broken));
-    EXPECT_EQ(marshalled(handle), full("76543211")) << broken;
-  }
-  EXPECT_TRUE(validate(kAuthShort, kShort));
-  fakes::FailingMalloc nothing(0);
-  EXPECT_FALSE(handle->ops->refresh(handle));
-  EXPECT_EQ(handle->credential.flavour, kAuthShort) << "stays";
+  EXPECT_TRUE(refresh());
+  EXPECT_EQ(marshalled(auth_.get()), full("76543211"));
+  EXPECT_FALSE(refresh());
 }
 
-TEST_F(AuthSystem, TellsTheProcess) {
+TEST_F(AuthSystem, DropsAShortCredentialThatDoesNotDecode) {
+  for (const char* broken : {"", "00000002", "00000002 00000003 4142", "00000002 00007FE9"}) {
+    EXPECT_TRUE(validate(kAuthShort));
+    EXPECT_TRUE(validate(kAuthShort, broken));
+    EXPECT_EQ(marshalled(auth_.get()), full()) << broken;
+  }
+}
+
+TEST_F(AuthSystem, KeepsItsShortCredentialWithoutMemory) {
+  EXPECT_TRUE(validate(kAuthShort));
+  const fakes::FailingMalloc nothing(0);
+  EXPECT_FALSE(refresh());
+  EXPECT_EQ(auth_->credential.flavour, kAuthShort);
+}
+
+TEST(AuthSystemDefault, SendsTheProcess) {
   if (machine::skip_outside()) return;
   if (!machine::has_users()) return MachineTest::skip("the host lends no groups");
   std::thread([] {

@@ -9,80 +9,104 @@
 namespace {
 
 constexpr xdrproc_t kCall = xdr_filter<__brix_xdr_callmsg>;
+constexpr xdrproc_t kReply = xdr_filter<__brix_xdr_replymsg>;
 
-TEST(RpcMessage, BuildsAndReadsCalls) {
+constexpr char kCallHex[] =
+    "112233440000000000000002000186A0000000020000000300000001000000030A0B0C00"
+    "0000000000000000";
+
+TEST(RpcMessage, CarriesCalls) {
   uint8_t body[] = {10, 11, 12};
   rpc_call_message call = {0x11223344,      kRpcCall, 2, 100000, 2, 3, {kAuthSystem, body, 3},
                            __brix_null_auth};
-  const std::string hex =
-      "112233440000000000000002000186A0000000020000000300000001000000030A0B0C00"
-      "0000000000000000";
-  EXPECT_EQ(encoded(kCall, &call), hex);
-  expect_carried<rpc_call_message>(kCall, hex);
+  EXPECT_EQ(encoded(kCall, &call), kCallHex);
+  expect_carried<rpc_call_message>(kCall, kCallHex);
+}
+
+TEST(RpcMessage, RefusesWhatIsNoCallOfVersion2) {
   for (size_t word : {1U, 2U}) {  // direction, RPC version
-    std::string other = from_hex(hex);
+    std::string other = from_hex(kCallHex);
     other[word * 4 + 3] = 3;
+    rpc_call_message call = {};
     EXPECT_FALSE(__brix_xdr_callmsg(TestStream(other).get(), &call)) << word;
-    EXPECT_EQ(encoded(kCall, &call), "fails");  // what was refused does not go out either
+    EXPECT_FALSE(__brix_xdr_callmsg(TestStream(100).get(), &call)) << word;
   }
+}
+
+TEST(RpcMessage, EncodesHeadersOfCalls) {
   rpc_call_message header = {9, 7, 7, 1, 2, 0, {}, {}};
   EXPECT_EQ(encoded(xdr_filter<__brix_xdr_callhdr>, &header),
             "0000000900000000000000020000000100000002");
-  EXPECT_FALSE(__brix_xdr_callhdr(TestStream(from_hex(hex)).get(), &header));
+  EXPECT_FALSE(__brix_xdr_callhdr(TestStream(from_hex(kCallHex)).get(), &header));
 }
 
 TEST(RpcMessage, BoundsAuthBodies) {
-  std::vector<uint8_t> body(32748);
-  for (auto [length, passes] : {std::pair{32744U, true}, {32745U, false}}) {
-    rpc_call_message call = {1, kRpcCall, 2, 3, 4, 5, {1, body.data(), length}, __brix_null_auth};
-    for (int i = 0; i < 2; ++i) {
-      EXPECT_EQ(encoded(kCall, &call) != "fails", passes) << length;
-      std::swap(call.credential, call.verifier);
-    }
-    std::string wire = from_hex("00000001 00007FE9") + std::string(32748, 'x');
-    wire[7] = static_cast<char>(length - 0x7F00);
-    opaque_auth back = {};
-    EXPECT_EQ(__brix_xdr_opaque_auth(TestStream(wire).get(), &back), passes);
-    __brix_xdr_free(xdr_filter<__brix_xdr_opaque_auth>, &back);
-  }
+  const std::string body(32748, 'x');
+  auto* bytes = reinterpret_cast<uint8_t*>(const_cast<char*>(body.data()));
+  rpc_call_message call = {1, kRpcCall, 2, 3, 4, 5, {1, bytes, 32744}, {1, bytes, 32744}};
+  EXPECT_NE(encoded(kCall, &call), "fails");
+  ++call.credential.length;
+  EXPECT_EQ(encoded(kCall, &call), "fails");
+  std::swap(call.credential, call.verifier);
+  EXPECT_EQ(encoded(kCall, &call), "fails");
+  opaque_auth back = {};
+  TestStream in(from_hex("00000001 00007FE9") + body);
+  EXPECT_FALSE(__brix_xdr_opaque_auth(in.get(), &back));
+}
+
+TEST(RpcMessage, CarriesDesBlocks) {
   uint8_t block[] = {1, 2, 3, 4, 5, 6, 7, 8};
   EXPECT_EQ(encoded(xdr_filter<__brix_xdr_des_block>, block), "0102030405060708");
 }
 
-TEST(RpcMessage, TellsWhatAReplyMeans) {
-  const std::string reply = "0000000900000001";
-  const std::string accepted = reply + "0000000000000002000000050102030405000000";
-  const std::tuple<std::string, bool, int, long, long> cases[] = {
-      {accepted + "00000000000000066162636465660000", true, RPC_SUCCESS, 0, 0},
-      {accepted + "00000001", true, 8, 0, 0},
-      {accepted + "0000000200000003FFFFFFFF", true, 9, 3, 4294967295},
-      {accepted + "00000003", true, 10, 0, 0},
-      {accepted + "00000004", true, 11, 0, 0},
-      {accepted + "00000005", true, 12, 0, 0},
-      {accepted + "00000006", true, 16, 0, 6},
-      {accepted + "FFFFFFFF", true, 16, 0, -1},
-      {reply + "00000001000000000000000200000003", true, 6, 2, 3},
-      {reply + "000000010000000100000009", true, 7, 9, 0},
-      {reply + "0000000100000002", false, 16, 1, 2},  // denied for no known reason
-      {reply + "00000002", false, 16, 2, 0},          // neither accepted nor denied
-      {reply + "000000000000000200007FE9", false, RPC_SUCCESS, 0, 0},  // the verifier is too long
-      {"0000000900000000" + accepted.substr(16), false, RPC_SUCCESS, 0, 0}};  // a call
-  for (const auto& [hex, decodes, status, s1, s2] : cases) {
-    SCOPED_TRACE(hex);
-    constexpr xdrproc_t kReply = xdr_filter<__brix_xdr_replymsg>;
+struct Reply {
+  const char* hex;  // behind the transaction and the direction
+  bool decodes;
+  int status;
+  rpc_err_words detail = {};
+};
+
+#define ACCEPTED "0000000000000002000000050102030405000000"
+constexpr Reply kReplies[] = {
+    {ACCEPTED "00000000000000066162636465660000", true, RPC_SUCCESS},
+    {ACCEPTED "00000001", true, RPC_PROGUNAVAIL},
+    {ACCEPTED "0000000200000003FFFFFFFF", true, RPC_PROGVERSMISMATCH, {3, 4294967295}},
+    {ACCEPTED "00000003", true, RPC_PROCUNAVAIL},
+    {ACCEPTED "00000004", true, RPC_CANTDECODEARGS},
+    {ACCEPTED "00000005", true, RPC_SYSTEMERROR},
+    {ACCEPTED "00000006", true, RPC_FAILED, {0, 6}},
+    {ACCEPTED "FFFFFFFF", true, RPC_FAILED, {0, -1}},
+    {"00000001000000000000000200000003", true, RPC_VERSMISMATCH, {2, 3}},
+    {"000000010000000100000009", true, RPC_AUTHERROR, {9, 0}},
+    {"0000000100000002", false, RPC_FAILED, {1, 2}},  // denied for no known reason
+    {"00000002", false, RPC_FAILED, {2, 0}},          // neither accepted nor denied
+};
+#undef ACCEPTED
+
+TEST(RpcMessage, SaysWhatAReplyMeans) {
+  for (const Reply& reply : kReplies) {
+    SCOPED_TRACE(reply.hex);
+    const std::string hex = std::string("0000000900000001") + reply.hex;
     char* text = nullptr;
     rpc_reply_message message = {};
     message.accepted.results = &text;
     message.accepted.results_filter = xdr_filter<__brix_xdr_wrapstring>;
-    if (decodes) expect_carried(kReply, hex, message);
-    EXPECT_EQ(kReply(TestStream(from_hex(hex)).get(), &message), decodes);
+    if (reply.decodes) expect_carried(kReply, hex, message);
+    EXPECT_EQ(kReply(TestStream(from_hex(hex)).get(), &message), reply.decodes);
     rpc_err error;
     memset(&error, 0xFF, sizeof error);
     __brix_seterr_reply(&message, &error);
-    EXPECT_TRUE(error.status == status && error.other.s1 == s1 && error.other.s2 == s2);
+    EXPECT_EQ(error.status, reply.status);
+    EXPECT_EQ(error.other.s1, reply.detail.s1);
+    EXPECT_EQ(error.other.s2, reply.detail.s2);
     __brix_xdr_free(kReply, &message);
     EXPECT_EQ(text, nullptr);
   }
+}
+
+TEST(RpcMessage, RefusesACallForAReply) {
+  rpc_reply_message message = {};
+  EXPECT_FALSE(kReply(TestStream(from_hex("000000090000000000000001")).get(), &message));
 }
 
 }  // namespace

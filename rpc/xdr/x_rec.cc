@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -366,10 +365,7 @@ bool __brix_xdrrec_create(XDR* xdrs, uint32_t send_size, uint32_t receive_size, 
   send_size = std::min(rpc_buffer_size(send_size), kXdrRecMaxFragment + kHeader);
   receive_size = rpc_buffer_size(receive_size);
   void* memory = calloc(1, sizeof(RecordStream) + send_size + size_t{receive_size});
-  if (memory == nullptr) {
-    errno = ENOMEM;
-    return false;
-  }
+  if (memory == nullptr) return false;
   auto* stream = static_cast<RecordStream*>(memory);
   stream->transport = transport;
   stream->read = read;

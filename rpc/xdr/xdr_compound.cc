@@ -1,7 +1,6 @@
 #include "rpc/xdr/xdr_compound.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -58,11 +57,10 @@ bool decode_new_array(XDR* xdrs, void** array, uint32_t* count, uint32_t element
     if (held == wanted) return true;
     held = xdr_next_piece(held, wanted);
     void* larger = realloc(*array, held * size);
-    if (larger == nullptr) break;
+    if (larger == nullptr) return false;
     *array = larger;
     memset(static_cast<uint8_t*>(larger) + *count * size, 0, (held - *count) * size);
   }
-  errno = ENOMEM;
   return false;
 }
 
