@@ -1,7 +1,6 @@
 #include "liblocal/startup/vxdirs.h"
 
 #include <atomic>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 
@@ -22,11 +21,7 @@ const char* default_appdir = nullptr;
 const char* chosen_appdir = nullptr;
 std::atomic<const char*> securedir;
 
-vx_mutex* mutex() {
-  vx_mutex* made = vx_mutex_made_once(&directory_mutex);
-  if (made == nullptr) raise(SIGTERM);
-  return made;
-}
+vx_mutex* mutex() { return vx_mutex_required(&directory_mutex); }
 
 // REQUIRES: directory_mutex is held.
 const char* appdir(const char* name) {

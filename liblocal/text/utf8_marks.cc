@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <csignal>
 
 #include "liblocal/base/vx_mutex.h"
 
@@ -17,11 +16,7 @@ std::atomic<int> marks[kMostMarks];
 std::atomic<int> mark_count;
 std::atomic<vx_mutex*> list_mutex;
 
-vx_mutex* list_lock() {
-  vx_mutex* mutex = vx_mutex_made_once(&list_mutex);
-  if (mutex == nullptr) raise(SIGTERM);
-  return mutex;
-}
+vx_mutex* list_lock() { return vx_mutex_required(&list_mutex); }
 
 int descriptor_of(FILE* stream) { return stream != nullptr ? fileno(stream) : -1; }
 
