@@ -68,9 +68,7 @@ TEST_F(DebugSignal, SetsDebug) {
       {"Debug=3x4", 3},
       {"Debug=3" + filler, 3},
       {"Debug=abc", 0},
-      {"Debug=-0", 0},
       {"Debug \n", 0},
-      {"Debug=2147483647", INT32_MAX},
       {"Debug=99999999999999999999", INT32_MAX},
       {filler.substr(8) + "Debug=34", 34},
       {filler.substr(7) + "Debug=34", 3}};  // its last byte is not read
@@ -93,8 +91,8 @@ TEST_F(DebugSignal, LeavesDebugToOtherCommands) {
 
 TEST_F(DebugSignal, SetsTheOtherLevels) {
   EXPECT_EQ(lines("vflag=7", 0), change("Vflag level", 0, 7));
-  EXPECT_EQ(Vflag, 7);
   EXPECT_EQ(lines("PRINTDEVINFO=8", -1), "");
+  EXPECT_EQ(Vflag, 7);
   EXPECT_EQ(PrintDevInfo, 8);
 }
 

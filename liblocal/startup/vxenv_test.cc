@@ -19,9 +19,9 @@ TEST(Vxenv, LeavesAsciiToThePlatform) {
   static char text[] = "KIV_ENV_TEST=a=b:\x7F";
   EXPECT_EQ(vxputenv(text), 0);
   EXPECT_EQ(vxgetenv(kName), text + sizeof kName);
-  EXPECT_EQ(vxputenv(nullptr), 0);
   unsetenv(kName);
   EXPECT_EQ(vxgetenv(kName), nullptr);
+  EXPECT_EQ(vxputenv(nullptr), 0);
 }
 
 TEST(Vxenv, ConvertsAndCutsOtherTexts) {
@@ -46,9 +46,6 @@ TEST(Vxenv, SaysThatThereIsNoMemory) {
   };
   EXPECT_EQ(printed(0, get), "kivtrap: Cannot allocate memory\n");
   EXPECT_EQ(errno, ENOMEM);
-  char text[] = "KIV_ENV_TEST=ü";
-  const FailingMalloc failing(0, 1);
-  EXPECT_EQ(vxputenv(text), -1);
 }
 
 TEST(AddToEnvironment, ReplacesOrPrepends) {
