@@ -58,15 +58,12 @@ TEST_F(CreateTest, OverUdp) {
 }
 
 TEST_F(CreateTest, ThisHostIsAskedOverLoopback) {
-  const std::vector<fakes::Interface> everybodys = {{1, "127.255.255.255"}};
-  fakes::interfaces = &everybodys;
-  for (const char* host : {"", "testhost", "192.0.2.1", "  manager", "everybody"}) {
+  for (const char* host : {"", "testhost", "192.0.2.1", "  testhost", "manager"}) {
     client_ = __brix_clnt_create(host, 5, 6, "udp");
     ASSERT_NE(client_, nullptr) << host;
     expect_server(4711);
     destroy();
   }
-  fakes::interfaces = nullptr;
 }
 
 TEST_F(CreateTest, WithAllowedMethods) {

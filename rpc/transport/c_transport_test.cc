@@ -225,17 +225,16 @@ TEST_P(TransportTest, DestroyGivesAGivenSocketItsModeBack) {
 }
 
 TEST_P(TransportTest, CreationWithoutMemoryLeavesNoSocket) {
-  serve();
-  destroy();
   auto descriptors = [] {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
   };
   const auto before = descriptors();
+  serve();
   refuse_each_allocation([this](const FailingMalloc& memory) {
-    create(GetParam(), kNobody + 1);
+    create(GetParam(), server_->port());
     if (memory.failed()) expect_not_created(RPC_SYSTEMERROR, ENOMEM);
   });
-  destroy();
+  TearDown();
   EXPECT_EQ(descriptors(), before);
 }
 
