@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "liblocal/hosts/is_mynam.h"
 #include "rpc/auth/auth.h"
 #include "tests/fakes.h"
 #include "tests/rpc_client.h"
@@ -58,12 +59,22 @@ TEST_F(CreateTest, OverUdp) {
 }
 
 TEST_F(CreateTest, ThisHostIsAskedOverLoopback) {
-  for (const char* host : {"", "testhost", "192.0.2.1", "  testhost", "manager"}) {
+  for (const char* host : {"", "testhost", "192.0.2.1", "  manager"}) {
     client_ = __brix_clnt_create(host, 5, 6, "udp");
     ASSERT_NE(client_, nullptr) << host;
     expect_server(4711);
     destroy();
   }
+}
+
+TEST_F(CreateTest, AHostOfAnOwnAddressIsAskedOverLoopback) {
+  ASSERT_EQ(is_myname("everybody"), 0);  // its name stays another host's
+  const std::vector<fakes::Interface> own = {{1, "127.255.255.255"}};
+  fakes::interfaces = &own;
+  client_ = __brix_clnt_create("everybody", 5, 6, "udp");
+  fakes::interfaces = nullptr;
+  ASSERT_NE(client_, nullptr);
+  expect_server(4711);
 }
 
 TEST_F(CreateTest, WithAllowedMethods) {
