@@ -159,7 +159,7 @@ TEST_F(CommandTest, UpTimeCountsFromTheBootRecord) {
   }
 }
 
-TEST_F(CommandTest, AgentAddress) {
+TEST_F(CommandTest, TheAgentAddressIsThatOfTheHostName) {
   const std::string hosts = machine::read_file("/etc/hosts");
   const struct {
     const char *name, *hosts;  // of this host

@@ -14,7 +14,7 @@ namespace {
 
 const fakes::NumberedTexts numbered;
 
-TEST(WrapLine, Breaks) {
+TEST(WrapLine, BreaksAtTheLastWhiteSpaceUpToThe42ndByte) {
   const std::string a38(38, 'a'), a40(40, 'a'), a41(41, 'a'), b20(20, 'b'), c19(19, 'c');
   const std::string x100(100, 'x'), blanks(60, ' ');
   // Lines, '|' where they are to be broken.
@@ -34,32 +34,31 @@ TEST(WrapLine, Breaks) {
   }
 }
 
-// Without memory for a line the next one gets its chance.
-TEST(Trap, EveryAllocationMayFail) {
+TEST(ReadMessage, WithoutMemoryForALineTheNextOneIsTheMessage) {
+  FILE* source = tmpfile();
+  fputs("line 1\nline 2\nline 3\n", source);
+  rewind(source);
+  utf8_fp(source);
+  const fakes::FailingMalloc failing(0, 1);
+  EXPECT_STREQ(read_message(source, false).get(), "line 2");
+}
+
+TEST(DeliverTrap, FailsWithoutMemoryAndSendsNothing) {
   if (machine::skip_without_ports()) return;
-  machine::UdpReceiver station(162);
+  const machine::UdpReceiver station(162);
   const TrapOptions options = {"public", "1", "1", nullptr, "127.0.0.1"};
-  bool failed = true;
-  for (int granted = 0; failed; ++granted) {
-    FILE* source = tmpfile();
-    fputs("line 1\nline 2\n", source);
-    rewind(source);
-    utf8_fp(source);
+  fakes::refuse_each_allocation([&](const fakes::FailingMalloc& failing) {
     testing::internal::CaptureStdout();
-    fakes::FailingMalloc failing(granted, 1);
-    const c_unique_ptr<char> message = read_message(source, false);
-    EXPECT_STREQ(message.get(), granted == 0 ? "line 2" : "line 1");
-    const int status = deliver_trap(options, "10.0.0.1", message.get());
-    failed = failing.failed();
-    EXPECT_EQ(status, failed && granted > 0 ? 1 : 0);
-    // Only the session says anything, and only of itself.
+    const int status = deliver_trap(options, "10.0.0.1", "disk full");
+    EXPECT_EQ(status, failing.failed() ? 1 : 0);
+    // Only opening the session reports a failure.
     EXPECT_THAT(testing::internal::GetCapturedStdout(),
                 testing::AnyOf("", "[41.27] Couldn't open snmp\n"));
     EXPECT_EQ(station.receive_now().has_value(), status == 0);
-  }
+  });
 }
 
-TEST(WantsWrappedText, LeavesNothingBehind) {
+TEST(WantsWrappedText, FreesTheClientOfItsQuestion) {
   if (machine::skip_without_ports()) return;
   const machine::RpcServer mapper(7938, "127.0.0.1", machine::port_mapper(4711));
   EXPECT_EQ(fakes::pieces_left_by([] { EXPECT_TRUE(wants_wrapped_text("127.0.0.1")); }), 0);
