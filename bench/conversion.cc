@@ -5,6 +5,7 @@
 #include <langinfo.h>
 
 #include <cstring>
+#include <string>
 
 #include "bench/compare.h"
 #include "bench/groups.h"
@@ -55,7 +56,7 @@ void measure(const std::string& title, size_t (*convert)(char*, const char*, siz
 
 }  // namespace
 
-void measure_conversion(const std::string& /*build*/) {
+void measure_conversion() {
   const struct {
     std::string title;
     const char* text;

@@ -1,13 +1,10 @@
-// The groups of measurements, one for each source. Each takes the directory of the build.
+// The groups of measurements, one for each source.
 #pragma once
 
-#include <string>
-
-void measure_command(const std::string& build);
-void measure_snmp(const std::string& build);
-void measure_rpc(const std::string& build);
-void measure_streams(const std::string& build);
-void measure_text(const std::string& build);
-void measure_conversion(const std::string& build);
-void measure_xdr(const std::string& build);
-void measure_hosts(const std::string& build);
+void measure_snmp();
+void measure_rpc();
+void measure_streams();
+void measure_text();
+void measure_conversion();
+void measure_xdr();
+void measure_hosts();

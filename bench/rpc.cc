@@ -42,7 +42,7 @@ int any_socket() {
 
 }  // namespace
 
-void measure_rpc(const std::string& /*build*/) {
+void measure_rpc() {
   sockaddr_in mapper;
   start_answerer(bound_socket(SOCK_DGRAM, kOwnMapperPort, &mapper), answer);
 

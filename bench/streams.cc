@@ -68,81 +68,70 @@ void without_delay(int fd) {
   setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
-// A client over a connection to a peer that repeats `serve`.
-struct Connection {
-  explicit Connection(bool (*serve)(int fd)) {
-    sockaddr_in address;
-    int listener = bound_socket(SOCK_STREAM, 0, &address);
-    require(listen(listener, 1) == 0);
-    start_peer([=] {
-      int accepted = accept(listener, nullptr, nullptr);
-      without_delay(accepted);
-      while (serve(accepted)) {
-      }
-      _exit(0);
-    });
-    close(listener);
-    require(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0);
-    without_delay(fd);
-    client = __brix_clnttcp_create(&address, 1, 1, &fd, 0, 0);
-    require(client != nullptr);
-    timeval limit = kLimit;
-    client->ops->control(client, CLSET_TIMEOUT, &limit);
-    xdrs = get_xdr_from_chandle(client);
-  }
-  ~Connection() {
-    client->ops->destroy(client);
-    close(fd);
-  }
-  Connection(const Connection&) = delete;
-  Connection& operator=(const Connection&) = delete;
+// A client over a connection to a peer that repeats `serve`. Stores the socket in `*fd`.
+CLIENT* connect_client(bool (*serve)(int fd), int* fd) {
+  sockaddr_in address;
+  int listener = bound_socket(SOCK_STREAM, 0, &address);
+  require(listen(listener, 1) == 0);
+  start_peer([=] {
+    int accepted = accept(listener, nullptr, nullptr);
+    without_delay(accepted);
+    while (serve(accepted)) {
+    }
+    _exit(0);
+  });
+  *fd = socket(AF_INET, SOCK_STREAM, 0);
+  require(connect(*fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0);
+  without_delay(*fd);
+  CLIENT* client = __brix_clnttcp_create(&address, 1, 1, fd, 0, 0);
+  require(client != nullptr);
+  timeval limit = kLimit;
+  client->ops->control(client, CLSET_TIMEOUT, &limit);
+  return client;
+}
 
-  // Receives as the client waits: it looks, selects and reads.
-  void receive(void* bytes, size_t size) const {
-    while (recv(fd, bytes, size, MSG_DONTWAIT) < 0) wait_readable(fd);
-  }
-
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  CLIENT* client;
-  XDR* xdrs;
-};
+// Receives as the client waits: it looks, selects and reads.
+void receive(int fd, void* bytes, size_t size) {
+  while (recv(fd, bytes, size, MSG_DONTWAIT) < 0) wait_readable(fd);
+}
 
 }  // namespace
 
-void measure_streams(const std::string& /*build*/) {
-  Connection caller(answer_call);
+void measure_streams() {
+  int fd = -1;
+  char byte = 0;
+  CLIENT* caller = connect_client(answer_call, &fd);
   compare(
       "RPC call over TCP", 1.15,
       [&] {
-        require(caller.client->ops->call(caller.client, 0, nullptr, nullptr, __brix_xdr_void,
-                                         nullptr, kLimit) == RPC_SUCCESS);
+        require(caller->ops->call(caller, 0, nullptr, nullptr, __brix_xdr_void, nullptr, kLimit) ==
+                RPC_SUCCESS);
       },
       [&] {
         char bytes[4000] = {};
-        require(write_all(caller.fd, bytes, kCallSize));
-        caller.receive(bytes, sizeof bytes);
+        require(write_all(fd, bytes, kCallSize));
+        receive(fd, bytes, sizeof bytes);
       });
 
-  char byte = 0;
-  Connection sender(take_record);
+  XDR* xdrs = get_xdr_from_chandle(connect_client(take_record, &fd));
   compare(
       "64 MiB sent through a record stream", 1.2,
       [&] {
-        sender.xdrs->operation = xdr_op::kEncode;
-        require(__brix_xdr_opaque(sender.xdrs, much, kMuch));
-        require(__brix_xdrrec_endofrecord(sender.xdrs, true));
-        sender.receive(&byte, 1);
+        xdrs->operation = xdr_op::kEncode;
+        require(__brix_xdr_opaque(xdrs, much, kMuch));
+        require(__brix_xdrrec_endofrecord(xdrs, true));
+        receive(fd, &byte, 1);
       },
-      [&] { require(write_record(sender.fd) && read_all(sender.fd, &byte, 1)); });
+      [&] { require(write_record(fd) && read_all(fd, &byte, 1)); });
 
-  Connection receiver(give_record);
+  xdrs = get_xdr_from_chandle(connect_client(give_record, &fd));
   compare(
       "64 MiB received through a record stream", 1.2,
       [&] {
-        require(write_all(receiver.fd, &byte, 1));
-        receiver.xdrs->operation = xdr_op::kDecode;
-        require(__brix_xdrrec_skiprecord(receiver.xdrs));
-        require(__brix_xdr_opaque(receiver.xdrs, much, kMuch));
+        require(write_all(fd, &byte, 1));
+        xdrs->operation = xdr_op::kDecode;
+        require(__brix_xdrrec_skiprecord(xdrs));
+        require(__brix_xdr_opaque(xdrs, much, kMuch));
       },
-      [&] { require(write_all(receiver.fd, &byte, 1) && read_record(receiver.fd)); });
+      [&] { require(write_all(fd, &byte, 1) && read_record(fd)); });
 }

@@ -33,7 +33,7 @@ struct Lines {
 
 }  // namespace
 
-void measure_text(const std::string& /*build*/) {
+void measure_text() {
   char text[256];
   constexpr const char* kMessage = "%s: no answer after %d tries\n";
   compare(
