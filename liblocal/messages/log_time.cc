@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 
 #include "liblocal/text/vxstrftime.h"
@@ -14,7 +15,7 @@ char shared_text[kLogTimeSize];
 std::atomic<long> utc_offset;  // seconds
 
 // Writes the last two digits of `number` and `end`; returns what follows.
-char* write_two(char* at, long number, char end) {
+char* write_two(char* at, int64_t number, char end) {
   *at++ = static_cast<char>('0' + number / 10 % 10);
   *at++ = static_cast<char>('0' + number % 10);
   *at++ = end;

@@ -191,7 +191,8 @@ bool take_socket(UdpRecord* record, int* socket) {
 // memory.
 UdpRecord* new_record(uint32_t send_size, uint32_t receive_size) {
   const uint64_t bytes = sizeof(UdpRecord) + uint64_t{receive_size} + send_size;
-  auto* record = bytes <= PTRDIFF_MAX ? static_cast<UdpRecord*>(malloc(bytes)) : nullptr;
+  if (bytes > PTRDIFF_MAX) return nullptr;
+  auto* record = static_cast<UdpRecord*>(malloc(static_cast<size_t>(bytes)));
   if (record == nullptr) return nullptr;
   *record = {};
   record->receive_size = receive_size;

@@ -42,7 +42,7 @@ uint64_t __brix_xdr_sizeof(xdrproc_t filter, void* object) {
 void* __brix_xdr_dup(xdrproc_t filter, void* object, uint32_t size) {
   uint64_t encoded_size = 0;
   if (!count_bytes(filter, object, &encoded_size) || encoded_size > INT32_MAX) return nullptr;
-  c_unique_ptr<uint8_t> encoded(static_cast<uint8_t*>(malloc(encoded_size)));
+  c_unique_ptr<uint8_t> encoded(static_cast<uint8_t*>(malloc(static_cast<size_t>(encoded_size))));
   if (encoded == nullptr ||
       !run_in_memory(filter, object, encoded.get(), encoded_size, xdr_op::kEncode)) {
     return nullptr;
