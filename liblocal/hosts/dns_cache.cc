@@ -8,6 +8,7 @@
 
 #include "liblocal/base/c_memory.h"
 #include "liblocal/base/liblvarp.h"
+#include "liblocal/base/vx_once.h"
 #include "liblocal/hosts/cluster.h"
 #include "liblocal/hosts/get_myad.h"
 #include "liblocal/hosts/localhost.h"
@@ -19,12 +20,18 @@ namespace {
 
 constexpr hostlist_limits kLimits = {.variable = "MAX_DNS_CACHE_SIZE", .least_maximum = 0x20000};
 
-// The lock of the caches, after all that must be done without it: what calls the releases at
-// exit holds a lock of its own, and this host's name is resolved only once.
-vx_mutex* lock_to_take() {
+vx_once_control prepared;
+
+// What must be done before the caches are locked: the releases run under the lock of the
+// registry, and this host's name may take long to resolve.
+void prepare() {
   liblocal_add_release(free_dns_hostlist_cache);
   char name[1];
   vx_getlocalhost(name, sizeof name);
+}
+
+vx_mutex* lock_to_take() {
+  vx_once(&prepared, prepare);
   return hostlist_cache_lock();
 }
 
