@@ -23,9 +23,9 @@ static struct Codeset {
   const char* name;
   bool combines = false;
   iconv_t from_utf8 = iconv_open(name, "UTF-8"), to_utf8 = iconv_open("UTF-8", name);
-} codesets[] = {{"ISO8859-1"},        {"ISO-8859-15"},  {"KOI8-R"}, {"EUC-JP"},
-                {"SHIFT_JIS"},        {"GB18030"},      {"EUC-KR"}, {"TCVN5712-1", true},
-                {"BIG5-HKSCS", true}, {"CP1255", true}, {"UTF-8"}};
+} codesets[] = {{"ISO8859-1"},        {"ISO-8859-15"},      {"EUC-JP"},       {"SHIFT_JIS"},
+                {"TCVN5712-1", true}, {"BIG5-HKSCS", true}, {"CP1255", true}, {"KOI8-R"},
+                {"GB18030"},          {"EUC-KR"},           {"UTF-8"}};
 static const Codeset* codeset;  // of this input
 
 static bool is_utf8() { return codeset == std::end(codesets) - 1; }

@@ -112,6 +112,7 @@ TEST_F(CommandTest, CommandLines) {
 }
 
 TEST_F(CommandTest, MessageIsTheFirstLineLessItsLastByte) {
+  if (locales_are_missing()) return;
   // At most 1022 bytes are read, and the last one goes: the line end or a real one.
   const std::string line(5000, 'y');
   const struct {
