@@ -183,7 +183,7 @@ TEST_F(VxidsOnItsMachine, SwitchBetweenUserAndRoot) {
 }
 
 TEST_F(VxidsOnItsMachine, WithoutRootsRights) {
-  for (uid_t effective : {2000, 1000}) {
+  for (uid_t effective : {2000U, 1000U}) {
     as_users(1000, effective, [effective] {
       expect_users(1000, effective);
       set_privileged();
