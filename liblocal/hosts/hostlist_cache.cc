@@ -72,8 +72,8 @@ int32_t maximum_of(const hostlist_limits* limits) {
 // Adds a step of null slots.
 bool grow(hostlist_cache* cache) {
   const int32_t step = cache->limits->step;
-  const auto capacity = static_cast<size_t>(cache->capacity + step);
-  void* larger = realloc(cache->table, capacity * sizeof *cache->table);
+  const size_t capacity = static_cast<size_t>(cache->capacity) + static_cast<size_t>(step);
+  void* larger = realloc(cache->table, capacity * sizeof(void*));
   if (larger == nullptr) {
     no_memory();
     return false;

@@ -140,7 +140,7 @@ int run_locked(Direction* direction, iconv_t descriptor, Conversion* conversion,
 // signs of its own for '\\' and '~', TCVN has letters in the place of controls.
 constexpr auto kPlain = [] {
   std::array<bool, 256> plain = {};
-  for (uint8_t byte = ' '; byte < '~'; ++byte) plain[byte] = byte != '\\';
+  for (uint8_t byte = ' '; byte <= '}'; ++byte) plain[byte] = byte != '\\';
   for (uint8_t byte = '\t'; byte <= '\r'; ++byte) plain[byte] = true;
   return plain;
 }();
