@@ -105,7 +105,6 @@ TEST_P(TransportTest, RefreshAndFallback) {
     bool confirmed = false;
     uint32_t allowed = kAuthMethodsDefault;  // only TCP has it
   } rows[] = {{"two at most", 99, kTooWeak, 9, 3, 99},
-              {"nothing weaker", 99, kRejected, 0, 1, 99},
               {"system to none", kAuthSystem, kRejected, 9, 2, kAuthNone},
               {"confirmed", kAuthSystem, kRejected, 1, 2, kAuthSystem, true},
               {"too weak", kAuthSystem, kTooWeak, 0, 1, kAuthSystem},
@@ -182,16 +181,6 @@ TEST_P(TransportTest, FailuresEndACall) {
   control(CLSET_FD_NCLOSE, client_);  // the number may be another's by now
 }
 
-TEST_P(TransportTest, RequestsThatAreRefused) {
-  serve();
-  for (uint32_t unknown : {0U, 7U, 10U, 19U, 38U, 69U}) EXPECT_FALSE(control(unknown, client_));
-  for (uint32_t request : {CLGET_TIMEOUT, CLGET_SERVER_ADDR, CLGET_FD, CLGET_AUTH_METHODS,
-                           CLSET_AUTH_METHODS, CLSET_WAIT_STATE}) {
-    EXPECT_FALSE(control(request, nullptr)) << request;
-  }
-  EXPECT_EQ(control(CLSET_FD_CLOSE, nullptr), is_tcp());
-}
-
 TEST_P(TransportTest, DestroyClosesASocketOfItsOwn) {
   for (bool own : {true, false}) {
     for (uint32_t request : {CLGET_FD, CLSET_FD_CLOSE, CLSET_FD_NCLOSE}) {
@@ -238,17 +227,6 @@ TEST_P(TransportTest, CreationWithoutMemoryLeavesNoSocket) {
   EXPECT_EQ(descriptors(), before);
 }
 
-TEST_P(TransportTest, CreationWithoutDescriptors) {
-  EXPECT_NE(create(GetParam(), kNobody, 65535), nullptr);
-  for (int given : {65536, -1}) {  // one that cannot be waited for, and none left
-    const DescriptorLimit none(0);
-    create(GetParam(), kNobody, given);
-    EXPECT_EQ(errno, EMFILE);
-    expect_not_created(RPC_SYSTEMERROR, EMFILE);
-    rpc_set_createerr(RPC_SUCCESS, 0);
-  }
-}
-
 TEST_P(TransportTest, ASocketThatCannotBeWaitedForIsBoundFirstOverUdpAlone) {
   next_socket = 65536;  // nothing is open there
   const std::string message = printed(0, [this] { create(GetParam(), kNobody); });
@@ -288,8 +266,10 @@ TEST_F(UdpTest, ACallIsSentAtEveryIntervalBelowTheLimit) {
   const struct {
     timeval interval, limit;
     size_t sent;
-  } rows[] = {{{5, 0}, {25, 0}, 5}, {{5, 0}, {25, 1}, 6}, {{1, 600000}, {3, 200001}, 3},
-              {{25, 0}, {1, 0}, 1}, {{0, 0}, {0, 1}, 1},  {{7, 0}, {0, 0}, 1}};
+  } rows[] = {{{5, 0}, {25, 0}, 5},
+              {{1, 600000}, {3, 200001}, 3},
+              {{0, 0}, {0, 1}, 1},
+              {{7, 0}, {0, 0}, 1}};
   size_t sent = 0;
   for (auto row : rows) {
     EXPECT_TRUE(control(CLSET_RETRY_TIMEOUT, &row.interval));
