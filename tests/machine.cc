@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <stdexcept>
 #include <system_error>
 
 namespace machine {
@@ -154,6 +155,8 @@ int main(int argc, char** argv) {
   return RUN_ALL_TESTS();
 }
 
+constexpr std::string_view kDigits = "0123456789ABCDEF";
+
 std::string from_hex(std::string_view digits) {
   std::vector<std::string> items(1);  // what is read of those that are open
   for (size_t i = 0; i < digits.size(); ++i) {
@@ -171,7 +174,9 @@ std::string from_hex(std::string_view digits) {
       items.back() += digits.substr(i + 1, end - i - 1);
       i = end;
     } else if (digits[i] != ' ') {
-      items.back() += static_cast<char>(std::stoi(std::string(digits.substr(i++, 2)), nullptr, 16));
+      const size_t high = kDigits.find(digits[i]), low = kDigits.find(digits.at(++i));
+      if (high == kDigits.npos || low == kDigits.npos) throw std::invalid_argument("no hex digit");
+      items.back() += static_cast<char>(high << 4 | low);
     }
   }
   return items.front();
@@ -180,7 +185,7 @@ std::string from_hex(std::string_view digits) {
 std::string to_hex(std::string_view bytes) {
   std::string digits;
   for (char byte : bytes) {
-    for (int digit : {byte >> 4 & 15, byte & 15}) digits += "0123456789ABCDEF"[digit];
+    for (int digit : {byte >> 4 & 15, byte & 15}) digits += kDigits[static_cast<size_t>(digit)];
   }
   return digits;
 }

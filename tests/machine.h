@@ -77,7 +77,7 @@ class MachineTest : public testing::Test {
   void SetUp() override { machine::skip_outside(); }
 };
 
-/// The bytes that hex digits stand for. Blanks are ignored, '...' is text, and (...) are
-/// contents behind their length in the shortest BER form.
+/// The bytes that upper-case hex digits stand for. Blanks are ignored, '...' is text, and (...)
+/// are contents behind their length in the shortest BER form. Throws for anything else.
 std::string from_hex(std::string_view digits);
 std::string to_hex(std::string_view bytes);

@@ -105,8 +105,11 @@ TEST(RpcMessage, SaysWhatAReplyMeans) {
 }
 
 TEST(RpcMessage, RefusesACallForAReply) {
-  rpc_reply_message message = {};
-  EXPECT_FALSE(kReply(TestStream(from_hex("000000090000000000000001")).get(), &message));
+  for (const char* direction : {"00000000", "00000001"}) {
+    TestStream in(from_hex("00000009") + from_hex(direction) + from_hex(kReplies[9].hex));
+    rpc_reply_message message = {};
+    EXPECT_EQ(kReply(in.get(), &message), direction[7] == '1');
+  }
 }
 
 }  // namespace
