@@ -129,7 +129,8 @@ TEST_F(PortTest, GroupsOfTheEnvironment) {
 }
 
 TEST_F(PortTest, OnlyTheRuntimesOwnServicesAreKept) {
-  for (unsigned program : {390113, 390103, 390109, 390110, 390107, 390105, 390104, 100003}) {
+  for (unsigned program :
+       {390113U, 390103U, 390109U, 390110U, 390107U, 390105U, 390104U, 100003U}) {
     populate_pmaps(program, 2, IPPROTO_TCP, 10, 0);
     populate_pmaps(program, 3, IPPROTO_UDP, 10, 1);
     add_pamp_to_env(program, 3);

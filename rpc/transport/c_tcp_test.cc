@@ -250,7 +250,7 @@ TEST_F(TcpTest, OneWayCallsLeaveWithTheNextCall) {
 // The peer takes two portions and goes.
 TEST_F(TcpTest, APartialWriteBeginsItsLimitAnew) {
   serve([this](RpcServer& peer) {
-    for (size_t size : {1, 1 << 20, 1 << 20}) {
+    for (uint32_t size : {1U, 1U << 20, 1U << 20}) {
       peer.read_bytes(size);
       await_steps();
     }
