@@ -146,7 +146,7 @@ TEST_F(RecordTest, DropsARecordOfWhichNothingLeft) {
 }
 
 TEST_F(RecordTest, BreaksWhenAPartOfARecordLeft) {
-  for (size_t room : {1, 100}) {  // a part of a fragment, and one of the fragments
+  for (size_t room : {1U, 100U}) {  // a part of a fragment, and one of the fragments
     decode(fragment(letters(1000)));
     EXPECT_EQ(get(4), "abcd");
     pipe_.room = room;
