@@ -1,7 +1,5 @@
 // kivtrap: sends one line of text to a management station as an SNMPv1 trap.
 
-#include <malloc.h>
-
 #include <cstdio>
 
 #include "liblocal/hosts/localhost.h"
@@ -15,10 +13,6 @@
 #include "trap/uptime.h"
 
 int main(int argc, char** argv) {
-  // The heap grows by what is asked for and no more. The runtime's large zeroed blocks then
-  // are fresh from the system, and only their pages that a run uses cost anything.
-  mallopt(M_TOP_PAD, 0);
-
   vx_set_progname(argv[0]);
   _vxinit("kiv", argc, argv);
 

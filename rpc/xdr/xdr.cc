@@ -60,7 +60,13 @@ bool skip_padding(XDR* xdrs, uint32_t length) {
 }
 
 bool get_length(XDR* xdrs, uint32_t* length, uint32_t maximum) {
-  return xdr_uint32_t(xdrs, length) && *length <= std::min(maximum, kXdrMaxBytes);
+  return xdrs->ops->get_int32(xdrs, reinterpret_cast<int32_t*>(length)) &&
+         *length <= std::min(maximum, kXdrMaxBytes);
+}
+
+bool put_length(XDR* xdrs, uint32_t length) {
+  const auto unit = static_cast<int32_t>(length);
+  return xdrs->ops->put_int32(xdrs, &unit);
 }
 
 // Reads `wire_bytes` into a new buffer of `capacity` bytes, which is not smaller.
@@ -92,7 +98,7 @@ bool release(T** memory) {
 }
 
 bool encode_bytes(XDR* xdrs, const void* bytes, uint32_t size, uint32_t maximum) {
-  return size <= std::min(maximum, kXdrMaxBytes) && xdr_uint32_t(xdrs, &size) &&
+  return size <= std::min(maximum, kXdrMaxBytes) && put_length(xdrs, size) &&
          xdrs->ops->put_bytes(xdrs, bytes, size) && put_padding(xdrs, size);
 }
 
@@ -116,9 +122,9 @@ uint32_t string_piece(uint32_t size) { return size + (xdr_padding(size) == 1 ? 1
 bool encode_string(XDR* xdrs, const char* text, uint32_t maximum) {
   const size_t length = text != nullptr ? strlen(text) : 0;
   if (length > std::min(maximum, kXdrMaxBytes)) return false;
-  auto size = static_cast<uint32_t>(length);
+  const auto size = static_cast<uint32_t>(length);
   const uint32_t piece = string_piece(size);
-  return xdr_uint32_t(xdrs, &size) && xdrs->ops->put_bytes(xdrs, text, piece) &&
+  return put_length(xdrs, size) && xdrs->ops->put_bytes(xdrs, text, piece) &&
          put_padding(xdrs, piece);
 }
 
