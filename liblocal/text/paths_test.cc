@@ -141,6 +141,13 @@ TEST(Vxpath, TakesPathsApartAndCutsThemToTheBuffer) {
   }
 }
 
+TEST(Vxpath, NullsAreRefused) {
+  char buffer[2];
+  EXPECT_EQ(vx_path_dirname(nullptr, buffer, 2), -1);
+  EXPECT_EQ(vx_path_basename("a", nullptr, 2), -1);
+  EXPECT_EQ(path_concat(nullptr, nullptr), nullptr);
+}
+
 TEST(Vxpath, JoinsPaths) {
   const struct {
     const char *directory, *name, *path;

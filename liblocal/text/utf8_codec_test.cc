@@ -43,13 +43,17 @@ TEST(Utf8Codec, EncodesAndDecodesTheBoundariesOfEveryLength) {
   }
 }
 
-TEST(Utf8Codec, NulsAndValuesOutOfRange) {
+TEST(Utf8Codec, NulsNullsAndValuesOutOfRange) {
   char encoded[kUtf8MaxLength];
   wchar_t decoded = -1;
   EXPECT_EQ(utf8_mbtowc(&decoded, "", 1), 0);
   EXPECT_EQ(decoded, 0);
   EXPECT_EQ(is_utf8_mb("a\0日", 5), 1) << "a NUL is a character";
   EXPECT_EQ(utf8_wctomb(encoded, static_cast<wchar_t>(0x80000000)), -1);
+  EXPECT_EQ(utf8_wctomb(nullptr, L'a'), 0);
+  EXPECT_EQ(utf8_mblen(nullptr, 1), -1);
+  EXPECT_EQ(utf8_mbslen(nullptr), 0);
+  EXPECT_EQ(num_chars_in_utf8_str(nullptr), 0);
 }
 
 TEST(Utf8Codec, ValidityAndCounts) {
@@ -105,6 +109,18 @@ TEST(Utf8Wide, InEverySizeOfArea) {
   }
 }
 
+TEST(Utf8Wide, NothingIsStoredWithoutTextOrRoom) {
+  wchar_t wide = L'!';
+  char byte = '!';
+  EXPECT_EQ(utf8_mbstowcs(nullptr, "a", 2), 0U);
+  EXPECT_EQ(utf8_mbstowcs(&wide, nullptr, 1), 0U);
+  EXPECT_EQ(utf8_mbstowcs(&wide, "a", 0), 0U);
+  EXPECT_EQ(utf8_wcstombs(&byte, nullptr, 1), 0U);
+  EXPECT_EQ(utf8_wcstombs(&byte, L"a", 0), 0U);
+  EXPECT_EQ(wide, L'!');
+  EXPECT_EQ(byte, '!');
+}
+
 TEST(Utf8Wide, WholeStrings) {
   for (const std::wstring& text : {std::wstring(L"ab"), std::wstring(1, 0x7FFFFFFF)}) {
     const c_unique_ptr<char> bytes(wcs_to_utf8(text.c_str()));
@@ -130,7 +146,11 @@ TEST(CharColumns, OfEveryRange) {
   }
 }
 
-TEST(CharColumns, OfATextWithACutCharacter) { EXPECT_EQ(utf8_ttystrlen("é日a\xE6\x97"), 6U); }
+TEST(CharColumns, OfStrayBytesAndACutCharacter) {
+  EXPECT_EQ(utf8_ttystrlen("\x80\xBF\xBF"), 3U);
+  EXPECT_EQ(utf8_ttystrlen("\xEF\x7Fz\xEF\xC0z"), 2U);
+  EXPECT_EQ(utf8_ttystrlen("é日a\xE6\x97"), 6U);
+}
 
 TEST(Mbt, BytesThereAndBack) {
   const struct {
@@ -146,6 +166,15 @@ TEST(Mbt, BytesThereAndBack) {
     EXPECT_STREQ(output, raw);
     EXPECT_EQ(vx_mbtstombs(output, carried, 2), 0) << "no room for the terminator";
   }
+}
+
+TEST(Mbt, Nulls) {
+  char output[2];
+  EXPECT_EQ(vx_mbstombts(nullptr, "a", 2), 0);
+  EXPECT_EQ(vx_mbstombts(output, nullptr, 2), 0);
+  EXPECT_EQ(vx_mbtstombs(nullptr, "a", 2), 0);
+  EXPECT_EQ(vx_mbtstombs(output, nullptr, 2), 0);
+  EXPECT_EQ(containsMBT(nullptr), 0);
 }
 
 TEST(Mbt, ATransparentByteAsksForFour) {

@@ -114,6 +114,17 @@ TEST(Utf8Convert, CountsAndCutsOfAreasThatAreTooSmall) {
   }
 }
 
+TEST(Utf8Convert, NullsAndNoRoom) {
+  char area[] = "!";
+  EXPECT_EQ(ansi_mbs(nullptr, "a", 2), 0U);
+  EXPECT_EQ(utf8_mbs(nullptr, "a", 2), 0U);
+  EXPECT_EQ(utf8_mbs(area, "a", 0), 0U);
+  EXPECT_STREQ(area, "!");
+  EXPECT_EQ(ansi_mbs(area, nullptr, 2), 0U);
+  EXPECT_STREQ(area, "");
+  EXPECT_EQ(ansi_mbslen(nullptr), 0);
+}
+
 // The converter holds a character back that may combine with the next one. In a small area it is
 // not cut from it, and parts of a text are its whole.
 TEST(Utf8Convert, CombiningCharactersStayWhole) {

@@ -151,6 +151,7 @@ TEST(ConvertedStream, ALineInTransparentBytes) {
   EXPECT_EQ(vx_fgetmbts(buffer, sizeof buffer, file), nullptr) << "it does not fit";
   EXPECT_EQ(errno, ERANGE);
   EXPECT_STREQ(vx_fgetmbts(buffer, sizeof buffer, file), "next\n");
+  EXPECT_EQ(vx_fgetmbts(buffer, sizeof buffer, file), nullptr) << "the end";
   vxfclose(file);
 }
 
@@ -222,6 +223,23 @@ TEST(ConvertedStream, ADescriptorThatDoesNotWaitGivesWholeCharacters) {
   });
 }
 
+TEST(Streams, ABufferOfOneByteTakesNothing) {
+  FILE* file = file_of("a\n");
+  char buffer = '!';
+  EXPECT_EQ(vxfgets(&buffer, 0, file), nullptr);
+  EXPECT_EQ(buffer, '!');
+  EXPECT_STREQ(vxfgets(&buffer, 1, file), "");
+  vxfclose(file);
+}
+
+TEST(Streams, AReadErrorGivesNull) {
+  FILE* file = fopen("/", "r");
+  char buffer[8];
+  EXPECT_EQ(vxfgets(buffer, sizeof buffer, file), nullptr);
+  EXPECT_EQ(errno, EISDIR);
+  vxfclose(file);
+}
+
 // Bodies run in a process of their own: they replace its standard streams.
 
 TEST(StandardInput, VxgetsReadsLinesWithoutTheirEnd) {
@@ -258,6 +276,17 @@ TEST(StandardOutput, TextIsConvertedInPieces) {
     EXPECT_EQ(vxfputs(nullptr, stdout), -1);
     fflush(stdout);
     EXPECT_EQ(machine::read_file(path), "\xA4" + middle + "\xA4\xA4\xE9\n\né");
+  });
+}
+
+TEST(StandardOutput, AFullDiskIsAnError) {
+  in_locale("", [] {
+    ASSERT_NE(freopen("/dev/full", "w", stdout), nullptr);
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    EXPECT_EQ(vxfputs("é", stdout), -1);
+    EXPECT_EQ(vxputs("é"), -1);
+    EXPECT_EQ(vxputs(""), -1) << "the line end";
+    EXPECT_EQ(vxputs(nullptr), -1);
   });
 }
 
