@@ -74,7 +74,7 @@ TEST(Utf8Convert, ByLocale) {
 TEST(Utf8Convert, CharactersThatTheCodesetLacks) {
   in_locale("ISO-8859-15", [] {
     std::string text, wanted;
-    for (int i = 0; i < 30; ++i) {
+    for (size_t i = 0; i < 30; ++i) {
       text += "\xF0\x9F\x98\x80é\xFD\xBF\xBF\xBF\xBF\xBF" + std::string(i, '\xFF') + "€";
       wanted += "?\xE9?" + std::string(i, '\xFF') + "\xA4";
     }
