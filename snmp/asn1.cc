@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr uint8_t kMultiByteTag = 0x1F;  // low five bits of a tag that goes on
+constexpr uint8_t kMultiByteTag = 0x1F;  // low five bits of a tag that continues
 constexpr uint64_t kLongForm = 0x80;     // a length byte that counts length bytes
 constexpr uint8_t kMoreGroups = 0x80;    // not the last byte of a sub-identifier
 constexpr uint8_t kSignBit = 0x80;
@@ -19,7 +19,7 @@ constexpr int32_t kShortHeader = asn_header_size(kAsnMaxObjidBytes);
 static_assert(kShortHeader == asn_header_size(0));
 
 // Writes `number` in base 128, most significant group first. Returns the position past
-// it, or nullptr when it would pass `end`.
+// it, or null when it would pass `end`.
 uint8_t* put_subid(uint8_t* at, const uint8_t* end, uint64_t number) {
   if (number > 0x7F) {
     int shift = 7;

@@ -430,6 +430,26 @@ TEST_F(SessionTest, ASynchronousRequestEndsWithItsSession) {
   EXPECT_EQ(ask_and_wait(session), kSnmpSynchError);
 }
 
+// The allocator likes to give the memory of what was closed to what is opened next.
+TEST_F(SessionTest, ASynchronousRequestThatEndedIsNotTakenForALaterOne) {
+  snmp_session* session = open_synchronous();
+  snmp_session* other = open();
+  request_record* request = ask(other);
+  request->expires_at = {};
+  request->retries = other->retries;
+  answer(other, kRequest);
+  wanted.retries = 1;
+  wanted.timeout = 200000;
+  snmp_session* next = nullptr;
+  expect_message(other).WillOnce([&] { return snmp_close(session); });
+  expect_call(kSnmpTimedOut, other).WillOnce([&] {
+    next = open();
+    return snmp_send(next, make_pdu(kSnmpGetRequest, 9));
+  });
+  EXPECT_EQ(ask_and_wait(session), kSnmpSynchError);
+  EXPECT_EQ(pending(next), 1);
+}
+
 // Meanwhile nothing more is offered to the request that the callback is called for.
 TEST_F(SessionTest, ACallbackMayAskAndWait) {
   for (const int operation : {kSnmpReceivedMessage, kSnmpTimedOut}) {

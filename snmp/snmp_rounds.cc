@@ -9,7 +9,7 @@ int snmp_errno = 0;
 
 namespace {
 
-int rounds = 0;                           // under way: 2 while a callback waits, else 1 or 0
+int rounds = 0;                           // under way, one within the other
 session_entry* closed_entries = nullptr;  // closed since the outermost round began
 
 session_entry** find_link(const snmp_session* session) {

@@ -1,4 +1,3 @@
-
 #include "liblocal/messages/catgets.h"
 #include "snmp/snmp_api.h"
 

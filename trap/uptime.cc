@@ -11,8 +11,8 @@ unsigned long boot_uptime() {
   if (const utmp* boot = getutid(&key); boot != nullptr) {
     timeval now{};
     gettimeofday(&now, nullptr);
-    long seconds = now.tv_sec - boot->ut_tv.tv_sec;
-    uptime = static_cast<unsigned long>(seconds * 100 + now.tv_usec / 10000);
+    const auto seconds = static_cast<unsigned long>(now.tv_sec - boot->ut_tv.tv_sec);
+    uptime = seconds * 100 + static_cast<unsigned long>(now.tv_usec / 10000);
   }
   endutent();
   return uptime;

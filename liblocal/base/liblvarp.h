@@ -36,7 +36,7 @@ struct vx_text_buffer {
 struct liblocal_t_varp {
   char strerror_text[kErrorTextSize];  ///< brix_strerror
   vx_error_record saved_error;         ///< err_save; its text is owned
-  vx_error_record current_error;       ///< err_set and its kin
+  vx_error_record current_error;       ///< err_set, err_setall, err_setstr, err_dup
   char* accrued_text;                  ///< err_accrue; owned
   int32_t accruing;                    ///< 1 while printerr hands its messages to err_accrue
   char* message;                       ///< err_setstr: kMessageSize bytes; owned

@@ -1,5 +1,5 @@
-// The per-thread library record ("orvane"): the thread's identity and its last error. Its
-// source uses no primitive that records errors, so every primitive may record one.
+// The per-thread library record ("orvane"): the thread's identity and its last error. Making
+// it uses no primitive that records errors, so every primitive may record one.
 #pragma once
 
 #include <cstdint>

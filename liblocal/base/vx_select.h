@@ -6,32 +6,29 @@
 
 #include <sys/time.h>
 
-#include <algorithm>
-#include <cstdint>
+#include <climits>
 
-constexpr int kVxFdSetSize = 65536;  ///< descriptors that a set can name: 0 to 65535
+constexpr int kVxFdSetSize = 65536;                              ///< descriptors: 0 to 65535
+constexpr int kVxFdWordBits = CHAR_BIT * sizeof(unsigned long);  ///< of a word of a set
 
-/// A set of descriptors, one bit each.
+/// A set of descriptors, one bit each, in the words that select(2) reads.
 struct vx_fd_set {
-  uint64_t words[kVxFdSetSize / 64];
+  unsigned long words[kVxFdSetSize / kVxFdWordBits];
 };
 
 /// Empties `set`.
 inline void VX_FD_ZERO(vx_fd_set* set) { *set = {}; }
 
-/// Empties the part of `set` that a wait for descriptors up to `fd` reads. The whole set is 8 KiB.
-///
-/// REQUIRES: `fd` is 0 to 65535.
-inline void VX_FD_ZERO_UP_TO(int fd, vx_fd_set* set) { std::fill_n(set->words, fd / 64 + 1, 0); }
-
 /// Adds `fd` to `set`. A descriptor outside 0 to 65535 is not added.
 inline void VX_FD_SET(int fd, vx_fd_set* set) {
-  if (fd >= 0 && fd < kVxFdSetSize) set->words[fd / 64] |= uint64_t{1} << (fd % 64);
+  if (fd < 0 || fd >= kVxFdSetSize) return;
+  set->words[fd / kVxFdWordBits] |= 1UL << (fd % kVxFdWordBits);
 }
 
 /// True when `fd` is in `set`; never for a descriptor outside 0 to 65535.
 [[nodiscard]] inline bool VX_FD_ISSET(int fd, const vx_fd_set* set) {
-  return fd >= 0 && fd < kVxFdSetSize && (set->words[fd / 64] >> (fd % 64) & 1) != 0;
+  return fd >= 0 && fd < kVxFdSetSize &&
+         (set->words[fd / kVxFdWordBits] >> (fd % kVxFdWordBits) & 1) != 0;
 }
 
 /// Waits as the platform's select: until a descriptor below `count` is ready for

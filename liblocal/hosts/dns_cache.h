@@ -26,7 +26,7 @@ constexpr int64_t kUnresolvedSeconds = 300;  ///< a name is not asked for again 
 extern hostlist_cache dns_hostlist_cache;
 
 /// Locks the caches for a scope. It first makes sure that the DNS cache has this host's name,
-/// and waits for the resolver without the lock. Within another hold it does nothing.
+/// and waits for the resolver without the lock. Within another hold it locks nothing.
 class DnsCacheHold {
  public:
   DnsCacheHold();

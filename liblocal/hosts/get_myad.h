@@ -2,7 +2,8 @@
 //
 // Thread safety: all operations may be called from any thread, also while the process exits.
 // The table of get_myaddrs is rebuilt under a lock by whoever asks: read its slots with
-// read_myaddr while other threads may ask.
+// read_myaddr while other threads may ask. A child that was forked while another thread had
+// the lock waits for it without end.
 #pragma once
 
 #include <netinet/in.h>

@@ -42,9 +42,9 @@ host_entry* take_entry(hostlist_cache* cache) {
 bool extend_around(hostlist_cache* cache, host_entry* host) {
   const uint32_t state = host->state;
   host->state = HOST_PINNED;
-  const bool extended = hostlist_cache_extend(cache);
+  (void)hostlist_cache_extend(cache);  // without memory the slots that are left still serve
   host->state = state;
-  return extended && free_slots(cache) > 0;
+  return free_slots(cache) > 0;
 }
 
 // Where an entry belongs in a table that does not have its name.

@@ -45,9 +45,9 @@ int samehost(const char* name1, const char* name2) {
   if (host == nullptr) return 0;
   host->state = HOST_PINNED;
   const host_entry* other = second.host();
-  const bool kept = host->state == HOST_PINNED;  // not dropped by the second look-up
-  if (kept) host->state = HOST_LIVE;
-  return kept && host == other ? 1 : 0;
+  if (host->state == HOST_PINNED) host->state = HOST_LIVE;
+  // The second look-up may have moved the first name to the second one's host.
+  return other != nullptr && other == first.host() ? 1 : 0;
 }
 
 char* get_primaryhostname(const char* name) {

@@ -69,19 +69,19 @@ bool take_as_it_is(const char* path, char* output, size_t size, bool follow) {
 }
 
 // The current directory, to change back to: by its name, or else by a descriptor.
-class HomeDirectory {
+class CurrentDirectory {
  public:
   // `path` is what the debug lines name.
-  explicit HomeDirectory(const char* path)
+  explicit CurrentDirectory(const char* path)
       : path_(path), itself_(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)) {
     known_ = brix_getcwd(name_, sizeof name_) != nullptr;
     if (!known_) trace(1, "fullpath(%s): cannot determine current directory\n", path);
   }
-  ~HomeDirectory() {
+  ~CurrentDirectory() {
     if (itself_ >= 0) close(itself_);
   }
-  HomeDirectory(const HomeDirectory&) = delete;
-  HomeDirectory& operator=(const HomeDirectory&) = delete;
+  CurrentDirectory(const CurrentDirectory&) = delete;
+  CurrentDirectory& operator=(const CurrentDirectory&) = delete;
 
   bool known() const { return known_; }
   const char* name() const { return name_; }
@@ -167,7 +167,8 @@ bool enter(const char* directory) {
 }
 
 // Writes the system's name of `directory` into `output`.
-bool name_directory(const char* directory, const HomeDirectory& home, char* output, size_t size) {
+bool name_directory(const char* directory, const CurrentDirectory& home, char* output,
+                    size_t size) {
   if (!enter(directory)) return false;
   bool named = brix_getcwd(output, size) != nullptr;
   if (!named) trace(1, "getcwd failed on %s\n", directory);
@@ -176,7 +177,7 @@ bool name_directory(const char* directory, const HomeDirectory& home, char* outp
 
 // Writes the system's name of the directory of `path`, and behind it the last component of
 // `path`, into `output`.
-bool name_file(char* path, const HomeDirectory& home, char* output, size_t size) {
+bool name_file(char* path, const CurrentDirectory& home, char* output, size_t size) {
   char* slash = strrchr(path, '/');
   if (slash == nullptr) return join(home.name(), path, output, size);
   *slash = '\0';
@@ -209,7 +210,7 @@ bool find_from_here(const char* path, char* output, size_t size, unsigned flags)
   text_copy_cut(path, given, sizeof given);
   text_copy_cut(path, copy, sizeof copy);
   strip_trailing_slashes(copy);
-  HomeDirectory home(given);
+  CurrentDirectory home(given);
   if (!home.known()) return false;
   if (kind != Kind::kDirectory) {
     if (follow && !follow_links(given, copy)) return false;

@@ -60,7 +60,7 @@ void set_nonprivileged() {
   const Ids& ids = saved_ids();
   trace_before("set_nonprivileged");
   if (drop_uid == 0 || ids.real_user == ids.effective_user) return;
-  [[maybe_unused]] int result = setreuid(kRoot, ids.real_user);  // not to be reported
+  [[maybe_unused]] int result = setreuid(kRoot, ids.real_user);  // a failure is not reported
   trace_after("set_nonprivileged");
 }
 
