@@ -124,7 +124,7 @@ void I18nArguments::take(I18nKind kind, I18nValue* value) {
       value->integer = va_arg(list_, int);
       break;
     case I18nKind::kLong:
-      value->integer = va_arg(list_, int64_t);
+      value->integer = va_arg(list_, long);
       break;
     case I18nKind::kDouble:
       value->real = va_arg(list_, double);

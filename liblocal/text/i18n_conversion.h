@@ -13,7 +13,7 @@ enum class I18nKind : uint8_t { kInt, kLong, kDouble, kLongDouble, kString };
 
 /// An argument, in the member of its kind.
 union I18nValue {
-  int64_t integer;  // an int, or a 64-bit integer or pointer
+  long integer;  // an int, a long or a pointer
   double real;
   long double extended;
   const char* text;  // never null

@@ -37,7 +37,7 @@ class Output {
     return resize(capacity_ + count + kSlack);
   }
 
-  // Appends what there is room for.
+  // Appends `length` bytes, for which there is room.
   void append(const char* text, size_t length) {
     memcpy(start_ + used_, text, length);
     used_ += length;
@@ -83,8 +83,7 @@ bool Output::print(const char* format, T value) {
   if (length < 0) return true;  // no text for such a conversion
   const auto count = static_cast<size_t>(length);
   if (!reserve(count)) return false;
-  snprintf(start_ + used_, count + 1, format, value);
-  used_ += count;
+  if (snprintf(start_ + used_, count + 1, format, value) == length) used_ += count;
   return true;
 }
 #pragma GCC diagnostic pop
@@ -174,12 +173,13 @@ bool is_plain_integer(const I18nConversion& conversion) {
 bool print_plain_integer(Output* output, const I18nConversion& conversion) {
   char digits[24];
   char* end = digits + sizeof digits;
-  const int64_t value = conversion.argument.integer;
+  const long value = conversion.argument.integer;
   const bool is_long = conversion.kind == I18nKind::kLong;
   if (last_letter(conversion) == 'd') {
     end = std::to_chars(digits, end, is_long ? value : static_cast<int>(value)).ptr;
   } else {
-    const auto bits = is_long ? static_cast<uint64_t>(value) : static_cast<uint32_t>(value);
+    const auto bits =
+        is_long ? static_cast<unsigned long>(value) : static_cast<unsigned int>(value);
     end = std::to_chars(digits, end, bits, last_letter(conversion) == 'x' ? 16 : 10).ptr;
   }
   const std::string_view text(digits, static_cast<size_t>(end - digits));

@@ -6,7 +6,7 @@
 //   in bytes, and never prints part of a character. Blanks fill its width; of its flags
 //   only a '-' that comes last counts, and a negative width fills nothing. A null
 //   pointer prints "null".
-// - One length letter counts: "%ld" takes a 64-bit value, "%hd" an int, "%Lf" a long
+// - One length letter counts: "%ld" takes a long, "%hd" an int, "%Lf" a long
 //   double. "%lld", "%hhd", "%zu" and their kin do not exist, though the attribute below
 //   lets a compiler take them: "%ll", "%hh" and "%z" print nothing, and what follows is text.
 // - "%m" takes an int, as every other letter does, and prints the text of `errno` all the same.

@@ -35,8 +35,10 @@ bool is_converted(FILE* stream) { return !utf8_is_marked(fileno(stream)); }
 // on the signal before any text is read. Returns the number of bytes; 0 with `area` as it was at
 // the end of the file, and 0 on an error. A stream that does not wait gives what is there.
 size_t read_line(char* area, size_t size, FILE* stream, bool marked) {
+  const int saved_errno = errno;
   size_t length = 0;
   while (length + 1 < size) {
+    errno = 0;
     const int byte = getc_unlocked(stream);
     if (byte != EOF) {
       area[length++] = static_cast<char>(byte);
@@ -49,6 +51,7 @@ size_t read_line(char* area, size_t size, FILE* stream, bool marked) {
       clearerr_unlocked(stream);
     }
   }
+  if (errno == 0) errno = saved_errno;
   return length;
 }
 

@@ -4,7 +4,7 @@
 // the end of input and for an exception on the socket), RPC_TIMEDOUT, RPC_CANCELLED.
 //
 // When a wait function cancels after a transfer is done, the transfer counts, so that
-// no byte is lost, and all further ones of the call fail.
+// no byte is lost, and all further ones fail until the next call begins.
 #pragma once
 
 #include <cstdint>

@@ -11,5 +11,5 @@ enum class BlockingMode : int32_t { kNever = 0, kWithoutLimit = 1, kAlways = 2 }
 [[nodiscard]] BlockingMode tcp_blocking_mode();
 
 /// Whether the socket buffers keep the system's sizes: "KIV_SOCK_BUF_UNSET", read on
-/// the first call, begins with y or Y. Then a debug line tells it once.
+/// the first call, begins with y or Y. Then a debug line says it once.
 [[nodiscard]] bool tcp_keeps_socket_buffers();

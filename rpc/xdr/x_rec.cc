@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -79,8 +80,8 @@ bool send(RecordStream* stream, uint32_t buffered, const void* bytes, uint32_t l
   return false;
 }
 
-// Makes room: the fragment so far leaves. An empty one lets the records before it go;
-// without any there would be room.
+// Makes room: the fragment so far leaves. When it is empty, the records before it
+// leave; without these there would be room.
 bool send_fragment(RecordStream* stream) {
   uint32_t length = fragment_length(stream);
   if (length == 0) return send(stream, stream->out_header, nullptr, 0);
@@ -222,7 +223,7 @@ bool next_fragment(RecordStream* stream) {
   return accept_fragment(stream, xdr_load<uint32_t>(stream->in_header));
 }
 
-// Goes to the next byte of the record; false at its end and on failure.
+// Enters the fragment with the next byte of the record; false at its end and on failure.
 bool enter_data(RecordStream* stream) {
   while (stream->in_left == 0) {
     if (stream->in_last || !next_fragment(stream)) return false;
@@ -364,8 +365,12 @@ bool __brix_xdrrec_create(XDR* xdrs, uint32_t send_size, uint32_t receive_size, 
   // What a buffer holds has to be an acceptable fragment.
   send_size = std::min(rpc_buffer_size(send_size), kXdrRecMaxFragment + kHeader);
   receive_size = rpc_buffer_size(receive_size);
-  void* memory = calloc(1, sizeof(RecordStream) + send_size + size_t{receive_size});
-  if (memory == nullptr) return false;
+  const uint64_t size = sizeof(RecordStream) + uint64_t{send_size} + receive_size;
+  void* memory = size <= PTRDIFF_MAX ? calloc(1, static_cast<size_t>(size)) : nullptr;
+  if (memory == nullptr) {
+    errno = ENOMEM;
+    return false;
+  }
   auto* stream = static_cast<RecordStream*>(memory);
   stream->transport = transport;
   stream->read = read;

@@ -15,7 +15,8 @@
 // may leave allocated memory in the object: release it with __brix_xdr_free and the same
 // filter.
 //
-// Memory held for a peer never exceeds what the peer has sent by more than a factor. Counted
+// Memory held for a peer never exceeds what the peer has sent by more than a factor, but for
+// array elements that take nothing on the wire, which the caller's maximum bounds. Counted
 // bytes that the stream cannot hold fail before anything is allocated. Where the stream
 // cannot tell what it holds, and for arrays of unknown size on the wire, memory grows with
 // what has arrived.
