@@ -47,7 +47,10 @@ int samehost(const char* name1, const char* name2) {
   const host_entry* other = second.host();
   if (host->state == HOST_PINNED) host->state = HOST_LIVE;
   // The second look-up may have moved the first name to the second one's host.
-  return other != nullptr && other == first.host() ? 1 : 0;
+  const host_entry* now = dns_cache_is_local_word(first.text())
+                              ? dns_hostlist_cache.local_host
+                              : hostlist_cache_host(&dns_hostlist_cache, first.text());
+  return other != nullptr && other == now ? 1 : 0;
 }
 
 char* get_primaryhostname(const char* name) {
