@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "liblocal/base/c_memory.h"
+#include "liblocal/text/vxprint.h"
 #include "tests/fakes.h"
 
 // The formats are made up, or wrong on purpose.
@@ -129,6 +130,11 @@ TEST(Format, WithoutMemoryToGrowTheTextEndsBeforeWhatLacksRoom) {
   EXPECT_EQ(length_in_first_area("ab%d%2$s", 5, text.c_str()), 3);
   EXPECT_EQ(length_in_first_area("ab%d%30000d", 5, 1), 3);
   EXPECT_EQ(length_in_first_area("ab%d%99999999999d", 5, 1), 3);
+}
+
+TEST(Vxprintf, WithoutMemoryNothingIsPrinted) {
+  const fakes::FailingMalloc failing(0);
+  EXPECT_EQ(vxprintf("abc"), 0);
 }
 
 // Numbers in every combination of flags, width and precision are what the platform prints.
