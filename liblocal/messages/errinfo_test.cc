@@ -92,6 +92,7 @@ TEST(ErrTables, TakeATypeOfTheProgram) {
 }
 
 TEST(ErrPrint, AddsDetailsUnlessTheLevelIs0) {
+  err_set(1, 0);  // makes the tables
   const vx_error_record named = {92001, "50%d"};
   EXPECT_EQ(printed_record(0, named), "Jobs warning: 50%d\n");
   EXPECT_EQ(printed_record(-1, named), "Jobs warning: 50%d (severity 2, number 1)\n");

@@ -169,7 +169,7 @@ class SignalledPipe {
       if (next_ < texts_.size()) write_text(texts_[next_++]);
     };
     sigaction(SIGALRM, &interrupt, nullptr);
-    send_every(5000);
+    send_every(20000);
   }
   ~SignalledPipe() {
     send_every(0);
