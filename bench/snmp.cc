@@ -136,70 +136,69 @@ void measure_building() {
   require(memcmp(packet, kReferenceTrap, sizeof kReferenceTrap) == 0);
 }
 
-// An item of a message, whose contents stay there.
-struct Item {
-  uint8_t tag;
-  const uint8_t* contents;
-  size_t size;
-};
-
-// Moves behind the item, or behind the header of one that is made of items.
-Item take(const uint8_t*& at) {
-  Item item = {at[0], at + 2, at[1]};
-  at = item.contents + ((item.tag & 0x20) != 0 ? 0 : item.size);
-  return item;
-}
-
 long take_int(const uint8_t*& at) {
-  Item item = take(at);
-  int32_t number = static_cast<int8_t>(item.contents[0]);
-  for (size_t i = 1; i < item.size; ++i) number = number << 8 | item.contents[i];
+  int bytes = at[1];
+  at += 2;
+  int32_t number = static_cast<int8_t>(*at++);
+  while (--bytes > 0) number = number << 8 | *at++;
   return number;
 }
 
-void* copy(const void* bytes, size_t size) { return memcpy(malloc(size), bytes, size); }
+// The contents stay in the message; the caller copies them.
+const uint8_t* take_bytes(const uint8_t*& at, int32_t* count) {
+  const uint8_t* contents = at + 2;
+  *count = at[1];
+  at = contents + *count;
+  return contents;
+}
 
 uint64_t* take_objid(const uint8_t*& at, int32_t* count) {
-  Item item = take(at);
+  const uint8_t* contents = at + 2;
+  const uint8_t* end = contents + at[1];
   uint64_t decoded[kAsnMaxSubids];
-  size_t filled = 1;
-  uint64_t number = 0;
-  for (size_t i = 0; i < item.size; ++i) {
-    number = number << 7 | (item.contents[i] & 0x7F);
-    if ((item.contents[i] & 0x80) != 0) continue;
+  int32_t filled = 1;
+  while (contents < end) {
+    uint64_t number = 0;
+    do {
+      number = number << 7 | (*contents & 0x7F);
+    } while ((*contents++ & 0x80) != 0);
     decoded[filled++] = number;
-    number = 0;
   }
   decoded[0] = decoded[1] / 40;
   decoded[1] %= 40;
-  *count = static_cast<int32_t>(filled);
-  return static_cast<uint64_t*>(copy(decoded, filled * sizeof *decoded));
+  size_t bytes = static_cast<size_t>(filled) * sizeof *decoded;
+  auto* subids = static_cast<uint64_t*>(malloc(bytes));
+  memcpy(subids, decoded, bytes);
+  *count = filled;
+  at = end;
+  return subids;
 }
 
 // Trusts every length and tag, and makes the same five allocations.
 snmp_pdu* take_trap(const uint8_t* at) {
   auto* pdu = static_cast<snmp_pdu*>(calloc(1, sizeof(snmp_pdu)));
-  take(at);
+  int32_t length = 0;
+  at += 2;
   touch(take_int(at));  // version
   uint8_t received[kSnmpMaxCommunity];
-  Item item = take(at);
-  memcpy(received, item.contents, item.size);
+  const uint8_t* bytes = take_bytes(at, &length);
+  memcpy(received, bytes, static_cast<size_t>(length));
   touch(received);
-  pdu->command = take(at).tag;
+  pdu->command = *at;
+  at += 2;
   pdu->enterprise = take_objid(at, &pdu->enterprise_length);
-  memcpy(&pdu->agent_address, take(at).contents, sizeof pdu->agent_address);
+  memcpy(&pdu->agent_address, take_bytes(at, &length), sizeof pdu->agent_address);
   pdu->generic_trap = take_int(at);
   pdu->specific_trap = take_int(at);
   pdu->time_stamp = static_cast<unsigned long>(take_int(at));
-  take(at);
-  take(at);
+  at += 4;
   auto* var = static_cast<snmp_var*>(calloc(1, sizeof(snmp_var)));
   pdu->variables = var;
   var->name = take_objid(at, &var->name_length);
-  item = take(at);
-  var->type = item.tag;
-  var->value_length = static_cast<int32_t>(item.size);
-  var->value = copy(item.contents, item.size);
+  var->type = *at;
+  bytes = take_bytes(at, &var->value_length);
+  var->value = malloc(static_cast<size_t>(var->value_length));
+  memcpy(var->value, bytes, static_cast<size_t>(var->value_length));
   return pdu;
 }
 

@@ -1,5 +1,4 @@
-// RPC over TCP and its record streams, beside the same bytes by bare system calls on the same
-// connection.
+// RPC over TCP and its record streams, beside the same bytes by bare system calls.
 #include <netinet/tcp.h>
 
 #include <cstring>
@@ -21,7 +20,13 @@ constexpr size_t kReplySize = 28;  // and of its reply
 char much[kMuch];
 
 bool read_all(int fd, void* bytes, size_t count) {
-  return recv(fd, bytes, count, MSG_WAITALL) == static_cast<ssize_t>(count);
+  for (auto* to = static_cast<char*>(bytes); count > 0;) {
+    ssize_t got = read(fd, to, count);
+    if (got <= 0) return false;
+    to += got;
+    count -= static_cast<size_t>(got);
+  }
+  return true;
 }
 
 bool write_all(int fd, const void* bytes, size_t count) {
@@ -68,10 +73,9 @@ void without_delay(int fd) {
   setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
-// A client over a connection to a peer that repeats `serve`. Stores the socket in `*fd`.
-CLIENT* connect_client(bool (*serve)(int fd), int* fd) {
-  sockaddr_in address;
-  int listener = bound_socket(SOCK_STREAM, 0, &address);
+// A connection to a peer of its own that repeats `serve`. Stores the peer's address.
+int connect_peer(bool (*serve)(int fd), sockaddr_in* address) {
+  int listener = bound_socket(SOCK_STREAM, 0, address);
   require(listen(listener, 1) == 0);
   start_peer([=] {
     int accepted = accept(listener, nullptr, nullptr);
@@ -80,15 +84,29 @@ CLIENT* connect_client(bool (*serve)(int fd), int* fd) {
     }
     _exit(0);
   });
-  *fd = socket(AF_INET, SOCK_STREAM, 0);
-  require(connect(*fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0);
-  without_delay(*fd);
-  CLIENT* client = __brix_clnttcp_create(&address, 1, 1, fd, 0, 0);
-  require(client != nullptr);
-  timeval limit = kLimit;
-  client->ops->control(client, CLSET_TIMEOUT, &limit);
-  return client;
+  close(listener);
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  require(connect(fd, reinterpret_cast<sockaddr*>(address), sizeof *address) == 0);
+  without_delay(fd);
+  return fd;
 }
+
+// A client over such a connection, and a bare connection of the same kind.
+struct Connections {
+  sockaddr_in address;
+  int bare, fd;
+  CLIENT* client;
+  XDR* xdrs;
+
+  explicit Connections(bool (*serve)(int fd))
+      : bare(connect_peer(serve, &address)), fd(connect_peer(serve, &address)) {
+    client = __brix_clnttcp_create(&address, 1, 1, &fd, 0, 0);
+    require(client != nullptr);
+    timeval limit = kLimit;
+    client->ops->control(client, CLSET_TIMEOUT, &limit);
+    xdrs = get_xdr_from_chandle(client);
+  }
+};
 
 // Receives as the client waits: it looks, selects and reads.
 void receive(int fd, void* bytes, size_t size) {
@@ -98,40 +116,39 @@ void receive(int fd, void* bytes, size_t size) {
 }  // namespace
 
 void measure_streams() {
-  int fd = -1;
   char byte = 0;
-  CLIENT* caller = connect_client(answer_call, &fd);
+  Connections caller(answer_call);
   compare(
       "RPC call over TCP", 1.15,
       [&] {
-        require(caller->ops->call(caller, 0, nullptr, nullptr, __brix_xdr_void, nullptr, kLimit) ==
-                RPC_SUCCESS);
+        require(caller.client->ops->call(caller.client, 0, nullptr, nullptr, __brix_xdr_void,
+                                         nullptr, kLimit) == RPC_SUCCESS);
       },
       [&] {
         char bytes[4000] = {};
-        require(write_all(fd, bytes, kCallSize));
-        receive(fd, bytes, sizeof bytes);
+        require(write_all(caller.bare, bytes, kCallSize));
+        receive(caller.bare, bytes, sizeof bytes);
       });
 
-  XDR* xdrs = get_xdr_from_chandle(connect_client(take_record, &fd));
+  Connections sender(take_record);
   compare(
       "64 MiB sent through a record stream", 1.2,
       [&] {
-        xdrs->operation = xdr_op::kEncode;
-        require(__brix_xdr_opaque(xdrs, much, kMuch));
-        require(__brix_xdrrec_endofrecord(xdrs, true));
-        receive(fd, &byte, 1);
+        sender.xdrs->operation = xdr_op::kEncode;
+        require(__brix_xdr_opaque(sender.xdrs, much, kMuch));
+        require(__brix_xdrrec_endofrecord(sender.xdrs, true));
+        receive(sender.fd, &byte, 1);
       },
-      [&] { require(write_record(fd) && read_all(fd, &byte, 1)); });
+      [&] { require(write_record(sender.bare) && read_all(sender.bare, &byte, 1)); });
 
-  xdrs = get_xdr_from_chandle(connect_client(give_record, &fd));
+  Connections receiver(give_record);
   compare(
       "64 MiB received through a record stream", 1.2,
       [&] {
-        require(write_all(fd, &byte, 1));
-        xdrs->operation = xdr_op::kDecode;
-        require(__brix_xdrrec_skiprecord(xdrs));
-        require(__brix_xdr_opaque(xdrs, much, kMuch));
+        require(write_all(receiver.fd, &byte, 1));
+        receiver.xdrs->operation = xdr_op::kDecode;
+        require(__brix_xdrrec_skiprecord(receiver.xdrs));
+        require(__brix_xdr_opaque(receiver.xdrs, much, kMuch));
       },
-      [&] { require(write_all(fd, &byte, 1) && read_record(fd)); });
+      [&] { require(write_all(receiver.bare, &byte, 1) && read_record(receiver.bare)); });
 }
