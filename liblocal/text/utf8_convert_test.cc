@@ -141,7 +141,7 @@ TEST(Utf8Convert, CombiningCharactersStayWhole) {
 TEST(Utf8Convert, PlainTextOpensNoConverter) {
   fakes::codeset = "none that there is";
   EXPECT_EQ(in("plain\t") + out("plain\\~ \xEF\xA3\xA9"), "plain\tplain\\~ \xE9");
-  GTEST_FLAG_SET(death_test_style, "fast");
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(in("\\"), testing::ExitedWithCode(1),
               "^Function 'iconv_open' failed for ANSI to UTF-8 conversion");
   EXPECT_EXIT(out("é"), testing::ExitedWithCode(1),
