@@ -121,6 +121,9 @@ struct Value {
   std::string built = item;  // what we send for it
 };
 
+// The name of a row in what ctest prints.
+void PrintTo(const Value& value, std::ostream* out) { *out << value.item; }
+
 class SnmpValue : public testing::TestWithParam<Value> {};
 
 TEST_P(SnmpValue, IsDecodedAndBuilt) {

@@ -64,6 +64,12 @@ struct Sending {
   bool waits;                     // for the next record, or was sent
 };
 
+// The name of a row in what ctest prints.
+void PrintTo(const Sending& sending, std::ostream* out) {
+  *out << sending.puts.size() << " puts into " << sending.buffer << " bytes, " << sending.last
+       << " last";
+}
+
 // Puts of the largest fragment and of `last` bytes.
 std::vector<size_t> whole_fragment_and(size_t last) {
   std::vector<size_t> puts(4096, 4096);
