@@ -73,7 +73,10 @@ TEST(Catalogs, AreFoundByName) {
         {"new", "\"new.cat\" NOT found"},
         {"old", "\"old.cat\" incompatible version"}};
     for (const auto& [name, outcome] : outcomes) {
-      auto open = [named = name] { Catd = vxcatopen(named, 0); };
+      auto open = [named = name] {
+        if (Catd != -1) (void)vxcatclose(Catd);
+        Catd = vxcatopen(named, 0);
+      };
       EXPECT_EQ(printed(0, open), "");
       EXPECT_EQ(printed(1, open), std::string("kivtrap: Message catalog ") + outcome + ".\n");
     }
