@@ -33,8 +33,10 @@ bool is_converted(FILE* stream) { return !utf8_is_marked(fileno(stream)); }
 // Reads a line, its line end included, of at most `size` - 1 bytes into `area`. A wait that a
 // signal interrupts goes on; on a marked stream only within a line, so that the caller may act
 // on the signal before any text is read. Returns the number of bytes; 0 with `area` as it was at
-// the end of the file, and 0 on an error. A stream that does not wait gives what is there.
-size_t read_line(char* area, size_t size, FILE* stream, bool marked) {
+// the end of the file, and 0 on an error. A stream that does not wait gives what is there. The
+// thread sanitizer does not know the lock of a stream, under which this is called.
+__attribute__((no_sanitize("thread"))) size_t read_line(char* area, size_t size, FILE* stream,
+                                                        bool marked) {
   const int saved_errno = errno;
   size_t length = 0;
   while (length + 1 < size) {
