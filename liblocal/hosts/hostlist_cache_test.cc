@@ -51,7 +51,7 @@ class HostlistCache : public testing::Test {
  protected:
   static void SetUpTestSuite() { err_set(1, ENOMEM); }  // makes what lasts
 
-  ~HostlistCache() {
+  ~HostlistCache() override {
     hostlist_cache_free(&cache);
     EXPECT_EQ(pieces_held(), held_);
   }
