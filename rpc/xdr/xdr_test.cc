@@ -83,7 +83,7 @@ TEST(Xdr, CarriesCountedBytesAndStringsAlike) {
   for (const char* hex : {"00000000", "0000000161000000", "0000000261620000", "0000000361626300",
                           "0000000461626364"}) {
     std::string wire = from_hex(hex);
-    const auto length = static_cast<uint32_t>(wire[3]);
+    const uint32_t length = static_cast<uint8_t>(wire[3]);
     expect_carried<char*>(kString, hex);
     expect_carried<Counted>(kCounted, hex, {nullptr, 0, length});
     // Into memory of the caller, where padding ends no string.
