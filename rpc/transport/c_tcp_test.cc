@@ -256,7 +256,8 @@ TEST_F(TcpTest, APartialWriteBeginsItsLimitAnew) {
     }
   });
   watch();
-  EXPECT_NE(send_much(), RPC_TIMEDOUT) << "the peer ends the call";
+  const clnt_stat status = send_much();  // the peer ends it, while it is written or read from
+  EXPECT_TRUE(status == RPC_CANTSEND || status == RPC_CANTRECV) << status;
   EXPECT_GT(watcher_->restarts, 0);
 }
 
