@@ -142,6 +142,9 @@ void MachineTest::skip(const std::string& reason) {
 // The main of every test program: into the test machine, which listing the tests needs not, then
 // them.
 int main(int argc, char** argv) {
+  sigset_t none;  // whatever starts the tests may block signals that they use
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
   const bool lists = argc > 1 && strcmp(argv[1], "--gtest_list_tests") == 0;
   if (getenv("KIVTRAP_TEST_MACHINE") == nullptr && !lists) {
     std::string self = std::filesystem::read_symlink("/proc/self/exe");
