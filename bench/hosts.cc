@@ -5,12 +5,12 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <list>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "bench/compare.h"
-#include "bench/groups.h"
 #include "liblocal/hosts/dns_cache.h"
 #include "liblocal/hosts/is_mynam.h"
 
@@ -27,14 +27,12 @@ std::vector<std::string> host_names(int count) {
 struct SortedNames {
   std::vector<char*> table;
 
-  std::vector<char*>::iterator place(const char* name) {
+  auto place(const char* name) {
     return std::lower_bound(table.begin(), table.end(), name,
                             [](const char* a, const char* b) { return strcasecmp(a, b) < 0; });
   }
   void add(const char* name) { table.insert(place(name), strdup(name)); }
-  void release() {
-    for (char* name : table) free(name);
-  }
+  ~SortedNames() { std::ranges::for_each(table, free); }
 };
 
 void add_host(hostlist_cache* cache, const std::string& name) {
@@ -52,10 +50,7 @@ void test_names(const char* title, double budget, int count) {
     sorted.add(name.c_str());
   }
   size_t next = 0;
-  auto next_name = [&] {
-    next = next + 1 < names.size() ? next + 1 : 0;
-    return names[next].c_str();
-  };
+  auto next_name = [&] { return names[next++ % names.size()].c_str(); };
   compare(
       title, budget, [&] { touch(is_myname(next_name())); },
       [&] {
@@ -63,7 +58,6 @@ void test_names(const char* title, double budget, int count) {
         touch(strcasecmp(*sorted.place(name), name));
       });
   free_dns_hostlist_cache();
-  sorted.release();
 }
 
 }  // namespace
@@ -89,6 +83,5 @@ void measure_hosts() {
           entries.push_back(static_cast<host_entry*>(calloc(1, sizeof(host_entry))));
         }
         for (host_entry* entry : entries) free(entry);
-        sorted.release();
       });
 }

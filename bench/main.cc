@@ -10,8 +10,12 @@
 #include <vector>
 
 #include "bench/compare.h"
-#include "bench/groups.h"
-#include "liblocal/text/codesets.h"
+
+void measure_snmp();
+void measure_rpc();
+void measure_text();
+void measure_xdr();
+void measure_hosts();
 
 namespace {
 
@@ -30,17 +34,17 @@ struct Program {
 
   // In KiB. The kernel maps the pages around one that is touched, other ones in each run:
   // the median of many runs counts.
-  long peak_memory(const std::string& build) const {
-    std::string command = build + "/bench/peak_memory";
+  double peak_memory() const {
+    std::string command = "/usr/bin/time -f %M 2>&1";
     for (const char* word : words) command += word != nullptr ? std::string(" ") + word : "";
-    std::vector<long> peaks(101);
-    for (long& peak : peaks) {
+    std::vector<double> peaks(101);
+    for (double& peak : peaks) {
       FILE* output = popen(command.c_str(), "r");
-      require(fscanf(output, "%ld", &peak) == 1);
+      require(fscanf(output, "%lf", &peak) == 1);
       require(pclose(output) == 0);
     }
-    std::sort(peaks.begin(), peaks.end());
-    return peaks[peaks.size() / 2];
+    std::nth_element(peaks.begin(), peaks.begin() + 50, peaks.end());
+    return peaks[50];
   }
 };
 
@@ -57,32 +61,21 @@ void measure_command(const std::string& build) {
   floor.words = {floor.path.c_str(), "-f", text.c_str(), nullptr};
   compare(
       "the whole command: time", 1.15, [&] { kivtrap.run(); }, [&] { floor.run(); });
-  report("the whole command: peak memory", static_cast<double>(kivtrap.peak_memory(build)),
-         static_cast<double>(floor.peak_memory(build)), 1.2);
+  report("the whole command: peak memory", kivtrap.peak_memory(), floor.peak_memory(), 1.2);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const struct {
-    std::string name;
-    void (*measure)();
-  } groups[] = {
-      {"snmp", measure_snmp},
-      {"rpc", measure_rpc},
-      {"streams", measure_streams},
-      {"text", measure_text},
-      {"conversion", measure_conversion},
-      {"xdr", measure_xdr},
-      {"hosts", measure_hosts},
-  };
   setlocale(LC_ALL, "");
-  learn_codeset();
   for (int i = 2; i < argc; ++i) {
-    if (std::string("command") == argv[i]) measure_command(argv[1]);
-    for (const auto& group : groups) {
-      if (group.name == argv[i]) group.measure();
-    }
+    const std::string group = argv[i];
+    if (group == "command") measure_command(argv[1]);
+    if (group == "snmp") measure_snmp();
+    if (group == "rpc") measure_rpc();
+    if (group == "text") measure_text();
+    if (group == "xdr") measure_xdr();
+    if (group == "hosts") measure_hosts();
   }
   return over_budget ? 1 : 0;
 }

@@ -2,10 +2,10 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -62,11 +62,8 @@ inline void start_answerer(int fd, size_t (*answer)(uint8_t* message, size_t siz
 
 /// Waits until `fd` is readable, at most 25 seconds.
 inline void wait_readable(int fd) {
-  fd_set readable;
-  FD_ZERO(&readable);
-  FD_SET(fd, &readable);
-  timeval limit = {25, 0};
-  select(fd + 1, &readable, nullptr, nullptr, &limit);
+  pollfd readable = {fd, POLLIN, 0};
+  poll(&readable, 1, 25'000);
 }
 
 /// One request and its reply by bare system calls. Returns the size of the reply.

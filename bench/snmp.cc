@@ -5,7 +5,6 @@
 #include <bit>
 #include <cstring>
 
-#include "bench/groups.h"
 #include "bench/peer.h"
 #include "snmp/asn1.h"
 #include "snmp/snmp_api.h"
@@ -14,39 +13,27 @@
 namespace {
 
 uint64_t enterprise[] = {1, 3, 6, 1, 4, 1, 5051};
-uint64_t sys_descr[] = {1, 3, 6, 1, 2, 1, 1, 1, 0};
+constexpr uint64_t kSysDescr[] = {1, 3, 6, 1, 2, 1, 1, 1, 0};
 uint8_t community[] = {'p', 'u', 'b', 'l', 'i', 'c'};
-char text[] = "disk full";
 
-constexpr uint8_t kReferenceTrap[] = {
-    0x30, 0x3F, 0x02, 0x01, 0x00, 0x04, 0x06, 0x70, 0x75, 0x62, 0x6C, 0x69, 0x63,
-    0xA4, 0x32, 0x06, 0x07, 0x2B, 0x06, 0x01, 0x04, 0x01, 0xA7, 0x3B, 0x40, 0x04,
-    0x0A, 0x01, 0x02, 0x03, 0x02, 0x01, 0x06, 0x02, 0x01, 0x01, 0x43, 0x02, 0x30,
-    0x39, 0x30, 0x17, 0x30, 0x15, 0x06, 0x08, 0x2B, 0x06, 0x01, 0x02, 0x01, 0x01,
-    0x01, 0x00, 0x04, 0x09, 0x64, 0x69, 0x73, 0x6B, 0x20, 0x66, 0x75, 0x6C, 0x6C};
+// A trap of one text, as a packet and as the record that it is built from.
+struct ReferenceTrap {
+  snmp_session session;
+  snmp_pdu* pdu = snmp_pdu_create(kSnmpTrap);
+  uint8_t packet[kSnmpMaxPacket] = {};
+  int32_t length = sizeof packet;
 
-// The record of the reference trap, which owns nothing.
-struct PreparedTrap {
-  snmp_session session{};
-  snmp_var binding{};
-  snmp_pdu pdu{};
-
-  PreparedTrap() {
+  ReferenceTrap() {
     session.community = community;
     session.community_length = sizeof community;
-    binding.name = sys_descr;
-    binding.name_length = std::size(sys_descr);
-    binding.type = kAsnOctetString;
-    binding.value = text;
-    binding.value_length = sizeof text - 1;
-    pdu.command = kSnmpTrap;
-    pdu.enterprise = enterprise;
-    pdu.enterprise_length = std::size(enterprise);
-    pdu.agent_address = inet_addr("10.1.2.3");
-    pdu.generic_trap = 6;
-    pdu.specific_trap = 1;
-    pdu.time_stamp = 12345;
-    pdu.variables = &binding;
+    pdu->enterprise = enterprise;
+    pdu->enterprise_length = std::size(enterprise);
+    pdu->agent_address = inet_addr("10.1.2.3");
+    pdu->generic_trap = 6;
+    pdu->specific_trap = 1;
+    pdu->time_stamp = 12345;
+    require(snmp_add_var(pdu, kSysDescr, kAsnOctetString, "disk full", 9));
+    require(snmp_build_packet(&session, pdu, packet, &length) == 0);
   }
 };
 
@@ -114,26 +101,24 @@ uint8_t* put_trap(uint8_t* packet, const snmp_session& session, const snmp_pdu& 
 }
 
 void measure_building() {
-  PreparedTrap trap;
+  ReferenceTrap trap;
   uint8_t packet[kSnmpMaxPacket];
-  int32_t length = 0;
   const uint8_t* end = packet;
   compare(
       "build the reference trap", 3.3,
       [&] {
         touch(trap);
-        length = sizeof packet;
-        require(snmp_build_packet(&trap.session, &trap.pdu, packet, &length) == 0);
-        touch(packet);
+        trap.length = sizeof trap.packet;
+        require(snmp_build_packet(&trap.session, trap.pdu, trap.packet, &trap.length) == 0);
+        touch(trap.packet);
       },
       [&] {
         touch(trap);
-        end = put_trap(packet, trap.session, trap.pdu);
+        end = put_trap(packet, trap.session, *trap.pdu);
         touch(packet);
       });
-  require(length == sizeof kReferenceTrap);
-  require(end - packet == sizeof kReferenceTrap);
-  require(memcmp(packet, kReferenceTrap, sizeof kReferenceTrap) == 0);
+  require(end - packet == trap.length);
+  require(memcmp(packet, trap.packet, static_cast<size_t>(trap.length)) == 0);
 }
 
 long take_int(const uint8_t*& at) {
@@ -203,19 +188,19 @@ snmp_pdu* take_trap(const uint8_t* at) {
 }
 
 void measure_decoding() {
-  snmp_session session = {};
+  ReferenceTrap trap;
   compare(
       "decode the reference trap", 1.5,
       [&] {
         snmp_pdu* pdu = snmp_pdu_create(0);
-        require(snmp_parse_packet(&session, pdu, kReferenceTrap) == SnmpParse::kDone);
+        auto packet = std::span(trap.packet).first(static_cast<size_t>(trap.length));
+        require(snmp_parse_packet(&trap.session, pdu, packet) == SnmpParse::kDone);
         touch(*pdu);
         snmp_free_pdu(pdu);
       },
       [&] {
-        const uint8_t* packet = kReferenceTrap;
-        touch(packet);
-        snmp_pdu* pdu = take_trap(packet);
+        touch(trap);
+        snmp_pdu* pdu = take_trap(trap.packet);
         touch(*pdu);
         free(pdu->variables->name);
         free(pdu->variables->value);
@@ -238,19 +223,23 @@ snmp_session* open_session(const sockaddr_in& peer) {
 // Nobody reads what arrives.
 void measure_traps() {
   sockaddr_in station;
-  int fd = bound_socket(SOCK_DGRAM, 0, &station);
-  int bare = socket(AF_INET, SOCK_DGRAM, 0);
+  const int fd = bound_socket(SOCK_DGRAM, 0, &station);
   snmp_session* session = open_session(station);
-  PreparedTrap trap;
+  ReferenceTrap trap;
   compare(
-      "a trap through an open session", 1.12, [&] { require(snmp_send(session, &trap.pdu) != 0); },
+      "a trap through an open session", 1.12, [&] { require(snmp_send(session, trap.pdu) != 0); },
       [&] {
-        require(sendto(bare, kReferenceTrap, sizeof kReferenceTrap, 0,
+        require(sendto(fd, trap.packet, static_cast<size_t>(trap.length), 0,
                        reinterpret_cast<sockaddr*>(&station), sizeof station) > 0);
       });
   snmp_close(session);
-  close(bare);
   close(fd);
+}
+
+snmp_pdu* make_request() {
+  snmp_pdu* request = snmp_pdu_create(kSnmpGetRequest);
+  snmp_add_null_var(request, kSysDescr, std::size(kSysDescr));
+  return request;
 }
 
 size_t respond(uint8_t* message, size_t size) {
@@ -263,25 +252,22 @@ void measure_requests() {
   start_answerer(bound_socket(SOCK_DGRAM, 0, &agent), respond);
   snmp_session* session = open_session(agent);
   snmp_synch_setup(session);
-  PreparedTrap trap;
-  snmp_pdu* pdu = snmp_pdu_create(kSnmpGetRequest);
-  snmp_add_null_var(pdu, sys_descr, std::size(sys_descr));
+  ReferenceTrap trap;
+  snmp_pdu* pdu = make_request();
   pdu->request_id = INT32_MAX;
-  uint8_t packet[kSnmpMaxPacket];
-  int32_t length = sizeof packet;
-  require(snmp_build_packet(&trap.session, pdu, packet, &length) == 0);
+  trap.length = sizeof trap.packet;
+  require(snmp_build_packet(&trap.session, pdu, trap.packet, &trap.length) == 0);
+  const auto length = static_cast<size_t>(trap.length);
   snmp_free_pdu(pdu);
-  int bare = socket(AF_INET, SOCK_DGRAM, 0);
+  const int bare = socket(AF_INET, SOCK_DGRAM, 0);
   compare(
       "a synchronous request", 1.15,
       [&] {
-        snmp_pdu* request = snmp_pdu_create(kSnmpGetRequest);
-        snmp_add_null_var(request, sys_descr, std::size(sys_descr));
         snmp_pdu* response = nullptr;
-        require(snmp_synch_response(session, request, &response) == kSnmpSynchSuccess);
+        require(snmp_synch_response(session, make_request(), &response) == kSnmpSynchSuccess);
         snmp_free_pdu(response);
       },
-      [&] { require(exchange(bare, agent, packet, static_cast<size_t>(length)) == length); });
+      [&] { require(exchange(bare, agent, trap.packet, length) == trap.length); });
   snmp_close(session);
   close(bare);
 }

@@ -1,10 +1,16 @@
-// Formatting, printing and reading lines, each beside the platform's own.
+// Formatting, printing, reading and converting lines, each beside the platform's own.
+#include <iconv.h>
+#include <langinfo.h>
+
 #include <cstdio>
+#include <cstring>
+#include <string>
 
 #include "bench/compare.h"
-#include "bench/groups.h"
+#include "liblocal/text/codesets.h"
 #include "liblocal/text/i18n_printf.h"
 #include "liblocal/text/utf8.h"
+#include "liblocal/text/utf8_convert.h"
 #include "liblocal/text/vxprint.h"
 
 namespace {
@@ -31,9 +37,7 @@ struct Lines {
   }
 };
 
-}  // namespace
-
-void measure_text() {
+void measure_lines() {
   char text[256];
   constexpr const char* kMessage = "%s: no answer after %d tries\n";
   compare(
@@ -58,4 +62,71 @@ void measure_text() {
   compare(
       "read a line and convert it", 5, [&] { converted.read(vxfgets); },
       [&] { plain.read(fgets); });
+}
+
+constexpr size_t kLine = 1024;
+constexpr size_t kRoom = 6 * kLine + 1;
+
+alignas(64) char output[kRoom];  // of all, since its place matters to a copy
+
+// Converting a line beside one call of the platform's converter for the whole line; in a UTF-8
+// locale beside a memcpy, once its end is found.
+void measure_conversion(const std::string& title, size_t (*convert)(char*, const char*, size_t),
+                        iconv_t platform, const std::string& line) {
+  size_t room = kRoom;
+  touch(room);  // no constant where it is used
+  auto path = [&] { touch(convert(output, line.c_str(), room)); };
+  auto copy = [&] {
+    memcpy(output, line.c_str(), strlen(line.c_str()) + 1);
+    touch(output);
+  };
+  auto convert_whole = [&] {
+    char* in = const_cast<char*>(line.data());
+    char* out = output;
+    size_t in_left = line.size();
+    size_t out_left = kRoom;
+    require(iconv(platform, &in, &in_left, &out, &out_left) != SIZE_MAX);
+    touch(output);
+  };
+  if (strcmp(nl_langinfo(CODESET), "UTF-8") == 0) {
+    compare(title.c_str(), 1.5, path, copy);
+  } else {
+    compare(title.c_str(), 1.5, path, convert_whole);
+  }
+}
+
+// Lines of 1 KiB. One that the codeset has no characters for is left out.
+void measure_conversions() {
+  const struct {
+    std::string title;
+    const char* text;
+  } rows[] = {
+      {"ASCII", "The fuse does not go on. "},
+      {"German", "Die Sicherung läuft nicht weiter. "},
+      {"Japanese", "ヒューズは動きません。"},
+      {"letters and backslashes", "ä\\"},
+  };
+  const char* codeset = nl_langinfo(CODESET);
+  if (strcmp(codeset, "ANSI_X3.4-1968") == 0) codeset = "ISO8859-1";
+  iconv_t to_utf8 = iconv_open("UTF-8", codeset);
+  iconv_t from_utf8 = iconv_open(codeset, "UTF-8");
+  for (const auto& row : rows) {
+    std::string utf8;
+    while (utf8.size() + strlen(row.text) <= kLine) utf8 += row.text;
+    ansi_mbs(output, utf8.c_str(), kRoom);
+    const std::string ansi = output;
+    if (ansi.find('?') != std::string::npos) continue;
+    measure_conversion(row.title + " to UTF-8", utf8_mbs, to_utf8, ansi);
+    measure_conversion(row.title + " from UTF-8", ansi_mbs, from_utf8, utf8);
+  }
+  iconv_close(to_utf8);
+  iconv_close(from_utf8);
+}
+
+}  // namespace
+
+void measure_text() {
+  learn_codeset();
+  measure_lines();
+  measure_conversions();
 }

@@ -3,13 +3,13 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <numeric>
 #include <vector>
 
 #include "bench/compare.h"
-#include "bench/groups.h"
 #include "rpc/xdr/x_mem.h"
 #include "rpc/xdr/xdr_compound.h"
 #include "rpc/xdr/xdr_object.h"
@@ -17,10 +17,6 @@
 namespace {
 
 constexpr uint32_t kCount = 1000000;
-
-void copy_integers(uint32_t* to, const uint32_t* from) {
-  for (size_t i = 0; i < kCount; ++i) to[i] = htonl(from[i]);
-}
 
 void measure_integers() {
   std::vector<uint32_t> numbers(kCount);
@@ -35,7 +31,7 @@ void measure_integers() {
     touch(wire);
   };
   auto copy = [&](uint32_t* to, const uint32_t* from) {
-    copy_integers(to, from);
+    for (size_t i = 0; i < kCount; ++i) to[i] = htonl(from[i]);
     touch(wire);
   };
   compare(
@@ -47,27 +43,21 @@ void measure_integers() {
   require(numbers[kCount - 1] == kCount - 1);
 }
 
-constexpr int kStrings = 16;
 constexpr char kText[] = "a name of twenty-eight bytes";
-constexpr uint32_t kTextSize = sizeof kText - 1;
 
 struct Strings {
-  char* texts[kStrings];
+  char* texts[16];
 };
 
-using Buffer = uint8_t[kStrings * (4 + kTextSize)];
-
 bool strings_filter(XDR* xdrs, Strings* strings) {
-  for (char*& text : strings->texts) {
-    if (!__brix_xdr_string(xdrs, &text, 255)) return false;
-  }
-  return true;
+  return std::ranges::all_of(strings->texts,
+                             [=](char*& text) { return __brix_xdr_string(xdrs, &text, 255); });
 }
 
 void put_strings(uint8_t* at, const Strings& strings) {
   for (const char* text : strings.texts) {
-    auto size = static_cast<uint32_t>(strlen(text));
-    uint32_t swapped = htonl(size);
+    const auto size = static_cast<uint32_t>(strlen(text));
+    const uint32_t swapped = htonl(size);
     memcpy(at, &swapped, sizeof swapped);
     memcpy(at + 4, text, size);
     at += 4 + size;
@@ -89,8 +79,8 @@ void take_strings(const uint8_t* at, Strings* strings) {
 
 void measure_strings() {
   Strings strings;
-  for (char*& text : strings.texts) text = const_cast<char*>(kText);
-  Buffer buffer;
+  std::ranges::fill(strings.texts, const_cast<char*>(kText));
+  uint8_t buffer[std::size(strings.texts) * (4 + sizeof kText - 1)];
   XDR xdrs = {};
   compare(
       "encode a structure of strings", 2.2,
@@ -117,7 +107,7 @@ void measure_strings() {
         Strings decoded = {};
         take_strings(buffer, &decoded);
         touch(decoded);
-        for (char* text : decoded.texts) free(text);
+        std::ranges::for_each(decoded.texts, free);
       });
 }
 
