@@ -10,8 +10,6 @@ struct Item {
   char* name;
   uint32_t name_count;
   char** names;
-  uint32_t number_count;
-  uint64_t* numbers;
   uint64_t* always;
   Item* optional;
   int32_t kind;  // 1: number, 2: text
@@ -36,8 +34,6 @@ inline bool item_filter(XDR* xdrs, Item* item) {
   return __brix_xdr_wrapstring(xdrs, &item->name) &&
          __brix_xdr_array(xdrs, as_void(&item->names), &item->name_count, UINT32_MAX, sizeof(char*),
                           xdr_filter<__brix_xdr_wrapstring>) &&
-         __brix_xdr_array(xdrs, as_void(&item->numbers), &item->number_count, UINT32_MAX,
-                          sizeof(uint64_t), xdr_filter<xdr_uint64_t>) &&
          __brix_xdr_reference(xdrs, as_void(&item->always), sizeof(uint64_t),
                               xdr_filter<xdr_uint64_t>) &&
          __brix_xdr_pointer(xdrs, as_void(&item->optional), sizeof(Item),

@@ -31,11 +31,6 @@ class BindTest : public testing::Test {
     return bound != 0 ? -errno : machine::port_of(descriptor);
   }
 
-  // What is written at a debug level while a socket is bound, or not.
-  std::string lines(int level, int32_t type, const sockaddr_in* address = nullptr) {
-    return printed(level, [&] { bind_new(type, address); });
-  }
-
   std::atomic<size_t> count_ = 0;
   int open_[700];
 };
@@ -43,9 +38,6 @@ class BindTest : public testing::Test {
 TEST_F(BindTest, WithoutRangesTheSystemChooses) {
   EXPECT_GE(bind_new(kPortConnection), 1024);
   EXPECT_EQ(bind_new(kPortConnection, &kElsewhere), -EADDRNOTAVAIL);
-  EXPECT_THAT(lines(5, kPortConnection), HasSubstr("socket bound to arbitrary port\n"));
-  EXPECT_THAT(lines(3, kPortConnection, &kElsewhere),
-              HasSubstr("socket bind to arbitrary port failed (errno 99)\n"));
 }
 
 TEST_F(BindTest, RefusedArguments) {
@@ -67,19 +59,13 @@ TEST_F(BindTest, ThreadsFindEveryPortOfTheRanges) {
   const std::set<int> found(std::begin(ports), std::end(ports));
   EXPECT_EQ(found.size(), 602U);
   EXPECT_EQ(*found.begin(), 40000) << "none failed";
-  const std::string all = lines(5, kPortReserved);
-  EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 602 / 4 + 602) << "a quarter at random";
 }
 
 TEST_F(BindTest, OnlyAPortInUseLeadsToAnotherTry) {
-  EXPECT_THAT(printed(8, [] { (void)rpcport_add_range(41000, 41001, kPortService); }),
-              HasSubstr("Adding range 41000-41001 to \"service\" port type.\n"));
-  EXPECT_THAT(lines(3, kPortService, &kElsewhere),
-              HasSubstr("(errno 99) Cannot assign requested address\n"));
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_THAT(lines(5, kPortService), HasSubstr("socket bound to port 4100"));
-  }
-  const std::string all = lines(5, kPortService);
+  EXPECT_EQ(rpcport_add_range(41000, 41001, kPortService), 0);
+  EXPECT_EQ(bind_new(kPortService, &kElsewhere), -EADDRNOTAVAIL);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(bind_new(kPortService) / 10, 4100);
+  const std::string all = printed(5, [this] { EXPECT_EQ(bind_new(kPortService), -EADDRNOTAVAIL); });
   EXPECT_THAT(all, HasSubstr(", Address already in use\n, retrying..."));
   EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 9) << "seven at random, and each";
 }

@@ -1,20 +1,16 @@
 // The filters of the basic types and of those made of them, and the streams that they work on.
 #include "rpc/xdr/xdr.h"
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
-#include <array>
 #include <limits>
 #include <optional>
 
-#include "rpc/xdr/x_count.h"
 #include "rpc/xdr/xdr_object.h"
 #include "tests/xdr_item.h"
 #include "tests/xdr_streams.h"
 
 namespace {
-
-using testing::Each;
 
 // `value` goes out as `hex`, and comes back as it was or as `back`; nothing is stored before
 // all of it has come, and nothing when the operation is free.
@@ -60,10 +56,7 @@ TEST(Xdr, PadsOpaqueBytes) {
   TestStream in("ABC!");
   EXPECT_TRUE(__brix_xdr_opaque(in.get(), bytes, 3));
   EXPECT_EQ(in.used(), 4U);
-  EXPECT_TRUE(__brix_xdr_opaque(in.get(), bytes, 0));
-  for (xdrproc_t filter : {xdr_filter<xdr_sha_digest>, xdr_filter<xdr_vxui_t>}) {
-    EXPECT_EQ(encoded(filter, bytes), "414243" + std::string(34, '0'));
-  }
+  EXPECT_EQ(encoded(xdr_filter<xdr_sha_digest>, bytes), "414243" + std::string(34, '0'));
 }
 
 struct Counted {
@@ -82,24 +75,23 @@ constexpr xdrproc_t kString = xdr_filter<__brix_xdr_wrapstring>;
 TEST(Xdr, CarriesCountedBytesAndStringsAlike) {
   for (const char* hex : {"00000000", "0000000161000000", "0000000261620000", "0000000361626300",
                           "0000000461626364"}) {
-    std::string wire = from_hex(hex);
-    const uint32_t length = static_cast<uint8_t>(wire[3]);
     expect_carried<char*>(kString, hex);
-    expect_carried<Counted>(kCounted, hex, {nullptr, 0, length});
-    // Into memory of the caller, where padding ends no string.
-    std::fill(wire.begin() + 4 + length, wire.end(), '!');
-    std::string own(length + 1, '?');
-    char* text = own.data();
-    Counted counted = {reinterpret_cast<uint8_t*>(text), 99, length};
-    EXPECT_FALSE(counted_filter(TestStream(wire.substr(1)).get(), &counted));
-    TestStream in(wire + wire);
-    EXPECT_TRUE(counted_filter(in.get(), &counted));
-    EXPECT_EQ(in.used(), wire.size());
-    EXPECT_EQ(own, wire.substr(4, length) + "?");
-    EXPECT_TRUE(__brix_xdr_string(in.get(), &text, length));
-    EXPECT_EQ(in.used(), 2 * wire.size());
-    EXPECT_EQ(text, wire.substr(4, length));
+    expect_carried<Counted>(kCounted, hex, {nullptr, 0, 4});
   }
+}
+
+TEST(Xdr, DecodesIntoMemoryOfTheCaller) {
+  const std::string wire = from_hex("00000002 'ab!!'");  // such padding ends no string
+  char own[] = "?????";
+  char* text = own;
+  Counted counted = {reinterpret_cast<uint8_t*>(own), 99, 2};
+  TestStream in(wire + wire);
+  EXPECT_TRUE(counted_filter(in.get(), &counted));
+  EXPECT_EQ(counted.size, 2U);
+  EXPECT_STREQ(own, "ab???");
+  EXPECT_TRUE(__brix_xdr_string(in.get(), &text, 2));
+  EXPECT_STREQ(own, "ab");
+  EXPECT_EQ(in.used(), 2 * wire.size());
 }
 
 TEST(Xdr, RefusesMoreThanTheMaximum) {
@@ -108,23 +100,7 @@ TEST(Xdr, RefusesMoreThanTheMaximum) {
   Counted counted = {reinterpret_cast<uint8_t*>(text), 3, 2};
   EXPECT_FALSE(__brix_xdr_string(TestStream(12).get(), &string, 2));
   EXPECT_FALSE(counted_filter(TestStream(12).get(), &counted));
-}
-
-TEST(Xdr, NullBytesAreCountedAndNotCopied) {
-  char* text = nullptr;
-  EXPECT_EQ(encoded(kString, &text), "00000000");
-  Counted nothing = {nullptr, 5, 5};
-  EXPECT_EQ(__brix_xdr_sizeof(kCounted, &nothing), 12U);
-  EXPECT_FALSE(counted_filter(TestStream(100).get(), &nothing));
-}
-
-TEST(Xdr, KnowsThreeOperations) {
-  TestStream other(99);
-  other.get()->operation = xdr_op{3};
-  char* text = nullptr;
-  EXPECT_FALSE(__brix_xdr_string(other.get(), &text, 9));
-  EXPECT_FALSE(__brix_xdr_opaque(other.get(), text, 3));
-  EXPECT_FALSE(__brix_xdr_pointer(other.get(), as_void(&text), 4, __brix_xdr_void));
+  EXPECT_FALSE(counted_filter(TestStream(from_hex("00000003 'abc!'")).get(), &counted));
 }
 
 TEST(Xdr, AllocatesNothingForALengthThatTheStreamDoesNotHold) {
@@ -153,8 +129,8 @@ TEST(Xdr, MemoryGrowsWithWhatHasCome) {
 // An item with all that it may have, and one inside it of the other kind.
 const char kItemHex[] =
     "000000046E616D6500000002000000016100000000000000"
-    "000000020000000000000007000000010000000801020304050607080000000100000000"
-    "000000000000000000000000000000090000000000000002000000026869000000000001"
+    "01020304050607080000000100000000"
+    "0000000000000000000000090000000000000002000000026869000000000001"
     "0000FFFF";
 
 constexpr xdrproc_t kItem = xdr_filter<item_filter>;
@@ -174,8 +150,6 @@ TEST(XdrCompound, CarriesAndCopiesWholeObjects) {
   EXPECT_EQ(item.name, nullptr);
   EXPECT_EQ(item.always, nullptr);
   EXPECT_EQ(item.optional, nullptr);
-  item.kind = 3;  // there is no such arm
-  EXPECT_EQ(__brix_xdr_dup(kItem, &item, sizeof item), nullptr);
 }
 
 TEST(XdrCompound, AnAbsentObjectClearsThePointer) {
@@ -186,17 +160,7 @@ TEST(XdrCompound, AnAbsentObjectClearsThePointer) {
   EXPECT_EQ(object, nullptr);
 }
 
-bool two_integers(XDR* xdrs, void* values) {
-  return __brix_xdr_vector(xdrs, values, 2, sizeof(int32_t), xdr_filter<xdr_int32_t>);
-}
-
-bool two_shorts(XDR* xdrs, void* values) {
-  return __brix_xdr_vector(xdrs, values, 2, sizeof(int16_t), xdr_filter<__brix_xdr_short>);
-}
-
-TEST(XdrCompound, CarriesVectors) {
-  expect_carried<std::array<int32_t, 2>>(two_integers, "01020304FFFFFFFE");
-  expect_carried<std::array<int16_t, 2>>(two_shorts, "00000102FFFFFFFE");
+TEST(XdrCompound, CarriesVectorsOfSpacedElements) {
   int32_t apart[] = {1, 7, 2, 8};
   TestStream out(8);
   EXPECT_TRUE(__brix_xdr_vector(out.get(), apart, 2, 8, xdr_filter<xdr_int32_t>));
@@ -226,26 +190,19 @@ TEST_F(ArrayTest, IsBoundedByItsMaximumAndItsSize) {
     EXPECT_EQ(elements_, nullptr);
   }
   EXPECT_TRUE(run(TestStream(wire).get(), 2));
+  EXPECT_EQ(static_cast<int32_t*>(elements_)[1], 9);
 }
 
 TEST_F(ArrayTest, GetsMemoryForWhatHasCome) {
   for (TestStream::Kind kind : {TestStream::kPlain, TestStream::kBlind}) {
-    for (uint32_t sent : {0U, 3U, 16384U, 16385U, 50000U}) {
+    for (uint32_t sent : {3U, 16385U}) {
       const std::string wire = from_hex("3FFFFFFF") + std::string(sent * 4, '\x01');
       EXPECT_FALSE(run(TestStream(wire, kind).get()));
       EXPECT_LE(count_, std::max(16384U, 2 * sent));
-      const auto* numbers = static_cast<const int32_t*>(elements_);
-      EXPECT_THAT(std::vector(numbers + std::min(sent, count_), numbers + count_), Each(0));
+      EXPECT_EQ(static_cast<int32_t*>(elements_)[count_ - 1], 0) << "the rest is cleared";
       EXPECT_TRUE(run(&__xdr));
     }
   }
-}
-
-TEST_F(ArrayTest, GetsMemoryAtOnceForWhatIsThere) {
-  TestStream in(from_hex("00004E20") + std::string(80000, 'x'));
-  const fakes::FailingMalloc once(1);
-  EXPECT_TRUE(run(in.get()));
-  EXPECT_EQ(count_, 20000U);
 }
 
 TEST(XdrStreams, OverMemoryStayAsTheyAreWhenTheyFail) {
@@ -265,23 +222,6 @@ TEST(XdrStreams, OverMemoryStayAsTheyAreWhenTheyFail) {
   EXPECT_TRUE(ops.set_position(xdrs, 1));
   EXPECT_EQ(ops.get_remaining(xdrs), 2);
   EXPECT_EQ(*ops.get_inline(xdrs, 2), '2');
-  EXPECT_TRUE(ops.set_position(xdrs, 3));
-  EXPECT_TRUE(ops.control(xdrs, kXdrControlBytesAvailable, nullptr));
-  EXPECT_FALSE(ops.control(xdrs, 5, nullptr));
-}
-
-TEST(XdrStreams, ThatCountHoldNothing) {
-  uint64_t counter = 0;
-  XDR xdrs;
-  xdrcount_create(&xdrs, &counter);
-  int64_t wide = 0;
-  EXPECT_TRUE(xdrs.ops->put_bytes(&xdrs, &wide, UINT32_MAX));
-  EXPECT_TRUE(xdrs.ops->put_int64(&xdrs, &wide));
-  EXPECT_EQ(counter, 0x100000007U);
-  EXPECT_EQ(xdrs.ops->get_position(&xdrs), 7U);
-  EXPECT_FALSE(xdrs.ops->get_int64(&xdrs, &wide));
-  EXPECT_FALSE(xdrs.ops->set_position(&xdrs, 0));
-  EXPECT_EQ(xdrs.ops->get_remaining(&xdrs), 0);
 }
 
 }  // namespace
