@@ -22,10 +22,10 @@ size_t utf8_mbs(char* output, const char* input, size_t size);
 
 /// Converts `input` from UTF-8 to the locale's codeset into `output` of `size` bytes,
 /// terminates and cuts as utf8_mbs, and returns the same, where a character of one byte
-/// never fills the byte of the NUL. A transparent byte
-/// (see mbt.h) becomes the byte it stands for; bytes that are not UTF-8 are copied;
-/// each character that the codeset lacks becomes '?'. A broken transparent byte, 0xEF
-/// 0xA2 or 0xEF 0xA3 without its third byte, ends the text, and 0 is returned.
+/// never fills the byte of the NUL. A transparent byte (see mbt.h) becomes the byte that it
+/// represents; bytes that are not UTF-8 are copied; each character that the codeset lacks
+/// becomes '?'. A broken transparent byte, 0xEF 0xA2 or 0xEF 0xA3 without its third byte,
+/// ends the text, and 0 is returned.
 size_t ansi_mbs(char* output, const char* input, size_t size);
 
 /// ansi_mbs within 12288 bytes and then vx_mbstombts into `output` of `size` bytes.

@@ -111,7 +111,7 @@ dirent* utf8_readdir(DIR* directory, dirent* entry) {
   // name gets through.
   const dirent* next = readdir(directory);
   if (next == nullptr) return nullptr;
-  char* bytes = reinterpret_cast<char*>(entry);  // the name goes beyond the member
+  char* bytes = reinterpret_cast<char*>(entry);  // the name is longer than the member
   // A transparent byte asks for one byte more than it takes.
   char name[kUtf8DirentSize - kHeader + 1];
   if (vx_mbstombts(name, next->d_name, sizeof name) == 0 ||

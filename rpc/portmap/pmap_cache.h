@@ -27,7 +27,7 @@ constexpr size_t kPmapsSize = 12288;  ///< bytes of the variable's value with it
 
 /// Puts an answer that is cacheable into the cache, or its port into the entry that is
 /// there. Other answers are left out, as is one that there is no memory for. With
-/// `export_cache` other than 0 the whole cache then goes into the environment, up to
+/// `export_cache` other than 0 the whole cache is then put into the environment, up to
 /// kPmapsSize.
 void populate_pmaps(unsigned long program, unsigned long version, unsigned long protocol,
                     unsigned long port, int export_cache);

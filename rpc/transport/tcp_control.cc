@@ -35,7 +35,7 @@ bool set_option(const TcpRecord* record, int level, int option, int value) {
   return setsockopt(record->socket, level, option, &value, sizeof value) == 0;
 }
 
-// The value stands in place of the information pointer.
+// The information pointer itself holds the value.
 bool set_buffer_size(const TcpRecord* record, int option, const void* information) {
   if (tcp_keeps_socket_buffers()) return true;
   auto value = static_cast<int>(reinterpret_cast<intptr_t>(information));

@@ -8,7 +8,7 @@ namespace {
 
 uint8_t* position(XDR* xdrs) { return static_cast<uint8_t*>(xdrs->private_word); }
 
-// Consumes `bytes` bytes and returns where they stand; null, with the stream
+// Consumes `bytes` bytes and returns where they are; null, with the stream
 // unchanged, when there are fewer.
 uint8_t* take(XDR* xdrs, uint32_t bytes) {
   if (static_cast<uint32_t>(xdrs->remaining) < bytes) return nullptr;
