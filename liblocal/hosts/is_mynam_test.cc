@@ -15,19 +15,12 @@
 
 using namespace fakes;
 
-static std::string virtual_hosts;  // "all", one name, or none
-
-extern "C" int __wrap__Z20clu_is_localvirthostPKc(const char* name) {
-  return virtual_hosts == "all" || virtual_hosts == name ? 1 : 0;
-}
-
 namespace {
 
 const std::string kHosts =
     "127.0.0.1 localhost manager\n192.0.2.1 node.net box testhost\n192.0.2.3 node.net\n"
     "198.51.100.1 web.net web www\n198.51.100.2 web.net web\n"
     "198.51.100.3 mail.net mail\n198.51.100.3 post.net post\n";
-const std::string kNoMemory = "kivtrap: SYSTEM error: Cannot allocate memory\n";
 
 void pass(int64_t seconds) {
   now += seconds;
@@ -70,7 +63,6 @@ class NameTest : public MachineTest {
     free_client_hostlist_cache();
     pass(1'000'000'000 - now);
     resolver_is_down = false;
-    virtual_hosts = "";
     interfaces = nullptr;
   }
 
@@ -82,24 +74,26 @@ TEST_F(NameTest, KnowsTheNamesOfThisHostAndOthers) {
   EXPECT_EQ(is_myname(nullptr), 1);
   EXPECT_EQ(is_myname("LocalHost"), 1);
   EXPECT_EQ(dns_hostlist_cache.count, 0) << "without a look-up";
-  for (const char* name : {"NODE.net", " box", "192.0.2.3", "manager", ""}) {
-    EXPECT_EQ(is_myname(name), 1) << name;
-  }
-  for (const char* name : {"web", "198.51.100.3", "nobody", "  "}) {
-    EXPECT_EQ(is_myname(name), 0) << name;
-  }
+  for (const char* name : {"NODE.net", "192.0.2.3", "manager", ""}) EXPECT_EQ(is_myname(name), 1);
+  for (const char* name : {"web", "198.51.100.3", "nobody"}) EXPECT_EQ(is_myname(name), 0);
   EXPECT_EQ(owned(get_primaryhostname("www")), "web.net");
   EXPECT_EQ(owned(get_primaryhostname(nullptr)), "node.net");
+}
+
+TEST_F(NameTest, AsksForThisHostUntilItIsResolved) {
+  resolver_is_down = true;
+  EXPECT_EQ(is_myname("box"), 0);
+  EXPECT_EQ(is_validhostname(nullptr), 0);
+  resolver_is_down = false;
+  EXPECT_EQ(is_myname("192.0.2.1"), 1);
 }
 
 TEST_F(NameTest, ComparesHosts) {
   const struct {
     const char *first, *second;
     int same;
-  } rows[] = {{"nobody", "NoBody", 1}, {nullptr, nullptr, 1},       {nullptr, "box", 1},
-              {"box", nullptr, 1},     {"mail", "198.51.100.3", 1}, {"web", "198.51.100.2", 1},
-              {"mail", "post", 1},     {"web", "mail", 0},          {"nobody", "no", 0},
-              {"web", "nobody", 0}};
+  } rows[] = {{"nobody", "NoBody", 1}, {nullptr, "box", 1}, {"box", nullptr, 1},
+              {"mail", "post", 1},     {"web", "mail", 0},  {"web", "nobody", 0}};
   for (const auto& row : rows) {
     start_over();
     EXPECT_EQ(samehost(row.first, row.second), row.same) << (row.first ? row.first : "null");
@@ -110,39 +104,29 @@ TEST_F(NameTest, ComparesHosts) {
 TEST_F(NameTest, TakesNamesOfTheResolversAnswers) {
   auto mail = [] { return vx_ts_gethostbyname("mail")->h_name; };
   EXPECT_EQ(is_myname(mail()), 0);
-  EXPECT_EQ(samehost("web", mail()), 0);
   EXPECT_EQ(samehost(mail(), "post"), 1);
-  EXPECT_EQ(owned(get_primaryhostname(mail())), "mail.net");
-  start_over();
-  EXPECT_EQ(is_validhostname(mail()), 1);
 }
 
 TEST_F(NameTest, ChainsNamesBeforeAddresses) {
-  const std::string unnamed = "Reverse DNS lookup failed for address 203.0.113.9\n";
   const struct {
-    const char *asked, *virtual_hosts;
+    const char* asked;
     std::string chain, printed;
   } rows[] = {
-      {nullptr, "", " node.net box testhost node localhost manager 192.0.2.1 127.0.0.1 192.0.2.3",
-       unnamed},
-      {nullptr, "localhost", " node.net box testhost node 192.0.2.1 192.0.2.3 localhost", unnamed},
-      {nullptr, "all", " node.net box testhost node localhost", unnamed},
-      {"9.9.9.9", "", " 9.9.9.9", "Reverse DNS lookup failed for host 9.9.9.9, address 9.9.9.9\n"},
-      {"nobody", "", " nobody", "Illegal/NULL hostname detected (nobody)\n"}};
+      {nullptr, " node.net box testhost node localhost manager 192.0.2.1 127.0.0.1 192.0.2.3",
+       "Reverse DNS lookup failed for address 203.0.113.9\n"},
+      {"9.9.9.9", " 9.9.9.9", "Reverse DNS lookup failed for host 9.9.9.9, address 9.9.9.9\n"},
+      {"nobody", " nobody", "Illegal/NULL hostname detected (nobody)\n"}};
   const std::vector<Interface> there = {
       {1, "192.0.2.1"}, {1, "203.0.113.9"}, {1, "10.0.0.1", AF_INET6}, {9, "127.0.0.1"}};
+  interfaces = &there;
+  const DnsCacheHold hold;
   for (const auto& row : rows) {
-    start_over();
-    interfaces = &there;
-    virtual_hosts = row.virtual_hosts;
+    const host_entry* each = nullptr;
+    auto resolve = [&] { each = dns_cache_resolve(&dns_hostlist_cache, row.asked, now); };
+    EXPECT_EQ(printed(1, resolve), "kivtrap: " + row.printed);
     std::string chain;
-    const std::string text = printed(1, [&] {
-      const DnsCacheHold hold;
-      const host_entry* each = dns_cache_resolve(&dns_hostlist_cache, row.asked, now);
-      for (; each != nullptr; each = each->next) chain += std::string(" ") + each->name;
-    });
+    for (; each != nullptr; each = each->next) chain += std::string(" ") + each->name;
     EXPECT_EQ(chain, row.chain);
-    EXPECT_TRUE(text.ends_with(row.printed)) << text;
   }
 }
 
@@ -159,21 +143,13 @@ TEST_F(NameTest, AsksTheResolverOncePerTime) {
   const struct {
     int seconds, asked;
     bool resolver_is_down;
-  } later[] = {{300, 0, false}, {1, 1, false},  {1499, 1, false}, {1, 2, false},
-               {1801, 3, true}, {300, 0, true}, {1, 3, true},     {301, 3, false}};
+  } later[] = {{300, 0, false}, {1, 1, false},  {1499, 1, false},
+               {1801, 3, true}, {300, 0, true}, {1, 3, true}};
   for (const auto& row : later) {  // known names stay known while the resolver is down
     pass(row.seconds);
     resolver_is_down = row.resolver_is_down;
     EXPECT_EQ(asked_by(ask), row.asked) << row.seconds;
   }
-}
-
-TEST_F(NameTest, AsksForThisHostUntilItIsResolved) {
-  resolver_is_down = true;
-  EXPECT_EQ(is_myname("box"), 0);
-  EXPECT_EQ(is_validhostname(nullptr), 0);
-  resolver_is_down = false;
-  EXPECT_EQ(is_myname("192.0.2.1"), 1);
 }
 
 TEST_F(NameTest, MovesNamesToAnotherHostButNotThoseOfThisHost) {
@@ -192,30 +168,22 @@ TEST_F(NameTest, MovesTheNamesOfThisHostToItsNewName) {
   EXPECT_EQ(asked_by([] { EXPECT_EQ(is_myname("node.net"), 1); }), 0);
 }
 
-TEST_F(NameTest, HoldsWithinAHold) {
-  const DnsCacheHold outer;
-  { const DnsCacheHold inner; }
-  in_threads(1, [](int) { EXPECT_EQ(vx_mutex_trylock(hostlist_cache_lock()), 12); });
-}
-
 TEST_F(NameTest, StaysSoundWhenAnAllocationIsRefused) {
   EXPECT_EQ(owned(get_primaryhostname("www")), "web.net") << "makes what lasts";
   std::vector<int64_t> slept;
   sleeps = &slept;
-  refuse_each_allocation([&](const FailingMalloc& failing) {
+  refuse_each_allocation([&](const FailingMalloc&) {
     start_over();
-    slept.clear();
     std::string name;
     const std::string text = printed(0, [&] { name = owned(get_primaryhostname("www")); });
-    EXPECT_EQ(text.empty() && slept.empty(), !failing.failed());
-    if (name == "web.net") return;
-    EXPECT_EQ(name + text, "(null)" + kNoMemory);
+    if (name != "web.net") {
+      EXPECT_EQ(name + text, "(null)kivtrap: SYSTEM error: Cannot allocate memory\n");
+    }
   });
   sleeps = nullptr;
 }
 
 TEST_F(NameTest, MayBeAskedByManyThreads) {
-  const std::vector<Interface> sets[] = {{{1, "192.0.2.1"}}, {{1, "192.0.2.3"}}};
   in_threads(8, [&](int thread) {
     const std::string own = "client" + std::to_string(thread);
     const char* aliases[] = {"shared", nullptr};
@@ -224,25 +192,21 @@ TEST_F(NameTest, MayBeAskedByManyThreads) {
       EXPECT_EQ(is_myname("box"), 1);
       EXPECT_EQ(samehost("web", "www"), 1);
       EXPECT_EQ(client_list_add_client(own.c_str(), aliases), 1);
-      EXPECT_EQ(is_myaddr(AF_INET, &broadcast, 4), 0);
-      interfaces = &sets[i % 2];  // the table changes while this host's names are looked up
+      EXPECT_EQ(is_myaddr(AF_INET, &broadcast, 4), 0) << "but the table is made anew";
       if (i % 10 == thread) pass(1801);
     }
   });
 }
 
 TEST_F(NameTest, KnowsTheNamesOfClients) {
-  const char* aliases[] = {"www", "web.net", nullptr};
+  const char* aliases[] = {"www", nullptr};
   EXPECT_EQ(client_list_add_client("web", aliases), 1);
-  EXPECT_EQ(client_list_add_client("mail", nullptr), 1);
-  EXPECT_EQ(client_list_add_client(nullptr, aliases), 0);
+  EXPECT_EQ(client_list_add_client(nullptr, nullptr), 0);
   EXPECT_EQ(sameclient("WWW", "web"), 1);
-  EXPECT_EQ(sameclient("web", "mail"), 0);
+  EXPECT_EQ(sameclient("no", "mail"), 0);
   EXPECT_EQ(sameclient(nullptr, nullptr), 0);
-  for (const char* removed : {static_cast<const char*>(nullptr), "unknown", "www"}) {
-    EXPECT_EQ(owned(get_primaryclientname("www")), "web");
-    client_list_remove_byname(removed);
-  }
+  EXPECT_EQ(owned(get_primaryclientname("www")), "web");
+  client_list_remove_byname("www");
   EXPECT_EQ(get_primaryclientname("web"), nullptr);
 }
 
@@ -253,26 +217,8 @@ TEST_F(NameTest, KnowsClientsForAnHourOrForEver) {
   pass(3600);
   EXPECT_EQ(owned(get_primaryclientname("hour")), "hour");
   pass(1);
-  EXPECT_EQ(owned(get_primaryclientname("hour")), "(null)");
+  EXPECT_EQ(get_primaryclientname("hour"), nullptr);
   EXPECT_EQ(owned(get_primaryclientname("ever")), "ever");
-  free_client_hostlist_cache();
-  EXPECT_EQ(get_client_cache_update_style(), 0);
-}
-
-// Registered before anything of the runtime, so it runs last at exit.
-bool leaving = false;
-[[maybe_unused]] const int last_at_exit = atexit([] {
-  if (!leaving) return;
-  const in_addr loopback = {htonl(INADDR_LOOPBACK)};
-  if (dns_hostlist_cache.table != nullptr || get_primaryclientname("web") != nullptr) _exit(1);
-  if (is_myaddr(AF_INET, &loopback, 4) != 1 || is_validhostname("box") != 1) _exit(2);
-  _exit(0);
-});
-
-TEST_F(NameTest, CachesAreFreedAtExitAndServeAgain) {
-  EXPECT_EQ(is_myname("box"), 1);
-  EXPECT_EQ(client_list_add_client("web", nullptr), 1);
-  EXPECT_EXIT((leaving = true, exit(3)), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
