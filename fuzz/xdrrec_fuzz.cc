@@ -1,15 +1,10 @@
-// The receiving side of a record stream on arbitrary bytes: whether they come whole or
-// in pieces, with a stall between any two, it reads the same records and refuses the same.
-// The first byte of the input says how large the pieces are, the second how many bytes are
-// read at once when they come whole; the rest is the stream.
-#undef NDEBUG
-#include <sanitizer/common_interface_defs.h>
-#include <unistd.h>
-
-#include <cassert>
-#include <cstdio>
+// The receiving side of a record stream: whether the bytes come whole or in pieces, with a stall
+// between any two, it reads the same records and refuses the same. The first byte of the input
+// says how large the pieces are, the second how many bytes are read at once when they come
+// whole; the rest is the stream.
 #include <vector>
 
+#include "fuzz/harness.h"
 #include "rpc/xdr/x_rec.h"
 #include "tests/xdr_streams.h"
 
@@ -43,22 +38,16 @@ static std::vector<std::string> records_of(Pipe pipe, uint32_t portion) {
   return records;
 }
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  // Each refused fragment is told on standard error, where findings still shall go.
-  __sanitizer_set_report_fd(reinterpret_cast<void*>(intptr_t{dup(STDERR_FILENO)}));
-  return freopen("/dev/null", "w", stderr) == nullptr ? 1 : 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size < 2) return 0;
-  const std::string bytes(reinterpret_cast<const char*>(data) + 2, size - 2);
+void check_input(std::string_view input) {
+  if (input.size() < 2) return;
+  const uint8_t most = std::max<uint8_t>(static_cast<uint8_t>(input[0]), 1);
+  const uint32_t portion = 1 + static_cast<uint8_t>(input[1]) * 16U;
+  const std::string bytes(input.substr(2));
   const auto whole = records_of({bytes}, 1);
-  assert(records_of({bytes, std::max<uint64_t>(data[0], 1), true}, 1) == whole);
+  const auto pieces = records_of({bytes, most, portion == 1}, portion);
   // In portions all but the rest of each record.
-  const uint32_t portion = 1 + data[1] * 16U;
-  const auto portions = records_of({bytes}, portion);
-  for (size_t i = 0; i < portions.size(); ++i) {
-    assert(portions[i] == whole.at(i).substr(0, whole[i].size() / portion * portion));
+  assert(pieces.size() == whole.size());
+  for (size_t i = 0; i < pieces.size(); ++i) {
+    assert(pieces[i] == whole[i].substr(0, whole[i].size() / portion * portion));
   }
-  return 0;
 }
