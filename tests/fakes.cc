@@ -36,8 +36,7 @@ bool grant() {
   return false;
 }
 
-bool is_refused(fakes::Refusal& calls, int buffers = 0) {
-  calls.most = std::max(calls.most.load(), buffers);
+bool is_refused(fakes::Refusal& calls) {
   if (calls.left <= 0) return false;
   --calls.left;
   errno = calls.error;
@@ -122,7 +121,7 @@ int __wrap_connect(int socket, const sockaddr* address, socklen_t length) {
 }
 
 ssize_t __wrap_readv(int descriptor, const iovec* buffers, int count) {
-  return is_refused(reads, count) ? -1 : __real_readv(descriptor, buffers, count);
+  return is_refused(reads) ? -1 : __real_readv(descriptor, buffers, count);
 }
 
 ssize_t __wrap_recv(int socket, void* buffer, size_t size, int flags) {
@@ -130,18 +129,15 @@ ssize_t __wrap_recv(int socket, void* buffer, size_t size, int flags) {
 }
 
 ssize_t __wrap_sendmsg(int socket, const msghdr* message, int flags) {
-  const auto buffers = static_cast<int>(message->msg_iovlen);
-  return is_refused(writes, buffers) ? -1 : __real_sendmsg(socket, message, flags);
+  return is_refused(writes) ? -1 : __real_sendmsg(socket, message, flags);
 }
 
 int __wrap_ppoll(pollfd* polled, nfds_t count, const timespec* timeout, const sigset_t* mask) {
-  if (timeout != nullptr) last_wait = {timeout->tv_sec, timeout->tv_nsec / 1000};
   if (is_refused(waits)) return waits.error == 0 ? 0 : -1;
   return __real_ppoll(polled, count, timeout, mask);
 }
 
 int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* exceptional, timeval* timeout) {
-  if (timeout != nullptr) last_wait = *timeout;
   if (is_refused(waits)) return waits.error == 0 ? 0 : -1;
   return __real_select(count, in, out, exceptional, timeout);
 }

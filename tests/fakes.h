@@ -52,7 +52,6 @@ inline long pieces_left_by(auto work) {
 struct Refusal {
   std::atomic<int> left;   // so many of the next calls fail
   std::atomic<int> error;  // with this errno
-  std::atomic<int> most;   // the most buffers that one call had until now
 };
 
 /// connect (one that fails with EINTR completes later, as the platform's does), readv and
@@ -64,9 +63,6 @@ inline void refuse(Refusal& calls, int error, int count = 1) {
   calls.error = error;
   calls.left = count;
 }
-
-/// The timeout of this thread's last wait.
-inline thread_local timeval last_wait;
 
 inline std::atomic<int64_t> now;            // what time() answers; 0: the real time
 inline std::vector<int64_t>* sleeps;        // takes the milliseconds of nanosleep; null: it sleeps

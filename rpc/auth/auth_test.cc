@@ -1,4 +1,4 @@
-// The authentication flavours none and system.
+// The authentication flavour system.
 #include "rpc/auth/auth.h"
 
 #include <sys/syscall.h>
@@ -6,9 +6,7 @@
 
 #include <thread>
 
-#include "rpc/auth/a_none.h"
 #include "rpc/auth/a_unix.h"
-#include "rpc/auth/auth_choice.h"
 #include "tests/fakes.h"
 #include "tests/xdr_streams.h"
 
@@ -23,23 +21,6 @@ std::string marshalled(AUTH* auth) {
   TestStream out(1000);
   EXPECT_TRUE(auth->ops->marshal(auth, out.get()));
   return out.hex();
-}
-
-// What a method answers to the request for its number.
-int32_t method_of(AUTH* auth) {
-  int32_t method = 0;
-  EXPECT_TRUE(auth->ops->control(auth, kAuthGetMethod, &method));
-  EXPECT_FALSE(auth->ops->control(auth, 3, &method));
-  return method;
-}
-
-TEST(AuthNone, IsOneHandleForAll) {
-  AUTH* none = __brix_authnone_create();
-  EXPECT_EQ(auth_create_default(), none);
-  EXPECT_EQ(method_of(none), 1);
-  EXPECT_FALSE(none->ops->refresh(none));
-  none->ops->destroy(none);
-  EXPECT_EQ(marshalled(none), std::string(32, '0'));
 }
 
 class AuthSystem : public testing::Test {
@@ -75,7 +56,9 @@ class AuthSystem : public testing::Test {
 
 TEST_F(AuthSystem, SendsItsParameters) {
   EXPECT_EQ(marshalled(auth_.get()), full());
-  EXPECT_EQ(method_of(auth_.get()), 2);
+  int32_t method = 0;
+  EXPECT_TRUE(auth_->ops->control(auth_.get(), kAuthGetMethod, &method));
+  EXPECT_EQ(method, 2);
   EXPECT_FALSE(refresh());
 }
 

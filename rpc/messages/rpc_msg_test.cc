@@ -33,13 +33,6 @@ TEST(RpcMessage, RefusesWhatIsNoCallOfVersion2) {
   }
 }
 
-TEST(RpcMessage, EncodesHeadersOfCalls) {
-  rpc_call_message header = {9, 7, 7, 1, 2, 0, {}, {}};
-  EXPECT_EQ(encoded(xdr_filter<__brix_xdr_callhdr>, &header),
-            "0000000900000000000000020000000100000002");
-  EXPECT_FALSE(__brix_xdr_callhdr(TestStream(from_hex(kCallHex)).get(), &header));
-}
-
 TEST(RpcMessage, BoundsAuthBodies) {
   std::vector<uint8_t> body(32748);
   rpc_call_message call = {

@@ -21,7 +21,7 @@ constexpr uint32_t kLastFragment = 0x80000000U;  // its high bit
 // Offsets are into the buffers. The sending buffer holds, in this order, records
 // whose end was delayed, the header slot of the current fragment, and its data.
 // The receiving buffer keeps each byte at its place in the stream modulo the unit,
-// so that an aligned finger means an aligned stream.
+// so that an aligned place there means an aligned stream.
 struct RecordStream {
   void* transport;
   xdrrec_read read;
@@ -31,14 +31,14 @@ struct RecordStream {
   uint8_t* out;
   uint32_t out_size;
   uint32_t out_header;  // where the current fragment's header goes
-  uint32_t out_finger;  // where the next byte goes
+  uint32_t out_next;    // where the next byte goes
   uint32_t out_high;    // end of what was put, when the position was set back
   bool out_begun;       // a fragment of this record was sent already
   bool out_failed;      // sending this record failed
 
   uint8_t* in;
   uint32_t in_size;
-  uint32_t in_finger;    // the next byte
+  uint32_t in_next;      // the next byte
   uint32_t in_end;       // end of what was read
   uint32_t in_fragment;  // where the buffered part of the current fragment starts
   uint32_t in_left;      // bytes of the current fragment that were not consumed
@@ -53,12 +53,12 @@ RecordStream* stream_of(XDR* xdrs) { return static_cast<RecordStream*>(xdrs->pri
 // Starts a fragment whose header is at `offset`.
 void open_fragment(RecordStream* stream, uint32_t offset) {
   stream->out_header = offset;
-  stream->out_finger = offset + kHeader;
-  stream->out_high = stream->out_finger;
+  stream->out_next = offset + kHeader;
+  stream->out_high = stream->out_next;
 }
 
 uint32_t fragment_length(const RecordStream* stream) {
-  return stream->out_finger - stream->out_header - kHeader;
+  return stream->out_next - stream->out_header - kHeader;
 }
 
 void write_header(RecordStream* stream, uint32_t length, bool last) {
@@ -86,21 +86,21 @@ bool send_fragment(RecordStream* stream) {
   uint32_t length = fragment_length(stream);
   if (length == 0) return send(stream, stream->out_header, nullptr, 0);
   write_header(stream, length, false);
-  if (!send(stream, stream->out_finger, nullptr, 0)) return false;
+  if (!send(stream, stream->out_next, nullptr, 0)) return false;
   stream->out_begun = true;
   return true;
 }
 
 bool send_record(RecordStream* stream) {
   write_header(stream, fragment_length(stream), true);
-  return send(stream, stream->out_finger, nullptr, 0);
+  return send(stream, stream->out_next, nullptr, 0);
 }
 
 // Whether the end of the record may wait in the buffer: all of a small record, or
 // the empty last fragment of one whose data was sent.
 bool may_delay(const RecordStream* stream) {
   constexpr uint32_t kFreeShare = 16;  // this part of the buffer has to be free
-  const uint32_t room = stream->out_size - stream->out_finger;
+  const uint32_t room = stream->out_size - stream->out_next;
   if (!stream->out_begun) return room > stream->out_size / kFreeShare;
   return fragment_length(stream) == 0 && rpc_get_io_switches().delayed_ends;
 }
@@ -109,7 +109,7 @@ bool may_delay(const RecordStream* stream) {
 // that a receiving side of this runtime accepts.
 bool send_large(RecordStream* stream, const uint8_t* bytes, uint32_t length) {
   write_header(stream, fragment_length(stream) + length, false);
-  if (!send(stream, stream->out_finger, bytes, length)) return false;
+  if (!send(stream, stream->out_next, bytes, length)) return false;
   stream->out_begun = true;
   return true;
 }
@@ -118,10 +118,10 @@ bool send_large(RecordStream* stream, const uint8_t* bytes, uint32_t length) {
 // null when sending those before failed.
 uint8_t* room_for(RecordStream* stream, uint32_t length) {
   if (stream->out_failed) return nullptr;
-  if (stream->out_size - stream->out_finger < length && !send_fragment(stream)) return nullptr;
-  uint8_t* at = stream->out + stream->out_finger;
-  stream->out_finger += length;
-  stream->out_high = std::max(stream->out_high, stream->out_finger);
+  if (stream->out_size - stream->out_next < length && !send_fragment(stream)) return nullptr;
+  uint8_t* at = stream->out + stream->out_next;
+  stream->out_next += length;
+  stream->out_high = std::max(stream->out_high, stream->out_next);
   return at;
 }
 
@@ -146,7 +146,7 @@ bool rec_put_bytes(XDR* xdrs, const void* bytes, uint32_t length) {
     length -= piece;
   }
   while (length > 0) {
-    uint32_t room = stream->out_size - stream->out_finger;
+    uint32_t room = stream->out_size - stream->out_next;
     uint32_t piece = std::min(length, room > 0 ? room : stream->out_size - kHeader);
     uint8_t* at = room_for(stream, piece);
     if (at == nullptr) return false;
@@ -175,7 +175,7 @@ bool fill(RecordStream* stream) {
   int64_t got =
       stream->read(stream->transport, stream->in + start, stream->in_size - start, nullptr, 0);
   if (got <= 0) return false;
-  stream->in_finger = stream->in_fragment = start;
+  stream->in_next = stream->in_fragment = start;
   stream->in_end = start + static_cast<uint32_t>(got);
   return true;
 }
@@ -189,8 +189,8 @@ uint32_t read_past_buffer(RecordStream* stream, uint8_t* to, uint32_t length) {
       stream->read(stream->transport, to, length, stream->in + start, stream->in_size - start);
   if (got <= 0) return 0;
   uint32_t direct = static_cast<uint32_t>(std::min<int64_t>(got, length));
-  stream->in_finger = stream->in_fragment = fill_offset(stream, direct);
-  stream->in_end = stream->in_finger + static_cast<uint32_t>(got - direct);
+  stream->in_next = stream->in_fragment = fill_offset(stream, direct);
+  stream->in_end = stream->in_next + static_cast<uint32_t>(got - direct);
   return direct;
 }
 
@@ -204,7 +204,7 @@ bool accept_fragment(RecordStream* stream, uint32_t header) {
   stream->in_begun = true;
   stream->in_left = length;
   stream->in_last = (header & kLastFragment) != 0;
-  stream->in_fragment = stream->in_finger;
+  stream->in_fragment = stream->in_next;
   return true;
 }
 
@@ -212,11 +212,10 @@ bool accept_fragment(RecordStream* stream, uint32_t header) {
 bool next_fragment(RecordStream* stream) {
   if (stream->broken) return false;
   while (stream->in_header_length < kHeader) {
-    if (stream->in_finger == stream->in_end && !fill(stream)) return false;
-    uint32_t piece =
-        std::min(kHeader - stream->in_header_length, stream->in_end - stream->in_finger);
-    memcpy(stream->in_header + stream->in_header_length, stream->in + stream->in_finger, piece);
-    stream->in_finger += piece;
+    if (stream->in_next == stream->in_end && !fill(stream)) return false;
+    uint32_t piece = std::min(kHeader - stream->in_header_length, stream->in_end - stream->in_next);
+    memcpy(stream->in_header + stream->in_header_length, stream->in + stream->in_next, piece);
+    stream->in_next += piece;
     stream->in_header_length += piece;
   }
   stream->in_header_length = 0;
@@ -235,7 +234,7 @@ bool enter_data(RecordStream* stream) {
 // failure.
 uint32_t read_some(RecordStream* stream, uint8_t* to, uint32_t length) {
   uint32_t piece = std::min(length, stream->in_left);
-  if (stream->in_finger == stream->in_end) {
+  if (stream->in_next == stream->in_end) {
     if (piece >= stream->in_size) {
       piece = read_past_buffer(stream, to, piece);
       stream->in_left -= piece;
@@ -243,9 +242,9 @@ uint32_t read_some(RecordStream* stream, uint8_t* to, uint32_t length) {
     }
     if (!fill(stream)) return 0;
   }
-  piece = std::min(piece, stream->in_end - stream->in_finger);
-  memcpy(to, stream->in + stream->in_finger, piece);
-  stream->in_finger += piece;
+  piece = std::min(piece, stream->in_end - stream->in_next);
+  memcpy(to, stream->in + stream->in_next, piece);
+  stream->in_next += piece;
   stream->in_left -= piece;
   return piece;
 }
@@ -265,7 +264,7 @@ bool rec_get_bytes(XDR* xdrs, void* bytes, uint32_t length) {
 
 // Bytes of the current fragment that are in the buffer.
 uint32_t buffered(const RecordStream* stream) {
-  return std::min(stream->in_left, stream->in_end - stream->in_finger);
+  return std::min(stream->in_left, stream->in_end - stream->in_next);
 }
 
 template <typename Wire, typename T>
@@ -274,8 +273,8 @@ bool get(XDR* xdrs, T* value) {
   uint8_t bytes[sizeof(Wire)];
   const uint8_t* at = bytes;
   if (buffered(stream) >= sizeof(Wire)) {
-    at = stream->in + stream->in_finger;
-    stream->in_finger += uint32_t{sizeof(Wire)};
+    at = stream->in + stream->in_next;
+    stream->in_next += uint32_t{sizeof(Wire)};
     stream->in_left -= uint32_t{sizeof(Wire)};
   } else if (!rec_get_bytes(xdrs, bytes, sizeof bytes)) {
     return false;
@@ -287,9 +286,9 @@ bool get(XDR* xdrs, T* value) {
 // Drops the rest of the record; false when it cannot be read.
 bool drop_record(RecordStream* stream) {
   while (enter_data(stream)) {
-    if (stream->in_finger == stream->in_end && !fill(stream)) return false;
+    if (stream->in_next == stream->in_end && !fill(stream)) return false;
     uint32_t piece = buffered(stream);
-    stream->in_finger += piece;
+    stream->in_next += piece;
     stream->in_left -= piece;
   }
   return stream->in_last;
@@ -298,7 +297,7 @@ bool drop_record(RecordStream* stream) {
 uint32_t rec_get_position(XDR* xdrs) {
   RecordStream* stream = stream_of(xdrs);
   if (xdrs->operation == xdr_op::kEncode) return fragment_length(stream);
-  return stream->in_finger - stream->in_fragment;
+  return stream->in_next - stream->in_fragment;
 }
 
 bool rec_set_position(XDR* xdrs, uint32_t wanted) {
@@ -306,12 +305,12 @@ bool rec_set_position(XDR* xdrs, uint32_t wanted) {
   if (xdrs->operation == xdr_op::kEncode) {
     uint32_t start = stream->out_header + kHeader;
     if (wanted > stream->out_high - start) return false;
-    stream->out_finger = start + wanted;
+    stream->out_next = start + wanted;
     return true;
   }
   uint32_t position = rec_get_position(xdrs);
   if (wanted > position + buffered(stream)) return false;
-  stream->in_finger = stream->in_fragment + wanted;
+  stream->in_next = stream->in_fragment + wanted;
   stream->in_left = stream->in_left + position - wanted;
   return true;
 }
@@ -321,13 +320,13 @@ uint8_t* rec_get_inline(XDR* xdrs, int32_t length) {
   if (length < 0) return nullptr;
   auto bytes = static_cast<uint32_t>(length);
   if (xdrs->operation == xdr_op::kEncode) {
-    bool fits = bytes <= stream->out_size - stream->out_finger;
-    if (!fits || stream->out_finger % kXdrUnit != 0) return nullptr;
+    bool fits = bytes <= stream->out_size - stream->out_next;
+    if (!fits || stream->out_next % kXdrUnit != 0) return nullptr;
     return room_for(stream, bytes);
   }
-  if (bytes > buffered(stream) || stream->in_finger % kXdrUnit != 0) return nullptr;
-  uint8_t* at = stream->in + stream->in_finger;
-  stream->in_finger += bytes;
+  if (bytes > buffered(stream) || stream->in_next % kXdrUnit != 0) return nullptr;
+  uint8_t* at = stream->in + stream->in_next;
+  stream->in_next += bytes;
   stream->in_left -= bytes;
   return at;
 }
@@ -392,7 +391,7 @@ bool __brix_xdrrec_endofrecord(XDR* xdrs, bool send_now) {
     done = send_record(stream);
   } else {
     write_header(stream, fragment_length(stream), true);
-    open_fragment(stream, stream->out_finger);
+    open_fragment(stream, stream->out_next);
   }
   stream->out_begun = false;
   stream->out_failed = false;
@@ -402,7 +401,7 @@ bool __brix_xdrrec_endofrecord(XDR* xdrs, bool send_now) {
 bool __brix_xdrrec_skiprecord(XDR* xdrs) {
   RecordStream* stream = stream_of(xdrs);
   if (stream->broken || !drop_record(stream)) return false;
-  if (stream->in_finger % kXdrUnit != 0) {
+  if (stream->in_next % kXdrUnit != 0) {
     dfprintf(1, "xdrrec_skiprecord unaligned input pointer\n");
     return break_stream(stream);
   }
@@ -413,15 +412,14 @@ bool __brix_xdrrec_skiprecord(XDR* xdrs) {
 
 bool __brix_xdrrec_eof(XDR* xdrs) {
   RecordStream* stream = stream_of(xdrs);
-  return stream->broken || !drop_record(stream) || stream->in_finger == stream->in_end;
+  return stream->broken || !drop_record(stream) || stream->in_next == stream->in_end;
 }
 
 bool xdrrec_is_broken(XDR* xdrs) { return stream_of(xdrs)->broken; }
 
 bool xdrrec_at_header(XDR* xdrs) {
   RecordStream* stream = stream_of(xdrs);
-  return stream->in_left == 0 && stream->in_header_length == 0 &&
-         stream->in_finger == stream->in_end;
+  return stream->in_left == 0 && stream->in_header_length == 0 && stream->in_next == stream->in_end;
 }
 
 bool xdrrec_at_record(XDR* xdrs) {
