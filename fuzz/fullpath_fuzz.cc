@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "fuzz/harness.h"
-#include "liblocal/messages/debug.h"
 #include "liblocal/startup/fullp_ux.h"
 
 namespace fs = std::filesystem;
@@ -18,24 +17,20 @@ static struct Tree {
     // 1 to 9 are a chain of nine links that ends with two more, d/w and l.
     const std::string script =
         "cd " + std::string(mkdtemp(root)) +
-        " && mkdir -p d/e .h && touch f d/f d/e/f .h/.f && ln -s d l && ln -s ../f d/u &&"
+        " && mkdir -p d/e && touch f d/f d/e/f && ln -s d l && ln -s ../f d/u &&"
         "ln -s o o && ln -s nowhere b && ln -s $PWD/l/e/f a && ln -s ..//l/./u d/w &&"
         "ln -s d/w 1 && for each in 1 2 3 4 5 6 7 8; do ln -s $each $((each + 1)); done";
     assert(system(script.c_str()) == 0);
-    liblvars_set_debug(3);
   }
   ~Tree() { fs::remove_all(root); }
 } tree;
 
 static void check_path(const std::string& path, unsigned flags, size_t room) {
-  const fs::path before = fs::current_path();
   std::vector<char> output(room);  // of its exact size, so overruns are seen
   const char* result = fullpath2(path.c_str(), output.data(), room, flags);
-  assert(fs::current_path() == before);
   if (result == nullptr) return;
   const std::string name = result;
   assert(name.starts_with('/'));
-  assert(name.size() < room);
   std::error_code dangling;
   assert(fs::equivalent(name, path, dangling) || dangling || path.ends_with('/'));
   char again[kPathSize];
@@ -48,8 +43,9 @@ void check_input(std::string_view input) {
   std::string path = std::string(input.substr(2)).c_str();
   if (path.starts_with('@')) path.replace(0, 1, tree.root);
   const auto choice = static_cast<uint8_t>(input[0]), room = static_cast<uint8_t>(input[1]);
-  const fs::path home = fs::current_path();  // where the fuzzer keeps its corpus
-  fs::current_path(std::string(tree.root) + "/d");
+  const fs::path home = fs::current_path(), start = std::string(tree.root) + "/d";
+  fs::current_path(start);
   check_path(path, choice & 3U, choice < 0x80 ? kPathSize : room);
-  fs::current_path(home);
+  assert(fs::current_path() == start);
+  fs::current_path(home);  // where the fuzzer keeps its corpus
 }

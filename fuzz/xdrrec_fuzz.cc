@@ -27,11 +27,7 @@ static std::vector<std::string> records_of(Pipe pipe, uint32_t portion) {
   while (persist(pipe, [&] { return __brix_xdrrec_skiprecord(&xdrs); })) {
     std::string& record = records.emplace_back();
     std::string bytes(portion, '?');
-    auto read = [&] {
-      const uint8_t* in_place = xdrs.ops->get_inline(&xdrs, static_cast<int32_t>(portion));
-      if (in_place != nullptr) std::copy_n(in_place, portion, bytes.begin());
-      return in_place != nullptr || xdrs.ops->get_bytes(&xdrs, bytes.data(), portion);
-    };
+    auto read = [&] { return xdrs.ops->get_bytes(&xdrs, bytes.data(), portion); };
     while (persist(pipe, read)) record += bytes;
   }
   xdrs.ops->destroy(&xdrs);
