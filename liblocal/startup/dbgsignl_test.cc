@@ -26,8 +26,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::string kId = std::to_string(getpid());
-
 class DebugSignal : public testing::Test {
  protected:
   void SetUp() override {
@@ -39,8 +37,7 @@ class DebugSignal : public testing::Test {
     Vflag = PrintDevInfo = 0;
   }
 
-  // What the process writes at a signal, with `command` in the command file, and the value of
-  // Debug then, which was `level`.
+  // What the process writes at a signal, with `command` in the command file and Debug at `level`.
   std::string lines(const std::string& command, int level = 1) {
     machine::write_file(Dbgcmdpath, command);
     return lines_without_file(level);
@@ -57,7 +54,7 @@ class DebugSignal : public testing::Test {
 };
 
 std::string change(const std::string& level, int from, int to) {
-  return "kivtrap: Changing " + level + " of process (id " + kId + ") from " +
+  return "kivtrap: Changing " + level + " of process (id " + std::to_string(getpid()) + ") from " +
          std::to_string(from) + " to " + std::to_string(to) + "\n";
 }
 
@@ -66,11 +63,9 @@ TEST_F(DebugSignal, SetsDebug) {
   const std::pair<std::string, int> rows[] = {
       {" \t\n dEBUG \t\n=\n 3\n", 3},
       {"Debug=3x4", 3},
-      {"Debug=3" + filler, 3},
       {"Debug=abc", 0},
       {"Debug \n", 0},
       {"Debug=99999999999999999999", INT32_MAX},
-      {filler.substr(8) + "Debug=34", 34},
       {filler.substr(7) + "Debug=34", 3}};  // its last byte is not read
   for (const auto& [command, value] : rows) {
     EXPECT_EQ(lines(command), change("Debug level", 1, value)) << command;
@@ -80,11 +75,9 @@ TEST_F(DebugSignal, SetsDebug) {
 }
 
 TEST_F(DebugSignal, LeavesDebugToOtherCommands) {
-  for (const char* command : {"Debug 3", "Debug=", "Debu=3", "Debugger=3", "=3", "", "Debug=-5",
-                              "Debug=-99999999999999999999"}) {
+  for (const char* command : {"Debug 3", "Debug=", "Debu=3", "Debugger=3", "=3", "", "Debug=-5"}) {
     EXPECT_EQ(lines(command), "") << command;
     EXPECT_EQ(debug_, 1) << command;
-    EXPECT_FALSE(fs::exists(Dbgcmdpath));
   }
   EXPECT_EQ(lines_without_file(), "");
 }
@@ -104,70 +97,48 @@ TEST_F(DebugSignal, RefusesNegativeValues) {
 }
 
 TEST_F(DebugSignal, TakesOnlyARegularFile) {
-  const std::string target = std::string(Dbgcmdpath) + ".target";
-  machine::write_file(target, "Debug=3");
-  for (const std::string& make : {"ln -s " + target, std::string("mkdir"), std::string("mkfifo")}) {
+  for (const std::string make : {"ln -s /etc/passwd", "mkdir", "mkfifo"}) {
     ASSERT_EQ(system((make + " " + Dbgcmdpath).c_str()), 0);
     EXPECT_EQ(lines_without_file(), "") << make;
     EXPECT_TRUE(fs::remove(Dbgcmdpath)) << make;
   }
-  EXPECT_EQ(machine::read_file(target), "Debug=3");
-  fs::remove(target);
 }
 
 TEST_F(DebugSignal, BlocksOthersAndRestartsNothing) {
   struct sigaction action;
   ASSERT_EQ(sigaction(SIGUSR2, nullptr, &action), 0);
   EXPECT_EQ(action.sa_flags & (SA_RESTART | SA_NODEFER | SA_SIGINFO), 0);
-
-  machine::write_file(Dbgcmdpath, "Debug=3");
-  sigaddset(&action.sa_mask, SIGQUIT);
-  EXPECT_EQ(regevent(SIGWINCH, &action), 0);
   std::string blocked;
   for (int signal = 1; signal < SIGRTMIN; ++signal) {
-    if (sigismember(&action.sa_mask, signal) == 1) (blocked += sigabbrev_np(signal)) += " ";
+    if (sigismember(&action.sa_mask, signal) == 1)
+      blocked += sigabbrev_np(signal) + std::string(" ");
   }
-  EXPECT_EQ(blocked, "HUP INT USR1 USR2 PIPE ALRM TERM CHLD XCPU XFSZ WINCH ");
-  raise(SIGWINCH);
-  EXPECT_TRUE(fs::exists(Dbgcmdpath)) << "only SIGUSR2 is for it";
-  EXPECT_EQ(regevent(SIGKILL, &action), -1);
+  EXPECT_EQ(blocked, "HUP INT USR1 USR2 PIPE ALRM TERM CHLD XCPU XFSZ ");
 }
 
-// What the program `path` writes while it waits for a debugger, which is there after two waits.
-std::string waiting(const char* path, const char* programs, int level = 0) {
+// The waits of the program `path` for a debugger, which is there after two.
+int waits(const char* path, const char* programs) {
   setenv("KIV_DEBUGPROCS", programs, 1);
   waits_for_debugger = 2;
-  const std::string lines = printed(level, [path] { debug_check(path); });
-  waits_for_debugger = 0;
-  return lines;
-}
-
-std::string twice(const std::string& name) {
-  const std::string line = "kivtrap: " + name + " (" + kId + ") waiting to be debugged\n";
-  return line + line;
+  const std::string text = printed(0, [path] { debug_check(path); });
+  return 2 - waits_for_debugger.exchange(0);
 }
 
 TEST(DebugCheck, WaitsForListedPrograms) {
-  const std::tuple<const char*, const char*, std::string> rows[] = {
-      {"/usr/bin/KIVtrap.exe/", "other,kivtrapper", "kivtrap"},
-      {"a.b.c", "a.B", "a.b"},
-      {"kivtrap", "kivtra, kivtrap", ""},
-      {"b", "a,xb,cB,", ""}};
-  for (const auto& [path, programs, name] : rows) {
+  const std::tuple<const char*, const char*, int> rows[] = {
+      {"/usr/bin/KIVtrap.exe/", "other,kivtrapper", 2},
+      {"a.b.c", "a.B", 2},
+      {"kivtrap", "kivtra, kivtrap", 0},
+      {"b", "a,xb,cB,", 0}};
+  for (const auto& [path, programs, waited] : rows) {
     Debug_me = 1;
-    EXPECT_EQ(waiting(path, programs), name.empty() ? "" : twice(name)) << path;
+    EXPECT_EQ(waits(path, programs), waited) << path;
   }
   Debug_me = 0;
-  EXPECT_EQ(waiting("kivtrap", "kivtrap"), "") << "not asked to";
-}
-
-TEST(DebugCheck, WaitsWhenForced) {
+  EXPECT_EQ(waits("kivtrap", "kivtrap"), 0) << "not asked to";
   Force_debug = 1;
-  EXPECT_EQ(waiting("kivtrap", ""), twice("kivtrap"));
+  EXPECT_EQ(waits("kivtrap", ""), 2);
   EXPECT_EQ(Force_debug, 0);
-  Force_debug = 1;
-  EXPECT_EQ(waiting("kivtrap", "", -1), "");
-  EXPECT_EQ(Debug_me, 0) << "by the debugger";
 }
 
 }  // namespace

@@ -1,14 +1,12 @@
 // Full path names over a tree of real directories and links, on the test machine.
 #include "liblocal/startup/fullp_ux.h"
 
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
 
-#include "tests/fakes.h"
 #include "tests/machine.h"
 #include "tests/work.h"
 
@@ -48,11 +46,6 @@ std::string resolved(const std::string& path, unsigned flags, size_t size = kPat
   return answer;
 }
 
-// The debug lines of a call.
-std::string lines(int level, const std::string& path, unsigned flags, size_t size = kPathSize) {
-  return printed(level, [&] { resolved(path, flags, size); });
-}
-
 struct Name {
   const char *path, *full;
 };
@@ -67,9 +60,7 @@ TEST_F(Fullpath, WithoutFlags) {
                         {"/t//dir//file", "/t/dir/file"},
                         {"/t/dir/..", "/t"},
                         {"/t/link_dir/up", "/t/dir/up"},
-                        {"/t/dir/.hidden", "/t/dir/.hidden"},
-                        {"../", "/"},
-                        {"link_dir/", "/t/dir"}};
+                        {"../", "/"}};
   for (const Name& name : names) EXPECT_EQ(resolved(name.path, 0), name.full) << name.path;
 }
 
@@ -87,15 +78,6 @@ TEST_F(Fullpath, EndsDirectoriesWithASlash) {
   EXPECT_EQ(resolved("/t/link_dir", kSlash | kFollow), "/t/dir/");
 }
 
-TEST_F(Fullpath, WithoutArguments) {
-  char output[9];
-  EXPECT_EQ(fullpath2(nullptr, output, sizeof output, 0), nullptr);
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(fullpath2("/", nullptr, sizeof output, 0), nullptr);
-  EXPECT_EQ(fullpath2("/", output, 0, 0), nullptr);
-  EXPECT_STREQ(fullpath("dir/../link_file"), "/t/link_file");
-}
-
 TEST_F(Fullpath, FitsItsOutput) {
   EXPECT_EQ(resolved("/t/dir/file", 0, 11), "ENAMETOOLONG");
   EXPECT_EQ(resolved("/t/dir/file", 0, 12), "/t/dir/file");
@@ -104,40 +86,6 @@ TEST_F(Fullpath, FitsItsOutput) {
   EXPECT_EQ(resolved("dir", kSlash, 6), "ERANGE");
   EXPECT_EQ(resolved("dir", kSlash, 7), "/t/dir") << "no room for the slash";
   EXPECT_EQ(resolved("dir", kSlash, 8), "/t/dir/");
-}
-
-TEST_F(Fullpath, GivesTheReasonInDebugLines) {
-  struct Row {
-    const char* path;
-    unsigned flags;
-    size_t size;
-    std::string line;
-  };
-  const Row rows[] = {
-      {"/t/nowhere", 0, 9, "cannot stat /t/nowhere\n"},
-      {"l20", kFollow, 9,
-       "fullpath too many symlink loops for l20: Too many levels of symbolic links\n"},
-      {"dir", 0, 6, "getcwd failed on dir\n"},
-      {"dir/file", 0, 6, "fullpath getcwd failed on dir\n"}};
-  for (const Row& row : rows) {
-    EXPECT_EQ(lines(0, row.path, row.flags, row.size), "");
-    EXPECT_EQ(lines(1, row.path, row.flags, row.size), "kivtrap: " + row.line);
-  }
-  EXPECT_EQ(lines(3, "l2", kFollow), "kivtrap: fullpath follow_path returns `dir/file'\n");
-}
-
-TEST_F(Fullpath, WithoutMemory) {
-  auto lines_without = [](int allocation) {
-    return printed(1, [allocation] {
-      char output[kPathSize];
-      const fakes::FailingMalloc failing(allocation, 1);
-      EXPECT_EQ(fullpath2("l2", output, sizeof output, kFollow), nullptr);
-    });
-  };
-  lines(1, "l2", kFollow);  // what a thread keeps is there now
-  EXPECT_EQ(lines_without(0), "kivtrap: fullpath(l2): cannot determine current directory\n");
-  EXPECT_EQ(lines_without(1),
-            "kivtrap: fullpath could not readlink on l2: Cannot allocate memory\n");
 }
 
 TEST_F(Fullpath, LongPathsAndLinks) {
@@ -149,13 +97,8 @@ TEST_F(Fullpath, LongPathsAndLinks) {
   machine::write_file(text, "");
   for (int i = 0; i < 14; ++i) text = odd + "/../" + text;
   fs::create_symlink(text, "odd");
-  const std::pair<size_t, const char*> rows[] = {{754, "kivtrap: fullpath could not lstat ./"},
-                                                 {755, "kivtrap: fullpath path name too long ./"}};
-  for (const auto& [length, line] : rows) {
-    const std::string path = "." + std::string(length - 1, '/') + "odd";
-    EXPECT_EQ(resolved(path, kFollow), "ENAMETOOLONG");
-    EXPECT_THAT(lines(1, path, kFollow), testing::StartsWith(line));
-  }
+  const std::string path = "." + std::string(754, '/') + "odd";
+  EXPECT_EQ(resolved(path, kFollow), "ENAMETOOLONG");
 }
 
 TEST_F(Fullpath, DeeperThanAPathCanBe) {
@@ -169,7 +112,7 @@ TEST_F(Fullpath, DeeperThanAPathCanBe) {
   ASSERT_EQ(system("mkdir sub; touch file sub/file"), 0);
   EXPECT_EQ(resolved("file", 0), path + "/file");
   EXPECT_EQ(resolved("sub", 0), "ENAMETOOLONG") << "there, but not back by name";
-  EXPECT_EQ(lines(1, "sub/file", 0, path.size() + 9),
+  EXPECT_EQ(printed(1, [&] { resolved("sub/file", 0, path.size() + 9); }),
             "kivtrap: " + path + "/sub/file path is too long\n" +
                 "kivtrap: fullpath(sub/file) cannot restore cwd to " + path +
                 ": File name too long\n");
@@ -179,7 +122,7 @@ TEST_F(Fullpath, ClosedDirectories) {
   if (!machine::has_users()) return skip("no users but root here");
   ASSERT_EQ(mkdir("shut", 0744), 0);
   ASSERT_EQ(seteuid(machine::kUser), 0);
-  EXPECT_EQ(lines(1, "shut", 0), "kivtrap: cannot chdir to shut: Permission denied\n");
+  EXPECT_EQ(resolved("shut", 0), "EACCES");
   EXPECT_EQ(seteuid(0), 0);
 }
 
