@@ -29,25 +29,11 @@ void check(bool ok, const std::string& what) {
   if (!ok) throw std::system_error(errno, std::generic_category(), what);
 }
 
-// The contents of a file without a name, which goes.
-std::string take(int file) {
-  std::string text = read_file("/proc/self/fd/" + std::to_string(file));
-  close(file);
+// The contents of a stream of a program that has ended, which is closed.
+std::string take(int stream) {
+  std::string text = read_file("/proc/self/fd/" + std::to_string(stream));
+  close(stream);
   return text;
-}
-
-// In the child, between fork and exec.
-[[noreturn]] void become(const Command& command, const int (&streams)[3],
-                         const std::vector<char*>& argv) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  alarm(200);
-  for (int i = 0; i < 3; ++i) dup2(streams[i], i);
-  for (const std::string& assignment : command.environment) {
-    putenv(const_cast<char*>(assignment.c_str()));
-  }
-  if (command.user != 0 && (setgid(command.user) != 0 || setuid(command.user) != 0)) _exit(125);
-  execvp(command.file.empty() ? argv[0] : command.file.c_str(), argv.data());
-  _exit(127);
 }
 
 }  // namespace
@@ -91,20 +77,27 @@ Outcome run(const Command& command) {
   std::vector<char*> argv;
   for (const std::string& word : command.words) argv.push_back(const_cast<char*>(word.c_str()));
   argv.push_back(nullptr);
-  int in[2];
-  const int out = memfd_create("out", MFD_CLOEXEC), err = memfd_create("err", MFD_CLOEXEC);
-  check(out >= 0 && err >= 0 && pipe2(in, O_CLOEXEC) == 0, "streams");
-  pid_t child = fork();
+  const int streams[] = {memfd_create("in", MFD_CLOEXEC), memfd_create("out", MFD_CLOEXEC),
+                         memfd_create("err", MFD_CLOEXEC)};
+  check(pwrite(streams[0], command.input.data(), command.input.size(), 0) >= 0, "input");
+  const pid_t child = fork();
   check(child >= 0, "fork");
-  if (child == 0) become(command, {in[0], out, err}, argv);
-  if (command.before_input) command.before_input(child);
-  // The other end is open here, too: a program that has ended leaves the input unread.
-  check(write(in[1], command.input.data(), command.input.size()) >= 0, "write");
-  close(in[0]);
-  close(in[1]);
+  if (child == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    alarm(200);
+    for (int i = 0; i < 3; ++i) dup2(streams[i], i);
+    for (const std::string& assignment : command.environment) {
+      putenv(const_cast<char*>(assignment.c_str()));
+    }
+    if (command.user != 0 && (setgid(command.user) != 0 || setuid(command.user) != 0)) _exit(125);
+    execvp(command.file.empty() ? argv[0] : command.file.c_str(), argv.data());
+    _exit(127);
+  }
   int status = 0;
   check(waitpid(child, &status, 0) == child, "waitpid");
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), take(out), take(err)};
+  close(streams[0]);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), take(streams[1]),
+          take(streams[2])};
 }
 
 UdpReceiver::UdpReceiver(uint16_t port, const std::string& address)
@@ -158,37 +151,30 @@ int main(int argc, char** argv) {
   return RUN_ALL_TESTS();
 }
 
-constexpr std::string_view kDigits = "0123456789ABCDEF";
-
-std::string from_hex(std::string_view digits) {
-  std::vector<std::string> items(1);  // what is read of those that are open
-  for (size_t i = 0; i < digits.size(); ++i) {
-    if (digits[i] == '(') {
-      items.emplace_back();
-    } else if (digits[i] == ')') {
-      const size_t length = items.back().size();
-      std::string header(1, static_cast<char>(length));
-      if (length > 255) header.insert(0, 1, static_cast<char>(length >> 8));
-      if (length > 127) header.insert(0, 1, static_cast<char>(0x80 + header.size()));
-      items[items.size() - 2] += header + items.back();
-      items.pop_back();
-    } else if (digits[i] == '\'') {
-      const size_t end = digits.find('\'', i + 1);
-      items.back() += digits.substr(i + 1, end - i - 1);
-      i = end;
-    } else if (digits[i] != ' ') {
-      const size_t high = kDigits.find(digits[i]), low = kDigits.find(digits.at(++i));
-      if (high == kDigits.npos || low == kDigits.npos) throw std::invalid_argument("no hex digit");
-      items.back() += static_cast<char>(high << 4 | low);
-    }
+std::string from_hex(std::string_view blank_separated) {
+  std::string digits(blank_separated);
+  std::erase(digits, ' ');
+  std::string bytes;
+  for (size_t at = 0; at < digits.size(); at += 2) {
+    bytes += static_cast<char>(std::stoi(digits.substr(at, 2), nullptr, 16));
   }
-  return items.front();
+  return bytes;
 }
 
 std::string to_hex(std::string_view bytes) {
   std::string digits;
-  for (char byte : bytes) {
-    for (int digit : {byte >> 4 & 15, byte & 15}) digits += kDigits[static_cast<size_t>(digit)];
+  for (const char byte : bytes) {
+    char two[3];
+    snprintf(two, sizeof two, "%02hhX", byte);
+    digits += two;
   }
   return digits;
+}
+
+std::string ber(int tag, const std::string& contents) {
+  const auto length = static_cast<unsigned>(contents.size());
+  std::string header = {static_cast<char>(tag), static_cast<char>(length)};
+  if (length > 255) header.insert(1, 1, static_cast<char>(length >> 8));
+  if (length > 127) header.insert(1, 1, length > 255 ? '\x82' : '\x81');
+  return header + contents;
 }

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -31,12 +30,11 @@ void set_host_name(const std::string& name);
 
 /// A program to run and its surroundings.
 struct Command {
-  std::vector<std::string> words;                // program and arguments
-  std::string input = {};                        // standard input, at most 64 KiB
-  std::vector<std::string> environment = {};     // NAME=value, added to the own one
-  std::function<void(pid_t)> before_input = {};  // runs once the program is started
-  unsigned user = 0;                             // the user and group that it runs as
-  std::string file = {};                         // the program, when not found by words[0]
+  std::vector<std::string> words;             // program and arguments
+  std::string input = {};                     // standard input
+  std::vector<std::string> environment = {};  // NAME=value, added to the own one
+  unsigned user = 0;                          // the user and group that it runs as
+  std::string file = {};                      // the program, when not found by words[0]
 };
 
 struct Outcome {
@@ -77,7 +75,9 @@ class MachineTest : public testing::Test {
   void SetUp() override { machine::skip_outside(); }
 };
 
-/// The bytes that upper-case hex digits stand for. Blanks are ignored, '...' is text, and (...)
-/// are contents behind their length in the shortest BER form. Throws for anything else.
+/// The bytes that hex digits stand for; blanks are ignored.
 std::string from_hex(std::string_view digits);
+/// The upper-case hex digits of `bytes`.
 std::string to_hex(std::string_view bytes);
+/// A BER item of up to 65535 bytes of contents, its length in the shortest form.
+std::string ber(int tag, const std::string& contents);

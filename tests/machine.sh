@@ -7,23 +7,12 @@ set -eu
 [ $# -gt 0 ] || { echo "usage: machine_run COMMAND..." >&2; exit 2; }
 self=$(realpath "$0")
 
-# in_namespaces STAGE WAY COMMAND...: this script once more, in new namespaces.
+# in_namespaces STAGE RIGHT COMMAND...: this script once more, in new namespaces.
 in_namespaces() {
-  KIVTRAP_TEST_MACHINE=$1 way=$2
-  export KIVTRAP_TEST_MACHINE
+  stage=$1 right=$2
   shift 2
-  exec unshare "$way" --net --mount --uts --ipc --propagation unchanged "$self" "$@"
-}
-
-# All users that the host may give to this process in its user namespace, or its own alone.
-map_ids() {
-  # shellcheck disable=SC3013 # every sh of Debian knows -ef
-  while [ /proc/$$/ns/user -ef /proc/self/ns/user ]; do sleep 0.002; done
-  { echo 0 0 65536 >/proc/$$/gid_map && echo 0 0 65536 >/proc/$$/uid_map; } 2>/dev/null || {
-    echo deny >/proc/$$/setgroups
-    echo "0 $(id -g) 1" >/proc/$$/gid_map
-    echo "0 $(id -u) 1" >/proc/$$/uid_map
-  }
+  KIVTRAP_TEST_MACHINE=$stage exec unshare "$right" --mount --net --uts --ipc \
+    --propagation unchanged "$self" "$@"
 }
 
 # Everything that may be refused.
@@ -38,21 +27,15 @@ found() {
 
 case ${KIVTRAP_TEST_MACHINE-} in
 "")
-  if reason=$(in_namespaces try --map-root-user true 2>&1); then
-    (map_ids &)
-    in_namespaces unmapped --user "$@"
-  elif reason=$(in_namespaces try --mount true 2>&1); then
-    in_namespaces new --mount "$@"
-  fi
+  # With the right of root; else as the root, and only user, of a user namespace.
+  for right in --mount --map-root-user; do
+    if reason=$(in_namespaces try "$right" true 2>&1); then in_namespaces new "$right" "$@"; fi
+  done
   KIVTRAP_TEST_MACHINE="no private network here: $reason"
   export KIVTRAP_TEST_MACHINE
   exec flock --close /tmp "$@" # one at a time: they share the machine's ports
   ;;
 try) found ;;
-unmapped)
-  until read -r _ <"/proc/$$/uid_map"; do sleep 0.002; done
-  KIVTRAP_TEST_MACHINE=new exec "$self" "$@" # root, by now
-  ;;
 new)
   found
   # The host's directories under /run, as the root directory from here on.

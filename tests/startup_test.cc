@@ -26,7 +26,7 @@ std::string install(const std::string& directory) {
 machine::Outcome run(const std::string& file, std::vector<std::string> words,
                      std::vector<std::string> environment = {}, unsigned user = 0) {
   if (user != 0) environment.emplace_back("ASAN_OPTIONS=detect_leaks=0");
-  return machine::run({std::move(words), "disk full\n", std::move(environment), {}, user, file});
+  return machine::run({std::move(words), "disk full\n", std::move(environment), user, file});
 }
 
 // What a program started as `argv0` writes when it shows its origin.
