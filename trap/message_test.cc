@@ -17,21 +17,35 @@ const fakes::NumberedTexts numbered;
 TEST(WrapLine, BreaksAtTheLastWhiteSpaceUpToThe42ndByte) {
   const std::string a38(38, 'a'), a40(40, 'a'), a41(41, 'a'), b20(20, 'b'), c19(19, 'c');
   const std::string x100(100, 'x'), blanks(60, ' ');
-  // Lines, '|' where they are to be broken.
-  for (std::string wanted :
-       {std::string(), a40, a40 + "|", a41, b20 + " " + c19, a38 + "|" + b20, a41 + "|b",
-        a38 + "|  " + b20, b20 + " " + c19 + "|" + b20, "|" + blanks,
+  for (const std::string& wrapped :
+       {std::string(), a40, a40 + "\n", a41, b20 + " " + c19, a38 + "\n" + b20, a41 + "\nb",
+        a38 + "\n  " + b20, b20 + " " + c19 + "\n" + b20, "\n" + blanks,
         // The next segment counts from its own start.
-        a38 + "|" + a40, a38 + "|" + a40 + "|c\n",
+        a38 + "\n" + a40,
         // A word of more than 41 bytes is left whole.
-        "one|" + x100 + "|two", x100 + "|" + x100 + "\n"}) {
-    std::string line = wanted;
-    char wrapped[kLineSize];
-    std::replace(line.begin(), line.end(), '|', '\t');
-    std::replace(wanted.begin(), wanted.end(), '|', '\n');
-    wrap_line(line.c_str(), wrapped);
-    EXPECT_EQ(wrapped, wanted) << line;
+        "one\n" + x100 + "\ntwo", x100 + "\n" + x100}) {
+    std::string line = wrapped;
+    std::replace(line.begin(), line.end(), '\n', '\t');
+    char result[kLineSize];
+    wrap_line(line.c_str(), result);
+    EXPECT_EQ(result, wrapped);
   }
+}
+
+// Reads the next of several texts; a null one interrupts the call, as a signal does.
+ssize_t read_next(void* texts, char* buffer, size_t /*size*/) {
+  const char* text = *(*static_cast<const char***>(texts))++;
+  if (text != nullptr) return stpcpy(buffer, text) - buffer;
+  errno = EINTR;
+  return -1;
+}
+
+TEST(ReadMessage, AnInterruptedReadLosesNoText) {
+  const char* texts[] = {nullptr, "disk ", nullptr, "full\n", ""};
+  const char** next = texts;
+  FILE* source = fopencookie(&next, "r", {read_next, nullptr, nullptr, nullptr});
+  utf8_fp(source);
+  EXPECT_STREQ(read_message(source, false).get(), "disk full");
 }
 
 TEST(ReadMessage, WithoutMemoryForALineTheNextOneIsTheMessage) {
