@@ -249,16 +249,6 @@ TEST_F(SessionTest, AResponseIsOfferedToTheRequestsOfItsIdUntilOneTakesIt) {
   EXPECT_EQ(pending(session), 1);
 }
 
-TEST_F(SessionTest, RequestsAreReceivedOnceAndOtherCommandsNever) {
-  snmp_session* session = open();
-  expect_message(session).Times(3);
-  constexpr uint8_t kUnknown = 0xA9;
-  for (uint8_t command : {kSnmpGetRequest, kSnmpGetNextRequest, kSnmpSetRequest, kUnknown}) {
-    answer(session, message(command));
-    read_all();
-  }
-}
-
 TEST_F(SessionTest, AMangledMessageEndsTheRoundAndAFailureToReceiveDoesNot) {
   snmp_session* oldest = open();
   snmp_session* middle = open();

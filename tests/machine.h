@@ -42,15 +42,15 @@ struct Outcome {
   std::string out, err;
 };
 
-Outcome run(const Command& command);  // to its end, for 200 seconds at most
+Outcome run(const Command& command);  // to its end
 
 /// The port of a bound socket.
 uint16_t port_of(int socket);
 
-/// A UDP socket that keeps what arrives.
+/// A UDP socket of 127.0.0.1 that keeps what arrives.
 class UdpReceiver {
  public:
-  explicit UdpReceiver(uint16_t port, const std::string& address = "127.0.0.1");
+  explicit UdpReceiver(uint16_t port);
   ~UdpReceiver();
   UdpReceiver(const UdpReceiver&) = delete;
   std::optional<std::string> receive(int milliseconds = 5000) const;  // the next datagram
