@@ -42,16 +42,6 @@ bool skip_outside() {
   return kOutside;
 }
 
-bool skip_without_ports() {
-  try {
-    UdpReceiver station(162), standard(111), own(7938);
-    return false;
-  } catch (const std::system_error& failure) {
-    MachineTest::skip(std::string("the ports of a station: ") + failure.what());
-    return true;
-  }
-}
-
 // The map ends with their number.
 bool has_users() { return !kOutside && !read_file("/proc/self/uid_map").ends_with(" 1\n"); }
 

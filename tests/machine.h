@@ -1,6 +1,6 @@
 // Tests in the test machine, the private machine that machine.sh makes, and what they use there.
 // Every test program enters it at its start; where there can be none it goes on outside. A
-// test that needs more than loopback is a MachineTest, or asks one of the skips below.
+// test that needs more than loopback is a MachineTest, or asks skip_outside.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -18,8 +18,6 @@ constexpr unsigned kUser = 1000;          // a user and group without rights
 
 /// Skips the running test outside the test machine; true then.
 bool skip_outside();
-/// Skips it where the ports of a station, 162, 111 and 7938 on loopback, cannot be had.
-bool skip_without_ports();
 /// False where the host lends the test machine no users but root.
 bool has_users();
 
