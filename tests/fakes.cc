@@ -90,7 +90,6 @@ time_t __real_time(time_t* result);
 int __real_gethostbyname_r(const char* name, hostent* entry, char* text, size_t size,
                            hostent** result, int* error);
 int __real_ioctl(int descriptor, unsigned long request, ...);
-int __real_ungetc(int byte, FILE* stream);
 char* __real_nl_langinfo(nl_item item);
 const char* __real__Z9vxcatgetsliiPKc(int64_t catalog, int32_t set, int32_t number,
                                       const char* text);
@@ -179,10 +178,6 @@ int __wrap_ioctl(int descriptor, unsigned long request, void* argument) {
   }
   list->ifc_len = static_cast<int>(count * sizeof(ifreq));
   return 0;
-}
-
-int __wrap_ungetc(int byte, FILE* stream) {
-  return no_push_back ? EOF : __real_ungetc(byte, stream);
 }
 
 char* __wrap_nl_langinfo(nl_item item) {

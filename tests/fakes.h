@@ -1,5 +1,5 @@
 // Fakes of what the platform answers: allocations, system calls of connections, the clock, the
-// resolver, the interfaces, streams, the codeset, and numbers in front of catalog texts. Every
+// resolver, the interfaces, the codeset, and numbers in front of catalog texts. Every
 // test program has these calls of its own objects and static libraries pass through here;
 // shared libraries keep theirs. Each fake calls the real thing until a test sets it.
 #pragma once
@@ -68,7 +68,6 @@ inline std::atomic<int64_t> now;            // what time() answers; 0: the real 
 inline std::vector<int64_t>* sleeps;        // takes the milliseconds of nanosleep; null: it sleeps
 inline std::atomic<int> names_asked;        // calls of gethostbyname_r until now
 inline std::atomic<bool> resolver_is_down;  // gethostbyname_r finds nothing
-inline std::atomic<bool> no_push_back;      // ungetc fails
 inline std::atomic<const char*> codeset;    // what nl_langinfo(CODESET) answers; null: the real
 
 /// A network interface that ioctl shows.
