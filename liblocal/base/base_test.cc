@@ -72,8 +72,7 @@ TEST(VxError, TheLastErrorKeepsItsKind) {
               {NO_RECOVERY, 2, 45, "Unknown server error"},
               {NO_DATA, 2, 47, "No address associated with name"},
               {9, 2, 1, "Unknown resolver error"},
-              {5, 3, 2, "Unknown error"},
-              {5, 5, 1, "Unknown error"}};
+              {5, 3, 2, "Unknown error"}};
   for (const auto& row : rows) {
     vx_error_set_last(row.value, row.kind);
     EXPECT_EQ(vx_error_get_last(), row.code) << row.message;
