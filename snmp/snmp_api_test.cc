@@ -338,6 +338,7 @@ TEST_F(SessionTest, ASynchronousRequestEndsWithItsSessionAndIsNotTakenForALaterO
   snmp_session* next = nullptr;
   expect_message(other).WillOnce([&] {
     EXPECT_EQ(ask_and_wait(session, 8), kSnmpSynchError) << "one at a time";
+    EXPECT_EQ(snmp_errno, kSnmpErrGeneric);
     return snmp_close(session);
   });
   expect_call(kSnmpTimedOut, other).WillOnce([&] {
@@ -379,12 +380,12 @@ TEST_F(SessionTest, SelectInfoFindsTheNextExpiry) {
   snmp_session* session = open();
   int count = 0;
   // A wait of `seconds` becomes one of `wanted_seconds`.
-  auto expect_wait = [&count](long seconds, int block, long wanted_seconds, int wanted_block) {
+  auto expect_wait = [&count](int seconds, int block, int wanted_seconds, int wanted_block) {
     vx_fd_set readable{};
     timeval timeout = {seconds, 0};
     count = 0;
     EXPECT_EQ(snmp_select_info(&count, &readable, &timeout, &block), 1);
-    EXPECT_NEAR(static_cast<double>(timeout.tv_sec), static_cast<double>(wanted_seconds), 10);
+    EXPECT_NEAR(static_cast<int>(timeout.tv_sec), wanted_seconds, 10);
     EXPECT_EQ(block, wanted_block);
   };
   expect_wait(50, 1, 50, 1);

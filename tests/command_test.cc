@@ -83,7 +83,6 @@ TEST_F(CommandTest, CommandLines) {
       {{"manager", "2", "7", "9"}, trap_message("disk full", "public", "020102 020107")},
       {{"manager", "-cx", "private", "-c"}, trap_message("disk full", "private")},
       {{"manager", "-f", "/run/message", "6"}, from_file},
-      {{"manager", "-f"}, sent},
       {{"manager", "-d", "-d"}, sent, dump},
       {{"manager", "-v"}, "", "[41.24] invalid option: -v\n", kUsage},
       {{"-v", "-t3", "-s", "70000", "-c", "a b", "manager"},
@@ -95,7 +94,6 @@ TEST_F(CommandTest, CommandLines) {
       {{"-f", "", "manager"}, sent},
       {{"-f", "/no/such", "manager"}, "", "[41.25] file /no/such does not exist\n"},
       {{"-d", "-u", "1", "manager"}, sent, dump, "[41.26] Up time: 0\n"},
-      {{"-z", "manager"}, "", "", kUsage},
       {{"-d", "a", "b"}, "", "", kUsage},
       {{"-d", "--", "--help"}, "", "", kUsage},
       {{"nowhere"}, "", "[41.27] Couldn't open snmp\n", "[41.23] unknown host: nowhere\n"},
@@ -217,7 +215,8 @@ TEST_F(CommandTest, ARealPortMapperIsAsked) {
   for (int tries = 0; !reply && tries < 200; ++tries) {  // until it has started
     sendto(program.socket(), registration.data(), registration.size(), 0,
            reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    reply = program.receive(50);
+    usleep(50000);
+    reply = program.receive_now();
   }
   EXPECT_TRUE(reply.has_value());
   expect(kivtrap({"manager"}, std::string(38, 'x') + " wrapped\n"),

@@ -51,9 +51,8 @@ class UdpReceiver {
   explicit UdpReceiver(uint16_t port);
   ~UdpReceiver();
   UdpReceiver(const UdpReceiver&) = delete;
-  std::optional<std::string> receive(int milliseconds = 5000) const;  // the next datagram
-  /// What is there: on loopback a datagram is delivered before its send returns.
-  std::optional<std::string> receive_now() const { return receive(0); }
+  /// The next datagram that is there: on loopback it is delivered before its send returns.
+  std::optional<std::string> receive_now() const;
   int socket() const { return socket_; }
   uint16_t port() const { return port_of(socket_); }
 

@@ -6,9 +6,8 @@
 
 #include "liblocal/text/utf8.h"
 #include "tests/fakes.h"
-#include "tests/rpc_server.h"
+#include "tests/machine.h"
 #include "trap/delivery.h"
-#include "trap/probe.h"
 
 namespace {
 
@@ -17,13 +16,12 @@ const fakes::NumberedTexts numbered;
 TEST(WrapLine, BreaksAtTheLastWhiteSpaceUpToThe42ndByte) {
   const std::string a38(38, 'a'), a40(40, 'a'), a41(41, 'a'), b20(20, 'b'), c19(19, 'c');
   const std::string x100(100, 'x'), blanks(60, ' ');
-  for (const std::string& wrapped :
-       {std::string(), a40, a40 + "\n", a41, b20 + " " + c19, a38 + "\n" + b20, a41 + "\nb",
-        a38 + "\n  " + b20, b20 + " " + c19 + "\n" + b20, "\n" + blanks,
-        // The next segment counts from its own start.
-        a38 + "\n" + a40,
-        // A word of more than 41 bytes is left whole.
-        "one\n" + x100 + "\ntwo", x100 + "\n" + x100}) {
+  for (const std::string& wrapped : {a40, a40 + "\n", b20 + " " + c19, a38 + "\n" + b20,
+                                     a41 + "\nb", a38 + "\n  " + b20, "\n" + blanks,
+                                     // The next segment counts from its own start.
+                                     a38 + "\n" + a40,
+                                     // A word of more than 41 bytes is left whole.
+                                     "one\n" + x100 + "\ntwo"}) {
     std::string line = wrapped;
     std::replace(line.begin(), line.end(), '\n', '\t');
     char result[kLineSize];
@@ -70,12 +68,6 @@ TEST(DeliverTrap, FailsWithoutMemoryAndSendsNothing) {
                 testing::AnyOf("", "[41.27] Couldn't open snmp\n"));
     EXPECT_EQ(station.receive_now().has_value(), status == 0);
   });
-}
-
-TEST(WantsWrappedText, FreesTheClientOfItsQuestion) {
-  if (machine::skip_outside()) return;
-  const machine::RpcServer mapper(7938, "127.0.0.1", machine::port_mapper(4711));
-  EXPECT_EQ(fakes::pieces_left_by([] { EXPECT_TRUE(wants_wrapped_text("127.0.0.1")); }), 0);
 }
 
 }  // namespace
