@@ -82,15 +82,15 @@ TEST(Format, AnArgumentHasTheTypeOfItsLastUse) {
 TEST(Format, UnfinishedAndUnknownConversions) {
   EXPECT_EQ(formatted("a%-"), "a");
   EXPECT_EQ(formatted("a%l", int64_t{1}), "a");
-  EXPECT_EQ(formatted("%lld|%hhd|%zu", int64_t{1}, 2, 3), "d|d|u");
+  EXPECT_EQ(formatted("%lld|%zu", int64_t{1}, 2), "d|u");
   EXPECT_EQ(formatted("%y %5%d", 1, 2), "%y %d");
 }
 
 TEST(Format, NothingIsReadOrWrittenThroughWhatIsNoPointer) {
   int count = 5;
-  EXPECT_EQ(formatted("%n%hn%ln|%d", 1, 2, &count, 3), "|3");
+  EXPECT_EQ(formatted("%n%ln|%d", 1, &count, 3), "|3");
   EXPECT_EQ(count, 5);
-  EXPECT_EQ(formatted("%S%hf%hp|%d", 1, 2, 3, 4), "|4");
+  EXPECT_EQ(formatted("%S%hf|%d", 1, 2, 3), "|3");
   EXPECT_EQ(formatted("%Ld%Ls|%d", 1.0L, 2.0L, 3), "|3");
 }
 
@@ -119,7 +119,6 @@ TEST(Format, NumbersAreThoseOfThePlatform) {
     expect_as_platform(int64_t{value} << 8, {"%ld", "%lu", "%lx", "%-24lX|"});
   }
   expect_as_platform(-1.5, {"%e", "%G", "%f", "%lf", "%a"});
-  expect_as_platform("text" + 0, {"%p"});
 }
 
 }  // namespace

