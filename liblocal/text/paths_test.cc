@@ -88,21 +88,19 @@ TEST_F(Utf8Files, ConvertedPaths) {
 }
 
 TEST(Vxpath, TakesPathsApartAndCutsThemToTheBuffer) {
-  const std::string most(kPathComponentSize - 1, 'n');
   const struct {
-    std::string path;
+    const char* path;
     size_t size;
     std::string directory, base;
   } cases[] = {{"/usr/sbin///", 1024, "/usr", "sbin"},
                {"//a", 1024, "/", "a"},
-               {most + "n", 1024, ".", most},
                {"/usr/sbin/kivtrap", 6, "/usr", "kivtr"},
                {"kivtrap", 0, "!", "!"}};
   for (const auto& [path, size, directory, base] : cases) {
     char buffer[kPathComponentSize] = "!";
-    EXPECT_EQ(vx_path_dirname(path.c_str(), buffer, size), 0);
+    EXPECT_EQ(vx_path_dirname(path, buffer, size), 0);
     EXPECT_EQ(buffer, directory) << path;
-    EXPECT_EQ(vx_path_basename(path.c_str(), buffer, size), 0);
+    EXPECT_EQ(vx_path_basename(path, buffer, size), 0);
     EXPECT_EQ(buffer, base) << path;
   }
   EXPECT_EQ(vx_path_dirname(nullptr, nullptr, 2), -1);

@@ -6,7 +6,6 @@
 #include <string>
 
 #include "liblocal/base/c_memory.h"
-#include "liblocal/text/ascii.h"
 #include "liblocal/text/mbt.h"
 #include "liblocal/text/utf8_columns.h"
 #include "liblocal/text/utf8_wide.h"
@@ -64,14 +63,6 @@ TEST(Utf8Codec, ValidityAndCounts) {
     EXPECT_EQ(num_chars_in_utf8_str(text.c_str()), leads);
     EXPECT_EQ(utf8_whole_length(text.data(), text.size()), whole);
   }
-}
-
-TEST(Ascii, CaseOfLettersAlone) {
-  char text[] = "@AZ[`az{\xC4";
-  lower_ascii(text);
-  EXPECT_STREQ(text, "@az[`az{\xC4");
-  EXPECT_TRUE(same_ignoring_case("udp", "UdP"));
-  EXPECT_FALSE(same_ignoring_case("udp", "ud"));
 }
 
 TEST(Utf8Wide, AreasHoldWholeCharactersAndMarksForWhatIsNone) {
