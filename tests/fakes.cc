@@ -1,7 +1,6 @@
 #include "tests/fakes.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <langinfo.h>
 #include <net/if.h>
 #include <netdb.h>
@@ -111,11 +110,10 @@ void __wrap_free(void* memory) {
 
 int __wrap_connect(int socket, const sockaddr* address, socklen_t length) {
   if (!is_refused(connects)) return __real_connect(socket, address, length);
-  if (errno != EINTR) return -1;
-  fcntl(socket, F_SETFL, O_NONBLOCK);
-  __real_connect(socket, address, length);
-  fcntl(socket, F_SETFL, 0);
-  errno = EINTR;
+  if (errno == EINTR) {
+    __real_connect(socket, address, length);
+    errno = EINTR;
+  }
   return -1;
 }
 

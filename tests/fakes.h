@@ -54,7 +54,7 @@ struct Refusal {
   std::atomic<int> error;  // with this errno
 };
 
-/// connect (one that fails with EINTR completes later, as the platform's does), readv and
+/// connect (one that fails with EINTR goes on, as the platform's does), readv and
 /// recv, sendmsg, ppoll and select.
 inline Refusal connects, reads, writes, waits;
 

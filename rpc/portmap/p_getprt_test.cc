@@ -69,13 +69,6 @@ TEST_F(PortTest, TheCacheAnswersForThisHostAlone) {
   EXPECT_EQ(ask("127.0.0.2", kService, 2), 5) << "a remote host";
 }
 
-TEST_F(PortTest, ADisabledCacheIsNotRead) {
-  start_with("{390113,2,17,7937}");
-  disable_cacheable_pmap();
-  EXPECT_EQ(pmap_cached_port(kService, 2, IPPROTO_UDP), 0U);
-  get_rpc_p_varp()->pmap_cache_off = false;  // there is no other way back
-}
-
 TEST_F(PortTest, TheOwnMappersAnswerIsKept) {
   const struct {
     const char* host;
