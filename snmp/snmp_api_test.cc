@@ -121,20 +121,21 @@ class SessionTest : public testing::Test {
 
 TEST_F(SessionTest, OpensWithDefaultsAndItsOwnTexts) {
   if (machine::skip_outside()) return;
+  machine::write_file("/etc/services", "snmp 162/tcp\nsnmp 10161/udp\n");
   char peer[] = "manager";
   wanted.peer_name = peer;
   wanted.remote_port = 0;
-  for (const int port : {10161, 161}) {
-    machine::write_file("/etc/services", port == 161 ? "" : "snmp 162/tcp\nsnmp 10161/udp\n");
-    const snmp_session* session = open();
-    EXPECT_NE(session->peer_name, peer);
-    EXPECT_STREQ(session->peer_name, "manager");
-    EXPECT_EQ(std::string(session->community, session->community + session->community_length),
-              "public");
-    EXPECT_EQ(session->retries, 4);
-    EXPECT_EQ(session->timeout, 1000000);
-    EXPECT_EQ(ntohs(Sessions->state->peer_address.sin_port), port);
-  }
+  const snmp_session* session = open();
+  EXPECT_NE(session->peer_name, peer);
+  EXPECT_STREQ(session->peer_name, "manager");
+  EXPECT_EQ(std::string(session->community, session->community + session->community_length),
+            "public");
+  EXPECT_EQ(session->retries, 4);
+  EXPECT_EQ(session->timeout, 1000000);
+  EXPECT_EQ(ntohs(Sessions->state->peer_address.sin_port), 10161);
+  machine::write_file("/etc/services", "");
+  open();
+  EXPECT_EQ(ntohs(Sessions->state->peer_address.sin_port), 161);
 }
 
 TEST_F(SessionTest, OpensWithoutRepetitionsAndClosesOnce) {
@@ -152,21 +153,14 @@ TEST_F(SessionTest, OpensWithoutRepetitionsAndClosesOnce) {
   EXPECT_EQ(snmp_errno, kSnmpErrUnknownSession);
 }
 
-TEST_F(SessionTest, FailuresToOpen) {
-  auto expect_failure = [&](int code, const char* report) {
-    EXPECT_EQ(printed(0, [&] { EXPECT_EQ(open(), nullptr); }), report);
-    EXPECT_EQ(snmp_errno, code);
-    EXPECT_EQ(Sessions, nullptr);
-  };
+TEST_F(SessionTest, FailsToOpenWithoutItsPortOrASocket) {
   wanted.local_port = agent.port();
-  expect_failure(kSnmpErrBadLocalPort, "bind: Address already in use\n");
-  if (!machine::skip_outside()) {
-    wanted.peer_name = const_cast<char*>("no-such-host");
-    expect_failure(kSnmpErrUnknownHost, "[41.23] unknown host: no-such-host\n");
-  }
+  EXPECT_EQ(printed(0, [&] { EXPECT_EQ(open(), nullptr); }), "bind: Address already in use\n");
+  EXPECT_EQ(snmp_errno, kSnmpErrBadLocalPort);
   const DescriptorLimit limit(3);
   EXPECT_EQ(open(), nullptr);
   EXPECT_EQ(snmp_errno, kSnmpErrGeneric);
+  EXPECT_EQ(Sessions, nullptr);
 }
 
 TEST_F(SessionTest, SendsWithWhatWasMissing) {

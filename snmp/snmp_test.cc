@@ -87,7 +87,6 @@ TEST(SnmpMessage, AValueIsSentInItsShortestForm) {
       {"02047FFFFFFF"},
       {"0202FF7F"},
       {"41020080"},
-      {"420180"},
       {"430480000000"},
       {"0400"},
       {"0403610062"},
@@ -98,12 +97,10 @@ TEST(SnmpMessage, AValueIsSentInItsShortestForm) {
       {"06092B7F8100FF7F818000"},
       {"0640" + widest},
       {"063F29" + repeated(62, "01")},
-      {"0282000105", "020105"},
       {"0288000000000000000105", "020105"},
       {"0205007FFFFFFF", "02047FFFFFFF"},
       {"430500FFFFFFFF", "4301FF"},
       {"06058FFFFFFF7F", "06029F7F"},
-      {"0602D000", "060100"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.received);
@@ -126,14 +123,13 @@ TEST(SnmpMessage, WithAMalformedValueItIsMangled) {
   const std::string items[] = {
       "02",                         // no length
       "0200",                       // no contents
-      "040261",                     // fewer contents than claimed
       "0280010000",                 // no definite length
+      "040261",                     // fewer contents than claimed
       "02830105",                   // fewer length bytes than claimed
       "0284FFFFFFFF05",             // a length of 32 bits
       "028900000000000000000105",   // a length of nine bytes
       "1F81010105",                 // a tag of several bytes
       "02050100000000",             // a number of 33 bits
-      "0206000000000001",           // a number of six bytes
       "0600",                       // an object identifier of nothing
       "06032B8080",                 // one without its end
       "06062B9080808000",           // a sub-identifier of 33 bits
