@@ -419,4 +419,9 @@ TEST_F(SessionTest, NothingIsSentOrRememberedWithoutMemory) {
   }
 }
 
+TEST(SnmpTexts, ACodeHasItsText) {
+  EXPECT_STREQ(api_errors(kSnmpErrUnknownHost + 4), "[41.69] Unknown host");
+  EXPECT_STREQ(api_errors(kSnmpErrGeneric + 4), "[41.59] Unknown Error");
+}
+
 }  // namespace
