@@ -30,6 +30,5 @@ void check_input(std::string_view datagram) {
   if (pdu == nullptr) return;
   unique_pdu(snmp_fix_pdu(pdu.get(), kSnmpGetRequest));
   const Bytes message = built(pdu);
-  assert(built(unique_pdu(snmp_clone_pdu(pdu.get()))) == message);
   assert(message.empty() || built(decoded(message)) == message);
 }

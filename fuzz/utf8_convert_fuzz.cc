@@ -104,14 +104,15 @@ void check_input(std::string_view input) {
   if (input.size() < 2) return;
   codeset = &codesets[static_cast<uint8_t>(input[0]) % std::size(codesets)];
   assert(codeset->to_utf8 != reinterpret_cast<iconv_t>(-1));
-  Needs_conversion = codeset->name == std::string_view("UTF-8") ? 0 : 1;
+  const bool is_utf8 = codeset->name == std::string_view("UTF-8");
+  Needs_conversion = is_utf8 ? 0 : 1;
   Ansi_keeps_ascii = codeset->name[0] != 'T';  // TCVN has letters among the controls
   const size_t room = std::max<uint8_t>(static_cast<uint8_t>(input[1]), 1);
   const std::string text = std::string(input.substr(2)).c_str();
 
   const Outcome in = outcome(utf8_mbs, text, room), out = outcome(ansi_mbs, text, room);
-  assert(codeset->combines || out == model(step_out, text, room));
-  assert(codeset->combines || Needs_conversion == 0 || in == model(step_in, text, room));
+  if (!codeset->combines) assert(out == model(step_out, text, room));
+  if (!codeset->combines && !is_utf8) assert(in == model(step_in, text, room));
   const std::string whole = outcome(utf8_mbs, text, 6 * text.size() + 1).first;
   assert(through_stream(text, 8 + static_cast<int>(room)) == whole);  // room for any character
 }
