@@ -12,11 +12,6 @@ struct Item {
   char** names;
   uint64_t* always;
   Item* optional;
-  int32_t kind;  // 1: number, 2: text
-  struct {
-    uint16_t number;
-    char* text;
-  } of;
 };
 
 template <typename T>
@@ -24,19 +19,11 @@ void** as_void(T** pointer) {
   return reinterpret_cast<void**>(pointer);
 }
 
-inline bool text_arm(XDR* xdrs, void* object, int32_t discriminant) {
-  auto* of = static_cast<decltype(Item::of)*>(object);
-  return discriminant == 2 && __brix_xdr_wrapstring(xdrs, &of->text);
-}
-
 inline bool item_filter(XDR* xdrs, Item* item) {
-  static const xdr_discrim kArms[] = {{1, xdr_arm<__brix_xdr_u_short>}, {0, nullptr}};
   return __brix_xdr_wrapstring(xdrs, &item->name) &&
          __brix_xdr_array(xdrs, as_void(&item->names), &item->name_count, UINT32_MAX, sizeof(char*),
                           xdr_filter<__brix_xdr_wrapstring>) &&
          __brix_xdr_reference(xdrs, as_void(&item->always), sizeof(uint64_t),
                               xdr_filter<xdr_uint64_t>) &&
-         __brix_xdr_pointer(xdrs, as_void(&item->optional), sizeof(Item),
-                            xdr_filter<item_filter>) &&
-         __brix_xdr_union(xdrs, &item->kind, &item->of, kArms, text_arm);
+         __brix_xdr_pointer(xdrs, as_void(&item->optional), sizeof(Item), xdr_filter<item_filter>);
 }

@@ -77,6 +77,7 @@ TEST_F(TcpTest, WhatAnswersComeTo) {
       {"late results", "8000001C ID OK 00000000 0000", false, RPC_TIMEDOUT},
       {"too few results", "80000018 ID OK 00000000", false, RPC_CANTDECODERES},
       {"too large a fragment", "7F7F7F7F", false, RPC_CANTRECV},
+      {"too large a second one", "00000018 ID OK 00000000 7F7F7F7F", false, RPC_CANTRECV},
       {"a reply behind another, one cut off, an empty fragment and no reply",
        "8000001C 00000000 00000001 00000000 00000002 00000004 61626364 00000000"
        "80000018 00000000 00000001 00000000 00000000 00000008 12345678 00000000 80000004 00000000"

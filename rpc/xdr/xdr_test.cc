@@ -126,12 +126,10 @@ TEST(Xdr, MemoryGrowsWithWhatHasCome) {
   __brix_xdr_free(kString, &back);
 }
 
-// An item with all that it may have, and one inside it of the other kind.
+// An item with all that it may have, and a nearly empty one inside it.
 const char kItemHex[] =
-    "000000046E616D6500000002000000016100000000000000"
-    "01020304050607080000000100000000"
-    "0000000000000000000000090000000000000002000000026869000000000001"
-    "0000FFFF";
+    "000000046E616D6500000002000000016100000000000000010203040506070800000001"
+    "0000000000000000000000000000000900000000";
 
 constexpr xdrproc_t kItem = xdr_filter<item_filter>;
 
