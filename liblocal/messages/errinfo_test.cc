@@ -34,7 +34,7 @@ TEST(ErrSet, TakesSeverityAndTextFromTheTables) {
   }
   expect_record(err_set(2, 0), 21000, "Success");
   expect_record(err_set(2, 123005), 23005, "Timed out");
-  expect_record(err_set(4, 2), 40002, "Unknown error");
+  expect_record(err_set(3, 33), 30033, "Unknown error");
   expect_record(err_set(2, -1), 19999, "Unknown error");
   expect_record(err_set(9, 2), 95002, "Unable to find job record");
   expect_record(err_set(9, 3), 94003, "Invalid or NULL session channel");
@@ -95,7 +95,7 @@ TEST(ErrPrint, AddsDetailsUnlessTheLevelIs0) {
   err_set(1, 0);  // makes the tables
   EXPECT_EQ(printed_record(0, {92001, "50%d"}), "Jobs warning: 50%d\n");
   EXPECT_EQ(printed_record(-1, {92001, "50%d"}), "Jobs warning: 50%d (severity 2, number 1)\n");
-  EXPECT_EQ(printed_record(0, {102001, "worn"}), "warning, worn\n");
+  EXPECT_EQ(printed_record(0, {62001, "full"}), "Jukebox warning: full\n");
   EXPECT_EQ(printed_record(1, {102001, "worn"}), "warning, worn (type 10, severity 2, number 1)\n");
   EXPECT_EQ(printed_record(1, {0, "nothing"}), "error, nothing\n");
   EXPECT_EQ(printed_record(1, {-10001, "chain"}), "error, chain (number -10001)\n");
