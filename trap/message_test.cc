@@ -42,6 +42,7 @@ TEST(ReadMessage, AnInterruptedReadLosesNoText) {
   const char* texts[] = {nullptr, "disk ", nullptr, "full\n", ""};
   const char** next = texts;
   FILE* source = fopencookie(&next, "r", {read_next, nullptr, nullptr, nullptr});
+  source->_fileno = 100;  // such a stream has no descriptor, which a mark needs
   utf8_fp(source);
   EXPECT_STREQ(read_message(source, false).get(), "disk full");
 }
