@@ -27,16 +27,12 @@ std::string in_own_area(const std::string& format, va_list arguments) {
   return {area, static_cast<size_t>(length)};
 }
 
-// The same in an area of its own, in a buffer, and with a '$', which makes a table of arguments.
+// The same with a '$', which makes a table of arguments.
 std::string formatted(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
   const std::string text = in_own_area(format, arguments);
   EXPECT_EQ(in_own_area(std::string("$") + format, arguments), "$" + text) << format;
-  std::string buffer(text.size() + 9, '#');
-  EXPECT_EQ(i18n_vsprintf(buffer.data(), nullptr, format, arguments),
-            static_cast<int>(text.size()));
-  EXPECT_EQ(buffer, text + '\0' + "########");
   va_end(arguments);
   return text;
 }
@@ -44,7 +40,7 @@ std::string formatted(const char* format, ...) {
 TEST(Format, WidthsAndPrecisionsOfNumbers) {
   EXPECT_EQ(formatted("%%d 100%%"), "%d 100%");
   EXPECT_EQ(formatted("%*d|%*d", 5, 42, -5, 42), "   42|42   ");
-  EXPECT_EQ(formatted("%.*f|%.*f|%Lg", 2, 1.0, -2, 1.0, 1e40L), "1.00|1.000000|1e+40");
+  EXPECT_EQ(formatted("%.*f|%.*f", 2, 1.0, -2, 1.0), "1.00|1.000000");
   EXPECT_EQ(formatted("%----------------------------------------3d|", 1), "1  |");
   EXPECT_EQ(formatted("%9000.0f|%15000d", 1.0, 2).size(), 24001U) << "more than one area";
 }

