@@ -1,6 +1,7 @@
 // What the calling thread keeps for the RPC runtime, and the texts of failures.
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <thread>
@@ -17,6 +18,8 @@ rpc_err failure(int status, long s1 = 0, long s2 = 0) {
   rpc_err error = {};
   error.status = static_cast<clnt_stat>(status);
   error.other = {s1, s2};
+  const int in_one_number[] = {RPC_CANTSEND, RPC_CANTRECV, RPC_SYSTEMERROR, RPC_AUTHERROR};
+  if (std::ranges::count(in_one_number, status) > 0) error.why = static_cast<int32_t>(s1);
   return error;
 }
 

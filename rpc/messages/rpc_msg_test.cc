@@ -81,7 +81,8 @@ TEST(RpcMessage, SaysWhatAReplyMeans) {
     memset(&error, 0xFF, sizeof error);
     __brix_seterr_reply(&message, &error);
     EXPECT_EQ(error.status, reply.status);
-    EXPECT_EQ(error.other.s1, reply.detail.s1);
+    const bool says_why = reply.status == RPC_AUTHERROR;
+    EXPECT_EQ(says_why ? error.why : error.other.s1, reply.detail.s1);
     EXPECT_EQ(error.other.s2, reply.detail.s2);
     __brix_xdr_free(kReply, &message);
     EXPECT_EQ(text, nullptr);
