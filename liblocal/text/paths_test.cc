@@ -17,17 +17,11 @@
 
 namespace {
 
-// In a directory of their own.
-class Utf8Files : public testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(chdir(place_.path().c_str()), 0); }
-  void TearDown() override { ASSERT_EQ(chdir("/"), 0); }
-  const TemporaryDirectory place_;
-};
-
 // Each wrapper finds what those before it left of files whose name has a '€'.
-TEST_F(Utf8Files, PathsAreConverted) {
+TEST(Utf8Files, PathsAreConverted) {
   in_locale("ISO-8859-15", [] {
+    const TemporaryDirectory place;
+    ASSERT_EQ(chdir(place.path().c_str()), 0);
     EXPECT_EQ(utf8_mkdir("d€", 0700), 0);
     EXPECT_EQ(closedir(utf8_opendir("d€")), 0);
     EXPECT_EQ(utf8_chdir("d€"), 0);
@@ -45,7 +39,15 @@ TEST_F(Utf8Files, PathsAreConverted) {
   });
 }
 
-TEST_F(Utf8Files, TheLongestNameIsReadInTransparentBytes) {
+// In a directory of their own.
+class Utf8FilesInADirectory : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(chdir(place_.path().c_str()), 0); }
+  void TearDown() override { ASSERT_EQ(chdir("/"), 0); }
+  const TemporaryDirectory place_;
+};
+
+TEST_F(Utf8FilesInADirectory, TheLongestNameIsReadInTransparentBytes) {
   ASSERT_EQ(mkdir(std::string(255, '\xE9').c_str(), 0700), 0);
   DIR* directory = utf8_opendir(".");
   const c_unique_ptr<char> memory(static_cast<char*>(malloc(kUtf8DirentSize)));
@@ -58,7 +60,7 @@ TEST_F(Utf8Files, TheLongestNameIsReadInTransparentBytes) {
   closedir(directory);
 }
 
-TEST_F(Utf8Files, ReadlinkCutsAndRefuses) {
+TEST_F(Utf8FilesInADirectory, ReadlinkCutsAndRefuses) {
   char buffer[11];
   ASSERT_EQ(symlink("0123456789", "link"), 0);
   EXPECT_EQ(utf8_readlink("link", buffer, 11), 10);
@@ -69,7 +71,7 @@ TEST_F(Utf8Files, ReadlinkCutsAndRefuses) {
   EXPECT_EQ(errno, ERANGE);
 }
 
-TEST_F(Utf8Files, ConvertedPaths) {
+TEST(Utf8Files, ConvertedPaths) {
   errno = EBUSY;
   EXPECT_STREQ(syscalls_utf8dec("/a\xEF\xA3\xA9"), "/a\xE9");
   EXPECT_EQ(errno, EBUSY);
