@@ -65,6 +65,7 @@ TEST_F(StartupTest, FindsItsOrigin) {
 // A directory's name may have characters of the codeset, of another one, or bytes of none.
 TEST_F(StartupTest, FindsItsOriginInEveryLocale) {
   if (locales_are_missing()) return;
+  fs::create_directories("/startup");
   const std::string locale = compile_locale("/startup", "EUC-JP");
   for (const char* bytes : {"\xC3\xA9", "\xE9", "\xEF\xA2\x80"}) {
     const std::string directory = std::string("/startup/in ") + bytes, copy = install(directory);
