@@ -104,6 +104,7 @@ TEST(CharColumns, OfEveryRange) {
 }
 
 TEST(CharColumns, OfStrayBytesAndACutCharacter) {
+  EXPECT_EQ(utf8_ttystrlen("\x80\xBF\xBF"), 3U);
   EXPECT_EQ(utf8_ttystrlen("\xEF\x7Fz\xEF\xC0z"), 2U);
   EXPECT_EQ(utf8_ttystrlen("é日a\xE6\x97"), 6U);
 }
