@@ -78,6 +78,7 @@ TEST_F(Fullpath, EndsDirectoriesWithASlash) {
 }
 
 TEST_F(Fullpath, FitsItsOutput) {
+  EXPECT_EQ(fullpath2("/", nullptr, 9, 0), nullptr);
   EXPECT_EQ(resolved("/t/dir/file", 0, 11), "ENAMETOOLONG");
   EXPECT_EQ(resolved("/t/dir/file", 0, 12), "/t/dir/file");
   EXPECT_EQ(resolved("link_file", 0, 12), "ENAMETOOLONG");
