@@ -66,6 +66,12 @@ TEST(RpcTexts, ComeFromTheCatalog) {
     const char* text;
   } rows[] = {{28, 0, "[21.50] Unknown error code; s1 = 0, s2 = 0\n"},
               {RPC_AUTHERROR, kAuthOk, "; why = [21.51] Authentication OK\n"},
+              {RPC_AUTHERROR, 1, "; why = [21.52] Invalid client credential\n"},
+              {RPC_AUTHERROR, 2, "; why = [21.53] Server rejected credential\n"},
+              {RPC_AUTHERROR, 3, "; why = [21.54] Invalid client verifier\n"},
+              {RPC_AUTHERROR, 4, "; why = [21.55] Server rejected verifier\n"},
+              {RPC_AUTHERROR, 5, "; why = [21.56] Client credential too weak\n"},
+              {RPC_AUTHERROR, 6, "; why = [21.57] Invalid server verifier\n"},
               {RPC_AUTHERROR, kAuthFailed, "; why = [21.38] Failed (unspecified error)\n"},
               {RPC_AUTHERROR, 8, "; why = [21.21] (unknown authentication error - 8)\n"},
               {RPC_VERSMISMATCH, 1, "[21.20] ; low version = 1, high version = 0\n"}};

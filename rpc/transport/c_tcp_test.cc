@@ -198,6 +198,13 @@ TEST_F(TcpTest, OneWayCallsLeaveWithTheNextCall) {
   EXPECT_EQ(server_->requests().size(), 3U);
 }
 
+TEST_F(TcpTest, ANegativeLimitIsZero) {
+  serve(stall);
+  timeval negative = {-1, 5};
+  control(CLSET_TIMEOUT, &negative);
+  expect(call(), RPC_TIMEDOUT);
+}
+
 TEST_F(TcpTest, WithoutALimitAWaitTakesADay) {
   serve(stall);
   EXPECT_TRUE(control(CLSET_TIMEOUT, nullptr));

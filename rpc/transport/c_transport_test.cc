@@ -13,6 +13,7 @@
 #include "rpc/auth/auth.h"
 #include "tests/fakes.h"
 #include "tests/rpc_client.h"
+#include "tests/work.h"
 
 namespace {
 
@@ -191,6 +192,12 @@ TEST_P(TransportTest, CreationWithoutMemoryLeavesNoSocket) {
   });
   TearDown();
   EXPECT_EQ(descriptors(), before);
+}
+
+TEST_P(TransportTest, NoClientIsMadeWithoutADescriptor) {
+  const DescriptorLimit none(0);
+  create(GetParam(), kNobody);
+  expect_not_created(RPC_SYSTEMERROR, EMFILE);
 }
 
 TEST_P(TransportTest, ASocketThatCannotBeWaitedForIsRefused) {

@@ -144,6 +144,7 @@ TEST_F(RecordTest, MovesWithinAFragmentOfInput) {
   EXPECT_EQ(get(6), "cdefgh");
   EXPECT_EQ(ops.get_inline(&xdrs_, 8), nullptr) << "more than is left";
   EXPECT_EQ(*ops.get_inline(&xdrs_, 4), 'i');
+  EXPECT_FALSE(ops.control(&xdrs_, kXdrControlBytesAvailable, nullptr));
 }
 
 TEST_F(RecordTest, SkipsTheRestOfARecord) {
