@@ -60,9 +60,12 @@ TEST_F(Utf8FilesInADirectory, TheLongestNameIsReadInTransparentBytes) {
   closedir(directory);
 }
 
-TEST_F(Utf8FilesInADirectory, ReadlinkCutsAndRefuses) {
+TEST_F(Utf8FilesInADirectory, LinksAreReadCutAndRefused) {
   char buffer[11];
+  vx_stat_record record;
   ASSERT_EQ(symlink("0123456789", "link"), 0);
+  EXPECT_EQ(vx_lstat("link", &record), 0);
+  EXPECT_EQ(vx_stat("link", &record), -1) << "it leads nowhere";
   EXPECT_EQ(utf8_readlink("link", buffer, 11), 10);
   EXPECT_EQ(utf8_readlink("link", buffer, 10), 9);
   EXPECT_STREQ(buffer, "012345678");

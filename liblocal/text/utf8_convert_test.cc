@@ -155,6 +155,7 @@ TEST(Utf8Convert, TimesInTheWordsOfTheLocale) {
     char text[640];
     EXPECT_EQ(vxstrftime(text, sizeof text, "%d. %B €", &march), 13U);
     EXPECT_STREQ(text, "01. März €");
+    EXPECT_EQ(vxstrftime(text, 0, "%Y", &march), 0U);
     EXPECT_EQ(vxstrftime(text, sizeof text, std::string(600, 'x').c_str(), &march), 0U);
   };
   in_locale("ISO-8859-15", in_german, "de_DE");
