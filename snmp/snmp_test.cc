@@ -70,7 +70,7 @@ const std::string kTrap = from_hex(
     "20 66 75 6C 6C");
 
 TEST(SnmpMessage, ComesBackInTheRoomItNeedsAndIsMangledWithoutItsEnd) {
-  const unique_pdu pdu = decode(kTrap);
+  const unique_pdu pdu(snmp_clone_pdu(decode(kTrap).get()));
   EXPECT_EQ(build(pdu, kTrap.size()), kTrap);
   for (size_t size = 0; size < kTrap.size(); ++size) {
     EXPECT_EQ(build(pdu, size), "");
@@ -142,7 +142,7 @@ TEST(SnmpMessage, WithAMalformedValueItIsMangled) {
 }
 
 TEST(SnmpMessage, WithAWrongTagItIsMangled) {
-  for (size_t place : {0, 2, 5, 15, 24, 30, 33, 36, 40, 42, 44}) {
+  for (size_t place : std::initializer_list<size_t>{0, 2, 5, 15, 24, 30, 33, 36, 40, 42, 44}) {
     SCOPED_TRACE(place);
     std::string changed = kTrap;
     changed[place] ^= 1;
@@ -215,7 +215,7 @@ unique_pdu fixed(long index) {
   pdu->request_id = 7;
   pdu->error_status = 2;
   pdu->error_index = index;
-  for (uint64_t name : {1, 2, 3}) snmp_add_null_var(pdu.get(), &name, 1);
+  for (uint64_t name : {1UL, 2UL, 3UL}) snmp_add_null_var(pdu.get(), &name, 1);
   return unique_pdu(snmp_fix_pdu(pdu.get(), kSnmpGetNextRequest));
 }
 

@@ -177,23 +177,25 @@ std::string port_mapper_call(const std::string& procedure, const std::string& po
 
 TEST_F(CommandTest, TextIsWrappedWhereTheStationIsRegistered) {
   const struct {
-    uint16_t port;  // that the station's own port mapper answers
     const char* environment;
-    char between;  // the two words of the text
-    size_t calls;  // of the station's own port mapper
+    size_t calls;   // of the station's own port mapper
+    uint16_t port;  // that it answers
+    char between;   // the two words of the text
   } rows[] = {
-      {4711, "KIV_NOTHING=", '\n', 1}, {0, "KIV_NOTHING=", ' ', 1},  {0, "KIV_WRAP=Yes", '\n', 0},
-      {4711, "KIV_WRAP=nO", ' ', 0},   {4711, "KIV_WRAP=", '\n', 1},
+      {"KIV_NOTHING=", 1, 4711, '\n'}, {"KIV_NOTHING=", 1, 0, ' '},  {"KIV_WRAP=Yes", 0, 0, '\n'},
+      {"KIV_WRAP=nO", 0, 4711, ' '},   {"KIV_WRAP=", 1, 4711, '\n'},
   };
   mappers.reset();
   const machine::RpcServer standard(111, "127.0.0.1", machine::port_mapper(0));
   const std::string asked = port_mapper_call("00000003", "00000000").substr(4);
-  const std::string first(38, 'a'), second(20, 'b');
+  const std::string line = std::string(38, 'a') + " " + std::string(20, 'b');
   for (const auto& row : rows) {
     const machine::RpcServer own(7938, "127.0.0.1", machine::port_mapper(row.port));
-    machine::Command command = kivtrap({"manager"}, first + " " + second + "\n");
+    machine::Command command = kivtrap({"manager"}, line + "\n");
     command.environment.emplace_back(row.environment);
-    expect(command, trap_message(first + row.between + second));
+    std::string text = line;
+    text[38] = row.between;
+    expect(command, trap_message(text));
     ASSERT_EQ(own.requests().size(), row.calls) << row.environment;
     for (const std::string& request : own.requests()) EXPECT_EQ(request.substr(4), asked);
   }

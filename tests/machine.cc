@@ -19,7 +19,10 @@ namespace machine {
 namespace {
 
 // "ready" in the test machine, or why there is none.
-std::string where() { return getenv("KIVTRAP_TEST_MACHINE"); }
+std::string where() {
+  const char* place = getenv("KIVTRAP_TEST_MACHINE");
+  return place != nullptr ? place : "no test machine";
+}
 
 void check(bool ok, const std::string& what) {
   if (!ok) throw std::system_error(errno, std::generic_category(), what);

@@ -16,12 +16,13 @@ const fakes::NumberedTexts numbered;
 TEST(WrapLine, BreaksAtTheLastWhiteSpaceUpToThe42ndByte) {
   const std::string a38(38, 'a'), a40(40, 'a'), a41(41, 'a'), b20(20, 'b'), c19(19, 'c');
   const std::string x100(100, 'x'), blanks(60, ' ');
-  for (const std::string& wrapped : {a40, a40 + "\n", b20 + " " + c19, a38 + "\n" + b20,
-                                     a41 + "\nb", a38 + "\n  " + b20, "\n" + blanks,
-                                     // The next segment counts from its own start.
-                                     a38 + "\n" + a40,
-                                     // A word of more than 41 bytes is left whole.
-                                     "one\n" + x100 + "\ntwo"}) {
+  const std::string rows[] = {a40, a40 + "\n", b20 + " " + c19, a38 + "\n" + b20, a41 + "\nb",
+                              a38 + "\n  " + b20, "\n" + blanks,
+                              // The next segment counts from its own start.
+                              a38 + "\n" + a40,
+                              // A word of more than 41 bytes is left whole.
+                              "one\n" + x100 + "\ntwo"};
+  for (const std::string& wrapped : rows) {
     std::string line = wrapped;
     std::replace(line.begin(), line.end(), '\n', '\t');
     char result[kLineSize];
