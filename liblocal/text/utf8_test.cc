@@ -247,6 +247,9 @@ TEST(Utf8Marks, ClosingRemovesTheMark) {
   utf8_fp(child);
   EXPECT_EQ(WEXITSTATUS(vxpclose(child)), 3);
   EXPECT_FALSE(utf8_is_marked(descriptor));
+  utf8_fd(descriptor);
+  EXPECT_EQ(vxclose(descriptor), -1);
+  EXPECT_FALSE(utf8_is_marked(descriptor));
 }
 
 }  // namespace
