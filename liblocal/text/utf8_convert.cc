@@ -328,8 +328,13 @@ void run(Convert convert, Conversion* conversion) {
   errno = saved_errno;
 }
 
-size_t convert_whole(Convert convert, char* output, const char* input, size_t size) {
+// Converts a text whose first `same` bytes need no converter; most texts need none at all.
+size_t convert_whole(Convert convert, char* output, const char* input, size_t size, size_t same) {
   if (output == nullptr || size == 0) return 0;
+  if (input != nullptr && same < size && input[same] == '\0') {
+    memcpy(output, input, same + 1);
+    return same;
+  }
   *output = '\0';
   if (input == nullptr) return 0;
   Conversion conversion = {
@@ -343,18 +348,13 @@ size_t convert_whole(Convert convert, char* output, const char* input, size_t si
 }  // namespace
 
 size_t utf8_mbs(char* output, const char* input, size_t size) {
-  return convert_whole(convert_in, output, input, size);
+  const size_t same = input == nullptr || needs_conversion() ? 0 : strlen(input);
+  return convert_whole(convert_in, output, input, size, same);
 }
 
 size_t ansi_mbs(char* output, const char* input, size_t size) {
-  if (output != nullptr && input != nullptr) {
-    const size_t same = same_length(input);
-    if (same < size && input[same] == '\0') {  // as most texts are
-      memcpy(output, input, same + 1);
-      return same;
-    }
-  }
-  return convert_whole(convert_out, output, input, size);
+  const size_t same = input == nullptr ? 0 : same_length(input);
+  return convert_whole(convert_out, output, input, size, same);
 }
 
 bool utf8_is_same(const char* text, size_t length) {
