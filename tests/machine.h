@@ -72,7 +72,7 @@ class MachineTest : public testing::Test {
   void SetUp() override { machine::skip_outside(); }
 };
 
-/// The bytes that hex digits stand for; blanks are ignored.
+/// The bytes that hex digits denote; blanks are ignored.
 std::string from_hex(std::string_view digits);
 /// The upper-case hex digits of `bytes`.
 std::string to_hex(std::string_view bytes);
