@@ -197,6 +197,7 @@ TEST_F(SessionTest, WhatCannotBeSentIsReportedAndNotRemembered) {
   snmp_session* session = open();
   const unique_pdu pdu(make_pdu(kSnmpGetRequest, 7));
   auto expect_failure = [&](snmp_session* by, int code, const char* report) {
+    snmp_errno = 0;
     EXPECT_EQ(printed(0, [&] { EXPECT_EQ(snmp_send(by, pdu.get()), 0); }), report);
     EXPECT_EQ(snmp_errno, code);
   };
