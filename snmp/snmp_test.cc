@@ -98,6 +98,7 @@ TEST(SnmpMessage, AValueIsSentInItsShortestForm) {
       {"0640" + widest},
       {"063F29" + repeated(62, "01")},
       {"0288000000000000000105", "020105"},
+      {"048100", "0400"},
       {"0205007FFFFFFF", "02047FFFFFFF"},
       {"430500FFFFFFFF", "4301FF"},
       {"06058FFFFFFF7F", "06029F7F"},
