@@ -1,11 +1,16 @@
 #include "trap/message.h"
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
+#include <thread>
 
 #include "liblocal/text/utf8.h"
 #include "tests/fakes.h"
+#include "tests/locales.h"
 #include "tests/machine.h"
 #include "trap/delivery.h"
 
@@ -46,6 +51,23 @@ TEST(ReadMessage, AnInterruptedReadLosesNoText) {
   source->_fileno = 100;  // such a stream has no descriptor, which a mark needs
   utf8_fp(source);
   EXPECT_STREQ(read_message(source, false).get(), "disk full");
+}
+
+TEST(ReadMessage, SignalsDoNotEndTheWaitForTheWriterOfAFifo) {
+  const TemporaryDirectory place;
+  const std::string fifo = place.path() + "/fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  struct sigaction interrupt = {};  // without SA_RESTART, so that a signal ends a wait
+  interrupt.sa_handler = [](int) {};
+  sigaction(SIGUSR1, &interrupt, nullptr);
+  std::jthread writer([&fifo, reader = pthread_self()] {
+    for (int i = 0; i < 50; ++i) {
+      pthread_kill(reader, SIGUSR1);
+      usleep(1000);
+    }
+    machine::write_file(fifo, "disk full\n");
+  });
+  EXPECT_STREQ(read_message(open_message_source(fifo.c_str()), false).get(), "disk full");
 }
 
 TEST(ReadMessage, WithoutMemoryForALineTheNextOneIsTheMessage) {
