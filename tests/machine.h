@@ -18,7 +18,9 @@ constexpr unsigned kUser = 1000;          // a user and group without rights
 
 /// Skips the running test outside the test machine; true then.
 bool skip_outside();
-/// False where the host lends the test machine no users but root.
+/// Skips it where the ports of a station, 111, 162 and 7938 of loopback, cannot be had.
+bool skip_without_ports();
+/// Whether the process can become another user and root again.
 bool has_users();
 
 /// Writes a whole file. As all of the test machine it throws what the system refuses.

@@ -1,4 +1,4 @@
-// Full path names over a tree of real directories and links, on the test machine.
+// Full path names over a tree of real directories and links.
 #include "liblocal/startup/fullp_ux.h"
 
 #include <sys/stat.h>
@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <filesystem>
 
+#include "tests/locales.h"
 #include "tests/machine.h"
 #include "tests/work.h"
 
@@ -16,22 +17,22 @@ namespace fs = std::filesystem;
 
 constexpr unsigned kFollow = kFullpathFollow, kSlash = kFullpathDirectorySlash;
 
-// The tree is /t.
-class Fullpath : public MachineTest {
+// In a tree of its own.
+class Fullpath : public testing::Test {
  protected:
   void SetUp() override {
-    MachineTest::SetUp();
-    if (IsSkipped()) return;
-    const char make_tree[] =
-        "set -e; rm -rf /t; mkdir -p /t/dir; cd /t;"
-        "touch dir/file dir/.hidden ../t.file;"
-        "ln -s dir link_dir; ln -s dir/file link_file; ln -s ../link_file dir/up;"
-        "ln -s nowhere broken; ln -s /t/dir/file absolute; ln -s /t.file above; ln -s dir/file l1;"
+    fs::current_path(t);
+    const std::string make_tree =
+        "set -e; mkdir dir; touch dir/file; ln -s dir link_dir; ln -s dir/file link_file;"
+        "ln -s ../link_file dir/up; ln -s nowhere broken; ln -s $PWD/dir/file absolute;"
+        "ln -s dir/file l1;"
         "for i in $(seq 19); do ln -s l$i l$((i + 1)); done";  // l19: 19 links
-    ASSERT_EQ(system(make_tree), 0);
-    fs::current_path("/t");
+    ASSERT_EQ(system(make_tree.c_str()), 0);
   }
   void TearDown() override { fs::current_path("/"); }
+
+  const TemporaryDirectory place;
+  const std::string& t = place.path();
 };
 
 // The full name of `path`, or the name of the error. The output takes the place of the path.
@@ -47,45 +48,49 @@ std::string resolved(const std::string& path, unsigned flags, size_t size = kPat
 }
 
 struct Name {
-  const char *path, *full;
+  std::string path, full;
 };
 
 TEST_F(Fullpath, WithoutFlags) {
   const Name names[] = {{"///", "/"},
-                        {"/t/dir///", "/t/dir"},
-                        {"/t/dir/file/", "/t/dir/file"},
-                        {"/t/broken", "/t/broken"},
+                        {t + "/dir///", t + "/dir"},
+                        {t + "/dir/file/", t + "/dir/file"},
+                        {t + "/broken", t + "/broken"},
                         {"", "ENOENT"},
                         {"dir/file/", "ENOTDIR"},
-                        {"/t//dir//file", "/t/dir/file"},
-                        {"/t/dir/..", "/t"},
-                        {"/t/link_dir/up", "/t/dir/up"},
-                        {"../", "/"}};
+                        {t + "//dir//file", t + "/dir/file"},
+                        {t + "/dir/..", t},
+                        {t + "/link_dir/up", t + "/dir/up"},
+                        {"../../", "/"},
+                        {"../../bin", "/bin"}};
   for (const Name& name : names) EXPECT_EQ(resolved(name.path, 0), name.full) << name.path;
 }
 
 TEST_F(Fullpath, FollowsLinks) {
-  const Name names[] = {{"/t/link_dir", "/t/dir"}, {"/t/absolute", "/t/dir/file"},
-                        {"/t/above", "/t.file"},   {"l19", "/t/dir/file"},
-                        {"l20", "ELOOP"},          {"broken", "ENOENT"}};
+  const Name names[] = {{t + "/link_dir", t + "/dir"},
+                        {t + "/absolute", t + "/dir/file"},
+                        {"l19", t + "/dir/file"},
+                        {"l20", "ELOOP"},
+                        {"broken", "ENOENT"}};
   for (const Name& name : names) EXPECT_EQ(resolved(name.path, kFollow), name.full) << name.path;
 }
 
 TEST_F(Fullpath, EndsDirectoriesWithASlash) {
-  EXPECT_EQ(resolved("/t/dir", kSlash), "/t/dir/");
-  EXPECT_EQ(resolved("..", kSlash), "/");
-  EXPECT_EQ(resolved("/t/link_dir", kSlash | kFollow), "/t/dir/");
+  EXPECT_EQ(resolved(t + "/dir", kSlash), t + "/dir/");
+  EXPECT_EQ(resolved("../..", kSlash), "/");
+  EXPECT_EQ(resolved(t + "/link_dir", kSlash | kFollow), t + "/dir/");
 }
 
 TEST_F(Fullpath, FitsItsOutput) {
   EXPECT_EQ(fullpath2("/", nullptr, 9, 0), nullptr);
-  EXPECT_EQ(resolved("/t/dir/file", 0, 11), "ENAMETOOLONG");
-  EXPECT_EQ(resolved("/t/dir/file", 0, 12), "/t/dir/file");
-  EXPECT_EQ(resolved("link_file", 0, 12), "ENAMETOOLONG");
-  EXPECT_EQ(resolved("link_file", 0, 13), "/t/link_file");
-  EXPECT_EQ(resolved("dir", kSlash, 6), "ERANGE");
-  EXPECT_EQ(resolved("dir", kSlash, 7), "/t/dir") << "no room for the slash";
-  EXPECT_EQ(resolved("dir", kSlash, 8), "/t/dir/");
+  const std::string file = t + "/dir/file", link = t + "/link_file", directory = t + "/dir";
+  EXPECT_EQ(resolved(file, 0, file.size()), "ENAMETOOLONG");
+  EXPECT_EQ(resolved(file, 0, file.size() + 1), file);
+  EXPECT_EQ(resolved("link_file", 0, link.size()), "ENAMETOOLONG");
+  EXPECT_EQ(resolved("link_file", 0, link.size() + 1), link);
+  EXPECT_EQ(resolved("dir", kSlash, directory.size()), "ERANGE");
+  EXPECT_EQ(resolved("dir", kSlash, directory.size() + 1), directory) << "no room for the slash";
+  EXPECT_EQ(resolved("dir", kSlash, directory.size() + 2), directory + "/");
 }
 
 TEST_F(Fullpath, LongPathsAndLinks) {
@@ -102,7 +107,7 @@ TEST_F(Fullpath, LongPathsAndLinks) {
 }
 
 TEST_F(Fullpath, DeeperThanAPathCanBe) {
-  std::string path = "/t";
+  std::string path = t;
   for (int i = 0; i < 20; ++i) {
     const std::string name(255, 'n');
     path += "/" + name;
@@ -119,7 +124,8 @@ TEST_F(Fullpath, DeeperThanAPathCanBe) {
 }
 
 TEST_F(Fullpath, ClosedDirectories) {
-  if (!machine::has_users()) return skip("no users but root here");
+  if (!machine::has_users()) return MachineTest::skip("no users but root here");
+  ASSERT_EQ(chmod(t.c_str(), 0755), 0);
   ASSERT_EQ(mkdir("shut", 0744), 0);
   ASSERT_EQ(seteuid(machine::kUser), 0);
   EXPECT_EQ(resolved("shut", 0), "EACCES");

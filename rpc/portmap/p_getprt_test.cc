@@ -31,7 +31,7 @@ void start_with(const char* value) {
 class PortTest : public testing::Test {
  protected:
   void SetUp() override {
-    if (!machine::skip_outside()) start_with("");
+    if (!machine::skip_without_ports()) start_with("");
   }
 
   static uint16_t ask(const char* address, unsigned long program, unsigned long version,
