@@ -69,25 +69,32 @@ bool put_length(XDR* xdrs, uint32_t length) {
   return xdrs->ops->put_int32(xdrs, &unit);
 }
 
-// Reads `wire_bytes` into a new buffer of `capacity` bytes, which is not smaller.
-// Null when the stream does not have them, and without memory.
-c_unique_ptr<uint8_t> get_new_bytes(XDR* xdrs, uint32_t wire_bytes, uint32_t capacity) {
-  const int32_t remaining = xdrs->ops->get_remaining(xdrs);
-  const bool known = remaining != kXdrRemainingUnknown;
-  if (known && wire_bytes > static_cast<uint32_t>(remaining)) return nullptr;
-  uint32_t held = known ? wire_bytes : xdr_first_piece(wire_bytes, 1);
-  c_unique_ptr<uint8_t> bytes(static_cast<uint8_t*>(malloc(held < wire_bytes ? held : capacity)));
-  for (uint32_t done = 0; bytes != nullptr;) {
-    if (!xdrs->ops->get_bytes(xdrs, bytes.get() + done, held - done)) return nullptr;
-    if (held == wire_bytes) break;
-    done = held;
-    held = xdr_next_piece(held, wire_bytes);
+// As get_new_bytes, from a stream that does not know what it still has: the buffer grows with
+// what has arrived.
+uint8_t* get_growing_bytes(XDR* xdrs, uint32_t wire_bytes, uint32_t capacity) {
+  c_unique_ptr<uint8_t> bytes;
+  uint32_t done = 0;
+  for (uint32_t held = xdr_first_piece(wire_bytes, 1);; held = xdr_next_piece(held, wire_bytes)) {
     void* larger = realloc(bytes.get(), held < wire_bytes ? held : capacity);
     if (larger == nullptr) return nullptr;
     (void)bytes.release();
     bytes.reset(static_cast<uint8_t*>(larger));
+    if (!xdrs->ops->get_bytes(xdrs, bytes.get() + done, held - done)) return nullptr;
+    if (held == wire_bytes) return bytes.release();
+    done = held;
   }
-  return bytes;
+}
+
+// Reads `wire_bytes` into a new buffer of `capacity` bytes, which is not smaller.
+// Null when the stream does not have them, and without memory.
+uint8_t* get_new_bytes(XDR* xdrs, uint32_t wire_bytes, uint32_t capacity) {
+  const int32_t remaining = xdrs->ops->get_remaining(xdrs);
+  if (remaining == kXdrRemainingUnknown) return get_growing_bytes(xdrs, wire_bytes, capacity);
+  if (wire_bytes > static_cast<uint32_t>(remaining)) return nullptr;
+  auto* bytes = static_cast<uint8_t*>(malloc(capacity));
+  if (bytes == nullptr || xdrs->ops->get_bytes(xdrs, bytes, wire_bytes)) return bytes;
+  free(bytes);
+  return nullptr;
 }
 
 template <typename T>
@@ -111,21 +118,18 @@ bool decode_bytes(XDR* xdrs, uint8_t** bytes, uint32_t* size, uint32_t maximum) 
     return xdrs->ops->get_bytes(xdrs, *bytes, length) && skip_padding(xdrs, length);
   }
   uint32_t padded = length + xdr_padding(length);
-  *bytes = get_new_bytes(xdrs, padded, padded).release();
+  *bytes = get_new_bytes(xdrs, padded, padded);
   return *bytes != nullptr;
 }
 
-// How many bytes of a string go over in one piece: with the terminator, where that serves as
-// the one byte of padding.
-uint32_t string_piece(uint32_t size) { return size + (xdr_padding(size) == 1 ? 1 : 0); }
-
+// The terminator of a string serves as a single byte of padding.
 bool encode_string(XDR* xdrs, const char* text, uint32_t maximum) {
   const size_t length = text != nullptr ? strlen(text) : 0;
   if (length > std::min(maximum, kXdrMaxBytes)) return false;
   const auto size = static_cast<uint32_t>(length);
-  const uint32_t piece = string_piece(size);
-  return put_length(xdrs, size) && xdrs->ops->put_bytes(xdrs, text, piece) &&
-         put_padding(xdrs, piece);
+  if (!put_length(xdrs, size)) return false;
+  if (xdr_padding(size) == 1) return xdrs->ops->put_bytes(xdrs, text, size + 1);
+  return xdrs->ops->put_bytes(xdrs, text, size) && put_padding(xdrs, size);
 }
 
 bool decode_string(XDR* xdrs, char** text, uint32_t maximum) {
@@ -133,12 +137,13 @@ bool decode_string(XDR* xdrs, char** text, uint32_t maximum) {
   if (!get_length(xdrs, &size, maximum)) return false;
   if (*text == nullptr) {
     // Three more bytes hold the terminator or the padding, whichever is longer.
-    void* bytes = get_new_bytes(xdrs, size + xdr_padding(size), size + 3).release();
+    uint8_t* bytes = get_new_bytes(xdrs, size + xdr_padding(size), size + 3);
     if (bytes == nullptr) return false;
-    *text = static_cast<char*>(bytes);
-  } else {
-    const uint32_t piece = string_piece(size);
-    if (!xdrs->ops->get_bytes(xdrs, *text, piece) || !skip_padding(xdrs, piece)) return false;
+    *text = reinterpret_cast<char*>(bytes);
+  } else if (xdr_padding(size) == 1) {
+    if (!xdrs->ops->get_bytes(xdrs, *text, size + 1)) return false;
+  } else if (!xdrs->ops->get_bytes(xdrs, *text, size) || !skip_padding(xdrs, size)) {
+    return false;
   }
   (*text)[size] = '\0';
   return true;
