@@ -56,7 +56,7 @@ void compare(const char* title, double budget, Path path, Floor floor) {
   const int floor_steps = steps_of(floor);
   double path_time = seconds_of(path, path_steps);
   double floor_time = seconds_of(floor, floor_steps);
-  const int turns = path_time < 0.01 ? 200 : 40;
+  const int turns = path_time < 0.01 ? 500 : 40;
   for (int turn = 0; turn < turns; ++turn) {
     path_time = std::min(path_time, seconds_of(path, path_steps));
     floor_time = std::min(floor_time, seconds_of(floor, floor_steps));
