@@ -1,7 +1,6 @@
 #include "snmp/asn1.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace {
 
@@ -53,22 +52,26 @@ bool take(const uint8_t* at, int32_t* room, int32_t bytes) {
 
 bool can_build_length(int32_t length) { return length >= 0 && length <= kAsnMaxBuildLength; }
 
-// Reads tag and length of an item that lies in `left` bytes whole. Returns the
-// first content byte and leaves `left` alone. Inline, as an agent decodes many short items.
-inline const uint8_t* parse_item(const uint8_t* at, int32_t left, uint8_t* tag, int32_t* length) {
-  if (at == nullptr || left < kShortHeader || (at[0] & kMultiByteTag) == kMultiByteTag)
-    return nullptr;
+// The contents of an item; at null for none.
+struct Contents {
+  const uint8_t* at;
+  int32_t length;
+};
+
+// Reads tag and length of an item that lies in `left` bytes whole. Inline, as an agent decodes
+// many short items.
+inline Contents parse_item(const uint8_t* at, int32_t left, uint8_t* tag) {
+  if (at == nullptr || left < kShortHeader || (at[0] & kMultiByteTag) == kMultiByteTag) return {};
   *tag = at[0];
   uint64_t declared = at[1];
   const uint8_t* contents = at + kShortHeader;
   if ((declared & kLongForm) != 0) {
-    if (static_cast<int32_t>(declared & ~kLongForm) > left - kShortHeader) return nullptr;
+    if (static_cast<int32_t>(declared & ~kLongForm) > left - kShortHeader) return {};
     contents = asn_parse_length(at + 1, &declared);
-    if (contents == nullptr) return nullptr;
+    if (contents == nullptr) return {};
   }
-  if (declared > static_cast<uint64_t>(left - (contents - at))) return nullptr;
-  *length = static_cast<int32_t>(declared);
-  return contents;
+  if (declared > static_cast<uint64_t>(left - (contents - at))) return {};
+  return {contents, static_cast<int32_t>(declared)};
 }
 
 void consume(int32_t* left, const uint8_t* from, const uint8_t* to) {
@@ -106,8 +109,7 @@ uint8_t* asn_build_string(uint8_t* at, int32_t* room, uint8_t tag, const uint8_t
   if (!can_build_length(count) || !take(at, room, asn_header_size(count) + count)) return nullptr;
   *at = tag;
   at = put_length(at + 1, count);
-  if (count > 0) memcpy(at, bytes, static_cast<size_t>(count));
-  return at + count;
+  return std::copy_n(bytes, count, at);
 }
 
 uint8_t* asn_build_objid(uint8_t* at, int32_t* room, uint8_t tag, const uint64_t* subids,
@@ -143,8 +145,7 @@ const uint8_t* asn_parse_length(const uint8_t* at, uint64_t* length) {
 }
 
 const uint8_t* asn_parse_header(const uint8_t* at, int32_t* left, uint8_t* tag) {
-  int32_t length = 0;
-  const uint8_t* contents = parse_item(at, *left, tag, &length);
+  auto [contents, length] = parse_item(at, *left, tag);
   if (contents == nullptr) return nullptr;
   *left = length;
   return contents;
@@ -152,8 +153,7 @@ const uint8_t* asn_parse_header(const uint8_t* at, int32_t* left, uint8_t* tag) 
 
 const uint8_t* asn_parse_int(const uint8_t* at, int32_t* left, uint8_t* tag, long* value,
                              int32_t /*size*/) {
-  int32_t length = 0;
-  const uint8_t* contents = parse_item(at, *left, tag, &length);
+  auto [contents, length] = parse_item(at, *left, tag);
   if (contents == nullptr || length == 0) return nullptr;
   bool leading_zero = length == 5 && *contents == 0;
   if (leading_zero) {
@@ -171,10 +171,9 @@ const uint8_t* asn_parse_int(const uint8_t* at, int32_t* left, uint8_t* tag, lon
 
 const uint8_t* asn_parse_string(const uint8_t* at, int32_t* left, uint8_t* tag, uint8_t* bytes,
                                 int32_t* count) {
-  int32_t length = 0;
-  const uint8_t* contents = parse_item(at, *left, tag, &length);
+  auto [contents, length] = parse_item(at, *left, tag);
   if (contents == nullptr || length > *count) return nullptr;
-  if (length > 0) memcpy(bytes, contents, static_cast<size_t>(length));
+  std::copy_n(contents, length, bytes);
   *count = length;
   consume(left, at, contents + length);
   return contents + length;
@@ -182,8 +181,7 @@ const uint8_t* asn_parse_string(const uint8_t* at, int32_t* left, uint8_t* tag, 
 
 const uint8_t* asn_parse_objid(const uint8_t* at, int32_t* left, uint8_t* tag, uint64_t* subids,
                                int32_t* count) {
-  int32_t length = 0;
-  const uint8_t* contents = parse_item(at, *left, tag, &length);
+  auto [contents, length] = parse_item(at, *left, tag);
   if (contents == nullptr || length == 0) return nullptr;
   const uint8_t* end = contents + length;
   if ((end[-1] & kMoreGroups) != 0) return nullptr;
@@ -206,8 +204,7 @@ const uint8_t* asn_parse_objid(const uint8_t* at, int32_t* left, uint8_t* tag, u
 }
 
 const uint8_t* asn_parse_null(const uint8_t* at, int32_t* left, uint8_t* tag) {
-  int32_t length = 0;
-  const uint8_t* contents = parse_item(at, *left, tag, &length);
+  auto [contents, length] = parse_item(at, *left, tag);
   if (contents == nullptr || length != 0) return nullptr;
   consume(left, at, contents);
   return contents;

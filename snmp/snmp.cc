@@ -21,7 +21,7 @@ int32_t distance(const uint8_t* from, const uint8_t* to) { return static_cast<in
 
 // As close_item, for contents of 128 bytes and more: they move when the real header is longer.
 uint8_t* close_long_item(uint8_t* header, uint8_t* end, int32_t* room) {
-  uint64_t provisional = 0;
+  uint64_t provisional{};
   uint8_t* contents = header + distance(header, asn_parse_length(header + 1, &provisional));
   int32_t length = distance(contents, end);
   int32_t length_size = asn_length_size(length);
@@ -97,18 +97,19 @@ struct Community {
   int32_t length;
 };
 
-// Builds a whole message front to back and then gives its items their lengths, from the
-// innermost outwards. `*length` is the room at `packet` on entry and the message's length on
-// return; `limit` is the longest PDU. False when the message cannot be built.
+// Builds a whole message front to back, with items that have no contents yet, and then gives
+// them their lengths, from the innermost outwards. `*length` is the room at `packet` on entry and
+// the message's length on return; `limit` is the longest PDU. False when the message cannot be
+// built.
 bool build_message(uint8_t* packet, int32_t* length, Community community, const snmp_pdu& pdu,
                    int32_t limit) {
   int32_t room = *length;
   uint8_t* header =
       snmp_auth_build(packet, &room, community.bytes, &community.length, &kVersion1, 0);
-  uint8_t* fields = asn_build_header(header, &room, static_cast<uint8_t>(pdu.command), 0);
+  uint8_t* fields = asn_build_null(header, &room, static_cast<uint8_t>(pdu.command));
   uint8_t* sequence = pdu.command == kSnmpTrap ? build_trap_fields(fields, &room, pdu)
                                                : build_request_fields(fields, &room, pdu);
-  uint8_t* bindings = asn_build_header(sequence, &room, kAsnSequence, 0);
+  uint8_t* bindings = asn_build_null(sequence, &room, kAsnSequence);
   uint8_t* end = build_variables(bindings, &room, pdu.variables);
   end = close_item(sequence, end, &room);
   end = close_item(header, end, &room);
@@ -121,15 +122,21 @@ bool build_message(uint8_t* packet, int32_t* length, Community community, const 
 
 // Reads the header of an item whose tag is `wanted`.
 const uint8_t* parse_header(const uint8_t* at, int32_t* left, uint8_t wanted) {
-  uint8_t tag = 0;
+  uint8_t tag{};
   at = asn_parse_header(at, left, &tag);
   return tag == wanted ? at : nullptr;
 }
 
 const uint8_t* parse_long(const uint8_t* at, int32_t* left, uint8_t wanted, long* value) {
-  uint8_t tag = 0;
+  uint8_t tag{};
   at = asn_parse_int(at, left, &tag, value, sizeof *value);
   return tag == wanted ? at : nullptr;
+}
+
+const uint8_t* parse_objid(const uint8_t* at, int32_t* left, uint64_t* subids, int32_t* count) {
+  uint8_t tag{};
+  at = asn_parse_objid(at, left, &tag, subids, count);
+  return tag == kAsnObjectId ? at : nullptr;
 }
 
 // Reads an object identifier of at most 64 sub-identifiers into a new array.
@@ -137,9 +144,8 @@ const uint8_t* parse_new_objid(const uint8_t* at, int32_t* left, uint64_t** subi
                                int32_t* count) {
   uint64_t decoded[kAsnMaxSubids];
   int32_t decoded_count = kAsnMaxSubids;
-  uint8_t tag = 0;
-  at = asn_parse_objid(at, left, &tag, decoded, &decoded_count);
-  if (at == nullptr || tag != kAsnObjectId) return nullptr;
+  at = parse_objid(at, left, decoded, &decoded_count);
+  if (at == nullptr) return nullptr;
   *subids = snmp_copy_objid(decoded, decoded_count);
   if (*subids == nullptr) return nullptr;
   *count = decoded_count;
@@ -147,19 +153,15 @@ const uint8_t* parse_new_objid(const uint8_t* at, int32_t* left, uint64_t** subi
 }
 
 const uint8_t* parse_trap_fields(const uint8_t* at, int32_t* left, snmp_pdu* trap) {
-  uint8_t tag = 0;
-  uint8_t address[kAddressBytes];
+  uint8_t tag{};
+  auto* address = reinterpret_cast<uint8_t*>(&trap->agent_address);
   int32_t address_length = kAddressBytes;
   at = parse_new_objid(at, left, &trap->enterprise, &trap->enterprise_length);
   at = asn_parse_string(at, left, &tag, address, &address_length);
   if (at == nullptr || tag != kSnmpIpAddress || address_length != kAddressBytes) return nullptr;
-  memcpy(&trap->agent_address, address, sizeof address);
-  long ticks = 0;
   at = parse_long(at, left, kAsnInteger, &trap->generic_trap);
   at = parse_long(at, left, kAsnInteger, &trap->specific_trap);
-  at = parse_long(at, left, kSnmpTimeTicks, &ticks);
-  trap->time_stamp = static_cast<unsigned long>(ticks);
-  return at;
+  return parse_long(at, left, kSnmpTimeTicks, reinterpret_cast<long*>(&trap->time_stamp));
 }
 
 const uint8_t* parse_request_fields(const uint8_t* at, int32_t* left, snmp_pdu* request) {
@@ -187,8 +189,8 @@ bool parse_string_value(snmp_var* var, const uint8_t* item, int32_t left, int32_
 }
 
 bool parse_objid_value(snmp_var* var, const uint8_t* item, int32_t left) {
-  uint64_t* value = nullptr;
-  int32_t count = 0;
+  uint64_t* value{};
+  int32_t count{};
   if (parse_new_objid(item, &left, &value, &count) == nullptr) return false;
   var->value = value;
   var->value_length = count * static_cast<int32_t>(sizeof *value);
@@ -222,8 +224,8 @@ bool parse_value(snmp_var* var, const uint8_t* item, int32_t left, int32_t lengt
 const uint8_t* parse_var(const uint8_t* at, int32_t* left, snmp_var* var) {
   uint64_t name[kAsnMaxSubids];
   int32_t name_length = kAsnMaxSubids;
-  int32_t value_length = 0;
-  const uint8_t* value = nullptr;
+  int32_t value_length{};
+  const uint8_t* value{};
   const uint8_t* end =
       snmp_parse_var_op(at, name, &name_length, &var->type, &value_length, &value, left);
   if (end == nullptr) return nullptr;
@@ -259,7 +261,7 @@ void shift_bytes(uint8_t* at, int32_t count, int32_t distance) {
 
 uint8_t* snmp_build_var_op(uint8_t* at, const uint64_t* name, const int32_t* name_length,
                            uint8_t type, int32_t value_length, const void* value, int32_t* room) {
-  uint8_t* contents = asn_build_header(at, room, kAsnSequence, 0);
+  uint8_t* contents = asn_build_null(at, room, kAsnSequence);
   uint8_t* end = asn_build_objid(contents, room, kAsnObjectId, name, *name_length);
   end = build_value(end, room, type, value, value_length);
   return close_item(at, end, room);
@@ -273,9 +275,7 @@ const uint8_t* snmp_parse_var_op(const uint8_t* at, uint64_t* name, int32_t* nam
   at = parse_header(at, &contents, kAsnSequence);
   if (at == nullptr) return nullptr;
   int32_t whole = distance(start, at) + contents;
-  uint8_t tag = 0;
-  at = asn_parse_objid(at, &contents, &tag, name, name_length);
-  if (at == nullptr || tag != kAsnObjectId) return nullptr;
+  at = parse_objid(at, &contents, name, name_length);
   *value = at;
   *value_length = contents;
   at = asn_parse_header(at, value_length, type);
@@ -320,7 +320,7 @@ SnmpParse snmp_parse_packet(const snmp_session* session, snmp_pdu* pdu,
   auto left = static_cast<int32_t>(packet.size());
   uint8_t community[kSnmpMaxCommunity];
   int32_t community_length = sizeof community;
-  long version = 0;
+  long version{};
   const uint8_t* at = snmp_auth_parse(packet.data(), &left, community, &community_length, &version);
   if (at == nullptr) return SnmpParse::kMangled;
   if (version != kVersion1) report_version(version);
@@ -328,7 +328,7 @@ SnmpParse snmp_parse_packet(const snmp_session* session, snmp_pdu* pdu,
     at = session->auth_hook(at, &left, community, community_length);
     if (at == nullptr) return SnmpParse::kDropped;
   }
-  uint8_t command = 0;
+  uint8_t command{};
   at = asn_parse_header(at, &left, &command);
   if (at == nullptr) return SnmpParse::kMangled;
   pdu->command = command;

@@ -19,6 +19,9 @@ using testing::Return;
 
 const fakes::NumberedTexts numbered;
 
+// What programs were compiled with: operations of callbacks, results of synchronous requests.
+constexpr int kReceived = 1, kTimedOut = 2, kSuccess = 0, kError = 1, kTimeout = 2;
+
 // A message without community and bindings, of the form of requests.
 std::string message(uint8_t command, uint8_t id = 7) {
   std::string bytes = from_hex("3012 020100 0400 000B 020100 020100 020100 3000");
@@ -39,6 +42,7 @@ class SessionTest : public testing::Test {
  protected:
   SessionTest() {
     Reqid = 41;
+    snmp_errno = 0;
     wanted.peer_name = const_cast<char*>("127.0.0.1");
     wanted.remote_port = agent.port();
     wanted.callback = called;
@@ -103,7 +107,7 @@ class SessionTest : public testing::Test {
   auto& expect_call(int operation, snmp_session* session) {
     return EXPECT_CALL(callback, Call(operation, session));
   }
-  auto& expect_message(snmp_session* session) { return expect_call(kSnmpReceivedMessage, session); }
+  auto& expect_message(snmp_session* session) { return expect_call(kReceived, session); }
   // The status of a synchronous request, which has a response when that is 0 and else none.
   static int ask_and_wait(snmp_session* session, long id = 7, int32_t command = kSnmpGetRequest) {
     snmp_pdu* response = nullptr;
@@ -125,6 +129,8 @@ TEST_F(SessionTest, OpensWithDefaultsAndItsOwnTexts) {
   char peer[] = "manager";
   wanted.peer_name = peer;
   wanted.remote_port = 0;
+  wanted.retries = -1;
+  wanted.timeout = -1;
   const snmp_session* session = open();
   EXPECT_NE(session->peer_name, peer);
   EXPECT_STREQ(session->peer_name, "manager");
@@ -141,32 +147,41 @@ TEST_F(SessionTest, OpensWithDefaultsAndItsOwnTexts) {
 TEST_F(SessionTest, OpensWithoutRepetitionsAndClosesOnce) {
   wanted.retries = 0;
   wanted.timeout = 0;
-  Reqid = 0;
   snmp_session* session = open();
   EXPECT_EQ(session->retries, 0);
   EXPECT_EQ(session->timeout, 0);
-  EXPECT_NE(Reqid, 0);
   const int socket = Sessions->state->socket;
   EXPECT_EQ(snmp_close(session), 1);
   EXPECT_EQ(fcntl(socket, F_GETFD), -1);
   EXPECT_EQ(snmp_close(session), 0);
-  EXPECT_EQ(snmp_errno, kSnmpErrUnknownSession);
+  EXPECT_EQ(snmp_errno, -4);
+}
+
+TEST_F(SessionTest, TheFirstRequestIdIsAnyNumber) {
+  srand(1);
+  const int first_of_every_process = rand();
+  srand(1);
+  Reqid = 0;
+  open();
+  EXPECT_NE(Reqid, 0);
+  EXPECT_NE(Reqid, first_of_every_process);
 }
 
 TEST_F(SessionTest, FailsToOpenWithoutItsPeerPortOrSocket) {
-  if (machine::skip_outside()) return;  // a name is looked up
-  wanted.peer_name = const_cast<char*>("no-such-host");
-  EXPECT_EQ(printed(0, [&] { EXPECT_EQ(open(), nullptr); }),
-            "[41.23] unknown host: no-such-host\n");
-  EXPECT_EQ(snmp_errno, kSnmpErrUnknownHost);
-  wanted.peer_name = nullptr;
+  auto expect_failure = [this](int code, const char* report) {
+    EXPECT_EQ(printed(0, [this] { EXPECT_EQ(open(), nullptr); }), report);
+    EXPECT_EQ(snmp_errno, code);
+    EXPECT_EQ(Sessions, nullptr);
+  };
   wanted.local_port = agent.port();
-  EXPECT_EQ(printed(0, [&] { EXPECT_EQ(open(), nullptr); }), "bind: Address already in use\n");
-  EXPECT_EQ(snmp_errno, kSnmpErrBadLocalPort);
-  const DescriptorLimit limit(3);
+  expect_failure(-2, "bind: Address already in use\n");
+  wanted.peer_name = const_cast<char*>("no-such-host");
+  fakes::resolver_is_down = true;
+  expect_failure(-3, "[41.23] unknown host: no-such-host\n");
+  fakes::resolver_is_down = false;
+  const DescriptorLimit limit(STDERR_FILENO + 1);
   EXPECT_EQ(open(), nullptr);
-  EXPECT_EQ(snmp_errno, kSnmpErrGeneric);
-  EXPECT_EQ(Sessions, nullptr);
+  EXPECT_EQ(snmp_errno, -1);
 }
 
 TEST_F(SessionTest, SendsWithWhatWasMissing) {
@@ -181,11 +196,12 @@ TEST_F(SessionTest, SendsWithWhatWasMissing) {
       {kSnmpGetResponse, 43, 0, "A20B 02012B 020100 020100 3000"},
       {kSnmpTrap, 1, 9, "A41B 06082B06010401030101 400400000000 020100 020100 430100 3000"},
   };
+  const std::string kVersionAndCommunity = "020100 0406 7075626C6963";
   snmp_session* session = open();
   for (const auto& row : rows) {
     unique_pdu pdu(make_pdu(row.command, row.id));
     EXPECT_EQ(snmp_send(session, pdu.get()), row.result);
-    EXPECT_EQ(agent.receive_now().value_or("").substr(13), from_hex(row.sent)) << row.sent;
+    EXPECT_EQ(agent.receive_now(), ber(0x30, from_hex(kVersionAndCommunity + row.sent)));
     if (Sessions->state->requests->pdu == pdu.get()) (void)pdu.release();
   }
   EXPECT_EQ(pending(session), 3);
@@ -201,15 +217,15 @@ TEST_F(SessionTest, WhatCannotBeSentIsReportedAndNotRemembered) {
     EXPECT_EQ(printed(0, [&] { EXPECT_EQ(snmp_send(by, pdu.get()), 0); }), report);
     EXPECT_EQ(snmp_errno, code);
   };
-  expect_failure(&wanted, kSnmpErrUnknownSession, "");
+  expect_failure(&wanted, -4, "");
   pdu->address = {AF_INET, htons(161), {inet_addr("127.255.255.255")}, {}};
-  expect_failure(session, kSnmpErrGeneric, "sendto: Permission denied\n");
+  expect_failure(session, -1, "sendto: Permission denied\n");
   pdu->command = kSnmpTrap;
   pdu->enterprise_length = 65;  // too long
-  expect_failure(session, kSnmpErrGeneric, "[41.65] Error building packet\n");
+  expect_failure(session, -1, "[41.65] Error building packet\n");
   pdu->address = {};
   wanted.peer_name = nullptr;
-  expect_failure(open(), kSnmpErrUnknownHost, "[41.64] No remote IP address specified\n");
+  expect_failure(open(), -3, "[41.64] No remote IP address specified\n");
   EXPECT_EQ(pending(session), 0);
 }
 
@@ -218,17 +234,21 @@ TEST_F(SessionTest, RepeatsWithDoubledTimeOutsThenReports) {
   request_record* request = ask(session);
   snmp_timeout();  // its time is not up yet
   EXPECT_EQ(agent.receive_now(), std::nullopt);
-  for (long timeout : {2000000L, 4000000L, 8000000L}) {
+  const struct {
+    long before, after;
+  } rows[] = {{1000000, 2000000}, {LONG_MAX / 2, LONG_MAX - 1}, {LONG_MAX / 2 + 1, LONG_MAX}};
+  for (const auto& row : rows) {
+    request->timeout = row.before;
     request->expires_at = {};
     snmp_timeout();
     EXPECT_TRUE(agent.receive_now().has_value());
-    EXPECT_EQ(request->timeout, timeout);
+    EXPECT_EQ(request->timeout, row.after);
     timeval wait{};
     timersub(&request->expires_at, &request->sent_at, &wait);
-    EXPECT_EQ(wait.tv_sec * 1000000 + wait.tv_usec, timeout);
+    EXPECT_EQ(wait.tv_sec * 1000000 + wait.tv_usec, row.after);
   }
   request->expires_at = {};
-  expect_call(kSnmpTimedOut, session);
+  expect_call(kTimedOut, session);
   snmp_timeout();
   EXPECT_EQ(agent.receive_now(), std::nullopt);
   EXPECT_EQ(pending(session), 0);
@@ -247,23 +267,32 @@ TEST_F(SessionTest, AResponseIsOfferedToTheRequestsOfItsIdUntilOneTakesIt) {
   answer(session, kResponse);
   read_all();
   EXPECT_EQ(pending(session), 1);
+  session->callback = nullptr;
+  answer(session, kResponse);
+  read_all();
+  EXPECT_EQ(pending(session), 1);
 }
 
-TEST_F(SessionTest, AMangledMessageEndsTheRoundAndAFailureToReceiveDoesNot) {
+TEST_F(SessionTest, AMangledMessageEndsTheRoundAndALostOneDoesNot) {
   snmp_session* oldest = open();
   snmp_session* middle = open();
   open();  // nothing is there for it
+  snmp_session* newest = open();
   answer(oldest, kRequest);
   answer(middle, "");
+  answer(newest, kRequest);
   const std::string failure = "recvfrom: Resource temporarily unavailable\n";
-  EXPECT_EQ(printed(0, read_all), failure + "[41.67] Mangled packet\n");
+  {
+    const fakes::FailingMalloc failing(0, 1);  // no memory for the first PDU
+    EXPECT_EQ(printed(0, read_all), failure + "[41.67] Mangled packet\n");
+  }
   expect_message(oldest);
-  EXPECT_EQ(printed(0, read_all), failure + failure);
+  EXPECT_EQ(printed(0, read_all), failure + failure + failure);
 }
 
 // One round over two sessions, newest first, whose requests are answered or have timed out.
 TEST_F(SessionTest, ACallbackMayCloseSessions) {
-  for (const int operation : {kSnmpReceivedMessage, kSnmpTimedOut}) {
+  for (const int operation : {kReceived, kTimedOut}) {
     for (const bool closes_both : {false, true}) {
       snmp_session* next = open();
       snmp_session* session = open();
@@ -276,7 +305,7 @@ TEST_F(SessionTest, ACallbackMayCloseSessions) {
         return 0;
       });
       expect_call(operation, next).Times(closes_both ? 0 : 1);
-      operation == kSnmpTimedOut ? snmp_timeout() : read_all();
+      operation == kTimedOut ? snmp_timeout() : read_all();
       testing::Mock::VerifyAndClearExpectations(&callback);
       close_all();
     }
@@ -299,13 +328,14 @@ TEST_F(SessionTest, ReadAndTimeoutDoNothingInACallback) {
 
 TEST_F(SessionTest, ASynchronousRequestReturnsItsResponse) {
   snmp_session* session = open_synchronous();
+  EXPECT_EQ(snmp_send(session, make_pdu(kSnmpGetRequest, 8)), 8);
   answer(session, message(kSnmpGetResponse, 8));
   answer(session, kResponse);
   answer(session, kResponse);  // once more: nobody waits for it then
   fakes::refuse(fakes::waits, EINTR, 2);
-  EXPECT_EQ(ask_and_wait(session), kSnmpSynchSuccess);
-  EXPECT_EQ(pending(session), 0);
+  EXPECT_EQ(ask_and_wait(session), kSuccess);
   read_all();
+  EXPECT_EQ(pending(session), 1) << "the other one";
 }
 
 TEST_F(SessionTest, MessagesDoNotDelayTheTimeOutOfASynchronousRequest) {
@@ -313,19 +343,20 @@ TEST_F(SessionTest, MessagesDoNotDelayTheTimeOutOfASynchronousRequest) {
   snmp_session* session = open_synchronous();
   session->timeout = 0;
   session->retries = 1;
+  EXPECT_EQ(ask_and_wait(session), kTimeout) << "without a message";
   answer(flooded, kRequest);
   answer(flooded, kRequest);
   expect_message(flooded).Times(1);
-  EXPECT_EQ(ask_and_wait(session), kSnmpSynchTimeout);
+  EXPECT_EQ(ask_and_wait(session), kTimeout);
 }
 
 TEST_F(SessionTest, ASynchronousRequestFailsWithoutAResponseToWaitFor) {
   snmp_session* session = open_synchronous();
-  EXPECT_EQ(ask_and_wait(session, 7, kSnmpTrap), kSnmpSynchError);
+  EXPECT_EQ(ask_and_wait(session, 7, kSnmpTrap), kError);
   answer(session, message(kSnmpGetNextRequest));  // of the awaited id
-  EXPECT_EQ(ask_and_wait(session), kSnmpSynchError);
+  EXPECT_EQ(ask_and_wait(session), kError);
   fakes::refuse(fakes::waits, EBADF);
-  EXPECT_EQ(printed(0, [&] { EXPECT_EQ(ask_and_wait(session), kSnmpSynchError); }),
+  EXPECT_EQ(printed(0, [&] { EXPECT_EQ(ask_and_wait(session), kError); }),
             "select: Bad file descriptor\n");
 }
 
@@ -337,15 +368,15 @@ TEST_F(SessionTest, ASynchronousRequestEndsWithItsSessionAndIsNotTakenForALaterO
   answer(other, kRequest);
   snmp_session* next = nullptr;
   expect_message(other).WillOnce([&] {
-    EXPECT_EQ(ask_and_wait(session, 8), kSnmpSynchError) << "one at a time";
-    EXPECT_EQ(snmp_errno, kSnmpErrGeneric);
+    EXPECT_EQ(ask_and_wait(session, 8), kError) << "one at a time";
+    EXPECT_EQ(snmp_errno, -1);
     return snmp_close(session);
   });
-  expect_call(kSnmpTimedOut, other).WillOnce([&] {
+  expect_call(kTimedOut, other).WillOnce([&] {
     next = open();
     return snmp_send(next, make_pdu(kSnmpGetRequest, 9));
   });
-  EXPECT_EQ(ask_and_wait(session), kSnmpSynchError);
+  EXPECT_EQ(ask_and_wait(session), kError);
   EXPECT_EQ(pending(next), 1);
 }
 
@@ -358,7 +389,7 @@ TEST_F(SessionTest, ACallbackMayAskAndWait) {
   answer(other, kResponse);
   answer(session, message(kSnmpGetResponse, 8));
   expect_message(other).WillOnce([&] {
-    EXPECT_EQ(ask_and_wait(session, 8), kSnmpSynchSuccess);
+    EXPECT_EQ(ask_and_wait(session, 8), kSuccess);
     return 1;
   });
   read_all();
@@ -417,7 +448,7 @@ TEST_F(SessionTest, NothingIsSentOrRememberedWithoutMemory) {
       snmp_session* session = open();
       const bool is_sent = session != nullptr && snmp_send(session, pdu.get()) != 0;
       EXPECT_EQ(is_sent, !failing.failed());
-      EXPECT_EQ(snmp_errno, is_sent ? 0 : kSnmpErrGeneric);
+      EXPECT_EQ(snmp_errno, is_sent ? 0 : -1);
       EXPECT_EQ(agent.receive_now().has_value(), is_sent);
       if (is_sent && command == kSnmpGetRequest) (void)pdu.release();
       close_all();
@@ -426,8 +457,10 @@ TEST_F(SessionTest, NothingIsSentOrRememberedWithoutMemory) {
 }
 
 TEST(SnmpTexts, ACodeHasItsText) {
-  EXPECT_STREQ(api_errors(kSnmpErrUnknownHost + 4), "[41.69] Unknown host");
-  EXPECT_STREQ(api_errors(kSnmpErrGeneric + 4), "[41.59] Unknown Error");
+  const char* texts[] = {"[41.68] Unknown session", "[41.69] Unknown host",
+                         "[41.70] Invalid local port", "[41.59] Unknown Error"};
+  for (int index = 0; index < 4; ++index) EXPECT_STREQ(api_errors(index), texts[index]);
+  EXPECT_STREQ(api_errstring(0), "[41.59] Unknown Error");
 }
 
 }  // namespace

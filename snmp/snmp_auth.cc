@@ -1,5 +1,7 @@
 #include "snmp/snmp_auth.h"
 
+#include <algorithm>
+
 #include "snmp/asn1.h"
 
 namespace {
@@ -11,8 +13,9 @@ int32_t item_size(int32_t length) { return asn_header_size(length) + length; }
 
 uint8_t* snmp_auth_build(uint8_t* at, int32_t* room, const uint8_t* community,
                          const int32_t* community_length, const long* version, int32_t pdu_length) {
-  if (*community_length < 0 || *community_length > kAsnMaxBuildLength) return nullptr;
-  int32_t length = item_size(asn_int_size(*version)) + item_size(*community_length) + pdu_length;
+  // A community that is too long is refused below; here it must not overflow.
+  int32_t community_size = item_size(std::min(*community_length, kAsnMaxBuildLength));
+  int32_t length = item_size(asn_int_size(*version)) + community_size + pdu_length;
   at = asn_build_header(at, room, kAsnSequence, length);
   at = asn_build_int(at, room, kAsnInteger, version, sizeof *version);
   return asn_build_string(at, room, kAsnOctetString, community, *community_length);
@@ -20,7 +23,7 @@ uint8_t* snmp_auth_build(uint8_t* at, int32_t* room, const uint8_t* community,
 
 const uint8_t* snmp_auth_parse(const uint8_t* at, int32_t* left, uint8_t* community,
                                int32_t* community_length, long* version) {
-  uint8_t tag = 0;
+  uint8_t tag{};
   at = asn_parse_header(at, left, &tag);
   if (at == nullptr || tag != kAsnSequence) return nullptr;
   at = asn_parse_int(at, left, &tag, version, sizeof *version);

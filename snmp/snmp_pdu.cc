@@ -1,7 +1,7 @@
 #include "snmp/snmp_pdu.h"
 
+#include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <iterator>
 #include <memory>
 
@@ -23,8 +23,8 @@ namespace {
 
 // A copy of `bytes` bytes at `from`; null without memory.
 void* duplicate(const void* from, size_t bytes) {
-  void* copy = malloc(bytes);
-  if (copy != nullptr && bytes != 0) memcpy(copy, from, bytes);
+  auto* copy = static_cast<char*>(malloc(bytes));
+  if (copy != nullptr) std::copy_n(static_cast<const char*>(from), bytes, copy);
   return copy;
 }
 

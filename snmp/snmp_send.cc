@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "liblocal/base/c_memory.h"
 #include "liblocal/messages/catgets.h"
@@ -36,9 +35,8 @@ long next_request_id() {
 bool complete_trap(snmp_pdu* pdu) {
   pdu->request_id = kTrapRequestId;
   if (pdu->enterprise_length != 0) return true;
-  auto* enterprise = static_cast<uint64_t*>(malloc(sizeof default_enterprise));
+  uint64_t* enterprise = snmp_copy_objid(default_enterprise, std::size(default_enterprise));
   if (enterprise == nullptr) return snmp_fail(kSnmpErrGeneric);
-  memcpy(enterprise, default_enterprise, sizeof default_enterprise);
   free(pdu->enterprise);
   pdu->enterprise = enterprise;
   pdu->enterprise_length = std::size(default_enterprise);

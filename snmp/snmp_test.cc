@@ -13,16 +13,10 @@ namespace {
 
 const fakes::NumberedTexts numbered;
 
-const uint8_t* drop_private(const uint8_t* at, int32_t* /*left*/, const uint8_t* community,
-                            int32_t length) {
-  EXPECT_EQ(community[length], 0);
-  return std::string(community, community + length) == "private" ? nullptr : at;
-}
+snmp_session session;
 
 // Decodes `message`, which comes to `result`.
 unique_pdu decode(const std::string& message, SnmpParse result = SnmpParse::kDone) {
-  snmp_session session;
-  session.auth_hook = drop_private;
   // Of exactly its size: the sanitizers see reads past it.
   const std::vector<uint8_t> packet(message.begin(), message.end());
   unique_pdu pdu(snmp_pdu_create(0));
@@ -33,7 +27,6 @@ void expect_mangled(const std::string& message) { decode(message, SnmpParse::kMa
 
 // The message of `pdu`, built in `room` bytes; empty when that fails.
 std::string build(const unique_pdu& pdu, size_t room = 200, std::string community = "public") {
-  snmp_session session;
   session.community = reinterpret_cast<uint8_t*>(community.data());
   session.community_length = static_cast<int32_t>(community.size());
   std::string packet(room + 1, '\0');
@@ -83,7 +76,6 @@ TEST(SnmpMessage, AValueIsSentInItsShortestForm) {
   const struct {
     std::string received, sent = received;
   } rows[] = {
-      {"020100"},
       {"02047FFFFFFF"},
       {"0202FF7F"},
       {"41020080"},
@@ -91,7 +83,6 @@ TEST(SnmpMessage, AValueIsSentInItsShortestForm) {
       {"0400"},
       {"0403610062"},
       {"4004C0000201"},
-      {"44020500"},
       {"0500"},
       {"060177"},
       {"06092B7F8100FF7F818000"},
@@ -111,13 +102,15 @@ TEST(SnmpMessage, AValueIsSentInItsShortestForm) {
   EXPECT_EQ(build(decode(response(binding("0641" + widest + "01")))), "");
 }
 
+// The number in the first binding of `message`.
+long number(const std::string& message) {
+  return *static_cast<long*>(decode(message)->variables->value);
+}
+
 TEST(SnmpMessage, ANumberIsSignedUnlessAZeroByteLeads) {
-  auto number = [](const char* item) {
-    return *static_cast<long*>(decode(response(binding(item)))->variables->value);
-  };
-  EXPECT_EQ(number("0201FF"), -1);
-  EXPECT_EQ(number("430480000000"), -0x80000000L);
-  EXPECT_EQ(number("430500FFFFFFFF"), 0xFFFFFFFFL);
+  EXPECT_EQ(number(response(binding("0201FF"))), -1);
+  EXPECT_EQ(number(response(binding("430480000000"))), -0x80000000L);
+  EXPECT_EQ(number(response(binding("430500FFFFFFFF"))), 0xFFFFFFFFL);
 }
 
 TEST(SnmpMessage, WithAMalformedValueItIsMangled) {
@@ -142,12 +135,24 @@ TEST(SnmpMessage, WithAMalformedValueItIsMangled) {
   }
 }
 
+// The trap with `added` to its byte at `place`.
+void expect_mangled_with(size_t place, int added) {
+  SCOPED_TRACE(place);
+  std::string changed = kTrap;
+  changed[place] = static_cast<char>(changed[place] + added);
+  expect_mangled(changed);
+}
+
 TEST(SnmpMessage, WithAWrongTagItIsMangled) {
-  for (size_t place : std::initializer_list<size_t>{0, 2, 5, 15, 24, 30, 33, 36, 40, 42, 44}) {
-    SCOPED_TRACE(place);
-    std::string changed = kTrap;
-    changed[place] ^= 1;
-    expect_mangled(changed);
+  for (size_t tag : {0U, 2U, 5U, 13U, 15U, 24U, 30U, 33U, 36U, 40U, 42U, 44U}) {
+    expect_mangled_with(tag, 1);
+  }
+}
+
+TEST(SnmpMessage, WithAnItemThatIsLongerThanItsContentsOrShorterItIsMangled) {
+  for (size_t length : {1U, 14U, 41U, 43U}) {
+    expect_mangled_with(length, 1);
+    expect_mangled_with(length, -1);
   }
 }
 
@@ -160,23 +165,28 @@ TEST(SnmpMessage, DecodesWhatItCan) {
     const char* report = "";
   } rows[] = {
       {other_version, "[41.61] Wrong version: 1\n[41.62] Continuing anyway\n"},
-      {response(binding("460105") + binding("020105")), "[41.63] bad type returned (46)\n"},
+      {response(binding("020105") + binding("460105")), "[41.63] bad type returned (46)\n"},
       {response(binding("020105 FF"))},  // bytes behind the value
       {message(good, std::string(127, 'c'))},
+      {message(good, "")},
   };
   for (const auto& row : rows) {
-    unique_pdu pdu;
-    EXPECT_EQ(printed(0, [&] { pdu = decode(row.message); }), row.report);
-    const snmp_var* last = pdu->variables;
-    while (last->next != nullptr) last = last->next;
-    EXPECT_EQ(*static_cast<long*>(last->value), 5);
+    EXPECT_EQ(printed(0, [&] { EXPECT_EQ(number(row.message), 5); }), row.report);
   }
 }
 
-TEST(SnmpMessage, IsDroppedOrMangled) {
-  const std::string good = response_pdu("");
-  decode(message(good, "private"), SnmpParse::kDropped);
-  expect_mangled(message(good, std::string(128, 'c')));
+TEST(SnmpMessage, IsDroppedWhereTheHookRefusesItsCommunity) {
+  session.auth_hook = [](auto* /*at*/, int32_t* /*left*/, const uint8_t* community,
+                         int32_t length) {
+    EXPECT_EQ(std::string(community, community + length + 1), std::string("public", 7));
+    return static_cast<const uint8_t*>(nullptr);
+  };
+  decode(kTrap, SnmpParse::kDropped);
+  session.auth_hook = nullptr;
+}
+
+TEST(SnmpMessage, WithWhatDoesNotFitItIsMangled) {
+  expect_mangled(message(response_pdu(""), std::string(128, 'c')));
   expect_mangled(response("\x05"));  // no binding
   // An agent address of 3 bytes.
   expect_mangled(message(from_hex("A414 06012B 40030A0102 020101 020101 430101 3000")));
@@ -193,30 +203,55 @@ TEST(SnmpMessage, ItsLengthsHaveOneToThreeBytes) {
 }
 
 TEST(SnmpMessage, APduHasAtMost4500BytesAndItsMessageWhatTheRoomHolds) {
-  const std::string community(300, 'c');
-  EXPECT_EQ(build(decode(response(text(4471))), 5000, community),
-            message(response_pdu(text(4471)), community));
+  const unique_pdu largest = decode(response(text(4471)));
+  for (const std::string& community : {std::string(), std::string(300, 'c')}) {
+    EXPECT_EQ(build(largest, 5000, community), message(response_pdu(text(4471)), community));
+  }
   EXPECT_EQ(build(decode(response(text(4472))), 5000), "");
 }
 
-TEST(SnmpMessage, ATrapIsBuiltInOneCall) {
+// The trap kTrap with another text.
+std::string trap(const std::string& text) {
   const uint64_t enterprise[] = {1, 3, 6, 1, 4, 1, 5051}, name[] = {1, 3, 6, 1, 2, 1, 1, 1, 0};
-  std::string packet(kTrap.size(), '\0');
+  std::string packet(70000, '\0');
   auto size = static_cast<int32_t>(packet.size());
-  EXPECT_EQ(
-      snmp_build_trap(reinterpret_cast<uint8_t*>(packet.data()), &size, enterprise, 7,
-                      htonl(0x0A010203), 6, 1, 12345, name, 9, kAsnOctetString, 9, "disk full"),
-      kTrap.size());
-  EXPECT_EQ(packet, kTrap);
+  packet.resize(static_cast<size_t>(snmp_build_trap(
+      reinterpret_cast<uint8_t*>(packet.data()), &size, enterprise, 7, htonl(0x0A010203), 6, 1,
+      12345, name, 9, kAsnOctetString, static_cast<int32_t>(text.size()), text.data())));
+  return packet;
+}
+
+TEST(SnmpMessage, ATrapIsBuiltInOneCallWithContentsOfUpTo65535Bytes) {
+  EXPECT_EQ(trap("disk full"), kTrap);
+  EXPECT_EQ(trap(std::string(65473, 'z')).size(), 4 + 65535);
+  EXPECT_EQ(trap(std::string(65474, 'z')), "");
+}
+
+TEST(Asn1, ANullHasNoContents) {
+  const uint8_t items[] = {5, 0, 5, 1, 0};
+  uint8_t tag = 0;
+  int32_t left = 2;
+  EXPECT_EQ(asn_parse_null(items, &left, &tag), items + 2);
+  EXPECT_EQ(left, 0);
+  left = 3;
+  EXPECT_EQ(asn_parse_null(items + 2, &left, &tag), nullptr);
+}
+
+TEST(Asn1, ALengthIsWrittenWhereThereIsRoom) {
+  uint8_t bytes[1];
+  int32_t room = sizeof bytes;
+  EXPECT_EQ(asn_build_length(bytes, &room, 128), nullptr);
+  EXPECT_EQ(asn_build_length(bytes, &room, -1), nullptr);
+  EXPECT_EQ(asn_build_length(bytes, &room, 127), bytes + 1);
 }
 
 // A fixed PDU of a response that blames its binding at `index`; their names are 1, 2 and 3.
-unique_pdu fixed(long index) {
+unique_pdu fixed(long index, uint64_t names = 3, long status = 2) {
   const unique_pdu pdu(snmp_pdu_create(kSnmpGetResponse));
   pdu->request_id = 7;
-  pdu->error_status = 2;
+  pdu->error_status = status;
   pdu->error_index = index;
-  for (uint64_t name : {1UL, 2UL, 3UL}) snmp_add_null_var(pdu.get(), &name, 1);
+  for (uint64_t name = 1; name <= names; ++name) snmp_add_null_var(pdu.get(), &name, 1);
   return unique_pdu(snmp_fix_pdu(pdu.get(), kSnmpGetNextRequest));
 }
 
@@ -229,30 +264,33 @@ TEST(SnmpPdu, FixLeavesOutTheBindingInError) {
   EXPECT_EQ(request->variables->name[0], 1);
   EXPECT_EQ(request->variables->next->name[0], 3);
   EXPECT_EQ(request->variables->next->next, nullptr);
-  EXPECT_EQ(fixed(0), nullptr);
-  EXPECT_EQ(fixed(1)->variables->name[0], 2);
+  EXPECT_EQ(fixed(1, 2)->variables->name[0], 2);
   EXPECT_EQ(fixed(3)->variables->name[0], 1);
+  EXPECT_EQ(fixed(0), nullptr);
   EXPECT_EQ(fixed(4), nullptr);
+  EXPECT_EQ(fixed(1, 3, 0), nullptr);
+  EXPECT_EQ(fixed(1, 1), nullptr) << "none is left";
 }
 
 TEST(SnmpPdu, AnErrorStatusHasItsTextAndAnyOtherNumberNone) {
+  EXPECT_STREQ(snmp_errstring(0), "No Error");
   EXPECT_STREQ(snmp_errstring(5), "A general failure occured");
   EXPECT_STREQ(snmp_errstring(6), "Unknown Error");
   EXPECT_STREQ(snmp_errstring(-1), "Unknown Error");
 }
 
 TEST(SnmpPdu, IsWholeOrNotMadeWithoutMemory) {
-  const std::string bytes = response(binding("06022B06") + binding("020105") + text(1));
-  const std::vector<uint8_t> packet(bytes.begin(), bytes.end());
-  const snmp_session session;
-  auto make = [&](const fakes::FailingMalloc& failing) {
-    const unique_pdu pdu(snmp_pdu_create(0));
-    if (pdu == nullptr) return;
-    const bool is_parsed = snmp_parse_packet(&session, pdu.get(), packet) == SnmpParse::kDone;
-    const unique_pdu copy(is_parsed ? snmp_clone_pdu(pdu.get()) : nullptr);
-    EXPECT_EQ(copy != nullptr, !failing.failed());
-  };
-  EXPECT_EQ(fakes::pieces_left_by([&] { fakes::refuse_each_allocation(make); }), 0);
+  for (const std::string& bytes : {kTrap, response(binding("06022B06") + binding("020105"))}) {
+    auto make = [&](const fakes::FailingMalloc& failing) {
+      const unique_pdu pdu(snmp_pdu_create(0));
+      if (pdu == nullptr) return;
+      const std::vector<uint8_t> packet(bytes.begin(), bytes.end());
+      const bool is_parsed = snmp_parse_packet(&session, pdu.get(), packet) == SnmpParse::kDone;
+      const unique_pdu copy(is_parsed ? snmp_clone_pdu(pdu.get()) : nullptr);
+      EXPECT_EQ(copy != nullptr, !failing.failed());
+    };
+    EXPECT_EQ(fakes::pieces_left_by([&] { fakes::refuse_each_allocation(make); }), 0);
+  }
 }
 
 }  // namespace

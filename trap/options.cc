@@ -29,8 +29,7 @@ void use_default(const char** value, const char* default_value) {
 // As the platform's getopt reads it: options may also follow the operand.
 TrapOptions parse_with_getopt(int argc, char** argv) {
   TrapOptions options;
-  int option = 0;
-  while ((option = getopt(argc, argv, "c:df:s:t:u:v")) != -1) {
+  for (int option; (option = getopt(argc, argv, "c:df:s:t:u:v")) != -1;) {
     switch (option) {
       case 'c':
         options.community = optarg;
