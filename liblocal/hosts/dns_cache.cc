@@ -35,11 +35,6 @@ vx_mutex* lock_to_take() {
   return hostlist_cache_lock();
 }
 
-bool knows_own_name(const hostlist_cache* cache) {
-  const char first = cache->local_host_name[0];
-  return first != '\0' && first != ' ';
-}
-
 // An address as dotted text, or the word that replaces it.
 struct AddressName {
   char text[INET_ADDRSTRLEN];
@@ -153,8 +148,8 @@ void become_local_host(hostlist_cache* cache, host_entry* host, const hostent& a
 hostlist_cache dns_hostlist_cache = {.limits = &kLimits};
 
 DnsCacheHold::DnsCacheHold() : lock_(lock_to_take()) {
-  hostlist_cache& cache = dns_hostlist_cache;
-  if (!knows_own_name(&cache)) vx_getlocalhost(cache.local_host_name, sizeof cache.local_host_name);
+  auto& name = dns_hostlist_cache.local_host_name;
+  if (*name == '\0') vx_getlocalhost(name, sizeof name);
 }
 
 bool dns_cache_is_local_word(const char* name) {
@@ -171,7 +166,7 @@ host_entry* dns_cache_resolve(hostlist_cache* cache, const char* name, int64_t n
                                    now + kUnresolvedSeconds);
   }
   const AddressList addresses(*answer);
-  const AddressName key = dotted(addresses.addresses[0]);
+  const AddressName key = dotted(addresses.all().front());
   if (local) cache->local_host = nullptr;  // its names may move to another primary entry
   host_entry* host = hostlist_cache_add_host(cache, key.text, answer->h_name, answer->h_aliases,
                                              HOST_LIVE, now + kResolvedSeconds);

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <span>
 
 #include "liblocal/base/c_memory.h"
@@ -24,7 +25,6 @@ constexpr int kUsualInterfaces = 32;  // room that is tried while their number i
 // The table is never freed, so threads may read it while the process exits.
 pthread_mutex_t table_mutex = PTHREAD_MUTEX_INITIALIZER;
 sockaddr_in addresses[kMaxLocalAddresses];  // guarded by table_mutex, as is all below
-int32_t address_count = 0;
 in_addr_t last_match = INADDR_ANY;
 
 void print_system_error(const char* what) {
@@ -40,7 +40,7 @@ class DatagramSocket {
   DatagramSocket(const DatagramSocket&) = delete;
   DatagramSocket& operator=(const DatagramSocket&) = delete;
 
-  bool is_open() const { return descriptor_ >= 0; }
+  bool is_open() const { return descriptor_ != -1; }
   int descriptor() const { return descriptor_; }
 
  private:
@@ -68,7 +68,7 @@ int interfaces_to_expect(int socket) {
 // its room may have been cut, and is asked for again with twice the room.
 InterfaceList set_ifconf_buffer(int socket) {
   for (int room = interfaces_to_expect(socket);; room *= 2) {
-    const int size = static_cast<int>(sizeof(ifreq)) * room + 1;
+    const int size = static_cast<int>(sizeof(ifreq)) * room;
     InterfaceList list;
     list.records.reset(static_cast<ifreq*>(calloc(1, static_cast<size_t>(size))));
     if (list.records == nullptr) {
@@ -130,8 +130,8 @@ int32_t rebuild_table() {
     if (flags < 0 || (flags & IFF_UP) == 0) continue;
     addresses[count++] = address_of(record);
   }
-  for (int32_t i = count; i < address_count; ++i) addresses[i] = {};
-  return address_count = count;
+  std::fill(addresses + count, std::end(addresses), sockaddr_in{});
+  return count;
 }
 
 }  // namespace

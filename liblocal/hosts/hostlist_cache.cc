@@ -64,12 +64,12 @@ void reuse(hostlist_cache* cache, host_entry* entry, host_entry* primary, uint32
 
 int32_t maximum_of(const hostlist_limits* limits) {
   const char* wanted = vxgetenv(limits->variable);
-  int32_t maximum = wanted != nullptr ? atoi(wanted) : 0;
+  const int32_t maximum = wanted != nullptr ? atoi(wanted) : limits->least_maximum;
   // The last step before the maximum may pass it.
   return std::clamp(maximum, limits->least_maximum, INT32_MAX - limits->step);
 }
 
-// Adds a step of null slots.
+// Adds a step of slots.
 bool grow(hostlist_cache* cache) {
   const int32_t step = cache->limits->step;
   const size_t capacity = static_cast<size_t>(cache->capacity) + static_cast<size_t>(step);
@@ -79,7 +79,6 @@ bool grow(hostlist_cache* cache) {
     return false;
   }
   cache->table = static_cast<host_entry**>(larger);
-  std::fill_n(cache->table + cache->capacity, step, nullptr);
   cache->capacity += step;
   return true;
 }
@@ -120,7 +119,7 @@ char* hostlist_copy_name(const char* name) {
 host_place hostlist_cache_find(const hostlist_cache* cache, const char* name) {
   int32_t low = 0;
   int32_t high = cache->count - 1;
-  int32_t middle = 0;
+  int32_t middle = low;
   while (low <= high) {
     middle = low + (high - low) / 2;
     host_entry* entry = cache->table[middle];
@@ -188,7 +187,6 @@ void hostlist_cache_drop_host(hostlist_cache* cache, host_entry* entry) {
 }
 
 void hostlist_cache_purge(hostlist_cache* cache, uint32_t state) {
-  if (state == HOST_STALE && cache->stale_count == 0) return;
   host_entry* removed = nullptr;  // kept whole meanwhile: aliases look at their primary's state
   int32_t kept = 0;
   for (int32_t i = 0; i < cache->count; ++i) {
@@ -219,7 +217,6 @@ bool hostlist_cache_extend(hostlist_cache* cache) {
 }
 
 void hostlist_cache_trim(hostlist_cache* cache) {
-  hostlist_cache_purge(cache, HOST_STALE);
   const int64_t now = svc_time();
   for (bool any : {false, true}) {
     if (free_slots(cache) >= cache->limits->reserve) return;

@@ -50,7 +50,7 @@ int vx_getdomainname(char* buffer, size_t size) {
   if (uname(&host) != 0) return fail(errno);
   // Linux says "(none)" where no domain was ever set.
   const char* name = strcmp(host.domainname, "(none)") == 0 ? "" : host.domainname;
-  if (size > 0) text_copy_cut(name, buffer, size);
+  text_copy_cut(name, buffer, size);
   if (strlen(name) >= size) return fail(ERANGE);
   lower_ascii(buffer);
   return 0;

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <numeric>
 #include <string_view>
 
 std::atomic<int> Needs_conversion = 1;
@@ -41,15 +43,14 @@ const char* codeset_name() {
 // Whether `descriptor`, new and so nobody else's yet, makes every character of ASCII itself.
 bool keeps_ascii(iconv_t descriptor) {
   char ascii[0x7F];
-  char made[sizeof ascii];
-  for (size_t i = 0; i < sizeof ascii; ++i) ascii[i] = static_cast<char>(i + 1);
+  char made[sizeof ascii] = {};
+  std::iota(std::begin(ascii), std::end(ascii), '\1');
   char* in = ascii;
   char* out = made;
   size_t in_left = sizeof ascii;
   size_t out_left = sizeof made;
   iconv(descriptor, &in, &in_left, &out, &out_left);
-  iconv(descriptor, nullptr, nullptr, nullptr, nullptr);
-  return out_left == 0 && memcmp(ascii, made, sizeof ascii) == 0;
+  return memcmp(ascii, made, sizeof ascii) == 0;
 }
 
 // Fills `slot`. Of racing threads the first one's descriptor stays.

@@ -1,5 +1,6 @@
 #include "liblocal/text/i18n_conversion.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 
@@ -17,8 +18,7 @@ bool is_floating(char letter) {
 bool is_integer(I18nKind kind) { return kind == I18nKind::kInt || kind == I18nKind::kLong; }
 
 int with_digit(int number, char digit) {
-  const int value = digit - '0';
-  return number > (INT_MAX - value) / 10 ? INT_MAX : number * 10 + value;
+  return static_cast<int>(std::min(int64_t{number} * 10 + (digit - '0'), int64_t{INT_MAX}));
 }
 
 // The first letter decides, but that "%lf" is the double it is everywhere else.

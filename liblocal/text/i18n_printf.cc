@@ -1,10 +1,12 @@
 #include "liblocal/text/i18n_printf.h"
 
+#include <algorithm>
 #include <charconv>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <string_view>
 
 #include "liblocal/base/text_sizes.h"
@@ -120,9 +122,14 @@ bool append_padded(Output* output, std::string_view text, size_t columns, size_t
   return true;
 }
 
+// The least columns of a conversion.
+size_t width_of(const I18nConversion& conversion) {
+  return static_cast<size_t>(std::max(conversion.width, 0));
+}
+
 bool print_text(Output* output, const I18nConversion& conversion) {
   const char* text = conversion.argument.text;
-  const size_t width = conversion.width > 0 ? static_cast<size_t>(conversion.width) : 0;
+  const size_t width = width_of(conversion);
   Measured part = {0, 0};
   if (conversion.precision != kI18nUnset) {
     part = measure(text, static_cast<size_t>(conversion.precision));
@@ -140,14 +147,11 @@ char last_letter(const I18nConversion& conversion) {
   return conversion.letters[conversion.letters[1] != '\0' ? 1 : 0];
 }
 
-// Whether the conversion is complete, its width is possible, and the platform takes its
-// argument for what it is. Where the platform would take it for a pointer, or from another
-// place of the list, nothing is printed.
+// Whether the platform takes the argument for what it is. Where it would take it for a pointer,
+// or from another place of the list, nothing is printed.
 bool suits_platform(const I18nConversion& conversion) {
   const char last = last_letter(conversion);
   const auto is_one_of = [last](std::string_view set) { return set.find(last) != set.npos; };
-  if (last == '\0' || is_one_of("hlLqjzZtI")) return false;
-  if (conversion.width < -INT_MAX) return false;  // which cannot be negated
   switch (conversion.kind) {
     case I18nKind::kInt:
       return !is_one_of("nspSaAeEfFgG");
@@ -183,40 +187,41 @@ bool print_plain_integer(Output* output, const I18nConversion& conversion) {
     end = std::to_chars(digits, end, bits, last_letter(conversion) == 'x' ? 16 : 10).ptr;
   }
   const std::string_view text(digits, static_cast<size_t>(end - digits));
-  const size_t width = conversion.width > 0 ? static_cast<size_t>(conversion.width) : 0;
-  return append_padded(output, text, text.size(), width, false);
+  return append_padded(output, text, text.size(), width_of(conversion), false);
 }
 
-constexpr size_t kSubFormatSize = 64;
-static_assert(kSubFormatSize >=
-              1 + sizeof I18nConversion::flags + 11 + 1 + 10 + sizeof I18nConversion::letters);
+// A conversion as the platform is to read it.
+struct SubFormat {
+  char text[sizeof I18nConversion::flags + sizeof "%-2147483647.2147483647ld"];
 
-// Writes the conversion as the platform is to read it.
-void write_sub_format(const I18nConversion& conversion, char* at) {
-  *at++ = '%';
-  memcpy(at, conversion.flags, conversion.flag_count);
-  at += conversion.flag_count;
-  if (conversion.width != kI18nUnset) at = std::to_chars(at, at + 11, conversion.width).ptr;
-  if (conversion.precision != kI18nUnset) {
-    *at++ = '.';
-    at = std::to_chars(at, at + 10, conversion.precision).ptr;
+  explicit SubFormat(const I18nConversion& conversion) {
+    char* at = text;
+    *at++ = '%';
+    memcpy(at, conversion.flags, conversion.flag_count);
+    at += conversion.flag_count;
+    if (conversion.width != kI18nUnset) {
+      at = std::to_chars(at, std::end(text), conversion.width).ptr;
+    }
+    if (conversion.precision != kI18nUnset) {
+      *at++ = '.';
+      at = std::to_chars(at, std::end(text), conversion.precision).ptr;
+    }
+    memcpy(at, conversion.letters, sizeof conversion.letters);
   }
-  memcpy(at, conversion.letters, sizeof conversion.letters);
-}
+};
 
 bool print_by_platform(Output* output, const I18nConversion& conversion) {
   if (!suits_platform(conversion)) return true;
-  char format[kSubFormatSize];
-  write_sub_format(conversion, format);
+  const SubFormat format(conversion);
   switch (conversion.kind) {
     case I18nKind::kLong:
-      return output->print(format, conversion.argument.integer);
+      return output->print(format.text, conversion.argument.integer);
     case I18nKind::kDouble:
-      return output->print(format, conversion.argument.real);
+      return output->print(format.text, conversion.argument.real);
     case I18nKind::kLongDouble:
-      return output->print(format, conversion.argument.extended);
+      return output->print(format.text, conversion.argument.extended);
     default:
-      return output->print(format, static_cast<int>(conversion.argument.integer));
+      return output->print(format.text, static_cast<int>(conversion.argument.integer));
   }
 }
 

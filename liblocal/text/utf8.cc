@@ -108,8 +108,8 @@ char* read_converted(char* buffer, size_t size, bool with_line_end, FILE* stream
     if (push_back(raw.get(), length, stream)) errno = EAGAIN;
     return nullptr;
   }
-  if (done.consumed == 0 && wanted > 0) done = utf8_mbs_part(buffer, size - 1, raw.get(), 1, false);
-  if (done.consumed == 0 && wanted > 0) {
+  if (done.consumed == 0) done = utf8_mbs_part(buffer, size - 1, raw.get(), 1, false);
+  if (done.consumed == 0) {
     *buffer = '?';
     done = {1, 1};
   }
@@ -177,9 +177,8 @@ int vxputs(const char* text) {
   if (text == nullptr) return -1;
   if (!is_converted(stdout)) return puts(text);
   StreamLock lock(stdout);
-  int written = put_converted(text, stdout);
-  int line_end = written < 0 ? -1 : fputs("\n", stdout);
-  return line_end < 0 ? -1 : written + line_end;
+  const int written = put_converted(text, stdout);
+  return written < 0 || fputs("\n", stdout) < 0 ? -1 : written + 1;
 }
 
 int ansi_fputs(const char* text, FILE* stream) { return fputs(text, stream); }

@@ -23,7 +23,6 @@ namespace {
 using std::string_view_literals::operator""sv;
 
 constexpr size_t kLeastThreadBuffer = 6144;  // bytes of a buffer of utf8encode
-constexpr size_t kShortRun = 16;             // bytes, behind a character that a codeset lacks
 
 // A conversion on its way, into `out_left` bytes at most. It adds no NUL.
 struct Conversion {
@@ -265,7 +264,7 @@ bool convert_run(Conversion* conversion, iconv_t descriptor, size_t length) {
     most *= 2;
     if (error == 0 || (error == E2BIG && conversion->in > at)) continue;
     if (!pass_stopped(conversion, descriptor, error)) return false;
-    most = kShortRun;
+    most = kUtf8MaxLength;
   }
   return true;
 }
@@ -390,7 +389,6 @@ int ansi_mbslen(const char* text) {
   if (text == nullptr) return 0;
   size_t left = strlen(text);
   int count = 0;
-  [[maybe_unused]] int stateful = mblen(nullptr, 0);  // starts over
   for (; left > 0; ++count) {
     int length = mblen(text, left);
     if (length < 0) return -1;

@@ -10,6 +10,7 @@
 #include "liblocal/base/text_sizes.h"
 #include "liblocal/base/xmalloc.h"
 #include "liblocal/text/mbt.h"
+#include "liblocal/text/text_view.h"
 #include "liblocal/text/utf8_convert.h"
 
 namespace {
@@ -120,7 +121,7 @@ dirent* utf8_readdir(DIR* directory, dirent* entry) {
     return nullptr;
   }
   memcpy(bytes, next, kHeader);
-  memcpy(bytes + kHeader, name, strlen(name) + 1);
+  text_copy_cut(name, bytes + kHeader, sizeof name);
   return entry;
 }
 

@@ -11,8 +11,11 @@ size_t utf8_mbstowcs(wchar_t* output, const char* input, size_t capacity) {
   size_t count = 0;
   for (; *input != '\0' && count + 1 < capacity; ++count) {
     int length = utf8_mbtowc(&output[count], input, kUtf8MaxLength);
-    if (length < 0) output[count] = L'?';
-    input += length < 0 ? 1 : length;
+    if (length < 0) {
+      output[count] = L'?';
+      length = 1;
+    }
+    input += length;
   }
   output[count] = L'\0';
   return count;

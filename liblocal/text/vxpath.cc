@@ -45,9 +45,8 @@ int vx_path_dirname(const char* path, char* buffer, size_t size) {
     return 0;
   }
   // First cut to the buffer, then stripped: a cut may end in a '/', too.
-  std::string_view directory = text_part(area, 0, area.empty() ? 0 : slash);
-  if (size > 0) directory = text_part(directory, 0, size - 1);
-  directory = without_trailing_slashes(directory);
+  const std::string_view cut = text_part(text_part(area, 0, slash), 0, size - 1);
+  const std::string_view directory = without_trailing_slashes(cut);
   text_copy_cut(directory.empty() ? "/" : directory, buffer, size);
   return 0;
 }
