@@ -12,36 +12,43 @@
 
 namespace {
 
-TEST(Utf8Codec, EncodesAndDecodesTheBoundariesOfEveryLength) {
+// The first and the last character of each range, which have that many bytes and columns.
+TEST(Utf8Codec, EncodesDecodesAndMeasuresCharacters) {
   const struct {
-    wchar_t value;
-    std::string bytes;
-  } characters[] = {
-      {0x80, "\xC2\x80"},
-      {0x7FF, "\xDF\xBF"},
-      {0x800, "\xE0\xA0\x80"},
-      {0x3FFFFFF, "\xFB\xBF\xBF\xBF\xBF"},
-      {0x7FFFFFFF, "\xFD\xBF\xBF\xBF\xBF\xBF"},
-  };
-  for (const auto& [value, bytes] : characters) {
-    const int length = static_cast<int>(bytes.size());
-    char encoded[kUtf8MaxLength];
-    ASSERT_EQ(utf8_wctomb(encoded, value), length);
-    EXPECT_EQ(std::string(encoded, bytes.size()), bytes);
-    wchar_t decoded = -1;
-    EXPECT_EQ(utf8_mbtowc(&decoded, bytes.data(), bytes.size()), length);
-    EXPECT_EQ(decoded, value);
-    EXPECT_EQ(utf8_mblen(bytes.data(), bytes.size() - 1), -1);
+    wchar_t first, last;
+    size_t bytes;
+    int columns;
+  } ranges[] = {
+      {0x01, 0x7F, 1, 1},           {0x80, 0x7FF, 2, 1},       {0x800, 0x2FFF, 3, 1},
+      {0x3000, 0xF000, 3, 2},       {0xF001, 0xFAFF, 3, 2},    {0xFB00, 0xFEFF, 3, 1},
+      {0xFF00, 0xFF5F, 3, 2},       {0xFF60, 0xFFDF, 3, 1},    {0xFFE0, 0xFFE7, 3, 2},
+      {0xFFE8, 0xFFFF, 3, 1},       {0x10000, 0x1FFFFF, 4, 2}, {0x200000, 0x3FFFFFF, 5, 2},
+      {0x4000000, 0x7FFFFFFF, 6, 2}};
+  for (const auto& range : ranges) {
+    for (const wchar_t character : {range.first, range.last}) {
+      char text[8] = "a";
+      const int length = utf8_wctomb(text + 1, character);
+      size_t index = 1;
+      EXPECT_EQ(utf8_char_columns(text, &index), range.columns) << text;
+      EXPECT_EQ(index, range.bytes) << text;
+      wchar_t decoded = -1;
+      EXPECT_EQ(utf8_mbtowc(&decoded, text + 1, range.bytes), length);
+      EXPECT_EQ(decoded, character);
+      EXPECT_EQ(utf8_mblen(text + 1, range.bytes - 1), -1);
+    }
   }
 }
 
 TEST(Utf8Codec, NulsNullsAndAValueOutOfRange) {
   char encoded[kUtf8MaxLength];
   EXPECT_EQ(utf8_mblen("", 1), 0);
-  EXPECT_EQ(is_utf8_mb("a\0日", 5), 1) << "a NUL is a character";
+  EXPECT_EQ(is_utf8_mb("a\0日", 5), 1);
+  EXPECT_EQ(is_utf8_mb("日", 2), 0);
   EXPECT_EQ(utf8_wctomb(encoded, static_cast<wchar_t>(0x80000000)), -1);
   EXPECT_EQ(utf8_wctomb(nullptr, L'a'), 0);
   EXPECT_EQ(utf8_mblen(nullptr, 1), -1);
+  EXPECT_EQ(utf8_mbslen(nullptr), 0);
+  EXPECT_EQ(num_chars_in_utf8_str(nullptr), 0);
 }
 
 TEST(Utf8Codec, ValidityAndCounts) {
@@ -50,13 +57,11 @@ TEST(Utf8Codec, ValidityAndCounts) {
     int characters;  // -1 when it is not valid
     int leads;       // characters by their lead bytes alone
     size_t whole;    // bytes without a cut character at the end
-  } cases[] = {
-      {"a日", 2, 2, 4},
-      {"\xC0\x80", -1, 1, 2},  // longer than a NUL needs
-      {"a\xE6\x97", -1, -1, 1},
-      {"\xE6\x97z", -1, 1, 3},
-      {"\xFE\x80\x80\x80\x80\x80\x80", -1, -1, 7},
-  };
+  } cases[] = {{"a日", 2, 2, 4},
+               {"\xC0\x80", -1, 1, 2},  // longer than a NUL needs
+               {"\xE6\x97", -1, -1, 0},
+               {"\xE6\x97z", -1, 1, 3},
+               {"\xFE\x80\x80\x80\x80\x80\x80", -1, -1, 7}};
   for (const auto& [text, characters, leads, whole] : cases) {
     EXPECT_EQ(utf8_mbslen(text.c_str()), characters);
     EXPECT_EQ(is_utf8_mbs(text.c_str()), characters >= 0 ? 1 : 0);
@@ -69,38 +74,28 @@ TEST(Utf8Wide, AreasHoldWholeCharactersAndMarksForWhatIsNone) {
   const wchar_t text[] = {L'a', static_cast<wchar_t>(0x80000000), L'é', 0};
   char bytes[8] = "!";
   wchar_t wide[8];
-  EXPECT_EQ(utf8_wcstombs(nullptr, text, 0), 4U) << "the bytes that it takes";
+  EXPECT_EQ(utf8_wcstombs(nullptr, text, 0), 4U);  // the bytes that it takes
   EXPECT_EQ(utf8_wcstombs(bytes, text, 0), 0U);
   EXPECT_STREQ(bytes, "!");
   EXPECT_EQ(utf8_wcstombs(bytes, text, 4), 2U);
   EXPECT_STREQ(bytes, "a?");
   EXPECT_EQ(utf8_mbstowcs(wide, "a\xFFé", 3), 2U);
   EXPECT_STREQ(wide, L"a?");
-  EXPECT_EQ(utf8_mbstowcs(nullptr, "a", 2), 0U);
 }
 
 TEST(Utf8Wide, WholeStrings) {
-  const wchar_t text[] = L"ab\x7FFFFFFF";
-  const c_unique_ptr<char> bytes(wcs_to_utf8(text));
-  EXPECT_STREQ(c_unique_ptr<wchar_t>(utf8_to_wcs(bytes.get())).get(), text);
+  EXPECT_STREQ(c_unique_ptr<char>(wcs_to_utf8(L"\x7FFFFFFF")).get(), "\xFD\xBF\xBF\xBF\xBF\xBF");
+  EXPECT_STREQ(c_unique_ptr<wchar_t>(utf8_to_wcs("ab")).get(), L"ab");
 }
 
-TEST(CharColumns, OfEveryRange) {
-  const struct {
-    wchar_t first, last;
-    int columns;
-  } ranges[] = {{0x01, 0x2FFF, 1},   {0x3000, 0xFAFF, 2},     {0xFB00, 0xFEFF, 1},
-                {0xFF00, 0xFF5F, 2}, {0xFF60, 0xFFDF, 1},     {0xFFE0, 0xFFE7, 2},
-                {0xFFE8, 0xFFFF, 1}, {0x10000, 0x3FFFFFF, 2}, {0x4000000, 0x7FFFFFFF, 2}};
-  for (const auto& range : ranges) {
-    for (const wchar_t character : {range.first, range.last}) {
-      char text[8] = "a";
-      const int length = utf8_wctomb(text + 1, character);
-      size_t index = 1;
-      EXPECT_EQ(utf8_char_columns(text, &index), range.columns) << text;
-      EXPECT_EQ(index, static_cast<size_t>(length)) << "the last byte of " << text;
-    }
-  }
+TEST(Utf8Wide, NullsAndNoRoom) {
+  wchar_t wide = L'!';
+  EXPECT_EQ(utf8_mbstowcs(nullptr, "a", 2), 0U);
+  EXPECT_EQ(utf8_mbstowcs(&wide, nullptr, 1), 0U);
+  EXPECT_EQ(utf8_mbstowcs(&wide, "a", 0), 0U);
+  EXPECT_EQ(wide, L'!');
+  EXPECT_EQ(wcs_to_utf8(nullptr), nullptr);
+  EXPECT_EQ(utf8_to_wcs(nullptr), nullptr);
 }
 
 TEST(CharColumns, OfStrayBytesAndACutCharacter) {
@@ -120,17 +115,14 @@ TEST(Mbt, BytesThereAndBack) {
   EXPECT_EQ(containsMBT(carried), 1);
 }
 
-TEST(Mbt, AreasThatAreTooSmall) {
+TEST(Mbt, NullsAndAreasThatAreTooSmall) {
   char output[8];
   EXPECT_EQ(vx_mbstombts(output, "", 0), 0);
   EXPECT_EQ(vx_mbstombts(output, "a\xE9", 5), 1);
-  EXPECT_EQ(vx_mbstombts(output, "a\xE9", 4), 0) << "a transparent byte asks for four";
-  EXPECT_EQ(vx_mbtstombs(output, "ab", 2), 0) << "no room for the terminator";
-}
-
-TEST(Mbt, NullsAreRefused) {
-  char output[2];
+  EXPECT_EQ(vx_mbstombts(output, "a\xE9", 4), 0);  // a transparent byte asks for four
   EXPECT_EQ(vx_mbstombts(nullptr, "a", 2), 0);
+  EXPECT_EQ(vx_mbtstombs(output, "ab", 2), 0);  // no room for the terminator
+  EXPECT_EQ(vx_mbtstombs(output, "ab", 1), 0);
   EXPECT_EQ(vx_mbtstombs(output, nullptr, 2), 0);
   EXPECT_EQ(containsMBT(nullptr), 0);
 }
@@ -139,8 +131,8 @@ TEST(Mbt, OtherBytesAreNotRestored) {
   char output[16];
   // The last one is broken, and so decides.
   for (const char* text : {"\xEF\xA1\x80", "\xEF\xA2", "\xEF\xA2z\xEF\xA2\x80"}) {
-    EXPECT_EQ(containsMBT(text), 0) << text;
-    EXPECT_EQ(vx_mbtstombs(output, text, sizeof output), 0) << text;
+    EXPECT_EQ(containsMBT(text), 0);
+    EXPECT_EQ(vx_mbtstombs(output, text, sizeof output), 0);
   }
 }
 

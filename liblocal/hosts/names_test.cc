@@ -1,0 +1,310 @@
+// Names of this host, of others and of clients, and the look-ups beneath, in the test machine: its
+// hosts file is the resolver, whose calls are counted.
+#include <arpa/inet.h>
+#include <unistd.h>
+
+#include "liblocal/base/svc_time.h"
+#include "liblocal/base/vx_error.h"
+#include "liblocal/hosts/client_list.h"
+#include "liblocal/hosts/dns_cache.h"
+#include "liblocal/hosts/is_mynam.h"
+#include "liblocal/hosts/localhost.h"
+#include "liblocal/hosts/mtsfuncs.h"
+#include "tests/fakes.h"
+#include "tests/machine.h"
+#include "tests/work.h"
+
+using namespace fakes;
+
+namespace {
+
+const std::string kHosts =
+    "127.0.0.1 localhost manager\n192.0.2.1 node.net box testhost\n192.0.2.3 node.net\n"
+    "198.51.100.1 web.net web www\n198.51.100.2 web.net web\n"
+    "198.51.100.3 mail.net mail\n198.51.100.3 post.net post\n";
+
+void write_hosts(const std::string& text) { machine::write_file("/etc/hosts", text); }
+
+void pass(int64_t seconds) {
+  now += seconds;
+  svc_time_reset();
+}
+
+// A text that the caller frees, or "(null)".
+std::string owned(char* text) {
+  std::string copy = text == nullptr ? "(null)" : text;
+  free(text);
+  return copy;
+}
+
+// How many names `work` asks the resolver for.
+int asked_by(auto work) {
+  const int before = names_asked;
+  work();
+  return names_asked - before;
+}
+
+class NameTest : public MachineTest {
+ protected:
+  void SetUp() override {
+    MachineTest::SetUp();
+    if (IsSkipped()) return;
+    start_over();
+    const DnsCacheHold prepared;  // looks the own name up once in the process
+  }
+  void TearDown() override {
+    if (IsSkipped()) return;
+    start_over();
+    write_hosts(hosts_before_);
+    pass(-now);
+  }
+
+  static void start_over() {
+    write_hosts(kHosts);
+    free_dns_hostlist_cache();
+    free_client_hostlist_cache();
+    pass(1'000'000'000 - now);
+    resolver_is_down = false;
+    interfaces = nullptr;
+  }
+
+ private:
+  const std::string hosts_before_ = machine::read_file("/etc/hosts");
+};
+
+TEST_F(NameTest, ThoseOfThisHostAndOthersAreKnown) {
+  EXPECT_EQ(is_myname(nullptr), 1);
+  EXPECT_EQ(is_myname("LocalHost"), 1);
+  EXPECT_EQ(dns_hostlist_cache.count, 0);  // no look-up until now
+  for (const char* name : {"NODE.net", "192.0.2.3", "manager", ""}) EXPECT_EQ(is_myname(name), 1);
+  for (const char* name : {"web", "198.51.100.3", "nobody"}) EXPECT_EQ(is_myname(name), 0);
+  EXPECT_EQ(owned(get_primaryhostname("www")), "web.net");
+  EXPECT_EQ(owned(get_primaryhostname(nullptr)), "node.net");
+}
+
+TEST_F(NameTest, ThisHostIsAskedForUntilItIsResolved) {
+  resolver_is_down = true;
+  EXPECT_EQ(is_myname("box"), 0);
+  EXPECT_EQ(is_validhostname(nullptr), 0);
+  EXPECT_EQ(samehost(nullptr, nullptr), 1);
+  resolver_is_down = false;
+  EXPECT_EQ(is_myname("192.0.2.1"), 1);
+}
+
+TEST_F(NameTest, HostsAreCompared) {
+  const struct {
+    const char *first, *second;
+    int same;
+  } rows[] = {{"nobody", "NoBody", 1}, {nullptr, "box", 1}, {"box", nullptr, 1},
+              {"mail", "post", 1},     {"web", "mail", 0},  {"nobody", "web", 0},
+              {"web", "nobody", 0}};
+  for (const auto& row : rows) {
+    start_over();
+    EXPECT_EQ(samehost(row.first, row.second), row.same) << (row.first ? row.first : "null");
+  }
+  EXPECT_EQ(hostlist_cache_host(&dns_hostlist_cache, "web")->state, HOST_LIVE);
+}
+
+TEST_F(NameTest, TheyMayBeInTheResolversAnswers) {
+  auto mail = [] { return vx_ts_gethostbyname("mail")->h_name; };
+  EXPECT_EQ(is_myname(mail()), 0);
+  EXPECT_EQ(samehost(mail(), "post"), 1);
+}
+
+TEST_F(NameTest, TheyStandBeforeAddresses) {
+  const struct {
+    const char* asked;
+    int debug;
+    std::string chain, printed;
+  } rows[] = {
+      {nullptr, 0, " node.net box testhost node localhost manager 192.0.2.1 127.0.0.1 192.0.2.3",
+       "Reverse DNS lookup failed for address 203.0.113.9\n"},
+      {"9.9.9.9", 0, " 9.9.9.9", "Reverse DNS lookup failed for host 9.9.9.9, address 9.9.9.9\n"},
+      {"nobody", 1, " nobody", "Illegal/NULL hostname detected (nobody)\n"}};
+  const std::vector<Interface> there = {
+      {1, "192.0.2.1"}, {1, "203.0.113.9"}, {1, "10.0.0.1", AF_INET6}, {9, "127.0.0.1"}};
+  interfaces = &there;
+  const DnsCacheHold hold;
+  for (const auto& row : rows) {
+    const host_entry* each = nullptr;
+    auto resolve = [&] { each = dns_cache_resolve(&dns_hostlist_cache, row.asked, now); };
+    EXPECT_EQ(printed(row.debug, resolve), "kivtrap: " + row.printed);
+    std::string chain;
+    for (; each != nullptr; each = each->next) chain += std::string(" ") + each->name;
+    EXPECT_EQ(chain, row.chain);
+  }
+}
+
+TEST_F(NameTest, TheResolverIsAskedOncePerTime) {
+  auto ask = [] {
+    EXPECT_EQ(is_myname("node"), 1);
+    EXPECT_EQ(is_validhostname("www"), 1);
+    EXPECT_EQ(is_validhostname("nobody"), 0);
+  };
+  EXPECT_EQ(asked_by(ask), 3);
+  now += 5000;
+  EXPECT_EQ(asked_by(ask), 0);  // the service time is not reset yet
+  now -= 5000;
+  const struct {
+    int seconds, asked;
+    bool resolver_is_down;
+  } later[] = {{300, 0, false}, {1, 1, false},  {1499, 1, false},
+               {1801, 3, true}, {300, 0, true}, {1, 3, true}};
+  for (const auto& row : later) {  // known names stay known while the resolver is down
+    pass(row.seconds);
+    resolver_is_down = row.resolver_is_down;
+    EXPECT_EQ(asked_by(ask), row.asked) << row.seconds;
+  }
+}
+
+TEST_F(NameTest, ThoseOfThisHostMoveToItsNewName) {
+  EXPECT_EQ(is_myname("box"), 1);
+  write_hosts("127.0.0.1 localhost\n192.0.2.9 new node.net testhost\n");
+  pass(1801);
+  EXPECT_EQ(is_myname("new"), 1);
+  EXPECT_EQ(asked_by([] { EXPECT_EQ(is_myname("node.net"), 1); }), 0);
+}
+
+TEST_F(NameTest, TheCacheStaysSoundWhenAnAllocationIsRefused) {
+  EXPECT_EQ(owned(get_primaryhostname("www")), "web.net");  // makes what lasts
+  std::vector<int64_t> slept;
+  sleeps = &slept;
+  refuse_each_allocation([&](const FailingMalloc&) {
+    start_over();
+    std::string name;
+    const std::string text = printed(0, [&] { name = owned(get_primaryhostname("www")); });
+    if (name != "web.net") {
+      EXPECT_EQ(name + text, "(null)kivtrap: SYSTEM error: Cannot allocate memory\n");
+    }
+  });
+  sleeps = nullptr;
+}
+
+TEST_F(NameTest, ManyThreadsMayAsk) {
+  in_threads(8, [&](int thread) {
+    const std::string own = "client" + std::to_string(thread);
+    const char* aliases[] = {"shared", nullptr};
+    for (int i = 0; i < 50; ++i) {
+      EXPECT_EQ(is_myname("box"), 1);
+      EXPECT_EQ(samehost("web", "www"), 1);
+      EXPECT_EQ(client_list_add_client(own.c_str(), aliases), 1);
+      if (i % 10 == thread) pass(1801);
+    }
+  });
+}
+
+TEST_F(NameTest, ThoseOfAClientBelongTogether) {
+  const char* aliases[] = {"www", nullptr};
+  EXPECT_EQ(client_list_add_client("web", aliases), 1);
+  EXPECT_EQ(client_list_add_client(nullptr, nullptr), 0);
+  EXPECT_EQ(sameclient("WWW", "web"), 1);
+  EXPECT_EQ(sameclient("mail", "MAIL"), 1);
+  EXPECT_EQ(sameclient("no", "mail"), 0);
+  EXPECT_EQ(sameclient("web", nullptr), 0);
+  EXPECT_EQ(owned(get_primaryclientname("www")), "web");
+  client_list_remove_byname("www");
+  EXPECT_EQ(get_primaryclientname("web"), nullptr);
+}
+
+TEST_F(NameTest, ClientsAreKnownForAnHourOrForEver) {
+  client_list_add_client("hour", nullptr);
+  set_client_cache_update_style(kClientsNeverExpire);
+  client_list_add_client("ever", nullptr);
+  pass(3600);
+  EXPECT_EQ(owned(get_primaryclientname("hour")), "hour");
+  pass(1);
+  EXPECT_EQ(get_primaryclientname("hour"), nullptr);
+  EXPECT_EQ(owned(get_primaryclientname("ever")), "ever");
+}
+
+TEST_F(NameTest, EachLookUpHasAPlaceOfItsOwn) {
+  machine::write_file("/etc/services", "one 101/tcp\ntwo 102/tcp\nsnmp 161/udp\n");
+  // A name and an address in answers of the same look-ups.
+  const char* alias = vx_ts_gethostbyname(" \t\nweb")->h_aliases[0];
+  const in_addr mail = {inet_addr("198.51.100.3")};
+  const char* address = vx_ts_gethostbyaddr(&mail, 4, AF_INET)->h_addr_list[0];
+  const struct {
+    const void* entry;  // whose first member is its name
+    const char* name;
+  } found[] = {{vx_ts_gethostbyname(alias), "web.net"},
+               {vx_ts_gethostbyaddr(address, 4, AF_INET), "mail.net"},
+               {vx_ts_gethostent(), "localhost"},
+               {vx_ts_getprotobyname("udp"), "udp"},
+               {vx_ts_getservbyname("snmp", "udp"), "snmp"},
+               {vx_ts_getservbyport(htons(102), nullptr), "two"},
+               {vx_ts_getservent(), "one"},
+               {vx_ts_getpwnam("root"), "root"},
+               {vx_ts_getpwuid(1), "daemon"},
+               {vx_ts_getgrgid(2), "bin"}};
+  for (const auto& each : found) {
+    ASSERT_NE(each.entry, nullptr) << each.name;
+    EXPECT_STREQ(*static_cast<char* const*>(each.entry), each.name);
+  }
+  endhostent();  // so that another round begins at the front
+  endservent();
+}
+
+TEST_F(NameTest, NothingUnknownOrTooLongIsFound) {
+  for (const char* unknown : {static_cast<const char*>(nullptr), "unknown"}) {
+    EXPECT_EQ(vx_ts_gethostbyname(unknown), nullptr);
+    EXPECT_EQ(vx_ts_getprotobyname(unknown), nullptr);
+    EXPECT_EQ(vx_ts_getservbyname(unknown, nullptr), nullptr);
+    EXPECT_EQ(vx_ts_getpwnam(unknown), nullptr);
+  }
+  write_hosts("192.0.2.7 " + std::string(8192, 'x') + " full\n");
+  EXPECT_EQ(vx_ts_gethostbyname("full"), nullptr);
+  EXPECT_EQ(vx_ts_gethostbyaddr(nullptr, 4, AF_INET), nullptr);
+  EXPECT_EQ(vx_ts_gethostbyaddr(kHosts.data(), 5000, AF_INET), nullptr);
+}
+
+TEST_F(NameTest, ThoseOfThisHostAndItsDomainMustFit) {
+  char name[256];
+  EXPECT_EQ(vx_gethostname(name, sizeof name), 0);
+  EXPECT_STREQ(name, machine::kHostName);
+  EXPECT_EQ(vx_gethostname(name, 3), -1);
+  machine::write_file("/proc/sys/kernel/domainname", "Example.NET");
+  EXPECT_EQ(vx_getdomainname(name, 12), 0);
+  EXPECT_STREQ(name, "example.net");
+  EXPECT_EQ(vx_getdomainname(name, 11), -1);
+  EXPECT_EQ(vx_error_get_last(), vx_error_from_errno(ERANGE));
+  machine::write_file("/proc/sys/kernel/domainname", "(none)");
+  EXPECT_EQ(vx_getdomainname(name, 1), 0);
+}
+
+// What vx_getlocalhost answers in a process on a host called `host`, also once that has changed.
+void print_local_host(const char* host) {
+  machine::set_host_name(host);
+  char name[512];
+  vx_getlocalhost(name, 1);
+  machine::set_host_name(machine::kHostName);
+  fputs(vx_getlocalhost(name, sizeof name), stderr);
+  _exit(0);
+}
+
+using LocalHost = MachineTest;
+
+TEST_F(LocalHost, IsResolvedOnce) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const std::string before = machine::read_file("/etc/hosts");
+  write_hosts("192.0.2.1 " + std::string(300, 'L') + " long\n");
+  EXPECT_EXIT(print_local_host("long"), testing::ExitedWithCode(0), "^l{255}$");
+  EXPECT_EXIT(print_local_host("no"), testing::ExitedWithCode(0), "^localhost$");
+  write_hosts(before);
+}
+
+TEST(RandomNumbers, StartFromTimeProcessAndSeed) {
+  now = 1'000'000'000;
+  auto folded = [](int64_t mixed) { return static_cast<uint32_t>((mixed >> 32) + mixed); };
+  in_threads(1, [&](int) {
+    const int64_t mixed = now * 231 + getpid();
+    uint32_t seed = folded(mixed);
+    EXPECT_EQ(vx_ts_rand(), rand_r(&seed));
+    vx_ts_srand(7);
+    const int of_process = rand();
+    srand(seed + folded(mixed * 231 + 7));
+    EXPECT_EQ(of_process, rand());
+  });
+  now = 0;
+}
+
+}  // namespace
