@@ -1,11 +1,7 @@
-// The command as a process: arguments, streams, exit status and datagrams; it against a real port
-// mapper.
+// The command as a process: arguments, streams, exit status and datagrams.
 #include <gmock/gmock.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <utmp.h>
 
-#include <csignal>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -15,8 +11,6 @@
 #include "tests/rpc_server.h"
 
 namespace {
-
-using testing::HasSubstr;
 
 constexpr char kBootRecord[] = "/run/utmp";
 constexpr char kUsage[] =
@@ -80,20 +74,26 @@ TEST_F(CommandTest, CommandLines) {
   } rows[] = {
       {{}, "", "", kUsage},
       {{"manager"}, sent},
-      {{"manager", "2", "7", "9"}, trap_message("disk full", "public", "020102 020107")},
-      {{"manager", "-cx", "private", "-c"}, trap_message("disk full", "private")},
-      {{"manager", "-f", "/run/message", "6"}, from_file},
+      {{"manager", "2", "7", "9", "-cx", "private"},
+       trap_message("disk full", "private", "020102 020107")},
+      {{"manager", "-c", "private", "-c"}, trap_message("disk full", "private")},
+      {{"manager", "-f", "/run/message"}, from_file},
+      {{"manager", "-f", "/run/message", "6", "-f"}, from_file},
       {{"manager", "-d", "-d"}, sent, dump},
       {{"manager", "-v"}, "", "[41.24] invalid option: -v\n", kUsage},
+      {{"-v"}, "", "", kUsage},
       {{"-v", "-t3", "-s", "70000", "-c", "a b", "manager"},
        trap_message("disk full", "a b", "020103 0203011170"),
        "[41.73] community = a b\ttrap = 3\tspecific=70000\n"},
-      {{"-t", "abc", "-s", "-1", "manager"}, trap_message("disk full", "public", "020100 0201FF")},
+      {{"-t", "abc", "-s", "-1", "-c", "", "manager"},
+       trap_message("disk full", "public", "020100 0201FF")},
       {{"-f", "/run/message", "manager"}, from_file},
       {{"-f", "-", "manager"}, sent},
       {{"-f", "", "manager"}, sent},
+      {{"-f", "/run", "manager"}, trap_message("")},  // a directory cannot be read
       {{"-f", "/no/such", "manager"}, "", "[41.25] file /no/such does not exist\n"},
       {{"-d", "-u", "1", "manager"}, sent, dump, "[41.26] Up time: 0\n"},
+      {{"-x", "manager"}, "", "", kUsage},
       {{"-d", "a", "b"}, "", "", kUsage},
       {{"-d", "--", "--help"}, "", "", kUsage},
       {{"nowhere"}, "", "[41.27] Couldn't open snmp\n", "[41.23] unknown host: nowhere\n"},
@@ -140,12 +140,10 @@ TEST_F(CommandTest, UpTimeCountsFromTheBootRecord) {
   for (const auto& row : rows) {
     records[1].ut_tv.tv_sec = static_cast<int32_t>(time(nullptr) - row.seconds);
     machine::write_file(kBootRecord, {reinterpret_cast<const char*>(records), sizeof records});
-    const machine::Outcome outcome = machine::run(kivtrap({"-u", "x", "manager"}));
-    const std::string before_it = "[41.26] Up time: ";
-    ASSERT_TRUE(outcome.err.starts_with(before_it));
-    const unsigned long earliest = static_cast<unsigned long>(row.seconds) * 100;
-    EXPECT_LT(std::stoul(outcome.err.substr(before_it.size())) - earliest, 3000);
-    EXPECT_THAT(arrived(), HasSubstr(std::string("020106020101") + row.sent));
+    const std::string err = machine::run(kivtrap({"-u", "x", "manager"})).err;
+    const unsigned long printed = std::stoul(err.substr(strlen("[41.26] Up time: ")));
+    EXPECT_LT(printed - static_cast<unsigned long>(row.seconds) * 100, 3000);
+    EXPECT_THAT(arrived(), testing::HasSubstr(std::string("020106020101") + row.sent));
   }
 }
 
@@ -167,13 +165,6 @@ TEST_F(CommandTest, TheAgentAddressIsThatOfTheHostOrOfLocalhost) {
   machine::write_file("/etc/hosts", before);
 }
 
-// A call of the port mapper's, without credential and verifier, of a procedure for program
-// 100122, version 0, over UDP. It has the number 1.
-std::string port_mapper_call(const std::string& procedure, const std::string& port) {
-  return from_hex("00000001 00000000 00000002 000186A0 00000002" + procedure +
-                  "00000000 00000000 00000000 00000000 0001871A 00000000 00000011" + port);
-}
-
 TEST_F(CommandTest, TextIsWrappedWhereTheStationIsRegistered) {
   const struct {
     const char* environment;
@@ -184,42 +175,24 @@ TEST_F(CommandTest, TextIsWrappedWhereTheStationIsRegistered) {
       {"KIV_NOTHING=", 1, 4711, '\n'}, {"KIV_NOTHING=", 1, 0, ' '},  {"KIV_WRAP=Yes", 0, 0, '\n'},
       {"KIV_WRAP=nO", 0, 4711, ' '},   {"KIV_WRAP=", 1, 4711, '\n'},
   };
+  // Behind its number: procedure 3, for program 100122, version 0, over UDP.
+  const std::string call =
+      "00000000 00000002 000186A0 00000002 00000003 00000000 00000000 00000000 00000000"
+      "0001871A 00000000 00000011 00000000";
   mappers.reset();
   const machine::RpcServer standard(111, "127.0.0.1", machine::port_mapper(0));
-  const std::string asked = port_mapper_call("00000003", "00000000").substr(4);
-  const std::string line = std::string(38, 'a') + " " + std::string(20, 'b');
   for (const auto& row : rows) {
     const machine::RpcServer own(7938, "127.0.0.1", machine::port_mapper(row.port));
-    machine::Command command = kivtrap({"manager"}, line + "\n");
+    std::string text = std::string(38, 'a') + " " + std::string(20, 'b');
+    machine::Command command = kivtrap({"manager"}, text + "\n");
     command.environment.emplace_back(row.environment);
-    std::string text = line;
     text[38] = row.between;
     expect(command, trap_message(text));
     ASSERT_EQ(own.requests().size(), row.calls) << row.environment;
-    for (const std::string& request : own.requests()) EXPECT_EQ(request.substr(4), asked);
+    for (const std::string& request : own.requests()) {
+      EXPECT_EQ(request.substr(4), from_hex(call));
+    }
   }
-}
-
-TEST_F(CommandTest, ARealPortMapperIsAsked) {
-  mappers.reset();
-  const machine::RpcServer own(7938, "127.0.0.1", machine::port_mapper(0));
-  const pid_t mapper = fork();
-  if (mapper == 0) _exit(execlp("rpcbind", "rpcbind", "-f", nullptr));
-  const machine::UdpReceiver program(1000);
-  const std::string registration = port_mapper_call("00000001", "00001267");
-  const sockaddr_in address = {AF_INET, htons(111), {htonl(INADDR_LOOPBACK)}, {}};
-  std::optional<std::string> reply;
-  for (int tries = 0; !reply && tries < 200; ++tries) {  // until it has started
-    sendto(program.socket(), registration.data(), registration.size(), 0,
-           reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    usleep(50000);
-    reply = program.receive_now();
-  }
-  EXPECT_TRUE(reply.has_value());
-  expect(kivtrap({"manager"}, std::string(38, 'x') + " wrapped\n"),
-         trap_message(std::string(38, 'x') + "\nwrapped"));
-  kill(mapper, SIGTERM);
-  waitpid(mapper, nullptr, 0);  // its ports are free from here on
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "trap/message.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,13 +21,13 @@ const fakes::NumberedTexts numbered;
 
 TEST(WrapLine, BreaksAtTheLastWhiteSpaceUpToThe42ndByte) {
   const std::string a38(38, 'a'), a40(40, 'a'), a41(41, 'a'), b20(20, 'b'), c19(19, 'c');
-  const std::string x100(100, 'x'), blanks(60, ' ');
+  const std::string x42(42, 'x'), blanks(60, ' ');
   const std::string rows[] = {a40, a40 + "\n", b20 + " " + c19, a38 + "\n" + b20, a41 + "\nb",
                               a38 + "\n  " + b20, "\n" + blanks,
                               // The next segment counts from its own start.
                               a38 + "\n" + a40,
                               // A word of more than 41 bytes is left whole.
-                              "one\n" + x100 + "\ntwo"};
+                              "one\n" + x42 + "\ntwo"};
   for (const std::string& wrapped : rows) {
     std::string line = wrapped;
     std::replace(line.begin(), line.end(), '\n', '\t');
@@ -75,8 +76,10 @@ TEST(ReadMessage, WithoutMemoryForALineTheNextOneIsTheMessage) {
   fputs("line 1\nline 2\nline 3\n", source);
   rewind(source);
   utf8_fp(source);
+  const int descriptor = fileno(source);
   const fakes::FailingMalloc failing(0, 1);
   EXPECT_STREQ(read_message(source, false).get(), "line 2");
+  EXPECT_EQ(fcntl(descriptor, F_GETFD), -1) << "not closed";
 }
 
 TEST(DeliverTrap, FailsWithoutMemoryAndSendsNothing) {
