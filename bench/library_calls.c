@@ -9,14 +9,13 @@
 #include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
-#include <sys/select.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 #include <utmp.h>
 
@@ -38,33 +37,16 @@ static void look_up_address(const struct in_addr* address) {
   gethostbyaddr_r(address, sizeof *address, AF_INET, &reverse, text, sizeof text, &ignored, &error);
 }
 
-// The program's own directory, from its name.
-static void find_origin(const char* program) {
-  struct stat status;
-  char before[PATH_MAX], path[PATH_MAX], origin[PATH_MAX];
-  stat(program, &status);
-  if (getcwd(before, sizeof before) == NULL) return;
-  lstat(program, &status);
-  strcpy(path, program);
-  char* slash = strrchr(path, '/');
-  if (slash == NULL) return;
-  *slash = '\0';
-  if (chdir(path) != 0 || getcwd(origin, sizeof origin) == NULL || chdir(before) != 0) return;
-  lstat(strcat(strcat(origin, "/"), slash + 1), &status);
-}
-
 // This host's interfaces and what they are called, then its own addresses.
 static void look_up_this_host(void) {
   int any = socket(AF_INET, SOCK_DGRAM, 0);
   struct ifreq records[64];
   struct ifconf list = {0};
   ioctl(any, SIOCGIFCONF, &list);
-  // A list that fills its room may have been cut.
-  for (int room = list.ifc_len, times = 0; times < 2; ++times, room *= 2) {
-    list.ifc_len = room;
-    list.ifc_req = records;
-    ioctl(any, SIOCGIFCONF, &list);
-  }
+  list.ifc_req = records;
+  ioctl(any, SIOCGIFCONF, &list);
+  list.ifc_len = sizeof records;  // a list that fills its room may have been cut
+  ioctl(any, SIOCGIFCONF, &list);
   for (size_t i = 0; i < (size_t)list.ifc_len / sizeof records[0]; ++i) {
     struct ifreq flags = records[i];
     ioctl(any, SIOCGIFFLAGS, &flags);
@@ -99,16 +81,11 @@ static void ask_port_mapper(void) {
   const uint32_t words[] = {1, 0, 2, 100000, 2, 3, 0, 0, 0, 0, 100122, 0, 17, 0};
   uint32_t call[14];
   for (int i = 0; i < 14; ++i) call[i] = htonl(words[i]);
-  struct timeval now;
-  gettimeofday(&now, NULL);
   getpid();
   int endpoint = bound_socket();
   send_to(endpoint, 7938, call, sizeof call);
-  fd_set readable;
-  FD_ZERO(&readable);
-  FD_SET(endpoint, &readable);
-  struct timeval limit = {25, 0};
-  select(endpoint + 1, &readable, NULL, NULL, &limit);
+  struct pollfd readable = {endpoint, POLLIN, 0};
+  poll(&readable, 1, 25000);
   recv(endpoint, call, sizeof call, MSG_DONTWAIT);
   close(endpoint);
 }
@@ -117,7 +94,8 @@ int main(int argc, char** argv) {
   setlocale(LC_ALL, "");
   struct sigaction action = {.sa_handler = SIG_IGN};
   sigaction(SIGUSR2, &action, NULL);
-  find_origin(argv[0]);
+  char origin[PATH_MAX];
+  realpath(argv[0], origin);
   getuid(), geteuid(), getgid(), getegid();
   if (getopt(argc, argv, "f:") != 'f') return 2;
   FILE* file = fopen(optarg, "r");

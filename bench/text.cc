@@ -75,24 +75,21 @@ void measure_conversion(const std::string& title, size_t (*convert)(char*, const
                         iconv_t platform, const std::string& line) {
   size_t room = kRoom;
   touch(room);  // no constant where it is used
-  auto path = [&] { touch(convert(output, line.c_str(), room)); };
-  auto copy = [&] {
-    memcpy(output, line.c_str(), strlen(line.c_str()) + 1);
-    touch(output);
-  };
-  auto convert_whole = [&] {
-    char* in = const_cast<char*>(line.data());
-    char* out = output;
-    size_t in_left = line.size();
-    size_t out_left = kRoom;
-    require(iconv(platform, &in, &in_left, &out, &out_left) != SIZE_MAX);
-    touch(output);
-  };
-  if (strcmp(nl_langinfo(CODESET), "UTF-8") == 0) {
-    compare(title.c_str(), 1.5, path, copy);
-  } else {
-    compare(title.c_str(), 1.5, path, convert_whole);
-  }
+  const bool is_utf8 = strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
+  compare(
+      title.c_str(), 1.5, [&] { touch(convert(output, line.c_str(), room)); },
+      [&] {
+        if (is_utf8) {
+          memcpy(output, line.c_str(), strlen(line.c_str()) + 1);
+        } else {
+          char* in = const_cast<char*>(line.data());
+          char* out = output;
+          size_t in_left = line.size();
+          size_t out_left = kRoom;
+          require(iconv(platform, &in, &in_left, &out, &out_left) != SIZE_MAX);
+        }
+        touch(output);
+      });
 }
 
 // Lines of 1 KiB. One that the codeset has no characters for is left out.
