@@ -3,9 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <string>
 
 #include "liblocal/base/c_memory.h"
+#include "liblocal/text/ascii.h"
 #include "liblocal/text/mbt.h"
 #include "liblocal/text/utf8_columns.h"
 #include "liblocal/text/utf8_wide.h"
@@ -29,8 +31,8 @@ TEST(Utf8Codec, EncodesDecodesAndMeasuresCharacters) {
       char text[8] = "a";
       const int length = utf8_wctomb(text + 1, character);
       size_t index = 1;
-      EXPECT_EQ(utf8_char_columns(text, &index), range.columns) << text;
-      EXPECT_EQ(index, range.bytes) << text;
+      EXPECT_EQ(utf8_char_columns(text, &index), range.columns);
+      EXPECT_EQ(index, range.bytes);
       wchar_t decoded = -1;
       EXPECT_EQ(utf8_mbtowc(&decoded, text + 1, range.bytes), length);
       EXPECT_EQ(decoded, character);
@@ -70,7 +72,7 @@ TEST(Utf8Codec, ValidityAndCounts) {
   }
 }
 
-TEST(Utf8Wide, AreasHoldWholeCharactersAndMarksForWhatIsNone) {
+TEST(Utf8Wide, AreasHoldWholeCharacters) {
   const wchar_t text[] = {L'a', static_cast<wchar_t>(0x80000000), L'é', 0};
   char bytes[8] = "!";
   wchar_t wide[8];
@@ -102,6 +104,10 @@ TEST(CharColumns, OfStrayBytesAndACutCharacter) {
   EXPECT_EQ(utf8_ttystrlen("\x80\xBF\xBF"), 3U);
   EXPECT_EQ(utf8_ttystrlen("\xEF\x7Fz\xEF\xC0z"), 2U);
   EXPECT_EQ(utf8_ttystrlen("é日a\xE6\x97"), 6U);
+}
+
+TEST(Ascii, SpaceIsThatOfThePlatform) {
+  for (int byte = 0; byte < 256; ++byte) EXPECT_EQ(vxisspace(byte), isspace(byte) != 0 ? 1 : 0);
 }
 
 TEST(Mbt, BytesThereAndBack) {

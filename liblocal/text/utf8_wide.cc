@@ -1,5 +1,6 @@
 #include "liblocal/text/utf8_wide.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
@@ -27,7 +28,7 @@ size_t utf8_wcstombs(char* output, const wchar_t* input, size_t capacity) {
   for (; *input != L'\0'; ++input) {
     char character[kUtf8MaxLength] = {'?'};
     int encoded = utf8_wctomb(character, *input);
-    size_t length = encoded < 0 ? 1 : static_cast<size_t>(encoded);
+    const auto length = static_cast<size_t>(std::max(encoded, 1));
     if (output != nullptr) {
       if (written + length >= capacity) break;
       memcpy(output + written, character, length);
