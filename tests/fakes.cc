@@ -165,16 +165,14 @@ int __wrap_ioctl(int descriptor, unsigned long request, void* argument) {
     return flags < 0 ? -1 : 0;
   }
   auto* list = static_cast<ifconf*>(argument);
-  const bool counting = list->ifc_buf == nullptr;
-  errno = counting ? 0 : listing_error.load();
-  if (errno != 0) return -1;
-  size_t count = given->size();
-  if (!counting) {
-    count = std::min(count, static_cast<size_t>(list->ifc_len) / sizeof(ifreq));
-    std::transform(given->begin(), given->begin() + static_cast<ptrdiff_t>(count), list->ifc_req,
-                   record_of);
+  auto count = static_cast<int>(given->size());
+  if (list->ifc_buf != nullptr) {
+    errno = listing_error;
+    if (errno != 0) return -1;
+    count = std::min(count, list->ifc_len / static_cast<int>(sizeof(ifreq)));
+    std::transform(given->begin(), given->begin() + count, list->ifc_req, record_of);
   }
-  list->ifc_len = static_cast<int>(count * sizeof(ifreq));
+  list->ifc_len = count * static_cast<int>(sizeof(ifreq));
   return 0;
 }
 

@@ -3,11 +3,11 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -26,13 +26,6 @@ std::string where() {
 
 void check(bool ok, const std::string& what) {
   if (!ok) throw std::system_error(errno, std::generic_category(), what);
-}
-
-// The contents of a stream of a program that has ended, which is closed.
-std::string take(int stream) {
-  std::string text = read_file("/proc/self/fd/" + std::to_string(stream));
-  close(stream);
-  return text;
 }
 
 }  // namespace
@@ -82,7 +75,6 @@ Outcome run(const Command& command) {
   const pid_t child = fork();
   check(child >= 0, "fork");
   if (child == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
     for (int i = 0; i < 3; ++i) dup2(streams[i], i);
     for (const std::string& assignment : command.environment) {
       putenv(const_cast<char*>(assignment.c_str()));
@@ -93,9 +85,12 @@ Outcome run(const Command& command) {
   }
   int status = 0;
   check(waitpid(child, &status, 0) == child, "waitpid");
-  close(streams[0]);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), take(streams[1]),
-          take(streams[2])};
+  std::string texts[3];
+  for (int i = 0; i < 3; ++i) {
+    texts[i] = read_file("/proc/self/fd/" + std::to_string(streams[i]));
+    close(streams[i]);
+  }
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, texts[1], texts[2]};
 }
 
 UdpReceiver::UdpReceiver(uint16_t port) : socket_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
@@ -105,12 +100,10 @@ UdpReceiver::UdpReceiver(uint16_t port) : socket_(::socket(AF_INET, SOCK_DGRAM |
 
 UdpReceiver::~UdpReceiver() { close(socket_); }
 
-std::optional<std::string> UdpReceiver::receive_now() const {
-  std::string datagram(65536, '\0');
-  const ssize_t got = recv(socket_, datagram.data(), datagram.size(), MSG_DONTWAIT);
-  if (got < 0) return std::nullopt;
-  datagram.resize(static_cast<size_t>(got));
-  return datagram;
+std::string UdpReceiver::receive_now() const {
+  char datagram[65536];
+  const ssize_t got = recv(socket_, datagram, sizeof datagram, MSG_DONTWAIT);
+  return {datagram, static_cast<size_t>(std::max<ssize_t>(got, 0))};
 }
 
 uint16_t port_of(int socket) {

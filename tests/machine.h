@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -38,7 +37,7 @@ struct Command {
 };
 
 struct Outcome {
-  int status = -1;  // exit status, or 128 + the signal that ended it
+  int status = -1;  // exit status; -1: a signal ended it
   std::string out, err;
 };
 
@@ -53,8 +52,9 @@ class UdpReceiver {
   explicit UdpReceiver(uint16_t port);
   ~UdpReceiver();
   UdpReceiver(const UdpReceiver&) = delete;
-  /// The next datagram that is there: on loopback it is delivered before its send returns.
-  std::optional<std::string> receive_now() const;
+  /// The next datagram that is there, else "": on loopback it is delivered before its send
+  /// returns.
+  std::string receive_now() const;
   int socket() const { return socket_; }
   uint16_t port() const { return port_of(socket_); }
 

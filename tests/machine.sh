@@ -4,7 +4,6 @@
 # it, but /etc holds links to the host's files: remove one before writing it. KIVTRAP_TEST_MACHINE is
 # "ready" for the command, or the reason why it runs on the machine that it is on.
 set -eu
-[ $# -gt 0 ] || { echo "usage: machine_run COMMAND..." >&2; exit 2; }
 self=$(realpath "$0")
 
 # in_namespaces STAGE RIGHT COMMAND...: this script once more, in new namespaces.
@@ -59,7 +58,6 @@ empty)
   printf '%s\n' 'hosts: files' 'services: files' >nsswitch.conf
   echo 'multi on' >host.conf # all lines of a name
   : >resolv.conf
-  perl -e 'print pack "s x338 l x40", 2, time - int <>' /proc/uptime >/run/utmp # a boot record
   cd "$OLDPWD"
   KIVTRAP_TEST_MACHINE=ready TEST_TMPDIR=/run exec "$@" # also for what GoogleTest calls temporary
   ;;
