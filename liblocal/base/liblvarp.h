@@ -14,7 +14,6 @@
 #include "liblocal/base/text_sizes.h"
 #include "liblocal/base/varp.h"
 
-constexpr size_t kErrorTextSize = 1024;       ///< bytes of one system error's text
 constexpr size_t kDatabaseTextSize = 1024;    ///< bytes of one database entry's texts
 constexpr size_t kHostByNameTextSize = 8192;  ///< bytes of one host's names and addresses
 constexpr size_t kTimeTextSize = 26;          ///< bytes of a time as text

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "liblocal/base/text_sizes.h"
 #include "liblocal/base/vx_error.h"
 #include "liblocal/base/vx_mutex.h"
 #include "liblocal/base/xmalloc.h"
@@ -40,7 +41,7 @@ void clean_all() {
 void set_up() {
   varp_lock = vx_mutex_new();
   if (varp_lock == nullptr) {
-    char reason[256];
+    char reason[kErrorTextSize];
     vx_error_get_message(reason, sizeof reason);
     printerr("Failed to create varp lock: %s\n", reason);
   }

@@ -73,7 +73,6 @@ void _varp_keep(vx_threadstorage* key, void* block);
   vx_once_control once_##M##_t_varp;                                          \
   std::atomic<int> M##_t_needs_init = 1;                                      \
   static void M##_t_clean_own() {                                             \
-    if (M##_t_needs_init != 0) return;                                        \
     void* own = vx_threadstorage_get(Key_##M##_t_varp);                       \
     if (own == nullptr) return;                                               \
     M##_t_clean(own);                                                         \

@@ -7,6 +7,7 @@
 
 #include "liblocal/base/c_memory.h"
 #include "liblocal/base/system_lock.h"
+#include "liblocal/base/text_sizes.h"
 #include "liblocal/base/vx_atomic.h"
 #include "liblocal/base/vx_error.h"
 #include "liblocal/base/vx_mutex.h"
@@ -47,7 +48,7 @@ void run_functions() {
 }
 
 void end_process_without(const char* what) {
-  char reason[256];
+  char reason[kErrorTextSize];
   vx_error_get_message(reason, sizeof reason);
   fprintf(stderr, "Failed to create %s: %s\n", what, reason);
   raise(SIGTERM);

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "liblocal/base/c_memory.h"
+#include "liblocal/base/text_sizes.h"
 
 namespace {
 
@@ -74,10 +75,10 @@ int32_t vx_error_get_last() {
 }
 
 void vx_error_get_message(char* buffer, size_t size) {
-  if (buffer == nullptr || size == 0) return;
+  if (buffer == nullptr) return;
   const vx_last_error* record = own_record();
   const char* text = "Unknown error";
-  char own[256];  // for the texts that the system composes
+  char own[kErrorTextSize];  // for the texts that the system composes
   if (record != nullptr && (record->kind == kVxErrorErrno || record->kind == kVxErrorCarbon)) {
     text = strerror_r(record->value, own, sizeof own);
   } else if (record != nullptr && record->kind == kVxErrorResolver) {

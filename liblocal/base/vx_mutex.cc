@@ -13,16 +13,6 @@ struct vx_mutex {
 
 namespace {
 
-int make_error_checking(pthread_mutex_t* system) {
-  pthread_mutexattr_t attributes;
-  int error = pthread_mutexattr_init(&attributes);
-  if (error != 0) return error;
-  pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
-  error = pthread_mutex_init(system, &attributes);
-  pthread_mutexattr_destroy(&attributes);
-  return error;
-}
-
 int32_t destroy(void* object) { return vx_mutex_destroy(static_cast<vx_mutex*>(object)); }
 
 int32_t operate(vx_mutex* mutex, int (*operation)(pthread_mutex_t*)) {
@@ -43,15 +33,8 @@ void finish(vx_mutex* mutex) {
 vx_mutex* vx_mutex_new() {
   auto mutex = _vx_object_allocate<vx_mutex>();
   if (mutex == nullptr) return nullptr;
-  if (int error = make_error_checking(&mutex->system); error != 0) {
-    _vx_error_fail(error);
-    return nullptr;
-  }
-  if (!_vx_object_register(mutex.get(), destroy)) {
-    pthread_mutex_destroy(&mutex->system);
-    return nullptr;
-  }
-  return mutex.release();
+  mutex->system = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
+  return _vx_object_register(mutex.get(), destroy) ? mutex.release() : nullptr;
 }
 
 int32_t vx_mutex_lock(vx_mutex* mutex) { return operate(mutex, pthread_mutex_lock); }
