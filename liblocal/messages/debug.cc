@@ -14,7 +14,7 @@
 namespace {
 
 std::atomic<FILE*> debug_file;
-std::atomic<int> debug_file_descriptor = -1;  // of debug_file; fileno is no call for a handler
+std::atomic<int> lines_descriptor = STDERR_FILENO;  // for a handler, which may not call fileno
 
 [[gnu::format(printf, 2, 0)]] void write_line(const char* word, const char* format,
                                               va_list arguments) {
@@ -30,7 +30,7 @@ std::atomic<int> debug_file_descriptor = -1;  // of debug_file; fileno is no cal
 
 // Forgets the debug file and closes it. Returns the result of closing.
 int close_debug_file() {
-  debug_file_descriptor = -1;
+  lines_descriptor = STDERR_FILENO;
   FILE* file = debug_file.exchange(nullptr);
   return file == nullptr ? 0 : vxfclose(file);
 }
@@ -83,7 +83,7 @@ void dfopen(const char* path) {
   FILE* file = utf8_fopen(path, "ae");
   if (file != nullptr) {
     setvbuf(file, nullptr, _IONBF, 0);
-    debug_file_descriptor = fileno(file);
+    lines_descriptor = fileno(file);
     debug_file = file;
   }
   if (Debug <= 1) return;
@@ -100,7 +100,4 @@ void dfclose() {
 
 FILE* dfopen_filehndl() { return debug_file; }
 
-int debug_descriptor() {
-  int descriptor = debug_file_descriptor;
-  return descriptor >= 0 ? descriptor : STDERR_FILENO;
-}
+int debug_descriptor() { return lines_descriptor; }
