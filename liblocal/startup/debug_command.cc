@@ -33,7 +33,6 @@ std::optional<debug_command> parse_debug_command(std::string_view text) {
   take_run(&text, is_blank);
   debug_command command{take_run(&text, is_letter), {}, 0};
   take_run(&text, is_blank);
-  command.value_text = text_part(text, 0, 0);
   if (text.empty()) return command;
   if (text.front() != '=') return std::nullopt;
   text.remove_prefix(1);
@@ -43,8 +42,7 @@ std::optional<debug_command> parse_debug_command(std::string_view text) {
   const char* start = text.data();
   bool negative = text.front() == '-';
   if (negative) text.remove_prefix(1);
-  std::string_view digits = take_run(&text, is_digit);
-  command.value_text = {start, digits.size() + (negative ? 1 : 0)};
-  command.value = number(digits, negative);
+  command.value = number(take_run(&text, is_digit), negative);
+  command.value_text = {start, text.data()};
   return command;
 }

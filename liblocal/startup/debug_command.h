@@ -8,7 +8,7 @@
 /// The parts of a debug command.
 struct debug_command {
   std::string_view name;        ///< Letters, perhaps none: a part of the parsed text.
-  std::string_view value_text;  ///< A '-' or none, digits or none: a part of it, too.
+  std::string_view value_text;  ///< A '-' or none, digits or none: likewise.
   int value;                    ///< 0 without digits; INT_MAX or INT_MIN beyond an int.
 };
 

@@ -37,18 +37,18 @@ bool is_executable(const char* path) {
 bool search_path(std::string_view name, char* path) {
   const char* list = getenv("PATH");
   std::string_view rest = list != nullptr ? list : ".";
-  size_t colon = 0;
-  do {
-    colon = rest.find(':');
+  for (;;) {
+    const size_t colon = rest.find(':');
     const std::string_view directory = text_part(rest, 0, colon);
-    rest = text_part(rest, directory.size() + 1);
-    if (directory.size() + name.size() + 1 >= kProgramPathSize) continue;
-    char* at = path + text_copy(directory, path, directory.size());
-    *at++ = '/';
-    at[text_copy(name, at, name.size())] = '\0';
-    if (is_executable(path)) return true;
-  } while (colon != rest.npos);
-  return false;
+    if (directory.size() + name.size() + 1 < kProgramPathSize) {
+      char* at = path + text_copy(directory, path, directory.size());
+      *at++ = '/';
+      at[text_copy(name, at, name.size())] = '\0';
+      if (is_executable(path)) return true;
+    }
+    if (colon == rest.npos) return false;
+    rest.remove_prefix(colon + 1);
+  }
 }
 
 // Writes `name`, in the locale's codeset, as UTF-8 into `utf8`, of kPathSize bytes: as text
@@ -103,11 +103,10 @@ const char* find_origin(const char* argv0) {
   char path[kPathSize];
   if (!find_program(argv0, path)) return nullptr;
   if (fullpath2(path, origin, sizeof origin, kFullpathFollow) == nullptr) return nullptr;
-  char* slash = strrchr(origin, '/');
   struct stat status;
-  if (slash == nullptr || utf8_lstat(origin, &status) != 0) return nullptr;
+  if (utf8_lstat(origin, &status) != 0) return nullptr;
   refuse_hard_links(origin, status.st_nlink);
-  slash[1] = '\0';
+  strrchr(origin, '/')[1] = '\0';
   print_origin(argv0);
   found = true;
   return origin;

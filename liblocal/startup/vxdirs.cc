@@ -75,7 +75,7 @@ const char* vx_find_installdir(const char* argv0) {
   const char* origin = find_origin(argv0);
   if (origin == nullptr) return nullptr;
   char directory[kPathComponentSize];
-  if (vx_path_dirname(origin, directory, sizeof directory) != 0) return nullptr;
+  vx_path_dirname(origin, directory, sizeof directory);
   VxMutexLock lock(mutex());
   if (installdir == nullptr) installdir = xstrdup(directory);
   return installdir;

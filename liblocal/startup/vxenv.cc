@@ -50,10 +50,10 @@ char* listed(c_unique_ptr<char> text) {
   return added->text;
 }
 
-// An area for a converted text, of kMessageSize zero bytes, that is never freed. Without
+// An area for a converted text, of kMessageSize bytes, that is never freed. Without
 // memory prints the error and returns null.
 char* new_area() {
-  char* area = static_cast<char*>(calloc(1, kMessageSize));
+  char* area = static_cast<char*>(malloc(kMessageSize));
   if (area == nullptr) {
     printerr("%s\n", brix_strerror(ENOMEM));
     errno = ENOMEM;  // printing may have changed it

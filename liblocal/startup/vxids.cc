@@ -18,8 +18,8 @@ struct Ids {
 };
 
 Ids saved;
-int drop_uid = 1;
-int print_uids = 0;
+bool drop_uid = true;
+bool print_uids;
 
 const Ids& saved_ids() {
   if (saved.real_user == kNotCaptured) saved = {getuid(), geteuid(), getgid(), getegid()};
@@ -27,14 +27,14 @@ const Ids& saved_ids() {
 }
 
 void trace_before(const char* operation) {
-  if (print_uids == 0 || Debug <= 0) return;
+  if (!print_uids || Debug <= 0) return;
   debugprintf("%s: saved uid %d euid %d, current uid %d euid %d\n", operation,
               static_cast<int>(saved.real_user), static_cast<int>(saved.effective_user),
               static_cast<int>(getuid()), static_cast<int>(geteuid()));
 }
 
 void trace_after(const char* operation) {
-  if (print_uids == 0 || Debug < 0) return;
+  if (!print_uids || Debug < 0) return;
   debugprintf("%s: new uid %d euid %d\n", operation, static_cast<int>(getuid()),
               static_cast<int>(geteuid()));
 }
@@ -59,7 +59,7 @@ void get_saved_gids(gid_t* real, gid_t* effective) {
 void set_nonprivileged() {
   const Ids& ids = saved_ids();
   trace_before("set_nonprivileged");
-  if (drop_uid == 0 || ids.real_user == ids.effective_user) return;
+  if (!drop_uid || ids.real_user == ids.effective_user) return;
   [[maybe_unused]] int result = setreuid(kRoot, ids.real_user);  // a failure is not reported
   trace_after("set_nonprivileged");
 }
@@ -72,6 +72,6 @@ void set_privileged() {
   trace_after("set_privileged");
 }
 
-void set_vxinit_uid_flag(int on) { drop_uid = on; }
+void set_vxinit_uid_flag(int on) { drop_uid = on != 0; }
 
-void _vx_print_uids(int on) { print_uids = on; }
+void _vx_print_uids(int on) { print_uids = on != 0; }

@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "liblocal/base/vx_thread.h"
 #include "liblocal/messages/locales.h"
 #include "liblocal/startup/dbgsignl.h"
 #include "liblocal/startup/regevent.h"
@@ -36,20 +35,18 @@ void set_up_process(const char* name, char** argv) {
   find_appdir(name);
   init_locales(name, "");
   regevent_setup();
-  _vx_thr_libinit();
   if (argv != nullptr) vx_find_installdir(argv[0]);
-  get_saved_uids(nullptr, nullptr);
   _vx_print_uids(vxgetenv("KIV_PRINT_UIDS") != nullptr ? 1 : 0);
   set_nonprivileged();
   name_debug_command_file(name);
 }
 
 void convert_arguments(int argc, char** argv) {
-  if (argv == nullptr || argc < 1 || vxgetenv("KIV_MAST") != nullptr) return;
+  if (argv == nullptr || vxgetenv("KIV_MAST") != nullptr) return;
   for (; argc > 0 && *argv != nullptr; --argc, ++argv) {
     if (is_ascii_text(*argv)) continue;
     size_t size = kUtf8Growth * strlen(*argv) + 1;
-    char* converted = static_cast<char*>(calloc(1, size));
+    char* converted = static_cast<char*>(malloc(size));
     if (converted == nullptr) return;
     utf8_mbs(converted, *argv, size);
     *argv = converted;
