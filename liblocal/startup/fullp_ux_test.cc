@@ -5,10 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
+#include <regex>
 
 #include "tests/locales.h"
-#include "tests/machine.h"
 #include "tests/work.h"
 
 namespace {
@@ -17,84 +16,91 @@ namespace fs = std::filesystem;
 
 constexpr unsigned kFollow = kFullpathFollow, kSlash = kFullpathDirectorySlash;
 
-// In a tree of its own.
+// The current directory is the root of the tree.
 class Fullpath : public testing::Test {
  protected:
-  void SetUp() override {
-    fs::current_path(t);
-    const std::string make_tree =
-        "set -e; mkdir dir; touch dir/file; ln -s dir link_dir; ln -s dir/file link_file;"
+  Fullpath() {
+    fs::current_path(root_);
+    const char make_tree[] =
+        "mkdir dir; touch dir/file; ln -s dir link_dir; ln -s dir/file link_file;"
         "ln -s ../link_file dir/up; ln -s nowhere broken; ln -s $PWD/dir/file absolute;"
-        "ln -s dir/file l1;"
-        "for i in $(seq 19); do ln -s l$i l$((i + 1)); done";  // l19: 19 links
-    ASSERT_EQ(system(make_tree.c_str()), 0);
+        "ln -s dir/file l1; for i in $(seq 19); do ln -s l$i l$((i + 1)); done";  // l19: 19 links
+    EXPECT_EQ(system(make_tree), 0);
   }
-  void TearDown() override { fs::current_path("/"); }
+  ~Fullpath() override { fs::current_path("/"); }
 
-  const TemporaryDirectory place;
-  const std::string& t = place.path();
-};
+  // The full name of `path`, or the name of the error, and the debug lines. The output takes the
+  // place of the path. All absolute names begin behind the root, `size` counts from there, too.
+  std::string resolved(const std::string& path, unsigned flags, size_t size = kPathSize,
+                       int level = 1) {
+    const fs::path before = fs::current_path();
+    size += root_.size();
+    std::string text = (path.starts_with('/') ? root_ : "") + path + std::string(size, '\0');
+    std::string name;
+    const std::string lines = printed(level, [&] {
+      const char* full = fullpath2(text.data(), text.data(), size, flags);
+      name = full == nullptr ? strerrorname_np(errno) + std::string(": ") : full;
+    });
+    EXPECT_EQ(fs::current_path(), before);
+    return std::regex_replace(name + lines, std::regex(root_), "");
+  }
 
-// The full name of `path`, or the name of the error. The output takes the place of the path.
-std::string resolved(const std::string& path, unsigned flags, size_t size = kPathSize) {
-  auto open_files = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
-  const auto before = std::pair(fs::current_path(), open_files());
-  std::string text = path + std::string(size + 1, '\0');
-  errno = 0;
-  const char* result = fullpath2(text.data(), text.data(), size, flags);
-  std::string answer = result == nullptr ? strerrorname_np(errno) : result;
-  EXPECT_EQ(std::pair(fs::current_path(), open_files()), before) << path;
-  return answer;
-}
-
-struct Name {
-  std::string path, full;
+  const TemporaryDirectory place_;
+  const std::string root_ = place_.path();
 };
 
 TEST_F(Fullpath, WithoutFlags) {
-  const Name names[] = {{"///", "/"},
-                        {t + "/dir///", t + "/dir"},
-                        {t + "/dir/file/", t + "/dir/file"},
-                        {t + "/broken", t + "/broken"},
-                        {"", "ENOENT"},
-                        {"dir/file/", "ENOTDIR"},
-                        {t + "//dir//file", t + "/dir/file"},
-                        {t + "/dir/..", t},
-                        {t + "/link_dir/up", t + "/dir/up"},
-                        {"../../", "/"},
-                        {"../../bin", "/bin"}};
-  for (const Name& name : names) EXPECT_EQ(resolved(name.path, 0), name.full) << name.path;
+  const std::pair<const char*, const char*> names[] = {
+      {"/dir///", "/dir"},
+      {"/dir/file/", "/dir/file"},
+      {"/broken", "/broken"},
+      {"", "ENOENT: kivtrap: cannot stat \n"},
+      {"dir/file/", "ENOTDIR: kivtrap: cannot stat dir/file/\n"},
+      {"//dir//file", "/dir/file"},
+      {"/dir/../dir", "/dir"},
+      {"/link_dir/up", "/dir/up"}};
+  for (const auto& [path, full] : names) EXPECT_EQ(resolved(path, 0), full);
 }
 
 TEST_F(Fullpath, FollowsLinks) {
-  const Name names[] = {{t + "/link_dir", t + "/dir"},
-                        {t + "/absolute", t + "/dir/file"},
-                        {"l19", t + "/dir/file"},
-                        {"l20", "ELOOP"},
-                        {"broken", "ENOENT"}};
-  for (const Name& name : names) EXPECT_EQ(resolved(name.path, kFollow), name.full) << name.path;
+  const std::pair<const char*, const char*> names[] = {
+      {"/link_dir", "/dir"},
+      {"/absolute", "/dir/file"},
+      {"l19", "/dir/file"},
+      {"l20",
+       "ELOOP: kivtrap: fullpath too many symlink loops for l20: "
+       "Too many levels of symbolic links\n"},
+      {"broken", "ENOENT: kivtrap: cannot stat broken\n"}};
+  for (const auto& [path, full] : names) EXPECT_EQ(resolved(path, kFollow), full);
+  EXPECT_EQ(resolved("link_file", kFollow, kPathSize, 3),
+            "/dir/filekivtrap: fullpath follow_path returns `dir/file'\n");
 }
 
 TEST_F(Fullpath, EndsDirectoriesWithASlash) {
-  EXPECT_EQ(resolved(t + "/dir", kSlash), t + "/dir/");
-  EXPECT_EQ(resolved("../..", kSlash), "/");
-  EXPECT_EQ(resolved(t + "/link_dir", kSlash | kFollow), t + "/dir/");
+  EXPECT_EQ(resolved("/dir", kSlash), "/dir/");
+  EXPECT_EQ(resolved("link_dir", kSlash | kFollow), "/dir/");
+  char output[9];
+  EXPECT_STREQ(fullpath2("///", output, sizeof output, kSlash), "/");
+  EXPECT_STREQ(fullpath2("/bin", output, sizeof output, kSlash), "/bin") << "a link";
 }
 
 TEST_F(Fullpath, FitsItsOutput) {
   EXPECT_EQ(fullpath2("/", nullptr, 9, 0), nullptr);
-  const std::string file = t + "/dir/file", link = t + "/link_file", directory = t + "/dir";
-  EXPECT_EQ(resolved(file, 0, file.size()), "ENAMETOOLONG");
-  EXPECT_EQ(resolved(file, 0, file.size() + 1), file);
-  EXPECT_EQ(resolved("link_file", 0, link.size()), "ENAMETOOLONG");
-  EXPECT_EQ(resolved("link_file", 0, link.size() + 1), link);
-  EXPECT_EQ(resolved("dir", kSlash, directory.size()), "ERANGE");
-  EXPECT_EQ(resolved("dir", kSlash, directory.size() + 1), directory) << "no room for the slash";
-  EXPECT_EQ(resolved("dir", kSlash, directory.size() + 2), directory + "/");
+  EXPECT_EQ(resolved("/dir/file", 0, 9), "ENAMETOOLONG: kivtrap: /dir/file path is too long\n");
+  EXPECT_EQ(resolved("/dir/file", 0, 10), "/dir/file");
+  EXPECT_EQ(resolved("link_file", 0, 10), "ENAMETOOLONG: kivtrap: /link_file path is too long\n");
+  EXPECT_EQ(resolved("link_file", 0, 11), "/link_file");
+  EXPECT_EQ(resolved("dir/file", 0, 4, 3),
+            "ERANGE: kivtrap: fullpath getcwd failed on dir\n"
+            "kivtrap: fullpath failed to get the new cwd\n");
+  EXPECT_EQ(resolved("dir", kSlash, 4), "ERANGE: kivtrap: getcwd failed on dir\n");
+  EXPECT_EQ(resolved("dir", kSlash, 5), "/dir") << "no room for the slash";
+  EXPECT_EQ(resolved("dir", kSlash, 6), "/dir/");
 }
 
 TEST_F(Fullpath, LongPathsAndLinks) {
-  EXPECT_EQ(resolved(std::string(kPathSize, '/') + "tmp", 0), "ENAMETOOLONG");
+  const std::string long_path = "." + std::string(kPathSize, '/');
+  EXPECT_EQ(resolved(long_path, 0), "ENAMETOOLONG: kivtrap: cannot stat " + long_path + "\n");
   // A byte that is no text takes three: this link's text is 11533 bytes long.
   const std::string odd(255, '\x80');
   std::string text = odd + "/f";
@@ -102,12 +108,18 @@ TEST_F(Fullpath, LongPathsAndLinks) {
   machine::write_file(text, "");
   for (int i = 0; i < 14; ++i) text = odd + "/../" + text;
   fs::create_symlink(text, "odd");
-  const std::string path = "." + std::string(754, '/') + "odd";
-  EXPECT_EQ(resolved(path, kFollow), "ENAMETOOLONG");
+  const std::pair<int, std::string> rows[] = {{753, "could not lstat "},
+                                              {754, "path name too long "}};
+  for (const auto& [slashes, reason] : rows) {
+    const std::string directory = "." + std::string(slashes, '/');
+    EXPECT_EQ(
+        resolved(directory + "odd", kFollow),
+        "ENAMETOOLONG: kivtrap: fullpath " + reason + directory + text + ": File name too long\n");
+  }
 }
 
 TEST_F(Fullpath, DeeperThanAPathCanBe) {
-  std::string path = t;
+  std::string path;
   for (int i = 0; i < 20; ++i) {
     const std::string name(255, 'n');
     path += "/" + name;
@@ -116,19 +128,27 @@ TEST_F(Fullpath, DeeperThanAPathCanBe) {
   }
   ASSERT_EQ(system("mkdir sub; touch file sub/file"), 0);
   EXPECT_EQ(resolved("file", 0), path + "/file");
-  EXPECT_EQ(resolved("sub", 0), "ENAMETOOLONG") << "there, but not back by name";
-  EXPECT_EQ(printed(1, [&] { resolved("sub/file", 0, path.size() + 9); }),
-            "kivtrap: " + path + "/sub/file path is too long\n" +
-                "kivtrap: fullpath(sub/file) cannot restore cwd to " + path +
-                ": File name too long\n");
+  const std::string no_way_back = " cannot restore cwd to " + path + ": File name too long\n";
+  EXPECT_EQ(resolved("sub", 0), "ENAMETOOLONG: kivtrap: fullpath(sub)" + no_way_back);
+  EXPECT_EQ(resolved("sub/file", 0, path.size() + 9),
+            "ENAMETOOLONG: kivtrap: " + path + "/sub/file path is too long\n" +
+                "kivtrap: fullpath(sub/file)" + no_way_back);
+}
+
+TEST_F(Fullpath, FromARemovedDirectory) {
+  fs::create_directory("gone");
+  fs::current_path("gone");
+  fs::remove(root_ + "/gone");
+  EXPECT_EQ(printed(1, [] { EXPECT_EQ(fullpath("."), nullptr); }),
+            "kivtrap: fullpath(.): cannot determine current directory\n");
 }
 
 TEST_F(Fullpath, ClosedDirectories) {
   if (!machine::has_users()) return MachineTest::skip("no users but root here");
-  ASSERT_EQ(chmod(t.c_str(), 0755), 0);
+  ASSERT_EQ(chmod(root_.c_str(), 0755), 0);
   ASSERT_EQ(mkdir("shut", 0744), 0);
   ASSERT_EQ(seteuid(machine::kUser), 0);
-  EXPECT_EQ(resolved("shut", 0), "EACCES");
+  EXPECT_EQ(resolved("shut", 0), "EACCES: kivtrap: cannot chdir to shut: Permission denied\n");
   EXPECT_EQ(seteuid(0), 0);
 }
 
