@@ -14,18 +14,20 @@ using StartupTest = MachineTest;
 
 // Copies the command into a new directory of the test machine. Valgrind leaves the programs in
 // /startup alone: it would show its own name and rights instead of theirs.
-std::string install(const std::string& directory) {
+std::string install(const std::string& directory, mode_t mode = 0755) {
+  const std::string program = directory + "/kivtrap";
   fs::remove_all(directory);
   fs::create_directories(directory);
-  fs::copy_file(KIVTRAP, directory + "/kivtrap");
-  return directory + "/kivtrap";
+  fs::copy_file(KIVTRAP, program);
+  EXPECT_EQ(chmod(program.c_str(), mode), 0);
+  return program;
 }
 
 // `file` started as words[0]. By a user without rights no leak checker may look into it.
 machine::Outcome run(const std::string& file, std::vector<std::string> words,
                      std::vector<std::string> environment = {}, unsigned user = 0) {
   if (user != 0) environment.emplace_back("ASAN_OPTIONS=detect_leaks=0");
-  return machine::run({std::move(words), "disk full\n", std::move(environment), user, file});
+  return machine::run({std::move(words), "", std::move(environment), user, file});
 }
 
 // What a program started as `argv0` writes when it shows its origin.
@@ -48,8 +50,9 @@ TEST_F(StartupTest, FindsItsOrigin) {
   const Row rows[] = {
       {"/startup/../startup/bin/kivtrap", "PATH=/nowhere", true},
       {"/startup/link", "PATH=", true},
+      {"/startup/none", "PATH=", false},
       {"kivtrap", "PATH=/x:/startup/plain:/startup/directory:/startup/bin:/x", true},
-      {"kivtrap", "PATH=/nowhere::", false},
+      {"kivtrap", "PATH=/nowhere::/startup/plain", false},
       {"kivtrap", "PATH=" + directory(1015), true},
       {"kivtrap", "PATH=" + directory(1016) + ":/startup/bin", true}};
   for (const Row& row : rows) {
@@ -84,17 +87,11 @@ TEST_F(StartupTest, RefusesHardLinksToItself) {
   EXPECT_EQ(refused.status, 1);
 }
 
-std::string install_set_user_id() {
-  std::string program = install("/startup/setuid/bin");
-  EXPECT_EQ(chmod(program.c_str(), 04755), 0);
-  return program;
-}
-
 TEST_F(StartupTest, ASetUserIdProgramFindsItsOriginItself) {
   if (!machine::has_users()) return skip("no users but root here");
-  const std::string program = install_set_user_id();
+  const std::string program = install("/startup/setuid/bin", 04755);
   install("/startup/bin");
-  for (const char* argv0 : {"/startup/bin/kivtrap", "kivtrap", "/no/such/file"}) {
+  for (const char* argv0 : {"/startup/bin/kivtrap", "kivtrap"}) {
     EXPECT_EQ(
         run(program, {argv0}, {"PATH=/startup/bin", "KIV_PRINT_ORIGIN=q"}, machine::kUser).err,
         origin_line(argv0, "/startup/setuid/bin/"));
@@ -103,13 +100,10 @@ TEST_F(StartupTest, ASetUserIdProgramFindsItsOriginItself) {
 
 TEST_F(StartupTest, ASetUserIdProgramReadsWithTheRightsOfItsUser) {
   if (!machine::has_users()) return skip("no users but root here");
-  const std::string secret = "/startup/secret", program = install_set_user_id();
-  machine::write_file(secret, "of root alone\n");
-  ASSERT_EQ(chmod(secret.c_str(), 0600), 0);
-  const machine::Outcome refused =
-      run(program, {"kivtrap", "-f", secret, "manager"}, {}, machine::kUser);
-  EXPECT_EQ(refused.out, "file " + secret + " does not exist\n");
-  EXPECT_EQ(refused.status, 1);
+  const std::string program = install("/startup/setuid/bin", 04755);
+  ASSERT_EQ(system("cd /startup; echo secret >secret; chmod 600 secret"), 0);
+  EXPECT_EQ(run(program, {"kivtrap", "-f", "/startup/secret", "manager"}, {}, machine::kUser).out,
+            "file /startup/secret does not exist\n");
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // The debug signal, which changes levels, and the wait for a debugger.
 #include "liblocal/startup/dbgsignl.h"
 
-#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <csignal>
