@@ -8,6 +8,7 @@
 #include "liblocal/hosts/is_mynam.h"
 #include "rpc/auth/auth.h"
 #include "rpc/auth/auth_methods.h"
+#include "rpc/handle/rpcvarp.h"
 #include "tests/fakes.h"
 #include "tests/rpc_client.h"
 
@@ -22,7 +23,7 @@ class CreateTest : public ClientTest {
     if (skip_without_ports()) return;
     over_udp_.emplace(7938, "127.0.0.1", port_mapper(4711));
     over_tcp_.emplace(7938, "127.0.0.1", port_mapper(7938), SOCK_STREAM);
-    *__get_rpc_createerr() = {RPC_CANCELLED, {}};
+    rpc_set_createerr(RPC_CANCELLED, 0);
     unsetenv("KIV_TRANSPORT");
   }
 
@@ -42,7 +43,7 @@ TEST_F(CreateTest, OverTcp) {
     client_ = __brix_clnt_create("localhost", 5, 6, name);
     expect_server(7938);
     EXPECT_TRUE(equal(get<timeval>(CLGET_TIMEOUT), {30, 0}));
-    EXPECT_EQ(call(), RPC_SUCCESS);
+    EXPECT_EQ(call(), kSuccess);
     destroy();
   }
 }
@@ -84,24 +85,25 @@ TEST_F(CreateTest, WhatCannotBeMade) {
   if (skip_outside()) return;
   const struct {
     const char *host, *transport, *environment;
-    clnt_stat status;
-    int32_t error;
-  } rows[] = {{"no-such-host", "sctp", "", RPC_UNKNOWNHOST, 0},
-              {"manager", nullptr, "ud", RPC_SYSTEMERROR, EPFNOSUPPORT},
-              {"station", "tcp", "", RPC_SYSTEMERROR, ECONNREFUSED},  // no mapper is there
-              {"manager", nullptr, "", RPC_CANCELLED, 0}};
+    std::string reason;
+  } rows[] = {{"no-such-host", "sctp", "", "Unknown host\n"},
+              {"manager", nullptr, "ud", kSystemError + "Protocol family not supported\n"},
+              {"station", "tcp", "", kSystemError + "Connection refused\n"},  // no mapper is there
+              {"manager", nullptr, "", "Cancelled\n"}};
   for (const auto& row : rows) {
-    *__get_rpc_createerr() = {RPC_CANCELLED, {}};
+    rpc_set_createerr(RPC_CANCELLED, 0);
     setenv("KIV_TRANSPORT", row.environment, 1);
-    client_ = clnt_create_with_auth(row.host, 5, 6, row.transport, kAuthMethodsNone);
-    expect_not_created(row.status, row.error);
+    EXPECT_EQ(clnt_create_with_auth(row.host, 5, 6, row.transport, kAuthMethodsNone), nullptr);
+    EXPECT_EQ(__brix_clnt_spcreateerror(nullptr), row.reason);
   }
 }
 
 TEST_F(CreateTest, AMapperThatCannotBeAskedIsTheCause) {
   fakes::refuse(fakes::waits, EIO, 2);
-  client_ = __brix_clnt_create("", 5, 6, "udp");
-  expect_not_created(RPC_PMAPFAILURE, EIO);
+  EXPECT_EQ(__brix_clnt_create("", 5, 6, "udp"), nullptr);
+  const rpc_createerr& error = *__get_rpc_createerr();
+  EXPECT_EQ(error.status, RPC_PMAPFAILURE);
+  EXPECT_EQ(error.cause.error_number, EIO);
 }
 
 }  // namespace

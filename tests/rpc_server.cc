@@ -69,21 +69,21 @@ std::string RpcServer::read_bytes(size_t count) {
   return bytes;
 }
 
-std::optional<std::string> RpcServer::read_request() {
+std::string RpcServer::read_request() {
   std::string request;
   if (type_ == SOCK_DGRAM) {
     request = read_bytes(65536);
-    if (request.empty()) return std::nullopt;
   } else {
     for (uint32_t header = 0; (header & 0x80000000) == 0;) {
       const std::string bytes = read_bytes(sizeof header);
-      if (bytes.size() < sizeof header) return std::nullopt;
+      if (bytes.size() < sizeof header) return "";
       header = xdr_load<uint32_t>(bytes.data());
       request += read_bytes(header & 0x7FFFFFFF);
     }
   }
   std::lock_guard lock(mutex_);
-  return requests_.emplace_back(request);
+  if (!request.empty()) requests_.push_back(request);
+  return request;
 }
 
 bool RpcServer::send(const std::string& bytes) const {
@@ -92,11 +92,11 @@ bool RpcServer::send(const std::string& bytes) const {
   return sent == static_cast<ssize_t>(bytes.size());
 }
 
-bool RpcServer::answer(const std::string& hex) {
-  const auto request = read_request();
-  if (!request) return false;
-  const std::string reply = reply_to(*request, hex);
-  return send(type_ == SOCK_DGRAM ? reply : fragment(reply));
+bool RpcServer::answer(const std::string& body) {
+  const std::string request = read_request();
+  if (request.empty()) return false;
+  const std::string bytes = reply(request, body);
+  return send(type_ == SOCK_DGRAM ? bytes : fragment(bytes));
 }
 
 std::string fragment(const std::string& bytes, bool last) {
@@ -104,24 +104,20 @@ std::string fragment(const std::string& bytes, bool last) {
   return std::string(reinterpret_cast<const char*>(&header), sizeof header) + bytes;
 }
 
-std::string reply_to(const std::string& request, std::string hex) {
-  const std::string id = to_hex(request.substr(0, 4)), ok = "00000001000000000000000000000000";
-  for (const auto& [name, stands_for] : {std::pair("ID", id), {"OK", ok}}) {
-    for (size_t at; (at = hex.find(name)) != std::string::npos;) hex.replace(at, 2, stands_for);
-  }
-  return from_hex(hex);
+std::string reply(const std::string& request, const std::string& body) {
+  return request.substr(0, 4) + from_hex(body);
 }
 
-RpcServer::Conversation always(const std::string& hex) {
-  return [hex](RpcServer& server) {
-    while (server.answer(hex)) {
+RpcServer::Conversation always(const std::string& body) {
+  return [body](RpcServer& server) {
+    while (server.answer(body)) {
     }
   };
 }
 
 RpcServer::Conversation port_mapper(uint16_t port) {
   const std::string bytes = {static_cast<char>(port >> 8), static_cast<char>(port)};
-  return always("ID OK 00000000 0000" + to_hex(bytes));
+  return always(kAccepted + "0000" + to_hex(bytes));
 }
 
 }  // namespace machine

@@ -6,7 +6,6 @@
 
 #include <functional>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,8 +23,6 @@ class RpcServer {
   /// On `port` (0: any) over UDP, or over TCP: one connection after the other.
   RpcServer(uint16_t port, const std::string& address, Conversation conversation,
             int type = SOCK_DGRAM);
-  explicit RpcServer(Conversation conversation, int type = SOCK_STREAM)
-      : RpcServer(0, "127.0.0.1", std::move(conversation), type) {}
   ~RpcServer();
 
   uint16_t port() const { return port_of(socket_); }
@@ -33,18 +30,17 @@ class RpcServer {
   std::vector<std::string> requests() const;
 
   /// The next datagram or record, its fragments joined; nothing at the end of input.
-  std::optional<std::string> read_request();
-  /// The next `count` bytes, fewer at the end of input.
-  std::string read_bytes(size_t count);
+  std::string read_request();
   /// Sends `bytes` as they are, waiting for all to be taken; false once the client is gone.
   bool send(const std::string& bytes) const;
-  /// Answers the next request with reply_to `hex`, over TCP as a record; false at the end.
-  bool answer(const std::string& hex);
+  /// Sends the reply to the next request, over TCP as a record; false at the end.
+  bool answer(const std::string& body);
   /// The connection's socket.
   int socket() const { return connection_; }
 
  private:
   void serve(const Conversation& conversation);
+  std::string read_bytes(size_t count);
 
   const int type_, socket_;
   mutable std::mutex mutex_;  // guards what follows, but from the thread's own reading
@@ -59,12 +55,15 @@ class RpcServer {
 /// `bytes` as one fragment of a record.
 std::string fragment(const std::string& bytes, bool last = true);
 
-/// What `hex` stands for: in it ID is that of the call `request`, OK accepts it without a
-/// verifier.
-std::string reply_to(const std::string& request, std::string hex);
+/// What the body of a reply that accepts the call without a verifier begins with; the results
+/// are next.
+inline const std::string kAccepted = "00000001 00000000 00000000 00000000 00000000";
 
-/// Answers every request with `hex`.
-RpcServer::Conversation always(const std::string& hex);
+/// The reply to the call `request`: the id of that and `body`, in hex.
+std::string reply(const std::string& request, const std::string& body);
+
+/// Answers every request with `body`.
+RpcServer::Conversation always(const std::string& body);
 
 /// A port mapper that gives `port` for every program; 0: none is registered.
 RpcServer::Conversation port_mapper(uint16_t port);

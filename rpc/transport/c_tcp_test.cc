@@ -1,12 +1,13 @@
 #include "rpc/transport/c_tcp.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 
+#include "rpc/transport/brsvport.h"
 #include "rpc/xdr/x_rec.h"
 #include "tests/fakes.h"
 #include "tests/rpc_client.h"
@@ -21,8 +22,7 @@ constexpr timeval kNone = {0, 0};
 constexpr timeval kStep = {0, 1000};
 constexpr uint32_t kMuch = 12 << 20;  // bytes that no socket keeps
 
-constexpr char kAnswer[] = "ID OK 00000000 0000002A";
-constexpr char kLate[] = "ID OK 00000000 00000007";  // to a call that gave up
+const std::string kAnswer = kAccepted + "0000002A";
 
 // Reads nothing until the client is gone.
 void stall(RpcServer& peer) {
@@ -51,47 +51,49 @@ class TcpTest : public ClientTest {
   }
 
   // Sends kMuch bytes of arguments.
-  clnt_stat send_much() {
+  std::string send_much() {
     auto filter = [](XDR* xdrs, void* bytes) { return __brix_xdr_opaque(xdrs, bytes, kMuch); };
     static char much[kMuch];
-    return call_with(filter, much);
+    return call(filter, much, xdr_filter<__brix_xdr_int>, &result_);
   }
 
   void watch(timeval step, timeval limit, int allowed = INT_MAX) {
     watcher_ = {allowed};
     rpc_wait waiting = {step, Watcher::function, &watcher_};
-    EXPECT_TRUE(control(CLSET_TIMEOUT, &limit));
-    EXPECT_TRUE(control(CLSET_WAIT_FUNCTION, &waiting));
+    control(CLSET_TIMEOUT, &limit);
+    control(CLSET_WAIT_FUNCTION, &waiting);
   }
+
+  bool blocks() const { return (fcntl(socket_, F_GETFL) & O_NONBLOCK) == 0; }
 
   Watcher watcher_;
 };
 
 TEST_F(TcpTest, WhatAnswersComeTo) {
+  const std::string kReset = kCannotReceive + "Connection reset by peer\n";
   const struct {
-    const char *name, *answer;
+    const char* name;
+    std::string header, body;  // before and behind the id of the reply
     bool closes;
-    clnt_stat status;
-  } rows[] = {
-      {"a part of results", "8000001C ID OK 00000000 0000", true, RPC_CANTRECV},
-      {"late results", "8000001C ID OK 00000000 0000", false, RPC_TIMEDOUT},
-      {"too few results", "80000018 ID OK 00000000", false, RPC_CANTDECODERES},
-      {"too large a fragment", "7F7F7F7F", false, RPC_CANTRECV},
-      {"too large a second one", "00000018 ID OK 00000000 7F7F7F7F", false, RPC_CANTRECV},
-      {"a reply behind another, one cut off, an empty fragment and no reply",
-       "8000001C 00000000 00000001 00000000 00000002 00000004 61626364 00000000"
-       "80000018 00000000 00000001 00000000 00000000 00000008 12345678 00000000 80000004 00000000"
-       "8000001C ID OK 00000000 0000002A",
-       false, RPC_SUCCESS}};
+    std::string outcome;
+  } rows[] = {{"a part of results", "8000001C", kAccepted + "0000", true, kReset},
+              {"late results", "8000001C", kAccepted + "0000", false, kTimedOut},
+              {"too few results", "80000018", kAccepted, false, "Can't decode result\n"},
+              {"too large a fragment", "7F7F7F7F", "", false, kReset},
+              {"too large a second one", "00000018", kAccepted + "7F7F7F7F", false, kReset},
+              {"a reply behind another, one cut off, an empty fragment and no reply",
+               "8000001C 00000000 00000001 00000000 00000002 00000004 61626364 00000000"
+               "80000018 00000000 00000001 00000000 00000000 00000008 12345678 00000000"
+               "80000004 00000000 8000001C",
+               kAnswer, false, kSuccess}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     serve([&row](RpcServer& peer) {
-      peer.send(reply_to(*peer.read_request(), row.answer));
+      peer.send(from_hex(row.header) + reply(peer.read_request(), row.body));
       if (!row.closes) stall(peer);
     });
     const long before = pieces_held();
-    const timeval limit = row.status == RPC_TIMEDOUT ? kShort : kLong;
-    expect(call(limit), row.status, row.status == RPC_CANTRECV ? ECONNRESET : 0);
+    EXPECT_EQ(call(row.outcome == kTimedOut ? kShort : kLong), row.outcome);
     EXPECT_EQ(pieces_held(), before);
   }
 }
@@ -103,15 +105,15 @@ TEST_F(TcpTest, EveryByteComesBackOnceAndInOrder) {
   for (uint32_t buffers : {100U, 9000U}) {
     serve(
         [](RpcServer& peer) {
-          while (auto request = peer.read_request()) {
-            peer.send(fragment(reply_to(*request, "ID OK 00000000") + request->substr(40)));
+          for (std::string request; !(request = peer.read_request()).empty();) {
+            peer.send(fragment(reply(request, kAccepted) + request.substr(40)));
           }
         },
         buffers);
     for (uint32_t size : {0U, 7999U, 8003U, 100000U}) {
       std::string text = all.substr(0, size);
       char *sent = text.data(), *got = nullptr;
-      EXPECT_EQ(client_->ops->call(client_, 7, filter, &sent, filter, &got, kLong), RPC_SUCCESS);
+      EXPECT_EQ(call(filter, &sent, filter, &got), kSuccess);
       EXPECT_TRUE(got == text) << size;
       free(got);
     }
@@ -124,7 +126,7 @@ TEST_F(TcpTest, ALateReplyIsDropped) {
   for (size_t in_time : {2U, 12U}) {
     SCOPED_TRACE(in_time);
     serve([in_time](RpcServer& peer) {
-      const std::string late = fragment(reply_to(*peer.read_request(), kLate));
+      const std::string late = fragment(reply(peer.read_request(), kAccepted + "00000007"));
       peer.send(late.substr(0, in_time));
       pollfd next = {peer.socket(), POLLIN, 0};
       poll(&next, 1, -1);
@@ -132,10 +134,22 @@ TEST_F(TcpTest, ALateReplyIsDropped) {
       always(kAnswer)(peer);
     });
     control(CLSET_WATCH_INPUT, client_);
-    expect(call(kShort), RPC_TIMEDOUT);
-    EXPECT_EQ(send_much(), RPC_SUCCESS);
+    EXPECT_EQ(call(kShort), kTimedOut);
+    EXPECT_EQ(send_much(), kSuccess);
     EXPECT_EQ(result_, 42);
   }
+}
+
+// The server takes the call once the client has taken its empty fragments.
+TEST_F(TcpTest, EmptyFragmentsAreReadWhileACallIsWritten) {
+  serve([](RpcServer& peer) {
+    const int smallest = 1;
+    setsockopt(peer.socket(), SOL_SOCKET, SO_SNDBUF, &smallest, sizeof smallest);
+    peer.send(std::string(300000, '\0'));
+    always(kAnswer)(peer);
+  });
+  control(CLSET_WATCH_INPUT, client_);
+  EXPECT_EQ(send_much(), kSuccess);
 }
 
 TEST_F(TcpTest, ACallIsAnsweredAfterOneThatWasNot) {
@@ -143,15 +157,15 @@ TEST_F(TcpTest, ACallIsAnsweredAfterOneThatWasNot) {
     (void)peer.read_request();
     always(kAnswer)(peer);
   });
-  expect(call(kShort), RPC_TIMEDOUT);
-  expect(call(), RPC_SUCCESS);
+  EXPECT_EQ(call(kShort), kTimedOut);
+  EXPECT_EQ(call(), kSuccess);
 }
 
 TEST_F(TcpTest, TheLastStepEndsWithTheLimit) {
   serve(stall);
   for (timeval step : {timeval{0, 35000}, kNone}) {  // with none, the limit is one step
     watch(step, kShort);
-    expect(call(), RPC_TIMEDOUT);
+    EXPECT_EQ(call(), kTimedOut);
     EXPECT_TRUE(equal(watcher_.elapsed, kShort));
     EXPECT_EQ(watcher_.calls, 3 + (timerisset(&step) ? 2 : 1));
   }
@@ -163,10 +177,10 @@ TEST_F(TcpTest, TheWaitFunctionIsAskedAtBothEndsOfEveryTransfer) {
   for (int allowed = 0; allowed <= 4; ++allowed) {
     SCOPED_TRACE(allowed);
     watch(kLong, kLong, allowed);
-    expect(call(), allowed < 4 ? RPC_CANCELLED : RPC_SUCCESS);
+    EXPECT_EQ(call(), allowed < 4 ? "Cancelled\n" : kSuccess);
     EXPECT_EQ(watcher_.calls, std::min(allowed + 1, 4));
     control(CLSET_WAIT_FUNCTION, nullptr);
-    ASSERT_EQ(call(), RPC_SUCCESS) << "usable after cancelling";
+    ASSERT_EQ(call(), kSuccess) << "usable after cancelling";
   }
 }
 
@@ -175,64 +189,90 @@ TEST_F(TcpTest, AFailedWriteEndsTheConnection) {
   const struct {
     timeval limit;
     int allowed;  // calls of the wait function
-    clnt_stat status;
-  } rows[] = {{kShort, INT_MAX, RPC_TIMEDOUT}, {kLong, 8, RPC_CANCELLED}};
+    std::string outcome;
+  } rows[] = {{kShort, INT_MAX, kTimedOut}, {kLong, 8, "Cancelled\n"}};
   for (const auto& row : rows) {
     serve(stall);
     watch(kStep, row.limit, row.allowed);
-    expect(send_much(), row.status);
+    EXPECT_EQ(send_much(), row.outcome);
     char byte = 0;
     EXPECT_EQ(recv(socket_, &byte, 1, MSG_DONTWAIT), 0) << "the connection is shut down";
-    expect(call(), RPC_CANTSEND, EPIPE);
+    EXPECT_EQ(call(), kCannotSend + "Broken pipe\n");
   }
 }
 
 TEST_F(TcpTest, OneWayCallsLeaveWithTheNextCall) {
   serve(always(kAnswer), 4000);
   refuse(writes, EIO);
-  for (int i = 0; i < 2; ++i) {
-    ASSERT_EQ(client_->ops->call(client_, 7, nullptr, nullptr, nullptr, nullptr, kNone), 0);
-  }
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(call(nullptr, nullptr, nullptr, nullptr, kNone), kSuccess);
   EXPECT_EQ(writes.left.exchange(0), 1) << "nothing was written";
-  EXPECT_EQ(call(), RPC_SUCCESS);
+  EXPECT_EQ(call(), kSuccess);
   EXPECT_EQ(server_->requests().size(), 3U);
+}
+
+TEST_F(TcpTest, TheOptionForOneCallIsPassedToTheStream) {
+  static std::vector<uint32_t> requests;
+  serve(always(kAnswer));
+  XDR* stream = get_xdr_from_chandle(client_);
+  xdr_ops ops = *stream->ops;
+  ops.control = [](XDR*, uint32_t request, void*) {
+    requests.push_back(request);
+    return true;
+  };
+  stream->ops = &ops;
+  for (uint32_t request : {CLSET_ONE_CALL, CLSET_ONE_CALL_ENABLED}) {
+    control(request, client_);
+    call();
+    EXPECT_THAT(requests, testing::IsEmpty()) << "not both";
+  }
+  EXPECT_EQ(get<int32_t>(CLGET_ONE_CALL_ENABLED), 1);
+  control(CLSET_ONE_CALL, client_);
+  for (int i = 0; i < 2; ++i) call();
+  EXPECT_THAT(requests, testing::ElementsAre(0, 1)) << "the begin and the end of one call";
 }
 
 TEST_F(TcpTest, ANegativeLimitIsZero) {
   serve(stall);
   timeval negative = {-1, 5};
   control(CLSET_TIMEOUT, &negative);
-  expect(call(), RPC_TIMEDOUT);
+  EXPECT_EQ(call(), kTimedOut);
 }
 
 TEST_F(TcpTest, WithoutALimitAWaitTakesADay) {
   serve(stall);
-  EXPECT_TRUE(control(CLSET_TIMEOUT, nullptr));
-  EXPECT_EQ(get<rpc_wait>(CLGET_WAIT_FUNCTION).step.tv_sec, 86400);
-  EXPECT_EQ(get<int32_t>(CLGET_WAIT_STATE), kWaitNoLimit);
+  control(CLSET_TIMEOUT, nullptr);
+  EXPECT_TRUE(equal(get<rpc_wait>(CLGET_WAIT_FUNCTION).step, {86400, 0}));
+  EXPECT_EQ(get<int32_t>(CLGET_WAIT_STATE), 2);
   watch(kStep, kShort);
-  EXPECT_TRUE(control(CLSET_WAIT_FUNCTION, nullptr));
+  control(CLSET_WAIT_FUNCTION, nullptr);
   EXPECT_TRUE(equal(get<rpc_wait>(CLGET_WAIT_FUNCTION).step, kShort)) << "a step is the limit";
 }
 
-TEST_F(TcpTest, FailuresToConnect) {
+TEST_F(TcpTest, ConnectingGoesOnAfterASignal) {
   serve(stall);
-  for (int passing : {EINTR, EADDRINUSE}) {
-    refuse(connects, passing);
-    EXPECT_NE(create(kTcp, server_->port()), nullptr) << passing;
-  }
-  create(kTcp, kNobody);
-  expect_not_created(RPC_SYSTEMERROR, ECONNREFUSED);
+  refuse(connects, EINTR);
+  EXPECT_EQ(create(kTcp, server_->port()), "");
+  EXPECT_EQ(create(kTcp, kNobody), kSystemError + "Connection refused\n");
+}
+
+TEST_F(TcpTest, AddressesInUseAreTriedTwiceForEveryPort) {
+  auto connect_in_vain = [this] {
+    (void)rpcport_add_range(40001, 40003, kPortConnection);
+    refuse(connects, EADDRINUSE, 100);
+    fputs(create(kTcp, kNobody).c_str(), stderr);
+    _exit(100 - connects.left);
+  };
+  EXPECT_EXIT(connect_in_vain(), testing::ExitedWithCode(6), "^Remote.*Address already in use");
 }
 
 TEST_F(TcpTest, DestroyGivesAGivenSocketItsModeBack) {
   serve(always(kAnswer));
   const int given = dup(socket_);
   create(kTcp, server_->port(), given);
-  expect(call(), RPC_SUCCESS);
-  EXPECT_NE(fcntl(given, F_GETFL) & O_NONBLOCK, 0) << "as its limit wants it";
+  EXPECT_EQ(call(), kSuccess);
+  EXPECT_FALSE(blocks()) << "as its limit wants it";
   destroy();
-  EXPECT_EQ(fcntl(given, F_GETFL) & O_NONBLOCK, 0);
+  EXPECT_TRUE(blocks());
   close(given);
 }
 
@@ -242,8 +282,8 @@ TEST_F(TcpTest, TheEnvironmentSaysWhenTheSocketBlocks) {
     setenv(variable, value, 1);
     serve(always(kAnswer));
     auto write_if_blocking = [this](const char* situation) {
-      EXPECT_EQ(call(), RPC_SUCCESS);
-      if ((fcntl(socket_, F_GETFL) & O_NONBLOCK) == 0) fputs(situation, stderr);
+      EXPECT_EQ(call(), kSuccess);
+      if (blocks()) fputs(situation, stderr);
     };
     write_if_blocking("limited ");
     control(CLSET_TIMEOUT, nullptr);
