@@ -6,8 +6,9 @@
 
 #include <thread>
 
+#include "rpc/auth/a_none.h"
 #include "rpc/auth/a_unix.h"
-#include "tests/fakes.h"
+#include "tests/work.h"
 #include "tests/xdr_streams.h"
 
 namespace {
@@ -56,10 +57,22 @@ class AuthSystem : public testing::Test {
 
 TEST_F(AuthSystem, SendsItsParameters) {
   EXPECT_EQ(marshalled(auth_.get()), full());
-  int32_t method = 0;
-  EXPECT_TRUE(auth_->ops->control(auth_.get(), kAuthGetMethod, &method));
-  EXPECT_EQ(method, 2);
   EXPECT_FALSE(refresh());
+  expect_carried<authsys_parms>(xdr_filter<__brix_xdr_authunix_parms>, full().substr(16, 64));
+}
+
+TEST_F(AuthSystem, OwnsItsVerifier) { auth_->verifier.body = static_cast<uint8_t*>(malloc(1)); }
+
+TEST_F(AuthSystem, KnowsItsMethodAsNoneDoes) {
+  for (AUTH* auth : {__brix_authnone_create(), auth_.get()}) {
+    SCOPED_TRACE(auth->credential.flavour);
+    int32_t method = 0;
+    EXPECT_TRUE(auth->ops->control(auth, 2, &method));
+    EXPECT_EQ(method, auth->credential.flavour + 1);
+    EXPECT_FALSE(auth->ops->control(auth, 3, &method));
+    EXPECT_FALSE(auth->ops->control(auth, 2, nullptr));
+    EXPECT_FALSE(auth->ops->needs_refresh(auth, false, nullptr));
+  }
 }
 
 TEST_F(AuthSystem, BoundsItsParameters) {
@@ -95,6 +108,11 @@ TEST_F(AuthSystem, DropsAShortCredentialThatDoesNotDecode) {
     EXPECT_TRUE(validate(kAuthShort, broken));
     EXPECT_EQ(marshalled(auth_.get()), full()) << broken;
   }
+}
+
+TEST(AuthSystemDebug, SaysThatAHandleWasMade) {
+  EXPECT_EQ(printed(3, [] { const Auth made(__brix_authsys_create("", 0, 0, 0, nullptr)); }),
+            "kivtrap: RPC Authentication: Client successfully authenticated using AUTH_UNIX\n");
 }
 
 TEST(AuthSystemDefault, SendsTheProcess) {

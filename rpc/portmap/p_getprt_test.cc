@@ -10,6 +10,7 @@
 #include "rpc/portmap/pmap_cache.h"
 #include "tests/fakes.h"
 #include "tests/rpc_client.h"
+#include "tests/xdr_streams.h"
 
 namespace {
 
@@ -26,6 +27,10 @@ void start_with(const char* value) {
   cleanup_mappers(thread);
   thread->port_cache_read = false;
   setenv(kVariable, value, 1);
+}
+
+TEST(Pmap, CarriesARecord) {
+  expect_carried<pmap>(xdr_filter<__brix_xdr_pmap>, "00000001FFFFFFFE000000030000FFFF");
 }
 
 class PortTest : public testing::Test {
@@ -100,14 +105,25 @@ TEST_F(PortTest, GroupsOfTheEnvironment) {
 }
 
 TEST_F(PortTest, OnlyTheRuntimesOwnServicesAreKept) {
-  for (unsigned program : {390113U, 390105U, 390104U}) {
-    populate_pmaps(program, 2, IPPROTO_TCP, 10, 0);
-    populate_pmaps(program, 3, IPPROTO_UDP, 10, 1);
+  for (unsigned long program = 390100; program < 390120; ++program) {
+    populate_pmaps(program, 2, IPPROTO_TCP, 9, 0);
+    populate_pmaps(program, 3, IPPROTO_UDP, 9, 1);
   }
+  populate_pmaps(390105, 2, IPPROTO_TCP, 14, 0);
   EXPECT_STREQ(getenv(kVariable), "");
-  populate_pmaps(kService, 2, IPPROTO_TCP, 14, 0);
   add_pamp_to_env(kService, 2);
-  EXPECT_STREQ(getenv(kVariable), "{390105,2,6,10}{390113,2,6,14}");
+  EXPECT_STREQ(getenv(kVariable),
+               "{390113,2,6,9}{390110,2,6,9}{390109,2,6,9}{390107,2,6,9}{390105,2,6,14}"
+               "{390103,2,6,9}");
+}
+
+TEST_F(PortTest, NothingIsKeptOnceCachesAreOff) {
+  populate_pmaps(kService, 2, IPPROTO_TCP, 9, 0);
+  disable_cacheable_pmap();
+  EXPECT_EQ(pmap_cached_port(kService, 2, IPPROTO_TCP), 0U);
+  EXPECT_FALSE(pmap_is_cacheable(kService, IPPROTO_TCP));
+  get_rpc_p_varp()->pmap_cache_off = false;
+  EXPECT_EQ(pmap_cached_port(kService, 2, IPPROTO_TCP), 9U);
 }
 
 // Newest first; the group that passes 12188 bytes is the last.

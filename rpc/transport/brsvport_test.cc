@@ -7,6 +7,7 @@
 #include <set>
 #include <vector>
 
+#include "tests/fakes.h"
 #include "tests/machine.h"
 #include "tests/work.h"
 
@@ -25,7 +26,14 @@ class BindTest : public testing::Test {
   int bind_new(int32_t type, const sockaddr_in* address = nullptr) {
     open_.push_back(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const int bound = __brix_bindresvport(open_.back(), address, type);
-    return bound != 0 ? -errno : machine::port_of(open_.back());
+    if (bound == 0) return machine::port_of(open_.back());
+    EXPECT_EQ(bound, -1);
+    return -errno;
+  }
+
+  // What binding a new socket writes at a debug level.
+  std::string debug_lines(int level, int32_t type, const sockaddr_in* address = nullptr) {
+    return printed(level, [&] { (void)bind_new(type, address); });
   }
 
   std::vector<int> open_;
@@ -34,30 +42,51 @@ class BindTest : public testing::Test {
 TEST_F(BindTest, WithoutRangesTheSystemChooses) {
   EXPECT_GE(bind_new(kPortConnection), 1024);
   EXPECT_EQ(bind_new(kPortConnection, &kElsewhere), -EADDRNOTAVAIL);
+  EXPECT_EQ(debug_lines(5, kPortConnection), "kivtrap: socket bound to arbitrary port\n");
+  EXPECT_EQ(debug_lines(3, kPortConnection, &kElsewhere),
+            "kivtrap: socket bind to arbitrary port failed (errno 99)\n");
 }
 
 TEST_F(BindTest, RefusedArguments) {
   const sockaddr_in foreign = {AF_INET6, 0, {}, {}};
   EXPECT_EQ(bind_new(kPortConnection, &foreign), -EPFNOSUPPORT);
-  EXPECT_EQ(bind_new(3), -EINVAL);
-  EXPECT_EQ(rpcport_add_range(3, 2, kPortService), -1);
+  for (int32_t type : {-1, 3}) {
+    EXPECT_EQ(bind_new(type), -EINVAL);
+    EXPECT_EQ(rpcport_count(type), 0);
+    EXPECT_EQ(rpcport_add_range(1, 1, type), -1);
+  }
+  EXPECT_EQ(rpcport_add_range(0, 2, kPortConnection), -1);
+  EXPECT_EQ(rpcport_add_range(3, 2, kPortConnection), -1);
+  const fakes::FailingMalloc none(0);
+  EXPECT_EQ(rpcport_add_range(1, 1, kPortConnection), -1);
 }
 
 TEST_F(BindTest, EveryPortOfTheRangesIsFound) {
-  EXPECT_EQ(rpcport_add_range(40000, 40060, kPortReserved), 0);
+  auto add_range = [] { EXPECT_EQ(rpcport_add_range(40000, 40009, 2), 0); };
+  EXPECT_EQ(printed(8, add_range),
+            "kivtrap: Adding range 40000-40009 to \"reserved\" port type.\n");
   EXPECT_EQ(rpcport_add_range(50000, 50000, kPortReserved), 0);
-  EXPECT_EQ(rpcport_count(kPortReserved), 62);
-  EXPECT_EQ(bind_new(kPortReserved, &kElsewhere), -EADDRNOTAVAIL);
+  EXPECT_EQ(rpcport_count(kPortReserved), 11);
+  EXPECT_THAT(debug_lines(3, kPortReserved, &kElsewhere),
+              testing::EndsWith(", (errno 99) Cannot assign requested address\n"));
   std::set<int> found;
-  const std::string first = printed(5, [&] { found.insert(bind_new(kPortReserved)); });
-  EXPECT_THAT(first, testing::HasSubstr("socket bound to port "));
-  for (int i = 1; i < 62; ++i) found.insert(bind_new(kPortReserved));
-  EXPECT_EQ(found.size(), 62U);
-  EXPECT_EQ(*found.begin(), 40000) << "none failed";
-  EXPECT_EQ(*std::next(found.begin(), 60), 40060);
-  EXPECT_EQ(*found.rbegin(), 50000);
-  const std::string lines = printed(5, [&] { bind_new(kPortReserved); });
-  EXPECT_THAT(lines, testing::HasSubstr("port 50000, Address already in use\n, retrying..."));
+  for (int i = 0; i < 11; ++i) found.insert(bind_new(kPortReserved));
+  EXPECT_THAT(found, testing::ElementsAre(40000, 40001, 40002, 40003, 40004, 40005, 40006, 40007,
+                                          40008, 40009, 50000));
+}
+
+TEST_F(BindTest, AQuarterOfManyPortsIsTriedAtRandomBeforeAll) {
+  ASSERT_EQ(rpcport_add_range(45000, 45000, kPortService), 0);
+  EXPECT_EQ(debug_lines(5, kPortService), "kivtrap: socket bound to port 45000\n");
+  for (auto [ports, tries] : {std::pair{500, 507}, {501, 626}, {2856, 3569}}) {
+    while (rpcport_count(kPortService) < ports) {
+      ASSERT_EQ(rpcport_add_range(45000, 45000, kPortService), 0);
+    }
+    const std::string lines = debug_lines(5, kPortService);
+    EXPECT_TRUE(lines.starts_with(
+        "kivtrap: socket bind failed, port 45000, Address already in use\n, retrying...kivtrap: "));
+    EXPECT_EQ(std::ranges::count(lines, '\n'), tries);
+  }
 }
 
 }  // namespace

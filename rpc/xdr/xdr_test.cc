@@ -1,12 +1,11 @@
 // The filters of the basic types and of those made of them, and the streams that they work on.
 #include "rpc/xdr/xdr.h"
 
-#include <gtest/gtest.h>
-
 #include <limits>
 #include <optional>
 
-#include "rpc/xdr/xdr_object.h"
+#include "rpc/messages/rpc_cmsg.h"
+#include "rpc/xdr/x_count.h"
 #include "tests/xdr_item.h"
 #include "tests/xdr_streams.h"
 
@@ -151,18 +150,10 @@ TEST(XdrCompound, CarriesAndCopiesWholeObjects) {
 }
 
 TEST(XdrCompound, AnAbsentObjectClearsThePointer) {
-  int64_t before = 0;
+  Item before = {};
   void* object = &before;
-  EXPECT_TRUE(__brix_xdr_pointer(TestStream(from_hex("00000000")).get(), &object, 8,
-                                 xdr_filter<xdr_int64_t>));
+  EXPECT_TRUE(__brix_xdr_pointer(TestStream(from_hex("00000000")).get(), &object, 8, kItem));
   EXPECT_EQ(object, nullptr);
-}
-
-TEST(XdrCompound, CarriesVectorsOfSpacedElements) {
-  int32_t apart[] = {1, 7, 2, 8};
-  TestStream out(8);
-  EXPECT_TRUE(__brix_xdr_vector(out.get(), apart, 2, 8, xdr_filter<xdr_int32_t>));
-  EXPECT_EQ(out.hex(), "0000000100000002");
 }
 
 class ArrayTest : public testing::Test {
@@ -187,8 +178,8 @@ TEST_F(ArrayTest, IsBoundedByItsMaximumAndItsSize) {
     EXPECT_FALSE(run(TestStream(wire).get(), maximum, element_size));
     EXPECT_EQ(elements_, nullptr);
   }
-  EXPECT_TRUE(run(TestStream(wire).get(), 2));
-  EXPECT_EQ(static_cast<int32_t*>(elements_)[1], 9);
+  EXPECT_TRUE(run(TestStream(wire).get(), 2, 8));
+  EXPECT_EQ(static_cast<int32_t*>(elements_)[2], 9) << "8 bytes apart";
 }
 
 TEST_F(ArrayTest, GetsMemoryForWhatHasCome) {
@@ -207,10 +198,8 @@ TEST(XdrStreams, OverMemoryStayAsTheyAreWhenTheyFail) {
   TestStream stream("123");
   XDR* xdrs = stream.get();
   const xdr_ops& ops = *xdrs->ops;
-  int32_t unit = 0;
   int64_t wide = 0;
   char bytes[4] = {};
-  EXPECT_FALSE(ops.get_int32(xdrs, &unit));
   EXPECT_FALSE(ops.put_int64(xdrs, &wide));
   EXPECT_FALSE(ops.put_bytes(xdrs, bytes, 4));
   EXPECT_FALSE(ops.set_position(xdrs, 4));
@@ -220,6 +209,38 @@ TEST(XdrStreams, OverMemoryStayAsTheyAreWhenTheyFail) {
   EXPECT_TRUE(ops.set_position(xdrs, 1));
   EXPECT_EQ(ops.get_remaining(xdrs), 2);
   EXPECT_EQ(*ops.get_inline(xdrs, 2), '2');
+}
+
+TEST(XdrStreams, ThatCountGiveNothing) {
+  uint64_t bytes = 0;
+  XDR counting;
+  xdrcount_create(&counting, &bytes);
+  const xdr_ops& ops = *counting.ops;
+  int32_t unit = 0;
+  EXPECT_FALSE(ops.get_int32(&counting, &unit));
+  EXPECT_FALSE(ops.get_bytes(&counting, &unit, 1));
+  EXPECT_FALSE(ops.set_position(&counting, 0));
+  EXPECT_EQ(ops.get_remaining(&counting), 0);
+  for (uint32_t request = 5; request < 8; ++request) {
+    EXPECT_EQ(ops.control(&counting, request, nullptr), request == 6);
+    EXPECT_EQ(TestStream("").get()->ops->control(nullptr, request, nullptr), request == 6);
+  }
+}
+
+TEST(XdrStreams, HaveThreeOperations) {
+  XDR fourth = {};
+  fourth.operation = static_cast<xdr_op>(3);
+  char byte = 'b';
+  char* text = &byte;
+  Counted counted = {};
+  void* object = &byte;
+  rpc_call_message call = {};
+  EXPECT_TRUE(__brix_xdr_enum(&fourth, nullptr));
+  EXPECT_FALSE(__brix_xdr_opaque(&fourth, text, 1));
+  EXPECT_FALSE(__brix_xdr_wrapstring(&fourth, &text));
+  EXPECT_FALSE(counted_filter(&fourth, &counted));
+  EXPECT_FALSE(__brix_xdr_pointer(&fourth, &object, 1, kString));
+  EXPECT_FALSE(__brix_xdr_callmsg(&fourth, &call));
 }
 
 }  // namespace
