@@ -2,12 +2,10 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/time.h>
 
 #include <optional>
 
 #include "rpc/handle/c_perror.h"
-#include "rpc/handle/clnt.h"
 #include "rpc/transport/c_tcp.h"
 #include "rpc/transport/c_udp.h"
 #include "tests/rpc_server.h"

@@ -5,8 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <system_error>
+#include <stdexcept>
 
 #include "rpc/xdr/xdr_units.h"
 
@@ -21,7 +20,7 @@ RpcServer::RpcServer(uint16_t port, const std::string& address, Conversation con
   setsockopt(socket_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   if (bind(socket_, reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0 ||
       (on != 0 && listen(socket_, 8) != 0)) {
-    throw std::system_error(errno, std::generic_category(), "a server's socket");
+    throw std::runtime_error("a server's socket");
   }
   thread_ = std::jthread(
       [this, run = std::move(conversation)] { type_ == SOCK_DGRAM ? run(*this) : serve(run); });

@@ -1,7 +1,6 @@
 // Scripted servers for tests: they keep what arrives and answer what the test says.
 #pragma once
 
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <functional>

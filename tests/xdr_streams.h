@@ -2,14 +2,9 @@
 // and on streams that cannot tell what they hold; and what carries record streams.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <string>
-#include <string_view>
 
 #include "rpc/xdr/x_mem.h"
-#include "rpc/xdr/xdr.h"
 #include "rpc/xdr/xdr_object.h"
 #include "tests/fakes.h"
 #include "tests/machine.h"
@@ -108,7 +103,7 @@ struct Pipe {
     const std::string bytes = pipe->incoming.substr(pipe->taken, most);
     pipe->taken += bytes.size();
     const size_t direct = bytes.copy(static_cast<char*>(buffer), length);
-    bytes.substr(direct).copy(static_cast<char*>(second), second_length);
+    bytes.copy(static_cast<char*>(second), second_length, direct);
     return static_cast<int64_t>(bytes.size());
   }
 

@@ -5,10 +5,7 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <cerrno>
-
 #include "rpc/transport/brsvport.h"
-#include "rpc/xdr/x_rec.h"
 #include "tests/fakes.h"
 #include "tests/rpc_client.h"
 
@@ -19,30 +16,17 @@ using namespace machine;
 
 constexpr timeval kShort = {0, 50000};
 constexpr timeval kNone = {0, 0};
-constexpr timeval kStep = {0, 1000};
 constexpr uint32_t kMuch = 12 << 20;  // bytes that no socket keeps
 
 const std::string kAnswer = kAccepted + "0000002A";
+const std::string kCancelled = "Cancelled\n";
+const std::string kReset = kCannotReceive + "Connection reset by peer\n";
 
 // Reads nothing until the client is gone.
 void stall(RpcServer& peer) {
   pollfd gone = {peer.socket(), POLLRDHUP, 0};
   poll(&gone, 1, -1);
 }
-
-// A wait function that cancels when it was called `allowed` times already.
-struct Watcher {
-  int allowed = INT_MAX;
-  int calls = 0;
-  timeval elapsed{};  // at the last call
-
-  static int32_t function(const timeval* elapsed, void* argument, const timeval* now) {
-    EXPECT_GT(now->tv_sec, 0);
-    auto* self = static_cast<Watcher*>(argument);
-    self->elapsed = *elapsed;
-    return ++self->calls > self->allowed ? 1 : 0;
-  }
-};
 
 class TcpTest : public ClientTest {
  protected:
@@ -57,20 +41,28 @@ class TcpTest : public ClientTest {
     return call(filter, much, xdr_filter<__brix_xdr_int>, &result_);
   }
 
+  // Sets a wait function that cancels when it was called `allowed` times already.
   void watch(timeval step, timeval limit, int allowed = INT_MAX) {
-    watcher_ = {allowed};
-    rpc_wait waiting = {step, Watcher::function, &watcher_};
+    calls_ = 0;
+    allowed_ = allowed;
+    auto function = [](const timeval* elapsed, void* argument, const timeval* now) {
+      EXPECT_GT(now->tv_sec, 0);
+      auto* self = static_cast<TcpTest*>(argument);
+      self->elapsed_ = *elapsed;
+      return ++self->calls_ > self->allowed_ ? 1 : 0;
+    };
+    rpc_wait waiting = {step, function, this};
     control(CLSET_TIMEOUT, &limit);
     control(CLSET_WAIT_FUNCTION, &waiting);
   }
 
   bool blocks() const { return (fcntl(socket_, F_GETFL) & O_NONBLOCK) == 0; }
 
-  Watcher watcher_;
+  int calls_, allowed_;  // of the wait function
+  timeval elapsed_;      // at its last call
 };
 
 TEST_F(TcpTest, WhatAnswersComeTo) {
-  const std::string kReset = kCannotReceive + "Connection reset by peer\n";
   const struct {
     const char* name;
     std::string header, body;  // before and behind the id of the reply
@@ -101,15 +93,14 @@ TEST_F(TcpTest, WhatAnswersComeTo) {
 TEST_F(TcpTest, EveryByteComesBackOnceAndInOrder) {
   std::string all;
   while (all.size() < 100000) all += std::to_string(all.size());
+  auto echo = [](RpcServer& peer) {
+    for (std::string request; !(request = peer.read_request()).empty();) {
+      peer.send(fragment(reply(request, kAccepted) + request.substr(40)));
+    }
+  };
   const xdrproc_t filter = xdr_filter<__brix_xdr_wrapstring>;
   for (uint32_t buffers : {100U, 9000U}) {
-    serve(
-        [](RpcServer& peer) {
-          for (std::string request; !(request = peer.read_request()).empty();) {
-            peer.send(fragment(reply(request, kAccepted) + request.substr(40)));
-          }
-        },
-        buffers);
+    serve(echo, buffers);
     for (uint32_t size : {0U, 7999U, 8003U, 100000U}) {
       std::string text = all.substr(0, size);
       char *sent = text.data(), *got = nullptr;
@@ -140,12 +131,12 @@ TEST_F(TcpTest, ALateReplyIsDropped) {
   }
 }
 
-// The server takes the call once the client has taken its empty fragments.
-TEST_F(TcpTest, EmptyFragmentsAreReadWhileACallIsWritten) {
+// The server reads the call once its empty fragments were taken.
+TEST_F(TcpTest, InputIsReadWhileACallIsWritten) {
   serve([](RpcServer& peer) {
     const int smallest = 1;
     setsockopt(peer.socket(), SOL_SOCKET, SO_SNDBUF, &smallest, sizeof smallest);
-    peer.send(std::string(300000, '\0'));
+    peer.send(std::string(200000, '\0'));
     always(kAnswer)(peer);
   });
   control(CLSET_WATCH_INPUT, client_);
@@ -157,7 +148,10 @@ TEST_F(TcpTest, ACallIsAnsweredAfterOneThatWasNot) {
     (void)peer.read_request();
     always(kAnswer)(peer);
   });
-  EXPECT_EQ(call(kShort), kTimedOut);
+  timeval negative = {-1, 5};  // is zero
+  control(CLSET_TIMEOUT, &negative);
+  EXPECT_EQ(call(), kTimedOut);
+  control(CLSET_TIMEOUT, nullptr);
   EXPECT_EQ(call(), kSuccess);
 }
 
@@ -166,19 +160,19 @@ TEST_F(TcpTest, TheLastStepEndsWithTheLimit) {
   for (timeval step : {timeval{0, 35000}, kNone}) {  // with none, the limit is one step
     watch(step, kShort);
     EXPECT_EQ(call(), kTimedOut);
-    EXPECT_TRUE(equal(watcher_.elapsed, kShort));
-    EXPECT_EQ(watcher_.calls, 3 + (timerisset(&step) ? 2 : 1));
+    EXPECT_TRUE(equal(elapsed_, kShort));
+    EXPECT_EQ(calls_, 3 + (timerisset(&step) ? 2 : 1));
   }
 }
 
 // Its steps are longer than all waits.
-TEST_F(TcpTest, TheWaitFunctionIsAskedAtBothEndsOfEveryTransfer) {
+TEST_F(TcpTest, TheWaitFunctionIsAskedAtBothEndsOfATransfer) {
   serve(always(kAnswer));
   for (int allowed = 0; allowed <= 4; ++allowed) {
     SCOPED_TRACE(allowed);
     watch(kLong, kLong, allowed);
-    EXPECT_EQ(call(), allowed < 4 ? "Cancelled\n" : kSuccess);
-    EXPECT_EQ(watcher_.calls, std::min(allowed + 1, 4));
+    EXPECT_EQ(call(), allowed < 4 ? kCancelled : kSuccess);
+    EXPECT_EQ(calls_, std::min(allowed + 1, 4));
     control(CLSET_WAIT_FUNCTION, nullptr);
     ASSERT_EQ(call(), kSuccess) << "usable after cancelling";
   }
@@ -190,10 +184,10 @@ TEST_F(TcpTest, AFailedWriteEndsTheConnection) {
     timeval limit;
     int allowed;  // calls of the wait function
     std::string outcome;
-  } rows[] = {{kShort, INT_MAX, kTimedOut}, {kLong, 8, "Cancelled\n"}};
+  } rows[] = {{kShort, INT_MAX, kTimedOut}, {kLong, 8, kCancelled}};
   for (const auto& row : rows) {
     serve(stall);
-    watch(kStep, row.limit, row.allowed);
+    watch({0, 1000}, row.limit, row.allowed);
     EXPECT_EQ(send_much(), row.outcome);
     char byte = 0;
     EXPECT_EQ(recv(socket_, &byte, 1, MSG_DONTWAIT), 0) << "the connection is shut down";
@@ -210,32 +204,24 @@ TEST_F(TcpTest, OneWayCallsLeaveWithTheNextCall) {
   EXPECT_EQ(server_->requests().size(), 3U);
 }
 
-TEST_F(TcpTest, TheOptionForOneCallIsPassedToTheStream) {
-  static std::vector<uint32_t> requests;
+TEST_F(TcpTest, TheStreamIsAskedForOneCall) {
+  static std::vector<uint32_t> asked;
   serve(always(kAnswer));
   XDR* stream = get_xdr_from_chandle(client_);
   xdr_ops ops = *stream->ops;
   ops.control = [](XDR*, uint32_t request, void*) {
-    requests.push_back(request);
+    asked.push_back(request);
     return true;
   };
   stream->ops = &ops;
-  for (uint32_t request : {CLSET_ONE_CALL, CLSET_ONE_CALL_ENABLED}) {
+  for (uint32_t request : {CLSET_ONE_CALL, CLSET_ONE_CALL_ENABLED, CLSET_ONE_CALL}) {
+    EXPECT_THAT(asked, testing::IsEmpty());
     control(request, client_);
     call();
-    EXPECT_THAT(requests, testing::IsEmpty()) << "not both";
   }
   EXPECT_EQ(get<int32_t>(CLGET_ONE_CALL_ENABLED), 1);
-  control(CLSET_ONE_CALL, client_);
-  for (int i = 0; i < 2; ++i) call();
-  EXPECT_THAT(requests, testing::ElementsAre(0, 1)) << "the begin and the end of one call";
-}
-
-TEST_F(TcpTest, ANegativeLimitIsZero) {
-  serve(stall);
-  timeval negative = {-1, 5};
-  control(CLSET_TIMEOUT, &negative);
-  EXPECT_EQ(call(), kTimedOut);
+  call();
+  EXPECT_THAT(asked, testing::ElementsAre(0, 1)) << "at its begin and end";
 }
 
 TEST_F(TcpTest, WithoutALimitAWaitTakesADay) {
@@ -243,7 +229,7 @@ TEST_F(TcpTest, WithoutALimitAWaitTakesADay) {
   control(CLSET_TIMEOUT, nullptr);
   EXPECT_TRUE(equal(get<rpc_wait>(CLGET_WAIT_FUNCTION).step, {86400, 0}));
   EXPECT_EQ(get<int32_t>(CLGET_WAIT_STATE), 2);
-  watch(kStep, kShort);
+  watch(kNone, kShort);
   control(CLSET_WAIT_FUNCTION, nullptr);
   EXPECT_TRUE(equal(get<rpc_wait>(CLGET_WAIT_FUNCTION).step, kShort)) << "a step is the limit";
 }
@@ -277,7 +263,6 @@ TEST_F(TcpTest, DestroyGivesAGivenSocketItsModeBack) {
 }
 
 TEST_F(TcpTest, TheEnvironmentSaysWhenTheSocketBlocks) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   auto write_situations = [this](const char* variable, const char* value) {
     setenv(variable, value, 1);
     serve(always(kAnswer));
@@ -299,6 +284,7 @@ TEST_F(TcpTest, TheEnvironmentSaysWhenTheSocketBlocks) {
   } rows[] = {{"KIV_BLOCKING_RPC", "must", "^limited unlimited watched set"},
               {"KIV_BLOCKING_RPC", "fALSE", "^unlimited set"},
               {"KIV_SOCK_BUF_UNSET", "Yes", "^unlimited watched kept"}};
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   for (const auto& row : rows) {
     EXPECT_EXIT(write_situations(row.variable, row.value), testing::ExitedWithCode(0), row.written);
   }

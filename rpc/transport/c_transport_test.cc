@@ -1,11 +1,8 @@
 // Clients over UDP and over TCP, and over UDP alone.
 #include "rpc/transport/c_transport.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <unistd.h>
-
-#include <cerrno>
 
 #include "rpc/auth/a_none.h"
 #include "rpc/auth/auth.h"
@@ -209,7 +206,7 @@ TEST_P(TransportTest, CreationWithoutMemoryLeavesNoSocket) {
   close(next);
 }
 
-TEST_P(TransportTest, CreationFailsWithoutADescriptorThatCanBeWaitedFor) {
+TEST_P(TransportTest, CreationFailsWithoutADescriptor) {
   EXPECT_EQ(create(kNobody, 65536), kSystemError + "Too many open files\n");
   const DescriptorLimit none(0);
   EXPECT_EQ(create(), kSystemError + "Too many open files\n");

@@ -26,7 +26,7 @@ void expect_wire(T value, const std::string& hex, std::optional<T> back = {}) {
   EXPECT_EQ(object, back.value_or(value));
 }
 
-TEST(Xdr, CarriesIntegers) {
+TEST(Xdr, CarriesNumbers) {
   expect_wire<xdr_uint32_t>(uint32_t{0x80000001}, "80000001");
   expect_wire<__brix_xdr_short>(int16_t{-2}, "FFFFFFFE");
   expect_wire<__brix_xdr_u_short>(uint16_t{0xFFFE}, "0000FFFE");
@@ -43,9 +43,6 @@ TEST(Xdr, CarriesTheLowHalfOfLongs) {
   expect_wire<xdr_shorten>(0x700000000 - 2, "FFFFFFFE", {-2L});
   expect_wire<xdr_u_shorten>(0x7FFFFFFFEUL, "FFFFFFFE", {0xFFFFFFFEUL});
   expect_wire<__brix_xdr_time_t>(time_t{0x1FFFFFFFE}, "FFFFFFFE", {time_t{-2}});
-}
-
-TEST(Xdr, CarriesFloats) {
   expect_wire<__brix_xdr_float>(std::numeric_limits<float>::denorm_min(), "00000001");
   expect_wire<__brix_xdr_double>(-1.5, "BFF8000000000000");
 }
@@ -102,7 +99,7 @@ TEST(Xdr, RefusesMoreThanTheMaximum) {
   EXPECT_FALSE(counted_filter(TestStream(from_hex("00000003") + "abc!").get(), &counted));
 }
 
-TEST(Xdr, AllocatesNothingForALengthThatTheStreamDoesNotHold) {
+TEST(Xdr, AllocatesNothingForALengthThatIsNotThere) {
   for (const char* length : {"0000000D", "7FFFFFFF", "80000000", "FFFFFFFB", "FFFFFFFC"}) {
     char* text = nullptr;
     const fakes::FailingMalloc none(0);
