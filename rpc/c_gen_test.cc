@@ -1,10 +1,5 @@
 #include "rpc/c_gen.h"
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <cstdlib>
-
 #include "liblocal/hosts/is_mynam.h"
 #include "rpc/auth/auth.h"
 #include "rpc/auth/auth_methods.h"

@@ -67,7 +67,7 @@ TEST(RpcTexts, AreCutToFit) {
   }
 }
 
-TEST(RpcTexts, ArePrinted) {
+TEST(RpcTexts, ArePrintedAndRecorded) {
   CLIENT client = timed_out();
   rpc_set_createerr(RPC_PROGNOTREGISTERED, 0);
   auto print = [&] {
@@ -76,10 +76,6 @@ TEST(RpcTexts, ArePrinted) {
     __brix_clnt_perrno(RPC_CANCELLED);
   };
   EXPECT_EQ(printed(0, print), "100%d: Timed out\n100%s: Program not registered\nRPC: Cancelled");
-}
-
-TEST(RpcTexts, GoIntoErrorRecords) {
-  CLIENT client = timed_out();
   const vx_error_record* record = clnt_geterrinfo(&client, "100%d");
   EXPECT_EQ(record->number, 23005);
   EXPECT_STREQ(record->text, "100%d: Timed out\n");

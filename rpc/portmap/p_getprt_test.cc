@@ -58,15 +58,15 @@ TEST_F(PortTest, BothMappersAreAskedBeforeTheFallback) {
               "00000003000000040000001100000000");
   }
   pmap_fallback(nullptr);
-  EXPECT_EQ(__get_rpc_createerr()->status, RPC_PROGNOTREGISTERED) << "of the last that failed";
+  EXPECT_EQ(__get_rpc_createerr()->status, RPC_PROGNOTREGISTERED);  // of the last that failed
 }
 
 TEST_F(PortTest, TheCacheAnswersForThisHostAlone) {
   RpcServer own(7938, "0.0.0.0", port_mapper(5));
   start_with("{390113,2,17,7937}{390113,3,17,0}");
   EXPECT_EQ(ask("127.0.0.1", kService, 2), 7937);
-  EXPECT_EQ(ask("127.0.0.1", kService, 3), 5) << "not with port 0";
-  EXPECT_EQ(ask("127.0.0.2", kService, 2), 5) << "a remote host";
+  EXPECT_EQ(ask("127.0.0.1", kService, 3), 5);  // not with port 0
+  EXPECT_EQ(ask("127.0.0.2", kService, 2), 5);  // a remote host
 }
 
 TEST_F(PortTest, TheOwnMappersAnswerIsKept) {

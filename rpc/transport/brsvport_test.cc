@@ -62,17 +62,16 @@ TEST_F(BindTest, RefusedArguments) {
 }
 
 TEST_F(BindTest, EveryPortOfTheRangesIsFound) {
-  auto add_range = [] { EXPECT_EQ(rpcport_add_range(40000, 40009, 2), 0); };
+  auto add_range = [] { EXPECT_EQ(rpcport_add_range(40000, 40002, 2), 0); };
   EXPECT_EQ(printed(8, add_range),
-            "kivtrap: Adding range 40000-40009 to \"reserved\" port type.\n");
+            "kivtrap: Adding range 40000-40002 to \"reserved\" port type.\n");
   EXPECT_EQ(rpcport_add_range(50000, 50000, kPortReserved), 0);
-  EXPECT_EQ(rpcport_count(kPortReserved), 11);
+  EXPECT_EQ(rpcport_count(kPortReserved), 4);
   EXPECT_THAT(debug_lines(3, kPortReserved, &kElsewhere),
               testing::EndsWith(", (errno 99) Cannot assign requested address\n"));
   std::set<int> found;
-  for (int i = 0; i < 11; ++i) found.insert(bind_new(kPortReserved));
-  EXPECT_THAT(found, testing::ElementsAre(40000, 40001, 40002, 40003, 40004, 40005, 40006, 40007,
-                                          40008, 40009, 50000));
+  for (int i = 0; i < 4; ++i) found.insert(bind_new(kPortReserved));
+  EXPECT_THAT(found, testing::ElementsAre(40000, 40001, 40002, 50000));
 }
 
 TEST_F(BindTest, AQuarterOfManyPortsIsTriedAtRandomBeforeAll) {

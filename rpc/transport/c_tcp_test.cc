@@ -64,22 +64,21 @@ class TcpTest : public ClientTest {
 
 TEST_F(TcpTest, WhatAnswersComeTo) {
   const struct {
-    const char* name;
     std::string header, body;  // before and behind the id of the reply
     bool closes;
     std::string outcome;
-  } rows[] = {{"a part of results", "8000001C", kAccepted + "0000", true, kReset},
-              {"late results", "8000001C", kAccepted + "0000", false, kTimedOut},
-              {"too few results", "80000018", kAccepted, false, "Can't decode result\n"},
-              {"too large a fragment", "7F7F7F7F", "", false, kReset},
-              {"too large a second one", "00000018", kAccepted + "7F7F7F7F", false, kReset},
-              {"a reply behind another, one cut off, an empty fragment and no reply",
-               "8000001C 00000000 00000001 00000000 00000002 00000004 61626364 00000000"
+  } rows[] = {{"8000001C", kAccepted + "0000", true, kReset},           // a part of results
+              {"8000001C", kAccepted + "0000", false, kTimedOut},       // late results
+              {"80000018", kAccepted, false, "Can't decode result\n"},  // none
+              {"7F7F7F7F", "", false, kReset},                          // too large a fragment
+              {"00000018", kAccepted + "7F7F7F7F", false, kReset},      // too large a second one
+              // a reply behind another, one cut off, an empty fragment and no reply
+              {"8000001C 00000000 00000001 00000000 00000002 00000004 61626364 00000000"
                "80000018 00000000 00000001 00000000 00000000 00000008 12345678 00000000"
                "80000004 00000000 8000001C",
                kAnswer, false, kSuccess}};
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
+    SCOPED_TRACE(row.header + row.body);
     serve([&row](RpcServer& peer) {
       peer.send(from_hex(row.header) + reply(peer.read_request(), row.body));
       if (!row.closes) stall(peer);
@@ -174,7 +173,7 @@ TEST_F(TcpTest, TheWaitFunctionIsAskedAtBothEndsOfATransfer) {
     EXPECT_EQ(call(), allowed < 4 ? kCancelled : kSuccess);
     EXPECT_EQ(calls_, std::min(allowed + 1, 4));
     control(CLSET_WAIT_FUNCTION, nullptr);
-    ASSERT_EQ(call(), kSuccess) << "usable after cancelling";
+    ASSERT_EQ(call(), kSuccess);  // usable after cancelling
   }
 }
 
@@ -190,7 +189,7 @@ TEST_F(TcpTest, AFailedWriteEndsTheConnection) {
     watch({0, 1000}, row.limit, row.allowed);
     EXPECT_EQ(send_much(), row.outcome);
     char byte = 0;
-    EXPECT_EQ(recv(socket_, &byte, 1, MSG_DONTWAIT), 0) << "the connection is shut down";
+    EXPECT_EQ(recv(socket_, &byte, 1, MSG_DONTWAIT), 0);  // the connection is shut down
     EXPECT_EQ(call(), kCannotSend + "Broken pipe\n");
   }
 }
@@ -199,7 +198,7 @@ TEST_F(TcpTest, OneWayCallsLeaveWithTheNextCall) {
   serve(always(kAnswer), 4000);
   refuse(writes, EIO);
   for (int i = 0; i < 2; ++i) EXPECT_EQ(call(nullptr, nullptr, nullptr, nullptr, kNone), kSuccess);
-  EXPECT_EQ(writes.left.exchange(0), 1) << "nothing was written";
+  EXPECT_EQ(writes.left.exchange(0), 1);  // nothing was written
   EXPECT_EQ(call(), kSuccess);
   EXPECT_EQ(server_->requests().size(), 3U);
 }
@@ -221,7 +220,7 @@ TEST_F(TcpTest, TheStreamIsAskedForOneCall) {
   }
   EXPECT_EQ(get<int32_t>(CLGET_ONE_CALL_ENABLED), 1);
   call();
-  EXPECT_THAT(asked, testing::ElementsAre(0, 1)) << "at its begin and end";
+  EXPECT_THAT(asked, testing::ElementsAre(0, 1));  // at its begin and end
 }
 
 TEST_F(TcpTest, WithoutALimitAWaitTakesADay) {
@@ -231,7 +230,7 @@ TEST_F(TcpTest, WithoutALimitAWaitTakesADay) {
   EXPECT_EQ(get<int32_t>(CLGET_WAIT_STATE), 2);
   watch(kNone, kShort);
   control(CLSET_WAIT_FUNCTION, nullptr);
-  EXPECT_TRUE(equal(get<rpc_wait>(CLGET_WAIT_FUNCTION).step, kShort)) << "a step is the limit";
+  EXPECT_TRUE(equal(get<rpc_wait>(CLGET_WAIT_FUNCTION).step, kShort));  // a step is the limit
 }
 
 TEST_F(TcpTest, ConnectingGoesOnAfterASignal) {
@@ -256,7 +255,7 @@ TEST_F(TcpTest, DestroyGivesAGivenSocketItsModeBack) {
   const int given = dup(socket_);
   create(kTcp, server_->port(), given);
   EXPECT_EQ(call(), kSuccess);
-  EXPECT_FALSE(blocks()) << "as its limit wants it";
+  EXPECT_FALSE(blocks());  // as its limit wants it
   destroy();
   EXPECT_TRUE(blocks());
   close(given);

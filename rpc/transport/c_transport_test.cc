@@ -5,8 +5,9 @@
 #include <unistd.h>
 
 #include "rpc/auth/a_none.h"
-#include "rpc/auth/auth.h"
+#include "rpc/auth/auth_choice.h"
 #include "rpc/transport/brsvport.h"
+#include "rpc/transport/common.h"
 #include "tests/fakes.h"
 #include "tests/rpc_client.h"
 #include "tests/work.h"
@@ -102,7 +103,6 @@ TEST_P(TransportTest, KnowsItsControlRequests) {
 
 TEST_P(TransportTest, RefreshAndFallback) {
   const struct {
-    const char* name;
     int32_t flavour;
     std::string answer;
     int refreshes;
@@ -110,15 +110,15 @@ TEST_P(TransportTest, RefreshAndFallback) {
     int32_t after;  // the flavour; -1: no authentication
     bool confirmed = false;
     uint32_t allowed = kAuthMethodsDefault;  // only TCP has it
-  } rows[] = {{"two at most", 99, kTooWeak, 9, 3, 99},
-              {"system to none", kAuthSystem, kRejected, 9, 2, kAuthNone},
-              {"confirmed", kAuthSystem, kRejected, 1, 2, kAuthSystem, true},
-              {"version 2", kAuthSystem, kVersion2, 0, 2, kAuthNone},
-              {"from 6 down", 6, kRejected, 0, 3, kAuthNone},
-              {"only system", kAuthSystem, kRejected, 9, 1, -1, false, kAuthMethodsSystem}};
+  } rows[] = {{99, kTooWeak, 9, 3, 99},      // two refreshes at most
+              {kAuthSystem, kRejected, 9, 2, kAuthNone},
+              {kAuthSystem, kRejected, 1, 2, kAuthSystem, true},
+              {kAuthSystem, kVersion2, 0, 2, kAuthNone},
+              {6, kRejected, 0, 3, kAuthNone},  // by way of system
+              {kAuthSystem, kRejected, 9, 1, -1, false, kAuthMethodsSystem}};
   for (auto row : rows) {
     if (!is_tcp() && row.allowed != kAuthMethodsDefault) continue;
-    SCOPED_TRACE(row.name);
+    SCOPED_TRACE(row.sent);
     ScriptedAuth auth(row.refreshes, row.flavour);
     serve(row.answer, &auth);
     EXPECT_EQ(control(CLSET_AUTH_METHODS, &row.allowed), is_tcp());
@@ -143,9 +143,10 @@ TEST_P(TransportTest, ARefreshThatIsDueComesBeforeTheCall) {
   auth.ops.needs_refresh = [](AUTH*, bool, CLIENT*) { return true; };
   serve(kAnswer, &auth);
   EXPECT_EQ(call(), kSuccess);
-  EXPECT_EQ(call(), kSuccess) << "the status of the call before";
-  EXPECT_EQ(sent(), 1U) << "without a refresh nothing is sent";
+  EXPECT_EQ(call(), kSuccess);  // the status of the call before
+  EXPECT_EQ(sent(), 1U);        // without a refresh nothing is sent
   client_->auth = nullptr;
+  EXPECT_FALSE(authfallback(client_));
   EXPECT_EQ(call(), "Authentication error; why = Failed (unspecified error)\n");
 }
 
@@ -155,8 +156,8 @@ TEST_P(TransportTest, FiltersThatFail) {
   EXPECT_EQ(call(only_free, nullptr, nullptr, nullptr), "RPC cannot encode arguments\n");
   EXPECT_EQ(call(nullptr, nullptr, only_free, nullptr), "Can't decode result\n");
   EXPECT_TRUE(client_->ops->freeres(client_, only_free, nullptr));
-  EXPECT_EQ(call(), kSuccess) << "a reply to what was encoded is dropped";
-  EXPECT_EQ(sent(), is_tcp() ? 3U : 2U) << "over TCP what was encoded ended its record";
+  EXPECT_EQ(call(), kSuccess);            // a reply to what was encoded is dropped
+  EXPECT_EQ(sent(), is_tcp() ? 3U : 2U);  // over TCP what was encoded ended its record
 }
 
 TEST_P(TransportTest, PassingFailuresNeitherEndNorRepeatACall) {
@@ -193,20 +194,24 @@ TEST_P(TransportTest, DestroyClosesASocketOfItsOwn) {
   }
 }
 
-TEST_P(TransportTest, CreationWithoutMemoryLeavesNoSocket) {
+TEST_P(TransportTest, CreationWithoutMemoryLeavesNothing) {
   const int next = dup(0);
   close(next);
   serve();
+  destroy();
+  const long before = pieces_held();
   refuse_each_allocation([this](const FailingMalloc& memory) {
     const std::string reason = create(server_->port());
     EXPECT_EQ(reason, memory.failed() ? kSystemError + "Cannot allocate memory\n" : "");
   });
   TearDown();
+  EXPECT_EQ(pieces_held(), before);
   EXPECT_EQ(dup(0), next);
   close(next);
 }
 
 TEST_P(TransportTest, CreationFailsWithoutADescriptor) {
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(__brix_rpc_dtablesize(), std::min(getdtablesize(), 65536));
   EXPECT_EQ(create(kNobody, 65536), kSystemError + "Too many open files\n");
   const DescriptorLimit none(0);
   EXPECT_EQ(create(), kSystemError + "Too many open files\n");
@@ -240,7 +245,7 @@ TEST_F(UdpTest, DatagramsThatAreNotTheReplyAreDropped) {
     peer.answer("");
   });
   EXPECT_EQ(call(), kSuccess);
-  EXPECT_EQ(call(), kSuccess) << "what comes first is dropped";
+  EXPECT_EQ(call(), kSuccess);  // what comes first is dropped
   EXPECT_EQ(result_, 42);
   errno = EIO;
   EXPECT_EQ(call(), "Can't decode result\n");
@@ -249,10 +254,11 @@ TEST_F(UdpTest, DatagramsThatAreNotTheReplyAreDropped) {
 
 TEST_F(UdpTest, ACallWaitsForEveryIntervalBelowTheLimit) {
   serve(kUdp, [](RpcServer&) {});
+  EXPECT_TRUE(equal(get<timeval>(CLGET_TIMEOUT), {-1, -1}));  // each call says its own
   const struct {
     timeval interval, limit;
     int waits;
-  } rows[] = {{{5, 0}, {25, 0}, 5}, {{1, 600000}, {3, 200001}, 3}, {{7, 0}, {0, 0}, 0}};
+  } rows[] = {{{5, 0}, {25, 0}, 5}, {{0, 1600000}, {3, 200001}, 3}, {{7, 0}, {0, 0}, 0}};
   for (auto row : rows) {
     control(CLSET_RETRY_TIMEOUT, &row.interval);
     control(CLSET_TIMEOUT, &row.limit);

@@ -29,8 +29,8 @@ int rpc_wait_for(int descriptor, int events, const timeval* time) {
   }
   pollfd polled = {descriptor, static_cast<short>(events), 0};
   const int ready = ppoll(&polled, 1, time != nullptr ? &limit : nullptr, nullptr);
-  if (ready <= 0) return ready;
-  if ((polled.revents & POLLNVAL) == 0) return polled.revents;
+  if (ready == -1) return ready;
+  if ((polled.revents & POLLNVAL) == 0) return polled.revents;  // none when the time is up
   errno = EBADF;
   return -1;
 }

@@ -210,7 +210,7 @@ size_t write_all(Transfer* transfer, const iovec* buffers) {
     message.msg_iov = pieces;
     message.msg_iovlen = pieces_left(pieces, done, buffers);
     const ssize_t written = sendmsg(transfer->record->socket, &message, MSG_NOSIGNAL);
-    if (written >= 0) {
+    if (written != -1) {
       done += static_cast<size_t>(written);
       transfer->elapsed = {};  // a peer that takes bytes is waited for anew
     } else if (!may_retry(transfer)) {

@@ -24,7 +24,7 @@ TEST(IoSwitches, AreLookedUpWithTheEffectiveRights) {
     _exit(rpc_get_io_switches().scatter_reads ? 1 : 0);
   };
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(scatter_reads(), testing::ExitedWithCode(1), "") << "a directory of root alone";
+  EXPECT_EXIT(scatter_reads(), testing::ExitedWithCode(1), "");  // a directory of root alone
   ASSERT_EQ(chmod(directory.path().c_str(), 0755), 0);
   EXPECT_EXIT(scatter_reads(), testing::ExitedWithCode(0), "");
 }

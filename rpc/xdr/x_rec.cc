@@ -317,8 +317,7 @@ bool rec_set_position(XDR* xdrs, uint32_t wanted) {
 
 uint8_t* rec_get_inline(XDR* xdrs, int32_t length) {
   RecordStream* stream = stream_of(xdrs);
-  if (length < 0) return nullptr;
-  auto bytes = static_cast<uint32_t>(length);
+  const auto bytes = static_cast<uint32_t>(length);  // a negative one is more than any buffer has
   if (xdrs->operation == xdr_op::kEncode) {
     bool fits = bytes <= stream->out_size - stream->out_next;
     if (!fits || stream->out_next % kXdrUnit != 0) return nullptr;
