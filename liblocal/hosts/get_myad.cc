@@ -94,12 +94,13 @@ InterfaceList set_ifconf_buffer(int socket) {
   }
 }
 
-// The flags of an interface, from the record that names it; -1 with `errno` set on
-// failure.
-int flags_of(int socket, const ifreq& record) {
+// The flags of an interface, from the record that names it; none on failure, which is printed
+// where `what` is given.
+int flags_of(int socket, const ifreq& record, const char* what = nullptr) {
   ifreq request = record;
-  if (ioctl(socket, SIOCGIFFLAGS, &request) < 0) return -1;
-  return static_cast<unsigned short>(request.ifr_flags);
+  if (ioctl(socket, SIOCGIFFLAGS, &request) == 0) return request.ifr_flags;
+  if (what != nullptr) print_system_error(what);
+  return 0;
 }
 
 sockaddr_in address_of(const ifreq& record) {
@@ -126,8 +127,7 @@ int32_t rebuild_table() {
   int32_t count = 0;
   for (const ifreq& record : list.all()) {
     if (record.ifr_addr.sa_family == AF_UNSPEC) continue;
-    int flags = flags_of(any.descriptor(), record);
-    if (flags < 0 || (flags & IFF_UP) == 0) continue;
+    if ((flags_of(any.descriptor(), record) & IFF_UP) == 0) continue;
     addresses[count++] = address_of(record);
   }
   std::fill(addresses + count, std::end(addresses), sockaddr_in{});
@@ -173,9 +173,8 @@ void __brix_get_myaddress(sockaddr_in* address) {
   }
   for (const ifreq& record : list.all()) {
     if (record.ifr_addr.sa_family != AF_INET) continue;
-    int flags = flags_of(any.descriptor(), record);
-    if (flags < 0) print_system_error("get_myaddress: flags ioctl");
-    if (flags < 0 || (flags & IFF_UP) == 0) continue;
+    const int flags = flags_of(any.descriptor(), record, "get_myaddress: flags ioctl");
+    if ((flags & IFF_UP) == 0) continue;
     *address = address_of(record);
     if ((flags & IFF_LOOPBACK) == 0) return;
   }

@@ -1,4 +1,4 @@
-// The cache of hosts by itself. names_test.cc has the caches of the resolver and the clients.
+// The cache of hosts by itself. hosts_test.cc has the caches of the resolver and the clients.
 #include "liblocal/hosts/hostlist_cache.h"
 
 #include <cerrno>

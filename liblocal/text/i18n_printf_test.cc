@@ -64,12 +64,10 @@ TEST(Format, PositionsOfArguments) {
   EXPECT_EQ(formatted("%2$s %s %1$d", 1, "two", "three"), "two three 1");
   EXPECT_EQ(formatted("%2$*1$s|%3$*s", 3, "日", 2, "x"), " 日| x");
   EXPECT_EQ(formatted("%3$s", 1, 2, "c"), "c");  // the skipped ones are integers
-  EXPECT_EQ(formatted("%256$s|%s|%99999999999999999999$d|%0$d", 7), "null|null|0|0");
-}
-
-TEST(Format, AnArgumentHasTheTypeOfItsLastUse) {
+  // One that is used twice has the type of its last use.
   EXPECT_EQ(formatted("%1$s %1$d %1$ld", int64_t{5}), "null 5 5");
   EXPECT_EQ(formatted("%2$f %2$d %1$Lf %1$f", 0.5, 3), "0.000000 3 0.000000 0.500000");
+  EXPECT_EQ(formatted("%256$s|%s|%99999999999999999999$d|%0$d", 7), "null|null|0|0");
 }
 
 TEST(Format, UnfinishedAndUnknownConversions) {

@@ -85,12 +85,9 @@ TEST(Utf8Wide, AreasHoldWholeCharacters) {
   EXPECT_STREQ(wide, L"a?");
 }
 
-TEST(Utf8Wide, WholeStrings) {
+TEST(Utf8Wide, WholeStringsAndNulls) {
   EXPECT_STREQ(c_unique_ptr<char>(wcs_to_utf8(L"\x7FFFFFFF")).get(), "\xFD\xBF\xBF\xBF\xBF\xBF");
   EXPECT_STREQ(c_unique_ptr<wchar_t>(utf8_to_wcs("ab")).get(), L"ab");
-}
-
-TEST(Utf8Wide, NullsAndNoRoom) {
   wchar_t wide = L'!';
   EXPECT_EQ(utf8_mbstowcs(nullptr, "a", 2), 0U);
   EXPECT_EQ(utf8_mbstowcs(&wide, nullptr, 1), 0U);
