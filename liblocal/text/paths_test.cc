@@ -9,7 +9,6 @@
 
 #include "liblocal/base/c_memory.h"
 #include "liblocal/base/vx_error.h"
-#include "liblocal/messages/progname.h"
 #include "liblocal/text/utf8.h"
 #include "liblocal/text/utf8_files.h"
 #include "liblocal/text/vxpath.h"
@@ -108,13 +107,6 @@ TEST(Vxpath, JoinsPaths) {
   EXPECT_STREQ(c_unique_ptr<char>(path_concat("/kiv", nullptr)).get(), "/kiv/");
   EXPECT_STREQ(c_unique_ptr<char>(path_concat(nullptr, "tmp")).get(), "./tmp");
   EXPECT_EQ(path_concat(nullptr, nullptr), nullptr);
-}
-
-TEST(Progname, IsTheBaseNameUpToItsFirstDot) {
-  char buffer[64];
-  vx_set_progname("/opt/x.y/bin/KivTrap.Exe");
-  vx_set_progname("");
-  EXPECT_STREQ(vx_get_progname(buffer, sizeof buffer), "kivtrap");
 }
 
 }  // namespace

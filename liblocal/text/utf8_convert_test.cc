@@ -88,14 +88,6 @@ TEST(Utf8Convert, CutsToTheArea) {
   }
 }
 
-TEST(Utf8Convert, Nulls) {
-  char area[] = "!";
-  EXPECT_EQ(ansi_mbs(nullptr, "a", 2), 0U);
-  EXPECT_EQ(ansi_mbs(area, nullptr, 2), 0U);
-  EXPECT_STREQ(area, "");
-  EXPECT_EQ(ansi_mbslen(nullptr), 0);
-}
-
 TEST(Utf8Convert, PlainTextOpensNoConverter) {
   fakes::codeset = "none that there is";
   EXPECT_EQ(in("plain }\t\r") + out("plain\\~ \xEF\xA3\xA9"), "plain }\t\rplain\\~ \xE9");
@@ -144,7 +136,7 @@ TEST(Utf8Convert, TimesInTheWordsOfTheLocale) {
   in_locale("ISO-8859-15", in_german, "de_DE");
 }
 
-TEST(Utf8Convert, TextOfThePlatform) {
+TEST(Utf8Convert, TextOfThePlatformAndNulls) {
   in_locale("EUC-JP", [] {
     EXPECT_EQ(ansi_mbslen("a\xC6"), -1);
     EXPECT_EQ(ansi_mbslen("a\xC6\xFC"), 2);
@@ -152,6 +144,10 @@ TEST(Utf8Convert, TextOfThePlatform) {
     EXPECT_EQ(vx_utf8tombts(output, "a日", sizeof output), 1);
     EXPECT_STREQ(output, "a\xEF\xA3\x86\xEF\xA3\xBC");
     EXPECT_EQ(vx_utf8tombts(output, "", sizeof output), 0);
+    EXPECT_EQ(ansi_mbslen(nullptr), 0);
+    EXPECT_EQ(ansi_mbs(nullptr, "a", 2), 0U);
+    EXPECT_EQ(ansi_mbs(output, nullptr, 2), 0U);
+    EXPECT_STREQ(output, "");
   });
 }
 
