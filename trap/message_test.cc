@@ -1,7 +1,7 @@
 #include "trap/message.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -87,12 +87,8 @@ TEST(DeliverTrap, FailsWithoutMemoryAndSendsNothing) {
   const machine::UdpReceiver station(162);
   const TrapOptions options = {"public", "1", "1", nullptr, "127.0.0.1"};
   fakes::refuse_each_allocation([&](const fakes::FailingMalloc& failing) {
-    testing::internal::CaptureStdout();
     const int status = deliver_trap(options, "10.0.0.1", "disk full");
     EXPECT_EQ(status, failing.failed() ? 1 : 0);
-    // Only opening the session reports a failure.
-    EXPECT_THAT(testing::internal::GetCapturedStdout(),
-                testing::AnyOf("", "[41.27] Couldn't open snmp\n"));
     EXPECT_EQ(station.receive_now().empty(), failing.failed());
   });
 }
