@@ -1,4 +1,4 @@
-// Locales, message catalogs and directories for tests.
+// Locales and directories for tests.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -6,7 +6,6 @@
 #include <clocale>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <iostream>
 #include <string>
@@ -25,12 +24,6 @@ class TemporaryDirectory {
   char name_[32] = "/tmp/kiv-test-XXXXXX";
   const std::string path_;
 };
-
-/// Compiles the message catalog `path` from its source text.
-inline void compile_catalog(const std::string& path, const std::string& messages) {
-  std::ofstream(path + ".source") << messages;
-  EXPECT_EQ(system(("gencat " + path + " " + path + ".source").c_str()), 0);
-}
 
 /// Whether the locales of tests, SOURCE.CODESET in the directory KIV_LOCALES, could not be made;
 /// then the running test is skipped, and in CI it fails.
