@@ -6,6 +6,7 @@
 #include "rpc/handle/rpcvarp.h"
 #include "tests/fakes.h"
 #include "tests/rpc_client.h"
+#include "tests/work.h"
 
 namespace {
 
@@ -48,6 +49,21 @@ TEST_F(CreateTest, OverUdp) {
   expect_server(4711);
   EXPECT_TRUE(equal(get<timeval>(CLGET_TIMEOUT), {25, 0}));
   EXPECT_TRUE(equal(get<timeval>(CLGET_RETRY_TIMEOUT), {5, 0}));
+}
+
+TEST_F(CreateTest, DebugLines) {
+  auto lines = [](int level, const char* transport) {
+    return printed(level, [=] {
+      CLIENT* client = __brix_clnt_create(nullptr, 5, 6, transport);
+      client->ops->destroy(client);
+    });
+  };
+  const std::string udp = "kivtrap: Calling clntudp_create function\n";
+  const std::string tcp = "kivtrap: Calling clnttcp_create function\n";
+  const std::string methods = "kivtrap: Auth methods not set, using default\n";
+  EXPECT_EQ(lines(3, "udp"), udp + udp);  // the port mapper's client and this one
+  EXPECT_EQ(lines(3, "tcp"), tcp + tcp + methods + methods);
+  EXPECT_EQ(lines(1, "tcp"), methods + methods);
 }
 
 TEST_F(CreateTest, ThisHostIsAskedOverLoopback) {

@@ -1,7 +1,6 @@
 // What the calling thread keeps for the RPC runtime, and the texts of failures.
 #include <gmock/gmock.h>
 
-#include <cerrno>
 #include <thread>
 
 #include "rpc/handle/c_perror.h"

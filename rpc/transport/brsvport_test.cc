@@ -3,9 +3,7 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <set>
-#include <vector>
 
 #include "tests/fakes.h"
 #include "tests/machine.h"

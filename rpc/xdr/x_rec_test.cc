@@ -2,8 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <vector>
-
 #include "tests/rpc_server.h"
 #include "tests/work.h"
 #include "tests/xdr_streams.h"
