@@ -135,22 +135,17 @@ TEST(SnmpMessage, WithAMalformedValueItIsMangled) {
   }
 }
 
-// The trap with `added` to its byte at `place`.
-void expect_mangled_with(size_t place, int added) {
-  SCOPED_TRACE(place);
-  std::string changed = kTrap;
-  changed[place] = static_cast<char>(changed[place] + added);
-  expect_mangled(changed);
-}
-
-TEST(SnmpMessage, WithAWrongTagItIsMangled) {
+TEST(SnmpMessage, WithAWrongTagOrLengthItIsMangled) {
+  auto expect_mangled_with = [](size_t place, int added) {
+    SCOPED_TRACE(place);
+    std::string changed = kTrap;
+    changed[place] = static_cast<char>(changed[place] + added);
+    expect_mangled(changed);
+  };
   for (size_t tag : {0U, 2U, 5U, 13U, 15U, 24U, 30U, 33U, 36U, 40U, 42U, 44U}) {
     expect_mangled_with(tag, 1);
   }
-}
-
-TEST(SnmpMessage, WithAnItemThatIsLongerThanItsContentsOrShorterItIsMangled) {
-  for (size_t length : {1U, 14U, 41U, 43U}) {
+  for (size_t length : {1U, 14U, 41U, 43U}) {  // of items that hold others
     expect_mangled_with(length, 1);
     expect_mangled_with(length, -1);
   }
