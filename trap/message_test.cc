@@ -37,12 +37,12 @@ TEST(WrapLine, BreaksAtTheLastWhiteSpaceUpToThe42ndByte) {
   }
 }
 
-// Reads the next of several texts; a null one interrupts the call, as a signal does.
+// Reads the next of several texts; a null one interrupts the call, as a signal does. Also behind
+// other reads errno is the one of a signal.
 ssize_t read_next(void* texts, char* buffer, size_t /*size*/) {
   const char* text = *(*static_cast<const char***>(texts))++;
-  if (text != nullptr) return stpcpy(buffer, text) - buffer;
   errno = EINTR;
-  return -1;
+  return text != nullptr ? stpcpy(buffer, text) - buffer : -1;
 }
 
 TEST(ReadMessage, AnInterruptedReadLosesNoText) {
