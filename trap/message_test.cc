@@ -46,7 +46,7 @@ ssize_t read_next(void* texts, char* buffer, size_t /*size*/) {
 }
 
 TEST(ReadMessage, AnInterruptedReadLosesNoText) {
-  const char* texts[] = {nullptr, "disk ", nullptr, "full\n", ""};
+  const char* texts[] = {nullptr, "disk ", nullptr, "full\n", nullptr, "more\n", ""};
   const char** next = texts;
   FILE* source = fopencookie(&next, "r", {read_next, nullptr, nullptr, nullptr});
   source->_fileno = 100;  // such a stream has no descriptor, which a mark needs
