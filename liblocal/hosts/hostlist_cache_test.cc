@@ -45,7 +45,7 @@ class HostlistCache : public testing::Test {
   const long held_ = fakes::pieces_held();
 };
 
-TEST_F(HostlistCache, DropsAHostThatLosesANameButNotTheLocalHost) {
+TEST_F(HostlistCache, DropsAHostThatLosesAName) {
   const host_entry* local = cache.local_host = add("local", 1, "own");
   add("a", 1, "shared");
   const host_entry* b = add("b", 1, "shared");
@@ -58,7 +58,7 @@ TEST_F(HostlistCache, DropsAHostThatLosesANameButNotTheLocalHost) {
   EXPECT_EQ(cache.stale_count, 0);  // a stale entry is used again
 }
 
-TEST_F(HostlistCache, EvictsExpiredHostsAndThenOthersInOrder) {
+TEST_F(HostlistCache, EvictsExpiredHostsFirst) {
   for (int i = 10; i < 39; ++i) add("h" + std::to_string(i), svc_time() + 9);
   cache.table[0]->state = HOST_PINNED;
   cache.local_host = cache.table[2];
@@ -80,7 +80,7 @@ TEST_F(HostlistCache, RefusesAHostWhenNoneMayBeEvicted) {
   EXPECT_NE(add("new"), nullptr);
 }
 
-TEST_F(HostlistCache, TakesALargerMaximumFromTheEnvironment) {
+TEST_F(HostlistCache, TakesALargerMaximum) {
   setenv(kSmall.variable, "2147483647", 1);
   add("a");
   unsetenv(kSmall.variable);

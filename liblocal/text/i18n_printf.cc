@@ -137,8 +137,7 @@ bool print_text(Output* output, const I18nConversion& conversion) {
     part.bytes = strlen(text);
     if (width > 0) part.columns = utf8_ttystrlen(text);
   }
-  const size_t flags = conversion.flag_count;
-  const bool fill_behind = flags > 0 && conversion.flags[flags - 1] == '-';
+  const bool fill_behind = std::string_view(conversion.flags, conversion.flag_count).ends_with('-');
   return append_padded(output, {text, part.bytes}, part.columns, width, fill_behind);
 }
 

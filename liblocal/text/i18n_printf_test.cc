@@ -53,7 +53,7 @@ TEST(Format, TextsAreMeasuredInColumns) {
   EXPECT_EQ(formatted("%04s|%0-4s|%.2s|%1s%1s", "a", "a", absent, "", "a"), "   a|a   |nu| a");
 }
 
-TEST(Format, ATextIsReadNoFurtherThanItsPrecision) {
+TEST(Format, ATextIsReadToItsPrecision) {
   const char unterminated[] = {'a', 'b', 'c'};
   EXPECT_EQ(formatted("%.3s", unterminated), "abc");
   // Characters that the end of the text cuts off.
@@ -77,7 +77,7 @@ TEST(Format, UnfinishedAndUnknownConversions) {
   EXPECT_EQ(formatted("%y %5%d", 1, 2), "%y %d");
 }
 
-TEST(Format, NothingIsReadOrWrittenThroughWhatIsNoPointer) {
+TEST(Format, WhatIsNoPointerIsNotFollowed) {
   int count = 5;
   EXPECT_EQ(formatted("%n%ln|%d", 1, &count, 3), "|3");
   EXPECT_EQ(count, 5);

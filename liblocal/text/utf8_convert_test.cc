@@ -41,8 +41,7 @@ TEST(Utf8Convert, ByLocale) {
       {"EUC-JISX0213", "\xC6\xFC a\x8E\xB1\xA4\xF7\\~\xA4\xAB", "日 aｱか゚\\~か", "a\xFF\xC6", "a??"},
       {"SHIFT_JIS", "\x93\xFA\x96{a\xB1", "日本aｱ", "~\x93\xFA\x5C\x7E\xFFz", "‾日¥‾?z"},
       {"TCVN5712-1", "Vi\xD6t e", "Việt e", "\x01", "Ú"},
-      {"UTF-8", "日本 é", "日本 é", "\xFF\xC3", "\xFF\xC3"},
-  };
+      {"UTF-8", "日本 é", "日本 é", "\xFF\xC3", "\xFF\xC3"}};
   for (const auto& on : cases) {
     in_locale(on.codeset, [&] {
       EXPECT_EQ(in(on.ansi), on.utf8);
@@ -76,8 +75,7 @@ TEST(Utf8Convert, CutsToTheArea) {
       {"EUC-JISX0213", ansi_mbs, "かz", 2, 2, ""},  // か may combine, and is forgotten
       {"EUC-JISX0213", ansi_mbs, "丂한q", 5, 4, "\x8F\xA1\xA2?"},
       {"UTF-8", utf8_mbs, "a\xE6\x97\xE6\x97\xA5", 3, 2, "a\xE6"},
-      {"UTF-8", ansi_mbs, "日本", 6, 6, "日"},  // it would fill the last byte
-  };
+      {"UTF-8", ansi_mbs, "日本", 6, 6, "日"}};
   for (const std::string codeset : {"", "EUC-JISX0213", "UTF-8"}) {
     in_locale(codeset, [&] {
       for (const Row& row : rows) {
