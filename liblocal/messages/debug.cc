@@ -82,7 +82,7 @@ void dfopen(const char* path) {
   close_debug_file();
   FILE* file = utf8_fopen(path, "ae");
   if (file != nullptr) {
-    setvbuf(file, nullptr, _IONBF, 0);
+    setbuf(file, nullptr);
     lines_descriptor = fileno(file);
     debug_file = file;
   }

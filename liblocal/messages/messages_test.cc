@@ -15,7 +15,6 @@
 #include "liblocal/messages/print.h"
 #include "tests/fakes.h"
 #include "tests/locales.h"
-#include "tests/machine.h"
 #include "tests/work.h"
 
 // Some formats here are of the runtime's formatter alone.
@@ -221,7 +220,6 @@ TEST(ErrSet, TakesSeverityAndTextFromTheTables) {
   expect_record(err_set(2, 123005), 23005, "Timed out");
   expect_record(err_set(2, -1), 19999, "Unknown error");
   expect_record(err_set(9, 3), 94003, "Invalid or NULL session channel");
-  expect_record(err_set(11, 1), 110001, "Unknown error");
 }
 
 TEST(ErrTables, KnowTheSeverityOfEveryCode) {

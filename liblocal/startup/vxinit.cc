@@ -36,7 +36,7 @@ void set_up_process(const char* name, char** argv) {
   init_locales(name, "");
   regevent_setup();
   if (argv != nullptr) vx_find_installdir(argv[0]);
-  _vx_print_uids(vxgetenv("KIV_PRINT_UIDS") != nullptr ? 1 : 0);
+  _vx_print_uids(vxgetenv("KIV_PRINT_UIDS") != nullptr);
   set_nonprivileged();
   name_debug_command_file(name);
 }

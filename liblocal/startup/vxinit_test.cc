@@ -1,12 +1,10 @@
 // The start of a program, each time in a process of its own.
 #include "liblocal/startup/vxinit.h"
 
-#include <getopt.h>
 #include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <filesystem>
 
 #include "liblocal/startup/dbgsignl.h"
 #include "liblocal/startup/find_origin.h"
@@ -14,7 +12,6 @@
 #include "liblocal/startup/vxids.h"
 #include "tests/fakes.h"
 #include "tests/locales.h"
-#include "tests/machine.h"
 #include "tests/work.h"
 
 extern std::atomic<int> waits_for_debugger;  // dbgsignl_test.cc
