@@ -75,8 +75,7 @@ c_unique_ptr<char> read_message(FILE* source, bool wrap) {
 }
 
 void wrap_line(const char* line, char* wrapped) {
-  size_t length = strlen(line);
-  memcpy(wrapped, line, length + 1);
+  const auto length = static_cast<size_t>(stpcpy(wrapped, line) - wrapped);
   size_t start = 0;
   while (length - start > kWrapColumn) {
     size_t at = find_break(line, length, start);

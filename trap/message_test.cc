@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "liblocal/text/utf8.h"
+#include "snmp/snmp_api.h"
 #include "tests/fakes.h"
 #include "tests/locales.h"
 #include "tests/machine.h"
@@ -80,6 +81,20 @@ TEST(ReadMessage, WithoutMemoryForALineTheNextOneIsTheMessage) {
   const fakes::FailingMalloc failing(0, 1);
   EXPECT_STREQ(read_message(source, false).get(), "line 2");
   EXPECT_EQ(fcntl(descriptor, F_GETFD), -1) << "not closed";
+}
+
+TEST(ParseCommandLine, SetsAndCountsFlags) {
+  auto parse = [](std::vector<std::string> words) {
+    std::vector<char*> argv;
+    for (std::string& word : words) argv.push_back(word.data());
+    (void)parse_command_line(static_cast<int>(argv.size()), argv.data());
+  };
+  parse({"kivtrap", "-d", "-d", "-u", "x", "-v", "manager"});
+  EXPECT_EQ(snmp_dump_uptime, 1);
+  EXPECT_EQ(Verbose, 1);
+  parse({"kivtrap", "manager", "-d"});
+  EXPECT_EQ(snmp_dump_packet, 3);
+  snmp_dump_packet = snmp_dump_uptime = Verbose = 0;
 }
 
 TEST(DeliverTrap, FailsWithoutMemoryAndSendsNothing) {
