@@ -19,12 +19,10 @@ enum Transport { kUdp, kTcp };
 // What calls come to, and why no client is made.
 const std::string kSuccess = "Success\n";
 const std::string kTimedOut = "Timed out\n";
-const std::string kCannotSend =
-    "RPC send operation failed.  A network connection could not be established with the host."
-    "; errno = ";
-const std::string kCannotReceive =
-    "RPC receive operation failed.  A network connection could not be established with the host."
-    "; errno = ";
+const std::string kFailed =
+    " operation failed.  A network connection could not be established with the host.; errno = ";
+const std::string kCannotSend = "RPC send" + kFailed;
+const std::string kCannotReceive = "RPC receive" + kFailed;
 const std::string kSystemError = "Remote system error - ";
 
 inline sockaddr_in loopback(uint16_t port) {

@@ -1,7 +1,6 @@
 #include "tests/rpc_server.h"
 
 #include <arpa/inet.h>
-#include <netinet/tcp.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -39,8 +38,6 @@ RpcServer::~RpcServer() {
 
 void RpcServer::serve(const Conversation& conversation) {
   for (int next; (next = accept(socket_, nullptr, nullptr)) >= 0;) {
-    const int on = 1;  // small pieces leave as they come
-    setsockopt(next, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     {
       std::lock_guard lock(mutex_);
       connection_ = next;

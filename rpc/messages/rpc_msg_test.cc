@@ -47,6 +47,7 @@ TEST(RpcMessage, BoundsAuthBodies) {
 }
 
 TEST(RpcMessage, SaysWhatAReplyMeans) {
+  constexpr char kFailed[] = "Failed (unspecified error)\n";
   const std::string accepted = "0000000000000002000000050102030405000000";
   const struct {
     std::string hex;  // behind the transaction and the direction
@@ -59,14 +60,14 @@ TEST(RpcMessage, SaysWhatAReplyMeans) {
               {accepted + "00000003", true, "RPC server is unavailable\n"},
               {accepted + "00000004", true, "Server can't decode arguments\n"},
               {accepted + "00000005", true, "Remote system error\n"},
-              {accepted + "00000006", true, "Failed (unspecified error)\n"},
-              {accepted + "FFFFFFFF", true, "Failed (unspecified error)\n"},
+              {accepted + "00000006", true, kFailed},
+              {accepted + "FFFFFFFF", true, kFailed},
               {"00000001000000000000000200000003", true,
                "Incompatible versions of RPC; low version = 2, high version = 3\n"},
               {"000000010000000100000009", true,
                "Authentication error; why = (unknown authentication error - 9)\n"},
-              {"0000000100000002", false, "Failed (unspecified error)\n"},
-              {"00000002", false, "Failed (unspecified error)\n"}};
+              {"0000000100000002", false, kFailed},
+              {"00000002", false, kFailed}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.hex);
     const std::string hex = "0000000900000001" + row.hex;

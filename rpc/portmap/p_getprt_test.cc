@@ -97,7 +97,7 @@ TEST_F(PortTest, GroupsOfTheEnvironment) {
   }
 }
 
-TEST_F(PortTest, OnlyTheRuntimesOwnServicesAreKept) {
+TEST_F(PortTest, OnlyTheRuntimesOwnServicesAreKeptUnlessCachesAreOff) {
   for (unsigned long program = 390100; program < 390120; ++program) {
     populate_pmaps(program, 2, IPPROTO_TCP, 9, 0);
     populate_pmaps(program, 3, IPPROTO_UDP, 9, 1);
@@ -108,10 +108,6 @@ TEST_F(PortTest, OnlyTheRuntimesOwnServicesAreKept) {
   EXPECT_STREQ(getenv(kVariable),
                "{390113,2,6,9}{390110,2,6,9}{390109,2,6,9}{390107,2,6,9}{390105,2,6,14}"
                "{390103,2,6,9}");
-}
-
-TEST_F(PortTest, NothingIsKeptOnceCachesAreOff) {
-  populate_pmaps(kService, 2, IPPROTO_TCP, 9, 0);
   disable_cacheable_pmap();
   EXPECT_EQ(pmap_cached_port(kService, 2, IPPROTO_TCP), 0U);
   EXPECT_FALSE(pmap_is_cacheable(kService, IPPROTO_TCP));
