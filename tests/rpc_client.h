@@ -34,6 +34,8 @@ inline bool equal(timeval left, timeval right) { return timercmp(&left, &right, 
 /// Tests of a client, and mostly of its server.
 class ClientTest : public testing::Test {
  protected:
+  ClientTest() { (void)__brix_clnt_spcreateerror(nullptr); }  // makes what is kept for texts
+
   void TearDown() override {
     destroy();
     server_.reset();

@@ -221,6 +221,7 @@ TEST_F(TcpTest, TheStreamIsAskedForOneCall) {
   EXPECT_EQ(get<int32_t>(CLGET_ONE_CALL_ENABLED), 1);
   call();
   EXPECT_THAT(asked, testing::ElementsAre(0, 1));  // at its begin and end
+  destroy();                                       // while the operations are there
 }
 
 TEST_F(TcpTest, WithoutALimitAWaitTakesADay) {
