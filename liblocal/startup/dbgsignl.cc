@@ -49,7 +49,8 @@ class SignalLine {
   void send() const { [[maybe_unused]] ssize_t result = write(debug_descriptor(), text_, length_); }
 
  private:
-  char text_[kMessagePrefixSize + kDebugCommandLimit + 128];  // one command has name and value
+  // Beside one command's name and value: a handler's prefix is much shorter than the longest.
+  char text_[kMessagePrefixSize + kDebugCommandLimit];
   size_t length_;
 };
 

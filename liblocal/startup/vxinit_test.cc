@@ -1,14 +1,19 @@
-// The start of a program, each time in a process of its own.
+// The environment in UTF-8, where the plain locale is Latin-1, and the start of a program, each
+// time in a process of its own.
 #include "liblocal/startup/vxinit.h"
 
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 
+#include "liblocal/base/c_memory.h"
+#include "liblocal/messages/errinfo.h"
 #include "liblocal/startup/dbgsignl.h"
 #include "liblocal/startup/find_origin.h"
 #include "liblocal/startup/vxdirs.h"
+#include "liblocal/startup/vxenv.h"
 #include "liblocal/startup/vxids.h"
 #include "tests/fakes.h"
 #include "tests/locales.h"
@@ -19,6 +24,59 @@ extern std::atomic<int> waits_for_debugger;  // dbgsignl_test.cc
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr char kName[] = "KIV_ENV_TEST";
+
+TEST(Vxenv, LeavesAsciiToThePlatform) {
+  static char text[] = "KIV_ENV_TEST=a=b:\x7F";
+  EXPECT_EQ(vxputenv(text), 0);
+  EXPECT_EQ(vxgetenv(kName), text + sizeof kName);
+  unsetenv(kName);
+  EXPECT_EQ(vxgetenv(kName), nullptr);
+  EXPECT_EQ(vxputenv(nullptr), 0);
+}
+
+TEST(Vxenv, ConvertsAndCutsOtherTexts) {
+  for (const std::string& ascii : {std::string("caf"), std::string(20000, 'x')}) {
+    setenv(kName, (ascii + "\xE9").c_str(), 1);
+    const c_unique_ptr<char> value(const_cast<char*>(vxgetenv(kName)));
+    EXPECT_EQ(value.get(), (ascii + "é").substr(0, 18431));
+    std::string text = "KIV_ENV_TEST=" + ascii + "é";
+    EXPECT_EQ(vxputenv(text.data()), 0);
+    const c_unique_ptr<char> area(getenv(kName) - sizeof kName);
+    EXPECT_EQ(getenv(kName), (ascii + "\xE9").substr(0, 18431 - sizeof kName));
+    unsetenv(kName);  // before it is freed
+  }
+}
+
+TEST(Vxenv, SaysThatThereIsNoMemory) {
+  brix_strerror(ENOMEM);  // allocates what the thread keeps
+  setenv(kName, "\xE9", 1);
+  auto get = [] {
+    const fakes::FailingMalloc failing(0, 1);
+    EXPECT_EQ(vxgetenv(kName), nullptr);
+  };
+  EXPECT_EQ(printed(0, get), "kivtrap: Cannot allocate memory\n");
+}
+
+TEST(AddToEnvironment, ReplacesOrPrepends) {
+  auto add = [] {
+    setenv(kName, "\xE9", 1);
+    EXPECT_EQ(add_to_environment(kName, "first", 0), 1);
+    EXPECT_STREQ(getenv(kName), "first");
+    setenv(kName, "old", 1);
+    EXPECT_EQ(add_to_environment(kName, "first", 1), 1);
+    EXPECT_STREQ(getenv(kName), "first:old");
+  };
+  EXPECT_EQ(fakes::pieces_left_by(add), 0) << "equal texts share one copy";
+  EXPECT_EQ(add_to_environment(nullptr, "x", 0), 0);
+  EXPECT_EQ(add_to_environment(kName, nullptr, 0), 0);
+  for (int granted : {0, 2}) {  // the third allocation is the converted text
+    const fakes::FailingMalloc failing(granted, 1);
+    EXPECT_EQ(add_to_environment(kName, "é", 0), 0);
+  }
+  EXPECT_STREQ(getenv(kName), "first:old");
+}
 
 // How many of two arguments in Latin-1 a start converts.
 int converted(int argc, int allocations = 999) {
