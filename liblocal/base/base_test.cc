@@ -87,7 +87,6 @@ TEST(VxError, TheLastErrorKeepsItsKind) {
               {NO_RECOVERY, 2, 45, "Unknown server error"},
               {NO_DATA, 2, 47, "No address associated with name"},
               {0, 2, 0, "Resolver Error 0 (no error)"},
-              {9, 2, 1, "Unknown resolver error"},
               {5, 4, 2, "Unknown error"}};
   for (const auto& row : rows) {
     vx_error_set_last(row.value, row.kind);
