@@ -5,14 +5,14 @@
 
 #include <cstdint>
 
+#include "rpc/messages/rpc_prot.h"
 #include "rpc/transport/c_tcp.h"
 #include "rpc/transport/c_transport.h"
 
-constexpr uint32_t kTcpHeaderRoom = 24;  ///< bytes for the header of all calls
 constexpr uint32_t kTcpPendingRoom = 4;  ///< bytes read ahead at once
 
 /// How a socket waits, as far as the transport has looked.
-enum class SocketMode : int32_t { kUnknown = -1, kNonBlocking = 0, kBlocking = 1 };
+enum class SocketMode { kUnknown, kNonBlocking, kBlocking };
 
 /// What a client over TCP is. Its stream is a record stream (x_rec.h).
 struct TcpRecord : ClientRecord {
@@ -20,9 +20,9 @@ struct TcpRecord : ClientRecord {
   SocketMode original_mode;  ///< before the transport changed it; destroy gives it back
   timeval wait;              ///< limit of a call
   rpc_wait_state wait_state;
-  rpc_wait waiting;                ///< how; without a function the step equals the wait
-  bool watch_input;                ///< while waiting to write
-  uint8_t header[kTcpHeaderRoom];  ///< encoded; begins with the transaction id
+  rpc_wait waiting;                    ///< how; without a function the step equals the wait
+  bool watch_input;                    ///< while waiting to write
+  uint8_t header[kRpcCallHeaderSize];  ///< encoded; begins with the transaction id
   uint32_t header_length;
   uint8_t pending[kTcpPendingRoom];  ///< input read while writing
   uint32_t pending_length;

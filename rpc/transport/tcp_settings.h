@@ -1,10 +1,8 @@
 // What the environment says of clients over TCP. Thread safe.
 #pragma once
 
-#include <cstdint>
-
 /// When reads and writes of a connection block.
-enum class BlockingMode : int32_t { kNever = 0, kWithoutLimit = 1, kAlways = 2 };
+enum class BlockingMode { kNever, kWithoutLimit, kAlways };
 
 /// The process's mode, read from "KIV_BLOCKING_RPC" on the first call: "FALSE",
 /// "TRUE", "MUST" in any letter case; kWithoutLimit for anything else.
