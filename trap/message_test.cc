@@ -85,8 +85,9 @@ TEST(ReadMessage, WithoutMemoryForALineTheNextOneIsTheMessage) {
 
 TEST(ParseCommandLine, SetsAndCountsFlags) {
   auto parse = [](std::vector<std::string> words) {
-    std::vector<char*> argv;
-    for (std::string& word : words) argv.push_back(word.data());
+    std::vector<char*> argv(words.size());
+    std::transform(words.begin(), words.end(), argv.begin(),
+                   [](auto& word) { return word.data(); });
     (void)parse_command_line(static_cast<int>(argv.size()), argv.data());
   };
   parse({"kivtrap", "-d", "-d", "-u", "x", "-v", "manager"});
