@@ -262,13 +262,15 @@ TEST(ErrTables, HaveTheTextsOfTheCatalog) {
 }
 
 TEST(ErrTables, ReleaseTheirTextsAtTheEnd) {
-  err_set(3, 32);
-  const long held = fakes::pieces_held();
-  for (int i = 0; i < 2; ++i) {
-    err_unsetall();
-    EXPECT_EQ(held - fakes::pieces_held(), 28 + 33);
-    expect_record(err_set(3, 32), 35032, "Resource database busy");
-  }
+  in_locale("", [] {
+    err_set(3, 32);
+    const long held = fakes::pieces_held();
+    for (int i = 0; i < 2; ++i) {
+      err_unsetall();
+      EXPECT_EQ(held - fakes::pieces_held(), 28 + 33);
+      expect_record(err_set(3, 32), 35032, "Resource database busy");
+    }
+  });
 }
 
 TEST(ErrTables, TakeATypeOfTheProgram) {
