@@ -80,7 +80,7 @@ TEST_F(CreateTest, ThisHostIsAskedOverLoopback) {
   fakes::interfaces = nullptr;
 }
 
-TEST_F(CreateTest, WithMethodsThatAreAllowedForTheServer) {
+TEST_F(CreateTest, WithMethodsOfTheServer) {
   rpc_install_auth_methods([](const sockaddr_in* server, uint32_t* methods) {
     *methods = ntohs(server->sin_port) == 7938 ? kAuthMethodsSystem : 0;
     return true;

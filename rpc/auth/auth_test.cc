@@ -99,7 +99,7 @@ TEST_F(AuthSystem, UsesAShortCredentialUntilItIsRefused) {
   EXPECT_FALSE(refresh());
 }
 
-TEST_F(AuthSystem, DropsAShortCredentialThatDoesNotDecode) {
+TEST_F(AuthSystem, DropsABrokenShortCredential) {
   for (const char* broken : {"", "00000002", "00000002 00000003 4142", "00000002 00007FE9"}) {
     EXPECT_TRUE(validate(kAuthShort));
     EXPECT_TRUE(validate(kAuthShort, broken));

@@ -43,7 +43,7 @@ class PortTest : public testing::Test {
   }
 };
 
-TEST_F(PortTest, BothMappersAreAskedBeforeTheFallback) {
+TEST_F(PortTest, BothMappersComeBeforeTheFallback) {
   RpcServer own(7938, "127.0.0.1", port_mapper(0));
   pmap_fallback([](unsigned long program, unsigned long version, unsigned long protocol) {
     return static_cast<uint16_t>(program * 100 + version * 10 + protocol);
@@ -97,7 +97,7 @@ TEST_F(PortTest, GroupsOfTheEnvironment) {
   }
 }
 
-TEST_F(PortTest, OnlyTheRuntimesOwnServicesAreKeptUnlessCachesAreOff) {
+TEST_F(PortTest, OnlyOwnServicesAreKept) {
   for (unsigned long program = 390100; program < 390120; ++program) {
     populate_pmaps(program, 2, IPPROTO_TCP, 9, 0);
     populate_pmaps(program, 3, IPPROTO_UDP, 9, 1);

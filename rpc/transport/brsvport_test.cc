@@ -72,7 +72,7 @@ TEST_F(BindTest, EveryPortOfTheRangesIsFound) {
   EXPECT_THAT(found, testing::ElementsAre(40000, 40001, 40002, 50000));
 }
 
-TEST_F(BindTest, AQuarterOfManyPortsIsTriedAtRandomBeforeAll) {
+TEST_F(BindTest, ManyPortsAreTriedAtRandomFirst) {
   ASSERT_EQ(rpcport_add_range(45000, 45000, kPortService), 0);
   EXPECT_EQ(debug_lines(5, kPortService), "kivtrap: socket bound to port 45000\n");
   for (auto [ports, tries] : {std::pair{500, 507}, {501, 626}, {2856, 3569}}) {

@@ -165,7 +165,7 @@ TEST_F(TcpTest, TheLastStepEndsWithTheLimit) {
 }
 
 // Its steps are longer than all waits.
-TEST_F(TcpTest, TheWaitFunctionIsAskedAtBothEndsOfATransfer) {
+TEST_F(TcpTest, WaitFunctionsAreAskedAtBothEnds) {
   serve(always(kAnswer));
   for (int allowed = 0; allowed <= 4; ++allowed) {
     SCOPED_TRACE(allowed);

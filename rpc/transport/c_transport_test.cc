@@ -160,7 +160,7 @@ TEST_P(TransportTest, FiltersThatFail) {
   EXPECT_EQ(sent(), is_tcp() ? 3U : 2U);  // over TCP what was encoded ended its record
 }
 
-TEST_P(TransportTest, PassingFailuresNeitherEndNorRepeatACall) {
+TEST_P(TransportTest, PassingFailuresChangeNothing) {
   serve();
   for (int passing : {EINTR, EAGAIN, ENOMEM, EINPROGRESS}) {
     refuse(reads, passing, 3);
@@ -210,14 +210,14 @@ TEST_P(TransportTest, CreationWithoutMemoryLeavesNothing) {
   close(next);
 }
 
-TEST_P(TransportTest, CreationFailsWithoutADescriptor) {
+TEST_P(TransportTest, FailsWithoutADescriptor) {
   for (int i = 0; i < 2; ++i) EXPECT_EQ(__brix_rpc_dtablesize(), std::min(getdtablesize(), 65536));
   EXPECT_EQ(create(kNobody, 65536), kSystemError + "Too many open files\n");
   const DescriptorLimit none(0);
   EXPECT_EQ(create(), kSystemError + "Too many open files\n");
 }
 
-TEST_P(TransportTest, CreationFailsWithoutAPort) {
+TEST_P(TransportTest, FailsWithoutAPort) {
   auto create_in_vain = [this] {
     serve();
     (void)rpcport_add_range(server_->port(), server_->port(), kPortConnection);
@@ -233,7 +233,7 @@ INSTANTIATE_TEST_SUITE_P(Both, TransportTest, testing::Values(kUdp, kTcp));
 
 using UdpTest = ClientTest;
 
-TEST_F(UdpTest, DatagramsThatAreNotTheReplyAreDropped) {
+TEST_F(UdpTest, OtherDatagramsAreDropped) {
   serve(kUdp, [](RpcServer& peer) {
     peer.answer(kAnswer);
     const std::string request = peer.read_request(), id = request.substr(0, 4);
@@ -251,7 +251,7 @@ TEST_F(UdpTest, DatagramsThatAreNotTheReplyAreDropped) {
   EXPECT_EQ(server_->requests().size(), 3U);
 }
 
-TEST_F(UdpTest, ACallWaitsForEveryIntervalBelowTheLimit) {
+TEST_F(UdpTest, IntervalsEndWithTheLimit) {
   serve(kUdp, [](RpcServer&) {});
   EXPECT_TRUE(equal(get<timeval>(CLGET_TIMEOUT), {-1, -1}));  // each call says its own
   const struct {

@@ -99,7 +99,7 @@ TEST(Xdr, RefusesMoreThanTheMaximum) {
   EXPECT_FALSE(counted_filter(TestStream(from_hex("00000003") + "abc!").get(), &counted));
 }
 
-TEST(Xdr, AllocatesNothingForALengthThatIsNotThere) {
+TEST(Xdr, AllocatesNothingForWhatIsNotThere) {
   for (const char* length : {"0000000D", "7FFFFFFF", "80000000", "FFFFFFFB", "FFFFFFFC"}) {
     char* text = nullptr;
     const fakes::FailingMalloc none(0);
