@@ -59,7 +59,7 @@ TEST(Utf8Files, ReadsTheLongestName) {
   });
 }
 
-TEST(Utf8Files, LinksAreReadCutAndRefused) {
+TEST(Utf8Files, LinksAreRead) {
   in_directory([] {
     char buffer[11];
     vx_stat_record record;

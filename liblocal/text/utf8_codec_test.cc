@@ -15,7 +15,7 @@
 namespace {
 
 // The first and the last character of each range, which have that many bytes and columns.
-TEST(Utf8Codec, EncodesDecodesAndMeasuresCharacters) {
+TEST(Utf8Codec, EncodesDecodesAndMeasures) {
   const struct {
     wchar_t first, last;
     size_t bytes;

@@ -47,7 +47,7 @@ std::vector<std::string> pieces_of(const std::string& bytes, int size = 64) {
   return pieces;
 }
 
-TEST(ConvertedStream, LinesArriveWholeAndOnce) {
+TEST(ConvertedStream, LinesArriveWhole) {
   const struct {
     const char* codeset;
     std::string ansi, utf8;
@@ -82,12 +82,13 @@ TEST(ConvertedStream, NulBytesArePartOfALine) {
   EXPECT_THAT(pieces_of(std::string("a\0b\nnext\n", 9)), ElementsAre("a", "next\n"));
 }
 
-TEST(ConvertedStream, WithoutMemoryALineIsReadByTheNextCall) {
+TEST(ConvertedStream, WithoutMemoryALineIsLeft) {
   FILE* file = file_of("\xE9\n");
   {
     const fakes::FailingMalloc failing(0);
     char buffer[8];
     EXPECT_EQ(vxfgets(buffer, sizeof buffer, file), nullptr);
+    EXPECT_EQ(vx_fgetmbts(buffer, sizeof buffer, file), nullptr);
   }
   EXPECT_THAT(pieces_of(file), ElementsAre("é\n"));
   vxfclose(file);
@@ -141,7 +142,7 @@ TEST(ConvertedStream, AnErrorEndsAWaitAndASignalDoesNot) {
   });
 }
 
-TEST(MarkedStream, ASignalEndsAWaitOnlyBeforeTheFirstByte) {
+TEST(MarkedStream, ASignalEndsAWaitBeforeTheFirstByte) {
   std::deque<DeviceRead> reads = {
       {"", EINTR}, {"disk ", 0}, {"", EINTR}, {"full\n", 0}, {"", EINTR}};
   FILE* stream = device_of(&reads);
