@@ -136,8 +136,8 @@ bool decode_string(XDR* xdrs, char** text, uint32_t maximum) {
   uint32_t size = 0;
   if (!get_length(xdrs, &size, maximum)) return false;
   if (*text == nullptr) {
-    // One more unit holds the terminator or the padding.
-    uint8_t* bytes = get_new_bytes(xdrs, size + xdr_padding(size), size + kXdrUnit);
+    // Three more bytes hold the terminator or the padding, whichever is longer.
+    uint8_t* bytes = get_new_bytes(xdrs, size + xdr_padding(size), size + 3);
     if (bytes == nullptr) return false;
     *text = reinterpret_cast<char*>(bytes);
   } else if (xdr_padding(size) == 1) {
