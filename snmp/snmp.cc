@@ -21,7 +21,7 @@ int32_t distance(const uint8_t* from, const uint8_t* to) { return static_cast<in
 
 // As close_item, for contents of 128 bytes and more: they move when the real header is longer.
 uint8_t* close_long_item(uint8_t* header, uint8_t* end, int32_t* room) {
-  uint64_t provisional{};
+  uint64_t provisional = 0;
   uint8_t* contents = header + distance(header, asn_parse_length(header + 1, &provisional));
   int32_t length = distance(contents, end);
   int32_t length_size = asn_length_size(length);
@@ -122,19 +122,19 @@ bool build_message(uint8_t* packet, int32_t* length, Community community, const 
 
 // Reads the header of an item whose tag is `wanted`.
 const uint8_t* parse_header(const uint8_t* at, int32_t* left, uint8_t wanted) {
-  uint8_t tag{};
+  uint8_t tag = 0;
   at = asn_parse_header(at, left, &tag);
   return tag == wanted ? at : nullptr;
 }
 
 const uint8_t* parse_long(const uint8_t* at, int32_t* left, uint8_t wanted, long* value) {
-  uint8_t tag{};
+  uint8_t tag = 0;
   at = asn_parse_int(at, left, &tag, value, sizeof *value);
   return tag == wanted ? at : nullptr;
 }
 
 const uint8_t* parse_objid(const uint8_t* at, int32_t* left, uint64_t* subids, int32_t* count) {
-  uint8_t tag{};
+  uint8_t tag = 0;
   at = asn_parse_objid(at, left, &tag, subids, count);
   return tag == kAsnObjectId ? at : nullptr;
 }
@@ -153,7 +153,7 @@ const uint8_t* parse_new_objid(const uint8_t* at, int32_t* left, uint64_t** subi
 }
 
 const uint8_t* parse_trap_fields(const uint8_t* at, int32_t* left, snmp_pdu* trap) {
-  uint8_t tag{};
+  uint8_t tag = 0;
   auto* address = reinterpret_cast<uint8_t*>(&trap->agent_address);
   int32_t address_length = kAddressBytes;
   at = parse_new_objid(at, left, &trap->enterprise, &trap->enterprise_length);
@@ -189,8 +189,8 @@ bool parse_string_value(snmp_var* var, const uint8_t* item, int32_t left, int32_
 }
 
 bool parse_objid_value(snmp_var* var, const uint8_t* item, int32_t left) {
-  uint64_t* value{};
-  int32_t count{};
+  uint64_t* value = nullptr;
+  int32_t count = 0;
   if (parse_new_objid(item, &left, &value, &count) == nullptr) return false;
   var->value = value;
   var->value_length = count * static_cast<int32_t>(sizeof *value);
@@ -224,8 +224,8 @@ bool parse_value(snmp_var* var, const uint8_t* item, int32_t left, int32_t lengt
 const uint8_t* parse_var(const uint8_t* at, int32_t* left, snmp_var* var) {
   uint64_t name[kAsnMaxSubids];
   int32_t name_length = kAsnMaxSubids;
-  int32_t value_length{};
-  const uint8_t* value{};
+  int32_t value_length = 0;
+  const uint8_t* value = nullptr;
   const uint8_t* end =
       snmp_parse_var_op(at, name, &name_length, &var->type, &value_length, &value, left);
   if (end == nullptr) return nullptr;
@@ -320,7 +320,7 @@ SnmpParse snmp_parse_packet(const snmp_session* session, snmp_pdu* pdu,
   auto left = static_cast<int32_t>(packet.size());
   uint8_t community[kSnmpMaxCommunity];
   int32_t community_length = sizeof community;
-  long version{};
+  long version = 0;
   const uint8_t* at = snmp_auth_parse(packet.data(), &left, community, &community_length, &version);
   if (at == nullptr) return SnmpParse::kMangled;
   if (version != kVersion1) report_version(version);
@@ -328,7 +328,7 @@ SnmpParse snmp_parse_packet(const snmp_session* session, snmp_pdu* pdu,
     at = session->auth_hook(at, &left, community, community_length);
     if (at == nullptr) return SnmpParse::kDropped;
   }
-  uint8_t command{};
+  uint8_t command = 0;
   at = asn_parse_header(at, &left, &command);
   if (at == nullptr) return SnmpParse::kMangled;
   pdu->command = command;

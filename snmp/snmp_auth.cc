@@ -23,7 +23,7 @@ uint8_t* snmp_auth_build(uint8_t* at, int32_t* room, const uint8_t* community,
 
 const uint8_t* snmp_auth_parse(const uint8_t* at, int32_t* left, uint8_t* community,
                                int32_t* community_length, long* version) {
-  uint8_t tag{};
+  uint8_t tag = 0;
   at = asn_parse_header(at, left, &tag);
   if (at == nullptr || tag != kAsnSequence) return nullptr;
   at = asn_parse_int(at, left, &tag, version, sizeof *version);
