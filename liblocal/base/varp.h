@@ -62,60 +62,61 @@ void _varp_keep(vx_threadstorage* key, void* block);
 #define VARP_DECLARE_THREAD_BLOCK(M)         \
   extern vx_threadstorage* Key_##M##_t_varp; \
   extern vx_once_control once_##M##_t_varp;  \
-  extern std::atomic<bool> M##_t_needs_init; \
+  extern std::atomic<int> M##_t_needs_init;  \
   M##_t_varp* M##_t_init();                  \
   void M##_t_clean(void* block);             \
   M##_t_varp* get_##M##_t_varp();
 
 /// Defines what VARP_DECLARE_THREAD_BLOCK declares but for M_t_init and M_t_clean.
-#define VARP_DEFINE_THREAD_BLOCK(M)                                       \
-  vx_threadstorage* Key_##M##_t_varp = nullptr;                           \
-  vx_once_control once_##M##_t_varp;                                      \
-  std::atomic<bool> M##_t_needs_init = true;                              \
-  static void M##_t_clean_own() {                                         \
-    void* own = vx_threadstorage_get(Key_##M##_t_varp);                   \
-    if (own == nullptr) return;                                           \
-    M##_t_clean(own);                                                     \
-    vx_threadstorage_set(Key_##M##_t_varp, nullptr);                      \
-  }                                                                       \
-  static void M##_t_create_key() {                                        \
-    Key_##M##_t_varp = _varp_new_key(#M, M##_t_clean);                    \
-    vx_atexit(M##_t_clean_own);                                           \
-    M##_t_needs_init = false;                                             \
-  }                                                                       \
-  M##_t_varp* get_##M##_t_varp() {                                        \
-    if (M##_t_needs_init) vx_once(&once_##M##_t_varp, M##_t_create_key);  \
-    void* own = vx_threadstorage_get(Key_##M##_t_varp);                   \
-    if (own == nullptr) _varp_keep(Key_##M##_t_varp, own = M##_t_init()); \
-    return static_cast<M##_t_varp*>(own);                                 \
+#define VARP_DEFINE_THREAD_BLOCK(M)                                           \
+  vx_threadstorage* Key_##M##_t_varp = nullptr;                               \
+  vx_once_control once_##M##_t_varp;                                          \
+  std::atomic<int> M##_t_needs_init = 1;                                      \
+  static void M##_t_clean_own() {                                             \
+    if (M##_t_needs_init != 0) return;                                        \
+    void* own = vx_threadstorage_get(Key_##M##_t_varp);                       \
+    if (own == nullptr) return;                                               \
+    M##_t_clean(own);                                                         \
+    vx_threadstorage_set(Key_##M##_t_varp, nullptr);                          \
+  }                                                                           \
+  static void M##_t_create_key() {                                            \
+    Key_##M##_t_varp = _varp_new_key(#M, M##_t_clean);                        \
+    vx_atexit(M##_t_clean_own);                                               \
+    M##_t_needs_init = 0;                                                     \
+  }                                                                           \
+  M##_t_varp* get_##M##_t_varp() {                                            \
+    if (M##_t_needs_init != 0) vx_once(&once_##M##_t_varp, M##_t_create_key); \
+    void* own = vx_threadstorage_get(Key_##M##_t_varp);                       \
+    if (own == nullptr) _varp_keep(Key_##M##_t_varp, own = M##_t_init());     \
+    return static_cast<M##_t_varp*>(own);                                     \
   }
 
 /// VARP_DECLARE_THREAD_BLOCK for the block of the process, M_p_varp.
 #define VARP_DECLARE_PROCESS_BLOCK(M)                  \
   extern std::atomic<M##_p_varp*> Global_##M##_p_varp; \
   extern vx_once_control once_##M##_p_varp;            \
-  extern std::atomic<bool> M##_p_needs_init;           \
+  extern std::atomic<int> M##_p_needs_init;            \
   void M##_p_init();                                   \
   void M##_p_clean(void* block);                       \
   M##_p_varp* get_##M##_p_varp();
 
 /// Defines what VARP_DECLARE_PROCESS_BLOCK declares but for M_p_init and M_p_clean. It follows
 /// VARP_DEFINE_THREAD_BLOCK of the same module.
-#define VARP_DEFINE_PROCESS_BLOCK(M)                                 \
-  std::atomic<M##_p_varp*> Global_##M##_p_varp = nullptr;            \
-  vx_once_control once_##M##_p_varp;                                 \
-  std::atomic<bool> M##_p_needs_init = true;                         \
-  static void M##_p_release(void* block) {                           \
-    M##_t_clean_own();                                               \
-    M##_p_clean(block);                                              \
-    Global_##M##_p_varp = nullptr;                                   \
-  }                                                                  \
-  static void M##_p_create() {                                       \
-    M##_p_init();                                                    \
-    varp_add_data(Global_##M##_p_varp, M##_p_release);               \
-    M##_p_needs_init = false;                                        \
-  }                                                                  \
-  M##_p_varp* get_##M##_p_varp() {                                   \
-    if (M##_p_needs_init) vx_once(&once_##M##_p_varp, M##_p_create); \
-    return Global_##M##_p_varp;                                      \
+#define VARP_DEFINE_PROCESS_BLOCK(M)                                      \
+  std::atomic<M##_p_varp*> Global_##M##_p_varp = nullptr;                 \
+  vx_once_control once_##M##_p_varp;                                      \
+  std::atomic<int> M##_p_needs_init = 1;                                  \
+  static void M##_p_release(void* block) {                                \
+    M##_t_clean_own();                                                    \
+    M##_p_clean(block);                                                   \
+    Global_##M##_p_varp = nullptr;                                        \
+  }                                                                       \
+  static void M##_p_create() {                                            \
+    M##_p_init();                                                         \
+    varp_add_data(Global_##M##_p_varp, M##_p_release);                    \
+    M##_p_needs_init = 0;                                                 \
+  }                                                                       \
+  M##_p_varp* get_##M##_p_varp() {                                        \
+    if (M##_p_needs_init != 0) vx_once(&once_##M##_p_varp, M##_p_create); \
+    return Global_##M##_p_varp;                                           \
   }

@@ -21,6 +21,13 @@ int32_t operate(vx_mutex* mutex, int (*operation)(pthread_mutex_t*)) {
   return error == 0 ? 0 : _vx_error_fail(error);
 }
 
+void finish(vx_mutex* mutex) {
+  // Locked first if it is free, so that the unlocking is always of a locked mutex.
+  (void)pthread_mutex_trylock(&mutex->system);
+  pthread_mutex_unlock(&mutex->system);
+  pthread_mutex_destroy(&mutex->system);
+}
+
 }  // namespace
 
 vx_mutex* vx_mutex_new() {
@@ -36,8 +43,7 @@ int32_t vx_mutex_trylock(vx_mutex* mutex) { return operate(mutex, pthread_mutex_
 
 int32_t vx_mutex_unlock(vx_mutex* mutex) { return operate(mutex, pthread_mutex_unlock); }
 
-// The system keeps nothing of a mutex but its bytes, so nothing is left to destroy.
-int32_t vx_mutex_destroy(vx_mutex* mutex) { return _vx_object_destroy(mutex); }
+int32_t vx_mutex_destroy(vx_mutex* mutex) { return _vx_object_destroy(mutex, finish); }
 
 vx_mutex* vx_mutex_made_once(std::atomic<vx_mutex*>* slot) {
   vx_mutex* there = slot->load(std::memory_order_acquire);

@@ -24,7 +24,7 @@ int32_t vx_mutex_lock(vx_mutex* mutex);
 /// Unlocks the mutex; 69 (EPERM) when the caller does not hold it.
 int32_t vx_mutex_unlock(vx_mutex* mutex);
 
-/// Drops one reference. With the last, frees the mutex, even when it is locked.
+/// Drops one reference. With the last, unlocks, destroys and frees the mutex.
 /// Returns 0; 2 for a null handle; 49 for a handle that is no longer registered.
 int32_t vx_mutex_destroy(vx_mutex* mutex);
 

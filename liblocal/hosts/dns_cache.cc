@@ -149,7 +149,7 @@ hostlist_cache dns_hostlist_cache = {.limits = &kLimits};
 
 DnsCacheHold::DnsCacheHold() : lock_(lock_to_take()) {
   auto& name = dns_hostlist_cache.local_host_name;
-  if (*name == '\0') vx_getlocalhost(name, sizeof name);
+  if (*name == '\0' || *name == ' ') vx_getlocalhost(name, sizeof name);
 }
 
 bool dns_cache_is_local_word(const char* name) {

@@ -68,7 +68,7 @@ int interfaces_to_expect(int socket) {
 // its room may have been cut, and is asked for again with twice the room.
 InterfaceList set_ifconf_buffer(int socket) {
   for (int room = interfaces_to_expect(socket);; room *= 2) {
-    const int size = static_cast<int>(sizeof(ifreq)) * room;
+    const int size = static_cast<int>(sizeof(ifreq)) * room + 1;
     InterfaceList list;
     list.records.reset(static_cast<ifreq*>(calloc(1, static_cast<size_t>(size))));
     if (list.records == nullptr) {

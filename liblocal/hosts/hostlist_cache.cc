@@ -187,6 +187,7 @@ void hostlist_cache_drop_host(hostlist_cache* cache, host_entry* entry) {
 }
 
 void hostlist_cache_purge(hostlist_cache* cache, uint32_t state) {
+  if (state == HOST_STALE && cache->stale_count == 0) return;
   host_entry* removed = nullptr;  // kept whole meanwhile: aliases look at their primary's state
   int32_t kept = 0;
   for (int32_t i = 0; i < cache->count; ++i) {
@@ -217,6 +218,7 @@ bool hostlist_cache_extend(hostlist_cache* cache) {
 }
 
 void hostlist_cache_trim(hostlist_cache* cache) {
+  hostlist_cache_purge(cache, HOST_STALE);
   const int64_t now = svc_time();
   for (bool any : {false, true}) {
     if (free_slots(cache) >= cache->limits->reserve) return;

@@ -71,7 +71,7 @@ struct hostlist_cache {
   int32_t capacity = 0;
   int32_t maximum_capacity = 0;                   ///< 0 until first needed
   int32_t update_style = 0;                       ///< of the clients
-  char local_host_name[kLocalHostNameSize] = "";  ///< "" until it is known
+  char local_host_name[kLocalHostNameSize] = "";  ///< unset while it begins with NUL or a blank
 };
 
 /// Where a name is, or would be, in the table.

@@ -243,7 +243,11 @@ const char* brix_strerror(int error) {
   char* text = get_liblocal_t_varp()->strerror_text;
   char system_text[kErrorTextSize];
   const char* found = strerror_r(error, system_text, sizeof system_text);
-  utf8_mbs(text, found, kErrorTextSize);
+  if (*found != '\0') {
+    utf8_mbs(text, found, kErrorTextSize);
+  } else {
+    snprintf(text, kErrorTextSize, vxcatgets(Catd, kRuntimeMessageSet, 149, "Error %d\n"), error);
+  }
   errno = saved_errno;
   return text;
 }

@@ -18,8 +18,8 @@ constexpr size_t kLocaleNameSize = 128;
 /// there is no such locale.
 const char* init_locales(const char* name, const char* locale);
 
-/// The language subdirectory of the catalogs. It is always null: the texts of this system
-/// are in one language.
+/// The language subdirectory, without which vxcatopen opens no catalog. It is always null:
+/// the texts of this system are in one language.
 [[nodiscard]] const char* get_lang_subdir();
 
 /// The neutral locale ("C") and the user's locale; null before init_locales. The texts

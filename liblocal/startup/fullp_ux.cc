@@ -15,6 +15,7 @@
 
 namespace {
 
+constexpr size_t kLinkTextSize = 24576;
 constexpr int kLinkLimit = 20;  // so many links in a chain are too many
 
 enum class Kind { kMissing, kDirectory, kLink, kOther };
@@ -105,7 +106,7 @@ class CurrentDirectory {
 // Replaces the link at `path`, of kPathSize bytes, by its text: the whole path when the text
 // is absolute, else the last component.
 bool replace_link(char* path) {
-  char link[kPathSize];
+  char link[kLinkTextSize];
   if (utf8_readlink(path, link, sizeof link) < 0) {
     trace(1, "fullpath could not readlink on %s: %s\n", path, brix_strerror(errno));
     return false;

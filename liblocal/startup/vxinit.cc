@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "liblocal/base/vx_thread.h"
 #include "liblocal/messages/locales.h"
 #include "liblocal/startup/dbgsignl.h"
 #include "liblocal/startup/regevent.h"
@@ -35,7 +36,9 @@ void set_up_process(const char* name, char** argv) {
   find_appdir(name);
   init_locales(name, "");
   regevent_setup();
+  _vx_thr_libinit();
   if (argv != nullptr) vx_find_installdir(argv[0]);
+  get_saved_uids(nullptr, nullptr);
   _vx_print_uids(vxgetenv("KIV_PRINT_UIDS") != nullptr);
   set_nonprivileged();
   name_debug_command_file(name);

@@ -50,6 +50,7 @@ bool keeps_ascii(iconv_t descriptor) {
   size_t in_left = sizeof ascii;
   size_t out_left = sizeof made;
   iconv(descriptor, &in, &in_left, &out, &out_left);
+  iconv(descriptor, nullptr, nullptr, nullptr, nullptr);
   return memcmp(ascii, made, sizeof ascii) == 0;
 }
 
