@@ -82,7 +82,13 @@ void measure_udp() {
 }
 
 bool read_all(int fd, void* bytes, size_t count) {
-  return recv(fd, bytes, count, MSG_WAITALL) == static_cast<ssize_t>(count);
+  for (auto* to = static_cast<char*>(bytes); count > 0;) {
+    const ssize_t got = read(fd, to, count);
+    if (got <= 0) return false;
+    to += got;
+    count -= static_cast<size_t>(got);
+  }
+  return true;
 }
 
 bool write_all(int fd, const void* bytes, size_t count) {

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <iterator>
 #include <span>
 
 #include "liblocal/base/c_memory.h"
@@ -25,6 +24,7 @@ constexpr int kUsualInterfaces = 32;  // room that is tried while their number i
 // The table is never freed, so threads may read it while the process exits.
 pthread_mutex_t table_mutex = PTHREAD_MUTEX_INITIALIZER;
 sockaddr_in addresses[kMaxLocalAddresses];  // guarded by table_mutex, as is all below
+int32_t address_count = 0;
 in_addr_t last_match = INADDR_ANY;
 
 void print_system_error(const char* what) {
@@ -130,8 +130,8 @@ int32_t rebuild_table() {
     if ((flags_of(any.descriptor(), record) & IFF_UP) == 0) continue;
     addresses[count++] = address_of(record);
   }
-  std::fill(addresses + count, std::end(addresses), sockaddr_in{});
-  return count;
+  std::fill(addresses + count, addresses + std::max(address_count, count), sockaddr_in{});
+  return address_count = count;
 }
 
 }  // namespace
