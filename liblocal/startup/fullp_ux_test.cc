@@ -109,8 +109,8 @@ TEST_F(Fullpath, LongPathsAndLinks) {
   machine::write_file(text, "");
   for (int i = 0; i < 14; ++i) text = odd + "/../" + text;
   fs::create_symlink(text, "odd");
-  const std::pair<int, std::string> rows[] = {{753, "could not lstat "},
-                                              {754, "path name too long "}};
+  const std::pair<size_t, std::string> rows[] = {{753, "could not lstat "},
+                                                 {754, "path name too long "}};
   for (const auto& [slashes, reason] : rows) {
     const std::string directory = "." + std::string(slashes, '/');
     EXPECT_EQ(

@@ -219,7 +219,7 @@ TEST_F(VxidsOnItsMachine, SwitchBetweenUserAndRoot) {
 }
 
 TEST_F(VxidsOnItsMachine, ChangeNothingWithoutRootsRights) {
-  for (uid_t real : {1000, 0}) {
+  for (uid_t real : {1000U, 0U}) {
     as_users(real, 2000, [real] {
       vxinit("kiv");
       set_privileged();

@@ -85,8 +85,8 @@ TEST_P(TransportTest, KnowsItsControlRequests) {
   using testing::ElementsAre;
   serve();
   uint64_t information[8] = {};
-  std::vector<int> known, without_information;
-  for (int request = 0; request < 40; ++request) {
+  std::vector<uint32_t> known, without_information;
+  for (uint32_t request = 0; request < 40; ++request) {
     if (control(request, information)) known.push_back(request);
     if (control(request, nullptr)) without_information.push_back(request);
   }
