@@ -1,23 +1,28 @@
 #include "liblocal/base/vx_atomic.h"
 
-#include <atomic>
+#include <utility>
 
+#include "liblocal/base/system_lock.h"
 #include "liblocal/base/vx_object.h"
 
 struct vx_atomic {
   vx_object_header header;
-  uint32_t value;
+  uint32_t value;  // guarded by system
+  pthread_mutex_t system;
 };
 
 namespace {
 
 int32_t destroy(void* object) { return vx_atomic_destroy(static_cast<vx_atomic*>(object)); }
 
-// The result of `operation` on the value.
+void finish(vx_atomic* atomic) { pthread_mutex_destroy(&atomic->system); }
+
+// The result of `operation` on the value, under the mutex.
 template <typename Operation>
-uint32_t result_of(vx_atomic* atomic, Operation operation) {
+uint32_t locked(vx_atomic* atomic, Operation operation) {
   if (atomic == nullptr) return static_cast<uint32_t>(_vx_error_null_argument());
-  return operation(std::atomic_ref(atomic->value));
+  SystemLock lock(&atomic->system);
+  return operation(atomic->value);
 }
 
 }  // namespace
@@ -26,31 +31,38 @@ vx_atomic* vx_atomic_new(uint32_t initial) {
   auto atomic = _vx_object_allocate<vx_atomic>();
   if (atomic == nullptr) return nullptr;
   atomic->value = initial;
-  return _vx_object_register(atomic.get(), destroy) ? atomic.release() : nullptr;
+  if (int error = pthread_mutex_init(&atomic->system, nullptr); error != 0) {
+    _vx_error_fail(error);
+    return nullptr;
+  }
+  if (!_vx_object_register(atomic.get(), destroy)) {
+    finish(atomic.get());
+    return nullptr;
+  }
+  return atomic.release();
 }
 
 uint32_t vx_atomic_increment(vx_atomic* atomic) {
-  return result_of(atomic, [](auto current) { return ++current; });
+  return locked(atomic, [](uint32_t& current) { return ++current; });
 }
 
 uint32_t vx_atomic_decrement(vx_atomic* atomic) {
-  return result_of(atomic, [](auto current) { return --current; });
+  return locked(atomic, [](uint32_t& current) { return --current; });
 }
 
 uint32_t vx_atomic_exchange(vx_atomic* atomic, uint32_t value) {
-  return result_of(atomic, [=](auto current) { return current.exchange(value); });
+  return locked(atomic, [=](uint32_t& current) { return std::exchange(current, value); });
 }
 
 uint32_t vx_atomic_exchange_add(vx_atomic* atomic, uint32_t addend) {
-  return result_of(atomic, [=](auto current) { return current.fetch_add(addend); });
+  return locked(atomic,
+                [=](uint32_t& current) { return std::exchange(current, current + addend); });
 }
 
 uint32_t vx_atomic_exchange_compare(vx_atomic* atomic, uint32_t value, uint32_t expected) {
-  return result_of(atomic, [=](auto current) {
-    uint32_t before = expected;  // of another value it becomes that
-    current.compare_exchange_strong(before, value);
-    return before;
+  return locked(atomic, [=](uint32_t& current) {
+    return current == expected ? std::exchange(current, value) : current;
   });
 }
 
-int32_t vx_atomic_destroy(vx_atomic* atomic) { return _vx_object_destroy(atomic); }
+int32_t vx_atomic_destroy(vx_atomic* atomic) { return _vx_object_destroy(atomic, finish); }

@@ -1,4 +1,4 @@
-// Atomic 32-bit counters.
+// Atomic 32-bit counters. Each holds its own mutex for the whole operation.
 //
 // A null handle gives 2 with EINVAL recorded. Handles are counted
 // (vx_reference.h).

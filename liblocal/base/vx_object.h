@@ -29,15 +29,14 @@ template <typename T>
 }
 
 /// Drops one reference to `object`. With the last, calls `finish`, which releases what the
-/// object holds, if anything, and frees it. Returns 0; 2 for null; 49 when the object is not
-/// registered.
+/// object holds, and frees it. Returns 0; 2 for null; 49 when the object is not registered.
 template <typename T>
-int32_t _vx_object_destroy(
-    T* object, void (*finish)(T* object) = [](T*) {}) {
+int32_t _vx_object_destroy(T* object, void (*finish)(T* object)) {
   if (object == nullptr) return _vx_error_null_argument();
   int32_t others = _vx_unreference_from_destructor(object);
   if (others < 0) return vx_error_from_errno(ENOENT);
   if (others > 0) return 0;
+  object->header.flags = 0;
   finish(object);
   free(object);
   return 0;

@@ -4,6 +4,6 @@
 
 int32_t vx_once(vx_once_control* control, void (*function)()) {
   if (control == nullptr || function == nullptr) return _vx_error_null_argument();
-  pthread_once(&control->once, function);  // never fails
-  return 0;
+  int error = pthread_once(&control->once, function);
+  return error == 0 ? 0 : _vx_error_fail(error);
 }

@@ -37,7 +37,8 @@ int32_t vx_thread_sleep(uint32_t milliseconds);
 /// Lets other threads run.
 int32_t vx_thread_yield();
 
-/// Does nothing: the mutexes of the thread layer are initialised statically.
+/// Initialises the thread layer; part of start-up. It does nothing, as the mutexes of the layer
+/// are initialised statically.
 void _vx_thr_libinit();
 
 /// Sets the thread-layer-initialised flag and returns 1.

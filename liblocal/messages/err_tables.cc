@@ -1,6 +1,5 @@
 #include "liblocal/messages/err_tables.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -111,11 +110,6 @@ constexpr int32_t kJobsSeverities[] = {1, 4, 5, 4};
 constexpr const char* kGenericTexts[] = {"Success", kErrDefaultText};
 
 err_type types[kErrTypeSlots];
-
-err_type* slot_of(int32_t type) {
-  return type >= 1 && type < kErrTypeSlots ? &types[type] : nullptr;
-}
-
 char* rap_errlist[kRapErrorCodes];
 
 vx_once_control tables_once;
@@ -123,9 +117,10 @@ vx_once_control rpc_once;
 
 template <size_t N>
 void build(char* (&list)[N], const CatalogText (&entries)[N]) {
-  std::transform(std::begin(entries), std::end(entries), list, [](const CatalogText& entry) {
-    return xstrdup(vxcatgets(Catd, kRuntimeMessageSet, entry.number, entry.text));
-  });
+  for (size_t code = 0; code < N; ++code) {
+    const auto& [number, text] = entries[code];
+    list[code] = xstrdup(vxcatgets(Catd, kRuntimeMessageSet, number, text));
+  }
 }
 
 // Frees what was built and puts the default texts in its place, for late readers.
@@ -167,8 +162,8 @@ void err_tables_init() { vx_once(&tables_once, build_tables); }
 
 void err_settype(int32_t type, int32_t max_code, const char* name, const char* const* texts,
                  const int32_t* severities) {
-  err_type* slot = slot_of(type);
-  if (slot == nullptr) return;
+  if (type < 0 || type >= kErrTypeSlots) return;
+  err_type* slot = &types[type];
   snprintf(slot->name, sizeof slot->name, "%s", name);
   slot->texts = texts;
   slot->severities = severities;
@@ -176,8 +171,8 @@ void err_settype(int32_t type, int32_t max_code, const char* name, const char* c
 }
 
 const err_type* err_type_of(int32_t type) {
-  const err_type* slot = slot_of(type);
-  return slot != nullptr && slot->max_code != 0 ? slot : nullptr;
+  if (type < 1 || type >= kErrTypeSlots || types[type].max_code == 0) return nullptr;
+  return &types[type];
 }
 
 void err_unsetall() {

@@ -18,7 +18,7 @@ constexpr int32_t kErrTypeJobs = 9;
 /// The text of an error that no table has.
 constexpr const char* kErrDefaultText = "Unknown error";
 
-constexpr int32_t kErrTypeSlots = 11;     ///< Records use the types 1 to 10.
+constexpr int32_t kErrTypeSlots = 11;     ///< Slots 0 to 10. Records use the types 1 to 10.
 constexpr size_t kErrTypeNameSize = 132;  ///< Bytes of a name, terminator included.
 constexpr int32_t kRpcErrorCodes = 28;    ///< RPC call status codes 0 to 27.
 
@@ -37,7 +37,7 @@ extern char* rpc_errlist[kRpcErrorCodes];
 /// Builds `rpc_errlist`, on its first call only. Thread safe.
 void init_rpc_errlist();
 
-/// Registers `type` (1 to 10; any other number is ignored) with codes up to `max_code`, or
+/// Registers `type` (0 to 10; any other number is ignored) with codes up to `max_code`, or
 /// replaces it. The name is copied, cut to 131 characters. The arrays, of `max_code` + 1
 /// elements, are not copied and must last until the process's last error.
 ///

@@ -94,38 +94,17 @@ constexpr size_t kDetailSize = 80;
 // number, or nothing with `Debug` at 0.
 void describe(int32_t number, bool type_is_named, char* detail) {
   *detail = '\0';
-  if (Debug == 0) return;
+  if (Debug == 0 || number == 0) return;
   int32_t severity = severity_of(number);
   int32_t code = code_of(number);
   if (type_is_named) {
     snprintf(detail, kDetailSize, " (severity %d, number %d)", severity, code);
-  } else if (number > 0) {
+  } else if (number >= 0) {
     snprintf(detail, kDetailSize, " (type %d, severity %d, number %d)", number / kTypeUnit,
              severity, code);
-  } else if (number < 0) {
+  } else {
     snprintf(detail, kDetailSize, " (number %d)", number);
   }
-}
-
-// The work of err_accrue.
-void accrue(const char* text) {
-  liblocal_t_varp* block = get_liblocal_t_varp();
-  if (text == nullptr || block->accruing == 0) return;
-  constexpr size_t kJoinSize = 9;  // bytes counted for "->(", ")" and terminators
-  const char* old = block->accrued_text;
-  size_t size = strlen(text) + (old != nullptr ? strlen(old) : 0) + kJoinSize;
-  if (old != nullptr && size > kMessageSize) {
-    if (Debug > 8) debugprintf("Dropping error string %s\n", text);
-    return;
-  }
-  char* accrued = static_cast<char*>(malloc(size));
-  if (accrued == nullptr) {
-    fputs("Malloc failed.\n", stderr);
-    return;
-  }
-  snprintf(accrued, size, old != nullptr ? "%s->(%s)" : "%s", text, old);
-  free(block->accrued_text);
-  block->accrued_text = accrued;
 }
 
 }  // namespace
@@ -219,7 +198,23 @@ void err_print(const vx_error_record* record) {
 }
 
 int err_accrue(const char* text) {
-  accrue(text);
+  liblocal_t_varp* block = get_liblocal_t_varp();
+  if (text == nullptr || block->accruing == 0) return 0;
+  constexpr size_t kJoinSize = 9;  // bytes counted for "->(", ")" and terminators
+  const char* old = block->accrued_text;
+  size_t size = strlen(text) + (old != nullptr ? strlen(old) : 0) + kJoinSize;
+  if (old != nullptr && size > kMessageSize) {
+    if (Debug > 8) debugprintf("Dropping error string %s\n", text);
+    return 0;
+  }
+  char* accrued = static_cast<char*>(malloc(size));
+  if (accrued == nullptr) {
+    fputs("Malloc failed.\n", stderr);
+    return 0;
+  }
+  snprintf(accrued, size, old != nullptr ? "%s->(%s)" : "%s", text, old);
+  free(block->accrued_text);
+  block->accrued_text = accrued;
   return 0;
 }
 

@@ -49,8 +49,7 @@ class SignalLine {
   void send() const { [[maybe_unused]] ssize_t result = write(debug_descriptor(), text_, length_); }
 
  private:
-  // Beside one command's name and value: a handler's prefix is much shorter than the longest.
-  char text_[kMessagePrefixSize + kDebugCommandLimit];
+  char text_[kMessagePrefixSize + kDebugCommandLimit + 128];  // one command has name and value
   size_t length_;
 };
 

@@ -1,12 +1,10 @@
 #include "liblocal/text/i18n_printf.h"
 
-#include <algorithm>
 #include <charconv>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <string_view>
 
 #include "liblocal/base/text_sizes.h"
@@ -122,14 +120,9 @@ bool append_padded(Output* output, std::string_view text, size_t columns, size_t
   return true;
 }
 
-// The least columns of a conversion.
-size_t width_of(const I18nConversion& conversion) {
-  return static_cast<size_t>(std::max(conversion.width, 0));
-}
-
 bool print_text(Output* output, const I18nConversion& conversion) {
   const char* text = conversion.argument.text;
-  const size_t width = width_of(conversion);
+  const size_t width = conversion.width > 0 ? static_cast<size_t>(conversion.width) : 0;
   Measured part = {0, 0};
   if (conversion.precision != kI18nUnset) {
     part = measure(text, static_cast<size_t>(conversion.precision));
@@ -137,7 +130,8 @@ bool print_text(Output* output, const I18nConversion& conversion) {
     part.bytes = strlen(text);
     if (width > 0) part.columns = utf8_ttystrlen(text);
   }
-  const bool fill_behind = std::string_view(conversion.flags, conversion.flag_count).ends_with('-');
+  const size_t flags = conversion.flag_count;
+  const bool fill_behind = flags > 0 && conversion.flags[flags - 1] == '-';
   return append_padded(output, {text, part.bytes}, part.columns, width, fill_behind);
 }
 
@@ -146,11 +140,14 @@ char last_letter(const I18nConversion& conversion) {
   return conversion.letters[conversion.letters[1] != '\0' ? 1 : 0];
 }
 
-// Whether the platform takes the argument for what it is. Where it would take it for a pointer,
-// or from another place of the list, nothing is printed.
+// Whether the conversion is complete, its width is possible, and the platform takes its
+// argument for what it is. Where the platform would take it for a pointer, or from another
+// place of the list, nothing is printed.
 bool suits_platform(const I18nConversion& conversion) {
   const char last = last_letter(conversion);
   const auto is_one_of = [last](std::string_view set) { return set.find(last) != set.npos; };
+  if (last == '\0' || is_one_of("hlLqjzZtI")) return false;
+  if (conversion.width < -INT_MAX) return false;  // which cannot be negated
   switch (conversion.kind) {
     case I18nKind::kInt:
       return !is_one_of("nspSaAeEfFgG");
@@ -186,41 +183,40 @@ bool print_plain_integer(Output* output, const I18nConversion& conversion) {
     end = std::to_chars(digits, end, bits, last_letter(conversion) == 'x' ? 16 : 10).ptr;
   }
   const std::string_view text(digits, static_cast<size_t>(end - digits));
-  return append_padded(output, text, text.size(), width_of(conversion), false);
+  const size_t width = conversion.width > 0 ? static_cast<size_t>(conversion.width) : 0;
+  return append_padded(output, text, text.size(), width, false);
 }
 
-// A conversion as the platform is to read it.
-struct SubFormat {
-  char text[sizeof I18nConversion::flags + sizeof "%-2147483647.2147483647ld"];
+constexpr size_t kSubFormatSize = 64;
+static_assert(kSubFormatSize >=
+              1 + sizeof I18nConversion::flags + 11 + 1 + 10 + sizeof I18nConversion::letters);
 
-  explicit SubFormat(const I18nConversion& conversion) {
-    char* at = text;
-    *at++ = '%';
-    memcpy(at, conversion.flags, conversion.flag_count);
-    at += conversion.flag_count;
-    if (conversion.width != kI18nUnset) {
-      at = std::to_chars(at, std::end(text), conversion.width).ptr;
-    }
-    if (conversion.precision != kI18nUnset) {
-      *at++ = '.';
-      at = std::to_chars(at, std::end(text), conversion.precision).ptr;
-    }
-    memcpy(at, conversion.letters, sizeof conversion.letters);
+// Writes the conversion as the platform is to read it.
+void write_sub_format(const I18nConversion& conversion, char* at) {
+  *at++ = '%';
+  memcpy(at, conversion.flags, conversion.flag_count);
+  at += conversion.flag_count;
+  if (conversion.width != kI18nUnset) at = std::to_chars(at, at + 11, conversion.width).ptr;
+  if (conversion.precision != kI18nUnset) {
+    *at++ = '.';
+    at = std::to_chars(at, at + 10, conversion.precision).ptr;
   }
-};
+  memcpy(at, conversion.letters, sizeof conversion.letters);
+}
 
 bool print_by_platform(Output* output, const I18nConversion& conversion) {
   if (!suits_platform(conversion)) return true;
-  const SubFormat format(conversion);
+  char format[kSubFormatSize];
+  write_sub_format(conversion, format);
   switch (conversion.kind) {
     case I18nKind::kLong:
-      return output->print(format.text, conversion.argument.integer);
+      return output->print(format, conversion.argument.integer);
     case I18nKind::kDouble:
-      return output->print(format.text, conversion.argument.real);
+      return output->print(format, conversion.argument.real);
     case I18nKind::kLongDouble:
-      return output->print(format.text, conversion.argument.extended);
+      return output->print(format, conversion.argument.extended);
     default:
-      return output->print(format.text, static_cast<int>(conversion.argument.integer));
+      return output->print(format, static_cast<int>(conversion.argument.integer));
   }
 }
 
