@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "liblocal/base/text_sizes.h"
 #include "liblocal/base/vx_error.h"
@@ -60,10 +61,10 @@ void varp_add_data(void* data, void (*clean)(void* data)) {
 
 int is_proc_exiting() { return process_exiting; }
 
-void* _varp_allocate(size_t size) {
+void* _varp_allocate(size_t size, size_t zeroed) {
   void* memory;
-  while ((memory = calloc(1, size)) == nullptr) _vx_pause_ms(kBlockPauseMs);
-  return memory;
+  while ((memory = malloc(size)) == nullptr) _vx_pause_ms(kBlockPauseMs);
+  return memset(memory, 0, zeroed);
 }
 
 vx_threadstorage* _varp_new_key(const char* module, void (*clean)(void* block)) {

@@ -50,8 +50,8 @@ AddressName dotted(in_addr address) {
 
 // A copy of the addresses of a resolver's answer, which the next look-up may overwrite.
 struct AddressList {
-  in_addr addresses[kHostByNameTextSize / sizeof(in_addr)];
   size_t count = 0;
+  in_addr addresses[kHostByNameTextSize / sizeof(in_addr)];
 
   explicit AddressList(const hostent& answer) {
     for (char* const* each = answer.h_addr_list; *each != nullptr; ++each) {
@@ -63,8 +63,8 @@ struct AddressList {
 
 // Addresses that are added to a chain when all names are in it.
 struct AddressNames {
-  AddressName texts[kMaxLocalAddresses];
   size_t count = 0;
+  AddressName texts[kMaxLocalAddresses];
 
   vx_error_record* add_to(hostlist_cache* cache, host_entry* host) const {
     vx_error_record* error = nullptr;

@@ -109,7 +109,7 @@ constexpr const char* kJobsTexts[] = {"", "Invalid arguments", "Unable to find j
 constexpr int32_t kJobsSeverities[] = {1, 4, 5, 4};
 constexpr const char* kGenericTexts[] = {"Success", kErrDefaultText};
 
-err_type types[kErrTypeSlots];
+constinit err_type types[kErrTypeSlots] = {};
 char* rap_errlist[kRapErrorCodes];
 
 vx_once_control tables_once;

@@ -84,7 +84,7 @@ void refuse_hard_links(const char* path, nlink_t links) {
 }
 
 // Prints the origin, and ends the process, as the environment asks.
-void print_origin(const char* argv0) {
+[[gnu::noinline]] void print_origin(const char* argv0) {
   const char* request = vxgetenv("KIV_PRINT_ORIGIN");
   if (request == nullptr) return;
   char name[kPathSize];
@@ -100,9 +100,8 @@ const char* find_origin(const char* argv0) {
   if (argv0 == nullptr) return nullptr;
   if (strlen(argv0) >= kProgramPathSize) exit(kTooLongStatus);
 
-  char path[kPathSize];
-  if (!find_program(argv0, path)) return nullptr;
-  if (fullpath2(path, origin, sizeof origin, kFullpathFollow) == nullptr) return nullptr;
+  if (!find_program(argv0, origin)) return nullptr;
+  if (fullpath2(origin, origin, sizeof origin, kFullpathFollow) == nullptr) return nullptr;
   struct stat status;
   if (utf8_lstat(origin, &status) != 0) return nullptr;
   refuse_hard_links(origin, status.st_nlink);

@@ -9,6 +9,7 @@
 
 #include "liblocal/base/text_sizes.h"
 #include "liblocal/text/i18n_conversion.h"
+#include "liblocal/text/text_view.h"
 #include "liblocal/text/utf8_columns.h"
 
 namespace {
@@ -194,8 +195,7 @@ static_assert(kSubFormatSize >=
 // Writes the conversion as the platform is to read it.
 void write_sub_format(const I18nConversion& conversion, char* at) {
   *at++ = '%';
-  memcpy(at, conversion.flags, conversion.flag_count);
-  at += conversion.flag_count;
+  at += text_copy({conversion.flags, conversion.flag_count}, at, sizeof conversion.flags);
   if (conversion.width != kI18nUnset) at = std::to_chars(at, at + 11, conversion.width).ptr;
   if (conversion.precision != kI18nUnset) {
     *at++ = '.';

@@ -1,6 +1,5 @@
 #include "rpc/handle/rpcvarp.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
@@ -37,13 +36,16 @@ std::atomic<rpc_t_varp*> Global_rpc_t_varp;
 
 rpc_t_varp* rpc_t_init() {
   (void)rpc_get_io_switches();  // settled with the process's first block
-  return Global_rpc_t_varp = varp_new_block<rpc_t_varp>();
+  return Global_rpc_t_varp = varp_new_block<rpc_t_varp>(offsetof(rpc_t_varp, text));
 }
 
 void rpc_t_clean(void* memory) {
   auto* block = static_cast<rpc_t_varp*>(memory);
-  for (int32_t slot = 0; slot < block->transport_count; ++slot) {
-    destroy_transport(&block->transports[slot]);
+  if (block->transports != nullptr) {
+    for (int32_t slot = 0; slot < kServerTransportSlots; ++slot) {
+      destroy_transport(&block->transports[slot]);
+    }
+    free(block->transports);
   }
   cleanup_mappers(block);
   rpc_t_varp* newest = block;
@@ -77,7 +79,10 @@ void rpc_set_createerr(clnt_stat status, int32_t error_number) {
 bool rpc_set_server_transport(int32_t descriptor, rpc_server_transport* transport) {
   if (descriptor < 0 || descriptor >= kServerTransportSlots) return false;
   rpc_t_varp* block = get_rpc_t_varp();
-  block->transport_count = std::max(block->transport_count, descriptor + 1);
+  if (block->transports == nullptr) {
+    void* slots = xcalloc(kServerTransportSlots, sizeof *block->transports);
+    block->transports = static_cast<rpc_server_transport**>(slots);
+  }
   rpc_server_transport** slot = &block->transports[descriptor];
   if (*slot != transport) destroy_transport(slot);
   *slot = transport;

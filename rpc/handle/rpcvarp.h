@@ -44,15 +44,15 @@ struct rpc_server_transport {
   void (*destroy)(rpc_server_transport* transport);
 };
 
-/// What the runtime keeps for each thread; zeroed at first.
+/// What the runtime keeps for each thread, zeroed at first but the text.
 struct rpc_t_varp {
   rpc_createerr create_error;
-  char text[kMessageSize];      ///< c_perror.h
   rpc_port_entry* port_cache;   ///< newest first; owned, each from malloc
   bool port_cache_read;         ///< once the environment was read into it
   rpc_started_mapper* mappers;  ///< owned, each from malloc
-  int32_t transport_count;      ///< slots up to the highest one used
-  rpc_server_transport* transports[kServerTransportSlots];  ///< by descriptor; owned
+  /// Null, or kServerTransportSlots slots by descriptor. Owned, with what they hold.
+  rpc_server_transport** transports;
+  char text[kMessageSize];  ///< c_perror.h
 };
 
 /// What the runtime keeps for the process.

@@ -25,12 +25,12 @@ struct UdpRecord : ClientRecord {
   timeval total;        // kNotSet: each call says its own
   uint32_t header_end;  // where a call's own part begins in the send buffer
   uint32_t receive_size;
-  uint8_t* send_buffer;
-  // The receive buffer and then the send buffer follow, in the same allocation.
+  uint8_t* receive_buffer;
+  // The send buffer and then the receive buffer follow, in the same allocation.
 };
 
 UdpRecord* record_of(CLIENT* client) { return static_cast<UdpRecord*>(rpc_record_of(client)); }
-uint8_t* receive_buffer_of(UdpRecord* record) { return reinterpret_cast<uint8_t*>(record + 1); }
+uint8_t* send_buffer_of(UdpRecord* record) { return reinterpret_cast<uint8_t*>(record + 1); }
 
 // Gives the message in the send buffer another transaction id. Its first two bytes count
 // up, the low one first.
@@ -45,14 +45,14 @@ bool encode_call(CLIENT* client, unsigned long procedure, xdrproc_t filter, void
   auto number = static_cast<long>(procedure);
   xdrs->operation = xdr_op::kEncode;
   xdrs->ops->set_position(xdrs, record->header_end);
-  advance_transaction(record->send_buffer);
+  advance_transaction(send_buffer_of(record));
   return xdrs->ops->put_long(xdrs, &number) && client->auth->ops->marshal(client->auth, xdrs) &&
          (filter == nullptr || filter(xdrs, arguments));
 }
 
 bool send_datagram(UdpRecord* record) {
   size_t length = record->stream.ops->get_position(&record->stream);
-  return sendto(record->socket, record->send_buffer, length, 0,
+  return sendto(record->socket, send_buffer_of(record), length, 0,
                 reinterpret_cast<const sockaddr*>(&record->server),
                 sizeof record->server) == static_cast<ssize_t>(length);
 }
@@ -62,14 +62,14 @@ bool send_datagram(UdpRecord* record) {
 ssize_t receive_datagram(UdpRecord* record) {
   for (;;) {
     const ssize_t length =
-        recv(record->socket, receive_buffer_of(record), record->receive_size, MSG_DONTWAIT);
+        recv(record->socket, record->receive_buffer, record->receive_size, MSG_DONTWAIT);
     if (length != -1 || errno != EINTR) return length;
   }
 }
 
 bool answers_call(UdpRecord* record, ssize_t length) {
   return length >= static_cast<ssize_t>(kTransactionSize) &&
-         memcmp(receive_buffer_of(record), record->send_buffer, kTransactionSize) == 0;
+         memcmp(record->receive_buffer, send_buffer_of(record), kTransactionSize) == 0;
 }
 
 enum class Wait { kReply, kNothing, kFailed };
@@ -119,7 +119,7 @@ bool read_refusal(CLIENT* client, ssize_t length, xdrproc_t filter, void* result
   reply.accepted.results = results;
   reply.accepted.results_filter = filter != nullptr ? filter : __brix_xdr_void;
   XDR xdrs;
-  __brix_xdrmem_create(&xdrs, receive_buffer_of(record), static_cast<int32_t>(length),
+  __brix_xdrmem_create(&xdrs, record->receive_buffer, static_cast<int32_t>(length),
                        xdr_op::kDecode);
   const bool decoded = __brix_xdr_replymsg(&xdrs, &reply);
   c_unique_ptr<uint8_t> verifier_body(reply.accepted.verifier.body);
@@ -196,8 +196,8 @@ UdpRecord* new_record(uint32_t send_size, uint32_t receive_size) {
   if (record == nullptr) return nullptr;
   *record = {};
   record->receive_size = receive_size;
-  record->send_buffer = receive_buffer_of(record) + receive_size;
-  __brix_xdrmem_create(&record->stream, record->send_buffer, static_cast<int32_t>(send_size),
+  record->receive_buffer = send_buffer_of(record) + send_size;
+  __brix_xdrmem_create(&record->stream, send_buffer_of(record), static_cast<int32_t>(send_size),
                        xdr_op::kEncode);
   return record;
 }
