@@ -44,13 +44,6 @@ TEST_F(CreateTest, OverTcp) {
   }
 }
 
-TEST_F(CreateTest, OverUdp) {
-  client_ = __brix_clnt_create(nullptr, 5, 6, "Udp");
-  expect_server(4711);
-  EXPECT_TRUE(equal(get<timeval>(CLGET_TIMEOUT), {25, 0}));
-  EXPECT_TRUE(equal(get<timeval>(CLGET_RETRY_TIMEOUT), {5, 0}));
-}
-
 TEST_F(CreateTest, DebugLines) {
   auto lines = [](int level, const char* transport) {
     return printed(level, [=] {
@@ -109,7 +102,7 @@ TEST_F(CreateTest, WhatCannotBeMade) {
   }
 }
 
-TEST_F(CreateTest, AMapperThatCannotBeAskedIsTheCause) {
+TEST_F(CreateTest, FailsWithTheMapper) {
   fakes::refuse(fakes::waits, EIO, 2);
   EXPECT_EQ(__brix_clnt_create("", 5, 6, "udp"), nullptr);
   const rpc_createerr& error = *__get_rpc_createerr();

@@ -139,12 +139,9 @@ TEST_F(SessionTest, OpensWithDefaultsAndItsOwnTexts) {
   EXPECT_EQ(session->retries, 4);
   EXPECT_EQ(session->timeout, 1000000);
   EXPECT_EQ(ntohs(Sessions->state->peer_address.sin_port), 10161);
-  machine::write_file("/etc/services", "");
-  open();
-  EXPECT_EQ(ntohs(Sessions->state->peer_address.sin_port), 161);
 }
 
-TEST_F(SessionTest, OpensWithoutRepetitionsAndClosesOnce) {
+TEST_F(SessionTest, ClosesOnce) {
   wanted.retries = 0;
   wanted.timeout = 0;
   Reqid = 0;
@@ -159,7 +156,7 @@ TEST_F(SessionTest, OpensWithoutRepetitionsAndClosesOnce) {
   EXPECT_EQ(snmp_errno, -4);
 }
 
-TEST_F(SessionTest, FailsToOpenWithoutItsPeerPortOrSocket) {
+TEST_F(SessionTest, FailsToOpen) {
   auto expect_failure = [this](int code, const char* report) {
     EXPECT_EQ(printed(0, [this] { EXPECT_EQ(open(), nullptr); }), report);
     EXPECT_EQ(snmp_errno, code);
@@ -201,7 +198,7 @@ TEST_F(SessionTest, SendsWithWhatWasMissing) {
   EXPECT_EQ(snmp_send(session, make_pdu(0)), 1);
 }
 
-TEST_F(SessionTest, WhatCannotBeSentIsReportedAndNotRemembered) {
+TEST_F(SessionTest, WhatCannotBeSentIsReported) {
   snmp_session* session = open();
   const unique_pdu pdu(make_pdu());
   auto expect_failure = [&](snmp_session* by, int code, const char* report) {
@@ -221,7 +218,7 @@ TEST_F(SessionTest, WhatCannotBeSentIsReportedAndNotRemembered) {
   EXPECT_EQ(pending(session), 0);
 }
 
-TEST_F(SessionTest, RepeatsWithDoubledTimeOutsThenReports) {
+TEST_F(SessionTest, RepeatsWithDoubledTimeOuts) {
   snmp_session* session = open();
   request_record* request = ask(session);
   snmp_timeout();  // its time is not up yet
@@ -246,7 +243,7 @@ TEST_F(SessionTest, RepeatsWithDoubledTimeOutsThenReports) {
   EXPECT_EQ(pending(session), 0);
 }
 
-TEST_F(SessionTest, AResponseIsOfferedToTheRequestsOfItsIdUntilOneTakesIt) {
+TEST_F(SessionTest, AResponseIsOfferedUntilOneTakesIt) {
   snmp_session* session = open();
   ask(session);
   ask(session);
@@ -265,7 +262,7 @@ TEST_F(SessionTest, AResponseIsOfferedToTheRequestsOfItsIdUntilOneTakesIt) {
   EXPECT_EQ(pending(session), 1);
 }
 
-TEST_F(SessionTest, AMangledMessageEndsTheRoundAndALostOneDoesNot) {
+TEST_F(SessionTest, AMangledMessageEndsTheRound) {
   snmp_session* oldest = open();
   snmp_session* middle = open();
   open();  // nothing is there for it
@@ -283,7 +280,7 @@ TEST_F(SessionTest, AMangledMessageEndsTheRoundAndALostOneDoesNot) {
 }
 
 // One round over three sessions, newest first, whose requests are answered or have timed out.
-TEST_F(SessionTest, ACallbackMayCloseSessionsWhileReadAndTimeoutDoNothing) {
+TEST_F(SessionTest, ACallbackMayCloseSessions) {
   for (const int operation : {kReceived, kTimedOut}) {
     snmp_session* oldest = open();
     snmp_session* middle = open();
@@ -306,7 +303,7 @@ TEST_F(SessionTest, ACallbackMayCloseSessionsWhileReadAndTimeoutDoNothing) {
   }
 }
 
-TEST_F(SessionTest, ASynchronousRequestReturnsItsResponse) {
+TEST_F(SessionTest, ReturnsTheResponse) {
   snmp_session* session = open_synchronous();
   EXPECT_EQ(snmp_send(session, make_pdu(8)), 8);
   answer(session, message(kSnmpGetResponse, 8));
@@ -318,7 +315,7 @@ TEST_F(SessionTest, ASynchronousRequestReturnsItsResponse) {
   EXPECT_EQ(pending(session), 1) << "the other one";
 }
 
-TEST_F(SessionTest, MessagesDoNotDelayTheTimeOutOfASynchronousRequest) {
+TEST_F(SessionTest, MessagesDoNotDelayATimeOut) {
   snmp_session* flooded = open();
   snmp_session* session = open_synchronous();
   session->timeout = 0;
@@ -330,7 +327,7 @@ TEST_F(SessionTest, MessagesDoNotDelayTheTimeOutOfASynchronousRequest) {
   EXPECT_EQ(ask_and_wait(session), kTimeout);
 }
 
-TEST_F(SessionTest, ASynchronousRequestFailsWithoutAResponseToWaitFor) {
+TEST_F(SessionTest, ASynchronousRequestMayFail) {
   snmp_session* session = open_synchronous();
   EXPECT_EQ(ask_and_wait(session, 7, kSnmpTrap), kError);
   answer(session, message(kSnmpGetNextRequest));  // of the awaited id
@@ -341,7 +338,7 @@ TEST_F(SessionTest, ASynchronousRequestFailsWithoutAResponseToWaitFor) {
 }
 
 // The allocator likes to give the memory of what was closed to what is opened next.
-TEST_F(SessionTest, ASynchronousRequestEndsWithItsSessionAndIsNotTakenForALaterOne) {
+TEST_F(SessionTest, ASynchronousRequestEndsWithItsSession) {
   snmp_session* session = open_synchronous();
   snmp_session* other = open();
   ask_in_vain(other);
@@ -376,17 +373,6 @@ TEST_F(SessionTest, ACallbackMayAskAndWait) {
   EXPECT_EQ(pending(other), 0);
 }
 
-TEST_F(SessionTest, DumpsWhatIsReceived) {
-  answer(open(), kResponse);
-  testing::internal::CaptureStdout();
-  snmp_dump_packet = 1;
-  read_all();
-  snmp_dump_packet = 0;
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "[41.66] recieved 20 bytes from 127.0.0.1:\n"
-            "30 12 02 01 00 04 00 A2 0B 02 01 07 02 01 00 02 \n01 00 30 00 \n\n");
-}
-
 TEST_F(SessionTest, SelectInfoFindsTheNextExpiry) {
   snmp_session* session = open();
   int count = 0;
@@ -412,13 +398,10 @@ TEST_F(SessionTest, SelectInfoFindsTheNextExpiry) {
   const int socket = std::exchange(Sessions->state->socket, kVxFdSetSize - 1);
   expect_wait(50, 0, 0, 0);
   EXPECT_EQ(count, kVxFdSetSize);
-  ++Sessions->state->socket;
-  expect_wait(50, 0, 0, 0);
-  EXPECT_EQ(count, 0) << "the set cannot name it";
   Sessions->state->socket = socket;
 }
 
-TEST_F(SessionTest, NothingIsSentOrRememberedWithoutMemory) {
+TEST_F(SessionTest, SendsNothingWithoutMemory) {
   for (uint8_t command : {kSnmpGetRequest, kSnmpTrap}) {
     fakes::refuse_each_allocation([&](const fakes::FailingMalloc& failing) {
       unique_pdu pdu(snmp_pdu_create(command));

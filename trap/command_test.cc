@@ -103,7 +103,7 @@ TEST_F(CommandTest, CommandLines) {
   for (const auto& row : rows) expect(kivtrap(row.words), row.datagram, row.out, row.err);
 }
 
-TEST_F(CommandTest, MessageIsTheFirstLineLessItsLastByte) {
+TEST_F(CommandTest, SendsTheFirstLine) {
   if (locales_are_missing()) return;
   // At most 1022 bytes are read, and the last one goes: the line end or a real one.
   const std::string line(5000, 'y');
@@ -149,7 +149,7 @@ TEST_F(CommandTest, UpTimeCountsFromTheBootRecord) {
   unlink("/run/utmp");
 }
 
-TEST_F(CommandTest, TheAgentAddressIsZeroOnAHostWithoutAName) {
+TEST_F(CommandTest, AHostWithoutANameHasAddressZero) {
   const std::string before = machine::read_file("/etc/hosts");
   machine::write_file("/etc/hosts", "127.0.0.1 loopback\n");
   expect(kivtrap({"127.0.0.1"}), trap_message("disk full", "public", "020106 020101", "00000000"),
@@ -157,7 +157,7 @@ TEST_F(CommandTest, TheAgentAddressIsZeroOnAHostWithoutAName) {
   machine::write_file("/etc/hosts", before);
 }
 
-TEST_F(CommandTest, TextIsWrappedWhereTheStationIsRegistered) {
+TEST_F(CommandTest, TextIsWrappedForARegisteredStation) {
   const struct {
     const char* environment;
     size_t calls;   // of the station's own port mapper

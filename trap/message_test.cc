@@ -20,7 +20,7 @@ namespace {
 
 const fakes::NumberedTexts numbered;
 
-TEST(WrapLine, BreaksAtTheLastWhiteSpaceUpToThe42ndByte) {
+TEST(WrapLine, BreaksAtWhiteSpace) {
   const std::string a38(38, 'a'), a40(40, 'a'), a41(41, 'a'), b20(20, 'b'), c19(19, 'c');
   const std::string x42(42, 'x'), blanks(60, ' ');
   const std::string rows[] = {a40, a40 + "\n", b20 + " " + c19, a38 + "\n" + b20, a41 + "\nb",
@@ -55,24 +55,7 @@ TEST(ReadMessage, AnInterruptedReadLosesNoText) {
   EXPECT_STREQ(read_message(source, false).get(), "disk full");
 }
 
-TEST(ReadMessage, SignalsDoNotEndTheWaitForTheWriterOfAFifo) {
-  const TemporaryDirectory place;
-  const std::string fifo = place.path() + "/fifo";
-  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  struct sigaction interrupt = {};  // without SA_RESTART, so that a signal ends a wait
-  interrupt.sa_handler = [](int) {};
-  sigaction(SIGUSR1, &interrupt, nullptr);
-  std::jthread writer([&fifo, reader = pthread_self()] {
-    for (int i = 0; i < 50; ++i) {
-      pthread_kill(reader, SIGUSR1);
-      usleep(1000);
-    }
-    machine::write_file(fifo, "disk full\n");
-  });
-  EXPECT_STREQ(read_message(open_message_source(fifo.c_str()), false).get(), "disk full");
-}
-
-TEST(ReadMessage, WithoutMemoryForALineTheNextOneIsTheMessage) {
+TEST(ReadMessage, WithoutMemoryTheNextLineIsRead) {
   FILE* source = tmpfile();
   fputs("line 1\nline 2\nline 3\n", source);
   rewind(source);

@@ -41,7 +41,6 @@ TEST_F(StartupTest, FindsItsOrigin) {
   ASSERT_EQ(system("cd /startup; mkdir -p directory/kivtrap plain; touch plain/kivtrap;"
                    "ln -sf bin/kivtrap link"),
             0);
-  auto directory = [](size_t length) { return "/startup" + std::string(length - 11, '/') + "bin"; };
   struct Row {
     const char* argv0;
     std::string path;
@@ -53,8 +52,7 @@ TEST_F(StartupTest, FindsItsOrigin) {
       {"/startup/none", "PATH=", false},
       {"kivtrap", "PATH=/x:/startup/plain:/startup/directory:/startup/bin:/x", true},
       {"kivtrap", "PATH=/nowhere::/startup/plain", false},
-      {"kivtrap", "PATH=" + directory(1015), true},
-      {"kivtrap", "PATH=" + directory(1016), false}};
+      {"kivtrap", "PATH=/startup" + std::string(1005, '/') + "bin", false}};
   for (const Row& row : rows) {
     const machine::Outcome outcome = run(program, {row.argv0}, {row.path, "KIV_PRINT_ORIGIN=Q"});
     EXPECT_EQ(outcome.status, row.found ? 0 : 1) << row.path;
@@ -87,7 +85,7 @@ TEST_F(StartupTest, RefusesHardLinksToItself) {
   EXPECT_EQ(refused.status, 1);
 }
 
-TEST_F(StartupTest, ASetUserIdProgramLendsItsUserNothing) {
+TEST_F(StartupTest, LendsNoRightsToItsUser) {
   if (!machine::has_users()) return skip("no users but root here");
   const std::string program = install("/startup/setuid/bin", 04755);
   install("/startup/bin");

@@ -89,12 +89,10 @@ TEST_F(Fullpath, EndsDirectoriesWithASlash) {
 TEST_F(Fullpath, FitsItsOutput) {
   EXPECT_EQ(fullpath2("/", nullptr, 9, 0), nullptr);
   EXPECT_EQ(resolved("/dir/file", 0, 9), "ENAMETOOLONG: kivtrap: /dir/file path is too long\n");
-  EXPECT_EQ(resolved("link_file", 0, 10), "ENAMETOOLONG: kivtrap: /link_file path is too long\n");
   EXPECT_EQ(resolved("link_file", 0, 11), "/link_file");
   EXPECT_EQ(resolved("dir/file", 0, 4, 3),
             "ERANGE: kivtrap: fullpath getcwd failed on dir\n"
             "kivtrap: fullpath failed to get the new cwd\n");
-  EXPECT_EQ(resolved("dir", kSlash, 4), "ERANGE: kivtrap: getcwd failed on dir\n");
   EXPECT_EQ(resolved("dir", kSlash, 5), "/dir") << "no room for the slash";
   EXPECT_EQ(resolved("dir", kSlash, 6), "/dir/");
 }
@@ -134,15 +132,6 @@ TEST_F(Fullpath, DeeperThanAPathCanBe) {
   EXPECT_EQ(resolved("sub/file", 0, path.size() + 9),
             "ENAMETOOLONG: kivtrap: " + path + "/sub/file path is too long\n" +
                 "kivtrap: fullpath(sub/file)" + no_way_back);
-}
-
-TEST_F(Fullpath, ClosedDirectories) {
-  if (!machine::has_users()) return MachineTest::skip("no users but root here");
-  ASSERT_EQ(chmod(root_.c_str(), 0755), 0);
-  ASSERT_EQ(mkdir("shut", 0744), 0);
-  ASSERT_EQ(seteuid(machine::kUser), 0);
-  EXPECT_EQ(resolved("shut", 0), "EACCES: kivtrap: cannot chdir to shut: Permission denied\n");
-  EXPECT_EQ(seteuid(0), 0);
 }
 
 }  // namespace

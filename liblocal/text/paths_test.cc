@@ -43,22 +43,6 @@ TEST(Utf8Files, PathsAreConverted) {
   });
 }
 
-TEST(Utf8Files, ReadsTheLongestName) {
-  in_directory([] {
-    ASSERT_EQ(mkdir(std::string(255, '\xE9').c_str(), 0700), 0);
-    DIR* directory = utf8_opendir(".");
-    alignas(dirent) char bytes[kUtf8DirentSize];
-    auto* entry = reinterpret_cast<dirent*>(bytes);
-    size_t longest = 0;
-    while (vx_readdir(directory, entry) == entry) {
-      EXPECT_EQ(entry->d_type, DT_DIR);
-      longest = std::max(longest, strlen(bytes + offsetof(dirent, d_name)));
-    }
-    EXPECT_EQ(longest, 255 * 3U);
-    closedir(directory);
-  });
-}
-
 TEST(Utf8Files, LinksAreRead) {
   in_directory([] {
     char buffer[11];

@@ -95,21 +95,6 @@ TEST(Utf8Convert, PlainTextOpensNoConverter) {
   fakes::codeset = nullptr;
 }
 
-TEST(Utf8Convert, WithoutALockTheTextEnds) {
-  auto convert_both = [] {
-    signal(SIGTERM, SIG_IGN);
-    for (const auto convert : {in, out}) {
-      const fakes::FailingMalloc failing(0, 1);
-      std::cerr << convert("é");
-    }
-    _exit(0);
-  };
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(convert_both(), testing::ExitedWithCode(0),
-              "^Operation .* UTF-8 conversion. Try again.\n"
-              "Operation .* ANSI conversion. Try again.\n$");
-}
-
 TEST(Utf8Convert, BuffersOfTheThread) {
   char* first = utf8encode("\xE9", 10);
   EXPECT_STREQ(first, "é");

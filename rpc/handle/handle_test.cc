@@ -40,19 +40,15 @@ TEST(RpcTexts, ShowTheDetailOfAStatus) {
 
 TEST(RpcTexts, SayWhyAnAuthenticationWasRefused) {
   const fakes::NumberedTexts numbered;
-  const char* const whys[] = {"[21.51] Authentication OK",
-                              "[21.52] Invalid client credential",
-                              "[21.53] Server rejected credential",
-                              "[21.54] Invalid client verifier",
-                              "[21.55] Server rejected verifier",
-                              "[21.56] Client credential too weak",
-                              "[21.57] Invalid server verifier",
-                              "[21.38] Failed (unspecified error)",
-                              "[21.21] (unknown authentication error - 8)"};
-  rpc_err error = {RPC_AUTHERROR, {}};
-  for (const std::string why : whys) {
+  const std::pair<auth_state, std::string> whys[] = {
+      {kAuthOk, "[21.51] Authentication OK"},
+      {kAuthInvalidServerVerifier, "[21.57] Invalid server verifier"},
+      {kAuthFailed, "[21.38] Failed (unspecified error)"},
+      {static_cast<auth_state>(8), "[21.21] (unknown authentication error - 8)"}};
+  for (const auto& [status, why] : whys) {
+    rpc_err error = {RPC_AUTHERROR, {}};
+    error.why = status;
     EXPECT_THAT(clnt_sperror_rpc_err(&error, nullptr), testing::EndsWith("; why = " + why + "\n"));
-    ++error.why;
   }
 }
 

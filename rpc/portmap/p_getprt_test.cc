@@ -23,10 +23,6 @@ void start_with(const char* value) {
   setenv(kVariable, value, 1);
 }
 
-TEST(Pmap, CarriesARecord) {
-  expect_carried<pmap>(xdr_filter<__brix_xdr_pmap>, "00000001FFFFFFFE000000030000FFFF");
-}
-
 class PortTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -66,6 +62,10 @@ TEST_F(PortTest, TheCacheAnswersForThisHostAlone) {
   EXPECT_EQ(ask("127.0.0.1", kService, 2), 7937);
   EXPECT_EQ(ask("127.0.0.1", kService, 3), 5);  // not with port 0
   EXPECT_EQ(ask("127.0.0.2", kService, 2), 5);  // a remote host
+  const std::vector<fakes::Interface> own_addresses = {{1, "127.0.0.3"}};
+  fakes::interfaces = &own_addresses;
+  EXPECT_EQ(ask("127.0.0.3", kService, 2), 7937);
+  fakes::interfaces = nullptr;
 }
 
 TEST_F(PortTest, TheOwnMappersAnswerIsKept) {

@@ -138,7 +138,7 @@ TEST_P(TransportTest, AnInvalidVerifierEndsTheCall) {
   EXPECT_EQ(get<int32_t>(CLGET_AUTH_CONFIRMED), 1);
 }
 
-TEST_P(TransportTest, ARefreshThatIsDueComesBeforeTheCall) {
+TEST_P(TransportTest, RefreshesBeforeACall) {
   ScriptedAuth auth(1);
   auth.ops.needs_refresh = [](AUTH*, bool, CLIENT*) { return true; };
   serve(kAnswer, &auth);
@@ -194,7 +194,7 @@ TEST_P(TransportTest, DestroyClosesASocketOfItsOwn) {
   }
 }
 
-TEST_P(TransportTest, CreationWithoutMemoryLeavesNothing) {
+TEST_P(TransportTest, NeedsMemory) {
   const int next = dup(0);
   close(next);
   serve();

@@ -174,7 +174,7 @@ TEST_F(RecordTest, ReadsLargePiecesPastItsBuffer) {
   EXPECT_FALSE(xdrs_.ops->get_long(&xdrs_, &narrow));  // the record's end
 }
 
-TEST_F(RecordTest, LosesNothingWhenReadsFailInBetween) {
+TEST_F(RecordTest, ContinuesAfterAFailedRead) {
   decode(fragment("abcd", false) + fragment(letters(396)));
   pipe_.stalls = true;
   pipe_.most = 3;
@@ -189,7 +189,7 @@ TEST_F(RecordTest, LosesNothingWhenReadsFailInBetween) {
   EXPECT_EQ(all, "abcd" + letters(396));
 }
 
-TEST_F(RecordTest, BreaksWhenAFragmentIsLargerThan16MiB) {
+TEST_F(RecordTest, RefusesFragmentsAbove16MiB) {
   decode(from_hex("01000000") + "abcd");  // 16 MiB
   EXPECT_EQ(get(4), "abcd");
   decode(from_hex("81000001") + "abcd");
