@@ -61,10 +61,6 @@ std::string read_file(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-void set_host_name(const std::string& name) {
-  check(sethostname(name.data(), name.size()) == 0, "sethostname");
-}
-
 Outcome run(const Command& command) {
   std::vector<char*> argv;
   for (const std::string& word : command.words) argv.push_back(const_cast<char*>(word.c_str()));

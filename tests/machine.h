@@ -25,7 +25,6 @@ bool has_users();
 /// Writes a whole file. As all of the test machine it throws what the system refuses.
 void write_file(const std::string& path, std::string_view text);
 std::string read_file(const std::string& path);
-void set_host_name(const std::string& name);
 
 /// A program to run and its surroundings.
 struct Command {

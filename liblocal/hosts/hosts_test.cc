@@ -227,27 +227,6 @@ TEST_F(NameTest, OfTheHostAndItsDomain) {
   EXPECT_EQ(vx_getdomainname(name, 1), 0);
 }
 
-// What vx_getlocalhost answers in a process on a host called `host`, also once that has changed.
-void print_local_host(const char* host) {
-  machine::set_host_name(host);
-  char name[512];
-  vx_getlocalhost(name, 1);
-  machine::set_host_name(machine::kHostName);
-  fputs(vx_getlocalhost(name, sizeof name), stderr);
-  _exit(0);
-}
-
-using LocalHost = MachineTest;
-
-TEST_F(LocalHost, IsResolvedOnce) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const std::string before = machine::read_file("/etc/hosts");
-  write_hosts("192.0.2.1 " + std::string(300, 'L') + " long\n");
-  EXPECT_EXIT(print_local_host("long"), testing::ExitedWithCode(0), "^l{255}$");
-  EXPECT_EXIT(print_local_host("no"), testing::ExitedWithCode(0), "^localhost$");
-  write_hosts(before);
-}
-
 // The addresses of the table, then that of __brix_get_myaddress, and what is printed.
 std::string ask(const std::vector<Interface>& there) {
   std::string answer;

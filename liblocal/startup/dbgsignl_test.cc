@@ -59,14 +59,10 @@ TEST_F(DebugSignal, SetsDebugByItsCommandAlone) {
   const std::pair<std::string, int> rows[] = {
       {" \t\n dEBUG \t\n=\n 3\n", 3},
       {"Debug=3x4", 3},
-      {"Debug=abc", 0},
       {"Debug \n", 0},
       {"Debug=99999999999999999999", INT32_MAX},
       {filler.substr(7) + "Debug=34", 3},  // its last byte is not read
-      {"Debug 3", 1},
-      {"Debug=", 1},
       {"Debugger=3", 1},
-      {"", 1},
       {"Debug=-5", 1}};
   for (const auto& [command, value] : rows) {
     const std::string change = "kivtrap: Changing Debug level of process (id " + kId +

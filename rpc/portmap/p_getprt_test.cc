@@ -79,6 +79,7 @@ TEST_F(PortTest, TheOwnMappersAnswerIsKept) {
       EXPECT_EQ(ask(row.host, kService, 2, IPPROTO_TCP), 7);
     }
     EXPECT_EQ(ask("127.0.0.1", kService, 2, IPPROTO_TCP), row.kept);
+    EXPECT_STREQ(getenv(kVariable), "") << "exported";
   }
 }
 

@@ -110,9 +110,9 @@ TEST_F(RecordTest, BreaksWhenAPartOfARecordLeft) {
     EXPECT_FALSE(end());
     pipe_.room = SIZE_MAX;
     EXPECT_TRUE(xdrrec_is_broken(&xdrs_));
-    EXPECT_FALSE(end());  // nothing can follow
-    EXPECT_FALSE(skip());
+    EXPECT_FALSE(end());            // nothing can follow
     EXPECT_EQ(get(200), "failed");  // nor come
+    EXPECT_FALSE(skip());
   }
 }
 

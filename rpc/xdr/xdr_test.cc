@@ -151,6 +151,7 @@ TEST(XdrCompound, AnAbsentObjectClearsThePointer) {
   void* object = &before;
   EXPECT_TRUE(__brix_xdr_pointer(TestStream(from_hex("00000000")).get(), &object, 8, kItem));
   EXPECT_EQ(object, nullptr);
+  EXPECT_TRUE(__brix_xdr_reference(&__xdr, &object, 8, kItem));
 }
 
 class ArrayTest : public testing::Test {
