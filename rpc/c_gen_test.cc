@@ -73,18 +73,6 @@ TEST_F(CreateTest, ThisHostIsAskedOverLoopback) {
   fakes::interfaces = nullptr;
 }
 
-TEST_F(CreateTest, WithMethodsOfTheServer) {
-  rpc_install_auth_methods([](const sockaddr_in* server, uint32_t* methods) {
-    *methods = ntohs(server->sin_port) == 7938 ? kAuthMethodsSystem : 0;
-    return true;
-  });
-  client_ = clnt_create_with_auth("", 5, 6, "tcp", kAuthMethodsSystem | kAuthMethodsNone);
-  rpc_install_auth_methods(nullptr);
-  ASSERT_NE(client_, nullptr);
-  EXPECT_EQ(get<uint32_t>(CLGET_AUTH_METHODS), kAuthMethodsSystem);
-  EXPECT_EQ(client_->auth->credential.flavour, kAuthNone);
-}
-
 TEST_F(CreateTest, WhatCannotBeMade) {
   if (skip_outside()) return;
   const struct {

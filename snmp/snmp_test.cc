@@ -242,13 +242,6 @@ TEST(SnmpPdu, FixLeavesOutTheBindingInError) {
   EXPECT_EQ(fixed(1, 1), nullptr) << "none is left";
 }
 
-TEST(SnmpPdu, AnErrorStatusHasItsText) {
-  EXPECT_STREQ(snmp_errstring(0), "No Error");
-  EXPECT_STREQ(snmp_errstring(5), "A general failure occured");
-  EXPECT_STREQ(snmp_errstring(6), "Unknown Error");
-  EXPECT_STREQ(snmp_errstring(-1), "Unknown Error");
-}
-
 TEST(SnmpPdu, IsWholeOrNotMadeWithoutMemory) {
   for (const std::string& bytes : {kTrap, response(binding("06022B06") + binding("020105"))}) {
     auto make = [&](const fakes::FailingMalloc& failing) {

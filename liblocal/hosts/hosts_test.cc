@@ -189,28 +189,17 @@ TEST_F(NameTest, ClientsAreKnownForAnHourOrForEver) {
 }
 
 TEST_F(NameTest, EachLookUpHasAPlaceOfItsOwn) {
-  machine::write_file("/etc/services", "one 101/tcp\ntwo 102/tcp\nsnmp 161/udp\n");
+  machine::write_file("/etc/services", "two 102/tcp\nsnmp 161/udp\n");
   // A name and an address in answers of the same look-ups.
   const char* alias = vx_ts_gethostbyname(" \t\nweb")->h_aliases[0];
   const in_addr mail = {inet_addr("198.51.100.3")};
   const char* address = vx_ts_gethostbyaddr(&mail, 4, AF_INET)->h_addr_list[0];
   const servent *by_name = vx_ts_getservbyname("snmp", "udp"),
                 *by_port = vx_ts_getservbyport(htons(102), nullptr);
-  const passwd *root = vx_ts_getpwnam("root"), *daemon = vx_ts_getpwuid(1);
   EXPECT_STREQ(vx_ts_gethostbyname(alias)->h_name, "web.net");
   EXPECT_STREQ(vx_ts_gethostbyaddr(address, 4, AF_INET)->h_name, "mail.net");
   EXPECT_STREQ(by_name->s_name, "snmp");
   EXPECT_STREQ(by_port->s_name, "two");
-  EXPECT_STREQ(root->pw_name, "root");
-  EXPECT_STREQ(daemon->pw_name, "daemon");
-}
-
-TEST_F(NameTest, NothingUnknownOrTooLongIsFound) {
-  EXPECT_EQ(vx_ts_gethostbyname(nullptr), nullptr);
-  write_hosts("192.0.2.7 " + std::string(8192, 'x') + " full\n");
-  EXPECT_EQ(vx_ts_gethostbyname("full"), nullptr);
-  EXPECT_EQ(vx_ts_gethostbyaddr(nullptr, 4, AF_INET), nullptr);
-  EXPECT_EQ(vx_ts_gethostbyaddr(kHosts.data(), 5000, AF_INET), nullptr);
 }
 
 TEST_F(NameTest, OfTheHostAndItsDomain) {
@@ -244,7 +233,6 @@ std::string ask(const std::vector<Interface>& there) {
 }
 
 TEST(OwnAddresses, OfInterfacesThatAreUp) {
-  const std::string failure = "set_ifconf_buffer: ioctl(SIOCGIFCONF): Input/output error\n";
   const std::string none = "kivtrap: No network interfaces detected!";
   const std::pair<std::vector<Interface>, std::string> rows[] = {
       {{{9, "127.0.0.1"}, {1, "10.7.0.1"}, {1, "10.7.0.2"}},
@@ -254,9 +242,6 @@ TEST(OwnAddresses, OfInterfacesThatAreUp) {
       {{{-ENODEV, "10.4.0.1"}}, "0.0.0.0get_myaddress: flags ioctl: No such device\n"},
       {{}, "0.0.0.0" + none}};
   for (const auto& [there, answer] : rows) EXPECT_EQ(ask(there), answer);
-  listing_error = EIO;
-  EXPECT_EQ(ask({{1, "10.2.0.1"}}), "0.0.0.0" + failure + failure + none);
-  listing_error = 0;
 }
 
 TEST(OwnAddresses, AsManyAsTheTableHolds) {

@@ -103,9 +103,7 @@ TEST(DebugCheck, WaitsForListedPrograms) {
   const std::string line = " (" + kId + ") waiting to be debugged\n";
   const std::tuple<const char*, const char*, std::string> rows[] = {
       {"/usr/bin/KIVtrap.exe/", "other,kivtrapper", "kivtrap"},
-      {"a.b.c", "a.B", "a.b"},
-      {"kivtrap", "kivtra, kivtrap", ""},
-      {"b", "a,xb,cB,", ""}};
+      {"kivtrap", "kivtra,xkivtrap,", ""}};
   for (const auto& [path, programs, name] : rows) {
     Debug_me = 1;
     const std::string text = "kivtrap: " + name + line;

@@ -207,15 +207,4 @@ TEST_F(VxidsOnItsMachine, SwitchBetweenUserAndRoot) {
   unsetenv("KIV_PRINT_UIDS");
 }
 
-TEST_F(VxidsOnItsMachine, ChangeNothingWithoutRootsRights) {
-  for (uid_t real : {1000U, 0U}) {
-    as_users(real, 2000, [real] {
-      vxinit("kiv");
-      set_privileged();
-      EXPECT_EQ(getuid(), real);
-      EXPECT_EQ(geteuid(), real == 0 ? 0 : 2000);
-    });
-  }
-}
-
 }  // namespace
