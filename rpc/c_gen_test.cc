@@ -1,7 +1,6 @@
 #include "rpc/c_gen.h"
 
 #include "liblocal/hosts/is_mynam.h"
-#include "rpc/auth/auth.h"
 #include "rpc/auth/auth_methods.h"
 #include "rpc/handle/rpcvarp.h"
 #include "tests/fakes.h"

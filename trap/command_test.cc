@@ -161,8 +161,10 @@ TEST_F(CommandTest, TextIsWrappedForARegisteredStation) {
     uint16_t port;  // that it answers
     char between;   // the two words of the text
   } rows[] = {
-      {"KIV_NOTHING=", 1, 4711, '\n'}, {"KIV_NOTHING=", 1, 0, ' '},  {"KIV_WRAP=Yes", 0, 0, '\n'},
-      {"KIV_WRAP=nO", 0, 4711, ' '},   {"KIV_WRAP=", 1, 4711, '\n'},
+      {"KIV_NOTHING=", 1, 4711, '\n'},
+      {"KIV_NOTHING=", 1, 0, ' '},
+      {"KIV_WRAP=Yes", 0, 0, '\n'},
+      {"KIV_WRAP=nO", 0, 4711, ' '},
   };
   // Behind its number: procedure 3, for program 100122, version 0, over UDP.
   const std::string call =

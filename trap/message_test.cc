@@ -2,12 +2,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
-#include <thread>
 
 #include "liblocal/text/utf8.h"
 #include "snmp/snmp_api.h"

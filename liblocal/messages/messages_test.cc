@@ -263,7 +263,6 @@ TEST(ErrPrint, AddsDetailsUnlessTheLevelIs0) {
   err_set(1, 0);  // makes the tables
   EXPECT_EQ(printed_record(0, {92001, "50%d"}), "Jobs warning: 50%d\n");
   EXPECT_EQ(printed_record(-1, {92001, "50%d"}), "Jobs warning: 50%d (severity 2, number 1)\n");
-  EXPECT_EQ(printed_record(0, {62001, "full"}), "Jukebox warning: full\n");
   EXPECT_EQ(printed_record(1, {102001, "worn"}), "warning, worn (type 10, severity 2, number 1)\n");
   EXPECT_EQ(printed_record(1, {0, "nothing"}), "error, nothing\n");
   EXPECT_EQ(printed_record(1, {-10001, "chain"}), "error, chain (number -10001)\n");

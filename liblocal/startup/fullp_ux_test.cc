@@ -51,7 +51,6 @@ class Fullpath : public testing::Test {
 
 TEST_F(Fullpath, WithoutFlags) {
   const std::pair<const char*, const char*> names[] = {
-      {"/dir///", "/dir"},
       {"/broken", "/broken"},
       {"", "ENOENT: kivtrap: cannot stat \n"},
       {"dir/file/", "ENOTDIR: kivtrap: cannot stat dir/file/\n"},

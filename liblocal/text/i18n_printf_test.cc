@@ -72,7 +72,6 @@ TEST(Format, PositionsOfArguments) {
 
 TEST(Format, UnfinishedAndUnknownConversions) {
   EXPECT_EQ(formatted("a%-"), "a");
-  EXPECT_EQ(formatted("a%l", int64_t{1}), "a");
   EXPECT_EQ(formatted("%lld|%Zu", int64_t{1}, 2), "d|u");
   EXPECT_EQ(formatted("%y %5%d", 1, 2), "%y %d");
 }

@@ -1,11 +1,8 @@
 #include "liblocal/text/utf8_convert.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
-#include <iostream>
 #include <string>
 #include <utility>
 

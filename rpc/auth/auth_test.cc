@@ -81,13 +81,6 @@ TEST_F(AuthSystem, BoundsItsParameters) {
   EXPECT_EQ(__brix_authsys_create("", 0, 0, 18, groups), nullptr);
 }
 
-TEST_F(AuthSystem, IsNotMadeWithoutMemory) {
-  fakes::refuse_each_allocation([&](const fakes::FailingMalloc& failing) {
-    auth_.reset(__brix_authsys_create("", 0, 0, 0, nullptr));
-    EXPECT_EQ(auth_ == nullptr, failing.failed());
-  });
-}
-
 TEST_F(AuthSystem, UsesAShortCredential) {
   EXPECT_TRUE(validate(kAuthNone));
   EXPECT_EQ(marshalled(auth_.get()), full());

@@ -45,16 +45,6 @@ TEST_F(BindTest, WithoutRangesTheSystemChooses) {
             "kivtrap: socket bind to arbitrary port failed (errno 99)\n");
 }
 
-TEST_F(BindTest, RefusedArguments) {
-  const sockaddr_in foreign = {AF_INET6, 0, {}, {}};
-  EXPECT_EQ(bind_new(kPortConnection, &foreign), -EPFNOSUPPORT);
-  for (int32_t type : {-1, 3}) {
-    EXPECT_EQ(bind_new(type), -EINVAL);
-    EXPECT_EQ(rpcport_add_range(1, 1, type), -1);
-  }
-  EXPECT_EQ(rpcport_add_range(3, 2, kPortConnection), -1);
-}
-
 TEST_F(BindTest, EveryPortOfTheRangesIsFound) {
   auto add_range = [] { EXPECT_EQ(rpcport_add_range(40000, 40002, 2), 0); };
   EXPECT_EQ(printed(8, add_range),

@@ -74,13 +74,6 @@ TEST_P(TransportTest, CallsOnTheWire) {
   }
 }
 
-TEST_P(TransportTest, NullFiltersStandForNothing) {
-  serve();
-  EXPECT_EQ(call(nullptr, nullptr, nullptr, nullptr), kSuccess);
-  EXPECT_EQ(server_->requests()[0].size(), 40U);
-  EXPECT_TRUE(client_->ops->freeres(client_, nullptr, nullptr));
-}
-
 TEST_P(TransportTest, KnowsItsControlRequests) {
   using testing::ElementsAre;
   serve();
