@@ -19,22 +19,18 @@
 #include <unistd.h>
 #include <utmp.h>
 
-static struct hostent entry;
-static struct hostent* found;
-static char names[8192];
+static struct hostent entry, *found;
+static char own[256], names[8192];
 static int error;
-
-static char own[256];
 
 static void look_up_own_name(void) {
   gethostbyname_r(own, &entry, names, sizeof names, &found, &error);
 }
 
-static void look_up_address(const struct in_addr* address) {
-  struct hostent* ignored = NULL;
-  struct hostent reverse;
+static void look_up_address(const void* address) {
+  struct hostent reverse, *ignored;
   char text[1024];
-  gethostbyaddr_r(address, sizeof *address, AF_INET, &reverse, text, sizeof text, &ignored, &error);
+  gethostbyaddr_r(address, 4, AF_INET, &reverse, text, sizeof text, &ignored, &error);
 }
 
 // This host's interfaces and what they are called, then its own addresses.
@@ -52,12 +48,10 @@ static void look_up_this_host(void) {
     ioctl(any, SIOCGIFFLAGS, &flags);
   }
   close(any);
-  struct in_addr first;
-  memcpy(&first, found->h_addr_list[0], sizeof first);
   for (size_t i = 0; i < (size_t)list.ifc_len / sizeof records[0]; ++i) {
     look_up_address(&((struct sockaddr_in*)&records[i].ifr_addr)->sin_addr);
   }
-  look_up_address(&first);
+  look_up_address(found->h_addr_list[0]);
 }
 
 static int bound_socket(void) {
@@ -68,19 +62,15 @@ static int bound_socket(void) {
 }
 
 // Sends `size` bytes to a port of 127.0.0.1.
-static void send_to(int endpoint, int port, const void* bytes, size_t size) {
-  struct sockaddr_in server = {.sin_family = AF_INET,
-                               .sin_port = htons((uint16_t)port),
-                               .sin_addr.s_addr = htonl(INADDR_LOOPBACK)};
+static void send_to(int endpoint, uint16_t port, const void* bytes, size_t size) {
+  struct sockaddr_in server = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {0}};
   sendto(endpoint, bytes, size, 0, (struct sockaddr*)&server, sizeof server);
 }
 
 static void ask_port_mapper(void) {
-  // Transaction, call, RPC version, mapper, its version, look-up; two empty
-  // credentials; program, version, protocol, no port.
-  const uint32_t words[] = {1, 0, 2, 100000, 2, 3, 0, 0, 0, 0, 100122, 0, 17, 0};
-  uint32_t call[14];
-  for (int i = 0; i < 14; ++i) call[i] = htonl(words[i]);
+  // Of port mapper 100000, version 2: where program 100122, version 0, is over UDP.
+  uint32_t call[14] = {1, 0, 2, 100000, 2, 3, 0, 0, 0, 0, 100122, 0, 17, 0};
+  for (int i = 0; i < 14; ++i) call[i] = htonl(call[i]);
   getpid();
   int endpoint = bound_socket();
   send_to(endpoint, 7938, call, sizeof call);
@@ -105,11 +95,9 @@ int main(int argc, char** argv) {
   if (found == NULL) return 1;
   look_up_own_name();
   look_up_this_host();
-  for (const char* each = "vrd"; *each != '\0'; ++each) {  // switches of connections
-    char name[] = "/kiv/debug/no_";
-    name[sizeof name - 2] = *each;
-    access(name, F_OK);
-  }
+  access("/kiv/debug/nowritev", F_OK);  // switches of connections
+  access("/kiv/debug/noreadv", F_OK);
+  access("/kiv/debug/nodelayeor", F_OK);
   ask_port_mapper();
   getpid();
   close(bound_socket());

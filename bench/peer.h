@@ -21,14 +21,14 @@ inline sockaddr_in loopback(uint16_t port) {
   return address;
 }
 
-/// A socket of `type` bound to `port` of 127.0.0.1; 0: any. Stores the address in `*own`.
-inline int bound_socket(int type, uint16_t port, sockaddr_in* own) {
+/// A socket of `type` bound to `port` of 127.0.0.1; 0: any. Stores the address in `*stored`.
+inline int bound_socket(int type, uint16_t port, sockaddr_in* stored = nullptr) {
   int fd = socket(AF_INET, type, 0);
-  *own = loopback(port);
-  socklen_t size = sizeof *own;
-  auto* name = reinterpret_cast<sockaddr*>(own);
-  require(bind(fd, name, size) == 0);
-  require(getsockname(fd, name, &size) == 0);
+  sockaddr_in own = loopback(port);
+  socklen_t size = sizeof own;
+  require(bind(fd, reinterpret_cast<sockaddr*>(&own), size) == 0);
+  require(getsockname(fd, reinterpret_cast<sockaddr*>(&own), &size) == 0);
+  if (stored != nullptr) *stored = own;
   return fd;
 }
 

@@ -41,19 +41,11 @@ CLIENT* make_client(uint16_t port) {
   return client;
 }
 
-int any_socket() {
-  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in any{};
-  any.sin_family = AF_INET;
-  require(bind(fd, reinterpret_cast<sockaddr*>(&any), sizeof any) == 0);
-  return fd;
-}
-
 void measure_udp() {
   sockaddr_in mapper;
   start_answerer(bound_socket(SOCK_DGRAM, kOwnMapperPort, &mapper), answer);
   CLIENT* client = make_client(kOwnMapperPort);
-  const int bare = any_socket();
+  const int bare = bound_socket(SOCK_DGRAM, 0);
   compare(
       "RPC call over UDP", 1.15,
       [&] {
@@ -74,10 +66,10 @@ void measure_udp() {
         created->ops->destroy(created);
       },
       [&] {
-        const int asking = any_socket();
+        const int asking = bound_socket(SOCK_DGRAM, 0);
         require(exchange(asking, mapper, kCall, sizeof kCall) == kReplySize);
         close(asking);
-        close(any_socket());
+        close(bound_socket(SOCK_DGRAM, 0));
       });
 }
 
