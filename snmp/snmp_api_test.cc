@@ -400,28 +400,4 @@ TEST_F(SessionTest, SelectInfoFindsTheNextExpiry) {
   Sessions->state->socket = socket;
 }
 
-TEST_F(SessionTest, SendsNothingWithoutMemory) {
-  for (uint8_t command : {kSnmpGetRequest, kSnmpTrap}) {
-    fakes::refuse_each_allocation([&](const fakes::FailingMalloc& failing) {
-      unique_pdu pdu(snmp_pdu_create(command));
-      if (pdu == nullptr) return;
-      snmp_errno = 0;
-      snmp_session* session = open();
-      const bool is_sent = session != nullptr && snmp_send(session, pdu.get()) != 0;
-      EXPECT_EQ(is_sent, !failing.failed());
-      EXPECT_EQ(snmp_errno, is_sent ? 0 : -1);
-      EXPECT_EQ(agent.receive_now().empty(), !is_sent);
-      if (is_sent && command == kSnmpGetRequest) (void)pdu.release();
-      close_all();
-    });
-  }
-}
-
-TEST(SnmpTexts, ACodeHasItsText) {
-  const char* texts[] = {"[41.68] Unknown session", "[41.69] Unknown host",
-                         "[41.70] Invalid local port", "[41.59] Unknown Error"};
-  for (int index = 0; index < 4; ++index) EXPECT_STREQ(api_errors(index), texts[index]);
-  EXPECT_STREQ(api_errstring(0), "[41.59] Unknown Error");
-}
-
 }  // namespace

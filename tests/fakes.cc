@@ -167,6 +167,8 @@ int __wrap_ioctl(int descriptor, unsigned long request, void* argument) {
   auto* list = static_cast<ifconf*>(argument);
   auto count = static_cast<int>(given->size());
   if (list->ifc_buf != nullptr) {
+    errno = listing_error;
+    if (errno != 0) return -1;
     count = std::min(count, list->ifc_len / static_cast<int>(sizeof(ifreq)));
     std::transform(given->begin(), given->begin() + count, list->ifc_req, record_of);
   }

@@ -79,6 +79,7 @@ struct Interface {
 
 /// The interfaces of this host; null: the real ones.
 inline std::atomic<const std::vector<Interface>*> interfaces;
+inline std::atomic<int> listing_error;  // errno of asking for them; 0: none
 
 /// While one lives, or a program has NUMBERED_TEXTS in its environment, each text of the
 /// catalog, but for those of the runtime's set 17, begins with the numbers of its set and of

@@ -1,8 +1,5 @@
 // The command as a process: arguments, streams, exit status and datagrams.
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <utmp.h>
 
@@ -184,31 +181,6 @@ TEST_F(CommandTest, TextIsWrappedForARegisteredStation) {
       EXPECT_EQ(request.substr(4), from_hex(call));
     }
   }
-}
-
-TEST_F(CommandTest, ARealPortMapperIsAsked) {
-  // Procedure 1: port 4711 for program 100122, version 0, over UDP.
-  const std::string registration = from_hex(
-      "00000001 00000000 00000002 000186A0 00000002 00000001 00000000 00000000 00000000 00000000"
-      "0001871A 00000000 00000011 00001267");
-  mappers.reset();
-  const machine::RpcServer own(7938, "127.0.0.1", machine::port_mapper(0));
-  const pid_t mapper = fork();
-  if (mapper == 0) _exit(execlp("rpcbind", "rpcbind", "-f", nullptr));
-  const machine::UdpReceiver program(1000);
-  const sockaddr_in address = {AF_INET, htons(111), {htonl(INADDR_LOOPBACK)}, {}};
-  std::string reply;
-  for (int tries = 0; reply.empty() && tries < 200; ++tries) {  // until it has started
-    sendto(program.socket(), registration.data(), registration.size(), 0,
-           reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    usleep(50000);
-    reply = program.receive_now();
-  }
-  EXPECT_NE(reply, "");
-  expect(kivtrap({"manager"}, std::string(38, 'x') + " wrapped\n"),
-         trap_message(std::string(38, 'x') + "\nwrapped"));
-  kill(mapper, SIGTERM);
-  waitpid(mapper, nullptr, 0);  // its ports are free from here on
 }
 
 }  // namespace

@@ -78,6 +78,19 @@ TEST(VxError, TheLastErrorKeepsItsKind) {
   }
 }
 
+TEST(VxError, IsOfEachThreadAndItsMessageIsCut) {
+  vx_error_set_last(EPERM, 1);
+  char text[] = "xxxxx";
+  vx_error_get_message(text, 4);
+  EXPECT_STREQ(text, "Ope");
+  in_threads(1, [](int) {
+    EXPECT_EQ(vx_error_get_last(), 0);
+    const FailingMalloc none(0);
+    EXPECT_EQ(vx_error_set_last(EAGAIN, 1), nullptr);
+  });
+  EXPECT_EQ(vx_error_get_last(), 69);
+}
+
 TEST(VxSelect, SetsHoldDescriptors0To65535) {
   static vx_fd_set sets[3];  // those beside the middle one stay empty
   vx_fd_set& set = sets[1];

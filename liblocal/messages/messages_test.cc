@@ -315,4 +315,15 @@ TEST(ErrAccrue, ChainsMessages) {
   print_set_accrual_hook(nullptr);
 }
 
+TEST(ErrAccrue, DropsWhatDoesNotFit) {
+  blow_err(1);
+  err_accrue(std::string(18000, 'o').c_str());
+  const std::string over(18433 - 18000 - 9, 'n');
+  auto accrue = [&over] { err_accrue(over.c_str()); };
+  EXPECT_EQ(printed(8, accrue), "");
+  EXPECT_EQ(printed(9, accrue), "kivtrap: Dropping error string " + over + "\n");
+  err_accrue(over.c_str() + 1);
+  EXPECT_EQ(strlen(blow_err(0)->text), 18000 + over.size() - 1 + strlen("->()"));
+}
+
 }  // namespace

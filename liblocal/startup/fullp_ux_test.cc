@@ -133,4 +133,13 @@ TEST_F(Fullpath, DeeperThanAPathCanBe) {
                 "kivtrap: fullpath(sub/file)" + no_way_back);
 }
 
+TEST_F(Fullpath, ClosedDirectories) {
+  if (!machine::has_users()) return MachineTest::skip("no users but root here");
+  ASSERT_EQ(chmod(root_.c_str(), 0755), 0);
+  ASSERT_EQ(mkdir("shut", 0744), 0);
+  ASSERT_EQ(seteuid(machine::kUser), 0);
+  EXPECT_EQ(resolved("shut", 0), "EACCES: kivtrap: cannot chdir to shut: Permission denied\n");
+  EXPECT_EQ(seteuid(0), 0);
+}
+
 }  // namespace

@@ -42,7 +42,7 @@ TEST(Vxenv, ConvertsAndCutsOtherTexts) {
 
 TEST(Vxenv, SaysThatThereIsNoMemory) {
   brix_strerror(ENOMEM);  // allocates what the thread keeps
-  setenv(kName, "\xE9", 1);
+  setenv(kName, "\x80", 1);
   auto get = [] {
     const fakes::FailingMalloc failing(0, 1);
     EXPECT_EQ(vxgetenv(kName), nullptr);

@@ -109,7 +109,8 @@ TEST(Mbt, NullsAndAreasThatAreTooSmall) {
   EXPECT_EQ(vx_mbstombts(output, "", 0), 0);
   EXPECT_EQ(vx_mbstombts(output, "a\xE9", 5), 1);
   EXPECT_EQ(vx_mbstombts(output, "a\xE9", 4), 0);  // a transparent byte asks for four
-  EXPECT_EQ(vx_mbtstombs(output, "ab", 2), 0);     // no room for the terminator
+  EXPECT_EQ(vx_mbstombts(nullptr, "a", 5), 0);
+  EXPECT_EQ(vx_mbtstombs(output, "ab", 2), 0);  // no room for the terminator
 }
 
 TEST(Mbt, OtherBytesAreNotRestored) {

@@ -183,6 +183,16 @@ TEST_F(TcpTest, OneWayCallsLeaveWithTheNextCall) {
   EXPECT_EQ(server_->requests().size(), 3U);
 }
 
+TEST_F(TcpTest, WithoutALimitAWaitTakesADay) {
+  serve(stall);
+  control(CLSET_TIMEOUT, nullptr);
+  EXPECT_TRUE(equal(get<rpc_wait>(CLGET_WAIT_FUNCTION).step, {86400, 0}));
+  EXPECT_EQ(get<int32_t>(CLGET_WAIT_STATE), 2);
+  watch(kNone, kShort);
+  control(CLSET_WAIT_FUNCTION, nullptr);
+  EXPECT_TRUE(equal(get<rpc_wait>(CLGET_WAIT_FUNCTION).step, kShort));  // a step is the limit
+}
+
 TEST_F(TcpTest, ConnectingGoesOnAfterASignal) {
   serve(stall);
   refuse(connects, EINTR);
@@ -224,13 +234,15 @@ TEST_F(TcpTest, TheEnvironmentLetsTheSocketBlock) {
     write_if_blocking("unlimited ");
     control(CLSET_WATCH_INPUT, client_);
     write_if_blocking("watched ");
+    control(CLSET_SEND_SIZE, reinterpret_cast<void*>(4321));
+    fputs(get<int>(CLGET_SEND_SIZE) == 2 * 4321 ? "set" : "kept", stderr);
     _exit(0);
   };
   const struct {
     const char *variable, *value, *written;
-  } rows[] = {{"KIV_BLOCKING_RPC", "must", "^limited unlimited watched $"},
-              {"KIV_BLOCKING_RPC", "fALSE", "^unlimited $"},
-              {"KIV_NOTHING", "", "^unlimited watched $"}};
+  } rows[] = {{"KIV_BLOCKING_RPC", "must", "^limited unlimited watched set"},
+              {"KIV_BLOCKING_RPC", "fALSE", "^unlimited set"},
+              {"KIV_SOCK_BUF_UNSET", "Yes", "^unlimited watched kept"}};
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   for (const auto& row : rows) {
     EXPECT_EXIT(write_situations(row.variable, row.value), testing::ExitedWithCode(0), row.written);

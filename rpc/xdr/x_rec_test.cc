@@ -112,6 +112,7 @@ TEST_F(RecordTest, BreaksWhenAPartOfARecordLeft) {
     EXPECT_TRUE(xdrrec_is_broken(&xdrs_));
     EXPECT_FALSE(end());            // nothing can follow
     EXPECT_EQ(get(200), "failed");  // nor come
+    EXPECT_EQ(get(1), "failed");
     EXPECT_FALSE(skip());
   }
 }
