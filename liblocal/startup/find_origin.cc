@@ -83,7 +83,8 @@ void refuse_hard_links(const char* path, nlink_t links) {
   exit(1);
 }
 
-// Prints the origin, and ends the process, as the environment asks.
+// Prints the origin, and ends the process, as the environment asks. It is not inlined, since few
+// runs need its buffer.
 [[gnu::noinline]] void print_origin(const char* argv0) {
   const char* request = vxgetenv("KIV_PRINT_ORIGIN");
   if (request == nullptr) return;
