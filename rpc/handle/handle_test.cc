@@ -41,6 +41,7 @@ TEST(RpcTexts, ShowTheDetailOfAStatus) {
 TEST(RpcTexts, SayWhyAnAuthenticationWasRefused) {
   const fakes::NumberedTexts numbered;
   const std::pair<auth_state, std::string> whys[] = {
+      {kAuthOk, "[21.51] Authentication OK"},
       {kAuthInvalidServerVerifier, "[21.57] Invalid server verifier"},
       {kAuthFailed, "[21.38] Failed (unspecified error)"},
       {static_cast<auth_state>(8), "[21.21] (unknown authentication error - 8)"}};

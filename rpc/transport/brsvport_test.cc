@@ -50,6 +50,8 @@ TEST_F(BindTest, EveryPortOfTheRangesIsFound) {
   EXPECT_EQ(printed(8, add_range),
             "kivtrap: Adding range 40000-40002 to \"reserved\" port type.\n");
   EXPECT_EQ(rpcport_add_range(50000, 50000, kPortReserved), 0);
+  EXPECT_EQ(rpcport_add_range(0, 2, kPortReserved), -1);
+  EXPECT_EQ(rpcport_add_range(3, 2, kPortReserved), -1);
   EXPECT_EQ(rpcport_count(kPortReserved), 4);
   EXPECT_THAT(debug_lines(3, kPortReserved, &kElsewhere),
               testing::EndsWith(", (errno 99) Cannot assign requested address\n"));
