@@ -42,9 +42,7 @@ rpc_t_varp* rpc_t_init() {
 void rpc_t_clean(void* memory) {
   auto* block = static_cast<rpc_t_varp*>(memory);
   if (block->transports != nullptr) {
-    for (int32_t slot = 0; slot < kServerTransportSlots; ++slot) {
-      destroy_transport(&block->transports[slot]);
-    }
+    for (rpc_server_transport*& slot : block->transports->slots) destroy_transport(&slot);
     free(block->transports);
   }
   cleanup_mappers(block);
@@ -80,10 +78,10 @@ bool rpc_set_server_transport(int32_t descriptor, rpc_server_transport* transpor
   if (descriptor < 0 || descriptor >= kServerTransportSlots) return false;
   rpc_t_varp* block = get_rpc_t_varp();
   if (block->transports == nullptr) {
-    void* slots = xcalloc(kServerTransportSlots, sizeof *block->transports);
-    block->transports = static_cast<rpc_server_transport**>(slots);
+    void* slots = xcalloc(1, sizeof(rpc_server_transports));
+    block->transports = static_cast<rpc_server_transports*>(slots);
   }
-  rpc_server_transport** slot = &block->transports[descriptor];
+  rpc_server_transport** slot = &block->transports->slots[descriptor];
   if (*slot != transport) destroy_transport(slot);
   *slot = transport;
   return true;

@@ -44,15 +44,19 @@ struct rpc_server_transport {
   void (*destroy)(rpc_server_transport* transport);
 };
 
+/// A slot for each descriptor, which owns what it holds.
+struct rpc_server_transports {
+  rpc_server_transport* slots[kServerTransportSlots];
+};
+
 /// What the runtime keeps for each thread, zeroed at first but the text.
 struct rpc_t_varp {
   rpc_createerr create_error;
-  rpc_port_entry* port_cache;   ///< newest first; owned, each from malloc
-  bool port_cache_read;         ///< once the environment was read into it
-  rpc_started_mapper* mappers;  ///< owned, each from malloc
-  /// Null, or kServerTransportSlots slots by descriptor. Owned, with what they hold.
-  rpc_server_transport** transports;
-  char text[kMessageSize];  ///< c_perror.h
+  rpc_port_entry* port_cache;         ///< newest first; owned, each from malloc
+  bool port_cache_read;               ///< once the environment was read into it
+  rpc_started_mapper* mappers;        ///< owned, each from malloc
+  rpc_server_transports* transports;  ///< null until one is used; owned
+  char text[kMessageSize];            ///< c_perror.h
 };
 
 /// What the runtime keeps for the process.
