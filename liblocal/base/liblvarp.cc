@@ -27,9 +27,7 @@ bool take_shutdown_request() {
 VARP_DEFINE_THREAD_BLOCK(liblocal)
 VARP_DEFINE_PROCESS_BLOCK(liblocal)
 
-liblocal_t_varp* liblocal_t_init() {
-  return varp_new_block<liblocal_t_varp>(offsetof(liblocal_t_varp, grgid_text));
-}
+liblocal_t_varp* liblocal_t_init() { return varp_new_block<liblocal_t_varp>(); }
 
 void liblocal_t_clean(void* memory) {
   auto* block = static_cast<liblocal_t_varp*>(memory);

@@ -30,8 +30,8 @@ struct vx_text_buffer {
   size_t size;
 };
 
-/// What the runtime keeps for each thread, zeroed at first up to the texts of databases. Members
-/// that are owned are freed with the block.
+/// What the runtime keeps for each thread, zeroed at first. Members that are owned are freed
+/// with the block.
 struct liblocal_t_varp {
   char strerror_text[kErrorTextSize];  ///< brix_strerror
   vx_error_record saved_error;         ///< err_save; its text is owned
@@ -46,6 +46,14 @@ struct liblocal_t_varp {
   char asctime_text[kTimeTextSize];
   char ctime_text[kTimeTextSize];
   group grgid_entry;
+  char grgid_text[kDatabaseTextSize];
+  char hostbyaddr_text[kDatabaseTextSize];
+  char hostbyname_text[kHostByNameTextSize];
+  char hostent_text[kDatabaseTextSize];
+  char protobyname_text[kDatabaseTextSize];
+  char servbyname_text[kDatabaseTextSize];
+  char servbyport_text[kDatabaseTextSize];
+  char servent_text[kDatabaseTextSize];
   hostent hostbyaddr_entry;
   hostent hostbyname_entry;
   hostent hostent_entry;
@@ -54,22 +62,14 @@ struct liblocal_t_varp {
   int hostent_error;
   protoent protobyname_entry;
   passwd pwnam_entry;
+  char pwnam_text[kDatabaseTextSize];
   passwd pwuid_entry;
+  char pwuid_text[kDatabaseTextSize];
   servent servbyname_entry;
   servent servbyport_entry;
   servent servent_entry;
   tm gmtime_fields;
   tm localtime_fields;
-  char grgid_text[kDatabaseTextSize];  // not zeroed, from here on
-  char hostbyaddr_text[kDatabaseTextSize];
-  char hostbyname_text[kHostByNameTextSize];
-  char hostent_text[kDatabaseTextSize];
-  char protobyname_text[kDatabaseTextSize];
-  char servbyname_text[kDatabaseTextSize];
-  char servbyport_text[kDatabaseTextSize];
-  char servent_text[kDatabaseTextSize];
-  char pwnam_text[kDatabaseTextSize];
-  char pwuid_text[kDatabaseTextSize];
 };
 
 /// What the runtime keeps for the process.

@@ -4,7 +4,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "liblocal/base/text_sizes.h"
 #include "liblocal/base/vx_error.h"
@@ -61,10 +60,10 @@ void varp_add_data(void* data, void (*clean)(void* data)) {
 
 int is_proc_exiting() { return process_exiting; }
 
-void* _varp_allocate(size_t size, size_t zeroed) {
+void* _varp_allocate(size_t size) {
   void* memory;
-  while ((memory = malloc(size)) == nullptr) _vx_pause_ms(kBlockPauseMs);
-  return memset(memory, 0, zeroed);
+  while ((memory = calloc(1, size)) == nullptr) _vx_pause_ms(kBlockPauseMs);
+  return memory;
 }
 
 vx_threadstorage* _varp_new_key(const char* module, void (*clean)(void* block)) {

@@ -37,15 +37,14 @@ void varp_add_data(void* data, void (*clean)(void* data));
 /// 1 once the registry's clean-up at exit has begun, else 0. Thread safe.
 [[nodiscard]] int is_proc_exiting();
 
-/// Memory for a block of `size` bytes, the first `zeroed` of them zero, never null: a failed
-/// allocation is tried again every kBlockPauseMs.
-[[nodiscard]] void* _varp_allocate(size_t size, size_t zeroed);
+/// Memory for a block, zeroed, never null: a failed allocation is tried again every
+/// kBlockPauseMs.
+[[nodiscard]] void* _varp_allocate(size_t size);
 
-/// _varp_allocate for a block without a constructor. Texts at its end need not be zeroed: a short
-/// run touches few of them, and what nothing touches takes no time.
+/// _varp_allocate for a block without a constructor.
 template <typename Block>
-[[nodiscard]] Block* varp_new_block(size_t zeroed = sizeof(Block)) {
-  return static_cast<Block*>(_varp_allocate(sizeof(Block), zeroed));
+[[nodiscard]] Block* varp_new_block() {
+  return static_cast<Block*>(_varp_allocate(sizeof(Block)));
 }
 
 /// A new key for the thread blocks of `module`. When there is none left, all streams are

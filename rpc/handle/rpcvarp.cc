@@ -36,7 +36,7 @@ std::atomic<rpc_t_varp*> Global_rpc_t_varp;
 
 rpc_t_varp* rpc_t_init() {
   (void)rpc_get_io_switches();  // settled with the process's first block
-  return Global_rpc_t_varp = varp_new_block<rpc_t_varp>(offsetof(rpc_t_varp, text));
+  return Global_rpc_t_varp = varp_new_block<rpc_t_varp>();
 }
 
 void rpc_t_clean(void* memory) {

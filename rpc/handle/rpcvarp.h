@@ -49,14 +49,14 @@ struct rpc_server_transports {
   rpc_server_transport* slots[kServerTransportSlots];
 };
 
-/// What the runtime keeps for each thread, zeroed at first but the text.
+/// What the runtime keeps for each thread, zeroed at first.
 struct rpc_t_varp {
   rpc_createerr create_error;
+  char text[kMessageSize];            ///< c_perror.h
   rpc_port_entry* port_cache;         ///< newest first; owned, each from malloc
   bool port_cache_read;               ///< once the environment was read into it
   rpc_started_mapper* mappers;        ///< owned, each from malloc
   rpc_server_transports* transports;  ///< null until one is used; owned
-  char text[kMessageSize];            ///< c_perror.h
 };
 
 /// What the runtime keeps for the process.
