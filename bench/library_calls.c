@@ -16,6 +16,8 @@
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
+#include <time.h>
 #include <unistd.h>
 #include <utmp.h>
 
@@ -27,9 +29,11 @@ static void look_up_own_name(void) {
   gethostbyname_r(own, &entry, names, sizeof names, &found, &error);
 }
 
+// An address's name, and how the address itself is written.
 static void look_up_address(const void* address) {
   struct hostent reverse, *ignored;
   char text[1024];
+  inet_ntop(AF_INET, address, text, sizeof text);
   gethostbyaddr_r(address, 4, AF_INET, &reverse, text, sizeof text, &ignored, &error);
 }
 
@@ -71,6 +75,8 @@ static void ask_port_mapper(void) {
   // Of port mapper 100000, version 2: where program 100122, version 0, is over UDP.
   uint32_t call[14] = {1, 0, 2, 100000, 2, 3, 0, 0, 0, 0, 100122, 0, 17, 0};
   for (int i = 0; i < 14; ++i) call[i] = htonl(call[i]);
+  struct timeval now;
+  gettimeofday(&now, NULL);
   getpid();
   int endpoint = bound_socket();
   send_to(endpoint, 7938, call, sizeof call);
@@ -94,6 +100,7 @@ int main(int argc, char** argv) {
   look_up_own_name();
   if (found == NULL) return 1;
   look_up_own_name();
+  time(NULL);
   look_up_this_host();
   access("/kiv/debug/nowritev", F_OK);  // switches of connections
   access("/kiv/debug/noreadv", F_OK);

@@ -1,5 +1,6 @@
 #include "liblocal/base/liblvarp.h"
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -27,7 +28,9 @@ bool take_shutdown_request() {
 VARP_DEFINE_THREAD_BLOCK(liblocal)
 VARP_DEFINE_PROCESS_BLOCK(liblocal)
 
-liblocal_t_varp* liblocal_t_init() { return varp_new_block<liblocal_t_varp>(); }
+liblocal_t_varp* liblocal_t_init() {
+  return static_cast<liblocal_t_varp*>(_varp_map(sizeof(liblocal_t_varp)));
+}
 
 void liblocal_t_clean(void* memory) {
   auto* block = static_cast<liblocal_t_varp*>(memory);
@@ -37,11 +40,11 @@ void liblocal_t_clean(void* memory) {
   free(block->utf8_encoded.text);
   free(block->utf8_decoded.text);
   free(block->utf8_path.text);
-  free(block);
+  munmap(block, sizeof *block);
 }
 
 void liblocal_p_init() {
-  auto* block = varp_new_block<liblocal_p_varp>();
+  auto* block = static_cast<liblocal_p_varp*>(_varp_allocate(sizeof(liblocal_p_varp)));
   block->shutdown_stdio = take_shutdown_request() ? 1 : 0;
   Global_liblocal_p_varp.store(block, std::memory_order_release);
 }

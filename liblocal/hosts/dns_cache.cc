@@ -4,7 +4,6 @@
 #include <strings.h>
 
 #include <cstring>
-#include <span>
 
 #include "liblocal/base/c_memory.h"
 #include "liblocal/base/liblvarp.h"
@@ -48,18 +47,11 @@ AddressName dotted(in_addr address) {
   return result;
 }
 
-// A copy of the addresses of a resolver's answer, which the next look-up may overwrite.
-struct AddressList {
-  size_t count = 0;
-  in_addr addresses[kHostByNameTextSize / sizeof(in_addr)];
-
-  explicit AddressList(const hostent& answer) {
-    for (char* const* each = answer.h_addr_list; *each != nullptr; ++each) {
-      memcpy(&addresses[count++], *each, sizeof(in_addr));
-    }
-  }
-  std::span<const in_addr> all() const { return {addresses, count}; }
-};
+in_addr address_at(const char* bytes) {
+  in_addr address;
+  memcpy(&address, bytes, sizeof address);
+  return address;
+}
 
 // Addresses that are added to a chain when all names are in it.
 struct AddressNames {
@@ -74,7 +66,7 @@ struct AddressNames {
     return error;
   }
 };
-static_assert(sizeof AddressList::addresses <= kMaxLocalAddresses * sizeof(in_addr));
+static_assert(kHostByNameTextSize <= kMaxLocalAddresses * sizeof(in_addr));
 
 const hostent* reverse_lookup(in_addr address) {
   return vx_ts_gethostbyaddr(&address, sizeof address, AF_INET);
@@ -114,9 +106,10 @@ vx_error_record* add_own_addresses(hostlist_cache* cache, host_entry* host) {
 
 // Adds the names of the addresses of the answer for `asked`, and then those addresses.
 vx_error_record* add_addresses(hostlist_cache* cache, host_entry* host, const char* asked,
-                               const AddressList& addresses, bool local) {
+                               const hostent& answer, bool local) {
   AddressNames collected;
-  for (in_addr address : addresses.all()) {
+  for (char* const* each = answer.h_addr_list; *each != nullptr; ++each) {
+    const in_addr address = address_at(*each);
     AddressName text = dotted(address);
     const hostent* reverse = reverse_lookup(address);
     vx_error_record* error = nullptr;
@@ -165,14 +158,13 @@ host_entry* dns_cache_resolve(hostlist_cache* cache, const char* name, int64_t n
     return hostlist_cache_add_host(cache, nullptr, asked, nullptr, HOST_UNRESOLVED,
                                    now + kUnresolvedSeconds);
   }
-  const AddressList addresses(*answer);
-  const AddressName key = dotted(addresses.all().front());
+  const AddressName key = dotted(address_at(*answer->h_addr_list));
   if (local) cache->local_host = nullptr;  // its names may move to another primary entry
   host_entry* host = hostlist_cache_add_host(cache, key.text, answer->h_name, answer->h_aliases,
                                              HOST_LIVE, now + kResolvedSeconds);
   if (host == nullptr) return nullptr;
   if (local) become_local_host(cache, host, *answer);
-  vx_error_record* error = add_addresses(cache, host, asked, addresses, local);
+  vx_error_record* error = add_addresses(cache, host, asked, *answer, local);
   if (error == nullptr) {
     error = hostlist_cache_add_names(cache, host, local ? kLocalWord.text : name, nullptr);
   }

@@ -59,7 +59,7 @@ struct Level {
   std::atomic<int>* value;
 };
 
-const Level kLevels[] = {
+constexpr Level kLevels[] = {
     {"Debug", "Debug level", &Debug},
     {"Vflag", "Vflag level", &Vflag},
     {"PrintDevInfo", "PrintDevInfo", &PrintDevInfo},

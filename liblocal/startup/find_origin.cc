@@ -83,11 +83,8 @@ void refuse_hard_links(const char* path, nlink_t links) {
   exit(1);
 }
 
-// Prints the origin, and ends the process, as the environment asks. It is not inlined, since few
-// runs need its buffer.
-[[gnu::noinline]] void print_origin(const char* argv0) {
-  const char* request = vxgetenv("KIV_PRINT_ORIGIN");
-  if (request == nullptr) return;
+// Prints the origin, and ends the process when the `request` asks for it.
+void print_origin(const char* argv0, const char* request) {
   char name[kPathSize];
   convert_name(argv0, name);
   if (Debug >= 0) debugprintf("origin for `%s' is `%s'\n", name, origin);
@@ -107,7 +104,7 @@ const char* find_origin(const char* argv0) {
   if (utf8_lstat(origin, &status) != 0) return nullptr;
   refuse_hard_links(origin, status.st_nlink);
   strrchr(origin, '/')[1] = '\0';
-  print_origin(argv0);
+  if (const char* request = vxgetenv("KIV_PRINT_ORIGIN")) print_origin(argv0, request);
   found = true;
   return origin;
 }

@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstring>
 
+#include "liblocal/base/c_memory.h"
 #include "liblocal/messages/debug.h"
 #include "liblocal/messages/errinfo.h"
 #include "liblocal/text/text_view.h"
@@ -51,9 +52,10 @@ void strip_trailing_slashes(char* path) {
 // Copies the absolute `path`, less trailing slashes, to `output`. False when a parent is no
 // real directory or a component but the first may be a step.
 bool take_as_it_is(const char* path, char* output, size_t size, bool follow) {
-  char copy[kPathSize];
-  if (*path != '/' || strlen(path) >= std::min(size, sizeof copy)) return false;
-  text_copy_cut(path, copy, sizeof copy);
+  if (*path != '/' || strlen(path) >= std::min(size, kPathSize)) return false;
+  c_unique_ptr<char> own(strdup(path));
+  char* copy = own.get();
+  if (copy == nullptr) return false;
   strip_trailing_slashes(copy);
   const size_t length = strlen(copy);
   Kind kind = kind_of(copy, false);

@@ -1,5 +1,7 @@
 #include "rpc/handle/rpcvarp.h"
 
+#include <sys/mman.h>
+
 #include <cerrno>
 #include <cstdlib>
 
@@ -36,7 +38,7 @@ std::atomic<rpc_t_varp*> Global_rpc_t_varp;
 
 rpc_t_varp* rpc_t_init() {
   (void)rpc_get_io_switches();  // settled with the process's first block
-  return Global_rpc_t_varp = varp_new_block<rpc_t_varp>();
+  return Global_rpc_t_varp = static_cast<rpc_t_varp*>(_varp_map(sizeof(rpc_t_varp)));
 }
 
 void rpc_t_clean(void* memory) {
@@ -48,11 +50,11 @@ void rpc_t_clean(void* memory) {
   cleanup_mappers(block);
   rpc_t_varp* newest = block;
   Global_rpc_t_varp.compare_exchange_strong(newest, nullptr);
-  free(block);
+  munmap(block, sizeof *block);
 }
 
 void rpc_p_init() {
-  auto* block = varp_new_block<rpc_p_varp>();
+  auto* block = static_cast<rpc_p_varp*>(_varp_allocate(sizeof(rpc_p_varp)));
   while ((block->lock = vx_mutex_new()) == nullptr) _vx_pause_ms(kBlockPauseMs);
   Global_rpc_p_varp.store(block, std::memory_order_release);
 }
