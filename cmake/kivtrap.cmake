@@ -62,14 +62,13 @@ function(kiv_library name)
   target_link_libraries(${target} PUBLIC ${ARG_DEPENDS} PRIVATE $<BUILD_INTERFACE:kivtrap_product>)
 endfunction()
 
-# kiv_program(NAME source... DEPENDS names...): a program that needs libc alone at run time. Sorted
-# by alignment, its small variables share few pages, whose first use is much of a short run's time.
+# kiv_program(NAME source... DEPENDS names...): a program that needs libc alone at run time.
 function(kiv_program name)
   cmake_parse_arguments(ARG "" "" "DEPENDS" ${ARGN})
   list(TRANSFORM ARG_DEPENDS PREPEND kivtrap_)
   add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} kivtrap_product)
   target_link_options(${name} PRIVATE
-    -pie -Wl,-z,relro,-z,now -Wl,--gc-sections -Wl,--sort-section=alignment
+    -pie -Wl,-z,relro,-z,now -Wl,--gc-sections
     -static-libgcc -static-libstdc++)
 endfunction()
