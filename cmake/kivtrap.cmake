@@ -29,12 +29,13 @@ if(KIV_SANITIZE)
 endif()
 
 # The further flags of the product. Fortified string calls want optimisation, and hide the
-# accesses that a sanitizer has to see. Not every architecture has -fcf-protection.
+# accesses that a sanitizer has to see. Not every architecture has -fcf-protection. Programs bind
+# their calls of libc when they start, so no call goes by way of a stub.
 check_cxx_compiler_flag(-fcf-protection KIV_HAS_CF_PROTECTION)
 add_library(kivtrap_product INTERFACE)
 target_link_libraries(kivtrap_product INTERFACE kivtrap_common)
 target_compile_options(kivtrap_product INTERFACE
-  -fno-exceptions -fno-rtti -ffunction-sections -fdata-sections -fstack-protector-strong
+  -fno-exceptions -fno-rtti -fno-plt -ffunction-sections -fdata-sections -fstack-protector-strong
   $<$<BOOL:${KIV_HAS_CF_PROTECTION}>:-fcf-protection>)
 if(NOT KIV_SANITIZE)
   target_compile_options(kivtrap_product INTERFACE
