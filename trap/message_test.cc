@@ -1,6 +1,5 @@
 #include "trap/message.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -49,17 +48,6 @@ TEST(ReadMessage, AnInterruptedReadLosesNoText) {
   source->_fileno = 100;  // such a stream has no descriptor, which a mark needs
   utf8_fp(source);
   EXPECT_STREQ(read_message(source, false).get(), "disk full");
-}
-
-TEST(ReadMessage, WithoutMemoryTheNextLineIsRead) {
-  FILE* source = tmpfile();
-  fputs("line 1\nline 2\nline 3\n", source);
-  rewind(source);
-  utf8_fp(source);
-  const int descriptor = fileno(source);
-  const fakes::FailingMalloc failing(0, 1);
-  EXPECT_STREQ(read_message(source, false).get(), "line 2");
-  EXPECT_EQ(fcntl(descriptor, F_GETFD), -1) << "not closed";
 }
 
 TEST(ParseCommandLine, SetsAndCountsFlags) {

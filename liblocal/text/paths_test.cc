@@ -10,6 +10,7 @@
 #include "liblocal/text/utf8.h"
 #include "liblocal/text/utf8_files.h"
 #include "liblocal/text/vxpath.h"
+#include "tests/fakes.h"
 #include "tests/locales.h"
 
 namespace {
@@ -53,6 +54,8 @@ TEST(Utf8Files, LinksAreRead) {
     EXPECT_EQ(utf8_readlink("link", buffer, 9), -1);
     EXPECT_EQ(errno, ERANGE);
     EXPECT_EQ(utf8_readlink("link", buffer, 8), 7);
+    const fakes::FailingMalloc none(0);
+    EXPECT_EQ(utf8_readlink("link", buffer, 8), -1);
   });
 }
 

@@ -17,7 +17,7 @@ constexpr int32_t kPortsOfSystem = 65535;  // when none are configured
 // A signal leaves the connection under way; its end is waited for. Returns 0 or the
 // error number.
 int finish_interrupted_connect(int descriptor) {
-  while (rpc_wait_for(descriptor, POLLOUT, nullptr) < 0) {
+  while (rpc_wait_for(descriptor, POLLOUT, nullptr) == -1) {
     if (errno != EINTR) return errno;
   }
   int error = 0;
