@@ -79,7 +79,7 @@ TEST_F(TcpTest, WhatAnswersComeTo) {
                kAnswer, false, kSuccess}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.header + row.body);
-    serve([&row](RpcServer& peer) {
+    serve([row](RpcServer& peer) {
       peer.send(from_hex(row.header) + reply(peer.read_request(), row.body));
       if (!row.closes) stall(peer);
     });
