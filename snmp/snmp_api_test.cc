@@ -142,13 +142,7 @@ TEST_F(SessionTest, OpensWithDefaultsAndItsOwnTexts) {
 }
 
 TEST_F(SessionTest, ClosesOnce) {
-  wanted.retries = 0;
-  wanted.timeout = 0;
-  Reqid = 0;
   snmp_session* session = open();
-  EXPECT_NE(Reqid, 0);
-  EXPECT_EQ(session->retries, 0);
-  EXPECT_EQ(session->timeout, 0);
   const int socket = Sessions->state->socket;
   EXPECT_EQ(snmp_close(session), 1);
   EXPECT_EQ(fcntl(socket, F_GETFD), -1);
@@ -215,7 +209,18 @@ TEST_F(SessionTest, WhatCannotBeSentIsReported) {
   pdu->address = {};
   wanted.peer_name = nullptr;
   expect_failure(open(), -3, "[41.64] No remote IP address specified\n");
-  EXPECT_EQ(pending(session), 0);
+  const unique_pdu request(make_pdu());
+  const fakes::FailingMalloc none(0);
+  EXPECT_EQ(snmp_send(session, request.get()), 0) << "which could not be remembered";
+  EXPECT_EQ(snmp_errno, -1);
+  EXPECT_EQ(agent.receive_now(), "");
+}
+
+TEST(SnmpErrors, HaveTexts) {
+  EXPECT_STREQ(api_errors(0), "[41.68] Unknown session");
+  EXPECT_STREQ(api_errors(1), "[41.69] Unknown host");
+  EXPECT_STREQ(api_errors(2), "[41.70] Invalid local port");
+  EXPECT_STREQ(api_errors(3), "[41.59] Unknown Error");
 }
 
 TEST_F(SessionTest, RepeatsWithDoubledTimeOuts) {
@@ -275,8 +280,10 @@ TEST_F(SessionTest, AMangledMessageEndsTheRound) {
     const fakes::FailingMalloc failing(0, 1);  // no memory for the first PDU
     EXPECT_EQ(printed(0, read_all), failure + "[41.67] Mangled packet\n");
   }
+  answer(newest, kRequest);
+  expect_message(newest);
   expect_message(oldest);
-  EXPECT_EQ(printed(0, read_all), failure + failure + failure);
+  EXPECT_EQ(printed(0, read_all), failure + failure);
 }
 
 // One round over three sessions, newest first, whose requests are answered or have timed out.

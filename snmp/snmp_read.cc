@@ -59,16 +59,14 @@ bool read_session(session_entry* entry) {
   unique_pdu pdu(snmp_pdu_create(0));
   if (pdu == nullptr) return true;  // no memory: the datagram is lost, as on the network
   pdu->address = from;
-  switch (snmp_parse_packet(entry->session, pdu.get(), {packet, static_cast<size_t>(length)})) {
-    case SnmpParse::kDone:
-      if (!snmp_is_closed(entry)) deliver(entry, pdu.get());  // the auth_hook may have closed it
-      return true;
-    case SnmpParse::kDropped:
-      return true;
-    case SnmpParse::kMangled:
-      vxfprintf(stderr, "%s", vxcatgets(Catd, kCommandMessageSet, 67, "Mangled packet\n"));
-      return false;
+  const SnmpParse parsed =
+      snmp_parse_packet(entry->session, pdu.get(), {packet, static_cast<size_t>(length)});
+  if (parsed == SnmpParse::kMangled) {
+    vxfprintf(stderr, "%s", vxcatgets(Catd, kCommandMessageSet, 67, "Mangled packet\n"));
+    return false;
   }
+  // The auth_hook may have closed the session.
+  if (parsed == SnmpParse::kDone && !snmp_is_closed(entry)) deliver(entry, pdu.get());
   return true;
 }
 

@@ -10,7 +10,6 @@
 
 namespace {
 
-// A cache that is soon full.
 constexpr hostlist_limits kSmall = {
     .variable = "MAX_TEST_CACHE_SIZE", .least_maximum = 32, .step = 8, .reserve = 6};
 

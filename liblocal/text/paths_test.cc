@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <string>
 
-#include "liblocal/base/c_memory.h"
 #include "liblocal/base/vx_error.h"
 #include "liblocal/text/utf8.h"
 #include "liblocal/text/utf8_files.h"
@@ -83,12 +82,6 @@ TEST(Vxpath, TakesPathsApart) {
   EXPECT_EQ(vx_error_get_last(), vx_error_from_errno(EINVAL));
   char unchanged = '!';
   EXPECT_EQ(vx_path_dirname(nullptr, &unchanged, 1), -1);
-}
-
-TEST(Vxpath, JoinsPaths) {
-  EXPECT_STREQ(c_unique_ptr<char>(path_concat("/kiv/", "tmp")).get(), "/kiv/tmp");
-  EXPECT_STREQ(c_unique_ptr<char>(path_concat("/kiv", nullptr)).get(), "/kiv/");
-  EXPECT_STREQ(c_unique_ptr<char>(path_concat(nullptr, "tmp")).get(), "./tmp");
 }
 
 }  // namespace

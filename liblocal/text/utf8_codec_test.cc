@@ -45,6 +45,9 @@ TEST(Utf8Codec, NulsNullsAndAValueOutOfRange) {
   EXPECT_EQ(is_utf8_mb("a\0日", 5), 1);
   EXPECT_EQ(is_utf8_mb("日", 2), 0);
   EXPECT_EQ(utf8_wctomb(encoded, static_cast<wchar_t>(0x80000000)), -1);
+  EXPECT_EQ(utf8_wctomb(nullptr, L'a'), 0);
+  EXPECT_EQ(utf8_mbslen(nullptr), 0);
+  EXPECT_EQ(num_chars_in_utf8_str(nullptr), 0);
 }
 
 TEST(Utf8Codec, ValidityAndCounts) {

@@ -1,4 +1,3 @@
-// The authentication flavour system.
 #include "rpc/auth/auth.h"
 
 #include <sys/syscall.h>

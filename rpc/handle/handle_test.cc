@@ -10,7 +10,6 @@
 
 namespace {
 
-// A client whose last call timed out.
 CLIENT timed_out() {
   auto geterr = [](CLIENT*, rpc_err* error) { *error = {RPC_TIMEDOUT, {}}; };
   static const clnt_ops kOps = {nullptr, nullptr, geterr, nullptr, nullptr, nullptr};

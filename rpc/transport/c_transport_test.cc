@@ -1,4 +1,3 @@
-// Clients over UDP and over TCP, and over UDP alone.
 #include "rpc/transport/c_transport.h"
 
 #include <gmock/gmock.h>
