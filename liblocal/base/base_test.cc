@@ -78,19 +78,6 @@ TEST(VxError, TheLastErrorKeepsItsKind) {
   }
 }
 
-TEST(VxError, IsOfEachThreadAndItsMessageIsCut) {
-  vx_error_set_last(EPERM, 1);
-  char text[] = "xxxxx";
-  vx_error_get_message(text, 4);
-  EXPECT_STREQ(text, "Ope");
-  in_threads(1, [](int) {
-    EXPECT_EQ(vx_error_get_last(), 0);
-    const FailingMalloc none(0);
-    EXPECT_EQ(vx_error_set_last(EAGAIN, 1), nullptr);
-  });
-  EXPECT_EQ(vx_error_get_last(), 69);
-}
-
 TEST(VxSelect, SetsHoldDescriptors0To65535) {
   static vx_fd_set sets[3];  // those beside the middle one stay empty
   vx_fd_set& set = sets[1];
@@ -135,7 +122,8 @@ TEST(VxAtomic, EachOperationReturnsWhatItStates) {
   EXPECT_EQ(vx_reference(atomic), 0);
   EXPECT_EQ(vx_atomic_exchange_add(atomic, 6), 0xffffffff);
   EXPECT_EQ(vx_atomic_exchange_compare(atomic, 1, 4), 5U);
-  EXPECT_EQ(vx_atomic_exchange(atomic, 0), 5U) << "unchanged before";
+  EXPECT_EQ(vx_atomic_increment(atomic), 6U) << "unchanged before";
+  EXPECT_EQ(vx_atomic_exchange(atomic, 0), 6U);
   EXPECT_EQ(vx_atomic_destroy(atomic), 0);
   EXPECT_EQ(vx_atomic_decrement(atomic), 0xffffffff) << "destroyed with a reference left";
   EXPECT_EQ(vx_atomic_destroy(atomic), 0);
@@ -152,6 +140,7 @@ TEST(VxThread, IdentitiesDiffer) {
   EXPECT_EQ(vx_thread_equal(own, vx_thread_self()), 1);
   EXPECT_EQ(vx_thread_id(own) >> 32, static_cast<uint64_t>(getpid()));
   EXPECT_EQ(vx_thread_join(own, nullptr), 18);
+  EXPECT_EQ(vx_thread_yield(), 0);
   in_threads(1, [own](int) {
     EXPECT_EQ(vx_thread_equal(vx_thread_self(), own), 0);
     EXPECT_EQ(vx_thread_join(own, nullptr), 31);

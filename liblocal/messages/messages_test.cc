@@ -206,6 +206,8 @@ TEST(ErrSet, TakesSeverityAndTextFromTheTables) {
   expect_record(err_set(2, 123005), 23005, "Timed out");
   expect_record(err_set(2, -1), 19999, "Unknown error");
   expect_record(err_set(9, 3), 94003, "Invalid or NULL session channel");
+  for (int type : {-1, kErrTypeSlots}) err_settype(type, 1, "none", nullptr, nullptr);
+  EXPECT_EQ(err_type_of(kErrTypeSlots), nullptr);
 }
 
 TEST(ErrTables, KnowTheSeverityOfEveryCode) {

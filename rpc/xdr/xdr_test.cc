@@ -54,6 +54,7 @@ TEST(Xdr, PadsOpaqueBytes) {
   TestStream in("ABC!");
   EXPECT_TRUE(__brix_xdr_opaque(in.get(), bytes, 3));
   EXPECT_EQ(in.used(), 4U);
+  EXPECT_FALSE(in.get()->ops->set_position(in.get(), 5));
   EXPECT_EQ(encoded(xdr_filter<xdr_sha_digest>, bytes), "414243" + std::string(34, '0'));
 }
 
