@@ -19,7 +19,7 @@ static_assert(kShortHeader == asn_header_size(0));
 
 // Writes `number` in base 128, most significant group first. Returns the position past
 // it, or null when it would pass `end`.
-uint8_t* put_subid(uint8_t* at, const uint8_t* end, uint64_t number) {
+inline uint8_t* put_subid(uint8_t* at, const uint8_t* end, uint64_t number) {
   if (number > 0x7F) {
     int shift = 7;
     while (number >> shift > 0x7F) shift += 7;
