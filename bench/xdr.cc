@@ -80,7 +80,7 @@ void take_strings(const uint8_t* at, Strings* strings) {
 void measure_strings() {
   Strings strings;
   std::ranges::fill(strings.texts, const_cast<char*>(kText));
-  alignas(64) uint8_t buffer[std::size(strings.texts) * (4 + sizeof kText - 1)];
+  uint8_t buffer[std::size(strings.texts) * (4 + sizeof kText - 1)];
   XDR xdrs = {};
   compare(
       "encode a structure of strings", 2.2,

@@ -104,7 +104,8 @@ vx_error_record* add_own_addresses(hostlist_cache* cache, host_entry* host) {
   return named.add_to(cache, host);
 }
 
-// Adds the names of the addresses of the answer for `asked`, and then those addresses.
+// Adds the names of the addresses of the answer for `asked`, and then those addresses. Looking up
+// addresses leaves the answer as it is.
 vx_error_record* add_addresses(hostlist_cache* cache, host_entry* host, const char* asked,
                                const hostent& answer, bool local) {
   AddressNames collected;
