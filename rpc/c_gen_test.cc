@@ -67,6 +67,7 @@ TEST_F(CreateTest, ThisHostIsAskedOverLoopback) {
     SCOPED_TRACE(host);
     client_ = __brix_clnt_create(host, 5, 6, "udp");
     expect_server(4711);
+    EXPECT_TRUE(equal(get<timeval>(CLGET_RETRY_TIMEOUT), {5, 0}));
     destroy();
   }
   fakes::interfaces = nullptr;

@@ -129,12 +129,6 @@ TEST(VxAtomic, EachOperationReturnsWhatItStates) {
   EXPECT_EQ(vx_atomic_destroy(atomic), 0);
 }
 
-TEST(VxThreadstorage, GivesItsKeyBack) {
-  for (int i = 0; i < 2000; ++i) {
-    ASSERT_EQ(vx_threadstorage_destroy(vx_threadstorage_new(nullptr)), 0) << "keys are few";
-  }
-}
-
 TEST(VxThread, IdentitiesDiffer) {
   vx_thread* own = vx_thread_self();
   EXPECT_EQ(vx_thread_equal(own, vx_thread_self()), 1);

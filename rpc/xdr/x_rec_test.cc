@@ -160,6 +160,8 @@ TEST_F(RecordTest, SkipsTheRestOfARecord) {
   EXPECT_EQ(get(4), "last");
   EXPECT_TRUE(__brix_xdrrec_eof(&xdrs_));
   EXPECT_TRUE(xdrrec_at_header(&xdrs_));
+  decode(fragment("rest").substr(0, 6));
+  EXPECT_FALSE(skip());
 }
 
 TEST_F(RecordTest, ReadsLargePiecesPastItsBuffer) {

@@ -92,6 +92,7 @@ TEST(Xdr, DecodesIntoMemoryOfTheCaller) {
   EXPECT_STREQ(own, "ab");
   EXPECT_EQ(in.used(), 2 * wire.size());
   EXPECT_FALSE(__brix_xdr_string(TestStream(from_hex("00000003") + "ab").get(), &text, 3));
+  EXPECT_FALSE(__brix_xdr_string(TestStream(from_hex("00000002") + "ab").get(), &text, 3));
 }
 
 TEST(Xdr, RefusesMoreThanTheMaximum) {
