@@ -142,7 +142,9 @@ TEST_F(SessionTest, OpensWithDefaultsAndItsOwnTexts) {
 }
 
 TEST_F(SessionTest, ClosesOnce) {
+  Reqid = 0;
   snmp_session* session = open();
+  EXPECT_NE(Reqid, 0);
   const int socket = Sessions->state->socket;
   EXPECT_EQ(snmp_close(session), 1);
   EXPECT_EQ(fcntl(socket, F_GETFD), -1);

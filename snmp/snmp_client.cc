@@ -46,8 +46,8 @@ void wait_once() {
   snmp_select_info(&count, &readable, &timeout, &block);
   int ready = vx_select(count, &readable, nullptr, nullptr, &timeout);
   SnmpRound round;  // what is_pending compares is not freed, and its memory reused, in between
-  if (ready > 0) snmp_read_round(&readable);
   if (ready >= 0) {
+    snmp_read_round(&readable);
     snmp_timeout_round();
   } else if (errno != EINTR) {
     perror("select");
