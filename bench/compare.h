@@ -40,7 +40,8 @@ double seconds_of(Step& step, int steps) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count() / steps;
 }
 
-/// How many calls of `step` take two milliseconds, twice: the first ones may take long.
+/// How many calls of `step` take two milliseconds. Each number is tried twice, since the first
+/// calls may take long.
 template <typename Step>
 int steps_of(Step& step) {
   int steps = 1;

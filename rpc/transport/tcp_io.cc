@@ -228,7 +228,7 @@ void* writable(const void* bytes) { return const_cast<void*>(bytes); }
 bool tcp_set_blocking(TcpRecord* record, bool blocking) {
   SocketMode wanted = blocking ? SocketMode::kBlocking : SocketMode::kNonBlocking;
   if (record->socket_mode == wanted) return true;
-  int flags = fcntl(record->socket, F_GETFL);  // where this fails, so does setting them
+  int flags = fcntl(record->socket, F_GETFL);  // when this fails, setting them fails too
   if (record->original_mode == SocketMode::kUnknown) {
     record->original_mode =
         (flags & O_NONBLOCK) != 0 ? SocketMode::kNonBlocking : SocketMode::kBlocking;
