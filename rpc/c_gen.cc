@@ -113,7 +113,5 @@ CLIENT* clnt_create_with_auth(const char* host, unsigned long program, unsigned 
   if (client->ops->control(client, CLGET_AUTH_METHODS, &known)) allowed &= known;
   client->ops->control(client, CLSET_AUTH_METHODS, &allowed);
   client->auth = auth_create_default();
-  if (client->auth != nullptr) return client;
-  client->ops->destroy(client);
-  return nullptr;
+  return client;
 }

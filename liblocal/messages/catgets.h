@@ -24,11 +24,8 @@ constexpr int32_t kCommandMessageSet = 41;  ///< The command and the SNMP engine
 [[nodiscard, gnu::format_arg(4)]] const char* vxcatgets(int64_t catalog, int32_t set,
                                                         int32_t number, const char* default_text);
 
-/// Opens the catalog `name` ("vaultmre.cat" for null and "kiv"; ".cat" is appended to a
-/// name without '.') with the platform's catopen and `flags`, which searches its path for
-/// a name without '/'. Opens none while no language subdirectory is set (locales.h).
-/// Returns its descriptor, or -1 when there is none or only one of another version; debug
-/// lines from level 1 on say which. Close it with vxcatclose. Thread safe.
+/// Opens no catalog and returns -1: one could be opened only while a language subdirectory
+/// is set (locales.h). Thread safe.
 [[nodiscard]] int64_t vxcatopen(const char* name, int flags);
 
 /// Closes a catalog. Returns the result of the platform's catclose.

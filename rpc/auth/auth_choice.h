@@ -5,8 +5,8 @@
 #include "rpc/auth/auth.h"
 #include "rpc/handle/clnt.h"
 
-/// The authentication handle that a client starts with when its methods were chosen;
-/// null when there is none. It is of the flavour none. Thread safe.
+/// The authentication handle that a client starts with when its methods were chosen: the one
+/// of the flavour none. Thread safe.
 [[nodiscard]] AUTH* auth_create_default();
 
 /// Replaces the authentication of `client`, which its server refused, by a weaker

@@ -12,16 +12,10 @@
 
 namespace {
 
-struct CatalogText {
-  int32_t number;
-  const char* text;
-};
-
-constexpr CatalogText kAuthStateTexts[] = {
-    {51, "Authentication OK"},          {52, "Invalid client credential"},
-    {53, "Server rejected credential"}, {54, "Invalid client verifier"},
-    {55, "Server rejected verifier"},   {56, "Client credential too weak"},
-    {57, "Invalid server verifier"},    {38, "Failed (unspecified error)"},
+constexpr const char* kAuthStateTexts[] = {
+    "Authentication OK",       "Invalid client credential",  "Server rejected credential",
+    "Invalid client verifier", "Server rejected verifier",   "Client credential too weak",
+    "Invalid server verifier", "Failed (unspecified error)",
 };
 
 // The calling thread's text while it is built: what does not fit is cut.
@@ -58,8 +52,9 @@ class ThreadText {
 void append_auth_state(ThreadText* text, int32_t state) {
   text->append("; why = ");
   if (state >= kAuthOk && state <= kAuthFailed) {
-    const CatalogText& entry = kAuthStateTexts[state];
-    text->append("%s", vxcatgets(Catd, kRpcMessageSet, entry.number, entry.text));
+    // The catalog's numbers are in order, but for the last one.
+    const int32_t number = state == kAuthFailed ? 38 : 51 + state;
+    text->append("%s", vxcatgets(Catd, kRpcMessageSet, number, kAuthStateTexts[state]));
   } else {
     text->append(vxcatgets(Catd, kRpcMessageSet, 21, "(unknown authentication error - %d)"), state);
   }
