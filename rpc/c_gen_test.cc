@@ -35,8 +35,9 @@ class CreateTest : public ClientTest {
 TEST_F(CreateTest, OverTcp) {
   setenv("KIV_TRANSPORT", "SPP", 1);
   for (const char* name : {"tcp", "PIPE", "shm", ""}) {
-    client_ = __brix_clnt_create("localhost", 5, 6, name);
+    client_ = clnt_create_with_auth("localhost", 5, 6, name, kAuthMethodsNone);
     expect_server(7938);
+    EXPECT_EQ(get<uint32_t>(CLGET_AUTH_METHODS), kAuthMethodsNone);
     EXPECT_TRUE(equal(get<timeval>(CLGET_TIMEOUT), {30, 0}));
     EXPECT_EQ(call(), kSuccess);
     destroy();

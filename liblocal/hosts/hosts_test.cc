@@ -201,6 +201,16 @@ TEST_F(NameTest, EachLookUpHasAPlaceOfItsOwn) {
   EXPECT_STREQ(by_port->s_name, "two");
 }
 
+TEST(LookUps, NeedAKey) {
+  const in6_addr address = {};
+  EXPECT_EQ(vx_ts_gethostbyname(nullptr), nullptr);
+  EXPECT_EQ(vx_ts_gethostbyaddr(nullptr, 4, AF_INET), nullptr);
+  EXPECT_EQ(vx_ts_gethostbyaddr(&address, sizeof address + 1, AF_INET6), nullptr);
+  EXPECT_EQ(vx_ts_getprotobyname(nullptr), nullptr);
+  EXPECT_EQ(vx_ts_getservbyname(nullptr, "udp"), nullptr);
+  EXPECT_EQ(vx_ts_getpwnam(nullptr), nullptr);
+}
+
 TEST_F(NameTest, OfTheHostAndItsDomain) {
   char name[256];
   EXPECT_EQ(vx_gethostname(name, sizeof name), 0);

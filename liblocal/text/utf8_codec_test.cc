@@ -6,11 +6,17 @@
 #include <string>
 
 #include "liblocal/base/c_memory.h"
+#include "liblocal/text/ascii.h"
 #include "liblocal/text/mbt.h"
 #include "liblocal/text/utf8_columns.h"
 #include "liblocal/text/utf8_wide.h"
 
 namespace {
+
+TEST(Ascii, KnowsWhiteSpace) {
+  for (const char white : {' ', '\t', '\r'}) EXPECT_EQ(vxisspace(white), 1);
+  for (const char other : {'\b', '\x0E', 'a'}) EXPECT_EQ(vxisspace(other), 0);
+}
 
 // The first and the last character of each range, which have that many bytes and columns.
 TEST(Utf8Codec, EncodesDecodesAndMeasures) {

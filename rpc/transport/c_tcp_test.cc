@@ -183,6 +183,24 @@ TEST_F(TcpTest, OneWayCallsLeaveWithTheNextCall) {
   EXPECT_EQ(server_->requests().size(), 3U);
 }
 
+TEST_F(TcpTest, AnArmedStreamIsToldOfTheNextCall) {
+  serve(always(kAnswer), 4000);
+  static std::vector<uint32_t> told;
+  XDR* stream = get_xdr_from_chandle(client_);
+  xdr_ops ops = *stream->ops;
+  ops.control = [](XDR*, uint32_t request, void*) { return told.push_back(request), true; };
+  stream->ops = &ops;
+  for (int enabled : {0, 1}) {
+    if (enabled == 1) control(CLSET_ONE_CALL_ENABLED, client_);
+    EXPECT_EQ(get<int32_t>(CLGET_ONE_CALL_ENABLED), enabled);
+    control(CLSET_ONE_CALL, client_);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(call(), kSuccess);
+    EXPECT_EQ(told.size(), enabled * 2U);
+  }
+  EXPECT_THAT(told, testing::ElementsAre(0, 1));  // that it begins and that it ends
+  destroy();
+}
+
 TEST_F(TcpTest, WithoutALimitAWaitTakesADay) {
   serve(stall);
   control(CLSET_TIMEOUT, nullptr);
