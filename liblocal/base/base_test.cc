@@ -199,10 +199,10 @@ void say_x() { say("x"); }
 void fill_exit_list() {
   vx_atexit([] { say("oldest"); });
   vx_atexit([] { vx_atexit([] { say("added by another, "); }); });
-  vx_atexit(say_x);
+  if (vx_atexit(say_x) != 0) say("not added, ");
   vx_atexit([] { say("newest, "); });
   vx_unatexit(say_x);
-  EXPECT_EQ(vx_unatexit(say_x), 49);
+  if (vx_unatexit(say_x) != 49) say("found again, ");
 }
 
 TEST(VxAtexit, RunsNewestFirstUnlessDisabled) {
@@ -302,8 +302,8 @@ void end_without_keys() {
   pthread_key_t key;
   while (pthread_key_create(&key, nullptr) == 0) continue;
   dup2(STDERR_FILENO, STDOUT_FILENO);
-  EXPECT_EQ(vx_threadstorage_new(nullptr), nullptr);
-  if (vx_error_get_last() == 8) fputs("last words", stdout);
+  const bool made = vx_threadstorage_new(nullptr) != nullptr;
+  if (!made && vx_error_get_last() == 8) fputs("last words", stdout);
   (void)_varp_new_key("kiv", nullptr);
 }
 

@@ -11,6 +11,7 @@
 #include "liblocal/messages/i18n_3.h"
 #include "liblocal/messages/locales.h"
 #include "liblocal/messages/log_time.h"
+#include "liblocal/messages/message_ids.h"
 #include "liblocal/messages/print.h"
 #include "tests/fakes.h"
 #include "tests/locales.h"
@@ -73,6 +74,11 @@ TEST(Catalogs, ReplaceTheDefaultTexts) {
     EXPECT_EQ(errno, EBUSY);
     EXPECT_EQ(vxcatclose(Catd), 0);
   });
+}
+
+TEST(MessageIds, HoldAFacilityAndANumber) {
+  EXPECT_EQ(mc_message_id(41, 22), 0x8290016);
+  EXPECT_EQ(mc_message_id(0x80000000, 1), -0x7FFFF7FFFFFF);
 }
 
 TEST(Answers, BeginWithALetterOfTheCatalog) {

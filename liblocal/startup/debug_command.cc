@@ -21,9 +21,10 @@ std::string_view take_run(std::string_view* text, bool (*belongs)(char)) {
 }
 
 int number(std::string_view digits, bool negative) {
-  const int64_t limit = int64_t{INT_MAX} + (negative ? 1 : 0);
   int64_t magnitude = 0;
-  for (char digit : digits) magnitude = std::min(magnitude * 10 + (digit - '0'), limit);
+  for (char digit : digits) {
+    magnitude = std::min(magnitude * 10 + (digit - '0'), int64_t{INT_MAX});
+  }
   return static_cast<int>(negative ? -magnitude : magnitude);
 }
 

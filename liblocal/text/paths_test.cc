@@ -1,8 +1,10 @@
 // Paths as text, and the files that they name.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <set>
 #include <string>
 
 #include "liblocal/base/vx_error.h"
@@ -38,6 +40,23 @@ TEST(Utf8Files, PathsAreConverted) {
     EXPECT_EQ(utf8_symlink("€", "d€"), 0);
     EXPECT_EQ(access("\xA4", R_OK), 0);
     EXPECT_STREQ(syscalls_utf8dec("/etc\xEF\xA2"), "");  // never a part of a name
+  });
+}
+
+TEST(Utf8Files, DirectoriesAreRead) {
+  in_directory([] {
+    const std::string longest(255, '\xA4');
+    for (const std::string& name : {longest, std::string("plain")}) machine::write_file(name, "");
+    std::string text;
+    for (int i = 0; i < 255; ++i) text += "\xEF\xA2\xA4";
+    DIR* directory = utf8_opendir(".");
+    char area[kUtf8DirentSize];
+    std::set<std::string> names;
+    for (auto* entry = reinterpret_cast<dirent*>(area); vx_readdir(directory, entry) != nullptr;) {
+      names.insert(area + offsetof(dirent, d_name));
+    }
+    EXPECT_THAT(names, testing::ElementsAre(".", "..", "plain", text));
+    closedir(directory);
   });
 }
 

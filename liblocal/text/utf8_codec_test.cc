@@ -62,11 +62,9 @@ TEST(Utf8Codec, ValidityAndCounts) {
     int characters;  // -1 when it is not valid
     int leads;       // characters by their lead bytes alone
     size_t whole;    // bytes without a cut character at the end
-  } cases[] = {{"a日b", 3, 3, 5},
-               {"\xC0\x80", -1, 1, 2},  // longer than a NUL needs
-               {"\xE6\x97", -1, -1, 0},
-               {"\xE6\x97z", -1, 1, 3},
-               {"\xFE\x80\x80\x80\x80\x80\x80", -1, -1, 7}};
+  } cases[] = {{"a日b", 3, 3, 5},       {"\xC0\x80", -1, 1, 2},  // longer than a NUL needs
+               {"", 0, 0, 0},           {"\xE6\x97", -1, -1, 0},
+               {"\xE6\x97z", -1, 1, 3}, {"\xFE\x80\x80\x80\x80\x80\x80", -1, -1, 7}};
   for (const auto& [text, characters, leads, whole] : cases) {
     EXPECT_EQ(utf8_mbslen(text.c_str()), characters);
     EXPECT_EQ(is_utf8_mbs(text.c_str()), characters >= 0 ? 1 : 0);
@@ -119,6 +117,7 @@ TEST(Mbt, NullsAndAreasThatAreTooSmall) {
   EXPECT_EQ(vx_mbstombts(output, "a\xE9", 5), 1);
   EXPECT_EQ(vx_mbstombts(output, "a\xE9", 4), 0);  // a transparent byte asks for four
   EXPECT_EQ(vx_mbstombts(nullptr, "a", 5), 0);
+  EXPECT_EQ(vx_mbtstombs(nullptr, "a", 5), 0);
   EXPECT_EQ(vx_mbtstombs(output, "ab", 2), 0);  // no room for the terminator
 }
 
