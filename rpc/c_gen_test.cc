@@ -56,7 +56,6 @@ TEST_F(CreateTest, DebugLines) {
   const std::string methods = "kivtrap: Auth methods not set, using default\n";
   EXPECT_EQ(lines(3, "udp"), udp + udp);  // the port mapper's client and this one
   EXPECT_EQ(lines(3, "tcp"), tcp + tcp + methods + methods);
-  EXPECT_EQ(lines(1, "tcp"), methods + methods);
 }
 
 TEST_F(CreateTest, ThisHostIsAskedOverLoopback) {

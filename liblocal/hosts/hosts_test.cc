@@ -187,25 +187,9 @@ TEST_F(NameTest, ClientsAreKnownForAnHourOrForEver) {
   EXPECT_EQ(owned(get_primaryclientname("ever")), "ever");
 }
 
-TEST_F(NameTest, EachLookUpHasAPlaceOfItsOwn) {
-  machine::write_file("/etc/services", "two 102/tcp\nsnmp 161/udp\n");
-  // A name and an address in answers of the same look-ups.
-  const char* alias = vx_ts_gethostbyname(" \t\nweb")->h_aliases[0];
-  const in_addr mail = {inet_addr("198.51.100.3")};
-  const char* address = vx_ts_gethostbyaddr(&mail, 4, AF_INET)->h_addr_list[0];
-  const servent *by_name = vx_ts_getservbyname("snmp", "udp"),
-                *by_port = vx_ts_getservbyport(htons(102), nullptr);
-  EXPECT_STREQ(vx_ts_gethostbyname(alias)->h_name, "web.net");
-  EXPECT_STREQ(vx_ts_gethostbyaddr(address, 4, AF_INET)->h_name, "mail.net");
-  EXPECT_STREQ(by_name->s_name, "snmp");
-  EXPECT_STREQ(by_port->s_name, "two");
-}
-
 TEST(LookUps, NeedAKey) {
-  const in6_addr address = {};
   EXPECT_EQ(vx_ts_gethostbyname(nullptr), nullptr);
   EXPECT_EQ(vx_ts_gethostbyaddr(nullptr, 4, AF_INET), nullptr);
-  EXPECT_EQ(vx_ts_gethostbyaddr(&address, sizeof address + 1, AF_INET6), nullptr);
   EXPECT_EQ(vx_ts_getprotobyname(nullptr), nullptr);
   EXPECT_EQ(vx_ts_getservbyname(nullptr, "udp"), nullptr);
   EXPECT_EQ(vx_ts_getpwnam(nullptr), nullptr);

@@ -65,7 +65,7 @@ TEST(Catalogs, ReplaceTheDefaultTexts) {
     EXPECT_EQ(vxcatopen("kiv", 0), -1);
     open_catalog("$set 41\n22 benutze\n264 vier\n");
     const char* text = "usage";
-    EXPECT_EQ(vxcatgets(Catd, 41, 22, text), text) << "during the initialisation";
+    EXPECT_EQ(vxcatgets(Catd, 41, 22, text), text);  // during the initialisation
     EXPECT_STREQ(vxcatgets(Catd, 41, 264, text), "vier");
     _vx_set_initialised();
     errno = EBUSY;
@@ -78,7 +78,6 @@ TEST(Catalogs, ReplaceTheDefaultTexts) {
 
 TEST(MessageIds, HoldAFacilityAndANumber) {
   EXPECT_EQ(mc_message_id(41, 22), 0x8290016);
-  EXPECT_EQ(mc_message_id(0x80000000, 1), -0x7FFFF7FFFFFF);
 }
 
 TEST(Answers, BeginWithALetterOfTheCatalog) {
@@ -282,8 +281,6 @@ TEST(ErrSetstr, FormatsAndCuts) {
   EXPECT_EQ(err_setstr(3, 1, nullptr), nullptr);
   const std::string text(18432, 'x');
   EXPECT_EQ(err_setstr(3, 1, "%s", text.c_str())->text, text.substr(1));
-  const fakes::FailingMalloc none(0);
-  EXPECT_EQ(err_setstr(3, 1, "x"), nullptr);
 }
 
 TEST(ErrCopies, OwnTheirTexts) {

@@ -96,24 +96,9 @@ TEST_F(Fullpath, FitsItsOutput) {
   EXPECT_EQ(resolved("dir", kSlash, 6), "/dir/");
 }
 
-TEST_F(Fullpath, LongPathsAndLinks) {
+TEST_F(Fullpath, LongPaths) {
   const std::string long_path = "." + std::string(kPathSize, '/');
   EXPECT_EQ(resolved(long_path, 0), "ENAMETOOLONG: kivtrap: cannot stat " + long_path + "\n");
-  // A byte that is no text takes three: this link's text is 11533 bytes long.
-  const std::string odd(255, '\x80');
-  std::string text = odd + "/f";
-  fs::create_directory(odd);
-  machine::write_file(text, "");
-  for (int i = 0; i < 14; ++i) text = odd + "/../" + text;
-  fs::create_symlink(text, "odd");
-  const std::pair<size_t, std::string> rows[] = {{753, "could not lstat "},
-                                                 {754, "path name too long "}};
-  for (const auto& [slashes, reason] : rows) {
-    const std::string directory = "." + std::string(slashes, '/');
-    EXPECT_EQ(
-        resolved(directory + "odd", kFollow),
-        "ENAMETOOLONG: kivtrap: fullpath " + reason + directory + text + ": File name too long\n");
-  }
 }
 
 TEST_F(Fullpath, DeeperThanAPathCanBe) {
@@ -131,15 +116,6 @@ TEST_F(Fullpath, DeeperThanAPathCanBe) {
   EXPECT_EQ(resolved("sub/file", 0, path.size() + 9),
             "ENAMETOOLONG: kivtrap: " + path + "/sub/file path is too long\n" +
                 "kivtrap: fullpath(sub/file)" + no_way_back);
-}
-
-TEST_F(Fullpath, ClosedDirectories) {
-  if (!machine::has_users()) return MachineTest::skip("no users but root here");
-  ASSERT_EQ(chmod(root_.c_str(), 0755), 0);
-  ASSERT_EQ(mkdir("shut", 0744), 0);
-  ASSERT_EQ(seteuid(machine::kUser), 0);
-  EXPECT_EQ(resolved("shut", 0), "EACCES: kivtrap: cannot chdir to shut: Permission denied\n");
-  EXPECT_EQ(seteuid(0), 0);
 }
 
 }  // namespace

@@ -88,10 +88,8 @@ TEST(Vxfprintf, LeavesOutNulsAndWhatLacksRoom) {
   FILE* stream = tmpfile();
   EXPECT_EQ(vxfprintf(stream, "a%cb", '\0'), 2);
   const std::string text(20000, 'x');
-  for (const int areas : {0, 1}) {
-    const fakes::FailingMalloc failing(areas);
-    EXPECT_EQ(vxfprintf(stream, "ab%d%s", 5, text.c_str()), areas * 3);
-  }
+  const fakes::FailingMalloc failing(1);
+  EXPECT_EQ(vxfprintf(stream, "ab%d%s", 5, text.c_str()), 3);
   vxfclose(stream);
 }
 

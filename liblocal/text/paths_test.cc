@@ -45,17 +45,16 @@ TEST(Utf8Files, PathsAreConverted) {
 
 TEST(Utf8Files, DirectoriesAreRead) {
   in_directory([] {
-    const std::string longest(255, '\xA4');
-    for (const std::string& name : {longest, std::string("plain")}) machine::write_file(name, "");
-    std::string text;
-    for (int i = 0; i < 255; ++i) text += "\xEF\xA2\xA4";
+    machine::write_file(std::string(255, '\xA4'), "");
+    std::string longest;
+    for (int i = 0; i < 255; ++i) longest += "\xEF\xA2\xA4";
     DIR* directory = utf8_opendir(".");
     char area[kUtf8DirentSize];
     std::set<std::string> names;
     for (auto* entry = reinterpret_cast<dirent*>(area); vx_readdir(directory, entry) != nullptr;) {
       names.insert(area + offsetof(dirent, d_name));
     }
-    EXPECT_THAT(names, testing::ElementsAre(".", "..", "plain", text));
+    EXPECT_THAT(names, testing::ElementsAre(".", "..", longest));
     closedir(directory);
   });
 }

@@ -1,8 +1,5 @@
 #include "rpc/auth/auth.h"
 
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include "rpc/auth/a_none.h"
 #include "rpc/auth/a_unix.h"
 #include "tests/work.h"
@@ -102,22 +99,6 @@ TEST_F(AuthSystem, DropsABrokenShortCredential) {
 TEST(AuthSystemDebug, SaysThatAHandleWasMade) {
   EXPECT_EQ(printed(3, [] { const Auth made(__brix_authsys_create("", 0, 0, 0, nullptr)); }),
             "kivtrap: RPC Authentication: Client successfully authenticated using AUTH_UNIX\n");
-}
-
-TEST(AuthSystemDefault, SendsTheProcess) {
-  if (machine::skip_outside()) return;
-  if (!machine::has_users()) return MachineTest::skip("the host lends no groups");
-  fakes::now = 1;  // the credential carries the time
-  std::thread([] {
-    gid_t groups[17] = {};
-    groups[15] = 7;
-    ASSERT_EQ(syscall(SYS_setgroups, 16, groups), 0);  // of this thread alone
-    groups[16] = getegid();
-    const Auth own(__brix_authsys_create_default());
-    const Auth same(__brix_authsys_create(machine::kHostName, getuid(), getgid(), 17, groups));
-    EXPECT_EQ(marshalled(own.get()), marshalled(same.get()));
-  }).join();
-  fakes::now = 0;
 }
 
 }  // namespace

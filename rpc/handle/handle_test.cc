@@ -93,16 +93,6 @@ void use_block() {
   EXPECT_EQ(Global_rpc_t_varp, block);
 }
 
-TEST(RpcVarp, ReleasesTheProcessBlock) {
-  rpc_p_varp* published = Global_rpc_p_varp;
-  auto make_and_clean = [] {
-    rpc_p_init();
-    rpc_p_clean(Global_rpc_p_varp);
-  };
-  EXPECT_EQ(fakes::pieces_left_by(make_and_clean), 0);
-  Global_rpc_p_varp = published;
-}
-
 TEST(RpcVarp, ReleasesWhatAThreadUsed) {
   EXPECT_EQ(fakes::pieces_left_by([] { std::thread(use_block).join(); }), 0);
   EXPECT_EQ(Global_rpc_t_varp, nullptr);

@@ -262,25 +262,17 @@ bool rec_get_bytes(XDR* xdrs, void* bytes, uint32_t length) {
   return true;
 }
 
+template <typename Wire, typename T>
+bool get(XDR* xdrs, T* value) {
+  uint8_t bytes[sizeof(Wire)];
+  if (!rec_get_bytes(xdrs, bytes, sizeof bytes)) return false;
+  *value = static_cast<T>(xdr_load<Wire>(bytes));
+  return true;
+}
+
 // Bytes of the current fragment that are in the buffer.
 uint32_t buffered(const RecordStream* stream) {
   return std::min(stream->in_left, stream->in_end - stream->in_next);
-}
-
-template <typename Wire, typename T>
-bool get(XDR* xdrs, T* value) {
-  RecordStream* stream = stream_of(xdrs);
-  uint8_t bytes[sizeof(Wire)];
-  const uint8_t* at = bytes;
-  if (buffered(stream) >= sizeof(Wire)) {
-    at = stream->in + stream->in_next;
-    stream->in_next += uint32_t{sizeof(Wire)};
-    stream->in_left -= uint32_t{sizeof(Wire)};
-  } else if (!rec_get_bytes(xdrs, bytes, sizeof bytes)) {
-    return false;
-  }
-  *value = static_cast<T>(xdr_load<Wire>(at));
-  return true;
 }
 
 // Drops the rest of the record; false when it cannot be read.

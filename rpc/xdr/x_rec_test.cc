@@ -180,23 +180,6 @@ TEST_F(RecordTest, ReadsLargePiecesPastItsBuffer) {
   EXPECT_EQ(get(4), "next");
 }
 
-TEST_F(RecordTest, ContinuesAfterAFailedRead) {
-  for (const size_t most : {1U, 3U}) {
-    decode(fragment("abcd", false) + fragment(letters(396)));
-    pipe_.stalls = true;
-    pipe_.most = most;
-    EXPECT_EQ(get(1), "failed");
-    EXPECT_EQ(get(1), "failed");  // a part of the header has come
-    EXPECT_FALSE(xdrrec_at_header(&xdrs_));
-    std::string all;
-    for (int reads = 0; all.size() < 400 && reads < 1000; ++reads) {
-      const std::string byte = get(1);
-      if (byte != "failed") all += byte;
-    }
-    EXPECT_EQ(all, "abcd" + letters(396));
-  }
-}
-
 TEST_F(RecordTest, RefusesFragmentsAbove16MiB) {
   decode(from_hex("01000000") + "abcd");  // 16 MiB
   EXPECT_EQ(get(4), "abcd");

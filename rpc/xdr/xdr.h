@@ -18,8 +18,7 @@
 // Memory held for a peer never exceeds what the peer has sent by more than a factor, but for
 // array elements that take nothing on the wire, which the caller's maximum bounds. Counted
 // bytes that the stream cannot hold fail before anything is allocated. Where the stream
-// cannot tell what it holds, and for arrays of unknown size on the wire, memory grows with
-// what has arrived.
+// cannot tell what it holds, and for arrays, memory grows with what has arrived.
 //
 // Thread safety: a stream is used by one thread at a time; nothing else is shared.
 #pragma once

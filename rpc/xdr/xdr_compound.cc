@@ -32,19 +32,13 @@ bool run_on_block(XDR* xdrs, uint8_t* elements, uint32_t count, uint32_t element
   return true;
 }
 
-// Whether the stream is known to hold `count` elements that take a unit at least.
-bool holds(XDR* xdrs, uint32_t count) {
-  const int32_t remaining = xdrs->ops->get_remaining(xdrs);
-  return remaining != kXdrRemainingUnknown && count <= static_cast<uint32_t>(remaining) / kXdrUnit;
-}
-
 // Decodes `count` elements, more than none, into a new array that the caller releases
 // also after a failure: `*count` is then the number of elements that it has.
 bool decode_new_array(XDR* xdrs, void** array, uint32_t* count, uint32_t element_size,
                       xdrproc_t element) {
   const uint32_t wanted = *count;
   *count = 0;
-  uint32_t held = holds(xdrs, wanted) ? wanted : xdr_first_piece(wanted, element_size);
+  uint32_t held = xdr_first_piece(wanted, element_size);
   *array = calloc(held, element_size);
   while (*array != nullptr) {
     uint32_t done = *count;

@@ -41,12 +41,10 @@ TEST(Xdr, CarriesNumbers) {
 }
 
 TEST(Xdr, CarriesTheLowHalfOfLongs) {
-  expect_wire<__brix_xdr_long>(0x7FFFFFFFL, "7FFFFFFF");
   expect_wire<__brix_xdr_long>(-1L, "FFFFFFFF", {4294967295L});
   expect_wire<__brix_xdr_u_long>(0x11223344F5667788UL, "F5667788", {0xF5667788UL});
   expect_wire<xdr_shorten>(0x700000000 - 2, "FFFFFFFE", {-2L});
   expect_wire<xdr_u_shorten>(0x7FFFFFFFEUL, "FFFFFFFE", {0xFFFFFFFEUL});
-  expect_wire<__brix_xdr_time_t>(time_t{0x1FFFFFFFE}, "FFFFFFFE", {time_t{-2}});
 }
 
 TEST(Xdr, PadsOpaqueBytes) {
