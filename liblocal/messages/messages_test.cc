@@ -76,9 +76,7 @@ TEST(Catalogs, ReplaceTheDefaultTexts) {
   });
 }
 
-TEST(MessageIds, HoldAFacilityAndANumber) {
-  EXPECT_EQ(mc_message_id(41, 22), 0x8290016);
-}
+TEST(MessageIds, HoldAFacilityAndANumber) { EXPECT_EQ(mc_message_id(41, 22), 0x8290016); }
 
 TEST(Answers, BeginWithALetterOfTheCatalog) {
   in_locale("", [] {
