@@ -70,9 +70,9 @@ inline void move_to_processor(int number) {
 }
 
 /// Measures `path` and `floor`, which are called without arguments, and reports the ratio of
-/// their times. They take turns, so that a busy machine troubles both alike. But one that shares
-/// the core with another machine is slow for seconds, the path more than the floor: what is over
-/// its budget is measured again later, on another processor.
+/// their times. They take turns, so that a busy machine troubles both alike. A core that other
+/// machines use, too, troubles the path more, for seconds: what is over its budget is measured
+/// again later, on another processor.
 template <typename Path, typename Floor>
 void compare(const char* title, double budget, Path path, Floor floor) {
   const int path_steps = steps_of(path);
