@@ -179,7 +179,10 @@ TEST_F(TcpTest, AnArmedStreamIsToldOfTheNextCall) {
   static std::vector<uint32_t> told;
   XDR* stream = get_xdr_from_chandle(client_);
   xdr_ops ops = *stream->ops;
-  ops.control = [](XDR*, uint32_t request, void*) { return told.push_back(request), true; };
+  ops.control = [](XDR*, uint32_t request, void*) {
+    told.push_back(request);
+    return true;
+  };
   stream->ops = &ops;
   control(CLSET_ONE_CALL, client_);  // not enabled yet
   EXPECT_EQ(call(), kSuccess);
@@ -192,8 +195,10 @@ TEST_F(TcpTest, AnArmedStreamIsToldOfTheNextCall) {
 }
 
 TEST_F(TcpTest, TheProcessMayHaveATableOfMethods) {
-  rpc_install_auth_methods(
-      [](const sockaddr_in*, uint32_t* methods) { return *methods = 5, true; });
+  rpc_install_auth_methods([](const sockaddr_in*, uint32_t* methods) {
+    *methods = 5;
+    return true;
+  });
   serve(stall);
   EXPECT_EQ(get<uint32_t>(CLGET_AUTH_METHODS), 5U);
   rpc_install_auth_methods([](const sockaddr_in*, uint32_t*) { return false; });
