@@ -5,7 +5,6 @@
 #include "rpc/handle/rpcvarp.h"
 #include "tests/fakes.h"
 #include "tests/rpc_client.h"
-#include "tests/work.h"
 
 namespace {
 
@@ -42,20 +41,6 @@ TEST_F(CreateTest, OverTcp) {
     EXPECT_EQ(call(), kSuccess);
     destroy();
   }
-}
-
-TEST_F(CreateTest, DebugLines) {
-  auto lines = [](int level, const char* transport) {
-    return printed(level, [=] {
-      CLIENT* client = __brix_clnt_create(nullptr, 5, 6, transport);
-      client->ops->destroy(client);
-    });
-  };
-  const std::string udp = "kivtrap: Calling clntudp_create function\n";
-  const std::string tcp = "kivtrap: Calling clnttcp_create function\n";
-  const std::string methods = "kivtrap: Auth methods not set, using default\n";
-  EXPECT_EQ(lines(3, "udp"), udp + udp);  // the port mapper's client and this one
-  EXPECT_EQ(lines(3, "tcp"), tcp + tcp + methods + methods);
 }
 
 TEST_F(CreateTest, ThisHostIsAskedOverLoopback) {

@@ -33,6 +33,7 @@ TEST(VxPrimitives, FailWithoutMemory) {
     EXPECT_EQ(vx_atexit([] {}), 53);
     EXPECT_EQ(vx_thread_self(), nullptr);
     EXPECT_EQ(vx_atomic_new(0), nullptr);
+    EXPECT_EQ(vx_threadstorage_new(nullptr), nullptr);
     EXPECT_EQ(vx_error_get_last(), 53);
   });
   std::list<vx_mutex*> mutexes;

@@ -58,6 +58,7 @@ TEST_F(Fullpath, WithoutFlags) {
       {"/dir/../dir", "/dir"},
       {"/link_dir/up", "/dir/up"}};
   for (const auto& [path, full] : names) EXPECT_EQ(resolved(path, 0), full);
+  EXPECT_EQ(fullpath("link_file"), root_ + "/link_file");
 }
 
 TEST_F(Fullpath, FollowsLinks) {

@@ -41,6 +41,10 @@ TEST(RpcTexts, SayWhyAnAuthenticationWasRefused) {
   const fakes::NumberedTexts numbered;
   const std::pair<auth_state, std::string> whys[] = {
       {kAuthOk, "[21.51] Authentication OK"},
+      {kAuthBadCredential, "[21.52] Invalid client credential"},
+      {kAuthBadVerifier, "[21.54] Invalid client verifier"},
+      {kAuthRejectedVerifier, "[21.55] Server rejected verifier"},
+      {kAuthTooWeak, "[21.56] Client credential too weak"},
       {kAuthInvalidServerVerifier, "[21.57] Invalid server verifier"},
       {kAuthFailed, "[21.38] Failed (unspecified error)"},
       {static_cast<auth_state>(8), "[21.21] (unknown authentication error - 8)"}};

@@ -57,6 +57,7 @@ TEST(RpcMessage, SaysWhatAReplyMeans) {
               {accepted + "00000001", true, "Program unavailable\n"},
               {accepted + "0000000200000003FFFFFFFF", true,
                "RPC program or version mismatch; low version = 3, high version = 4294967295\n"},
+              {accepted + "00000003", true, "RPC server is unavailable\n"},
               {accepted + "00000004", true, "Server can't decode arguments\n"},
               {accepted + "00000005", true, "Remote system error\n"},
               {"00000001000000000000000200000003", true,
