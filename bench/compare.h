@@ -2,7 +2,6 @@
 #pragma once
 
 #include <sched.h>
-#include <sys/sysinfo.h>
 
 #include <algorithm>
 #include <chrono>
@@ -60,19 +59,23 @@ inline double quiet_time(std::vector<double> times) {
   return *tenth;
 }
 
-/// Moves the calling thread to that processor, if it may run there. It need not stay.
-inline void move_to_processor(int number) {
+/// Moves the calling thread to the next processor that it may run on. It need not stay there.
+inline void move_to_next_processor() {
   cpu_set_t allowed, wanted{};
-  CPU_SET(number % get_nprocs(), &wanted);
   require(sched_getaffinity(0, sizeof allowed, &allowed) == 0);
-  (void)sched_setaffinity(0, sizeof wanted, &wanted);
-  (void)sched_setaffinity(0, sizeof allowed, &allowed);
+  int next = sched_getcpu();
+  do {
+    next = (next + 1) % CPU_SETSIZE;
+  } while (!CPU_ISSET(next, &allowed));
+  CPU_SET(next, &wanted);
+  require(sched_setaffinity(0, sizeof wanted, &wanted) == 0);
+  require(sched_setaffinity(0, sizeof allowed, &allowed) == 0);
 }
 
 /// Measures `path` and `floor`, which are called without arguments, and reports the ratio of
 /// their times. They take turns, so that a busy machine troubles both alike. A core that other
-/// machines use, too, troubles the path more, for seconds: what is over its budget is measured
-/// again later, on another processor.
+/// machines use, too, troubles the path more, for seconds: what is over its budget is measured up
+/// to three times more, each time later and from another processor if it can be.
 template <typename Path, typename Floor>
 void compare(const char* title, double budget, Path path, Floor floor) {
   const int path_steps = steps_of(path);
@@ -85,11 +88,10 @@ void compare(const char* title, double budget, Path path, Floor floor) {
       floor_times.push_back(seconds_of(floor, floor_steps));
     }
     const double path_time = quiet_time(path_times), floor_time = quiet_time(floor_times);
-    if (path_time <= budget * floor_time || attempt == 4) {
-      return report(title, path_time, floor_time, budget);
-    }
-    printf("%-42s %5.2f x its floor, measured again\n", title, path_time / floor_time);
+    const double ratio = path_time / floor_time;
+    if (ratio <= budget || attempt == 4) return report(title, path_time, floor_time, budget);
+    printf("%-42s %5.2f x its floor, measured again\n", title, ratio);
     std::this_thread::sleep_for(std::chrono::seconds(5));
-    move_to_processor(attempt);
+    move_to_next_processor();
   }
 }

@@ -34,7 +34,7 @@ class CreateTest : public ClientTest {
 TEST_F(CreateTest, OverTcp) {
   setenv("KIV_TRANSPORT", "SPP", 1);
   for (const char* name : {"tcp", "PIPE", "shm", ""}) {
-    client_ = clnt_create_with_auth("localhost", 5, 6, name, kAuthMethodsNone);
+    client_ = clnt_create_with_auth("localhost", 5, 6, name, kAuthMethodsNone | 128);
     expect_server(7938);
     EXPECT_EQ(get<uint32_t>(CLGET_AUTH_METHODS), kAuthMethodsNone);
     EXPECT_TRUE(equal(get<timeval>(CLGET_TIMEOUT), {30, 0}));

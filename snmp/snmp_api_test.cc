@@ -215,13 +215,6 @@ TEST_F(SessionTest, WhatCannotBeSentIsReported) {
   EXPECT_EQ(agent.receive_now(), "");
 }
 
-TEST(SnmpErrors, HaveTexts) {
-  EXPECT_STREQ(api_errors(0), "[41.68] Unknown session");
-  EXPECT_STREQ(api_errors(1), "[41.69] Unknown host");
-  EXPECT_STREQ(api_errors(2), "[41.70] Invalid local port");
-  EXPECT_STREQ(api_errors(3), "[41.59] Unknown Error");
-}
-
 TEST_F(SessionTest, RepeatsWithDoubledTimeOuts) {
   snmp_session* session = open();
   request_record* request = ask(session);

@@ -87,7 +87,9 @@ void expect_carried(xdrproc_t filter, std::string_view hex, const T& start = {})
 struct Pipe {
   std::string incoming;
   uint64_t most = UINT32_MAX;  // bytes of one read
+  bool stalls = false;         // every other read finds nothing
   size_t taken = 0;
+  bool stalled = false;
   std::string outgoing = {};
   size_t writes = 0;
   size_t room = SIZE_MAX;  // bytes until writing fails
@@ -95,6 +97,8 @@ struct Pipe {
   static int64_t read(void* transport, void* buffer, uint32_t length, void* second,
                       uint32_t second_length) {
     auto* pipe = static_cast<Pipe*>(transport);
+    pipe->stalled = pipe->stalls && !pipe->stalled;
+    if (pipe->stalled) return -1;
     const uint64_t most = std::min(pipe->most, uint64_t{length} + second_length);
     const std::string bytes = pipe->incoming.substr(pipe->taken, most);
     pipe->taken += bytes.size();

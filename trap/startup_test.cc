@@ -61,18 +61,6 @@ TEST_F(StartupTest, FindsItsOrigin) {
   EXPECT_EQ(run(program, {program}, {"KIV_PRINT_ORIGIN=yes"}).status, 1) << "goes on";
 }
 
-// A directory's name may have characters of the codeset, of another one, or bytes of none.
-TEST_F(StartupTest, FindsItsOriginInEveryLocale) {
-  if (locales_are_missing()) return;
-  fs::create_directories("/startup");
-  for (const char* bytes : {"\xC3\xA9", "\xE9", "\xEF\xA2\x80"}) {
-    const std::string directory = std::string("/startup/in ") + bytes, copy = install(directory);
-    const std::vector<std::string> environment = {"LOCPATH=" KIV_LOCALES, "LC_ALL=POSIX.EUC-JP",
-                                                  "KIV_PRINT_ORIGIN=q", "PATH=" + directory};
-    EXPECT_EQ(run(copy, {"kivtrap"}, environment).err, origin_line("kivtrap", directory + "/"));
-  }
-}
-
 TEST_F(StartupTest, RefusesHardLinksToItself) {
   const std::string program = install("/startup/bin");
   fs::create_hard_link(program, "/startup/bin/other");

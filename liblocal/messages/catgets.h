@@ -24,8 +24,8 @@ constexpr int32_t kCommandMessageSet = 41;  ///< The command and the SNMP engine
 [[nodiscard, gnu::format_arg(4)]] const char* vxcatgets(int64_t catalog, int32_t set,
                                                         int32_t number, const char* default_text);
 
-/// Opens no catalog and returns -1: one could be opened only while a language subdirectory
-/// is set (locales.h). Thread safe.
+/// Opens no catalog and returns -1: that needs a language subdirectory, which is never set
+/// (locales.h). Thread safe.
 [[nodiscard]] int64_t vxcatopen(const char* name, int flags);
 
 /// Closes a catalog. Returns the result of the platform's catclose.

@@ -97,9 +97,20 @@ TEST_F(Fullpath, FitsItsOutput) {
   EXPECT_EQ(resolved("dir", kSlash, 6), "/dir/");
 }
 
-TEST_F(Fullpath, LongPaths) {
+TEST_F(Fullpath, LongPathsAndLinks) {
   const std::string long_path = "." + std::string(kPathSize, '/');
   EXPECT_EQ(resolved(long_path, 0), "ENAMETOOLONG: kivtrap: cannot stat " + long_path + "\n");
+  // A byte that is no text takes three: this link's text is 11533 bytes long.
+  const std::string odd(255, '\x80');
+  std::string text = odd + "/f";
+  fs::create_directory(odd);
+  machine::write_file(text, "");
+  for (int i = 0; i < 14; ++i) text = odd + "/../" + text;
+  fs::create_symlink(text, "odd");
+  const std::string directory = "." + std::string(754, '/');
+  EXPECT_EQ(resolved(directory + "odd", kFollow),
+            "ENAMETOOLONG: kivtrap: fullpath path name too long " + directory + text +
+                ": File name too long\n");
 }
 
 TEST_F(Fullpath, DeeperThanAPathCanBe) {

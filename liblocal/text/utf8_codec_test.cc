@@ -62,7 +62,8 @@ TEST(Utf8Codec, ValidityAndCounts) {
     int characters;  // -1 when it is not valid
     int leads;       // characters by their lead bytes alone
     size_t whole;    // bytes without a cut character at the end
-  } cases[] = {{"a日b", 3, 3, 5},       {"\xC0\x80", -1, 1, 2},  // longer than a NUL needs
+    // The second one is longer than a NUL needs.
+  } cases[] = {{"a日b", 3, 3, 5},       {"\xC0\x80", -1, 1, 2},
                {"", 0, 0, 0},           {"\xE6\x97", -1, -1, 0},
                {"\xE6\x97z", -1, 1, 3}, {"\xFE\x80\x80\x80\x80\x80\x80", -1, -1, 7}};
   for (const auto& [text, characters, leads, whole] : cases) {

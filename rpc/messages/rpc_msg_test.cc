@@ -60,6 +60,8 @@ TEST(RpcMessage, SaysWhatAReplyMeans) {
               {accepted + "00000003", true, "RPC server is unavailable\n"},
               {accepted + "00000004", true, "Server can't decode arguments\n"},
               {accepted + "00000005", true, "Remote system error\n"},
+              {accepted + "00000006", true, kFailed},
+              {accepted + "FFFFFFFF", true, kFailed},
               {"00000001000000000000000200000003", true,
                "Incompatible versions of RPC; low version = 2, high version = 3\n"},
               {"000000010000000100000009", true,

@@ -125,6 +125,15 @@ TEST_F(TcpTest, InputIsReadWhileACallIsWritten) {
   EXPECT_EQ(send_much(), kSuccess);
 }
 
+TEST_F(TcpTest, ACallIsAnsweredAfterOneThatWasNot) {
+  serve([](RpcServer& peer) {
+    (void)peer.read_request();
+    always(kAnswer)(peer);
+  });
+  EXPECT_EQ(call({-1, 5}), kTimedOut);  // a negative limit is zero
+  EXPECT_EQ(call(), kSuccess);
+}
+
 TEST_F(TcpTest, TheLastStepEndsWithTheLimit) {
   serve(stall);
   for (timeval step : {timeval{0, 35000}, kNone}) {  // with none, the limit is one step
@@ -172,12 +181,13 @@ TEST_F(TcpTest, OneWayCallsLeaveWithTheNextCall) {
   EXPECT_EQ(call(kNone), kCannotSend + "Input/output error\n");  // this one leaves at once
   EXPECT_EQ(call(), kSuccess);
   EXPECT_EQ(server_->requests().size(), 3U);
-  EXPECT_EQ(call(kNone), kTimedOut) << "as there are results";
+  EXPECT_EQ(call(kNone), kTimedOut);  // it wants results, so it is not one-way
 }
 
 TEST_F(TcpTest, AnArmedStreamIsToldOfTheNextCall) {
   serve(always(kAnswer), 4000);
   static std::vector<uint32_t> told;
+  told.clear();
   XDR* stream = get_xdr_from_chandle(client_);
   xdr_ops ops = *stream->ops;
   ops.control = [](XDR*, uint32_t request, void*) {
@@ -272,7 +282,7 @@ TEST_F(TcpTest, TheEnvironmentLetsTheSocketBlock) {
     write_if_blocking("watched ");
     control(CLSET_SEND_SIZE, reinterpret_cast<void*>(4321));
     fputs(get<int>(CLGET_SEND_SIZE) == 2 * 4321 ? "set" : "kept", stderr);
-    _exit(0);
+    _exit(HasFailure() ? 1 : 0);
   };
   const struct {
     const char *variable, *value, *written;

@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <cstdint>
 
-/// How many of `wanted` items of `size` bytes each to allocate before the first is read from a
-/// stream that is not known to hold them. `size` is not 0.
+/// How many of `wanted` items of `size` bytes each to allocate before the first is read. `size`
+/// is not 0.
 [[nodiscard]] inline uint32_t xdr_first_piece(uint32_t wanted, uint32_t size) {
   constexpr uint32_t kTrustedBytes = 65536;
   return std::min(wanted, std::max(kTrustedBytes / size, 1U));
