@@ -50,8 +50,8 @@
                                      uint32_t send_size, uint32_t receive_size);
 
 /// __brix_clnt_create with the authentication methods that are `allowed` (a mask,
-/// kAuthMethods in clnt.h): those of them that the client allows too become the
-/// client's, and it starts with the default among them.
+/// kAuthMethods in clnt.h): over a connection, those that the transport allows too become
+/// the client's. It starts with the flavour none, whatever the mask.
 [[nodiscard]] CLIENT* clnt_create_with_auth(const char* host, unsigned long program,
                                             unsigned long version, const char* transport,
                                             uint32_t allowed);

@@ -36,9 +36,8 @@ constexpr int32_t kAsnMaxBuildLength = 65535;  // largest length that is written
   return 1 + asn_length_size(length);
 }
 
-/// Content bytes of the low 32 bits of `value` in the shortest two's-complement
-/// form, 1 to 4: those that it reaches into once its sign is folded away, with one
-/// bit left for the sign.
+/// How many content bytes, 1 to 4, the low 32 bits of `value` take in the shortest
+/// two's-complement form.
 [[nodiscard]] constexpr int32_t asn_int_size(long value) {
   auto number = static_cast<int32_t>(value);
   auto magnitude = static_cast<uint32_t>(number ^ (number >> 31));

@@ -85,9 +85,9 @@ int snmp_close(snmp_session* session);
 void snmp_read(const vx_fd_set* readable);
 
 /// Prepares a wait: adds every session's socket to `readable` and raises `*count` above it.
-/// With requests pending, stores the time to the first expiry in `*timeout` and clears
-/// `*block` when `*block` is 1 or that time is shorter than `*timeout`. Returns the number of
-/// open sessions.
+/// With requests pending, if `*block` is 1 or the first expiry comes before `*timeout`, stores
+/// the time to that expiry in `*timeout` and clears `*block`. Returns the number of open
+/// sessions.
 int snmp_select_info(int* count, vx_fd_set* readable, timeval* timeout, int* block);
 
 /// Repeats every request whose time is up, with its time-out doubled, or reports it to the

@@ -34,8 +34,9 @@ struct snmp_var {
   int32_t name_length;  ///< sub-identifiers in `name`
   uint8_t type;         ///< tag of the value
   /// Owned: one long for integers, the bytes of strings, the sub-identifiers of object
-  /// identifiers, null for NULL. A Counter, Gauge or TimeTicks above 2147483647 is negative
-  /// here when its sender left out the leading zero byte: a cast to uint32_t gives its number.
+  /// identifiers; null for NULL and, when received, for an empty string and an unknown type. A
+  /// Counter, Gauge or TimeTicks above 2147483647 is negative here when its sender left out the
+  /// leading zero byte: a cast to uint32_t gives its number.
   void* value;
   int32_t value_length;  ///< bytes at `value`
 };

@@ -13,6 +13,6 @@
 /// svc_time_reset. The caches of hosts expire by it.
 [[nodiscard]] int64_t svc_time();
 
-/// Ends the instant. Code that begins a new piece of work calls it: the server loop for each
+/// Makes svc_time read the clock anew. Code that begins new work calls it: the server loop for each
 /// request, a client that connects, a process that starts another.
 void svc_time_reset();

@@ -29,7 +29,7 @@ int32_t vx_mutex_unlock(vx_mutex* mutex);
 int32_t vx_mutex_destroy(vx_mutex* mutex);
 
 /// The mutex in `slot`, made and put there by the first call, however many threads
-/// race; null when it cannot be made, which a later call tries again.
+/// race; null when it cannot be made; a later call tries again.
 [[nodiscard]] vx_mutex* vx_mutex_made_once(std::atomic<vx_mutex*>* slot);
 
 /// vx_mutex_made_once for a mutex that the process cannot do without: when it cannot be made

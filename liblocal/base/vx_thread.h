@@ -27,8 +27,8 @@ int32_t vx_thread_destroy(vx_thread* thread);
 /// when one is null).
 [[nodiscard]] int32_t vx_thread_equal(const vx_thread* a, const vx_thread* b);
 
-/// Never waits: gives 18 (EDEADLK) for the calling thread and 31 (EINVAL) for any other, which
-/// whoever started it joins. `result` is not used.
+/// Never waits: gives 18 (EDEADLK) for the calling thread and 31 (EINVAL) for any other: its
+/// creator joins it. `result` is not used.
 int32_t vx_thread_join(const vx_thread* thread, void** result);
 
 /// Sleeps `milliseconds`. A signal ends the sleep with 30 (EINTR).

@@ -19,8 +19,8 @@ constexpr int32_t kCommandMessageSet = 41;  ///< The command and the SNMP engine
 
 /// The text of message `number` of `set`: the catalog's, or `default_text`
 /// itself when no catalog is open or it holds no such message. Until _vxinit has
-/// ended, only set 17 and number 264 are looked up. Keeps `errno`. The caller must not
-/// free or change the result. Thread safe.
+/// ended, only set 17, or number 264 of any set, is looked up. Keeps `errno`. The caller
+/// must not free or change the result. Thread safe.
 [[nodiscard, gnu::format_arg(4)]] const char* vxcatgets(int64_t catalog, int32_t set,
                                                         int32_t number, const char* default_text);
 

@@ -22,8 +22,8 @@ const char* init_locales(const char* name, const char* locale);
 /// the texts of this system are in one language.
 [[nodiscard]] const char* get_lang_subdir();
 
-/// The neutral locale ("C") and the user's locale; null before init_locales. The texts
-/// last until its next call.
+/// The name "C", from both, whatever the environment says; null before init_locales. The
+/// texts last until its next call.
 [[nodiscard]] const char* get_rap_locale();
 [[nodiscard]] const char* get_user_locale();
 

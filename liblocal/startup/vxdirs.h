@@ -25,8 +25,8 @@ const char* vx_find_installdir(const char* argv0);
 /// The installation directory; null while it is not known.
 [[nodiscard]] const char* vx_get_installdir();
 
-/// The application directory. The first call names the application; with null there is
-/// none. The getters below count as such a call.
+/// The application directory. Only the first call's `name` counts; after a first call with
+/// null, or of a getter below but vx_get_bindir, there is none.
 const char* find_appdir(const char* name);
 
 /// "bin" in the installation directory.

@@ -4,10 +4,10 @@
 //
 // Text that was read is not lost to a signal. A wait that a signal interrupts goes on, except
 // on a marked stream before the first byte of a line: then the reader returns null with EINTR
-// in `errno`. On a descriptor that does not wait, a reader gets the characters that are there;
+// in `errno`. On a non-blocking descriptor a reader gets the characters that are there;
 // without any, EAGAIN is in `errno`.
 //
-// Thread safety: as the platform's streams; a call keeps the stream to its thread.
+// Thread safety: as the platform's streams; each call locks the stream.
 #pragma once
 
 #include <cstdio>

@@ -1,5 +1,5 @@
-// Text between UTF-8, which everything inside uses, and the codeset of the process's
-// locale, in which the platform speaks.
+// Text between UTF-8, which the library uses inside, and the codeset of the process's
+// locale, which the platform uses.
 //
 // Where the locale's codeset is UTF-8 too, text passes as it is. Texts are
 // NUL-terminated unless a length is asked for. Every operation keeps `errno`.
@@ -16,16 +16,16 @@
 /// Converts `input` from the locale's codeset to UTF-8 into `output` of `size` bytes.
 /// Each byte that is not valid in the codeset becomes '?'. The text is always terminated,
 /// and cut before a character that does not fit. A null or empty input gives an empty
-/// text. Returns the number of bytes written without the NUL. When the next character
-/// would have filled the byte of the NUL, too, and `size` is at least 2, the result is `size`.
+/// text. Returns the number of bytes written without the NUL; but `size`, if at least 2, when
+/// only the NUL left no room for the next character and the codeset is not UTF-8.
 size_t utf8_mbs(char* output, const char* input, size_t size);
 
 /// Converts `input` from UTF-8 to the locale's codeset into `output` of `size` bytes,
-/// terminates and cuts as utf8_mbs, and returns the same, where a character of one byte
-/// never fills the byte of the NUL. A transparent byte (see mbt.h) becomes the byte that it
-/// represents; bytes that are not UTF-8 are copied; each character that the codeset lacks
-/// becomes '?'. A broken transparent byte, 0xEF 0xA2 or 0xEF 0xA3 without its third byte,
-/// ends the text, and 0 is returned.
+/// terminates and cuts as utf8_mbs. Returns the same, but `size` in any codeset, when only the
+/// NUL left no room for a next character of two bytes or more. A transparent byte (see mbt.h)
+/// becomes the byte that it represents; bytes that are not UTF-8 are copied; each character
+/// that the codeset lacks becomes '?'. A broken transparent byte, 0xEF 0xA2 or 0xEF 0xA3
+/// without its third byte, ends the text, and 0 is returned.
 size_t ansi_mbs(char* output, const char* input, size_t size);
 
 /// ansi_mbs within 12288 bytes and then vx_mbstombts into `output` of `size` bytes.

@@ -30,8 +30,8 @@ struct auth_ops {
   bool (*validate)(AUTH* auth, const opaque_auth* verifier);
   /// Makes new credentials after a refusal; false when there are no others.
   bool (*refresh)(AUTH* auth);
-  /// Asked before a call of `client` is encoded, with whether a call was `confirmed`
-  /// by its server before: true asks for a refresh first.
+  /// Whether a refresh is needed before a call of `client` is encoded. `confirmed`: its
+  /// server has accepted a call before.
   bool (*needs_refresh)(AUTH* auth, bool confirmed, CLIENT* client);
   /// Frees the handle and all that it owns.
   void (*destroy)(AUTH* auth);

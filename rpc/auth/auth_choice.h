@@ -12,6 +12,6 @@
 /// Replaces the authentication of `client`, which its server refused, by a weaker
 /// flavour that is allowed (CLGET_AUTH_METHODS; kAuthMethodsDefault when the
 /// transport does not answer), and destroys the old one. Returns whether a weaker
-/// one was installed: false leaves a flavour alone that has no weaker one, and the
-/// client without authentication when none is allowed.
+/// one was installed. If not, a flavour that has no weaker one is kept; when no weaker one
+/// is allowed, the client has no authentication.
 bool authfallback(CLIENT* client);

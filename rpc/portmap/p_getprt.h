@@ -1,9 +1,8 @@
-// The port mapper's side of a client: on which port a program is served. pmap.h has the
-// protocol, pmap_cache.h what is known without asking. This header asks a host's port
-// mappers for the port of a program ("get port"; RFC 1833, section 3): first the runtime's
-// own one on port 7938, then the standard one on port 111. For a program over UDP each gets
-// one datagram, and a silent one costs 25 s. Over TCP connecting takes as long as the system
-// tries, and each reading of the answer at most 25 s.
+// Asks a host's port mappers on which port a program is served ("get port"; RFC 1833,
+// section 3). pmap.h has the protocol, pmap_cache.h what is known without asking. Two are
+// asked: first the runtime's own one on port 7938, then the standard one on port 111. For a
+// program over UDP each gets one datagram, and a silent one costs 25 s. Over TCP connecting
+// takes as long as the system tries, and each reading of the answer at most 25 s.
 #pragma once
 
 #include <netinet/in.h>

@@ -4,12 +4,11 @@
 // within one reading: whatever arrives, also a part of a record or the reply to another
 // call, begins it anew, so that a server can keep a long call alive. A partial write begins
 // it anew, too. The call ends when the limit is reached; the last wait step is cut short.
-// The time of a call is its wait step as well, so a wait function with shorter steps needs
-// CLSET_TIMEOUT.
+// Without CLSET_TIMEOUT the time of a call also replaces the step of its wait function.
 //
 // A call with time zero and no results filter (null) is one-way: it returns RPC_SUCCESS
-// once its record is in the stream, and leaves with the next call that is not (or
-// when the buffer is full); what is left when the client is destroyed is not sent. A call
+// once its record is buffered. The buffer is sent with the next call that is not one-way,
+// or when it is nearly full; destroying the client drops what is left. A call
 // with time zero and a results filter is sent and ends with RPC_TIMEDOUT. Where the limit is
 // zero, sending waits for room as long as the peer needs, and leaves no record half sent.
 // Replies to other calls are dropped. A refused call is repeated when the authentication
@@ -64,9 +63,9 @@ enum rpc_wait_state : int32_t {
 /// ports.
 ///
 /// The sizes are those of the buffers (rpc_buffer_size); messages may be larger.
-/// Control requests, beside those of the UDP transport without a retry interval:
-/// CLSET_TIMEOUT with null for no limit, and all from CLGET_RECEIVE_SIZE to
-/// CLSET_WAIT_STATE (clnt.h). Those that take or store a value are false for null.
+/// Control requests: those of the UDP transport but for the retry interval, and all from
+/// CLGET_RECEIVE_SIZE to CLSET_WAIT_STATE (clnt.h). Null for CLSET_TIMEOUT means no limit, for
+/// CLSET_WAIT_FUNCTION no function. Other requests that need a pointer are false for null.
 ///
 /// Returns null with the thread's creation error set (rpcvarp.h): RPC_SYSTEMERROR with
 /// ENOMEM, EMFILE for a descriptor above 65535, or what socket, bind or connect failed

@@ -39,8 +39,8 @@ CLIENT* rpc_complete_client(ClientRecord* record, const clnt_ops* ops);
 /// Sets `errno` and the creation error to ENOMEM. Returns null.
 CLIENT* rpc_out_of_memory();
 
-/// Has the port of the program in `*server`: asks the port mapper for a port of the IP
-/// protocol `protocol` when there is none yet. False with the creation error set.
+/// Fills in the port of `*server` if it is 0: asks the port mapper for the program's port
+/// of the IP protocol `protocol`. False with the creation error set.
 [[nodiscard]] bool rpc_find_port(sockaddr_in* server, unsigned long program, unsigned long version,
                                  unsigned long protocol);
 
@@ -67,12 +67,12 @@ clnt_stat rpc_finish(ClientRecord* record, clnt_stat status, int32_t detail = 0)
 [[nodiscard]] bool rpc_has_auth(CLIENT* client);
 
 /// Makes what `reply` says the error of the client's record. True when the server accepted
-/// the call; its verifier is then checked, too.
+/// the call; a verifier that is not valid then makes the error RPC_AUTHERROR.
 [[nodiscard]] bool rpc_is_accepted(CLIENT* client, const rpc_reply_message& reply);
 
-/// Whether the call of `client` that was refused is worth repeating: because the
-/// authentication fell back to a weaker flavour, which only one that no server has
-/// confirmed may do, or because it made new credentials, at most `*refreshes` times more.
+/// Prepares to repeat the refused call of `client`: falls back to a weaker authentication
+/// flavour, unless a call was accepted before, or makes new credentials, at most `*refreshes`
+/// times more. False when neither succeeds.
 [[nodiscard]] bool rpc_try_again(CLIENT* client, int32_t* refreshes);
 
 /// The operation abort of both transports: does nothing.

@@ -5,9 +5,9 @@
 // has passed without a reply, for as long as the intervals waited add up to less than
 // the time limit. There is no back-off. With an interval of 5 s and a limit of 25 s it
 // is sent at 0, 5, 10, 15 and 20 s and given up at 25 s (RPC_TIMEDOUT). A limit of
-// zero sends once and does not wait. The limit is the one set with CLSET_TIMEOUT, else
-// the one given with the call. A wait that a signal interrupts, or that ends with a
-// datagram which is not the reply, begins again in full. No clock is read.
+// zero sends once and ends with RPC_TIMEDOUT at once. The limit is the one set with
+// CLSET_TIMEOUT, else the one given with the call. A wait that a signal interrupts, or that
+// ends with a datagram which is not the reply, begins again in full. No clock is read.
 //
 // A refused call is repeated when the authentication falls back or refreshes. The
 // socket is never connected: a port on the server that nobody listens on is no error,

@@ -3,9 +3,9 @@
 // bit marks the last fragment of a record and whose other bits are its length.
 //
 // Sending fills a buffer; a fragment is sent when the buffer is full or the record
-// ends. Receiving reads a fragment at a time and never beyond the record's end: what
-// follows it is reached with __brix_xdrrec_skiprecord. A stream is made at the end of
-// an empty record, so that comes first on the receiving side.
+// ends. Reading fails at the record's end, whatever is buffered behind it, until
+// __brix_xdrrec_skiprecord moves to the next record. A new stream is at the end of an
+// empty record, so receiving begins with that call.
 //
 // get_position and set_position count within the buffered part of the current
 // fragment, and move within it only; get_inline gives 4-byte aligned memory that lies

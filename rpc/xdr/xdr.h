@@ -15,10 +15,10 @@
 // may leave allocated memory in the object: release it with __brix_xdr_free and the same
 // filter.
 //
-// Memory held for a peer never exceeds what the peer has sent by more than a factor, but for
-// array elements that take nothing on the wire, which the caller's maximum bounds. Counted
-// bytes that the stream cannot hold fail before anything is allocated. Where the stream
-// cannot tell what it holds, and for arrays, memory grows with what has arrived.
+// Memory grows with what a peer sends, not with what it declares. Counted bytes that the
+// stream cannot hold fail before anything is allocated. Where the stream cannot tell what it
+// holds, and for arrays, decoding allocates at most 65536 bytes, or one element, and doubles
+// that as data arrives. The caller's maximum bounds elements that take nothing on the wire.
 //
 // Thread safety: a stream is used by one thread at a time; nothing else is shared.
 #pragma once
@@ -37,8 +37,8 @@ constexpr uint32_t kXdrMaxBytes = 0xFFFFFFFB;        ///< longest counted bytes 
 constexpr uint32_t kXdrControlBytesAvailable = 6;    ///< the one request that streams know
 constexpr uint32_t kXdrDigestSize = 20;              ///< bytes of a digest or identifier
 
-/// What a kind of stream provides, in slot order. An operation that fails for lack
-/// of room or data leaves the stream as it was.
+/// What a kind of stream provides, in slot order. On a stream over memory, an operation that
+/// fails for lack of room or data changes nothing.
 struct xdr_ops {
   /// Reads a signed or unsigned 32-bit value, as the kind of stream extends it.
   bool (*get_long)(XDR* xdrs, long* value);
