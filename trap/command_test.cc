@@ -84,7 +84,6 @@ TEST_F(CommandTest, CommandLines) {
        "[41.73] community = a b\ttrap = 3\tspecific=70000\n"},
       {{"-t", "abc", "-s", "-1", "-c", "", "manager"},
        trap_message("disk full", "public", "020100 0201FF")},
-      {{"-f", "/run/message", "manager"}, from_file},
       {{"-f", "/run", "manager"}, trap_message("")},  // a directory cannot be read
       {{"-f", "/no/such", "manager"}, "", "[41.25] file /no/such does not exist\n"},
       {{"-d", "-u", "1", "manager"}, sent, dump, "[41.26] Up time: 0\n"},

@@ -68,6 +68,7 @@ TEST(VxError, TheLastErrorKeepsItsKind) {
   } rows[] = {{0, 1, 0, "Success"},
               {5, 0, 1, "Input/output error"},
               {HOST_NOT_FOUND, 2, 25, "Unknown host"},
+              {NO_RECOVERY, 2, 45, "Unknown server error"},
               {NO_DATA, 2, 47, "No address associated with name"},
               {0, 2, 0, "Resolver Error 0 (no error)"},
               {5, 4, 2, "Unknown error"}};

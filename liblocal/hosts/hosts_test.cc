@@ -171,6 +171,7 @@ TEST_F(NameTest, ThoseOfAClientBelongTogether) {
   EXPECT_EQ(client_list_add_client("web", aliases), 1);
   EXPECT_EQ(sameclient("WWW", "web"), 1);
   EXPECT_EQ(sameclient("no", "mail"), 0);
+  EXPECT_EQ(sameclient(nullptr, "web"), 0);
   EXPECT_EQ(owned(get_primaryclientname("www")), "web");
   client_list_remove_byname("www");
   EXPECT_EQ(get_primaryclientname("web"), nullptr);

@@ -125,7 +125,7 @@ TEST(Mbt, NullsAndAreasThatAreTooSmall) {
 TEST(Mbt, OtherBytesAreNotRestored) {
   char output[16];
   // The last one is broken, and so decides.
-  for (const char* text : {"\xEF\xA1\x80", "\xEF\xA2", "\xEF\xA2z\xEF\xA2\x80"}) {
+  for (const char* text : {"\x80", "\xEF\xA1\x80", "\xEF\xA2", "\xEF\xA2z\xEF\xA2\x80"}) {
     EXPECT_EQ(containsMBT(text), 0);
     EXPECT_EQ(vx_mbtstombs(output, text, sizeof output), 0);
   }

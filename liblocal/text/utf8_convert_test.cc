@@ -65,6 +65,7 @@ TEST(Utf8Convert, CutsToTheArea) {
       {"", utf8_mbs, "a\xE9", 3, 3, "a"},
       {"", utf8_mbs, "a", 0, 0, "!"},
       {"", ansi_mbs, "abcd", 4, 3, "abc"},
+      {"", ansi_mbs, "é", 9, 1, "\xE9"},
       {"", ansi_mbs, "ab\xEF\xA3\xA9", 3, 2, "ab"},
       {"", ansi_mbs, "ab\xEF\xA2z", 8, 0, "ab"},
       {"EUC-JISX0213", utf8_mbs, "ab\xFF\xC6z", 4, 3, "ab?"},  // one byte is left after a '?'
