@@ -25,8 +25,8 @@ const char* vx_find_installdir(const char* argv0);
 /// The installation directory; null while it is not known.
 [[nodiscard]] const char* vx_get_installdir();
 
-/// The application directory. Only the first call's `name` counts; after a first call with
-/// null, or of a getter below but vx_get_bindir, there is none.
+/// The application directory. Only the first call's `name` counts; with null there is none.
+/// The getters below, but for vx_get_bindir, count as a call with null.
 const char* find_appdir(const char* name);
 
 /// "bin" in the installation directory.
