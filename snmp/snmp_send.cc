@@ -116,7 +116,7 @@ int32_t snmp_send(snmp_session* session, snmp_pdu* pdu) {
       return 0;
     }
   }
-  timeval sent_at = snmp_now();
+  timeval sent_at = request != nullptr ? snmp_now() : timeval{};
   if (!snmp_send_packet(entry->state->socket, pdu, packet, length)) return 0;
   if (request != nullptr) {
     request->request_id = pdu->request_id;
