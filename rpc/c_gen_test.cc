@@ -78,9 +78,10 @@ TEST_F(CreateTest, WhatCannotBeMade) {
 TEST_F(CreateTest, FailsWithTheMapper) {
   fakes::refuse(fakes::waits, EIO, 2);
   EXPECT_EQ(__brix_clnt_create("", 5, 6, "udp"), nullptr);
-  const rpc_createerr& error = *__get_rpc_createerr();
-  EXPECT_EQ(error.status, RPC_PMAPFAILURE);
-  EXPECT_EQ(error.cause.error_number, EIO);
+  EXPECT_EQ(__get_rpc_createerr()->cause.error_number, EIO);
+  EXPECT_STREQ(__brix_clnt_spcreateerror(nullptr),
+               "Port mapper failure - RPC receive operation failed.  A network connection could not "
+               "be established with the host.\n");
 }
 
 }  // namespace

@@ -47,6 +47,18 @@ TEST(VxPrimitives, FailWithoutMemory) {
   for (vx_mutex* mutex : mutexes) vx_mutex_destroy(mutex);
 }
 
+TEST(VxPrimitives, NeedAnObject) {
+  const std::function<bool()> uses[] = {
+      [] { return vx_thread_id(nullptr) == 0; },
+      [] { return vx_thread_equal(vx_thread_self(), nullptr) == 0; },
+      [] { return vx_threadstorage_get(nullptr) == nullptr; }};
+  for (const auto& use : uses) {
+    vx_error_set_last(0, 1);
+    EXPECT_TRUE(use());
+    EXPECT_EQ(vx_error_get_last(), 31);
+  }
+}
+
 TEST(VxError, CodesComeBack) {
   std::string before;
   for (int code = -1; code < 86; ++code) {
@@ -68,6 +80,7 @@ TEST(VxError, TheLastErrorKeepsItsKind) {
   } rows[] = {{0, 1, 0, "Success"},
               {5, 0, 1, "Input/output error"},
               {HOST_NOT_FOUND, 2, 25, "Unknown host"},
+              {TRY_AGAIN, 2, 8, "Host name lookup failure"},
               {NO_RECOVERY, 2, 45, "Unknown server error"},
               {NO_DATA, 2, 47, "No address associated with name"},
               {0, 2, 0, "Resolver Error 0 (no error)"},
@@ -138,6 +151,8 @@ TEST(VxThread, IdentitiesDiffer) {
   EXPECT_EQ(vx_thread_id(own) >> 32, static_cast<uint64_t>(getpid()));
   EXPECT_EQ(vx_thread_join(own, nullptr), 18);
   EXPECT_EQ(vx_thread_yield(), 0);
+  EXPECT_EQ(vx_thr_init(), 1);
+  EXPECT_EQ(vx_thr_initd(), 1);
   in_threads(1, [own](int) {
     EXPECT_EQ(vx_thread_equal(vx_thread_self(), own), 0);
     EXPECT_EQ(vx_thread_join(own, nullptr), 31);
@@ -163,6 +178,8 @@ TEST(VxReference, TheLastOneDestroys) {
   EXPECT_EQ(vx_unreference(&probe), 0);
   EXPECT_EQ(vx_unreference(&probe), 101) << "the destroy function's result";
   EXPECT_EQ(next.take_slot(), probe.header.slot);
+  EXPECT_EQ(_vx_unreference_from_destructor(&probe), -1);
+  EXPECT_EQ(vx_error_get_last(), 49);
   vx_unreference(&next);
 }
 

@@ -170,6 +170,7 @@ TEST_F(NameTest, ThoseOfAClientBelongTogether) {
   const char* aliases[] = {"www", nullptr};
   EXPECT_EQ(client_list_add_client("web", aliases), 1);
   EXPECT_EQ(sameclient("WWW", "web"), 1);
+  EXPECT_EQ(sameclient("no", "NO"), 1);
   EXPECT_EQ(sameclient("no", "mail"), 0);
   EXPECT_EQ(sameclient(nullptr, "web"), 0);
   EXPECT_EQ(owned(get_primaryclientname("www")), "web");
@@ -261,6 +262,17 @@ TEST(OwnAddresses, RememberTheLastMatch) {
   EXPECT_EQ(is_mine("10.7.0.1"), 1);
   EXPECT_EQ(is_mine("10.7.0.2"), 1);
   EXPECT_EQ(is_mine("10.7.0.1"), 0);
+  interfaces = nullptr;
+}
+
+TEST(OwnAddresses, OfAnotherFamilyAreComparedAsBytes) {
+  const std::vector<Interface> there = {{1, "10.7.0.1", AF_INET6}};
+  interfaces = &there;
+  const char bytes[] = "\0\0\x0A\x07\0\1\0\0\0\0\0\0\0\x09";
+  for (auto [length, mine] : {std::pair{14, 1}, {15, 0}, {0, 1}, {-1, 0}}) {
+    EXPECT_EQ(is_myaddr(AF_INET6, bytes, length), mine) << length;
+  }
+  EXPECT_EQ(is_myaddr(AF_INET6, bytes + 1, 2), 0);
   interfaces = nullptr;
 }
 

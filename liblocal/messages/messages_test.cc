@@ -117,6 +117,8 @@ void expect_prefix(const std::string& wanted) {
 }
 
 TEST(Print, StampsTheTime) {
+  EXPECT_STREQ(log_entry_time(0x7FFFFFFF, nullptr), "forever");
+  EXPECT_STREQ(log_entry_time(INT64_MAX, nullptr), "no-time");
   in_locale("", [] {
     expect_prefix("(pid " + std::to_string(getpid()) + "): ");
     vx_set_progname(std::string(70, 'N').c_str());
@@ -290,6 +292,7 @@ TEST(ErrCopies, OwnTheirTexts) {
     EXPECT_EQ(err_move_to_varp(&copy), nullptr);
     expect_record(err_restore(err_save(&given)), 35012, given.text);
     EXPECT_EQ(err_dup(nullptr), nullptr);
+    EXPECT_EQ(err_dup2(nullptr, &copy), 0);
   };
   EXPECT_EQ(fakes::pieces_left_by(copy_and_free), 0);
 }
@@ -326,7 +329,9 @@ TEST(ErrAccrue, DropsWhatDoesNotFit) {
   EXPECT_EQ(printed(8, accrue), "");
   EXPECT_EQ(printed(9, accrue), "kivtrap: Dropping error string " + over + "\n");
   err_accrue(over.c_str() + 1);
-  EXPECT_EQ(strlen(blow_err(0)->text), 18000 + over.size() - 1 + strlen("->()"));
+  EXPECT_EQ(strlen(blow_err(1)->text), 18000 + over.size() - 1 + strlen("->()"));
+  const fakes::FailingMalloc none(0);
+  EXPECT_EQ(printed(0, [] { EXPECT_EQ(err_accrue("lost"), 0); }), "Malloc failed.\n");
 }
 
 }  // namespace

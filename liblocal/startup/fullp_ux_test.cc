@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "tests/fakes.h"
 #include "tests/locales.h"
 #include "tests/work.h"
 
@@ -76,6 +77,9 @@ TEST_F(Fullpath, FollowsLinks) {
   for (const auto& [path, full] : names) EXPECT_EQ(resolved(path, kFollow), full);
   EXPECT_EQ(resolved("link_file", kFollow, kPathSize, 3),
             "/dir/filekivtrap: fullpath follow_path returns `dir/file'\n");
+  const fakes::FailingMalloc failing(1, 1);
+  EXPECT_EQ(resolved("link_file", kFollow),
+            "ENOMEM: kivtrap: fullpath could not readlink on link_file: Cannot allocate memory\n");
 }
 
 TEST_F(Fullpath, EndsDirectoriesWithASlash) {

@@ -103,12 +103,13 @@ class VxinitOnItsMachine : public MachineTest {
   void SetUp() override {
     MachineTest::SetUp();
     if (IsSkipped()) return;
-    fs::create_directories("/start/bin");
-    machine::write_file("/start/bin/program", "");
+    for (const std::string directory : {"/start/bin", "/st\xEDrt/bin"}) {
+      fs::create_directories(directory);
+      machine::write_file(directory + "/program", "");
+    }
   }
-  static void start(const char* application) {
-    char program[] = "/start/bin/program";
-    char* argv[] = {program};
+  static void start(const char* application, std::string program = "/start/bin/program") {
+    char* argv[] = {program.data()};
     _vxinit(application, 1, argv);
   }
 };
@@ -135,13 +136,14 @@ TEST_F(VxinitOnItsMachine, FindsDirectories) {
     const char *application, *directory, *debug_command_file;
   };
   const Row rows[] = {{"kiv", "/kiv", "/kiv/tmp/vxdbg.tmp"},
-                      {"qmo", "/start", "/start/bin/vxdbg.tmp"},
-                      {"tarn", "/start", "/start/tmp/vxdbg.tmp"},
+                      {"qmo", "/stírt", "/stírt/bin/vxdbg.tmp"},
+                      {"tarn", "/stírt", "/stírt/tmp/vxdbg.tmp"},
                       {nullptr, nullptr, "null/vxdbg.tmp"}};
   for (const Row& row : rows) {
     in_locale("", [&row] {
-      start(row.application);
-      EXPECT_STREQ(vx_get_bindir(), "/start/bin");
+      setenv("LC_ALL", "C", 1);
+      start(row.application, "/st\xEDrt/bin/program");
+      EXPECT_STREQ(vx_get_bindir(), "/stírt/bin");
       EXPECT_STREQ(find_appdir("other"), row.directory);
       EXPECT_STREQ(Dbgcmdpath, row.debug_command_file);
     });

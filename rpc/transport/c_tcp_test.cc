@@ -272,7 +272,7 @@ TEST_F(TcpTest, TheEnvironmentLetsTheSocketBlock) {
     setenv(variable, value, 1);
     serve(always(kAnswer));
     auto write_if_blocking = [this](const char* situation) {
-      if (call() != kSuccess) fputs("failed ", stderr);
+      EXPECT_EQ(call(), kSuccess);
       if (blocks()) fputs(situation, stderr);
     };
     write_if_blocking("limited ");

@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include "rpc/xdr/io_switches.h"
+#include "tests/locales.h"
 #include "tests/rpc_server.h"
 #include "tests/work.h"
 #include "tests/xdr_streams.h"
@@ -195,6 +197,20 @@ TEST_F(RecordTest, BreaksWhenARecordIsNoWholeUnits) {
   EXPECT_EQ(printed(1, [this] { EXPECT_FALSE(skip()); }),
             "kivtrap: xdrrec_skiprecord unaligned input pointer\n");
   EXPECT_TRUE(xdrrec_is_broken(&xdrs_));
+}
+
+TEST(IoSwitches, AreOffByFilesOfADirectory) {
+  in_locale("", [] {
+    const TemporaryDirectory place;
+    setenv("KIV_DEBUG_DIR", place.path().c_str(), 1);
+    for (const char* name : {"/nowritev", "/nodelayeor"}) {
+      machine::write_file(place.path() + name, "");
+    }
+    const auto& [gathers, scatters, delays_ends] = rpc_get_io_switches();
+    EXPECT_FALSE(gathers);
+    EXPECT_TRUE(scatters);
+    EXPECT_FALSE(delays_ends);
+  });
 }
 
 }  // namespace

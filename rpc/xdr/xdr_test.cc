@@ -185,9 +185,12 @@ TEST(XdrStreams, ThatCountGiveNothing) {
   const xdr_ops& ops = *counting.ops;
   int32_t unit = 0;
   EXPECT_FALSE(ops.get_int32(&counting, &unit));
+  EXPECT_FALSE(ops.get_bytes(&counting, &unit, 0));
+  EXPECT_FALSE(ops.set_position(&counting, 0));
   EXPECT_EQ(ops.get_remaining(&counting), 0);
   EXPECT_TRUE(ops.control(&counting, 6, nullptr));
   EXPECT_FALSE(ops.control(&counting, 5, nullptr));
+  EXPECT_EQ(__brix_xdr_sizeof([](XDR*, void*) { return false; }, nullptr), 0U);
 }
 
 TEST(XdrStreams, HaveThreeOperations) {
