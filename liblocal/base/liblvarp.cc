@@ -1,6 +1,5 @@
 #include "liblocal/base/liblvarp.h"
 
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -29,7 +28,7 @@ VARP_DEFINE_THREAD_BLOCK(liblocal)
 VARP_DEFINE_PROCESS_BLOCK(liblocal)
 
 liblocal_t_varp* liblocal_t_init() {
-  return static_cast<liblocal_t_varp*>(_varp_map(sizeof(liblocal_t_varp)));
+  return static_cast<liblocal_t_varp*>(_varp_allocate(sizeof(liblocal_t_varp)));
 }
 
 void liblocal_t_clean(void* memory) {
@@ -40,7 +39,7 @@ void liblocal_t_clean(void* memory) {
   free(block->utf8_encoded.text);
   free(block->utf8_decoded.text);
   free(block->utf8_path.text);
-  munmap(block, sizeof *block);
+  free(block);
 }
 
 void liblocal_p_init() {

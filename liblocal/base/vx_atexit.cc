@@ -25,10 +25,12 @@ struct ExitRecord {
 pthread_mutex_t list_mutex = PTHREAD_MUTEX_INITIALIZER;
 ExitRecord* first_record = nullptr;  // newest first; guarded by list_mutex
 
-// Made once by set_up and kept to the end of the process.
-vx_once_control set_up_once;
-vx_atomic* enabled = nullptr;  // 1: the functions run at process exit
-vx_mutex* progname_mutex = nullptr;
+// What is made once and kept to the end of the process.
+struct Kept {
+  vx_atomic* enabled;  // 1: the functions run at process exit
+  vx_mutex* progname_mutex;
+};
+Kept made;
 
 // Takes a record out of the list and returns its function. REQUIRES: list_mutex is held.
 ExitFunction take(ExitRecord** link) {
@@ -43,7 +45,7 @@ ExitFunction take_first() {
 }
 
 void run_functions() {
-  if (vx_atomic_exchange_add(enabled, 0) != 1) return;
+  if (vx_atomic_exchange_add(made.enabled, 0) != 1) return;
   while (ExitFunction function = take_first()) function();
 }
 
@@ -57,18 +59,24 @@ void end_process_without(const char* what) {
 void set_up() {
   // Registers its clean-up first, so that it runs last: the functions may still record errors.
   _vx_orvane_get();
-  enabled = vx_atomic_new(1);
-  if (enabled == nullptr) end_process_without("internal atexit list");
-  progname_mutex = vx_mutex_new();
-  if (progname_mutex == nullptr) end_process_without("progname mutex");
+  made.enabled = vx_atomic_new(1);
+  if (made.enabled == nullptr) end_process_without("internal atexit list");
+  made.progname_mutex = vx_mutex_new();
+  if (made.progname_mutex == nullptr) end_process_without("progname mutex");
   atexit(run_functions);
+}
+
+const Kept& kept() {
+  static vx_once_control once;
+  vx_once(&once, set_up);
+  return made;
 }
 
 }  // namespace
 
 int32_t vx_atexit(void (*function)()) {
   if (function == nullptr) return _vx_error_null_argument();
-  vx_once(&set_up_once, set_up);
+  (void)kept();
   auto* added = c_new<ExitRecord>();
   if (added == nullptr) return _vx_error_fail(ENOMEM);
   SystemLock lock(&list_mutex);
@@ -87,17 +95,8 @@ int32_t vx_unatexit(void (*function)()) {
   return 0;
 }
 
-void vx_atexit_enable() {
-  vx_once(&set_up_once, set_up);
-  vx_atomic_exchange_compare(enabled, 1, 0);
-}
+void vx_atexit_enable() { vx_atomic_exchange_compare(kept().enabled, 1, 0); }
 
-void vx_atexit_disable() {
-  vx_once(&set_up_once, set_up);
-  vx_atomic_exchange_compare(enabled, 0, 1);
-}
+void vx_atexit_disable() { vx_atomic_exchange_compare(kept().enabled, 0, 1); }
 
-vx_mutex* _vx_progname_mutex() {
-  vx_once(&set_up_once, set_up);
-  return progname_mutex;
-}
+vx_mutex* _vx_progname_mutex() { return kept().progname_mutex; }
