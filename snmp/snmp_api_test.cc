@@ -152,18 +152,11 @@ TEST_F(SessionTest, ClosesOnce) {
   EXPECT_EQ(snmp_errno, -4);
 }
 
-TEST_F(SessionTest, FailsToOpen) {
-  auto expect_failure = [this](int code, const char* report) {
-    EXPECT_EQ(printed(0, [this] { EXPECT_EQ(open(), nullptr); }), report);
-    EXPECT_EQ(snmp_errno, code);
-    EXPECT_EQ(Sessions, nullptr);
-  };
+TEST_F(SessionTest, FailsToOpenAPortInUse) {
   wanted.local_port = agent.port();
-  expect_failure(-2, "bind: Address already in use\n");
-  wanted.peer_name = const_cast<char*>("no-such-host");
-  fakes::resolver_is_down = true;
-  expect_failure(-3, "[41.23] unknown host: no-such-host\n");
-  fakes::resolver_is_down = false;
+  EXPECT_EQ(printed(0, [this] { EXPECT_EQ(open(), nullptr); }), "bind: Address already in use\n");
+  EXPECT_EQ(snmp_errno, -2);
+  EXPECT_EQ(Sessions, nullptr);
 }
 
 TEST_F(SessionTest, SendsWithWhatWasMissing) {

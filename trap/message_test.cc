@@ -4,10 +4,7 @@
 
 #include <algorithm>
 
-#include "liblocal/text/utf8.h"
-#include "snmp/snmp_api.h"
 #include "tests/fakes.h"
-#include "tests/locales.h"
 #include "tests/machine.h"
 #include "trap/delivery.h"
 
@@ -31,38 +28,6 @@ TEST(WrapLine, BreaksAtWhiteSpace) {
     wrap_line(line.c_str(), result);
     EXPECT_EQ(result, wrapped);
   }
-}
-
-// Reads the next of several texts; a null one interrupts the call, as a signal does. Also behind
-// other reads errno is the one of a signal.
-ssize_t read_next(void* texts, char* buffer, size_t /*size*/) {
-  const char* text = *(*static_cast<const char***>(texts))++;
-  errno = EINTR;
-  return text != nullptr ? stpcpy(buffer, text) - buffer : -1;
-}
-
-TEST(ReadMessage, AnInterruptedReadLosesNoText) {
-  const char* texts[] = {nullptr, "disk ", nullptr, "full\n", nullptr, "more\n", ""};
-  const char** next = texts;
-  FILE* source = fopencookie(&next, "r", {read_next, nullptr, nullptr, nullptr});
-  source->_fileno = 100;  // such a stream has no descriptor, which a mark needs
-  utf8_fp(source);
-  EXPECT_STREQ(read_message(source, false).get(), "disk full");
-}
-
-TEST(ParseCommandLine, SetsAndCountsFlags) {
-  auto parse = [](std::vector<std::string> words) {
-    std::vector<char*> argv(words.size());
-    std::transform(words.begin(), words.end(), argv.begin(),
-                   [](auto& word) { return word.data(); });
-    (void)parse_command_line(static_cast<int>(argv.size()), argv.data());
-  };
-  parse({"kivtrap", "-d", "-d", "-u", "x", "-v", "manager"});
-  EXPECT_EQ(snmp_dump_uptime, 1);
-  EXPECT_EQ(Verbose, 1);
-  parse({"kivtrap", "manager", "-d"});
-  EXPECT_EQ(snmp_dump_packet, 3);
-  snmp_dump_packet = snmp_dump_uptime = Verbose = 0;
 }
 
 TEST(DeliverTrap, FailsWithoutMemoryAndSendsNothing) {

@@ -169,6 +169,7 @@ TEST_F(NameTest, ManyThreadsMayAsk) {
 TEST_F(NameTest, ThoseOfAClientBelongTogether) {
   const char* aliases[] = {"www", nullptr};
   EXPECT_EQ(client_list_add_client("web", aliases), 1);
+  EXPECT_EQ(client_list_add_client(nullptr, aliases), 0);
   EXPECT_EQ(sameclient("WWW", "web"), 1);
   EXPECT_EQ(sameclient("no", "NO"), 1);
   EXPECT_EQ(sameclient("no", "mail"), 0);

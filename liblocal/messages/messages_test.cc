@@ -103,7 +103,9 @@ TEST(I18n3, JoinsAndRotates) {
 
 TEST(Print, PutsTheProgramsNameFirst) {
   for (const std::string& name : {"50%s%n"s, std::string(70, '%')}) {
-    vx_set_progname(name.c_str());
+    for (const char* each : {name.c_str(), "", static_cast<const char*>(nullptr)}) {
+      vx_set_progname(each);
+    }
     testing::internal::CaptureStdout();
     printinfo("x %d %3$s %2$s\n", 5, "a", "b");
     EXPECT_EQ(testing::internal::GetCapturedStdout(), name.substr(0, 63) + ": x 5 b a\n");
@@ -273,14 +275,6 @@ TEST(ErrPrint, AddsDetailsUnlessTheLevelIs0) {
   EXPECT_EQ(printed_record(1, {102001, "worn"}), "warning, worn (type 10, severity 2, number 1)\n");
   EXPECT_EQ(printed_record(1, {0, "nothing"}), "error, nothing\n");
   EXPECT_EQ(printed_record(1, {-10001, "chain"}), "error, chain (number -10001)\n");
-}
-
-TEST(ErrSetstr, FormatsAndCuts) {
-  const vx_error_record* record = err_setstr(3, 5012, "%s: %d", "host", 7);
-  expect_record(err_setstr(3, 5012, "on %s", record->text), 35012, "on host: 7");
-  EXPECT_EQ(err_setstr(3, 1, nullptr), nullptr);
-  const std::string text(18432, 'x');
-  EXPECT_EQ(err_setstr(3, 1, "%s", text.c_str())->text, text.substr(1));
 }
 
 TEST(ErrCopies, OwnTheirTexts) {

@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 
+#include "liblocal/base/c_memory.h"
 #include "liblocal/base/vx_error.h"
 #include "liblocal/text/utf8.h"
 #include "liblocal/text/utf8_files.h"
@@ -31,6 +32,7 @@ TEST(Utf8Files, PathsAreConverted) {
     EXPECT_EQ(utf8_mkdir("d€", 0700), 0);
     EXPECT_EQ(closedir(utf8_opendir("d€")), 0);
     EXPECT_EQ(utf8_chdir("d€"), 0);
+    EXPECT_NE(c_unique_ptr<char>(utf8_getcwd(nullptr, 4096)), nullptr);
     EXPECT_EQ(utf8_chdir(".."), 0);
     EXPECT_EQ(utf8_rmdir("d€"), 0);
     EXPECT_EQ(utf8_mknod("d€", S_IFREG | 0600, 0), 0);
@@ -101,6 +103,9 @@ TEST(Vxpath, TakesPathsApart) {
   EXPECT_EQ(vx_error_get_last(), vx_error_from_errno(EINVAL));
   char unchanged = '!';
   EXPECT_EQ(vx_path_dirname(nullptr, &unchanged, 1), -1);
+  EXPECT_EQ(path_concat(nullptr, nullptr), nullptr);
+  EXPECT_STREQ(c_unique_ptr<char>(path_concat(nullptr, "b")).get(), "./b");
+  EXPECT_STREQ(c_unique_ptr<char>(path_concat("a", nullptr)).get(), "a/");
 }
 
 }  // namespace

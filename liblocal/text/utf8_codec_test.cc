@@ -90,7 +90,10 @@ TEST(Utf8Wide, AreasHoldWholeCharacters) {
 TEST(Utf8Wide, WholeStringsAndNulls) {
   EXPECT_STREQ(c_unique_ptr<char>(wcs_to_utf8(L"\x7FFFFFFF")).get(), "\xFD\xBF\xBF\xBF\xBF\xBF");
   EXPECT_STREQ(c_unique_ptr<wchar_t>(utf8_to_wcs("ab")).get(), L"ab");
+  EXPECT_EQ(wcs_to_utf8(nullptr), nullptr);
+  EXPECT_EQ(utf8_to_wcs(nullptr), nullptr);
   wchar_t wide = L'!';
+  EXPECT_EQ(utf8_mbstowcs(nullptr, "a", 2), 0U);
   EXPECT_EQ(utf8_mbstowcs(&wide, "a", 0), 0U);
   EXPECT_EQ(wide, L'!');
 }
@@ -119,6 +122,8 @@ TEST(Mbt, NullsAndAreasThatAreTooSmall) {
   EXPECT_EQ(vx_mbstombts(output, "a\xE9", 4), 0);  // a transparent byte asks for four
   EXPECT_EQ(vx_mbstombts(nullptr, "a", 5), 0);
   EXPECT_EQ(vx_mbtstombs(nullptr, "a", 5), 0);
+  EXPECT_EQ(vx_mbtstombs(output, nullptr, 5), 0);
+  EXPECT_EQ(containsMBT(nullptr), 0);
   EXPECT_EQ(vx_mbtstombs(output, "ab", 2), 0);  // no room for the terminator
 }
 

@@ -51,6 +51,11 @@ TEST_F(BindTest, EveryPortOfTheRangesIsFound) {
             "kivtrap: Adding range 40000-40002 to \"reserved\" port type.\n");
   EXPECT_EQ(rpcport_add_range(50000, 50000, kPortReserved), 0);
   EXPECT_EQ(rpcport_add_range(0, 2, kPortReserved), -1);
+  for (int type : {-1, 3}) {
+    EXPECT_EQ(rpcport_add_range(1, 2, type), -1);
+    EXPECT_EQ(rpcport_count(type), 0);
+    EXPECT_EQ(bind_new(type), -EINVAL);
+  }
   EXPECT_EQ(rpcport_add_range(3, 2, kPortReserved), -1);
   EXPECT_EQ(rpcport_count(kPortReserved), 4);
   EXPECT_THAT(debug_lines(3, kPortReserved, &kElsewhere),

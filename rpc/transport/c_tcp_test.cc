@@ -73,7 +73,7 @@ TEST_F(TcpTest, WhatAnswersComeTo) {
   } rows[] = {{"8000001C", kAccepted + "0000", true, kReset},           // a part of results
               {"8000001C", kAccepted + "0000", false, kTimedOut},       // late results
               {"80000018", kAccepted, false, "Can't decode result\n"},  // none
-              {"7F7F7F7F", "", false, kReset},                          // too large a fragment
+              {"81000001", "", false, kReset},                          // above 16 MiB
               {"00000018", kAccepted + "7F7F7F7F", false, kReset},      // too large a second one
               // a reply behind another, one cut off, an empty fragment and no reply
               {"8000001C 00000000 00000001 00000000 00000002 00000004 61626364 00000000"
@@ -122,7 +122,10 @@ TEST_F(TcpTest, InputIsReadWhileACallIsWritten) {
     always(kAnswer)(peer);
   });
   control(CLSET_WATCH_INPUT, client_);
-  EXPECT_EQ(send_much(), kSuccess);
+  for (int passing : {EINTR, EAGAIN}) {
+    refuse(reads, passing);
+    EXPECT_EQ(send_much(), kSuccess);
+  }
 }
 
 TEST_F(TcpTest, ACallIsAnsweredAfterOneThatWasNot) {
@@ -224,6 +227,7 @@ TEST_F(TcpTest, WithoutALimitAWaitTakesADay) {
   control(CLSET_TIMEOUT, nullptr);
   EXPECT_TRUE(equal(get<rpc_wait>(CLGET_WAIT_FUNCTION).step, {86400, 0}));
   EXPECT_EQ(get<int32_t>(CLGET_WAIT_STATE), 2);
+  for (int32_t state : {-1, 0, 3}) EXPECT_EQ(control(CLSET_WAIT_STATE, &state), state == 0);
 }
 
 TEST_F(TcpTest, ConnectingGoesOnAfterASignal) {

@@ -148,7 +148,9 @@ TEST_P(TransportTest, FiltersThatFail) {
   auto only_free = [](XDR* xdrs, void*) { return xdrs->operation == xdr_op::kFree; };
   EXPECT_EQ(call(only_free, nullptr, nullptr, nullptr), "RPC cannot encode arguments\n");
   EXPECT_EQ(call(nullptr, nullptr, only_free, nullptr), "Can't decode result\n");
-  EXPECT_TRUE(client_->ops->freeres(client_, only_free, nullptr));
+  for (xdrproc_t filter : {+only_free, xdrproc_t{}}) {
+    EXPECT_TRUE(client_->ops->freeres(client_, filter, nullptr));
+  }
   EXPECT_EQ(call(), kSuccess);            // a reply to what was encoded is dropped
   EXPECT_EQ(sent(), is_tcp() ? 3U : 2U);  // over TCP what was encoded ended its record
 }
@@ -251,10 +253,7 @@ TEST_F(UdpTest, IntervalsEndWithTheLimit) {
   const struct {
     timeval interval, limit;
     int waits;
-  } rows[] = {{{5, 0}, {25, 0}, 5},
-              {{0, 1600000}, {3, 200001}, 3},
-              {{0, 2000000}, {2, 500000}, 2},
-              {{7, 0}, {0, 0}, 0}};
+  } rows[] = {{{5, 0}, {25, 0}, 5}, {{0, 1600000}, {3, 200001}, 3}, {{7, 0}, {0, 0}, 0}};
   for (auto row : rows) {
     control(CLSET_RETRY_TIMEOUT, &row.interval);
     control(CLSET_TIMEOUT, &row.limit);
