@@ -87,6 +87,7 @@ TEST_F(CommandTest, CommandLines) {
       {{"-f", "/run", "manager"}, trap_message("")},  // a directory cannot be read
       {{"-f", "/no/such", "manager"}, "", "[41.25] file /no/such does not exist\n"},
       {{"-d", "-u", "1", "manager"}, sent, dump, "[41.26] Up time: 0\n"},
+      {{"manager", "-d"}, sent, dump},
       {{"-d", "a", "b"}, "", "", kUsage},
       {{"-d", "--", "--help"}, "", "", kUsage},
       {{"nowhere"}, "", "[41.27] Couldn't open snmp\n", "[41.23] unknown host: nowhere\n"},

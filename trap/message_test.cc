@@ -4,13 +4,12 @@
 
 #include <algorithm>
 
+#include "liblocal/text/utf8.h"
 #include "tests/fakes.h"
 #include "tests/machine.h"
 #include "trap/delivery.h"
 
 namespace {
-
-const fakes::NumberedTexts numbered;
 
 TEST(WrapLine, BreaksAtWhiteSpace) {
   const std::string a38(38, 'a'), a40(40, 'a'), a41(41, 'a'), b20(20, 'b'), c19(19, 'c');
@@ -28,6 +27,23 @@ TEST(WrapLine, BreaksAtWhiteSpace) {
     wrap_line(line.c_str(), result);
     EXPECT_EQ(result, wrapped);
   }
+}
+
+// Reads the next of several texts; a null one interrupts the call, as a signal does. Also behind
+// other reads errno is the one of a signal.
+ssize_t read_next(void* texts, char* buffer, size_t /*size*/) {
+  const char* text = *(*static_cast<const char***>(texts))++;
+  errno = EINTR;
+  return text != nullptr ? stpcpy(buffer, text) - buffer : -1;
+}
+
+TEST(ReadMessage, AnInterruptedReadLosesNoText) {
+  const char* texts[] = {nullptr, "disk ", nullptr, "full\n", nullptr, "more\n", ""};
+  const char** next = texts;
+  FILE* source = fopencookie(&next, "r", {read_next, nullptr, nullptr, nullptr});
+  source->_fileno = 100;  // such a stream has no descriptor, which a mark needs
+  utf8_fp(source);
+  EXPECT_STREQ(read_message(source, false).get(), "disk full");
 }
 
 TEST(DeliverTrap, FailsWithoutMemoryAndSendsNothing) {

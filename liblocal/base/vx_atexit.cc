@@ -25,7 +25,7 @@ struct ExitRecord {
 pthread_mutex_t list_mutex = PTHREAD_MUTEX_INITIALIZER;
 ExitRecord* first_record = nullptr;  // newest first; guarded by list_mutex
 
-// What is made once and kept to the end of the process.
+// set_up makes these once. They stay to the end of the process.
 struct Kept {
   vx_atomic* enabled;  // 1: the functions run at process exit
   vx_mutex* progname_mutex;

@@ -270,10 +270,9 @@ TEST(OwnAddresses, OfAnotherFamilyAreComparedAsBytes) {
   const std::vector<Interface> there = {{1, "10.7.0.1", AF_INET6}};
   interfaces = &there;
   const char bytes[] = "\0\0\x0A\x07\0\1\0\0\0\0\0\0\0\x09";
-  for (auto [length, mine] : {std::pair{14, 1}, {15, 0}, {0, 1}, {-1, 0}}) {
+  for (auto [length, mine] : {std::pair{14, 1}, {15, 0}, {-1, 0}}) {
     EXPECT_EQ(is_myaddr(AF_INET6, bytes, length), mine) << length;
   }
-  EXPECT_EQ(is_myaddr(AF_INET6, bytes + 1, 2), 0);
   interfaces = nullptr;
 }
 

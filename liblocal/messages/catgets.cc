@@ -17,6 +17,7 @@ nl_catd platform_catalog(int64_t catalog) { return reinterpret_cast<nl_catd>(cat
 }  // namespace
 
 const char* vxcatgets(int64_t catalog, int32_t set, int32_t number, const char* default_text) {
+  if (catalog == -1) return default_text;
   // During the initialisation only the runtime's texts and a catalog's version are looked up.
   if (vxinit_done() == 0 && set != kRuntimeMessageSet && number != kVersionNumber)
     return default_text;

@@ -97,7 +97,7 @@ TEST(Vxinit, ConvertsArguments) {
   });
 }
 
-// A test on the test machine, where the program is /start/bin/program.
+// A test on the test machine, where these programs are.
 class VxinitOnItsMachine : public MachineTest {
  protected:
   void SetUp() override {
@@ -111,6 +111,7 @@ class VxinitOnItsMachine : public MachineTest {
   static void start(const char* application, std::string program = "/start/bin/program") {
     char* argv[] = {program.data()};
     _vxinit(application, 1, argv);
+    if (argv[0] != program.data()) free(argv[0]);  // converted
   }
 };
 

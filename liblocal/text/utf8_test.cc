@@ -142,18 +142,6 @@ TEST(ConvertedStream, AnErrorEndsAWaitAndASignalDoesNot) {
   });
 }
 
-TEST(MarkedStream, ASignalMayEndAWait) {
-  std::deque<DeviceRead> reads = {
-      {"", EINTR}, {"disk ", 0}, {"", EINTR}, {"full\n", 0}, {"", EINTR}};
-  FILE* stream = device_of(&reads);
-  stream->_fileno = 100;  // such a stream has no descriptor, which a mark needs
-  utf8_fp(stream);
-  EXPECT_THAT(pieces_of(stream), ElementsAre());
-  EXPECT_EQ(errno, EINTR);
-  EXPECT_THAT(pieces_of(stream), ElementsAre("disk full\n"));
-  vxfclose(stream);
-}
-
 // Bodies run in a process of their own: they replace its standard streams.
 
 TEST(StandardInput, LinesLoseTheirEnd) {

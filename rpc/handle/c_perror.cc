@@ -21,6 +21,8 @@ constexpr const char* kAuthStateTexts[] = {
 // The calling thread's text while it is built: what does not fit is cut.
 class ThreadText {
  public:
+  ThreadText() : text_(get_rpc_t_varp()->text) { text_[0] = '\0'; }
+
   [[gnu::format(printf, 2, 3)]] void append(const char* format, ...) {
     size_t room = kMessageSize - length_;
     va_list arguments;
@@ -43,7 +45,7 @@ class ThreadText {
   }
 
  private:
-  char* text_ = get_rpc_t_varp()->text;
+  char* text_;
   size_t length_ = 0;
 };
 

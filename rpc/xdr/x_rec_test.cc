@@ -1,7 +1,5 @@
 #include "rpc/xdr/x_rec.h"
 
-#include <gmock/gmock.h>
-
 #include "rpc/xdr/io_switches.h"
 #include "tests/locales.h"
 #include "tests/rpc_server.h"
@@ -189,7 +187,7 @@ TEST_F(RecordTest, BreaksWhenARecordIsNoWholeUnits) {
   EXPECT_TRUE(xdrrec_is_broken(&xdrs_));
 }
 
-TEST(IoSwitches, AreOffByFilesOfADirectory) {
+TEST(IoSwitches, AreTurnedOffByFiles) {
   in_locale("", [] {
     const TemporaryDirectory place;
     setenv("KIV_DEBUG_DIR", place.path().c_str(), 1);

@@ -91,7 +91,10 @@ TEST(Xdr, DecodesIntoMemoryOfTheCaller) {
   EXPECT_TRUE(__brix_xdr_string(in.get(), &text, 2));
   EXPECT_STREQ(own, "ab");
   EXPECT_EQ(in.used(), 2 * wire.size());
-  EXPECT_FALSE(__brix_xdr_string(TestStream(from_hex("00000003") + "ab").get(), &text, 3));
+  const std::string three = from_hex("00000003") + "abc!";
+  EXPECT_FALSE(__brix_xdr_string(TestStream(three.substr(0, 6)).get(), &text, 3));
+  EXPECT_FALSE(__brix_xdr_string(TestStream(three).get(), &text, 2));
+  EXPECT_FALSE(counted_filter(TestStream(three).get(), &counted));
   EXPECT_FALSE(__brix_xdr_string(TestStream(from_hex("00000002") + "ab").get(), &text, 3));
 }
 
