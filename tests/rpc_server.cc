@@ -74,6 +74,7 @@ std::string RpcServer::read_request() {
       const std::string bytes = read_bytes(sizeof header);
       if (bytes.size() < sizeof header) return "";
       header = xdr_load<uint32_t>(bytes.data());
+      EXPECT_LE(header & 0x7FFFFFFF, 16U << 20);
       request += read_bytes(header & 0x7FFFFFFF);
     }
   }

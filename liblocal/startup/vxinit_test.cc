@@ -202,7 +202,7 @@ TEST_F(VxidsOnItsMachine, SwitchBetweenUserAndRoot) {
               "kivtrap: set_privileged: new uid 0 euid 0\n"
               "kivtrap: set_nonprivileged: saved uid 1000 euid 0, current uid 0 euid 0\n"
               "kivtrap: set_nonprivileged: new uid 0 euid 1000\n");
-    uid_t ids[4];
+    uid_t ids[4] = {9, 9, 9, 9};
     get_saved_uids(&ids[0], &ids[1]);
     get_saved_gids(&ids[2], &ids[3]);
     EXPECT_THAT(ids, testing::ElementsAre(1000, 0, 1001, 1002));

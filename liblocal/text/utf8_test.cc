@@ -198,6 +198,7 @@ TEST(Utf8Marks, TenDescriptorsAtATime) {
   for (int descriptor = 100; descriptor <= 110; ++descriptor) {
     EXPECT_EQ(utf8_is_marked(descriptor), descriptor != 104);
     user_fd(descriptor);
+    EXPECT_FALSE(utf8_is_marked(descriptor));
   }
 }
 

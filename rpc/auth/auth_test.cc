@@ -2,7 +2,6 @@
 
 #include "rpc/auth/a_none.h"
 #include "rpc/auth/a_unix.h"
-#include "tests/work.h"
 #include "tests/xdr_streams.h"
 
 namespace {
@@ -94,11 +93,6 @@ TEST_F(AuthSystem, DropsABrokenShortCredential) {
     EXPECT_TRUE(validate(kAuthShort, broken));
     EXPECT_EQ(marshalled(auth_.get()), full()) << broken;
   }
-}
-
-TEST(AuthSystemDebug, SaysThatAHandleWasMade) {
-  EXPECT_EQ(printed(3, [] { const Auth made(__brix_authsys_create("", 0, 0, 0, nullptr)); }),
-            "kivtrap: RPC Authentication: Client successfully authenticated using AUTH_UNIX\n");
 }
 
 }  // namespace

@@ -31,8 +31,7 @@ struct Transfer {
 // A time that can be waited for and added.
 timeval waitable(timeval time) {
   if (time.tv_sec < 0 || time.tv_usec < 0) return {};
-  if (time.tv_sec >= kLongestStep) return {kLongestStep, 0};
-  return rpc_normalized(time);
+  return rpc_normalized({std::min(time.tv_sec, kLongestStep), time.tv_usec});
 }
 
 timeval monotonic_now() {
@@ -174,13 +173,13 @@ int64_t take_pending(TcpRecord* record, void* buffer, uint32_t length) {
   return taken;
 }
 
-// Reads once there is something. -1 with the error set, also at the end of input.
+// Reads once there is something. Not above 0 with the error set, also at the end of input.
 int64_t read_ready(Transfer* transfer, const iovec* buffers, int count) {
   for (;;) {
     const ssize_t got = readv(transfer->record->socket, buffers, count);
     if (got > 0) return got;
     if (got == 0) errno = ECONNRESET;
-    if (!may_retry(transfer)) return -1;
+    if (!may_retry(transfer)) return got;
   }
 }
 
