@@ -1,7 +1,6 @@
 // Names of this host, of others and of clients, the look-ups beneath, and addresses of faked
 // interfaces. The resolver is the hosts file of the test machine; its calls are counted.
 #include <arpa/inet.h>
-#include <unistd.h>
 
 #include "liblocal/base/svc_time.h"
 #include "liblocal/base/vx_error.h"
@@ -244,6 +243,13 @@ TEST(OwnAddresses, OfInterfacesThatAreUp) {
   listing_error = 0;
 }
 
+TEST(OwnAddresses, NeedASocket) {
+  sockaddr_in* table = nullptr;
+  const DescriptorLimit none(0);
+  EXPECT_EQ(get_myaddrs(&table), -1);
+  EXPECT_NE(table, nullptr);
+}
+
 TEST(OwnAddresses, AsManyAsTheTableHolds) {
   const std::string answer = ask(std::vector<Interface>(2049, {1, "10.1.0.1"}));
   EXPECT_EQ(answer.size(), 2048 * 9 + 8U);  // and the one of __brix_get_myaddress
@@ -274,21 +280,6 @@ TEST(OwnAddresses, OfAnotherFamilyAreComparedAsBytes) {
     EXPECT_EQ(is_myaddr(AF_INET6, bytes, length), mine) << length;
   }
   interfaces = nullptr;
-}
-
-TEST(RandomNumbers, StartFromTimeProcessAndSeed) {
-  now = 1'000'000'000;
-  auto folded = [](int64_t mixed) { return static_cast<uint32_t>((mixed >> 32) + mixed); };
-  in_threads(1, [&](int) {
-    const int64_t mixed = now * 231 + getpid();
-    uint32_t seed = folded(mixed);
-    EXPECT_EQ(vx_ts_rand(), rand_r(&seed));
-    vx_ts_srand(7);
-    const int of_process = rand();
-    srand(seed + folded(mixed * 231 + 7));
-    EXPECT_EQ(of_process, rand());
-  });
-  now = 0;
 }
 
 }  // namespace

@@ -71,6 +71,7 @@ TEST_F(DebugSignal, SetsDebugByItsCommandAlone) {
     EXPECT_FALSE(fs::exists(Dbgcmdpath));
   }
   EXPECT_EQ(lines_without_file(), "");
+  EXPECT_EQ(lines("Debug=-5", 2), "");
   EXPECT_EQ(lines("Debug=-5", 3), "kivtrap: -5 is an invalid value for Debug\n");
 }
 

@@ -64,6 +64,7 @@ TEST(AddToEnvironment, ReplacesOrPrepends) {
     const fakes::FailingMalloc failing(granted, 1);
     EXPECT_EQ(add_to_environment(kName, "é", 0), 0);
   }
+  EXPECT_EQ(add_to_environment(kName, nullptr, 0), 0);
   EXPECT_STREQ(getenv(kName), "first:old");
 }
 
@@ -162,6 +163,11 @@ TEST_F(VxinitOnItsMachine, KeepsTheInstallationDirectory) {
     EXPECT_STREQ(vx_get_argv0(), "/no/program");
     EXPECT_EQ(fakes::pieces_left_by([] { vx_set_argv0("other"); }), 0);
   });
+}
+
+TEST(FindOrigin, RefusesATooLongName) {
+  const std::string name(1024, '/');
+  EXPECT_EXIT((void)find_origin(name.c_str()), testing::ExitedWithCode(111), "^$");
 }
 
 class VxidsOnItsMachine : public MachineTest {
