@@ -6,6 +6,7 @@
 #include <netdb.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/uio.h>
 
 #include <algorithm>
@@ -78,6 +79,8 @@ void* __real_calloc(size_t count, size_t size);
 void* __real_realloc(void* memory, size_t size);
 char* __real_strdup(const char* text);
 void __real_free(void* memory);
+void* __real_mmap(void* at, size_t size, int access, int flags, int file, off_t offset);
+int __real_munmap(void* memory, size_t size);
 int __real_connect(int socket, const sockaddr* address, socklen_t length);
 ssize_t __real_readv(int descriptor, const iovec* buffers, int count);
 ssize_t __real_recv(int socket, void* buffer, size_t size, int flags);
@@ -106,6 +109,14 @@ char* __wrap_strdup(const char* text) { return grant() ? hold(__real_strdup(text
 void __wrap_free(void* memory) {
   if (memory != nullptr) --held;
   __real_free(memory);
+}
+
+void* __wrap_mmap(void* at, size_t size, int access, int flags, int file, off_t offset) {
+  return grant() ? hold(__real_mmap(at, size, access, flags, file, offset)) : MAP_FAILED;
+}
+int __wrap_munmap(void* memory, size_t size) {
+  --held;
+  return __real_munmap(memory, size);
 }
 
 int __wrap_connect(int socket, const sockaddr* address, socklen_t length) {

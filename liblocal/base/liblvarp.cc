@@ -1,5 +1,6 @@
 #include "liblocal/base/liblvarp.h"
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -28,7 +29,7 @@ VARP_DEFINE_THREAD_BLOCK(liblocal)
 VARP_DEFINE_PROCESS_BLOCK(liblocal)
 
 liblocal_t_varp* liblocal_t_init() {
-  return static_cast<liblocal_t_varp*>(_varp_allocate(sizeof(liblocal_t_varp)));
+  return static_cast<liblocal_t_varp*>(_varp_map(sizeof(liblocal_t_varp)));
 }
 
 void liblocal_t_clean(void* memory) {
@@ -39,7 +40,7 @@ void liblocal_t_clean(void* memory) {
   free(block->utf8_encoded.text);
   free(block->utf8_decoded.text);
   free(block->utf8_path.text);
-  free(block);
+  munmap(block, sizeof *block);
 }
 
 void liblocal_p_init() {

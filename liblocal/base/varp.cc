@@ -1,5 +1,6 @@
 #include "liblocal/base/varp.h"
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -64,6 +65,14 @@ void* _varp_allocate(size_t size) {
   void* memory;
   while ((memory = calloc(1, size)) == nullptr) _vx_pause_ms(kBlockPauseMs);
   return memory;
+}
+
+void* _varp_map(size_t size) {
+  for (;;) {
+    void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory != MAP_FAILED) return memory;
+    _vx_pause_ms(kBlockPauseMs);
+  }
 }
 
 vx_threadstorage* _varp_new_key(const char* module, void (*clean)(void* block)) {

@@ -37,9 +37,13 @@ void varp_add_data(void* data, void (*clean)(void* data));
 /// 1 once the registry's clean-up at exit has begun, else 0. Thread safe.
 [[nodiscard]] int is_proc_exiting();
 
-/// Memory for a block, zeroed, never null: a failed allocation is tried again every
-/// kBlockPauseMs. Release it with free.
+/// Memory for a block of the process, zeroed, never null: a failed allocation is tried again
+/// every kBlockPauseMs. Release it with free.
 [[nodiscard]] void* _varp_allocate(size_t size);
+
+/// _varp_allocate for a block of a thread, which is released with munmap. A mapping costs only
+/// the pages that the thread uses, which a run of the command feels.
+[[nodiscard]] void* _varp_map(size_t size);
 
 /// A new key for the thread blocks of `module`. When there is none left, all streams are
 /// flushed and the process ends with status 1, after a message on standard error.

@@ -193,7 +193,6 @@ TEST(LookUps, NeedAKey) {
   EXPECT_EQ(vx_ts_gethostbyname(nullptr), nullptr);
   EXPECT_EQ(vx_ts_gethostbyaddr(nullptr, 4, AF_INET), nullptr);
   EXPECT_EQ(vx_ts_getprotobyname(nullptr), nullptr);
-  EXPECT_EQ(vx_ts_getservbyname(nullptr, "udp"), nullptr);
   EXPECT_EQ(vx_ts_getpwnam(nullptr), nullptr);
 }
 

@@ -1,5 +1,7 @@
 #include "rpc/handle/rpcvarp.h"
 
+#include <sys/mman.h>
+
 #include <cerrno>
 #include <cstdlib>
 
@@ -36,7 +38,7 @@ std::atomic<rpc_t_varp*> Global_rpc_t_varp;
 
 rpc_t_varp* rpc_t_init() {
   (void)rpc_get_io_switches();  // settled with the process's first block
-  return Global_rpc_t_varp = static_cast<rpc_t_varp*>(_varp_allocate(sizeof(rpc_t_varp)));
+  return Global_rpc_t_varp = static_cast<rpc_t_varp*>(_varp_map(sizeof(rpc_t_varp)));
 }
 
 void rpc_t_clean(void* memory) {
@@ -48,7 +50,7 @@ void rpc_t_clean(void* memory) {
   cleanup_mappers(block);
   rpc_t_varp* newest = block;
   Global_rpc_t_varp.compare_exchange_strong(newest, nullptr);
-  free(block);
+  munmap(block, sizeof *block);
 }
 
 void rpc_p_init() {
