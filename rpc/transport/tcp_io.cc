@@ -173,7 +173,8 @@ int64_t take_pending(TcpRecord* record, void* buffer, uint32_t length) {
   return taken;
 }
 
-// Reads once there is something. Not above 0 with the error set, also at the end of input.
+// Reads once there is something. Returns 0 or less with the error set when it fails, also at
+// the end of input.
 int64_t read_ready(Transfer* transfer, const iovec* buffers, int count) {
   for (;;) {
     const ssize_t got = readv(transfer->record->socket, buffers, count);
