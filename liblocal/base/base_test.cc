@@ -147,6 +147,7 @@ TEST(VxThread, IdentitiesDiffer) {
   EXPECT_EQ(vx_thread_id(own) >> 32, static_cast<uint64_t>(getpid()));
   EXPECT_EQ(vx_thread_join(own, nullptr), 18);
   EXPECT_EQ(vx_thread_yield(), 0);
+  EXPECT_EQ(vx_thr_initd(), 0);
   EXPECT_EQ(vx_thr_init(), 1);
   EXPECT_EQ(vx_thr_initd(), 1);
   in_threads(1, [own](int) {
@@ -156,7 +157,7 @@ TEST(VxThread, IdentitiesDiffer) {
 }
 
 struct Probe {
-  vx_object_header header = {kVxObjectValid, 0};
+  vx_object_header header = {1, 0};
 
   int32_t take_slot() {
     header.slot = _vx_reference_from_constructor(
@@ -174,6 +175,7 @@ TEST(VxReference, TheLastOneDestroys) {
   EXPECT_EQ(vx_unreference(&probe), 0);
   EXPECT_EQ(vx_unreference(&probe), 101) << "the destroy function's result";
   EXPECT_EQ(next.take_slot(), probe.header.slot);
+  vx_error_set_last(0, 1);
   EXPECT_EQ(_vx_unreference_from_destructor(&probe), -1);
   EXPECT_EQ(vx_error_get_last(), 49);
   vx_unreference(&next);
@@ -183,6 +185,7 @@ TEST(Liblvarp, EveryThreadHasABlockForItsLife) {
   liblocal_t_varp* own = get_liblocal_t_varp();
   auto live = [own](int /*thread*/) {
     liblocal_t_varp* block = get_liblocal_t_varp();
+    EXPECT_EQ(vx_error_get_last(), 0);
     EXPECT_NE(block, own);
     EXPECT_EQ(get_liblocal_t_varp(), block);
     for (char** text : {&block->accrued_text, &block->message, &block->utf8_encoded.text,
@@ -216,7 +219,7 @@ void fill_exit_list() {
   vx_atexit([] { vx_atexit([] { say("added by another, "); }); });
   if (vx_atexit(say_x) != 0) say("not added, ");
   vx_atexit([] { say("newest, "); });
-  vx_unatexit(say_x);
+  if (vx_unatexit(say_x) != 0) say("not removed, ");
   if (vx_unatexit(say_x) != 49) say("found again, ");
 }
 

@@ -8,7 +8,7 @@
 struct vx_atomic {
   vx_object_header header;
   uint32_t value;  // guarded by system
-  pthread_mutex_t system;
+  pthread_mutex_t system = PTHREAD_MUTEX_INITIALIZER;
 };
 
 namespace {
@@ -31,15 +31,7 @@ vx_atomic* vx_atomic_new(uint32_t initial) {
   auto atomic = _vx_object_allocate<vx_atomic>();
   if (atomic == nullptr) return nullptr;
   atomic->value = initial;
-  if (int error = pthread_mutex_init(&atomic->system, nullptr); error != 0) {
-    _vx_error_fail(error);
-    return nullptr;
-  }
-  if (!_vx_object_register(atomic.get(), destroy)) {
-    finish(atomic.get());
-    return nullptr;
-  }
-  return atomic.release();
+  return _vx_object_register(atomic.get(), destroy) ? atomic.release() : nullptr;
 }
 
 uint32_t vx_atomic_increment(vx_atomic* atomic) {

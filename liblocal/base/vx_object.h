@@ -35,7 +35,7 @@ int32_t _vx_object_destroy(T* object, void (*finish)(T* object)) {
   if (object == nullptr) return _vx_error_null_argument();
   int32_t others = _vx_unreference_from_destructor(object);
   if (others < 0) return vx_error_from_errno(ENOENT);
-  if (others > 0) return 0;
+  if (others != 0) return 0;
   object->header.flags = 0;
   finish(object);
   free(object);

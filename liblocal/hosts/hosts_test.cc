@@ -88,8 +88,9 @@ TEST_F(NameTest, HostsAreCompared) {
   const struct {
     const char *first, *second;
     int same;
-  } rows[] = {{"nobody", "NoBody", 1}, {nullptr, "box", 1}, {"box", nullptr, 1},
-              {"mail", "post", 1},     {"web", "mail", 0},  {"web", "nobody", 0}};
+  } rows[] = {{"nobody", "NoBody", 1}, {nullptr, "box", 1},  {"box", nullptr, 1},
+              {"mail", "post", 1},     {"nobody", "web", 0}, {nullptr, nullptr, 1},
+              {"web", "mail", 0},      {"web", "nobody", 0}};
   for (const auto& row : rows) {
     start_over();
     EXPECT_EQ(samehost(row.first, row.second), row.same);
@@ -180,7 +181,7 @@ TEST_F(NameTest, ThoseOfAClientBelongTogether) {
 
 TEST_F(NameTest, ClientsAreKnownForAnHourOrForEver) {
   client_list_add_client("hour", nullptr);
-  set_client_cache_update_style(kClientsNeverExpire);
+  set_client_cache_update_style(1);
   client_list_add_client("ever", nullptr);
   pass(3600);
   EXPECT_EQ(owned(get_primaryclientname("hour")), "hour");
@@ -193,7 +194,9 @@ TEST(LookUps, NeedAKey) {
   EXPECT_EQ(vx_ts_gethostbyname(nullptr), nullptr);
   EXPECT_EQ(vx_ts_gethostbyaddr(nullptr, 4, AF_INET), nullptr);
   EXPECT_EQ(vx_ts_getprotobyname(nullptr), nullptr);
+  EXPECT_EQ(vx_ts_getservbyname(nullptr, nullptr), nullptr);
   EXPECT_EQ(vx_ts_getpwnam(nullptr), nullptr);
+  EXPECT_EQ(vx_ts_getpwnam("root")->pw_uid, 0U);
 }
 
 TEST_F(NameTest, OfTheHostAndItsDomain) {
@@ -275,7 +278,7 @@ TEST(OwnAddresses, OfAnotherFamilyAreComparedAsBytes) {
   const std::vector<Interface> there = {{1, "10.7.0.1", AF_INET6}};
   interfaces = &there;
   const char bytes[] = "\0\0\x0A\x07\0\1\0\0\0\0\0\0\0\x09";
-  for (auto [length, mine] : {std::pair{14, 1}, {15, 0}, {-1, 0}}) {
+  for (auto [length, mine] : {std::pair{14, 1}, {15, 0}, {0, 1}, {-1, 0}}) {
     EXPECT_EQ(is_myaddr(AF_INET6, bytes, length), mine) << length;
   }
   interfaces = nullptr;

@@ -30,7 +30,7 @@ class Fullpath : public testing::Test {
 
   // The full name of `path`, or the name of the error, and the debug lines. The output takes the
   // place of the path. All absolute names begin behind the root, `size` counts from there, too.
-  std::string resolved(const std::string& path, unsigned flags, size_t size = kPathSize,
+  std::string resolved(const std::string& path, unsigned flags, size_t size = 12288,
                        int level = 1) {
     const fs::path before = fs::current_path();
     size += root_.size();
@@ -75,7 +75,7 @@ TEST_F(Fullpath, FollowsLinks) {
        "Too many levels of symbolic links\n"},
       {"broken", "ENOENT: kivtrap: cannot stat broken\n"}};
   for (const auto& [path, full] : names) EXPECT_EQ(resolved(path, kFollow), full);
-  EXPECT_EQ(resolved("link_file", kFollow, kPathSize, 3),
+  EXPECT_EQ(resolved("link_file", kFollow, 99, 3),
             "/dir/filekivtrap: fullpath follow_path returns `dir/file'\n");
   const fakes::FailingMalloc failing(1, 1);
   EXPECT_EQ(resolved("link_file", kFollow),
@@ -102,7 +102,7 @@ TEST_F(Fullpath, FitsItsOutput) {
 }
 
 TEST_F(Fullpath, LongPathsAndLinks) {
-  const std::string long_path = "." + std::string(kPathSize, '/');
+  const std::string long_path = "." + std::string(12288, '/');
   EXPECT_EQ(resolved(long_path, 0), "ENAMETOOLONG: kivtrap: cannot stat " + long_path + "\n");
   // A byte that is no text takes three: this link's text is 11533 bytes long.
   const std::string odd(255, '\x80');

@@ -65,6 +65,7 @@ TEST(AddToEnvironment, ReplacesOrPrepends) {
     EXPECT_EQ(add_to_environment(kName, "é", 0), 0);
   }
   EXPECT_EQ(add_to_environment(kName, nullptr, 0), 0);
+  EXPECT_EQ(vxputenv(nullptr), 0);
   EXPECT_STREQ(getenv(kName), "first:old");
 }
 

@@ -1,5 +1,6 @@
 #include "liblocal/text/i18n_printf.h"
 
+#include <algorithm>
 #include <charconv>
 #include <climits>
 #include <cstdio>
@@ -123,7 +124,7 @@ bool append_padded(Output* output, std::string_view text, size_t columns, size_t
 
 bool print_text(Output* output, const I18nConversion& conversion) {
   const char* text = conversion.argument.text;
-  const size_t width = conversion.width > 0 ? static_cast<size_t>(conversion.width) : 0;
+  const auto width = static_cast<size_t>(std::max(conversion.width, 0));
   Measured part = {0, 0};
   if (conversion.precision != kI18nUnset) {
     part = measure(text, static_cast<size_t>(conversion.precision));
@@ -148,7 +149,6 @@ bool suits_platform(const I18nConversion& conversion) {
   const char last = last_letter(conversion);
   const auto is_one_of = [last](std::string_view set) { return set.find(last) != set.npos; };
   if (last == '\0' || is_one_of("hlLqjzZtI")) return false;
-  if (conversion.width < -INT_MAX) return false;  // which cannot be negated
   switch (conversion.kind) {
     case I18nKind::kInt:
       return !is_one_of("nspSaAeEfFgG");
@@ -184,13 +184,12 @@ bool print_plain_integer(Output* output, const I18nConversion& conversion) {
     end = std::to_chars(digits, end, bits, last_letter(conversion) == 'x' ? 16 : 10).ptr;
   }
   const std::string_view text(digits, static_cast<size_t>(end - digits));
-  const size_t width = conversion.width > 0 ? static_cast<size_t>(conversion.width) : 0;
+  const auto width = static_cast<size_t>(std::max(conversion.width, 0));
   return append_padded(output, text, text.size(), width, false);
 }
 
+// Two signs, the flags, two numbers of up to 11 and 10 digits, and the letters.
 constexpr size_t kSubFormatSize = 64;
-static_assert(kSubFormatSize >=
-              1 + sizeof I18nConversion::flags + 11 + 1 + 10 + sizeof I18nConversion::letters);
 
 // Writes the conversion as the platform is to read it.
 void write_sub_format(const I18nConversion& conversion, char* at) {

@@ -46,8 +46,9 @@ TEST(Utf8Codec, EncodesDecodesAndMeasures) {
 }
 
 TEST(Utf8Codec, NulsNullsAndAValueOutOfRange) {
-  char encoded[kUtf8MaxLength];
+  char encoded[6];
   EXPECT_EQ(utf8_mblen("", 1), 0);
+  EXPECT_EQ(utf8_mblen("\xC3z", 2), -1);
   EXPECT_EQ(is_utf8_mb("a\0日", 5), 1);
   EXPECT_EQ(is_utf8_mb("日", 2), 0);
   EXPECT_EQ(utf8_wctomb(encoded, static_cast<wchar_t>(0x80000000)), -1);
@@ -124,7 +125,7 @@ TEST(Mbt, NullsAndAreasThatAreTooSmall) {
   EXPECT_EQ(vx_mbtstombs(nullptr, "a", 5), 0);
   EXPECT_EQ(vx_mbtstombs(output, nullptr, 5), 0);
   EXPECT_EQ(containsMBT(nullptr), 0);
-  EXPECT_EQ(vx_mbtstombs(output, "ab", 2), 0);  // no room for the terminator
+  for (size_t size : {1, 2}) EXPECT_EQ(vx_mbtstombs(output, "ab", size), 0);
 }
 
 TEST(Mbt, OtherBytesAreNotRestored) {
