@@ -11,6 +11,7 @@
 namespace {
 
 using namespace machine;
+using namespace fakes;
 
 // The port mappers have fixed ports.
 class CreateTest : public ClientTest {
@@ -47,9 +48,9 @@ TEST_F(CreateTest, OverTcp) {
 
 TEST_F(CreateTest, ThisHostIsAskedOverLoopback) {
   if (skip_outside()) return;
-  const std::vector<fakes::Interface> own = {{1, "127.255.255.255"}};
+  const std::vector<Interface> own = {{1, "127.255.255.255"}};
   ASSERT_EQ(is_myname("everybody"), 0);  // its address is own, its name another host's
-  fakes::interfaces = &own;
+  interfaces = &own;
   for (const char* host : {"", "testhost", "everybody"}) {
     SCOPED_TRACE(host);
     client_ = __brix_clnt_create(host, 5, 6, "udp");
@@ -57,7 +58,7 @@ TEST_F(CreateTest, ThisHostIsAskedOverLoopback) {
     EXPECT_TRUE(equal(get<timeval>(CLGET_RETRY_TIMEOUT), {5, 0}));
     destroy();
   }
-  fakes::interfaces = nullptr;
+  interfaces = nullptr;
 }
 
 TEST_F(CreateTest, WhatCannotBeMade) {
@@ -78,7 +79,7 @@ TEST_F(CreateTest, WhatCannotBeMade) {
 }
 
 TEST_F(CreateTest, FailsWithTheMapper) {
-  fakes::refuse(fakes::waits, EIO, 2);
+  refuse(waits, EIO, 2);
   EXPECT_EQ(__brix_clnt_create("", 5, 6, "udp"), nullptr);
   EXPECT_THAT(__brix_clnt_spcreateerror(nullptr),
               testing::StartsWith("Port mapper failure - RPC receive"));

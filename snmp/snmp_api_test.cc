@@ -13,11 +13,14 @@
 #include "tests/machine.h"
 #include "tests/work.h"
 
+using namespace fakes;
+using namespace machine;
+
 namespace {
 
 using testing::Return;
 
-const fakes::NumberedTexts numbered;
+const NumberedTexts numbered;
 
 // What programs were compiled with: operations of callbacks, results of synchronous requests.
 constexpr int kReceived = 1, kTimedOut = 2, kSuccess = 0, kError = 1, kTimeout = 2;
@@ -55,7 +58,7 @@ class SessionTest : public testing::Test {
   }
   void TearDown() override {
     close_all();
-    EXPECT_EQ(fakes::pieces_held(), pieces) << "memory was not freed";
+    EXPECT_EQ(pieces_held(), pieces) << "memory was not freed";
   }
 
   static void close_all() {
@@ -93,7 +96,7 @@ class SessionTest : public testing::Test {
   }
   // Sends a datagram from the agent to `session`.
   void answer(const snmp_session* session, const std::string& bytes) const {
-    const uint16_t port = machine::port_of(snmp_find_entry(session)->state->socket);
+    const uint16_t port = port_of(snmp_find_entry(session)->state->socket);
     const sockaddr_in to = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
     sendto(agent.socket(), bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&to),
            sizeof to);
@@ -117,15 +120,15 @@ class SessionTest : public testing::Test {
     return status;
   }
 
-  const long pieces = fakes::pieces_held();
-  machine::UdpReceiver agent{0};
+  const long pieces = pieces_held();
+  UdpReceiver agent{0};
   snmp_session wanted;
   testing::StrictMock<testing::MockFunction<int(int operation, snmp_session*)>> callback;
 };
 
 TEST_F(SessionTest, OpensWithDefaultsAndItsOwnTexts) {
-  if (machine::skip_outside()) return;
-  machine::write_file("/etc/services", "snmp 162/tcp\nsnmp 10161/udp\n");
+  if (skip_outside()) return;
+  write_file("/etc/services", "snmp 162/tcp\nsnmp 10161/udp\n");
   char peer[] = "manager";
   wanted.peer_name = peer;
   wanted.remote_port = 0;
@@ -201,7 +204,7 @@ TEST_F(SessionTest, WhatCannotBeSentIsReported) {
   wanted.peer_name = nullptr;
   expect_failure(open(), -3, "[41.64] No remote IP address specified\n");
   const unique_pdu request(make_pdu());
-  const fakes::FailingMalloc none(0);
+  const FailingMalloc none(0);
   EXPECT_EQ(snmp_send(session, request.get()), 0) << "which could not be remembered";
   EXPECT_EQ(snmp_errno, -1);
   EXPECT_EQ(agent.receive_now(), "");
@@ -261,7 +264,7 @@ TEST_F(SessionTest, AMangledMessageEndsTheRound) {
   answer(newest, kRequest);
   const std::string failure = "recvfrom: Resource temporarily unavailable\n";
   {
-    const fakes::FailingMalloc failing(0, 1);  // no memory for the first PDU
+    const FailingMalloc failing(0, 1);  // no memory for the first PDU
     EXPECT_EQ(printed(0, read_all), failure + "[41.67] Mangled packet\n");
   }
   answer(newest, kRequest);
@@ -300,7 +303,7 @@ TEST_F(SessionTest, ReturnsTheResponse) {
   answer(session, message(kSnmpGetResponse, 8));
   answer(session, kResponse);
   answer(session, kResponse);  // once more: nobody waits for it then
-  fakes::refuse(fakes::waits, EINTR, 2);
+  refuse(waits, EINTR, 2);
   EXPECT_EQ(ask_and_wait(session), kSuccess);
   read_all();
   EXPECT_EQ(pending(session), 1) << "the other one";
@@ -323,7 +326,7 @@ TEST_F(SessionTest, ASynchronousRequestMayFail) {
   EXPECT_EQ(ask_and_wait(session, 7, kSnmpTrap), kError);
   answer(session, message(kSnmpGetNextRequest));  // of the awaited id
   EXPECT_EQ(ask_and_wait(session), kError);
-  fakes::refuse(fakes::waits, EBADF);
+  refuse(waits, EBADF);
   EXPECT_EQ(printed(0, [&] { EXPECT_EQ(ask_and_wait(session), kError); }),
             "select: Bad file descriptor\n");
 }

@@ -10,6 +10,8 @@
 #include "tests/machine.h"
 #include "tests/rpc_server.h"
 
+using namespace machine;
+
 namespace {
 
 constexpr char kUsage[] =
@@ -30,23 +32,22 @@ std::string trap_message(const std::string& text, const std::string& community =
 class CommandTest : public MachineTest {
  protected:
   void SetUp() override {
-    if (machine::skip_outside()) return;
+    if (skip_outside()) return;
     station.emplace(uint16_t{162});
     mappers.emplace();
   }
 
-  static machine::Command kivtrap(std::vector<std::string> words,
-                                  std::string input = "disk full\n") {
+  static Command kivtrap(std::vector<std::string> words, std::string input = "disk full\n") {
     words.insert(words.begin(), KIVTRAP);
     return {std::move(words), std::move(input), {"NUMBERED_TEXTS="}};
   }
   // The datagram that arrived, in hex; "" for none.
   std::string arrived() const { return to_hex(station->receive_now()); }
   // Runs the command, which sends `datagram` and succeeds, or sends none and fails.
-  void expect(const machine::Command& command, const std::string& datagram,
-              const std::string& out = "", const std::string& err = "") const {
+  void expect(const Command& command, const std::string& datagram, const std::string& out = "",
+              const std::string& err = "") const {
     SCOPED_TRACE(testing::PrintToString(command.words) + command.input.substr(0, 20));
-    const machine::Outcome outcome = machine::run(command);
+    const Outcome outcome = run(command);
     EXPECT_EQ(outcome.status, datagram.empty() ? 1 : 0);
     EXPECT_EQ(outcome.out, out);
     EXPECT_EQ(outcome.err, err);
@@ -54,12 +55,12 @@ class CommandTest : public MachineTest {
     EXPECT_EQ(arrived(), "");
   }
 
-  std::optional<machine::UdpReceiver> station;
-  std::optional<machine::EmptyPortMappers> mappers;
+  std::optional<UdpReceiver> station;
+  std::optional<EmptyPortMappers> mappers;
 };
 
 TEST_F(CommandTest, CommandLines) {
-  machine::write_file("/run/message", "from a file\nsecond line\n");
+  write_file("/run/message", "from a file\nsecond line\n");
   const std::string sent = trap_message("disk full"), from_file = trap_message("from a file");
   const std::string dump =
       "30 3E 02 01 00 04 06 70 75 62 6C 69 63 A4 31 06 \n"
@@ -111,7 +112,7 @@ TEST_F(CommandTest, SendsTheFirstLine) {
       {line.substr(0, 1022) + "\nmore\n", line.substr(0, 1021)},
   };
   for (const auto& row : rows) {
-    machine::Command command = kivtrap({"manager"}, row.input);
+    Command command = kivtrap({"manager"}, row.input);
     // In a locale with another codeset: texts are UTF-8 in any.
     command.environment.push_back("LOCPATH=" KIV_LOCALES);
     command.environment.push_back("LC_ALL=POSIX.ISO-8859-15");
@@ -133,8 +134,8 @@ TEST_F(CommandTest, UpTimeCountsFromTheBootRecord) {
   records[1].ut_type = BOOT_TIME;
   for (const auto& row : rows) {
     records[1].ut_tv.tv_sec = static_cast<int32_t>(time(nullptr) - row.seconds);
-    machine::write_file("/run/utmp", {reinterpret_cast<const char*>(records), sizeof records});
-    const std::string err = machine::run(kivtrap({"-u", "x", "manager"})).err;
+    write_file("/run/utmp", {reinterpret_cast<const char*>(records), sizeof records});
+    const std::string err = run(kivtrap({"-u", "x", "manager"})).err;
     const unsigned long printed = std::stoul(err.substr(strlen("[41.26] Up time: ")));
     EXPECT_LT(printed - static_cast<unsigned long>(row.seconds) * 100, 3000);
     EXPECT_THAT(arrived(), testing::HasSubstr(std::string("020106020101") + row.sent));
@@ -143,11 +144,11 @@ TEST_F(CommandTest, UpTimeCountsFromTheBootRecord) {
 }
 
 TEST_F(CommandTest, AHostWithoutANameHasAddressZero) {
-  const std::string before = machine::read_file("/etc/hosts");
-  machine::write_file("/etc/hosts", "127.0.0.1 loopback\n");
+  const std::string before = read_file("/etc/hosts");
+  write_file("/etc/hosts", "127.0.0.1 loopback\n");
   expect(kivtrap({"127.0.0.1"}), trap_message("disk full", "public", "020106 020101", "00000000"),
          "", "[41.23] unknown host: localhost\n");
-  machine::write_file("/etc/hosts", before);
+  write_file("/etc/hosts", before);
 }
 
 TEST_F(CommandTest, TextIsWrappedForARegisteredStation) {
@@ -167,11 +168,11 @@ TEST_F(CommandTest, TextIsWrappedForARegisteredStation) {
       "00000000 00000002 000186A0 00000002 00000003 00000000 00000000 00000000 00000000"
       "0001871A 00000000 00000011 00000000";
   mappers.reset();
-  const machine::RpcServer standard(111, "127.0.0.1", machine::port_mapper(0));
+  const RpcServer standard(111, "127.0.0.1", port_mapper(0));
   for (const auto& row : rows) {
-    const machine::RpcServer own(7938, "127.0.0.1", machine::port_mapper(row.port));
+    const RpcServer own(7938, "127.0.0.1", port_mapper(row.port));
     std::string text = std::string(38, 'a') + " " + std::string(20, 'b');
-    machine::Command command = kivtrap({"manager"}, text + "\n");
+    Command command = kivtrap({"manager"}, text + "\n");
     command.environment.emplace_back(row.environment);
     text[38] = row.between;
     expect(command, trap_message(text));

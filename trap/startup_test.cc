@@ -6,6 +6,8 @@
 #include "tests/locales.h"
 #include "tests/machine.h"
 
+using namespace machine;
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -24,8 +26,8 @@ std::string install(const std::string& directory, mode_t mode = 0755) {
 }
 
 // `file` started as words[0]. By a user without rights no leak checker may look into it.
-machine::Outcome run(const std::string& file, std::vector<std::string> words,
-                     std::vector<std::string> environment = {}, unsigned user = 0) {
+Outcome run(const std::string& file, std::vector<std::string> words,
+            std::vector<std::string> environment = {}, unsigned user = 0) {
   if (user != 0) environment.emplace_back("ASAN_OPTIONS=detect_leaks=0");
   return machine::run({std::move(words), "", std::move(environment), user, file});
 }
@@ -53,7 +55,7 @@ TEST_F(StartupTest, FindsItsOrigin) {
       {"kivtrap", "PATH=/nowhere::/startup/plain", false},
       {"kivtrap", "PATH=/startup" + std::string(1005, '/') + "bin", false}};
   for (const Row& row : rows) {
-    const machine::Outcome outcome = run(program, {row.argv0}, {row.path, "KIV_PRINT_ORIGIN=Q"});
+    const Outcome outcome = run(program, {row.argv0}, {row.path, "KIV_PRINT_ORIGIN=Q"});
     EXPECT_EQ(outcome.status, row.found ? 0 : 1) << row.path;
     EXPECT_EQ(outcome.err.starts_with(origin_line(row.argv0, "/startup/bin/")), row.found);
   }
@@ -62,22 +64,21 @@ TEST_F(StartupTest, FindsItsOrigin) {
 TEST_F(StartupTest, RefusesHardLinksToItself) {
   const std::string program = install("/startup/bin");
   fs::create_hard_link(program, "/startup/bin/other");
-  const machine::Outcome refused = run(program, {"/startup/bin/other", "manager"});
+  const Outcome refused = run(program, {"/startup/bin/other", "manager"});
   EXPECT_EQ(refused.err, "other: unable to execute with hard links to binary /startup/bin/other\n");
   EXPECT_EQ(refused.status, 1);
 }
 
 TEST_F(StartupTest, LendsNoRightsToItsUser) {
-  if (!machine::has_users()) return skip("no users but root here");
+  if (!has_users()) return skip("no users but root here");
   const std::string program = install("/startup/setuid/bin", 04755);
   install("/startup/bin");
   for (const char* argv0 : {"/startup/bin/kivtrap", "kivtrap"}) {
-    EXPECT_EQ(
-        run(program, {argv0}, {"PATH=/startup/bin", "KIV_PRINT_ORIGIN=q"}, machine::kUser).err,
-        origin_line(argv0, "/startup/setuid/bin/"));
+    EXPECT_EQ(run(program, {argv0}, {"PATH=/startup/bin", "KIV_PRINT_ORIGIN=q"}, kUser).err,
+              origin_line(argv0, "/startup/setuid/bin/"));
   }
   ASSERT_EQ(system("cd /startup; echo secret >secret; chmod 600 secret"), 0);
-  EXPECT_EQ(run(program, {"kivtrap", "-f", "/startup/secret", "manager"}, {}, machine::kUser).out,
+  EXPECT_EQ(run(program, {"kivtrap", "-f", "/startup/secret", "manager"}, {}, kUser).out,
             "file /startup/secret does not exist\n");
 }
 

@@ -15,6 +15,7 @@
 #include "tests/work.h"
 
 using namespace fakes;
+using namespace machine;
 
 namespace {
 
@@ -23,7 +24,7 @@ const std::string kHosts =
     "198.51.100.1 web.net web www\n198.51.100.2 web.net web\n"
     "198.51.100.3 mail.net mail\n198.51.100.3 post.net post\n";
 
-void write_hosts(const std::string& text) { machine::write_file("/etc/hosts", text); }
+void write_hosts(const std::string& text) { write_file("/etc/hosts", text); }
 
 void pass(int64_t seconds) {
   now += seconds;
@@ -69,7 +70,7 @@ class NameTest : public MachineTest {
   }
 
  private:
-  const std::string hosts_before_ = machine::read_file("/etc/hosts");
+  const std::string hosts_before_ = read_file("/etc/hosts");
 };
 
 TEST_F(NameTest, OfThisHostAreKnown) {
@@ -202,14 +203,14 @@ TEST(LookUps, NeedAKey) {
 TEST_F(NameTest, OfTheHostAndItsDomain) {
   char name[256];
   EXPECT_EQ(vx_gethostname(name, sizeof name), 0);
-  EXPECT_STREQ(name, machine::kHostName);
+  EXPECT_STREQ(name, kHostName);
   EXPECT_EQ(vx_gethostname(name, 3), -1);
-  machine::write_file("/proc/sys/kernel/domainname", "Example.NET");
+  write_file("/proc/sys/kernel/domainname", "Example.NET");
   EXPECT_EQ(vx_getdomainname(name, 12), 0);
   EXPECT_STREQ(name, "example.net");
   EXPECT_EQ(vx_getdomainname(name, 11), -1);
   EXPECT_EQ(vx_error_get_last(), vx_error_from_errno(ERANGE));
-  machine::write_file("/proc/sys/kernel/domainname", "(none)");
+  write_file("/proc/sys/kernel/domainname", "(none)");
   EXPECT_EQ(vx_getdomainname(name, 1), 0);
 }
 

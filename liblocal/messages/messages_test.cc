@@ -20,6 +20,8 @@
 // Some formats here are of the runtime's formatter alone.
 #pragma GCC diagnostic ignored "-Wformat"
 
+using namespace fakes;
+
 namespace {
 
 using namespace std::string_literals;
@@ -126,12 +128,12 @@ TEST(Print, StampsTheTime) {
     vx_set_progname(std::string(70, 'N').c_str());
     setenv("TZ", "WIN5:30SUM,M3.5.0,M10.5.0", 1);
     tzset();
-    fakes::now = 1795036118;
+    now = 1795036118;
     print_timestamps(1);
     expect_prefix("11/18/26 15:38:38 " + std::string(63, 'n') + ": ");
     // A leap day, the turns of a month, a year and a century, the first second.
     for (int64_t now : {951827696L, 1782862199L, 1782862200L, 1798702200L, 4102463999L, 1L}) {
-      fakes::now = now;
+      now = now;
       char prefix[kMessagePrefixSize];
       expect_prefix(print_prefix(prefix));
     }
@@ -259,10 +261,10 @@ TEST(ErrTables, HaveTheTextsOfTheCatalog) {
 TEST(ErrTables, ReleaseTheirTextsAtTheEnd) {
   in_locale("", [] {
     err_set(3, 32);
-    const long held = fakes::pieces_held();
+    const long held = pieces_held();
     for (int i = 0; i < 2; ++i) {
       err_unsetall();
-      EXPECT_EQ(held - fakes::pieces_held(), 28 + 33);
+      EXPECT_EQ(held - pieces_held(), 28 + 33);
       expect_record(err_set(3, 32), 35032, "Resource database busy");
     }
   });
@@ -293,7 +295,7 @@ TEST(ErrCopies, OwnTheirTexts) {
     EXPECT_EQ(err_dup(nullptr), nullptr);
     EXPECT_EQ(err_dup2(nullptr, &copy), 0);
   };
-  EXPECT_EQ(fakes::pieces_left_by(copy_and_free), 0);
+  EXPECT_EQ(pieces_left_by(copy_and_free), 0);
 }
 
 TEST(ErrSave, ShowsWhatItReplaces) {
@@ -316,7 +318,7 @@ TEST(ErrAccrue, ChainsMessages) {
     EXPECT_EQ(blow_err(1), nullptr);
     err_accrue("freed with the thread");
   };
-  EXPECT_EQ(fakes::pieces_left_by([&] { in_threads(1, chain); }), 0);
+  EXPECT_EQ(pieces_left_by([&] { in_threads(1, chain); }), 0);
   print_set_accrual_hook(nullptr);
 }
 
@@ -329,7 +331,7 @@ TEST(ErrAccrue, DropsWhatDoesNotFit) {
   EXPECT_EQ(printed(9, accrue), "kivtrap: Dropping error string " + over + "\n");
   err_accrue(over.c_str() + 1);
   EXPECT_EQ(strlen(blow_err(1)->text), 18000 + over.size() - 1 + strlen("->()"));
-  const fakes::FailingMalloc none(0);
+  const FailingMalloc none(0);
   EXPECT_EQ(printed(0, accrue), "Malloc failed.\n");
   EXPECT_EQ(err_setstr(3, 1, "text"), nullptr);
 }

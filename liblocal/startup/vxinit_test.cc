@@ -21,6 +21,8 @@
 
 extern std::atomic<int> waits_for_debugger;  // dbgsignl_test.cc
 
+using namespace fakes;
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -44,7 +46,7 @@ TEST(Vxenv, SaysThatThereIsNoMemory) {
   brix_strerror(ENOMEM);  // allocates what the thread keeps
   setenv(kName, "\x80", 1);
   auto get = [] {
-    const fakes::FailingMalloc failing(0, 1);
+    const FailingMalloc failing(0, 1);
     EXPECT_EQ(vxgetenv(kName), nullptr);
   };
   EXPECT_EQ(printed(0, get), "kivtrap: Cannot allocate memory\n");
@@ -59,9 +61,9 @@ TEST(AddToEnvironment, ReplacesOrPrepends) {
     EXPECT_EQ(add_to_environment(kName, "first", 1), 1);
     EXPECT_STREQ(getenv(kName), "first:old");
   };
-  EXPECT_EQ(fakes::pieces_left_by(add), 0) << "equal texts share one copy";
+  EXPECT_EQ(pieces_left_by(add), 0) << "equal texts share one copy";
   for (int granted : {0, 2}) {  // the third allocation is the converted text
-    const fakes::FailingMalloc failing(granted, 1);
+    const FailingMalloc failing(granted, 1);
     EXPECT_EQ(add_to_environment(kName, "é", 0), 0);
   }
   EXPECT_EQ(add_to_environment(kName, nullptr, 0), 0);
@@ -74,7 +76,7 @@ int converted(int argc, int allocations = 999) {
   char texts[][2] = {"\xE4", "\xE4"};
   char* argv[] = {texts[0], texts[1], nullptr};
   {
-    const fakes::FailingMalloc failing(allocations);
+    const FailingMalloc failing(allocations);
     _vxinit("kiv", argc, argv);
   }
   int count = 0;
@@ -162,7 +164,7 @@ TEST_F(VxinitOnItsMachine, KeepsTheInstallationDirectory) {
     EXPECT_STREQ(vx_find_installdir("/no/program"), "/start");
     EXPECT_STREQ(find_origin("/no/program"), "/start/bin/");
     EXPECT_STREQ(vx_get_argv0(), "/no/program");
-    EXPECT_EQ(fakes::pieces_left_by([] { vx_set_argv0("other"); }), 0);
+    EXPECT_EQ(pieces_left_by([] { vx_set_argv0("other"); }), 0);
   });
 }
 

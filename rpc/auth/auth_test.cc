@@ -4,6 +4,8 @@
 #include "rpc/auth/a_unix.h"
 #include "tests/xdr_streams.h"
 
+using namespace fakes;
+
 namespace {
 
 struct Destroyer {
@@ -20,15 +22,15 @@ std::string marshalled(AUTH* auth) {
 class AuthSystem : public testing::Test {
  protected:
   AuthSystem() {
-    fakes::now = 0x76543210;
+    now = 0x76543210;
     const gid_t groups[] = {7, 8};
     auth_.reset(__brix_authsys_create("box", 0xFFFFFFFE, 5, 2, groups));
     auth_->verifier.body = static_cast<uint8_t*>(malloc(1));  // owned from here on
   }
   ~AuthSystem() override {
-    fakes::now = 0;
+    now = 0;
     auth_.reset();
-    EXPECT_EQ(fakes::pieces_held(), held_);
+    EXPECT_EQ(pieces_held(), held_);
   }
 
   // The full credential, of that time.
@@ -45,7 +47,7 @@ class AuthSystem : public testing::Test {
   bool refresh() { return auth_->ops->refresh(auth_.get()); }
 
   static constexpr char kShort[] = "00000002 00000003 41424300";
-  const long held_ = fakes::pieces_held();
+  const long held_ = pieces_held();
   Auth auth_;
 };
 
@@ -81,7 +83,7 @@ TEST_F(AuthSystem, UsesAShortCredential) {
   EXPECT_EQ(marshalled(auth_.get()), full());
   for (int i = 0; i < 2; ++i) EXPECT_TRUE(validate(kAuthShort));
   EXPECT_EQ(marshalled(auth_.get()), "0000000200000003414243000000000000000000");
-  fakes::now = 0x76543211;
+  now = 0x76543211;
   EXPECT_TRUE(refresh());
   EXPECT_EQ(marshalled(auth_.get()), full("76543211"));
   EXPECT_FALSE(refresh());

@@ -7,10 +7,9 @@
 #include "tests/rpc_client.h"
 #include "tests/xdr_streams.h"
 
-namespace {
+using namespace machine;
 
-using machine::port_mapper;
-using machine::RpcServer;
+namespace {
 
 constexpr unsigned long kService = 390113;
 constexpr char kVariable[] = "KIVENV_PMAPS";
@@ -26,12 +25,12 @@ void start_with(const char* value) {
 class PortTest : public testing::Test {
  protected:
   void SetUp() override {
-    if (!machine::skip_without_ports()) start_with("");
+    if (!skip_without_ports()) start_with("");
   }
 
   static uint16_t ask(const char* address, unsigned long program, unsigned long version,
                       unsigned long protocol = IPPROTO_UDP) {
-    sockaddr_in server = machine::loopback(77);
+    sockaddr_in server = loopback(77);
     server.sin_addr.s_addr = inet_addr(address);
     const uint16_t port = __brix_pmap_getport(&server, program, version, protocol);
     EXPECT_EQ(server.sin_port, 0);
