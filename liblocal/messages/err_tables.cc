@@ -20,7 +20,7 @@ struct CatalogText {
   const char* text;
 };
 
-constexpr CatalogText kRpcTexts[kRpcErrorCodes] = {
+constexpr CatalogText kRpcTexts[] = {
     {224, "Success"},
     {225, "RPC cannot encode arguments"},
     {226, "Can't decode result"},
@@ -59,7 +59,7 @@ constexpr int32_t kRpcSeverities[kRpcErrorCodes] = {1, 5, 5, 4, 4, 3, 4, 4, 4, 5
 
 constexpr int32_t kRapErrorCodes = 33;
 
-constexpr CatalogText kRapTexts[kRapErrorCodes] = {
+constexpr CatalogText kRapTexts[] = {
     {191, ""},
     {192, "Operation not supported"},
     {193, "Bad getids arguments"},

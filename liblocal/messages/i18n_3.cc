@@ -10,7 +10,7 @@ std::atomic<int> last;  // slot of the last text
 
 int next_slot() {
   int before = last;
-  int next = 0;
+  int next;
   do {
     next = (before + 1) % kJoinedTexts;
   } while (!last.compare_exchange_weak(before, next));

@@ -13,6 +13,7 @@
 #include "liblocal/messages/log_time.h"
 #include "liblocal/messages/message_ids.h"
 #include "liblocal/messages/print.h"
+#include "liblocal/text/codesets.h"
 #include "tests/fakes.h"
 #include "tests/locales.h"
 #include "tests/work.h"
@@ -46,6 +47,7 @@ TEST(Locales, ComeFromTheEnvironment) {
     setenv("LC_ALL", "C.UTF-8", 1);
     EXPECT_EQ(printed(1, [] { EXPECT_STREQ(init_locales("kiv", ""), "C.UTF-8"); }),
               "kivtrap: Locale\"C.UTF-8\" found.\nkivtrap: Lang Subdir is\"unknown\".\n");
+    EXPECT_EQ(Needs_conversion, 0);
     setenv("LC_ALL", "de_DE.nowhere", 1);
     EXPECT_EQ(printed(0, [] { EXPECT_EQ(init_locales("kiv", ""), nullptr); }), "");
     EXPECT_STREQ(get_user_locale(), "C");
@@ -132,8 +134,8 @@ TEST(Print, StampsTheTime) {
     print_timestamps(1);
     expect_prefix("11/18/26 15:38:38 " + std::string(63, 'n') + ": ");
     // A leap day, the turns of a month, a year and a century, the first second.
-    for (int64_t now : {951827696L, 1782862199L, 1782862200L, 1798702200L, 4102463999L, 1L}) {
-      now = now;
+    for (int64_t moment : {951827696L, 1782880199L, 1782880200L, 1798781400L, 4102464599L, 1L}) {
+      now = moment;
       char prefix[kMessagePrefixSize];
       expect_prefix(print_prefix(prefix));
     }
@@ -174,18 +176,18 @@ TEST(DebugFile, TakesTheLines) {
   EXPECT_EQ(machine::read_file(path), "kivtrap: dfopen: Opened file " + path +
                                           " for dprintf writing.\nkivtrap: unbuffered\n");
   EXPECT_EQ(debug_descriptor(), fileno(dfopen_filehndl()));
-  dfclose();
+  dfopen("/no/where");
   EXPECT_EQ(dfopen_filehndl(), nullptr);
   EXPECT_EQ(debug_descriptor(), STDERR_FILENO);
 }
 
 TEST(DebugFile, Failures) {
   auto lines = [] {
+    dfclose();
     dfopen("");
     dfopen("/no/where");
     dfopen("/dev/null");
     close(debug_descriptor());
-    dfclose();
     dfclose();
   };
   EXPECT_EQ(printed(1, lines), "");
@@ -282,6 +284,7 @@ TEST(ErrPrint, AddsDetailsUnlessTheLevelIs0) {
 TEST(ErrSetstr, CutsItsText) {
   const std::string text(18432, 'x');
   EXPECT_EQ(err_setstr(3, 1, "%s", text.c_str())->text, text.substr(1));
+  EXPECT_EQ(err_setstr(3, 1, nullptr), nullptr);
 }
 
 TEST(ErrCopies, OwnTheirTexts) {
@@ -325,15 +328,17 @@ TEST(ErrAccrue, ChainsMessages) {
 TEST(ErrAccrue, DropsWhatDoesNotFit) {
   blow_err(1);
   err_accrue(std::string(18000, 'o').c_str());
-  const std::string over(18433 - 18000 - 9, 'n');
+  std::string over(18433 - 18000 - 9, 'n');
   auto accrue = [&over] { EXPECT_EQ(err_accrue(over.c_str()), 0); };
   EXPECT_EQ(printed(8, accrue), "");
   EXPECT_EQ(printed(9, accrue), "kivtrap: Dropping error string " + over + "\n");
-  err_accrue(over.c_str() + 1);
-  EXPECT_EQ(strlen(blow_err(1)->text), 18000 + over.size() - 1 + strlen("->()"));
+  over.pop_back();
+  accrue();
+  EXPECT_EQ(strlen(blow_err(1)->text), 18000 + over.size() + strlen("->()"));
   const FailingMalloc none(0);
   EXPECT_EQ(printed(0, accrue), "Malloc failed.\n");
-  EXPECT_EQ(err_setstr(3, 1, "text"), nullptr);
+  EXPECT_EQ(printed(0, [] { printerr("lost"); }), "");
+  EXPECT_EQ(err_setstr(3, 1, "lost"), nullptr);
 }
 
 }  // namespace
