@@ -45,9 +45,13 @@ class DebugSignal : public testing::Test {
   }
   std::string lines_without_file(int level = 1) {
     return printed(level, [this] {
+      const int input = dup(0);
+      close(0);  // so the command file becomes descriptor 0
       errno = EBUSY;
       raise(SIGUSR2);
       EXPECT_EQ(errno, EBUSY);
+      EXPECT_EQ(dup(input), 0) << "closed again";
+      close(input);
       debug_ = Debug;
     });
   }
@@ -78,9 +82,9 @@ TEST_F(DebugSignal, SetsDebugByItsCommandAlone) {
 TEST_F(DebugSignal, SetsTheOtherLevels) {
   EXPECT_EQ(lines("vflag=7", 0),
             "kivtrap: Changing Vflag level of process (id " + kId + ") from 0 to 7\n");
-  EXPECT_EQ(lines("PRINTDEVINFO=8", -1), "");
+  EXPECT_EQ(lines("PRINTDEVINFO=80", -1), "");
   EXPECT_EQ(Vflag, 7);
-  EXPECT_EQ(PrintDevInfo, 8);
+  EXPECT_EQ(PrintDevInfo, 80);
 }
 
 TEST_F(DebugSignal, TakesOnlyARegularFile) {

@@ -109,7 +109,7 @@ class CurrentDirectory {
 // is absolute, else the last component.
 bool replace_link(char* path) {
   char link[kLinkTextSize];
-  if (utf8_readlink(path, link, sizeof link) < 0) {
+  if (utf8_readlink(path, link, sizeof link) == -1) {
     trace(1, "fullpath could not readlink on %s: %s\n", path, brix_strerror(errno));
     return false;
   }

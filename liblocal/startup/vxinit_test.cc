@@ -112,7 +112,7 @@ class VxinitOnItsMachine : public MachineTest {
       machine::write_file(directory + "/program", "");
     }
   }
-  static void start(const char* application, std::string program = "/start/bin/program") {
+  static void start(const char* application, std::string program = "/start/./bin/program") {
     char* argv[] = {program.data()};
     _vxinit(application, 1, argv);
     if (argv[0] != program.data()) free(argv[0]);  // converted
@@ -132,7 +132,7 @@ TEST_F(VxinitOnItsMachine, DoesMostThingsOnce) {
               "kivtrap: program (" + std::to_string(getpid()) + ") waiting to be debugged\n");
     EXPECT_EQ(opterr, 0);
     EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C.UTF-8");
-    EXPECT_STREQ(vx_get_argv0(), "/start/bin/program");
+    EXPECT_STREQ(vx_get_argv0(), "/start/./bin/program");
   });
 }
 
@@ -159,6 +159,8 @@ TEST_F(VxinitOnItsMachine, KeepsTheInstallationDirectory) {
   in_locale("", [] {
     EXPECT_EQ(vx_get_bindir(), nullptr);
     EXPECT_EQ(find_origin(nullptr), nullptr);
+    EXPECT_EQ(find_origin("/no"), nullptr);
+    EXPECT_EQ(vx_find_installdir(nullptr), nullptr);
     start("kiv");
     EXPECT_STREQ(vx_get_securedir(), "/kiv/tmp/sec");
     EXPECT_STREQ(vx_find_installdir("/no/program"), "/start");

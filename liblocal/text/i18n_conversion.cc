@@ -38,9 +38,7 @@ I18nKind kind_of(const char* letters) {
 }
 
 void make_absent(I18nKind kind, I18nValue* value) {
-  if (is_integer(kind)) value->integer = 0;
-  if (kind == I18nKind::kDouble) value->real = 0;
-  if (kind == I18nKind::kLongDouble) value->extended = 0;
+  memset(value, 0, sizeof *value);  // every kind of number
   if (kind == I18nKind::kString) value->text = kAbsentText;
 }
 
@@ -90,7 +88,7 @@ void I18nArguments::next(I18nKind kind, I18nValue* value) {
     take(kind, value);
   } else {
     look_up(position_, kind, value);
-    if (position_ <= kI18nLastPosition) ++position_;
+    if (position_ < kI18nPositions) ++position_;
   }
 }
 
@@ -108,10 +106,10 @@ int I18nArguments::int_at(int position) {
 
 void I18nArguments::look_up(int position, I18nKind kind, I18nValue* value) {
   make_absent(kind, value);
-  if (position < 1 || position > kI18nLastPosition) return;
+  if (position < 1 || position >= kI18nPositions) return;
   if (source_ == Source::kNone) {
     kinds_[position] = kind;
-    if (position > highest_) highest_ = position;
+    highest_ = std::max(highest_, position);
     return;
   }
   const I18nKind fetched = kinds_[position];

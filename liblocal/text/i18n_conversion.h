@@ -5,8 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
-constexpr int kI18nLastPosition = 255;  // of an argument, in a format with positions
-constexpr int kI18nUnset = -1;          // no width, no precision
+constexpr int kI18nPositions = 256;  // of arguments, in a format with positions; 0 is none
+constexpr int kI18nUnset = -1;       // no width, no precision
 
 /// How an argument is passed to a variadic function.
 enum class I18nKind : uint8_t { kInt, kLong, kDouble, kLongDouble, kString };
@@ -54,8 +54,8 @@ class I18nArguments {
   Source source_ = Source::kList;
   int position_ = 1;
   int highest_ = 0;  // that the format uses
-  I18nKind kinds_[kI18nLastPosition + 1];
-  I18nValue values_[kI18nLastPosition + 1];
+  I18nKind kinds_[kI18nPositions];
+  I18nValue values_[kI18nPositions];
 };
 
 /// One conversion of a format.

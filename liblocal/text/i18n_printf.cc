@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <string_view>
 
 #include "liblocal/base/text_sizes.h"
@@ -100,7 +101,7 @@ struct Measured {
 // bytes. Reads no further, so a text of `precision` ASCII bytes needs no terminator.
 Measured measure(const char* text, size_t precision) {
   const size_t limit = strnlen(text, precision);
-  Measured part = {0, 0};
+  Measured part{};
   while (part.columns < limit && text[part.bytes] != '\0') {
     size_t last = part.bytes;
     const auto columns = static_cast<size_t>(utf8_char_columns(text, &last));
@@ -114,7 +115,7 @@ Measured measure(const char* text, size_t precision) {
 // Appends `text`, of `columns`, with blanks up to `width`; false when there is no room.
 bool append_padded(Output* output, std::string_view text, size_t columns, size_t width,
                    bool fill_behind) {
-  const size_t fill = width > columns ? width - columns : 0;
+  const size_t fill = std::max(width, columns) - columns;
   if (!output->reserve(text.size() + fill)) return false;
   if (!fill_behind) output->fill(' ', fill);
   output->append(text.data(), text.size());
@@ -125,7 +126,7 @@ bool append_padded(Output* output, std::string_view text, size_t columns, size_t
 bool print_text(Output* output, const I18nConversion& conversion) {
   const char* text = conversion.argument.text;
   const auto width = static_cast<size_t>(std::max(conversion.width, 0));
-  Measured part = {0, 0};
+  Measured part{};
   if (conversion.precision != kI18nUnset) {
     part = measure(text, static_cast<size_t>(conversion.precision));
   } else {
@@ -192,13 +193,15 @@ bool print_plain_integer(Output* output, const I18nConversion& conversion) {
 constexpr size_t kSubFormatSize = 64;
 
 // Writes the conversion as the platform is to read it.
-void write_sub_format(const I18nConversion& conversion, char* at) {
+void write_sub_format(const I18nConversion& conversion, char (&format)[kSubFormatSize]) {
+  char* at = format;
   *at++ = '%';
   at += text_copy({conversion.flags, conversion.flag_count}, at, sizeof conversion.flags);
-  if (conversion.width != kI18nUnset) at = std::to_chars(at, at + 11, conversion.width).ptr;
+  if (conversion.width != kI18nUnset)
+    at = std::to_chars(at, std::end(format), conversion.width).ptr;
   if (conversion.precision != kI18nUnset) {
     *at++ = '.';
-    at = std::to_chars(at, at + 10, conversion.precision).ptr;
+    at = std::to_chars(at, std::end(format), conversion.precision).ptr;
   }
   memcpy(at, conversion.letters, sizeof conversion.letters);
 }

@@ -25,9 +25,10 @@ int mbt_byte(const char* at, size_t available) {
 int vx_mbstombts(char* output, const char* input, size_t size) {
   if (output == nullptr || input == nullptr) return 0;
   for (; *input != '\0'; ++input) {
-    uint8_t byte = byte_at(input);
-    if (size < (byte < 0x80 ? 1 : kRoom)) return 0;
-    if (byte < 0x80) {
+    const uint8_t byte = byte_at(input);
+    const bool plain = byte < 0x80;
+    if (size < (plain ? 1 : kRoom)) return 0;
+    if (plain) {
       *output++ = *input;
       --size;
       continue;
@@ -63,7 +64,7 @@ int vx_mbtstombs(char* output, const char* input, size_t size) {
 int containsMBT(const char* text) {
   if (text == nullptr) return 0;
   for (; *text != '\0'; ++text) {
-    if (int byte = mbt_byte(text, kMbtLength); byte != kMbtNone) return byte >= 0 ? 1 : 0;
+    if (int byte = mbt_byte(text, kMbtLength); byte != kMbtNone) return byte != kMbtBroken ? 1 : 0;
   }
   return 0;
 }

@@ -85,7 +85,7 @@ TEST(Vxpath, TakesPathsApart) {
     std::string path;
     size_t size;
     std::string directory, base;
-  } cases[] = {{"/usr/sbin///", 64, "/usr", "sbin"},
+  } cases[] = {{"/usr/sbin///", 5, "/usr", "sbin"},
                {"//a", 64, "/", "a"},
                {"/", 64, "/", ""},
                {"/" + longest + "yz", 1024, "/", longest},

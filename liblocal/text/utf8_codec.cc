@@ -70,7 +70,7 @@ int utf8_mbslen(const char* text) {
   for (; *text != '\0'; ++count) {
     // A character stops at the text's NUL, which continues none.
     int length = utf8_mblen(text, kUtf8MaxLength);
-    if (length < 0) return -1;
+    if (length == -1) return -1;
     text += length;
   }
   return count;
@@ -103,9 +103,9 @@ int num_chars_in_utf8_str(const char* text) {
 }
 
 size_t utf8_whole_length(const char* text, size_t length) {
-  for (size_t back = 1; back < kUtf8MaxLength && back <= length; ++back) {
-    int announced = utf8_lead_length(text[length - back]);
-    if (announced > static_cast<int>(back)) return length - back;
+  for (size_t back = 1; back <= length; ++back) {
+    const auto announced = static_cast<size_t>(utf8_lead_length(text[length - back]));
+    if (announced > back) return length - back;
     if (announced != 0) break;
   }
   return length;

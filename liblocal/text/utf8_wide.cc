@@ -12,7 +12,7 @@ size_t utf8_mbstowcs(wchar_t* output, const char* input, size_t capacity) {
   size_t count = 0;
   for (; *input != '\0' && count + 1 < capacity; ++count) {
     int length = utf8_mbtowc(&output[count], input, kUtf8MaxLength);
-    if (length < 0) {
+    if (length == -1) {
       output[count] = L'?';
       length = 1;
     }

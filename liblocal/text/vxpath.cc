@@ -55,7 +55,7 @@ char* path_concat(const char* directory, const char* name) {
   if (directory == nullptr && name == nullptr) return nullptr;
   std::string_view base = directory != nullptr ? directory : "./";
   std::string_view rest = name != nullptr ? name : "";
-  char* path = static_cast<char*>(xmalloc(base.size() + 1 + rest.size() + 1));
+  char* path = static_cast<char*>(xmalloc(base.size() + rest.size() + sizeof "/"));
   char* at = std::copy(base.begin(), base.end(), path);
   if (!base.ends_with('/')) *at++ = '/';
   at = std::copy(rest.begin(), rest.end(), at);
