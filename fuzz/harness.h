@@ -9,8 +9,7 @@
 #include <string>
 #include <string_view>
 
-/// The harness's check of one input. Bytes behind it are not to be read, which the address
-/// sanitizer sees.
+/// The harness's check of one input. The address sanitizer sees reads past it.
 static void check_input(std::string_view input);
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {

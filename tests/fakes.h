@@ -25,8 +25,7 @@ class FailingMalloc {
   bool failed() const;
 };
 
-/// Calls `work(const FailingMalloc&)` with the first allocation refused, then with the second,
-/// and so on until none is refused.
+/// Calls `work(const FailingMalloc&)` with the first allocation refused, then with the second...
 inline void refuse_each_allocation(auto work) {
   bool refused = true;
   for (int granted = 0; refused; ++granted) {
@@ -54,8 +53,7 @@ struct Refusal {
   std::atomic<int> error;  // with this errno
 };
 
-/// connect (one that fails with EINTR goes on, as the platform's does), readv and
-/// recv, sendmsg, ppoll and select.
+/// connect (after EINTR it goes on, as the platform's), readv and recv, sendmsg, ppoll and select.
 inline Refusal connects, reads, writes, waits;
 
 /// Makes the next `count` calls fail with `error`. A wait with 0 finds nothing, at once.

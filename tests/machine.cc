@@ -116,8 +116,7 @@ void MachineTest::skip(const std::string& reason) {
   GTEST_SKIP() << reason;
 }
 
-// The main of every test program: into the test machine, which listing the tests needs not, then
-// them.
+// Every test program's main: runs the tests in the test machine. A list of them needs none.
 int main(int argc, char** argv) {
   sigset_t none;  // whatever starts the tests may block signals that they use
   sigemptyset(&none);

@@ -51,8 +51,7 @@ class UdpReceiver {
   explicit UdpReceiver(uint16_t port);
   ~UdpReceiver();
   UdpReceiver(const UdpReceiver&) = delete;
-  /// The next datagram that is there, else "": on loopback it is delivered before its send
-  /// returns.
+  /// The next datagram, else "": on loopback it is delivered before its send returns.
   std::string receive_now() const;
   int socket() const { return socket_; }
   uint16_t port() const { return port_of(socket_); }

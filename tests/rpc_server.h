@@ -54,8 +54,7 @@ class RpcServer {
 /// `bytes` as one fragment of a record.
 std::string fragment(const std::string& bytes, bool last = true);
 
-/// What the body of a reply that accepts the call without a verifier begins with; the results
-/// are next.
+/// What the body of an accepting reply without a verifier begins with; the results are next.
 inline const std::string kAccepted = "00000001 00000000 00000000 00000000 00000000";
 
 /// The reply to the call `request`: the id of that and `body`, in hex.

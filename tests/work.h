@@ -35,8 +35,7 @@ struct DescriptorLimit {
   rlimit before{};
 };
 
-/// What `work` writes to standard error in a program named kivtrap, with `Debug` at `level`,
-/// which is set back afterwards.
+/// What `work` writes to standard error in a program named kivtrap, with `Debug` at `level`.
 inline std::string printed(int level, auto work) {
   vx_set_progname("kivtrap");
   const int before = Debug.exchange(level);

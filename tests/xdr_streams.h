@@ -41,8 +41,7 @@ class TestStream {
   xdr_ops blind_ops_ = {};
 };
 
-/// `object` encoded, in hex; "fails" when it does not encode. Every smaller stream
-/// refuses it, and its size is foretold.
+/// `object` encoded, in hex, or "fails". Smaller streams refuse it, and its size is foretold.
 inline std::string encoded(xdrproc_t filter, void* object) {
   TestStream whole(70000);
   if (!filter(whole.get(), object)) return "fails";

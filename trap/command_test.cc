@@ -18,8 +18,7 @@ constexpr char kUsage[] =
     "[41.22] usage: kivtrap [-c community] [-t trap_type] [-s specific_trap] [-v] "
     "management_station\n";
 
-// The message that is to arrive. `codes` is the generic and the specific integer, in hex as the
-// agent's address.
+// The message that is to arrive. `codes` are the two trap integers, in hex as the agent's address.
 std::string trap_message(const std::string& text, const std::string& community = "public",
                          const std::string& codes = "020106 020101",
                          const std::string& agent = "C0000201") {

@@ -29,8 +29,7 @@ TEST(WrapLine, BreaksAtWhiteSpace) {
   }
 }
 
-// Reads the next of several texts; a null one interrupts the call, as a signal does. Also behind
-// other reads errno is the one of a signal.
+// Reads the next text. A null one is a signal, whose errno stays there behind later reads.
 ssize_t read_next(void* texts, char* buffer, size_t /*size*/) {
   const char* text = *(*static_cast<const char***>(texts))++;
   errno = EINTR;

@@ -1,5 +1,4 @@
-// The base of the runtime: primitives, variable blocks, the end of the process, and calls that
-// wait instead of failing.
+// The base of the runtime: primitives, variable blocks, the end of the process, waits for memory.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <netdb.h>

@@ -1,5 +1,4 @@
-// The environment in UTF-8, where the plain locale is Latin-1, and the start of a program, each
-// time in a process of its own.
+// The environment in UTF-8 where the plain locale is Latin-1, and the start of a program.
 #include "liblocal/startup/vxinit.h"
 
 #include <gmock/gmock.h>

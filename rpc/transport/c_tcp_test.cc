@@ -92,8 +92,7 @@ TEST_F(TcpTest, WhatAnswersComeTo) {
   }
 }
 
-// Some of its bytes come within the limit; the others, beginning with zero bytes, while the next
-// call is written.
+// Some of its bytes come within the limit; the rest, zeros first, as the next call is written.
 TEST_F(TcpTest, ALateReplyIsDropped) {
   for (size_t in_time : {2U, 12U}) {
     SCOPED_TRACE(in_time);
