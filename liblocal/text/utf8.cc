@@ -128,7 +128,7 @@ int put_converted(const char* text, FILE* stream) {
     Utf8Progress done = ansi_mbs_part(converted, kPieceSize, text, piece);
     converted[done.written] = '\0';
     int result = done.consumed > 0 ? fputs(converted, stream) : EOF;
-    if (result < 0) return -1;
+    if (result == EOF) return -1;
     sum += result;
     text += done.consumed;
     left -= done.consumed;
@@ -178,7 +178,7 @@ int vxputs(const char* text) {
   if (!is_converted(stdout)) return puts(text);
   StreamLock lock(stdout);
   const int written = put_converted(text, stdout);
-  return written < 0 || fputs("\n", stdout) < 0 ? -1 : written + 1;
+  return written < 0 || fputs("\n", stdout) == EOF ? -1 : written + 1;
 }
 
 int ansi_fputs(const char* text, FILE* stream) { return fputs(text, stream); }

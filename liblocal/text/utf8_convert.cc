@@ -169,7 +169,7 @@ bool needs_conversion() { return Needs_conversion.load(std::memory_order_relaxed
 // not end within a character of UTF-8. Other bytes are characters of one byte.
 size_t fitting_length(const char* text, size_t length, size_t room) {
   if (length <= room) return length;
-  for (size_t back = 1; back < kUtf8MaxLength && back <= room; ++back) {
+  for (size_t back = 1; back <= std::min<size_t>(room, kUtf8MaxLength); ++back) {
     const size_t start = room - back;
     if (utf8_mblen(text + start, length - start) > static_cast<int>(back)) return start;
   }
@@ -229,7 +229,7 @@ size_t run_before_mbt(const char* text, size_t length) {
 bool pass_stopped(Conversion* conversion, iconv_t descriptor, int error) {
   if (conversion->out_left == 0 || error == ENOLCK) return false;
   const int length = utf8_mblen(conversion->in, conversion->in_left);
-  if (length < 0) {
+  if (length == -1) {
     conversion->copy(1);
     return true;
   }
@@ -347,8 +347,7 @@ size_t convert_whole(Convert convert, char* output, const char* input, size_t si
 }  // namespace
 
 size_t utf8_mbs(char* output, const char* input, size_t size) {
-  const size_t same = input == nullptr || needs_conversion() ? 0 : strlen(input);
-  return convert_whole(convert_in, output, input, size, same);
+  return convert_whole(convert_in, output, input, size, 0);
 }
 
 size_t ansi_mbs(char* output, const char* input, size_t size) {
@@ -391,7 +390,7 @@ int ansi_mbslen(const char* text) {
   int count = 0;
   for (; left > 0; ++count) {
     int length = mblen(text, left);
-    if (length < 0) return -1;
+    if (length == -1) return -1;
     text += length;
     left -= static_cast<size_t>(length);
   }

@@ -35,17 +35,17 @@ TEST(Utf8Convert, ByLocale) {
     std::string invalid, valid;  // bytes that are not valid in the codeset, and their text
   } cases[] = {
       {"", "A\xE9\x80\\~", "Aé\xC2\x80\\~", "", ""},
-      {"EUC-JISX0213", "\xC6\xFC a\x8E\xB1\xA4\xF7\\~\xA4\xAB", "日 aｱか゚\\~か", "a\xFF\xC6", "a??"},
+      {"EUC-JISX0213", "\xC6\xFC\xA4\xF7 a\x8E\xB1\\~\xA4\xAB", "日か゚ aｱ\\~か", "a\xFF\xC6", "a??"},
       {"SHIFT_JIS", "\x93\xFA\x96{a\xB1", "日本aｱ", "~\x93\xFA\x5C\x7E\xFFz", "‾日¥‾?z"},
       {"TCVN5712-1", "Vi\xD6t e", "Việt e", "\x01", "Ú"},
       {"UTF-8", "日本 é", "日本 é", "\xFF\xC3", "\xFF\xC3"}};
   for (const auto& on : cases) {
     in_locale(on.codeset, [&] {
-      EXPECT_EQ(in(on.ansi), on.utf8);
       EXPECT_EQ(out(on.utf8), on.ansi);
+      EXPECT_EQ(in(on.ansi), on.utf8);
       EXPECT_EQ(in(on.invalid), on.valid);
       EXPECT_EQ(in("again"), "again");  // no state is left
-      EXPECT_EQ(out(on.utf8 + "\xEF\xA3\xA9" + on.utf8), on.ansi + "\xE9" + on.ansi);
+      EXPECT_EQ(out(on.utf8 + "\xEF\xA3\xA9\xFF" + on.utf8), on.ansi + "\xE9\xFF" + on.ansi);
       EXPECT_EQ(out("\\~\x01 \xFF\xC0\x80 \x41"), "\\~\x01 \xFF\xC0\x80 \x41");
       EXPECT_EQ(out(on.utf8 + "\x01"), on.ansi + "\x01");  // ASCII stays behind a letter, too
     });
@@ -71,8 +71,9 @@ TEST(Utf8Convert, CutsToTheArea) {
       {"EUC-JISX0213", utf8_mbs, "ab\xFF\xC6z", 4, 3, "ab?"},  // one byte is left after a '?'
       {"EUC-JISX0213", utf8_mbs, "ab\xFF", 3, 3, "ab"},
       {"EUC-JISX0213", ansi_mbs, "かz", 2, 2, ""},  // か may combine, and is forgotten
-      {"EUC-JISX0213", ansi_mbs, "丂한q", 5, 4, "\x8F\xA1\xA2?"},
+      {"EUC-JISX0213", ansi_mbs, "丂한qq", 6, 5, "\x8F\xA1\xA2?q"},
       {"UTF-8", utf8_mbs, "a\xE6\x97\xE6\x97\xA5", 3, 2, "a\xE6"},
+      {"UTF-8", ansi_mbs, "é", 2, 2, ""},
       {"UTF-8", ansi_mbs, "日本", 6, 6, "日"}};
   for (const std::string codeset : {"", "EUC-JISX0213", "UTF-8"}) {
     in_locale(codeset, [&] {
@@ -124,6 +125,7 @@ TEST(Utf8Convert, TextOfThePlatform) {
     char output[16];
     EXPECT_EQ(vx_utf8tombts(output, "a日", sizeof output), 1);
     EXPECT_STREQ(output, "a\xEF\xA3\x86\xEF\xA3\xBC");
+    EXPECT_TRUE(Ansi_keeps_ascii);
     EXPECT_EQ(vx_utf8tombts(output, "", sizeof output), 0);
     EXPECT_EQ(ansi_mbslen(nullptr), 0);
     EXPECT_EQ(ansi_mbs(nullptr, "a", 2), 0U);
