@@ -71,7 +71,6 @@ TEST_F(CommandTest, CommandLines) {
     std::string datagram, out{}, err{};
   } rows[] = {
       {{}, "", "", kUsage},
-      {{"manager"}, sent},
       {{"manager", "2", "7", "9", "-cx", "private"},
        trap_message("disk full", "private", "020102 020107")},
       {{"manager", "-c", "private", "-c"}, trap_message("disk full", "private")},
@@ -85,9 +84,9 @@ TEST_F(CommandTest, CommandLines) {
       {{"-t", "abc", "-s", "-1", "-c", "", "manager"},
        trap_message("disk full", "public", "020100 0201FF")},
       {{"-f", "/run", "manager"}, trap_message("")},  // a directory cannot be read
-      {{"-f", "/no/such", "manager"}, "", "[41.25] file /no/such does not exist\n"},
+      {{"-f", "/no/such", "-d", "manager"}, "", "[41.25] file /no/such does not exist\n"},
       {{"-d", "-u", "1", "manager"}, sent, dump, "[41.26] Up time: 0\n"},
-      {{"manager", "-d"}, sent, dump},
+      {{"manager", "-d", "6"}, sent, dump},
       {{"-d", "a", "b"}, "", "", kUsage},
       {{"-d", "--", "--help"}, "", "", kUsage},
       {{"nowhere"}, "", "[41.27] Couldn't open snmp\n", "[41.23] unknown host: nowhere\n"},

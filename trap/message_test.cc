@@ -12,14 +12,14 @@
 namespace {
 
 TEST(WrapLine, BreaksAtWhiteSpace) {
-  const std::string a38(38, 'a'), a40(40, 'a'), a41(41, 'a'), b20(20, 'b'), c19(19, 'c');
+  const std::string a38(38, 'a'), a40(40, 'a'), b20(20, 'b'), c19(19, 'c');
   const std::string x42(42, 'x'), blanks(60, ' ');
-  const std::string rows[] = {a40, a40 + "\n", b20 + " " + c19, a38 + "\n" + b20, a41 + "\nb",
-                              a38 + "\n  " + b20, "\n" + blanks,
+  const std::string rows[] = {a40, a40 + "\n", b20 + " " + c19, a38 + "\nbbb " + b20,
+                              b20 + " " + b20 + "\nb", a38 + "\n  " + b20, "\n" + blanks,
                               // The next segment counts from its own start.
                               a38 + "\n" + a40,
                               // A word of more than 41 bytes is left whole.
-                              "one\n" + x42 + "\ntwo"};
+                              "one\n" + x42 + "\nx" + x42 + "\ntwo"};
   for (const std::string& wrapped : rows) {
     std::string line = wrapped;
     std::replace(line.begin(), line.end(), '\n', '\t');

@@ -43,30 +43,20 @@ TEST_F(StartupTest, FindsItsOrigin) {
   ASSERT_EQ(system("cd /startup; mkdir -p directory/kivtrap plain; touch plain/kivtrap;"
                    "ln -sf bin/kivtrap link"),
             0);
-  struct Row {
+  const struct {
     const char* argv0;
     std::string path;
     bool found;
-  };
-  const Row rows[] = {
-      {"/startup/../startup/bin/kivtrap", "PATH=/nowhere", true},
-      {"/startup/link", "PATH=", true},
+  } rows[] = {
+      {"/startup/../startup/link", "PATH=", true},
       {"kivtrap", "PATH=/x:/startup/plain:/startup/directory:/startup/bin:/x", true},
-      {"kivtrap", "PATH=/nowhere::/startup/plain", false},
-      {"kivtrap", "PATH=/startup" + std::string(1005, '/') + "bin", false}};
-  for (const Row& row : rows) {
+      {"kivtrap", "PATH=:/startup/plain:/startup" + std::string(1005, '/') + "bin", false},
+  };
+  for (const auto& row : rows) {
     const Outcome outcome = run(program, {row.argv0}, {row.path, "KIV_PRINT_ORIGIN=Q"});
     EXPECT_EQ(outcome.status, row.found ? 0 : 1) << row.path;
     EXPECT_EQ(outcome.err.starts_with(origin_line(row.argv0, "/startup/bin/")), row.found);
   }
-}
-
-TEST_F(StartupTest, RefusesHardLinksToItself) {
-  const std::string program = install("/startup/bin");
-  fs::create_hard_link(program, "/startup/bin/other");
-  const Outcome refused = run(program, {"/startup/bin/other", "manager"});
-  EXPECT_EQ(refused.err, "other: unable to execute with hard links to binary /startup/bin/other\n");
-  EXPECT_EQ(refused.status, 1);
 }
 
 TEST_F(StartupTest, LendsNoRightsToItsUser) {

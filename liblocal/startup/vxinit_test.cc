@@ -169,9 +169,10 @@ TEST_F(VxinitOnItsMachine, KeepsTheInstallationDirectory) {
   });
 }
 
-TEST(FindOrigin, RefusesATooLongName) {
+TEST(FindOrigin, RefusesLongNamesAndHardLinks) {
   const std::string name(1024, '/');
   EXPECT_EXIT((void)find_origin(name.c_str()), testing::ExitedWithCode(111), "^$");
+  EXPECT_EXIT((void)find_origin("/proc"), testing::ExitedWithCode(1), "links to binary /proc\n$");
 }
 
 class VxidsOnItsMachine : public MachineTest {
