@@ -12,8 +12,8 @@
 
 namespace machine {
 
-constexpr timeval kLong = {20, 0};  // nothing waits so long
-constexpr uint16_t kNobody = 9;     // a port
+constexpr timeval kLong = {20, 999999};  // nothing waits so long
+constexpr uint16_t kNobody = 9;          // a port
 enum Transport { kUdp, kTcp };
 
 // What calls come to, and why no client is made.

@@ -46,9 +46,9 @@ TEST_F(BindTest, WithoutRangesTheSystemChooses) {
 }
 
 TEST_F(BindTest, EveryPortOfTheRangesIsFound) {
-  auto add_range = [] { EXPECT_EQ(rpcport_add_range(40000, 40002, 2), 0); };
+  auto add_range = [] { EXPECT_EQ(rpcport_add_range(40000, 40001, 2), 0); };
   EXPECT_EQ(printed(8, add_range),
-            "kivtrap: Adding range 40000-40002 to \"reserved\" port type.\n");
+            "kivtrap: Adding range 40000-40001 to \"reserved\" port type.\n");
   EXPECT_EQ(rpcport_add_range(50000, 50000, kPortReserved), 0);
   EXPECT_EQ(rpcport_add_range(0, 2, kPortReserved), -1);
   for (int type : {-1, 3}) {
@@ -57,12 +57,12 @@ TEST_F(BindTest, EveryPortOfTheRangesIsFound) {
     EXPECT_EQ(bind_new(type), -EINVAL);
   }
   EXPECT_EQ(rpcport_add_range(3, 2, kPortReserved), -1);
-  EXPECT_EQ(rpcport_count(kPortReserved), 4);
+  EXPECT_EQ(rpcport_count(kPortReserved), 3);
   EXPECT_THAT(debug_lines(3, kPortReserved, &kElsewhere),
               testing::EndsWith(", (errno 99) Cannot assign requested address\n"));
   std::set<int> found;
   for (int i = 0; i < 4; ++i) found.insert(bind_new(kPortReserved));
-  EXPECT_THAT(found, testing::ElementsAre(40000, 40001, 40002, 50000));
+  EXPECT_THAT(found, testing::ElementsAre(-EADDRNOTAVAIL, 40000, 40001, 50000));
 }
 
 TEST_F(BindTest, ManyPortsAreTriedAtRandomFirst) {

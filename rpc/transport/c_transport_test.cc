@@ -90,7 +90,6 @@ TEST_P(TransportTest, KnowsItsControlRequests) {
     EXPECT_THAT(known, ElementsAre(1, 2, 3, 4, 5, 6, 8, 9, 27, 29));
     EXPECT_THAT(without_information, ElementsAre());
   }
-  control(CLSET_FD_CLOSE, information);
 }
 
 TEST_P(TransportTest, RefreshAndFallback) {
@@ -103,10 +102,11 @@ TEST_P(TransportTest, RefreshAndFallback) {
     bool confirmed = false;
     uint32_t allowed = kAuthMethodsDefault;  // only TCP has it
   } rows[] = {{99, kTooWeak, 9, 3, 99},      // two refreshes at most
-              {kAuthSystem, kRejected, 9, 2, kAuthNone},
+              {30013, kRejected, 9, 3, kAuthNone},
               {kAuthSystem, kRejected, 1, 2, kAuthSystem, true},
-              {kAuthSystem, kVersion2, 0, 2, kAuthNone},
-              {6, kRejected, 0, 3, kAuthNone},  // by way of system
+              {30001, kVersion2, 0, 3, kAuthNone},  // by way of system
+              {6, kRejected, 0, 2, kAuthNone, false, kAuthMethodsNone},
+              {99, kAccepted, 9, 1, 99},  // results that cannot be decoded
               {kAuthSystem, kRejected, 9, 1, -1, false, kAuthMethodsSystem}};
   for (auto row : rows) {
     if (!is_tcp() && row.allowed != kAuthMethodsDefault) continue;
@@ -192,23 +192,24 @@ TEST_P(TransportTest, DestroyClosesASocketOfItsOwn) {
 TEST_P(TransportTest, NeedsMemory) {
   const int next = dup(0);
   close(next);
+  EXPECT_EQ(create(kNobody, 65536), kSystemError + "Too many open files\n");
+  create();  // over TCP in vain
   serve();
-  destroy();
   const long before = pieces_held();
   refuse_each_allocation([this](const FailingMalloc& memory) {
     const std::string reason = create(server_->port());
     EXPECT_EQ(reason, memory.failed() ? kSystemError + "Cannot allocate memory\n" : "");
   });
+  EXPECT_EQ(pieces_held(), before);  // of one client each
   TearDown();
-  EXPECT_EQ(pieces_held(), before);
   EXPECT_EQ(dup(0), next);
   close(next);
 }
 
 TEST_P(TransportTest, FailsWithoutADescriptor) {
-  for (int i = 0; i < 2; ++i) EXPECT_EQ(__brix_rpc_dtablesize(), std::min(getdtablesize(), 65536));
-  EXPECT_EQ(create(kNobody, 65536), kSystemError + "Too many open files\n");
+  EXPECT_EQ(__brix_rpc_dtablesize(), std::min(getdtablesize(), 65536));
   const DescriptorLimit none(0);
+  EXPECT_NE(__brix_rpc_dtablesize(), 0);  // the first answer is kept
   EXPECT_EQ(create(), kSystemError + "Too many open files\n");
 }
 
@@ -253,7 +254,7 @@ TEST_F(UdpTest, IntervalsEndWithTheLimit) {
   const struct {
     timeval interval, limit;
     int waits;
-  } rows[] = {{{5, 0}, {25, 0}, 5}, {{0, 1600000}, {3, 200001}, 3}, {{7, 0}, {0, 0}, 0}};
+  } rows[] = {{{5, 0}, {25, 0}, 5}, {{0, 2000000}, {4, 1}, 3}, {{7, 0}, {0, 0}, 0}};
   for (auto row : rows) {
     control(CLSET_RETRY_TIMEOUT, &row.interval);
     control(CLSET_TIMEOUT, &row.limit);
