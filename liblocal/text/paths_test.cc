@@ -76,6 +76,7 @@ TEST(Utf8Files, LinksAreRead) {
     EXPECT_EQ(utf8_readlink(".", buffer, 8), -1);
     const fakes::FailingMalloc none(0);
     EXPECT_EQ(utf8_readlink("link", buffer, 8), -1);
+    EXPECT_EQ(utf8_link("link", "other"), -1);
   });
 }
 

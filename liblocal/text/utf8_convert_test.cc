@@ -47,6 +47,8 @@ TEST(Utf8Convert, ByLocale) {
       EXPECT_EQ(in("again"), "again");  // no state is left
       EXPECT_EQ(out(on.utf8 + "\xEF\xA3\xA9\xFF" + on.utf8), on.ansi + "\xE9\xFF" + on.ansi);
       EXPECT_EQ(out("\\~\x01 \xFF\xC0\x80 \x41"), "\\~\x01 \xFF\xC0\x80 \x41");
+      EXPECT_TRUE(ansi_is_same("a", 1));
+      EXPECT_TRUE(utf8_is_same("a", 1));
       EXPECT_EQ(out(on.utf8 + "\x01"), on.ansi + "\x01");  // ASCII stays behind a letter, too
     });
   }
@@ -87,7 +89,8 @@ TEST(Utf8Convert, CutsToTheArea) {
 
 TEST(Utf8Convert, PlainTextOpensNoConverter) {
   fakes::codeset = "none that there is";
-  EXPECT_EQ(in("plain }\t\r") + out("plain\\~ \xEF\xA3\xA9!"), "plain }\t\rplain\\~ \xE9!");
+  EXPECT_EQ(converted(utf8_mbs, "plain }\t\r", 10).second + out("plain\\~ \xEF\xA3\xA9!"),
+            "plain }\t\rplain\\~ \xE9!");
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(in("\\"), testing::ExitedWithCode(1), "^Function 'iconv_open' failed for ANSI to");
   EXPECT_EXIT(out("é"), testing::ExitedWithCode(1), "^Function 'iconv_open' failed for UTF-8 to");
