@@ -125,7 +125,7 @@ TEST_F(SessionTest, OpensWithDefaultsAndItsOwnTexts) {
   wanted.retries = -1;
   wanted.timeout = -1;
   const snmp_session* session = open();
-  EXPECT_STREQ(session->peer_name, "manager");
+  EXPECT_STREQ(session->peer_name, "manager");  // a copy: closing frees it
   EXPECT_EQ(session->retries, 4);
   EXPECT_EQ(session->timeout, 1000000);
   EXPECT_EQ(ntohs(Sessions->state->peer_address.sin_port), 10161);
@@ -137,7 +137,7 @@ TEST_F(SessionTest, ClosesOnce) {
   EXPECT_NE(Reqid, 0);
   const int socket = Sessions->state->socket;
   EXPECT_EQ(snmp_close(session), 1);
-  EXPECT_ANY_THROW(port_of(socket));
+  EXPECT_ANY_THROW(port_of(socket)) << "it is closed";
   EXPECT_EQ(snmp_close(session), 0);
   EXPECT_EQ(snmp_errno, -4);
 }

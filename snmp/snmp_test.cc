@@ -115,7 +115,7 @@ TEST(SnmpMessage, WithAMalformedItemItIsMangled) {
   expect_mangled(response("\x05"));  // no binding
   expect_mangled(message(response_pdu(""), std::string(128, 'c')));
   // An agent address of 3 bytes.
-  expect_mangled(message(from_hex("A414 06012B 40030A0102 020101 020101 430101 3000")));
+  expect_mangled(message(from_hex("A413 06012B 40030A0102 020101 020101 430101 3000")));
 }
 
 TEST(SnmpMessage, WithAWrongTagOrLengthItIsMangled) {

@@ -25,7 +25,7 @@ class FailingMalloc {
   bool failed() const;
 };
 
-/// Calls `work(const FailingMalloc&)` with the first allocation refused, then with the second...
+/// Calls `work(const FailingMalloc&)` with one allocation after the other refused, then none.
 inline void refuse_each_allocation(auto work) {
   bool refused = true;
   for (int granted = 0; refused; ++granted) {

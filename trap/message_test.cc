@@ -29,7 +29,7 @@ TEST(WrapLine, BreaksAtWhiteSpace) {
   }
 }
 
-// Reads the next text. A null one is a signal, whose errno stays there behind later reads.
+// Reads the next text; a null one is a signal. Behind every read errno is that of a signal.
 ssize_t read_next(void* texts, char* buffer, size_t /*size*/) {
   const char* text = *(*static_cast<const char***>(texts))++;
   errno = EINTR;

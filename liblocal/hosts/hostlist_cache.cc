@@ -42,7 +42,7 @@ host_entry* take_entry(hostlist_cache* cache) {
 bool extend_around(hostlist_cache* cache, host_entry* host) {
   const uint32_t state = host->state;
   host->state = HOST_PINNED;
-  hostlist_cache_extend(cache);  // without memory the slots that are left still serve
+  (void)hostlist_cache_extend(cache);  // without memory the slots that are left still serve
   host->state = state;
   return free_slots(cache) > 0;
 }
@@ -69,17 +69,18 @@ int32_t maximum_of(const hostlist_limits* limits) {
   return std::clamp(maximum, limits->least_maximum, INT32_MAX - limits->step);
 }
 
-// Adds a step of slots, if there is memory for it.
-void grow(hostlist_cache* cache) {
+// Adds a step of slots.
+bool grow(hostlist_cache* cache) {
   const int32_t step = cache->limits->step;
   const size_t capacity = static_cast<size_t>(cache->capacity) + static_cast<size_t>(step);
   void* larger = realloc(cache->table, capacity * sizeof(void*));
   if (larger == nullptr) {
     no_memory();
-    return;
+    return false;
   }
   cache->table = static_cast<host_entry**>(larger);
   cache->capacity += step;
+  return true;
 }
 
 // Drops hosts in the order of the table until enough entries are stale for the reserve: those
@@ -207,15 +208,13 @@ void hostlist_cache_purge(hostlist_cache* cache, uint32_t state) {
   }
 }
 
-void hostlist_cache_extend(hostlist_cache* cache) {
+bool hostlist_cache_extend(hostlist_cache* cache) {
   hostlist_cache_purge(cache, HOST_STALE);
-  if (free_slots(cache) >= cache->limits->reserve) return;
+  if (free_slots(cache) >= cache->limits->reserve) return true;
   if (cache->maximum_capacity == 0) cache->maximum_capacity = maximum_of(cache->limits);
-  if (cache->capacity < cache->maximum_capacity) {
-    grow(cache);
-  } else {
-    hostlist_cache_trim(cache);
-  }
+  if (cache->capacity < cache->maximum_capacity) return grow(cache);
+  hostlist_cache_trim(cache);
+  return true;
 }
 
 void hostlist_cache_trim(hostlist_cache* cache) {

@@ -114,8 +114,8 @@ void hostlist_cache_drop_host(hostlist_cache* cache, host_entry* entry);
 void hostlist_cache_purge(hostlist_cache* cache, uint32_t state);
 
 /// Purges stale entries. When fewer slots than the reserve are free then, grows the table by a
-/// step, if there is memory for that, or at the maximum capacity trims it.
-void hostlist_cache_extend(hostlist_cache* cache);
+/// step or, at the maximum capacity, trims it. Returns false when there was no memory to grow.
+[[nodiscard]] bool hostlist_cache_extend(hostlist_cache* cache);
 
 /// Evicts hosts, in the order of the table, until the reserve is free: expired hosts first,
 /// then any. The local host and pinned hosts are never evicted.

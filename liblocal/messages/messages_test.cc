@@ -176,7 +176,7 @@ TEST(DebugFile, TakesTheLines) {
   EXPECT_EQ(machine::read_file(path), "kivtrap: dfopen: Opened file " + path +
                                           " for dprintf writing.\nkivtrap: unbuffered\n");
   EXPECT_EQ(debug_descriptor(), fileno(dfopen_filehndl()));
-  dfopen("/no/where");
+  dfopen("/no/where");  // closes the last one
   EXPECT_EQ(dfopen_filehndl(), nullptr);
   EXPECT_EQ(debug_descriptor(), STDERR_FILENO);
 }

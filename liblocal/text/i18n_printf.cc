@@ -143,9 +143,8 @@ char last_letter(const I18nConversion& conversion) {
   return conversion.letters[conversion.letters[1] != '\0' ? 1 : 0];
 }
 
-// Whether the conversion is complete, its width is possible, and the platform takes its
-// argument for what it is. Where the platform would take it for a pointer, or from another
-// place of the list, nothing is printed.
+// Whether the conversion is complete and the platform takes its argument for what it is. Where
+// the platform would take it for a pointer, or from another place of the list, nothing is printed.
 bool suits_platform(const I18nConversion& conversion) {
   const char last = last_letter(conversion);
   const auto is_one_of = [last](std::string_view set) { return set.find(last) != set.npos; };
@@ -191,6 +190,7 @@ bool print_plain_integer(Output* output, const I18nConversion& conversion) {
 
 // Two signs, the flags, two numbers of up to 11 and 10 digits, and the letters.
 constexpr size_t kSubFormatSize = 64;
+static_assert(kSubFormatSize >= 23 + sizeof I18nConversion::flags + sizeof I18nConversion::letters);
 
 // Writes the conversion as the platform is to read it.
 void write_sub_format(const I18nConversion& conversion, char (&format)[kSubFormatSize]) {

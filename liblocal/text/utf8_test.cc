@@ -114,8 +114,9 @@ TEST(ConvertedStream, ALineInTransparentBytes) {
   EXPECT_EQ(vx_fgetmbts(buffer, 2, file), nullptr);
   EXPECT_EQ(errno, ERANGE);  // it does not fit
   EXPECT_EQ(vx_fgetmbts(buffer, sizeof buffer, file), nullptr);
-  utf8_fp(file);  // the mark goes with the stream
+  utf8_fp(file);
   vxfclose(file);
+  EXPECT_THAT(pieces_of("\xE9"), ElementsAre("é"));  // the mark went with the stream
 }
 
 // What one read of a device gives: some bytes, or an error.
@@ -195,7 +196,7 @@ TEST(StandardOutput, AFullDiskIsAnError) {
 }
 
 TEST(Utf8Marks, TenDescriptorsAtATime) {
-  utf8_fd(0);
+  utf8_fd(0);  // takes one place, however often
   for (int descriptor = 0; descriptor <= 110; descriptor += 11) utf8_fd(descriptor);
   EXPECT_FALSE(utf8_is_marked(110));
   vxclose(44);

@@ -76,7 +76,7 @@ TEST_F(AuthSystem, BoundsItsParameters) {
 }
 
 TEST_F(AuthSystem, UsesAShortCredential) {
-  for (int i = 0; i < 2; ++i) EXPECT_TRUE(validate(2));
+  for (int i = 0; i < 2; ++i) EXPECT_TRUE(validate(2));  // a short credential
   EXPECT_EQ(marshalled(auth_.get()), "0000000200000003414243000000000000000000");
   now = 0x76543211;
   EXPECT_TRUE(refresh());
