@@ -127,7 +127,7 @@ TEST(Mbt, NullsAndAreasThatAreTooSmall) {
   EXPECT_EQ(vx_mbtstombs(nullptr, "a", 5), 0);
   EXPECT_EQ(vx_mbtstombs(output, nullptr, 5), 0);
   EXPECT_EQ(containsMBT(nullptr), 0);
-  for (size_t size : {0, 1, 2}) EXPECT_EQ(vx_mbtstombs(output, "ab", size), 0);
+  for (size_t size : {0U, 1U, 2U}) EXPECT_EQ(vx_mbtstombs(output, "ab", size), 0);
 }
 
 TEST(Mbt, OtherBytesAreNotRestored) {
