@@ -156,7 +156,7 @@ bool join(const char* directory, const char* name, char* output, size_t size) {
     trace(1, "%s%c%s path is too long\n", directory, '/', name);
     return false;
   }
-  memmove(output, directory, length);
+  memmove(output, directory, length + 1);
   if (slash != 0) output[length] = '/';
   memcpy(output + length + slash, name, name_length + 1);
   return true;
