@@ -38,7 +38,9 @@ I18nKind kind_of(const char* letters) {
 }
 
 void make_absent(I18nKind kind, I18nValue* value) {
-  memset(value, 0, sizeof *value);  // every kind of number
+  if (is_integer(kind)) value->integer = 0;
+  if (kind == I18nKind::kDouble) value->real = 0;
+  if (kind == I18nKind::kLongDouble) value->extended = 0;
   if (kind == I18nKind::kString) value->text = kAbsentText;
 }
 
