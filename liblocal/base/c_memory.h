@@ -14,7 +14,7 @@ struct CFree {
 template <typename T>
 using c_unique_ptr = std::unique_ptr<T, CFree>;
 
-/// A new zeroed T, or null without memory. It calls malloc, which reuses small pieces twice as
+/// A new T{}, or null without memory. It calls malloc, which reuses small pieces twice as
 /// fast as calloc: a program that sends many traps feels it.
 template <typename T>
 [[nodiscard]] T* c_new() {

@@ -10,7 +10,7 @@
 #include "liblocal/base/vx_error.h"
 #include "liblocal/base/vx_reference.h"
 
-/// A zeroed object that begins with a vx_object_header; null with ENOMEM recorded.
+/// A new T{} that begins with a vx_object_header; null with ENOMEM recorded.
 template <typename T>
 [[nodiscard]] c_unique_ptr<T> _vx_object_allocate() {
   c_unique_ptr<T> object(c_new<T>());

@@ -206,7 +206,7 @@ TEST_F(NameTest, ClientsAreKnownForAnHourOrForEver) {
   EXPECT_EQ(owned(get_primaryclientname("ever")), "ever");
 }
 
-TEST(LookUps, FindNothingWithoutAKey) {
+TEST(LookUps, NeedAKey) {
   EXPECT_EQ(vx_ts_gethostbyname(nullptr), nullptr);
   EXPECT_EQ(vx_ts_gethostbyaddr(nullptr, 4, AF_INET), nullptr);
   EXPECT_EQ(vx_ts_getprotobyname(nullptr), nullptr);

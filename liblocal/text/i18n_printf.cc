@@ -197,8 +197,9 @@ void write_sub_format(const I18nConversion& conversion, char (&format)[kSubForma
   char* at = format;
   *at++ = '%';
   at += text_copy({conversion.flags, conversion.flag_count}, at, sizeof conversion.flags);
-  if (conversion.width != kI18nUnset)
+  if (conversion.width != kI18nUnset) {
     at = std::to_chars(at, std::end(format), conversion.width).ptr;
+  }
   if (conversion.precision != kI18nUnset) {
     *at++ = '.';
     at = std::to_chars(at, std::end(format), conversion.precision).ptr;
