@@ -216,6 +216,12 @@ TEST(SnmpPdu, FixLeavesOutTheBindingInError) {
   EXPECT_EQ(fixed(1, 1), nullptr) << "none is left";
 }
 
+TEST(SnmpPdu, NamesItsErrorStatus) {
+  EXPECT_STREQ(snmp_errstring(0), "No Error");
+  EXPECT_STREQ(snmp_errstring(5), "A general failure occured");
+  for (int32_t unknown : {-1, 6}) EXPECT_STREQ(snmp_errstring(unknown), "Unknown Error");
+}
+
 TEST(SnmpPdu, IsWholeOrNotMadeWithoutMemory) {
   for (const std::string& bytes : {kTrap, response(binding("06022B06") + binding("020105"))}) {
     auto make = [&](const fakes::FailingMalloc& failing) {

@@ -18,6 +18,8 @@
 #include <set>
 #include <string>
 
+#include "liblocal/messages/catgets.h"
+
 namespace {
 
 std::atomic<int> grants_left = INT_MAX, refusals_left = 0;
@@ -74,27 +76,25 @@ using namespace fakes;
 
 // The names that the linker's --wrap gives to what is called and to the real one.
 extern "C" {
-void* __real_malloc(size_t size);
-void* __real_calloc(size_t count, size_t size);
-void* __real_realloc(void* memory, size_t size);
-char* __real_strdup(const char* text);
-void __real_free(void* memory);
-void* __real_mmap(void* at, size_t size, int access, int flags, int file, off_t offset);
-int __real_munmap(void* memory, size_t size);
-int __real_connect(int socket, const sockaddr* address, socklen_t length);
-ssize_t __real_readv(int descriptor, const iovec* buffers, int count);
-ssize_t __real_recv(int socket, void* buffer, size_t size, int flags);
-ssize_t __real_sendmsg(int socket, const msghdr* message, int flags);
-int __real_ppoll(pollfd* polled, nfds_t count, const timespec* timeout, const sigset_t* mask);
-int __real_select(int count, fd_set* in, fd_set* out, fd_set* exceptional, timeval* timeout);
-int __real_nanosleep(const timespec* pause, timespec* left);
-time_t __real_time(time_t* result);
-int __real_gethostbyname_r(const char* name, hostent* entry, char* text, size_t size,
-                           hostent** result, int* error);
-int __real_ioctl(int descriptor, unsigned long request, ...);
-char* __real_nl_langinfo(nl_item item);
-const char* __real__Z9vxcatgetsliiPKc(int64_t catalog, int32_t set, int32_t number,
-                                      const char* text);
+decltype(malloc) __real_malloc;
+decltype(calloc) __real_calloc;
+decltype(realloc) __real_realloc;
+decltype(strdup) __real_strdup;
+decltype(free) __real_free;
+decltype(mmap) __real_mmap;
+decltype(munmap) __real_munmap;
+decltype(connect) __real_connect;
+decltype(readv) __real_readv;
+decltype(recv) __real_recv;
+decltype(sendmsg) __real_sendmsg;
+decltype(ppoll) __real_ppoll;
+decltype(select) __real_select;
+decltype(nanosleep) __real_nanosleep;
+decltype(time) __real_time;
+decltype(gethostbyname_r) __real_gethostbyname_r;
+decltype(ioctl) __real_ioctl;
+decltype(nl_langinfo) __real_nl_langinfo;
+decltype(vxcatgets) __real__Z9vxcatgetsliiPKc;
 
 void* __wrap_malloc(size_t size) { return grant() ? hold(__real_malloc(size)) : nullptr; }
 void* __wrap_calloc(size_t count, size_t size) {
@@ -131,11 +131,9 @@ int __wrap_connect(int socket, const sockaddr* address, socklen_t length) {
 ssize_t __wrap_readv(int descriptor, const iovec* buffers, int count) {
   return is_refused(reads) ? -1 : __real_readv(descriptor, buffers, count);
 }
-
 ssize_t __wrap_recv(int socket, void* buffer, size_t size, int flags) {
   return is_refused(reads) ? -1 : __real_recv(socket, buffer, size, flags);
 }
-
 ssize_t __wrap_sendmsg(int socket, const msghdr* message, int flags) {
   return is_refused(writes) ? -1 : __real_sendmsg(socket, message, flags);
 }

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "rpc/transport/common.h"
 #include "rpc/transport/tcp_record.h"
@@ -165,12 +166,10 @@ bool may_retry(Transfer* transfer) {
   return means_waiting(errno) ? wait_until_ready(transfer) : fail(*transfer, errno);
 }
 
-int64_t take_pending(TcpRecord* record, void* buffer, uint32_t length) {
-  uint32_t taken = std::min(length, record->pending_length);
-  memcpy(buffer, record->pending, taken);
-  record->pending_length -= taken;
-  memmove(record->pending, record->pending + taken, record->pending_length);
-  return taken;
+// Moves the input that was read ahead to `buffer`, where a record stream always has room for it.
+int64_t take_pending(TcpRecord* record, void* buffer) {
+  memcpy(buffer, record->pending, record->pending_length);
+  return std::exchange(record->pending_length, 0U);
 }
 
 // Reads once there is something. Returns 0 or less with the error set when it fails, also at
@@ -244,7 +243,7 @@ int64_t tcp_read(void* transport, void* buffer, uint32_t length, void* second,
   auto* record = static_cast<TcpRecord*>(transport);
   Transfer transfer = {record, false, {}};
   if (!begin(transfer)) return -1;
-  int64_t got = take_pending(record, buffer, length);
+  int64_t got = take_pending(record, buffer);
   if (got == 0) {
     const bool scatter = second != nullptr && rpc_get_io_switches().scatter_reads;
     const iovec buffers[2] = {{buffer, length}, {second, second_length}};

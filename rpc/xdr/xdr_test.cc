@@ -76,6 +76,8 @@ TEST(Xdr, CarriesBytesAndStrings) {
     expect_carried<char*>(kString, hex);
     expect_carried<Counted>(kCounted, hex, {nullptr, 0, 4});
   }
+  char* none = nullptr;
+  EXPECT_EQ(encoded(kString, &none), "00000000");
 }
 
 TEST(Xdr, DecodesIntoMemoryOfTheCaller) {
