@@ -18,42 +18,42 @@
 #include "snmp/snmp_session.h"
 
 // Codes left in snmp_errno.
-constexpr int kSnmpErrGeneric = -1;         ///< no socket, memory, message or send
-constexpr int kSnmpErrBadLocalPort = -2;    ///< the local port cannot be bound
-constexpr int kSnmpErrUnknownHost = -3;     ///< unknown peer, or no peer at all
-constexpr int kSnmpErrUnknownSession = -4;  ///< not an open session
+constexpr int kSnmpErrGeneric = -1;         //!< no socket, memory, message or send
+constexpr int kSnmpErrBadLocalPort = -2;    //!< the local port cannot be bound
+constexpr int kSnmpErrUnknownHost = -3;     //!< unknown peer, or no peer at all
+constexpr int kSnmpErrUnknownSession = -4;  //!< not an open session
 
 /// A request that waits for its response.
 struct request_record {
-  request_record* next;  ///< the request sent before this one, or null
-  long request_id;       ///< as the PDU carries it
-  int32_t retries;       ///< sends so far
-  long timeout;          ///< microseconds, current value
-  timeval sent_at;       ///< last send
-  timeval expires_at;    ///< sent_at + timeout
-  snmp_pdu* pdu;         ///< owned
-  bool busy;             ///< the callback has it, or had it: freed when no round is under way
+  request_record* next;  //!< the request sent before this one, or null
+  long request_id;       //!< as the PDU carries it
+  int32_t retries;       //!< sends so far
+  long timeout;          //!< microseconds, current value
+  timeval sent_at;       //!< last send
+  timeval expires_at;    //!< sent_at + timeout
+  snmp_pdu* pdu;         //!< owned
+  bool busy;             //!< the callback has it, or had it: freed when no round is under way
 };
 
 /// The engine's side of an open session.
 struct session_state {
-  int socket;                ///< -1 before it is opened and after snmp_close
-  sockaddr_in peer_address;  ///< all zero without a peer
-  request_record* requests;  ///< newest first
+  int socket;                //!< -1 before it is opened and after snmp_close
+  sockaddr_in peer_address;  //!< all zero without a peer
+  request_record* requests;  //!< newest first
 };
 
 /// One open session.
 struct session_entry {
-  session_entry* next;         ///< the session opened before this one, or null
-  snmp_session* session;       ///< what snmp_open returned
-  session_state* state;        ///< the engine's side
-  session_entry* next_closed;  ///< after snmp_close in a callback: until its round ends
+  session_entry* next;         //!< the session opened before this one, or null
+  snmp_session* session;       //!< what snmp_open returned
+  session_state* state;        //!< the engine's side
+  session_entry* next_closed;  //!< after snmp_close in a callback: until its round ends
 };
 
-extern session_entry* Sessions;  ///< open sessions, newest first
-extern long Reqid;               ///< last request id given out; 0 until seeded
-extern int snmp_errno;           ///< code of the last failure
-extern int snmp_dump_packet;     ///< non-zero: dump every packet on standard output
+extern session_entry* Sessions;  //!< open sessions, newest first
+extern long Reqid;               //!< last request id given out; 0 until seeded
+extern int snmp_errno;           //!< code of the last failure
+extern int snmp_dump_packet;     //!< non-zero: dump every packet on standard output
 
 /// Opens a session as `session_template` asks, which is not used after the call. Returns
 /// the session's own copy, released with snmp_close, or null with snmp_errno set and the

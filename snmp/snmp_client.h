@@ -15,13 +15,13 @@ constexpr int kSnmpSynchTimeout = 2;
 
 /// What the one synchronous request waits for, and what it got.
 struct synch_state {
-  int waiting;         ///< 1 until its response or its time-out
-  int status;          ///< one of the results above
-  int32_t request_id;  ///< what snmp_send returned
-  snmp_pdu* response;  ///< a copy of the response, or null
+  int waiting;         //!< 1 until its response or its time-out
+  int status;          //!< one of the results above
+  int32_t request_id;  //!< what snmp_send returned
+  snmp_pdu* response;  //!< a copy of the response, or null
 };
 
-extern synch_state snmp_synch_state;  ///< for the callback that snmp_synch_setup sets
+extern synch_state snmp_synch_state;  //!< for the callback that snmp_synch_setup sets
 
 /// Makes `session` one for synchronous requests: sets its callback and its callback argument.
 /// Returns the state that they use.

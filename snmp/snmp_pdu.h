@@ -29,38 +29,38 @@ constexpr uint8_t kSnmpOpaque = 0x44;
 
 /// One variable binding.
 struct snmp_var {
-  snmp_var* next;       ///< next binding of the list, or null
-  uint64_t* name;       ///< owned: the variable's object identifier
-  int32_t name_length;  ///< sub-identifiers in `name`
-  uint8_t type;         ///< tag of the value
+  snmp_var* next;       //!< next binding of the list, or null
+  uint64_t* name;       //!< owned: the variable's object identifier
+  int32_t name_length;  //!< sub-identifiers in `name`
+  uint8_t type;         //!< tag of the value
   /// Owned: one long for integers, the bytes of strings, the sub-identifiers of object
   /// identifiers; null for NULL and, when received, for an empty string and an unknown type. A
   /// Counter, Gauge or TimeTicks above 2147483647 is negative here when its sender left out the
   /// leading zero byte: a cast to uint32_t gives its number.
   void* value;
-  int32_t value_length;  ///< bytes at `value`
+  int32_t value_length;  //!< bytes at `value`
 };
 
 /// One PDU. Fields of the other form (request or trap) are not looked at.
 struct snmp_pdu {
-  sockaddr_in address;  ///< destination (address 0: the session's peer), or the sender
-  int32_t command;      ///< PDU tag
-  long request_id;      ///< requests and responses; 0 is replaced by a new one
-  long error_status;    ///< 0 to 5, as snmp_errstring names them
-  long error_index;     ///< 1-based position of the binding in error
+  sockaddr_in address;  //!< destination (address 0: the session's peer), or the sender
+  int32_t command;      //!< PDU tag
+  long request_id;      //!< requests and responses; 0 is replaced by a new one
+  long error_status;    //!< 0 to 5, as snmp_errstring names them
+  long error_index;     //!< 1-based position of the binding in error
 
-  uint64_t* enterprise;       ///< owned; this and the rest up to `time_stamp`: traps only
-  int32_t enterprise_length;  ///< sub-identifiers in `enterprise`
-  in_addr_t agent_address;    ///< network byte order
-  long generic_trap;          ///< 0 (coldStart) to 6 (enterpriseSpecific)
-  long specific_trap;         ///< the enterprise's code
-  unsigned long time_stamp;   ///< hundredths of a second
+  uint64_t* enterprise;       //!< owned; this and the rest up to `time_stamp`: traps only
+  int32_t enterprise_length;  //!< sub-identifiers in `enterprise`
+  in_addr_t agent_address;    //!< network byte order
+  long generic_trap;          //!< 0 (coldStart) to 6 (enterpriseSpecific)
+  long specific_trap;         //!< the enterprise's code
+  unsigned long time_stamp;   //!< hundredths of a second
 
-  snmp_var* variables;  ///< owned, in wire order
+  snmp_var* variables;  //!< owned, in wire order
 };
 
-extern const uint64_t default_enterprise[9];  ///< for a trap without an enterprise
-extern const char* const error_string[6];     ///< texts by error status
+extern const uint64_t default_enterprise[9];  //!< for a trap without an enterprise
+extern const char* const error_string[6];     //!< texts by error status
 
 /// A new zeroed PDU of `command` with error status and error index -1. Returns
 /// null without memory. The caller releases it with snmp_free_pdu.

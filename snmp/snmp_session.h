@@ -36,14 +36,14 @@ using snmp_callback = int (*)(int operation, snmp_session* session, int32_t requ
 /// and peer name. A new record asks for every default: give it the fields that differ.
 /// REQUIRES: a program that clears the record itself (memset) sets `retries` and `timeout`.
 struct snmp_session {
-  uint8_t* community = nullptr;           ///< bytes, without terminator
-  int32_t community_length = 0;           ///< 0 in the template selects "public"
-  int32_t retries = kSnmpDefaultRetries;  ///< sends before a request times out; -1 selects 4
-  long timeout = kSnmpDefaultTimeout;     ///< microseconds to the first repeat; -1: 1000000
-  char* peer_name = nullptr;              ///< host name or dotted address; null: no peer
-  uint16_t remote_port = 0;               ///< host order; 0: service "snmp"/"udp", or 161
-  uint16_t local_port = 0;                ///< host order; 0: the system chooses
-  snmp_auth_hook auth_hook = nullptr;     ///< or null
-  snmp_callback callback = nullptr;       ///< or null
-  void* callback_arg = nullptr;           ///< passed to `callback`
+  uint8_t* community = nullptr;           //!< bytes, without terminator
+  int32_t community_length = 0;           //!< 0 in the template selects "public"
+  int32_t retries = kSnmpDefaultRetries;  //!< sends before a request times out; -1 selects 4
+  long timeout = kSnmpDefaultTimeout;     //!< microseconds to the first repeat; -1: 1000000
+  char* peer_name = nullptr;              //!< host name or dotted address; null: no peer
+  uint16_t remote_port = 0;               //!< host order; 0: service "snmp"/"udp", or 161
+  uint16_t local_port = 0;                //!< host order; 0: the system chooses
+  snmp_auth_hook auth_hook = nullptr;     //!< or null
+  snmp_callback callback = nullptr;       //!< or null
+  void* callback_arg = nullptr;           //!< passed to `callback`
 };

@@ -14,14 +14,14 @@
 #include "liblocal/base/text_sizes.h"
 #include "liblocal/base/varp.h"
 
-constexpr size_t kDatabaseTextSize = 1024;    ///< bytes of one database entry's texts
-constexpr size_t kHostByNameTextSize = 8192;  ///< bytes of one host's names and addresses
-constexpr size_t kTimeTextSize = 26;          ///< bytes of a time as text
+constexpr size_t kDatabaseTextSize = 1024;    //!< bytes of one database entry's texts
+constexpr size_t kHostByNameTextSize = 8192;  //!< bytes of one host's names and addresses
+constexpr size_t kTimeTextSize = 26;          //!< bytes of a time as text
 
 /// An error record: type * 10000 + severity * 1000 + code, and the message.
 struct vx_error_record {
   int32_t number;
-  const char* text;  ///< owned only where a record's place says so
+  const char* text;  //!< owned only where a record's place says so
 };
 
 /// A growing buffer from the C allocators.
@@ -33,16 +33,16 @@ struct vx_text_buffer {
 /// What the runtime keeps for each thread, zeroed at first. Members that are owned are freed
 /// with the block.
 struct liblocal_t_varp {
-  char strerror_text[kErrorTextSize];  ///< brix_strerror
-  vx_error_record saved_error;         ///< err_save; its text is owned
-  vx_error_record current_error;       ///< err_set, err_setall, err_setstr, err_dup
-  char* accrued_text;                  ///< err_accrue; owned
-  int32_t accruing;                    ///< 1 while printerr hands its messages to err_accrue
-  char* message;                       ///< err_setstr: kMessageSize bytes; owned
-  vx_text_buffer utf8_encoded;         ///< utf8encode; owned
-  vx_text_buffer utf8_decoded;         ///< utf8decode; owned
-  vx_text_buffer utf8_path;            ///< the last path in the locale's codeset; owned
-  uint32_t random_seed;                ///< vx_ts_rand; 0 until seeded
+  char strerror_text[kErrorTextSize];  //!< brix_strerror
+  vx_error_record saved_error;         //!< err_save; its text is owned
+  vx_error_record current_error;       //!< err_set, err_setall, err_setstr, err_dup
+  char* accrued_text;                  //!< err_accrue; owned
+  int32_t accruing;                    //!< 1 while printerr hands its messages to err_accrue
+  char* message;                       //!< err_setstr: kMessageSize bytes; owned
+  vx_text_buffer utf8_encoded;         //!< utf8encode; owned
+  vx_text_buffer utf8_decoded;         //!< utf8decode; owned
+  vx_text_buffer utf8_path;            //!< the last path in the locale's codeset; owned
+  uint32_t random_seed;                //!< vx_ts_rand; 0 until seeded
   char asctime_text[kTimeTextSize];
   char ctime_text[kTimeTextSize];
   group grgid_entry;
@@ -74,7 +74,7 @@ struct liblocal_t_varp {
 
 /// What the runtime keeps for the process.
 struct liblocal_p_varp {
-  std::atomic<int32_t> shutdown_stdio;  ///< 1: the standard streams are shut down at exit
+  std::atomic<int32_t> shutdown_stdio;  //!< 1: the standard streams are shut down at exit
 };
 
 VARP_DECLARE_THREAD_BLOCK(liblocal)

@@ -14,15 +14,15 @@
 /// Whose numbers the value of a last error follows.
 enum VxErrorKind : int32_t {
   kVxErrorCarbon = 0,
-  kVxErrorErrno = 1,     ///< system errors, as in errno
-  kVxErrorResolver = 2,  ///< resolver errors, as in h_errno
+  kVxErrorErrno = 1,     //!< system errors, as in errno
+  kVxErrorResolver = 2,  //!< resolver errors, as in h_errno
   kVxErrorWin32 = 3,
   kVxErrorWinsock = 4,
 };
 
 // Library error codes that callers name. Each other code means one errno value.
-constexpr int32_t kVxUnknownError = 1;  ///< an error without a code of its own
-constexpr int32_t kVxNullArgument = 2;  ///< a null handle or required argument
+constexpr int32_t kVxUnknownError = 1;  //!< an error without a code of its own
+constexpr int32_t kVxNullArgument = 2;  //!< a null handle or required argument
 
 /// Records `value` of `kind` as the calling thread's last error. Returns the
 /// thread's record, which it keeps; null when it cannot be allocated.

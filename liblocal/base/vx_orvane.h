@@ -8,14 +8,14 @@ struct vx_thread;
 
 /// The last failure of a thread, as it was reported to vx_error_set_last.
 struct vx_last_error {
-  int32_t kind;   ///< one of VxErrorKind in vx_error.h
-  int32_t value;  ///< the raw error number of that kind
+  int32_t kind;   //!< one of VxErrorKind in vx_error.h
+  int32_t value;  //!< the raw error number of that kind
 };
 
 /// The calling thread's library record.
 struct vx_orvane {
-  vx_thread* identity;        ///< null until vx_thread_self; holds one reference
-  vx_last_error* last_error;  ///< null until an error is recorded; owned
+  vx_thread* identity;        //!< null until vx_thread_self; holds one reference
+  vx_last_error* last_error;  //!< null until an error is recorded; owned
 };
 
 /// The calling thread's record, made zeroed on first use; never null. When its key or the

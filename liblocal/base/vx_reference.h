@@ -11,8 +11,8 @@
 
 /// How every library object begins.
 struct vx_object_header {
-  uint32_t flags;  ///< kVxObjectValid while the object lives
-  int32_t slot;    ///< its number in the reference table
+  uint32_t flags;  //!< kVxObjectValid while the object lives
+  int32_t slot;    //!< its number in the reference table
 };
 
 /// The flag of an object that lives.

@@ -8,8 +8,8 @@
 
 #include <climits>
 
-constexpr int kVxFdSetSize = 65536;                              ///< descriptors: 0 to 65535
-constexpr int kVxFdWordBits = CHAR_BIT * sizeof(unsigned long);  ///< of a word of a set
+constexpr int kVxFdSetSize = 65536;                              //!< descriptors: 0 to 65535
+constexpr int kVxFdWordBits = CHAR_BIT * sizeof(unsigned long);  //!< of a word of a set
 
 /// A set of descriptors, one bit each, in the words that select(2) reads.
 struct vx_fd_set {

@@ -19,8 +19,8 @@
 #include "liblocal/base/vx_mutex.h"
 #include "liblocal/hosts/hostlist_cache.h"
 
-constexpr int64_t kResolvedSeconds = 1800;   ///< how long a resolved host is valid
-constexpr int64_t kUnresolvedSeconds = 300;  ///< how long an unknown name is not asked for
+constexpr int64_t kResolvedSeconds = 1800;   //!< how long a resolved host is valid
+constexpr int64_t kUnresolvedSeconds = 300;  //!< how long an unknown name is not asked for
 
 /// The cache, guarded by hostlist_cache_lock.
 extern hostlist_cache dns_hostlist_cache;

@@ -31,53 +31,53 @@
 
 /// The expiry of a host that never expires.
 constexpr int64_t kHostNeverExpires = 2147483647;
-constexpr int32_t kHostlistStep = 1024;     ///< slots of a new table, and added at a time
-constexpr int32_t kHostlistReserve = 100;   ///< free slots that making room aims at
-constexpr size_t kLocalHostNameSize = 256;  ///< bytes of the local host's name
+constexpr int32_t kHostlistStep = 1024;     //!< slots of a new table, and added at a time
+constexpr int32_t kHostlistReserve = 100;   //!< free slots that making room aims at
+constexpr size_t kLocalHostNameSize = 256;  //!< bytes of the local host's name
 
 /// Whether an entry may be used.
 enum HostState : uint32_t {
   HOST_LIVE = 0,
-  HOST_PINNED = 1,      ///< live, and not to be evicted for the moment
-  HOST_STALE = 2,       ///< dropped
-  HOST_UNRESOLVED = 3,  ///< a name that the resolver does not know
+  HOST_PINNED = 1,      //!< live, and not to be evicted for the moment
+  HOST_STALE = 2,       //!< dropped
+  HOST_UNRESOLVED = 3,  //!< a name that the resolver does not know
 };
 
 /// One name of a host.
 struct host_entry {
-  char* name;           ///< owned
-  host_entry* primary;  ///< of the entry's host; its own for the first one
-  host_entry* next;     ///< in the chain, or in the free list
+  char* name;           //!< owned
+  host_entry* primary;  //!< of the entry's host; its own for the first one
+  host_entry* next;     //!< in the chain, or in the free list
   uint32_t state;
-  int64_t expiry;  ///< service time after which the host is to be resolved again
+  int64_t expiry;  //!< service time after which the host is to be resolved again
 };
 
 /// How large a cache may grow.
 struct hostlist_limits {
-  const char* variable;   ///< environment variable with the maximum capacity
-  int32_t least_maximum;  ///< the maximum without it, and the least that it can ask for
+  const char* variable;   //!< environment variable with the maximum capacity
+  int32_t least_maximum;  //!< the maximum without it, and the least that it can ask for
   int32_t step = kHostlistStep;
   int32_t reserve = kHostlistReserve;
 };
 
 /// One cache. Its lock is hostlist_cache_lock.
 struct hostlist_cache {
-  const hostlist_limits* limits;     ///< not null; stays when the cache is freed
-  host_entry** table = nullptr;      ///< `capacity` slots, the first `count` in use
-  host_entry* local_host = nullptr;  ///< this host; null until resolved, and for the clients
-  host_entry* free_list = nullptr;   ///< entries to be used again, linked by `next`
+  const hostlist_limits* limits;     //!< not null; stays when the cache is freed
+  host_entry** table = nullptr;      //!< `capacity` slots, the first `count` in use
+  host_entry* local_host = nullptr;  //!< this host; null until resolved, and for the clients
+  host_entry* free_list = nullptr;   //!< entries to be used again, linked by `next`
   int32_t count = 0;
-  int32_t stale_count = 0;  ///< entries of the table that are HOST_STALE
+  int32_t stale_count = 0;  //!< entries of the table that are HOST_STALE
   int32_t capacity = 0;
-  int32_t maximum_capacity = 0;                   ///< 0 until first needed
-  int32_t update_style = 0;                       ///< of the clients
-  char local_host_name[kLocalHostNameSize] = "";  ///< unset while it begins with NUL or a blank
+  int32_t maximum_capacity = 0;                   //!< 0 until first needed
+  int32_t update_style = 0;                       //!< of the clients
+  char local_host_name[kLocalHostNameSize] = "";  //!< unset while it begins with NUL or a blank
 };
 
 /// Where a name is, or would be, in the table.
 struct host_place {
-  host_entry* entry;  ///< null when the name is not there
-  int32_t hint;       ///< the last slot that the search looked at, for hostlist_cache_insert
+  host_entry* entry;  //!< null when the name is not there
+  int32_t hint;       //!< the last slot that the search looked at, for hostlist_cache_insert
 };
 
 /// The lock of both caches, made on first use. When it cannot be made, the process is sent

@@ -13,9 +13,9 @@
 extern int64_t Catd;
 
 // The sets, each with the owner of its texts.
-constexpr int32_t kRuntimeMessageSet = 17;  ///< The runtime, and some of the RPC engine.
-constexpr int32_t kRpcMessageSet = 21;      ///< The RPC engine.
-constexpr int32_t kCommandMessageSet = 41;  ///< The command and the SNMP engine.
+constexpr int32_t kRuntimeMessageSet = 17;  //!< The runtime, and some of the RPC engine.
+constexpr int32_t kRpcMessageSet = 21;      //!< The RPC engine.
+constexpr int32_t kCommandMessageSet = 41;  //!< The command and the SNMP engine.
 
 /// The text of message `number` of `set`: the catalog's, or `default_text`
 /// itself when no catalog is open or it holds no such message. Until _vxinit has

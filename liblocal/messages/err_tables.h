@@ -18,13 +18,13 @@ constexpr int32_t kErrTypeJobs = 9;
 /// The text of an error that no table has.
 constexpr const char* kErrDefaultText = "Unknown error";
 
-constexpr int32_t kErrTypeSlots = 11;     ///< Slots 0 to 10. Records use the types 1 to 10.
-constexpr size_t kErrTypeNameSize = 132;  ///< Bytes of a name, terminator included.
-constexpr int32_t kRpcErrorCodes = 28;    ///< RPC call status codes 0 to 27.
+constexpr int32_t kErrTypeSlots = 11;     //!< Slots 0 to 10. Records use the types 1 to 10.
+constexpr size_t kErrTypeNameSize = 132;  //!< Bytes of a name, terminator included.
+constexpr int32_t kRpcErrorCodes = 28;    //!< RPC call status codes 0 to 27.
 
 /// One type. `texts` and `severities` have `max_code` + 1 elements each.
 struct err_type {
-  std::atomic<int32_t> max_code;  ///< 0: the slot is unused.
+  std::atomic<int32_t> max_code;  //!< 0: the slot is unused.
   char name[kErrTypeNameSize];
   const char* const* texts;
   const int32_t* severities;

@@ -3,8 +3,8 @@
 
 #include <cstddef>
 
-constexpr size_t kJoinedSize = 6144;  ///< Bytes of a joined text.
-constexpr int kJoinedTexts = 200;     ///< So many results are valid at a time.
+constexpr size_t kJoinedSize = 6144;  //!< Bytes of a joined text.
+constexpr int kJoinedTexts = 200;     //!< So many results are valid at a time.
 
 /// The three texts one after the other, cut to fit kJoinedSize bytes. A null text counts
 /// as empty. The result stays valid until kJoinedTexts further calls have been made, by

@@ -7,9 +7,9 @@
 
 /// The parts of a debug command.
 struct debug_command {
-  std::string_view name;        ///< Letters, perhaps none: a part of the parsed text.
-  std::string_view value_text;  ///< A '-' or none, digits or none: likewise.
-  int value;                    ///< 0 without digits; never beyond INT_MAX or -INT_MAX.
+  std::string_view name;        //!< Letters, perhaps none: a part of the parsed text.
+  std::string_view value_text;  //!< A '-' or none, digits or none: likewise.
+  int value;                    //!< 0 without digits; never beyond INT_MAX or -INT_MAX.
 };
 
 /// Parses `text`: a name of ASCII letters, '=', a value. Blanks, tabs and newlines before

@@ -10,12 +10,12 @@
 #include "rpc/auth/auth.h"
 #include "rpc/xdr/xdr.h"
 
-constexpr uint32_t kMaxMachineName = 255;  ///< bytes, without the terminator
-constexpr uint32_t kMaxSystemGroups = 17;  ///< RFC 5531 has 16
+constexpr uint32_t kMaxMachineName = 255;  //!< bytes, without the terminator
+constexpr uint32_t kMaxSystemGroups = 17;  //!< RFC 5531 has 16
 
 /// The body of a system credential, in wire order.
 struct authsys_parms {
-  time_t time;  ///< seconds; 32 bits on the wire
+  time_t time;  //!< seconds; 32 bits on the wire
   char* machine_name;
   int32_t uid;
   int32_t gid;

@@ -15,10 +15,10 @@
 struct AUTH;
 struct CLIENT;
 
-constexpr uint32_t kAuthGetMethod = 2;  ///< control request: the number of the method
+constexpr uint32_t kAuthGetMethod = 2;  //!< control request: the number of the method
 
-constexpr int32_t kAuthMethodNone = 1;    ///< what kAuthGetMethod stores: flavour none
-constexpr int32_t kAuthMethodSystem = 2;  ///< flavour system
+constexpr int32_t kAuthMethodNone = 1;    //!< what kAuthGetMethod stores: flavour none
+constexpr int32_t kAuthMethodSystem = 2;  //!< flavour system
 
 /// What a flavour provides, in slot order.
 struct auth_ops {
@@ -43,7 +43,7 @@ struct auth_ops {
 struct AUTH {
   opaque_auth credential;
   opaque_auth verifier;
-  uint8_t key[8];  ///< for flavours that encrypt
+  uint8_t key[8];  //!< for flavours that encrypt
   const auth_ops* ops;
-  void* private_data;  ///< the flavour's own record
+  void* private_data;  //!< the flavour's own record
 };

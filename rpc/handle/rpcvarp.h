@@ -14,7 +14,7 @@
 
 struct vx_mutex;
 
-constexpr int32_t kServerTransportSlots = 65536;  ///< one for each descriptor
+constexpr int32_t kServerTransportSlots = 65536;  //!< one for each descriptor
 
 /// Why a client could not be made: the status, and its cause (an error number for
 /// RPC_SYSTEMERROR, the failed call's status for RPC_PMAPFAILURE).
@@ -40,7 +40,7 @@ struct rpc_started_mapper {
 
 /// The server side of a connection or socket; its own record begins with this.
 struct rpc_server_transport {
-  void* extra;  ///< a further buffer from malloc, freed before the transport is destroyed
+  void* extra;  //!< a further buffer from malloc, freed before the transport is destroyed
   void (*destroy)(rpc_server_transport* transport);
 };
 
@@ -52,17 +52,17 @@ struct rpc_server_transports {
 /// What the runtime keeps for each thread, zeroed at first.
 struct rpc_t_varp {
   rpc_createerr create_error;
-  char text[kMessageSize];            ///< c_perror.h
-  rpc_port_entry* port_cache;         ///< newest first; owned, each from malloc
-  bool port_cache_read;               ///< once the environment was read into it
-  rpc_started_mapper* mappers;        ///< owned, each from malloc
-  rpc_server_transports* transports;  ///< null until one is used; owned
+  char text[kMessageSize];            //!< c_perror.h
+  rpc_port_entry* port_cache;         //!< newest first; owned, each from malloc
+  bool port_cache_read;               //!< once the environment was read into it
+  rpc_started_mapper* mappers;        //!< owned, each from malloc
+  rpc_server_transports* transports;  //!< null until one is used; owned
 };
 
 /// What the runtime keeps for the process.
 struct rpc_p_varp {
-  vx_mutex* lock;                    ///< "the process lock": the runtime's shared tables
-  std::atomic<bool> pmap_cache_off;  ///< port caches are neither read nor filled
+  vx_mutex* lock;                    //!< "the process lock": the runtime's shared tables
+  std::atomic<bool> pmap_cache_off;  //!< port caches are neither read nor filled
 };
 
 VARP_DECLARE_THREAD_BLOCK(rpc)

@@ -39,17 +39,17 @@ enum clnt_stat : int32_t {
 
 /// Two words about an unforeseen reply.
 struct rpc_err_words {
-  long s1;  ///< the reply state
-  long s2;  ///< the accept or reject state
+  long s1;  //!< the reply state
+  long s2;  //!< the accept or reject state
 };
 
 /// The outcome of a call. A detail that the status does not have is zero.
 struct rpc_err {
-  clnt_stat status;  ///< decides which detail counts
+  clnt_stat status;  //!< decides which detail counts
   union {
-    rpc_err_words other;    ///< RPC_FAILED; the largest, so that {} clears all
-    int32_t error_number;   ///< RPC_CANTSEND, RPC_CANTRECV, RPC_SYSTEMERROR: of the system
-    int32_t why;            ///< RPC_AUTHERROR: auth_state
-    rpc_versions versions;  ///< RPC_VERSMISMATCH, RPC_PROGVERSMISMATCH
+    rpc_err_words other;    //!< RPC_FAILED; the largest, so that {} clears all
+    int32_t error_number;   //!< RPC_CANTSEND, RPC_CANTRECV, RPC_SYSTEMERROR: of the system
+    int32_t why;            //!< RPC_AUTHERROR: auth_state
+    rpc_versions versions;  //!< RPC_VERSMISMATCH, RPC_PROGVERSMISMATCH
   };
 };

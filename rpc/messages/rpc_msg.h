@@ -9,7 +9,7 @@
 #include "rpc/xdr/xdr.h"
 
 constexpr unsigned long kRpcVersion = 2;
-constexpr uint32_t kMaxAuthBytes = 32744;  ///< body of a credential or verifier; RFC 5531 has 400
+constexpr uint32_t kMaxAuthBytes = 32744;  //!< body of a credential or verifier; RFC 5531 has 400
 
 /// Which of the two a message is.
 enum rpc_direction : int32_t { kRpcCall = 0, kRpcReply = 1 };
@@ -47,9 +47,9 @@ enum auth_flavour : int32_t { kAuthNone = 0, kAuthSystem = 1, kAuthShort = 2 };
 /// A credential or a verifier. Who frees the body is up to the holder; one
 /// that decoding made is freed by the free operation of its filter.
 struct opaque_auth {
-  int32_t flavour;  ///< auth_flavour, or another
-  uint8_t* body;    ///< null when it is empty
-  uint32_t length;  ///< at most kMaxAuthBytes
+  int32_t flavour;  //!< auth_flavour, or another
+  uint8_t* body;    //!< null when it is empty
+  uint32_t length;  //!< at most kMaxAuthBytes
 };
 
 /// Flavour none with an empty body.
@@ -57,43 +57,43 @@ inline constexpr opaque_auth __brix_null_auth = {kAuthNone, nullptr, 0};
 
 /// The header of a call; its arguments come next on the stream.
 struct rpc_call_message {
-  unsigned long transaction;  ///< 32 bits on the wire, as the other longs
-  int32_t direction;          ///< kRpcCall
-  unsigned long rpc_version;  ///< kRpcVersion
-  unsigned long program;      ///< which is called
-  unsigned long version;      ///< of the program
-  unsigned long procedure;    ///< of the version
-  opaque_auth credential;     ///< who calls
-  opaque_auth verifier;       ///< proves the credential
+  unsigned long transaction;  //!< 32 bits on the wire, as the other longs
+  int32_t direction;          //!< kRpcCall
+  unsigned long rpc_version;  //!< kRpcVersion
+  unsigned long program;      //!< which is called
+  unsigned long version;      //!< of the program
+  unsigned long procedure;    //!< of the version
+  opaque_auth credential;     //!< who calls
+  opaque_auth verifier;       //!< proves the credential
 };
 
 /// The lowest and the highest version that a server knows.
 struct rpc_versions {
-  unsigned long low;   ///< the lowest
-  unsigned long high;  ///< the highest
+  unsigned long low;   //!< the lowest
+  unsigned long high;  //!< the highest
 };
 
 /// The reply to a call that was accepted.
 struct rpc_accepted_reply {
-  opaque_auth verifier;      ///< of the server
-  int32_t state;             ///< rpc_accept_state
-  void* results;             ///< kAcceptSuccess: where the results are stored; set before decoding
-  xdrproc_t results_filter;  ///< kAcceptSuccess: by which filter; set before decoding, not null
-  rpc_versions versions;     ///< kAcceptProgramMismatch
+  opaque_auth verifier;      //!< of the server
+  int32_t state;             //!< rpc_accept_state
+  void* results;             //!< kAcceptSuccess: where the results are stored; set before decoding
+  xdrproc_t results_filter;  //!< kAcceptSuccess: by which filter; set before decoding, not null
+  rpc_versions versions;     //!< kAcceptProgramMismatch
 };
 
 /// The reply to a call that was denied.
 struct rpc_denied_reply {
-  int32_t state;          ///< rpc_reject_state
-  rpc_versions versions;  ///< kRejectRpcMismatch
-  int32_t why;            ///< kRejectAuthError: auth_state
+  int32_t state;          //!< rpc_reject_state
+  rpc_versions versions;  //!< kRejectRpcMismatch
+  int32_t why;            //!< kRejectAuthError: auth_state
 };
 
 /// A reply.
 struct rpc_reply_message {
-  unsigned long transaction;    ///< 32 bits on the wire
-  int32_t direction;            ///< kRpcReply
-  int32_t state;                ///< rpc_reply_state: which of the two is filled in
-  rpc_accepted_reply accepted;  ///< kReplyAccepted
-  rpc_denied_reply denied;      ///< kReplyDenied
+  unsigned long transaction;    //!< 32 bits on the wire
+  int32_t direction;            //!< kRpcReply
+  int32_t state;                //!< rpc_reply_state: which of the two is filled in
+  rpc_accepted_reply accepted;  //!< kReplyAccepted
+  rpc_denied_reply denied;      //!< kReplyDenied
 };

@@ -10,8 +10,8 @@
 
 struct rpc_err;
 
-constexpr uint32_t kRpcCallHeaderSize = 20;  ///< bytes of __brix_xdr_callhdr
-constexpr uint32_t kDesBlockSize = 8;        ///< bytes
+constexpr uint32_t kRpcCallHeaderSize = 20;  //!< bytes of __brix_xdr_callhdr
+constexpr uint32_t kDesBlockSize = 8;        //!< bytes
 
 /// A credential or verifier: its flavour, then its body of at most kMaxAuthBytes.
 /// Decoding gives a null body a buffer.

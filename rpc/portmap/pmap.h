@@ -8,8 +8,8 @@
 
 constexpr unsigned long kPmapProgram = 100000;
 constexpr unsigned long kPmapVersion = 2;
-constexpr unsigned long kPmapGetPort = 3;  ///< procedure: a pmap record to a 16-bit port
-constexpr uint16_t kOwnMapperPort = 7938;  ///< of the runtime's own port mapper
+constexpr unsigned long kPmapGetPort = 3;  //!< procedure: a pmap record to a 16-bit port
+constexpr uint16_t kOwnMapperPort = 7938;  //!< of the runtime's own port mapper
 constexpr uint16_t kStandardMapperPort = 111;
 
 /// A program on a port; `protocol` is the IP protocol number. 32 bits each on the wire.

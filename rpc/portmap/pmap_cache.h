@@ -14,7 +14,7 @@
 
 #include "rpc/portmap/pmap.h"
 
-constexpr size_t kPmapsSize = 12288;  ///< bytes of the variable's value with its NUL
+constexpr size_t kPmapsSize = 12288;  //!< bytes of the variable's value with its NUL
 
 /// The port that the calling thread's cache has for a program; 0 when there is none or
 /// caches are switched off.

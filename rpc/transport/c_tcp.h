@@ -42,16 +42,16 @@ using rpc_wait_function = int32_t (*)(const timeval* elapsed, void* argument, co
 
 /// The information of CLSET_WAIT_FUNCTION and CLGET_WAIT_FUNCTION.
 struct rpc_wait {
-  timeval step;  ///< the longest single wait
+  timeval step;  //!< the longest single wait
   rpc_wait_function function;
   void* argument;
 };
 
 /// The wait state of CLGET_WAIT_STATE and CLSET_WAIT_STATE.
 enum rpc_wait_state : int32_t {
-  kWaitOfCall = 0,   ///< each call says its own limit
-  kWaitSet = 1,      ///< CLSET_TIMEOUT gave it
-  kWaitNoLimit = 2,  ///< CLSET_TIMEOUT gave null
+  kWaitOfCall = 0,   //!< each call says its own limit
+  kWaitSet = 1,      //!< CLSET_TIMEOUT gave it
+  kWaitNoLimit = 2,  //!< CLSET_TIMEOUT gave null
 };
 
 /// A client of `program` and `version` at `server`, with the none authentication. When

@@ -14,17 +14,17 @@
 #include "rpc/messages/rpc_msg.h"
 #include "rpc/xdr/xdr.h"
 
-constexpr int32_t kRefreshTries = 2;  ///< of the credentials, within a call
+constexpr int32_t kRefreshTries = 2;  //!< of the credentials, within a call
 
 /// What the record of a client begins with. It holds the client itself.
 struct ClientRecord {
   CLIENT handle;
   int32_t socket;
-  bool close_socket;  ///< by destroy
-  bool confirmed;     ///< a call was accepted
+  bool close_socket;  //!< by destroy
+  bool confirmed;     //!< a call was accepted
   sockaddr_in server;
-  rpc_err error;  ///< of the last call
-  XDR stream;     ///< calls are encoded here
+  rpc_err error;  //!< of the last call
+  XDR stream;     //!< calls are encoded here
 };
 
 /// The record of `client`.

@@ -26,7 +26,7 @@
 
 #include "rpc/handle/clnt.h"
 
-constexpr uint32_t kUdpMessageSize = 8800;  ///< bytes that a call and its reply may have
+constexpr uint32_t kUdpMessageSize = 8800;  //!< bytes that a call and its reply may have
 
 /// A client of `program` and `version` at `server`, with the none authentication. When
 /// the address has port 0, the server's port mapper is asked (p_getprt.h) and the

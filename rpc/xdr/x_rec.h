@@ -26,8 +26,8 @@
 
 #include "rpc/xdr/xdr.h"
 
-constexpr uint32_t kXdrRecMaxFragment = 16 << 20;  ///< bytes; longer ones are refused
-constexpr uint32_t kXdrRecLargePut = 8000;         ///< bytes from which a put is not buffered
+constexpr uint32_t kXdrRecMaxFragment = 16 << 20;  //!< bytes; longer ones are refused
+constexpr uint32_t kXdrRecLargePut = 8000;         //!< bytes from which a put is not buffered
 
 /// Reads what is there, at least one byte, into `buffer` of `length` bytes and, once
 /// that is full, into `second` (null: none). Returns the number of bytes; 0 or less

@@ -31,11 +31,11 @@ struct XDR;
 /// What a filter does with its object.
 enum class xdr_op : uint32_t { kEncode = 0, kDecode = 1, kFree = 2 };
 
-constexpr uint32_t kXdrUnit = 4;                     ///< bytes of one unit on the wire
-constexpr int32_t kXdrRemainingUnknown = INT32_MAX;  ///< of a stream that cannot tell
-constexpr uint32_t kXdrMaxBytes = 0xFFFFFFFB;        ///< longest counted bytes or string
-constexpr uint32_t kXdrControlBytesAvailable = 6;    ///< the one request that streams know
-constexpr uint32_t kXdrDigestSize = 20;              ///< bytes of a digest or identifier
+constexpr uint32_t kXdrUnit = 4;                     //!< bytes of one unit on the wire
+constexpr int32_t kXdrRemainingUnknown = INT32_MAX;  //!< of a stream that cannot tell
+constexpr uint32_t kXdrMaxBytes = 0xFFFFFFFB;        //!< longest counted bytes or string
+constexpr uint32_t kXdrControlBytesAvailable = 6;    //!< the one request that streams know
+constexpr uint32_t kXdrDigestSize = 20;              //!< bytes of a digest or identifier
 
 /// What a kind of stream provides, in slot order. On a stream over memory, an operation that
 /// fails for lack of room or data changes nothing.
@@ -77,12 +77,12 @@ struct xdr_ops {
 /// One stream; owned by whoever embeds it. The fields after `ops` belong to the kind
 /// of stream, but for `user`.
 struct XDR {
-  xdr_op operation;    ///< what filters do
-  const xdr_ops* ops;  ///< of the kind of stream
-  void* user;          ///< for the user of the stream; the kinds here leave it alone
-  void* private_word;  ///< memory: the current position; counting: the caller's counter
-  uint8_t* base;       ///< memory: start of the buffer
-  int32_t remaining;   ///< memory: bytes left in the buffer
+  xdr_op operation;    //!< what filters do
+  const xdr_ops* ops;  //!< of the kind of stream
+  void* user;          //!< for the user of the stream; the kinds here leave it alone
+  void* private_word;  //!< memory: the current position; counting: the caller's counter
+  uint8_t* base;       //!< memory: start of the buffer
+  int32_t remaining;   //!< memory: bytes left in the buffer
 };
 
 /// The type through which every filter is called that is passed as a value

@@ -39,8 +39,8 @@ bool __brix_xdr_pointer(XDR* xdrs, void** object, uint32_t size, xdrproc_t filte
 
 /// One arm of a union.
 struct xdr_discrim {
-  int32_t value;  ///< of the discriminant
-  xdrarm_t arm;   ///< null ends the list
+  int32_t value;  //!< of the discriminant
+  xdrarm_t arm;   //!< null ends the list
 };
 
 /// A discriminated union (RFC 4506, section 4.15): the discriminant, then the arm of
