@@ -142,7 +142,6 @@ int __wrap_ppoll(pollfd* polled, nfds_t count, const timespec* timeout, const si
   if (is_refused(waits)) return waits.error == 0 ? 0 : -1;
   return __real_ppoll(polled, count, timeout, mask);
 }
-
 int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* exceptional, timeval* timeout) {
   if (is_refused(waits)) return waits.error == 0 ? 0 : -1;
   return __real_select(count, in, out, exceptional, timeout);

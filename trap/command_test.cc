@@ -78,6 +78,7 @@ TEST_F(CommandTest, CommandLines) {
       {{"manager", "-f", "/run/message", "6", "-f"}, from_file},
       {{"manager", "-v"}, "", "[41.24] invalid option: -v\n", kUsage},
       {{"-v"}, "", "", kUsage},
+      {{"-q", "manager"}, "", "", kUsage},
       {{"-v", "-t3", "-s", "70000", "-c", "a b", "manager"},
        trap_message("disk full", "a b", "020103 0203011170"),
        "[41.73] community = a b\ttrap = 3\tspecific=70000\n"},
