@@ -24,8 +24,9 @@ size_t utf8_mbs(char* output, const char* input, size_t size);
 /// terminates and cuts as utf8_mbs. Returns the same, but `size` in any codeset, when only the
 /// NUL left no room for a next character of two bytes or more. A transparent byte (see mbt.h)
 /// becomes the byte that it represents; bytes that are not UTF-8 are copied; each character
-/// that the codeset lacks becomes '?'. A broken transparent byte, 0xEF 0xA2 or 0xEF 0xA3
-/// without its third byte, ends the text, and 0 is returned.
+/// that the codeset lacks becomes '?', but for Unicode's tags (U+E0000 to U+E007F), which the
+/// platform's converters leave out. A broken transparent byte, 0xEF 0xA2 or 0xEF 0xA3 without
+/// its third byte, ends the text, and 0 is returned.
 size_t ansi_mbs(char* output, const char* input, size_t size);
 
 /// ansi_mbs within 12288 bytes and then vx_mbstombts into `output` of `size` bytes.
