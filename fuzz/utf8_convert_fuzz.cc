@@ -63,19 +63,19 @@ static Outcome model(Step (*step)(std::string_view), std::string_view text, size
   return {whole, size - left};
 }
 
-// What `character` alone becomes, `refused` where the converter refuses it; nothing for a tag.
-static std::string converted(iconv_t converter, std::string_view character, const char* refused) {
+// What `character` alone becomes; nothing where the converter refuses it.
+static std::string converted(iconv_t converter, std::string_view character) {
   char *in = const_cast<char*>(character.data()), made[64], *out = made;
   size_t in_left = character.size(), out_left = sizeof made;
   const bool valid = iconv(converter, &in, &in_left, &out, &out_left) != SIZE_MAX;
   iconv(converter, nullptr, nullptr, &out, &out_left);
-  return valid ? std::string(made, out) : refused;
+  return valid ? std::string(made, out) : "";
 }
 
 // Each run of the converter may use the last byte; an invalid byte ends a run.
 static Step step_in(std::string_view text) {
   for (size_t length = 1; length <= std::min<size_t>(text.size(), 4); ++length) {
-    const std::string made = converted(codeset->to_utf8, text.substr(0, length), "");
+    const std::string made = converted(codeset->to_utf8, text.substr(0, length));
     if (!made.empty()) return {length, made, true};
   }
   return {1, "?", false};
@@ -88,7 +88,8 @@ static Step step_out(std::string_view text) {
   const auto length = static_cast<size_t>(std::max(utf8_mblen(text.data(), text.size()), 1));
   const std::string same(text.substr(0, length));
   if (length == 1 || Needs_conversion == 0) return {length, same, false};
-  return {length, converted(codeset->from_utf8, same, "?"), false};
+  const std::string made = converted(codeset->from_utf8, same);
+  return {length, made.empty() ? "?" : made, false};
 }
 
 static std::string through_stream(std::string text, int size) {
@@ -100,7 +101,8 @@ static std::string through_stream(std::string text, int size) {
 }
 
 void check_input(std::string_view input) {
-  if (input.size() < 2) return;
+  // No model for tags (U+E0000): the platform's converters leave them out if there is room.
+  if (input.size() < 2 || input.find("\xF3\xA0") != input.npos) return;
   codeset = &codesets[static_cast<uint8_t>(input[0]) % std::size(codesets)];
   assert(codeset->to_utf8 != reinterpret_cast<iconv_t>(-1));
   const bool is_utf8 = codeset->name == std::string_view("UTF-8");

@@ -151,7 +151,6 @@ int __wrap_nanosleep(const timespec* pause, timespec* left) {
   sleeps->push_back(pause->tv_sec * 1000 + pause->tv_nsec / 1'000'000);
   return 0;
 }
-
 time_t __wrap_time(time_t* result) { return now != 0 ? now.load() : __real_time(result); }
 
 int __wrap_gethostbyname_r(const char* name, hostent* entry, char* text, size_t size,
